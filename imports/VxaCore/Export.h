@@ -1,0 +1,3 @@
+#pragma once
+
+#define VXA_CORE_API __attribute__((visibility("default")))

@@ -1,0 +1,71 @@
+/* Choosing and inspecting the engine behind the driver-interface library.
+ *
+ * For hosts (the Lua module, the command, tests). Plugins include <vxi/vxi.h>
+ * only: which engine serves them is the host's decision.
+ *
+ * All calls are safe from any thread.
+ */
+#ifndef VXI_ENGINE_H
+#define VXI_ENGINE_H
+
+#include "vxi/vxi.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Name of the engine that the next vxi_open uses: "linux" unless the environment
+ * variable VXI_ENGINE or vxi_engine_select says otherwise. The text lives for the
+ * process. */
+VXI_API const char* vxi_engine_name(void);
+
+/* Chooses the engine for handles opened from now on; open handles keep theirs.
+ * -EINVAL for a name that no engine has (vxi_engine_list tells them). */
+VXI_API int vxi_engine_select(const char* name);
+
+/* The engines' names, null-terminated; lives for the process. */
+VXI_API const char* const* vxi_engine_list(void);
+
+/* Why this thread's last vxi_open returned null; empty when it did not. */
+VXI_API const char* vxi_open_error(void);
+
+/* What an engine can deliver on this machine, one row a facility. */
+typedef struct vxi_capability_s {
+    const char* name;  /* "scan-metrics", "statistics", "variables", "conntrack",
+                          "conn-states", "blacklist", "rule-profile" */
+    int available;     /* 1: the calls will be served */
+    char detail[192];  /* available: from which source; else why not and what would mend it */
+} vxi_capability_s;
+
+/* Fills up to `count` rows and returns how many facilities there are in all;
+ * negative on failure. Asks the system without changing it. */
+VXI_API int vxi_capabilities(vxi_handle_ops_s* handle, vxi_capability_s* rows, unsigned int count);
+
+/* Scripted failures around any engine, for tests and rehearsals; see
+ * engines/fault/README.md. Also by the environment variable VXI_FAULT. An empty
+ * or null text removes all faults. -EINVAL and an unchanged script for a text that
+ * cannot be read; *position then is the offset of the offending character (may be
+ * null). Applies to open handles as well. */
+VXI_API int vxi_fault_script(const char* script, unsigned int* position);
+
+/* Settings of the simulated engine, see engines/sim/README.md: a fresh machine
+ * from the first tick. Also by the environment variable VXI_SIM. -EINVAL as above. */
+VXI_API int vxi_sim_configure(const char* settings, unsigned int* position);
+
+/* The simulated machine's own figures at its present tick, in the units of the
+ * health monitor, for harnesses that fake the machine's commands and files. */
+typedef struct vxi_sim_machine_s {
+    uint64_t tick;
+    double run_queue_length;
+    unsigned int cpu_count;
+    uint64_t memory_total_kb;
+    uint64_t memory_free_kb;
+} vxi_sim_machine_s;
+
+VXI_API void vxi_sim_machine(vxi_sim_machine_s* machine);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
