@@ -1,0 +1,252 @@
+// Health configuration: the two readers and the JSON log of what is in force.
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include <cjson/cJSON.h>
+#include <wx/log.h>
+
+#include "SystemHealth.h"
+#include "VxaCore/Dom.h"
+
+wxCriticalSection g_syshealth_cs;
+
+const wxString s_TraceEngine("SysHealth.eng");
+const wxString s_TraceScan("SysHealth.scan");
+const wxString s_TraceConf("SysHealth.conf");
+const wxString s_TraceMetr("SysHealth.metr");
+
+ConfigTable vxa_syshealth_config = {{
+    {"SYSTEM_CONNECTION_REFUSAL_PORT=", "SYS_CONF_CONN_REFUSAL_PORT", 65535, 0, 0, kJsonNumber},
+    {"SYSTEM_CONNECTION_REFUSAL_OUTBOUND=", "SYS_CONF_CONN_REFUSAL_OUTBOUND", 1, 0, 0, kJsonNumber},
+    {"SYSTEM_RECOVERY_FACTOR=", "SYS_CONF_RECOVER_FACTOR", 100, 0, 0, kJsonNumber},
+    {"SYSTEM_MIN_ACT_DURATION=", "SYS_CONF_MIN_ACT_DURATION", 60, 0, 0, kJsonNumber},
+    {"SYSTEM_CONNECTION_REFUSAL_PCT_THRESHOLD=", "SYS_THR_CONN_REFUSAL_PCT", 100, 0, 0,
+     kJsonObject},
+    {"SYSTEM_RUNQ_PCT_THRESHOLD=", "SYS_THR_RUNQ", 200, 0, 0, kJsonObject},
+    {"SYSTEM_CONNECTION_ESTABLISHED_PER_CPU=", "SYS_THR_CONN_EST_PER_CPU", 10000000, 0, 0,
+     kJsonObject},
+    {"SYSTEM_TOTAL_SCAN_MBYTES_PER_CPU=", "SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU", 100000, 0, 0,
+     kJsonObject},
+    {"SYSTEM_MIN_FREE_MEM_PCT=", "SYS_THR_FREE_MEM", 25, 0, 0, kJsonObject},
+    {"SYSTEM_MAX_ITERATION_INTERVAL=", "SYS_THR_MAX_ITERATION_INVL", 60, 0, 0, kJsonObject},
+    {"SYSTEM_UNLOAD_DRIVER=", "SYS_CONF_UNLOAD_DRIVER", 1, 0, 0, kJsonNumber},
+}};
+
+namespace {
+
+constexpr const char* kConfigFile = "/etc/vx_filter.conf";
+constexpr const char* kConfigLog = "/var/opt/vx_agent/diag/vx_filter_json.log";
+const std::string s_UnloadDriverKey("vxp.filter.FailOpenUnloadDriver");
+
+struct CloseFile {
+    void operator()(FILE* file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<FILE, CloseFile>;
+
+struct DeleteJson {
+    void operator()(cJSON* json) const { cJSON_Delete(json); }
+};
+using Json = std::unique_ptr<cJSON, DeleteJson>;
+
+struct FreeJsonText {
+    void operator()(char* text) const { cJSON_free(text); }
+};
+
+ConfigTable UnsetConfig()
+{
+    ConfigTable table = CopyConfig();
+    for (auto& row : table) {
+        row.value = 0;
+        row.set = 0;
+    }
+    return table;
+}
+
+void ClearScanThresholds(ConfigTable& table)
+{
+    for (ConfigRow row : {kConfRefusalPct, kConfEstablished, kConfScanMbytes}) table[row].set = 0;
+}
+
+// In fail-open the filter no longer sees the port's connections as it should, so the
+// thresholds on them stay off; the count of settings is not lowered.
+void Commit(ConfigTable& table, int state)
+{
+    if (state == 1) ClearScanThresholds(table);
+    wxCriticalSectionLocker lock(g_syshealth_cs);
+    vxa_syshealth_config = table;
+}
+
+void TellUnloadDriver(VxaCore::CDom* dom, const ConfigTable& table)
+{
+    dom->Set(s_UnloadDriverKey, table[kConfUnloadDriver].value == 1.0);
+}
+
+void Store(vxa_syshealth_config_s& row, double value)
+{
+    row.value = value;
+    row.set = 1;
+}
+
+// Both readers say it with the same words: log filters wait for this line.
+int ReportCount(int count, const char* function)
+{
+    if (count > 0)
+        fc::Trace(s_TraceConf, SYSHEALTH_AT(function), "readSystemHealthConfig returning %d",
+                  count);
+    return count;
+}
+
+// ---- file ------------------------------------------------------------------------------
+
+// 1 when the line gives this row a value within bounds. The message shows the value in
+// force, which the rejected one does not replace.
+int ReadFileSetting(const char* line, vxa_syshealth_config_s& row)
+{
+    const std::size_t key_length = std::strlen(row.file_key);
+    if (std::strncmp(line, row.file_key, key_length) != 0) return 0;
+    const double value = std::strtof(line + key_length, nullptr);
+    if (value > 0 && value <= row.maximum) {
+        Store(row, value);
+        return 1;
+    }
+    wxLogError("value %f for  %s is out of range, max= %f", row.value, row.file_key, row.maximum);
+    return 0;
+}
+
+// A key on several lines counts each time and the last one wins.
+int ReadFileSettings(FILE* file, ConfigTable& table)
+{
+    char line[1024] = {};
+    int count = 0;
+    while (std::fgets(line, sizeof line, file) != nullptr)
+        for (auto& row : table) count += ReadFileSetting(line, row);
+    return count;
+}
+
+// ---- policy ----------------------------------------------------------------------------
+
+constexpr const char* kPolicyReader = "readSystemHealthPolicy";
+
+int StorePolicySetting(vxa_syshealth_config_s& row, double value, bool in_bounds)
+{
+    if (!in_bounds) {
+        fc::Trace(s_TraceEngine, SYSHEALTH_AT(kPolicyReader), " value out of boundary [%s]",
+                  row.policy_key);
+        return 0;
+    }
+    Store(row, value);
+    fc::Trace(s_TraceConf, SYSHEALTH_AT(kPolicyReader), "stored %s  %f", row.policy_key, value);
+    return 1;
+}
+
+// The policy may set a plain number to 0, which the file cannot: the management side
+// sends every such setting, also those that are off.
+int ReadPolicySetting(const cJSON* policy, vxa_syshealth_config_s& row)
+{
+    const cJSON* member = cJSON_GetObjectItem(policy, row.policy_key);
+    if (member == nullptr) return 0;
+    if (row.json_kind == kJsonNumber) {
+        const double value = member->valuedouble;
+        return StorePolicySetting(row, value, value >= 0 && value <= row.maximum);
+    }
+    if (row.json_kind == kJsonObject) {
+        const cJSON* number = cJSON_GetObjectItem(member, "value");
+        if (!cJSON_IsNumber(number)) return 0;
+        const double value = number->valuedouble;
+        return StorePolicySetting(row, value, value > 0 && value <= row.maximum);
+    }
+    fc::Trace(s_TraceEngine, SYSHEALTH_AT(kPolicyReader), "unsupport json type[%d]", member->type);
+    row.set = 0;
+    return 0;
+}
+
+// ---- JSON log --------------------------------------------------------------------------
+
+bool AddSetting(cJSON* root, const vxa_syshealth_config_s& row)
+{
+    if (row.json_kind == kJsonNumber)
+        return cJSON_AddNumberToObject(root, row.policy_key, row.value) != nullptr;
+    cJSON* object = cJSON_AddObjectToObject(root, row.policy_key);
+    return object != nullptr && cJSON_AddNumberToObject(object, "value", row.value) != nullptr;
+}
+
+bool WriteText(FILE* file, const char* text)
+{
+    const bool written = std::fprintf(file, "%s\n", text) >= 0;
+    // A full disk shows itself only when the buffer is flushed.
+    return std::fclose(file) == 0 && written;
+}
+
+bool OutputFailed(const char* why, int line)
+{
+    fc::Trace(s_TraceEngine, {"plugins/filter/SystemHealth", line, "outputCloudConfig"}, "%s", why);
+    return false;
+}
+
+}  // namespace
+
+ConfigTable CopyConfig()
+{
+    wxCriticalSectionLocker lock(g_syshealth_cs);
+    return vxa_syshealth_config;
+}
+
+int DisableScanMetric()
+{
+    wxCriticalSectionLocker lock(g_syshealth_cs);
+    ClearScanThresholds(vxa_syshealth_config);
+    return 0;
+}
+
+int readSystemHealthConfig(VxaCore::CDom* dom, int state)
+{
+    const File file(std::fopen(kConfigFile, "re"));
+    ConfigTable table = UnsetConfig();
+    int count = 0;
+    if (file) {
+        count = ReadFileSettings(file.get(), table);
+        TellUnloadDriver(dom, table);
+    }
+    Commit(table, state);
+    return ReportCount(count, "readSystemHealthConfig");
+}
+
+int readSystemHealthPolicy(VxaCore::CDom* dom, int state, const char* json)
+{
+    ConfigTable table = UnsetConfig();
+    // The same place in the text that cJSON_GetErrorPtr gives, but this call's own: that
+    // one is shared by all threads of the process.
+    const char* error = nullptr;
+    const Json policy(cJSON_ParseWithOpts(json, &error, 0));
+    if (!policy) {
+        Commit(table, 0);
+        fc::Trace(s_TraceEngine, SYSHEALTH_AT(kPolicyReader), "json parsing error [%s]",
+                  error != nullptr ? error : "");
+        return 0;
+    }
+    int count = 0;
+    for (auto& row : table) count += ReadPolicySetting(policy.get(), row);
+    TellUnloadDriver(dom, table);
+    Commit(table, state);
+    return ReportCount(count, kPolicyReader);
+}
+
+bool outputCloudConfig()
+{
+    const Json root(cJSON_CreateObject());
+    if (!root) return OutputFailed("Fail to cJSON_CreateObject for root", __LINE__);
+    for (const auto& row : CopyConfig())
+        if (row.set == 1 && !AddSetting(root.get(), row))
+            return OutputFailed("Fail to cJSON_CreateObject for object", __LINE__);
+    const std::unique_ptr<char, FreeJsonText> text(cJSON_Print(root.get()));
+    if (!text) return OutputFailed("Fail to print JSON", __LINE__);
+    FILE* file = std::fopen(kConfigLog, "we");
+    if (file == nullptr)
+        return OutputFailed("Failed to open file of json config for writing.", __LINE__);
+    if (!WriteText(file, text.get()))
+        return OutputFailed("Failed to write json config to file", __LINE__);
+    return true;
+}

@@ -1,0 +1,25 @@
+#include "FailOpen.h"
+
+namespace fc {
+
+bool MustStayInFailOpen(const FailOpenState& state, std::uint64_t now_us,
+                        std::uint64_t minimum_minutes)
+{
+    constexpr std::uint64_t us_per_minute = 60000000;
+    return state.activated && now_us - state.activated_us < minimum_minutes * us_per_minute;
+}
+
+FailOpenDecision DecideFailOpen(const FailOpenState& state, std::uint64_t now_us,
+                                std::uint64_t minimum_minutes, int metrics_over)
+{
+    if (MustStayInFailOpen(state, now_us, minimum_minutes))
+        return {kActionFailOpen, true, state.activated_us};
+    // The minimum is over: fail-open ends whatever the metrics say, and may begin again
+    // with the next cycle. The status line still calls this cycle one in fail-open,
+    // because the script leaves it only on receiving the action.
+    if (state.activated) return {kActionNormal, true, state.activated_us};
+    if (metrics_over > 0) return {kActionFailOpen, true, now_us};
+    return {kActionNormal, false, state.activated_us};
+}
+
+}  // namespace fc
