@@ -117,13 +117,16 @@ static_assert(offsetof(vxa_dump_conntrack_s, total) == 8, "conntrack section hea
 /* ---- blacklist --------------------------------------------------------- */
 
 typedef struct vxa_blacklist_get_addrs_s {
-    uint32_t reserved[9];
+    uint32_t reserved[8];
+    uint32_t snapshot;     /* 0 into a size request; what it leaves here goes back with the
+                              fill request, so that an empty list can be filled as well */
     uint32_t entries_size; /* bytes that follow the header; out of a size request,
                               capacity into and bytes used out of a fill request */
     uint32_t set_count;    /* kernel sets that the entries come from, out */
 } vxa_blacklist_get_addrs_s;
 
 static_assert(sizeof(vxa_blacklist_get_addrs_s) == 44, "blacklist header");
+static_assert(offsetof(vxa_blacklist_get_addrs_s, snapshot) == 32, "blacklist header");
 static_assert(offsetof(vxa_blacklist_get_addrs_s, entries_size) == 36, "blacklist header");
 
 enum {

@@ -70,9 +70,10 @@ VXI_API int vxi_get_stats(vxi_handle_ops_s* handle, vxa_stats_v2_s* stats, unsig
 VXI_API int vxi_get_conntrack(vxi_handle_ops_s* handle, vxa_dump_conntrack_s* section,
                               unsigned int size, unsigned int* extra);
 
-/* Size request (entries_size 0): takes a snapshot into the handle and returns
- * its size in entries_size. The next call fills up to entries_size bytes behind
- * the header, returns the bytes used there, and releases the snapshot. */
+/* Size request (a zeroed header): takes a snapshot into the handle and returns
+ * its size in entries_size. Fill request (that same header at the start of a
+ * block): fills up to entries_size bytes behind the header, returns the bytes
+ * used there, and releases the snapshot. */
 VXI_API int vxi_get_blacklist(vxi_handle_ops_s* handle, vxa_blacklist_get_addrs_s* list);
 
 /* Counts the host's sockets by state. `states` need not be initialised. */

@@ -34,8 +34,9 @@ struct Operations {
 struct Engine {
     const char* name;
     const Operations* operations;
-    // Prepares handle->state; 0, or a negative status with `error` set (then the handle
-    // is freed without close). May be null when there is nothing to prepare.
+    // Prepares handle->state; 0, or a negative status with `error` set. A half-built handle
+    // goes the normal way: close is called then too, so it accepts whatever state was
+    // reached, null included. May be null when there is nothing to prepare.
     int (*open)(vxi_handle_ops_s* handle, std::string& error);
 };
 
@@ -66,4 +67,5 @@ struct vxi_handle_ops_s {
     int trace_level;
     int (*trace_handler)(int, const char*, const char*, int, char*);
     char error[256];
+    bool explained;  // a text was stored during the call being dispatched
 };

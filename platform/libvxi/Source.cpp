@@ -1,0 +1,74 @@
+#include "Source.h"
+
+#include <cstdarg>
+#include <map>
+#include <mutex>
+#include <utility>
+
+#include "vxi/vxi.h"
+
+namespace vxi {
+
+namespace {
+
+struct Names {
+    std::mutex mutex;
+    std::map<std::pair<std::string, Area>, std::shared_ptr<const SlotNames>> by_area;
+};
+
+Names& names()
+{
+    // Never destroyed: a dump may run while the process ends.
+    static Names& instance = *new Names;
+    return instance;
+}
+
+thread_local Source sources[table_count];
+
+Source& source_of(Table table)
+{
+    return sources[static_cast<unsigned>(table)];
+}
+
+}  // namespace
+
+void set_slot_names(const char* engine, Area area, SlotNames slots)
+{
+    auto fresh = std::make_shared<const SlotNames>(std::move(slots));
+    const std::lock_guard<std::mutex> lock(names().mutex);
+    names().by_area[{engine, area}] = std::move(fresh);
+}
+
+std::shared_ptr<const SlotNames> slot_names(const char* engine, Area area)
+{
+    static const auto& none = *new std::shared_ptr<const SlotNames>(new SlotNames);
+    const std::lock_guard<std::mutex> lock(names().mutex);
+    const auto found = names().by_area.find({engine, area});
+    return found != names().by_area.end() ? found->second : none;
+}
+
+void note_source(Table table, const char* format, ...)
+{
+    Source& source = source_of(table);
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf_safe(source.text, sizeof source.text, format, arguments);
+    va_end(arguments);
+}
+
+void begin_fetch(Table table, const char* engine)
+{
+    Source& source = source_of(table);
+    // A snapshot and the fills served from it are one fetch with one source.
+    if (source.engine != engine) {
+        source.text[0] = '\0';
+    }
+    source.engine = engine;
+}
+
+const Source& last_source(Table table)
+{
+    return source_of(table);
+}
+
+}  // namespace vxi
