@@ -1,10 +1,12 @@
 // Metric collectors: each runs one command or reads one file and parses one line format.
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "SystemHealth.h"
 
@@ -64,26 +66,30 @@ const char* ParseRunQueue(const char* line, double* out, wxString* text)
 // ---- memory ----------------------------------------------------------------------------
 
 // 1 when the line gave the figure, which is then stored.
-int ReadMemoryFigure(const char* line, const char* format, const char* complaint,
-                     unsigned long long* value)
+int StoreMemoryFigure(bool parsed, unsigned long long figure, const char* complaint,
+                      vxa_health_vmstat_metrics_t* row)
 {
-    unsigned long long figure = 0;
-    if (std::sscanf(line, format, &figure) != 1) {
+    if (!parsed) {
         Complain(SYSHEALTH_AT("getMemoryMetrics"), complaint);
         return 0;
     }
-    *value = figure;
+    row->value = figure;
     return 1;
 }
 
 int ReadMemoryLine(const char* line, vxa_health_vmstat_metrics_t* table)
 {
-    if (std::strstr(line, "MemTotal:") != nullptr)
-        return ReadMemoryFigure(line, "MemTotal: %llu kB", "failed to parse MemTotal value",
-                                &table[kVmPhysicalMemory].value);
-    if (std::strstr(line, "MemFree:") != nullptr)
-        return ReadMemoryFigure(line, "MemFree: %llu kB", "failed to parse MemFree value",
-                                &table[kVmFreeMemory].value);
+    unsigned long long figure = 0;
+    if (std::strstr(line, "MemTotal:") != nullptr) {
+        const bool parsed = std::sscanf(line, "MemTotal: %llu kB", &figure) == 1;
+        return StoreMemoryFigure(parsed, figure, "failed to parse MemTotal value",
+                                 &table[kVmPhysicalMemory]);
+    }
+    if (std::strstr(line, "MemFree:") != nullptr) {
+        const bool parsed = std::sscanf(line, "MemFree: %llu kB", &figure) == 1;
+        return StoreMemoryFigure(parsed, figure, "failed to parse MemFree value",
+                                 &table[kVmFreeMemory]);
+    }
     return 0;
 }
 
@@ -92,15 +98,13 @@ int ReadMemoryLine(const char* line, vxa_health_vmstat_metrics_t* table)
 // Calls visit(token, number) for the tokens between delimiters, numbered from 1. Runs of
 // delimiters separate like one.
 template <typename Visit>
-void ForEachToken(const char* line, char delimiter, Visit visit)
+void ForEachToken(std::string_view line, char delimiter, Visit visit)
 {
-    const char delimiters[] = {delimiter, '\0'};
     int number = 0;
-    for (line += std::strspn(line, delimiters); *line != '\0';
-         line += std::strspn(line, delimiters)) {
-        const std::size_t length = std::strcspn(line, delimiters);
-        visit(std::string(line, length), ++number);
-        line += length;
+    while (!line.empty()) {
+        const std::size_t length = std::min(line.find(delimiter), line.size());
+        if (length != 0) visit(std::string(line.substr(0, length)), ++number);
+        line.remove_prefix(std::min(length + 1, line.size()));
     }
 }
 
