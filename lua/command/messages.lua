@@ -1,0 +1,79 @@
+-- What the module says while it works: its log and trace records.
+--
+-- A fault that lasts is reported by the module at every cycle. The user reads each fault
+-- once, with what it costs; the records of every cycle go into the JSON output complete.
+
+local console = require "command.console"
+
+local messages = {}
+
+-- What it costs when the driver cannot count the connections of the port.
+messages.SCAN_COST = "refusalpct, estab and scanmb are not judged"
+
+-- Faults that need more than their own words. `cause` marks those that quote the driver:
+-- the two calls fail in the same way and are reported together.
+local explained = {
+    { pattern = "^Failed to output cloud config", cost = "/var/opt/vx_agent/diag cannot be written: "
+        .. "the settings in force are not logged there" },
+    { pattern = "^vxi_set_scan_monitoring failed.-buf{(.*)}$", cost = messages.SCAN_COST, cause = true },
+    { pattern = "^vxi_get_scan_metrics failed.-buf{(.*)}$", cost = messages.SCAN_COST, cause = true },
+    -- The module reports a failed fetch twice.
+    { pattern = "^get_scan_metrics%(%) failed.-buf{(.*)}$", cost = messages.SCAN_COST, cause = true },
+}
+
+-- What identifies a fault, and what it costs. The driver's texts name the operation after
+-- the engine; the same cause behind another operation is no news.
+local function identify(text)
+    for _, fault in ipairs(explained) do
+        local cause = text:match(fault.pattern)
+        if cause then
+            return fault.cause and cause:match("[^:]*$") or text, fault.cost
+        end
+    end
+    return text
+end
+
+local Messages = {}
+Messages.__index = Messages
+
+function messages.new(vxa)
+    return setmetatable({ vxa = vxa, told = {}, records = {} }, Messages)
+end
+
+-- The records since the last call, for the filter script.
+function Messages:take()
+    self.records = self.vxa.captured()
+    return self.records
+end
+
+function Messages:tell_once(text)
+    local fault, cost = identify(text)
+    if self.told[fault] then return end
+    self.told[fault] = true
+    console.complain(cost and ("%s (%s)"):format(text, cost) or text)
+end
+
+local is_fault = { error = true, warning = true }
+
+-- The texts of all faults among the records taken last.
+function Messages:faults()
+    local faults = {}
+    for _, record in ipairs(self.records) do
+        if is_fault[record.level] then faults[#faults + 1] = record.message end
+    end
+    return faults
+end
+
+-- Shows the traces among the records taken last, and the faults that are new.
+function Messages:show()
+    for _, record in ipairs(self.records) do
+        if record.kind == "trace" then
+            io.stderr:write(("trace %s %s: %s\n"):format(record.category, record["function"],
+                record.message))
+        elseif is_fault[record.level] then
+            self:tell_once(record.message)
+        end
+    end
+end
+
+return messages

@@ -1,0 +1,99 @@
+-- The records of `vxa run --json`: one JSON object a line, members in a fixed order.
+
+local json = require "dkjson"
+
+local console = require "command.console"
+local filter = require "filter"
+local policy = require "command.policy"
+
+local report_json = {}
+
+local KEY_ORDER = {
+    "record", "time", "version", "engine", "monitoring", "policy_source", "settings", "interval_s", "cycle",
+    "action", "action_text", "state", "measured", "metrics", "name", "available", "value",
+    "threshold", "unit", "enabled", "over", "transition", "min_fail_open_s", "in_fail_open_s",
+    "port", "direction", "errors", "capabilities", "detail", "cycles", "entered",
+    "seconds", "interrupted",
+}
+for _, setting in ipairs(policy.settings) do KEY_ORDER[#KEY_ORDER + 1] = setting.key end
+
+function report_json.array(list)
+    return setmetatable(list, { __jsontype = "array" })
+end
+
+function report_json.encode(record)
+    return json.encode(record, { keyorder = KEY_ORDER })
+end
+
+function report_json.time(seconds)
+    return os.date("!%Y-%m-%dT%H:%M:%SZ", seconds)
+end
+
+local function metric_rows(metrics)
+    local rows = report_json.array {}
+    for i, metric in ipairs(metrics) do
+        rows[i] = { name = metric.name, value = metric.value, threshold = metric.threshold,
+                    unit = filter.metrics[i].unit, enabled = metric.enabled, over = metric.over }
+    end
+    return rows
+end
+
+local function names(over)
+    local list = report_json.array {}
+    for i, metric in ipairs(over) do list[i] = metric.name end
+    return list
+end
+
+-- The members of a cycle, the same for `run` and `status`.
+function report_json.cycle(result, errors)
+    return {
+        time = report_json.time(result.time), action = result.action, action_text = result.text,
+        state = result.state, measured = result.measured,
+        metrics = metric_rows(result.metrics), over = names(result.over),
+        transition = result.transition or json.null,
+        min_fail_open_s = result.min_duration_s or json.null,
+        in_fail_open_s = result.in_fail_open_s or json.null,
+        port = result.port or json.null, errors = report_json.array(errors),
+    }
+end
+
+function report_json.settings(values)
+    local copy = setmetatable({}, { __jsontype = "object" })
+    for key, value in pairs(values) do copy[key] = value end
+    return copy
+end
+
+local Report = {}
+Report.__index = Report
+
+function report_json.new(monitored, options)
+    return setmetatable({ monitored = monitored, options = options, number = 0 }, Report)
+end
+
+function Report:start()
+    local monitored = self.monitored
+    console.line("%s", report_json.encode {
+        record = "start", time = report_json.time(os.time()), version = monitored.vxa.version,
+        engine = monitored.engine, policy_source = monitored.policy.source,
+        settings = report_json.settings(monitored.policy.values),
+        interval_s = self.options.interval,
+    })
+end
+
+function Report:cycle(result, faults)
+    self.number = self.number + 1
+    local record = report_json.cycle(result, faults)
+    record.record = "cycle"
+    record.cycle = self.number
+    console.line("%s", report_json.encode(record))
+end
+
+function Report:finish(totals)
+    console.line("%s", report_json.encode {
+        record = "end", time = report_json.time(os.time()), cycles = totals.cycles,
+        measured = totals.measured, entered = totals.entered, seconds = tonumber(("%.3f"):format(totals.seconds)),
+        state = totals.state, interrupted = totals.interrupted,
+    })
+end
+
+return report_json

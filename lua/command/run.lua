@@ -1,0 +1,106 @@
+-- vxa run: cycles at a steady pace, a line for each.
+
+local console = require "command.console"
+local filter = require "filter"
+local messages = require "command.messages"
+local policy = require "command.policy"
+local session = require "command.session"
+
+local reports = { [true] = "command.report_json", [false] = "command.report_text" }
+
+-- The pace is kept: a late cycle does not delay the next ones, and cycles that were
+-- missed altogether are not made up for.
+local function wait(vxa, due, interval_s)
+    local now = vxa.clock()
+    due = due + interval_s
+    if due <= now then return now, true end
+    return due, vxa.sleep(due - now)
+end
+
+local function warn_of_interval(monitored, interval_s, result)
+    local longest = result.metrics[#result.metrics]
+    if longest.enabled and interval_s >= longest.threshold then
+        monitored.messages:tell_once(("warning: --interval %.14g is not below the threshold of "
+            .. "delta_t (%.14g s): every cycle will count as overloaded")
+            :format(interval_s, longest.threshold))
+    end
+end
+
+local function lacks_port_metrics(result, settings)
+    for i, metric in ipairs(filter.metrics) do
+        if metric.rate and settings[metric.setting] and not result.metrics[i].enabled then
+            return true
+        end
+    end
+    return false
+end
+
+-- The module switches the thresholds of the port off without a word when the driver
+-- cannot be opened.
+local function tell_why_no_driver(monitored)
+    local handle, message = monitored.vxa.open()
+    if handle then return handle:close() end
+    monitored.messages:tell_once(("the driver cannot be opened: %s (%s)")
+        :format(message, messages.SCAN_COST))
+end
+
+local function advise(monitored, options, result)
+    if result.measured then
+        warn_of_interval(monitored, options.interval, result)
+        if result.before == filter.DEACTIVATED
+            and lacks_port_metrics(result, monitored.policy.values) then
+            tell_why_no_driver(monitored)
+        end
+    elseif result.action == filter.DISABLED then
+        monitored.messages:tell_once("not monitoring: " .. policy.why_disabled(monitored.policy))
+    end
+end
+
+local function count(totals, result)
+    totals.cycles = totals.cycles + 1
+    if result.measured then totals.measured = totals.measured + 1 end
+    if result.action == filter.DISABLED then totals.disabled = totals.disabled + 1 end
+    if result.transition == "entered" then totals.entered = totals.entered + 1 end
+    totals.state = result.state
+end
+
+-- Ctrl-C also ends the commands that the module runs: a sample that fails together with
+-- an interrupt says nothing about the machine.
+local function was_cut_short(vxa, result)
+    return vxa.interrupted() and not result.measured
+end
+
+local function run_cycles(monitored, options, report, totals)
+    local vxa = monitored.vxa
+    local due, awake = vxa.clock(), true
+    while awake and not vxa.interrupted() do
+        local result = session.cycle(monitored)
+        if was_cut_short(vxa, result) then return end
+        count(totals, result)
+        report:cycle(result, monitored.messages:faults())
+        monitored.messages:show()
+        advise(monitored, options, result)
+        if totals.cycles == options.cycles then return end
+        due, awake = wait(vxa, due, options.interval)
+    end
+end
+
+return function(options)
+    local monitored = session.start(options)
+    local vxa = monitored.vxa
+    vxa.catch_signals()
+    local report = require(reports[options.json == true]).new(monitored, options)
+    local totals = { cycles = 0, measured = 0, disabled = 0, entered = 0, started = vxa.clock(),
+                     state = monitored.monitor.state }
+    report:start()
+    run_cycles(monitored, options, report, totals)
+    totals.seconds = vxa.clock() - totals.started
+    totals.interrupted = vxa.interrupted()
+    report:finish(totals)
+    monitored.dom:close()
+    if totals.cycles > 0 and totals.measured + totals.disabled == 0 then
+        console.complain("not one cycle could sample this machine")
+        return 1
+    end
+    return 0
+end

@@ -1,0 +1,115 @@
+-- Everything that a run needs, in the order in which it must be set up.
+
+local console = require "command.console"
+local environment = require "command.environment"
+local fail = require "command.fail"
+local messages = require "command.messages"
+local policy = require "command.policy"
+
+local session = {}
+
+-- The module writes its effective settings here and makes no folders.
+local DIAGNOSTICS_FOLDER = "/var/opt/vx_agent/diag"
+
+local TRACE_CATEGORIES = { "filter", "diagnostics", "VXI", "SysHealth.eng", "SysHealth.scan",
+                           "SysHealth.conf", "SysHealth.metr" }
+
+local function load_module(name)
+    local ok, result = pcall(require, name)
+    if ok then return result end
+    local cause = tostring(result)
+    if cause:find("^module '" .. name .. "' not found") then
+        cause = ("no %s.so in %s"):format(name, package.cpath:match("^[^;]*"):gsub("/%?%.so$", ""))
+    end
+    fail(1, "cannot load the module '%s': %s (./dev build makes it; VXA_LIB names another folder)",
+        name, cause)
+end
+
+-- The host module, in an environment that is safe for it; everything else comes later.
+function session.host()
+    local vxa = load_module "vxa"
+    environment.scrub(vxa)
+    return vxa
+end
+
+local function contains(list, wanted)
+    for _, entry in ipairs(list) do
+        if entry == wanted then return true end
+    end
+    return false
+end
+
+local function choose_engine(vxa, wanted)
+    local name = wanted or os.getenv("VXI_ENGINE")
+    if not name or name == "" then return vxa.engine() end
+    local known = vxa.engines()
+    if not contains(known, name) then
+        fail(2, "unknown engine '%s'; known are: %s", name, table.concat(known, ", "))
+    end
+    vxa.engine(name)
+    return name
+end
+
+local function glob_to_pattern(text)
+    return "^" .. text:gsub("[%^%$%(%)%%%.%[%]%+%-%?]", "%%%0"):gsub("%*", ".*") .. "$"
+end
+
+-- A category that nothing writes to would show nothing without a word.
+local function switch_traces(vxa, wanted)
+    for _, text in ipairs(wanted) do
+        local pattern, known = glob_to_pattern(text), false
+        for _, category in ipairs(TRACE_CATEGORIES) do
+            known = known or category:match(pattern) ~= nil
+        end
+        if not known then
+            fail(2, "unknown trace category '%s'; known are: %s", text,
+                table.concat(TRACE_CATEGORIES, ", "))
+        end
+        vxa.trace(text, true)
+    end
+end
+
+local function open_document(vxa, folder)
+    if not folder then return vxa.Dom() end
+    local ok, dom, message = pcall(vxa.Dom, folder)
+    if ok and dom then return dom end
+    fail(1, "cannot keep the state in %s: %s", folder, tostring(not ok and dom or message))
+end
+
+-- Debian's nproc, asked through the module so that all figures have one source.
+local function cpu_count()
+    local _, rows = SLB.filter.GetSysHealthMetrics()
+    return rows[#rows].cpu_count
+end
+
+-- Returns {vxa, engine, policy, dom, messages, monitor}.
+function session.start(options)
+    local vxa = session.host()
+    local engine = choose_engine(vxa, options.engine)
+    switch_traces(vxa, options.traces)
+    load_module "fc"
+    local chosen = policy.choose(options, vxa, cpu_count)
+    for _, warning in ipairs(chosen.warnings) do
+        console.complain(("warning: %s: %s"):format(chosen.source, warning))
+    end
+    vxa.verbose(true)
+    vxa.capture(true)
+    vxa.mkdir(DIAGNOSTICS_FOLDER)  -- where it cannot be made, the module says so
+    local dom = open_document(vxa, options.state)
+    local told = messages.new(vxa)
+    local monitor = require("filter").new {
+        dom = dom, policy = chosen.text, records = function() return told:take() end,
+    }
+    return { vxa = vxa, engine = engine, policy = chosen, dom = dom, messages = told,
+             monitor = monitor }
+end
+
+-- One cycle, with its time and the faults that the module reported during it.
+function session.cycle(self)
+    local time = os.time()
+    local result = self.monitor:cycle()
+    result.time = time
+    return result
+end
+
+return session

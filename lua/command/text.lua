@@ -1,0 +1,69 @@
+-- Numbers, durations and aligned columns.
+
+local filter = require "filter"
+
+local text = {}
+
+local units = {}
+for _, metric in ipairs(filter.metrics) do units[metric.name] = metric.unit end
+
+-- At most two decimals, none where they say nothing. The module's figures go to 0.001,
+-- and small thresholds need them all.
+function text.number(value)
+    if value ~= value or value == math.huge or value == -math.huge then
+        return (("%f"):format(value):gsub("^-nan", "nan"))
+    end
+    local size = math.abs(value)
+    local decimals = size >= 1000 and 0 or size >= 1 and 2 or 3
+    local digits = ("%%.%df"):format(decimals):format(value)
+    if decimals > 0 then digits = digits:gsub("%.?0+$", "") end
+    return (digits:gsub("^-0$", "0"))
+end
+
+-- "45 s", "30 min", "1 min 15 s"
+function text.duration(seconds)
+    if seconds < 60 then return text.number(seconds) .. " s" end
+    local minutes, rest = math.floor(seconds / 60), math.floor(seconds % 60)
+    return rest == 0 and ("%d min"):format(minutes) or ("%d min %d s"):format(minutes, rest)
+end
+
+function text.count(number, noun)
+    return ("%d %s%s"):format(number, noun, number == 1 and "" or "s")
+end
+
+-- The names of metrics beyond their thresholds.
+function text.names(over)
+    local names = {}
+    for i, metric in ipairs(over) do names[i] = metric.name end
+    return #names > 0 and table.concat(names, " ") or "-"
+end
+
+-- "rqpct 9.1 exceeds the threshold 8 processes"; figures that are equal as far as they
+-- are known differ all the same.
+function text.crossed(metric)
+    local relation = metric.value < metric.threshold and "is below"
+        or metric.value > metric.threshold and "exceeds" or "crosses"
+    return ("%s %s %s the threshold %s %s"):format(metric.name, text.number(metric.value),
+        relation, text.number(metric.threshold), units[metric.name])
+end
+
+-- `rows` of texts with the same columns; `right` marks right-aligned ones by index.
+function text.columns(rows, right, gap)
+    local width = {}
+    for _, row in ipairs(rows) do
+        for i, cell in ipairs(row) do width[i] = math.max(width[i] or 0, #cell) end
+    end
+    local lines = {}
+    for n, row in ipairs(rows) do
+        local cells = {}
+        for i, cell in ipairs(row) do
+            local side = right[i] and "" or "-"
+            cells[i] = i == #row and not right[i] and cell
+                or ("%" .. side .. width[i] .. "s"):format(cell)
+        end
+        lines[n] = table.concat(cells, gap or "  "):gsub("%s+$", "")
+    end
+    return lines
+end
+
+return text

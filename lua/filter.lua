@@ -1,0 +1,220 @@
+-- The filter script's part in health monitoring: holds the fail-open state, runs one
+-- health check cycle whenever it is asked to, and carries out what the cycle decides.
+--
+-- An agent can ship this file as it stands. It needs the module `fc` (which fills
+-- SLB.filter) and nothing else:
+--
+--     require "fc"
+--     local filter = require "filter"
+--     local monitor = filter.new {
+--         dom = dom,                          -- the host's document, an "SLB.Dom"
+--         policy = text_from_management,      -- JSON, or "" for /etc/vx_filter.conf
+--         enforce = function(on, unload) … end,
+--     }
+--     every 10 seconds: local result = monitor:cycle()
+--
+-- Who owns what. The module samples the machine, compares six metrics with their
+-- thresholds and remembers when fail-open began. The script owns the state: the module
+-- believes whatever state it is told, and changes nothing by itself. So keep exactly one
+-- monitor per process, and call it from one thread.
+
+local filter = {}
+
+filter.ACTIVATED = "Activated"     -- in fail-open: the filter lets everything pass
+filter.DEACTIVATED = "Deactivated" -- the filter enforces
+
+-- Action codes of SLB.filter.CheckSystemHealthMetrics.
+filter.NORMAL = 0       -- judged: out of fail-open, or leaving it now
+filter.FAIL_OPEN = 1    -- judged: in fail-open, or entering it now
+filter.DISABLED = 2     -- nothing to judge by: no settings, or a threshold lacks its port
+filter.NO_LOAD = 5      -- run-queue length or processor count could not be read
+filter.BAD_ARGUMENT = 6 -- document, state or policy is not what the module takes
+filter.NO_MEMORY = 7    -- memory figures could not be read
+
+-- The six metrics, in the module's order. `below`: too low is what is bad. `rate`: made
+-- from the driver's counters of the monitored port, so it needs a port and, for a first
+-- value, a second cycle.
+filter.metrics = {
+    { name = "rqpct", setting = "SYS_THR_RUNQ", unit = "processes",
+      title = "runnable processes (one-minute load, not divided by processors)" },
+    { name = "refusalpct", setting = "SYS_THR_CONN_REFUSAL_PCT", unit = "%", rate = true,
+      title = "connections closed half-open, of new ones" },
+    { name = "estab", setting = "SYS_THR_CONN_EST_PER_CPU", unit = "/s/CPU", rate = true,
+      title = "connections established per processor" },
+    { name = "scanmb", setting = "SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU", unit = "MiB/s/CPU",
+      rate = true, title = "traffic of the port per processor, both directions" },
+    { name = "frepct", setting = "SYS_THR_FREE_MEM", unit = "%", below = true,
+      title = "memory that nothing uses, caches included in use" },
+    { name = "delta_t", setting = "SYS_THR_MAX_ITERATION_INVL", unit = "s",
+      title = "time since the previous cycle" },
+}
+
+-- What a cycle means in words, by action and by the state it was asked with.
+local words = {
+    [filter.NORMAL] = { Deactivated = "normal", Activated = "leave fail-open" },
+    [filter.FAIL_OPEN] = { Deactivated = "enter fail-open", Activated = "stay fail-open" },
+    [filter.DISABLED] = "not monitoring",
+    [filter.NO_LOAD] = "no load figures",
+    [filter.BAD_ARGUMENT] = "bad argument",
+    [filter.NO_MEMORY] = "no memory figures",
+}
+
+local function action_text(action, before)
+    local text = words[action] or ("action " .. tostring(action))
+    return type(text) == "table" and text[before] or text
+end
+
+local not_finite = { inf = math.huge, ["-inf"] = -math.huge, nan = 0 / 0, ["-nan"] = 0 / 0 }
+
+local function to_number(text)
+    return tonumber(text) or not_finite[text]
+end
+
+-- Reads the module's verbose status line, which alone has the exact figures:
+-- GetSysHealthMetrics cuts values and thresholds to whole numbers.
+function filter.parse_status(text)
+    local minimum, active, port = text:match("^SysHealth: .* min_dur=(%d+) act_dur=(%d+) port=(%d+)")
+    if not minimum then return nil end
+    local status = { min_duration_s = tonumber(minimum), in_fail_open_s = tonumber(active),
+                     port = tonumber(port), figures = {} }
+    for name, value, threshold in text:gmatch("([%w_]+)=(%S-)%((%S-)%)") do
+        status.figures[name] = { value = to_number(value), threshold = to_number(threshold) }
+    end
+    return status
+end
+
+-- The cycle's status line among the records that the host's log kept, or nil.
+local function status_of(records)
+    for i = #records, 1, -1 do
+        local status = records[i].kind == "log" and filter.parse_status(records[i].message)
+        if status then return status end
+    end
+end
+
+local function whole_figures()
+    local figures = {}
+    local _, rows = SLB.filter.GetSysHealthMetrics()
+    for i = 1, #filter.metrics do figures[rows[i].name] = rows[i] end
+    return figures
+end
+
+local function is_over(metric, figure)
+    if metric.below then return figure.value < figure.threshold end
+    return figure.value > figure.threshold
+end
+
+-- A metric that is off has the threshold 0; no enabled one can have it.
+local function judge(figures)
+    local metrics, over = {}, {}
+    for i, metric in ipairs(filter.metrics) do
+        local figure = figures[metric.name]
+        local enabled = figure.threshold ~= 0
+        metrics[i] = { name = metric.name, value = figure.value, threshold = figure.threshold,
+                       enabled = enabled, over = enabled and is_over(metric, figure) }
+        if metrics[i].over then over[#over + 1] = metrics[i] end
+    end
+    return metrics, over
+end
+
+-- The figures at hand are rounded. Where the module went into fail-open and none of them
+-- shows it, the difference is below their precision: then those equal to their thresholds
+-- are the cause.
+local function blame_ties(metrics, over)
+    for _, metric in ipairs(metrics) do
+        if metric.enabled and metric.value == metric.threshold then
+            metric.over = true
+            over[#over + 1] = metric
+        end
+    end
+end
+
+local Monitor = {}
+Monitor.__index = Monitor
+
+-- options.dom      the host's document
+-- options.policy   policy text (JSON); "" or nil: the module reads /etc/vx_filter.conf
+-- options.enforce  function(on, unload_driver), called at each transition before the state
+--                  changes; `unload_driver` is the policy's wish for fail-open. When it
+--                  raises, the state stays as it was and the error reaches the caller.
+--                  Without it, the state is only kept in the document.
+-- options.records  function returning the log records since the last cycle; gives exact
+--                  figures. Without it they are whole numbers, and a threshold below 1
+--                  looks like a metric that is off.
+function filter.new(options)
+    local monitor = setmetatable({
+        dom = options.dom,
+        policy = options.policy or "",
+        enforce = options.enforce,
+        records = options.records,
+        state = filter.DEACTIVATED,
+    }, Monitor)
+    monitor:publish()
+    return monitor
+end
+
+-- A policy pushed by the management side: in force from the next cycle on.
+function Monitor:set_policy(text)
+    self.policy = text or ""
+end
+
+-- Other scripts read here whether the filter enforces.
+function Monitor:publish()
+    self.dom:set("vxp.filter.FailOpenState", self.state)
+end
+
+function Monitor:change(state)
+    if self.enforce then
+        local unload = self.dom:get("vxp.filter.FailOpenUnloadDriver")
+        self.enforce(state == filter.DEACTIVATED, unload == true or unload == "true")
+    end
+    self.state = state
+    self:publish()
+end
+
+local function measure(result, records)
+    local status = status_of(records)
+    local figures = status and status.figures or whole_figures()
+    result.exact = status ~= nil
+    result.metrics, result.over = judge(figures)
+    if status then
+        result.min_duration_s = status.min_duration_s
+        result.in_fail_open_s = status.in_fail_open_s
+        result.port = status.port
+    end
+end
+
+-- Runs one cycle and returns
+--   action, text        the code and its meaning in words
+--   before, state       the state the module was asked with, and the state held now
+--   transition          "entered" or "left" where this cycle changed the state
+--   measured            true when metrics were judged; only then:
+--   metrics             six rows {name, value, threshold, enabled, over}
+--   over                the rows beyond their thresholds
+--   exact               true when the figures come from the status line; only then:
+--   min_duration_s      how long fail-open lasts at least
+--   in_fail_open_s      for how long it has lasted
+--   port                the port that the driver counts, 0 for none
+function Monitor:cycle()
+    local before = self.state
+    local action = SLB.filter.CheckSystemHealthMetrics(self.dom, before, self.policy).action
+    local records = self.records and self.records() or {}
+    local result = { action = action, text = action_text(action, before), before = before,
+                     over = {}, metrics = {} }
+    result.measured = action == filter.NORMAL or action == filter.FAIL_OPEN
+    if result.measured then measure(result, records) end
+
+    -- Any other action decides nothing: the state stays, fail-open included, so that a
+    -- failing sample cannot switch enforcement on a machine under stress.
+    if action == filter.FAIL_OPEN and before == filter.DEACTIVATED then
+        result.transition = "entered"
+        if #result.over == 0 then blame_ties(result.metrics, result.over) end
+        self:change(filter.ACTIVATED)
+    elseif action == filter.NORMAL and before == filter.ACTIVATED then
+        result.transition = "left"
+        self:change(filter.DEACTIVATED)
+    end
+    result.state = self.state
+    return result
+end
+
+return filter
