@@ -1,0 +1,90 @@
+// Declaring C++ classes to Lua.
+//
+//     class Dom;                                               // complete or not
+//     SLB3_DECLARATION(Dom, "SLB.Dom", policy::NoDelete)       // at global scope
+//
+// That is all that a library needs to take objects of the class from scripts. The
+// library that owns the class also defines its methods, with SLB3_IMPLEMENTATION.
+//
+// In a header shared between libraries add
+//
+//     extern template struct SLB3::policy::NoDelete::Implementation<Dom>;
+//
+// and in one source of the library that owns the class
+//
+//     template struct SLB3::policy::NoDelete::Implementation<Dom>;
+//
+// These headers recognise a class by its metatable and work without the two lines; the
+// original library tells classes apart by the address of a function in there.
+#pragma once
+
+#include "SLB3/objectheader.h"
+
+namespace SLB3 {
+
+namespace internal {
+template <typename T>
+class Class;
+}
+
+// What SLB3_DECLARATION says about a class. Only specialisations are defined: a class
+// that was never declared does not compile where it is used.
+template <typename T>
+struct Wrapper;
+
+// Registers the class in this state unless it is already: metatable `GetName()` in the
+// registry, class table as the global of that (dotted) name, then the body given to
+// SLB3_IMPLEMENTATION. Pushing an object does it too. An error on the way leaves the
+// class unregistered, to be tried again. Defined in implementation.h. [-0, +0, e]
+template <typename T>
+void Register(lua_State* L);
+
+namespace policy {
+
+// Scripts may own instances, which the collector destroys; pointers are never deleted.
+struct Default {
+    template <typename T>
+    struct __attribute__((visibility("default"))) Implementation {
+        static void* Unpack(const internal::Object& object)
+        {
+            if (object.type == internal::kInstance) return internal::InstanceAddress<T>(object);
+            return internal::StoredPointer(object);
+        }
+        static void Destroy(void* instance) { static_cast<T*>(instance)->~T(); }
+    };
+    static constexpr bool kInstances = true;
+};
+
+// Scripts hold pointers only; the objects belong to someone else.
+struct NoDelete {
+    template <typename T>
+    struct __attribute__((visibility("default"))) Implementation {
+        static void* Unpack(const internal::Object& object)
+        {
+            return internal::StoredPointer(object);
+        }
+    };
+    static constexpr bool kInstances = false;
+};
+
+}  // namespace policy
+}  // namespace SLB3
+
+#define SLB3_INTERNAL_DECLARATION(Type, Name, Policy_, Parents_) \
+    namespace SLB3 {                                             \
+    template <>                                                  \
+    struct Wrapper<Type> {                                       \
+        typedef Policy_ Policy;                                  \
+        typedef Parents_ Parents;                                \
+        static const char* GetName() { return Name; }            \
+        static void Register(internal::Class<Type>& registered); \
+    };                                                           \
+    }
+
+#define SLB3_DECLARATION(Type, Name, Policy_) \
+    SLB3_INTERNAL_DECLARATION(Type, Name, Policy_, internal::NoParents)
+
+// A class with one direct base class, itself declared before: an object of the class
+// is then taken wherever the base class is asked for. The spelling is this subset's.
+#define SLB3_DECLARATION_WITH_PARENT(Type, Name, Policy_, Parent) \
+    SLB3_INTERNAL_DECLARATION(Type, Name, Policy_, internal::OneParent<Parent>)

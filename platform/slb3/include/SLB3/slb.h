@@ -1,0 +1,6 @@
+// Everything: declaring classes, registering them, functions and their type records.
+#pragma once
+
+#include "SLB3/declaration.h"
+#include "SLB3/implementation.h"
+#include "SLB3/info.h"
