@@ -16,8 +16,12 @@ execute_process(COMMAND ${WX_CONFIG} --libs base OUTPUT_VARIABLE wx_libs
     OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
 separate_arguments(wx_flags UNIX_COMMAND "${wx_flags}")
 separate_arguments(wx_libs UNIX_COMMAND "${wx_libs}")
-list(TRANSFORM wx_flags REPLACE "^-I(.*)" "-isystem;\\1")
+set(wx_include_dirs ${wx_flags})
+list(FILTER wx_include_dirs INCLUDE REGEX "^-I")
+list(TRANSFORM wx_include_dirs REPLACE "^-I" "")
+list(FILTER wx_flags EXCLUDE REGEX "^-I")
 add_library(wx_base INTERFACE)
+target_include_directories(wx_base SYSTEM INTERFACE ${wx_include_dirs})
 target_compile_options(wx_base INTERFACE ${wx_flags})
 target_link_libraries(wx_base INTERFACE ${wx_libs})
 
