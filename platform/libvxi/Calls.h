@@ -40,7 +40,10 @@ inline constexpr const char* call_names[] = {
 inline constexpr unsigned call_count = sizeof call_names / sizeof *call_names;
 static_assert(call_count == static_cast<unsigned>(Call::capabilities) + 1, "one name a call");
 
-constexpr const char* name_of(Call call) { return call_names[static_cast<unsigned>(call)]; }
+constexpr const char* name_of(Call call)
+{
+    return call_names[static_cast<unsigned>(call)];
+}
 
 // False when no call has that name.
 inline bool find_call(std::string_view name, Call& call)

@@ -38,8 +38,8 @@ int not_available(vxi_handle_ops_s* handle)
 
 int no_capabilities(vxi_handle_ops_s* handle, vxi_capability_s* rows, unsigned int count)
 {
-    static const char* const names[] = {"scan-metrics", "statistics",  "variables",   "conntrack",
-                                        "conn-states",  "blacklist",   "rule-profile"};
+    static const char* const names[] = {"scan-metrics", "statistics", "variables",   "conntrack",
+                                        "conn-states",  "blacklist",  "rule-profile"};
     constexpr unsigned int all = sizeof names / sizeof *names;
     for (unsigned int i = 0; i < count && i < all; ++i) {
         rows[i].name = names[i];

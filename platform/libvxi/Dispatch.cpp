@@ -60,8 +60,7 @@ void finish(vxi_handle_ops_s* handle, Call call, int status)
     if (!handle->explained) {
         fail(handle, status, "%s", describe_status(status).c_str());
     }
-    trace(handle, 1, trace_source, name_of(call), __LINE__, "status %d: %s", status,
-          handle->error);
+    trace(handle, 1, trace_source, name_of(call), __LINE__, "status %d: %s", status, handle->error);
 }
 
 template <typename Body>
@@ -177,9 +176,8 @@ int get_scan_metrics(vxi_handle_ops_s* handle, scan_metrics_request* request, un
     }
     const unsigned int room = (length - head) / static_cast<unsigned int>(sizeof(std::uint64_t));
     request->entries = std::min<std::uint32_t>(request->entries, 1);
-    request->counters = request->entries
-                            ? std::min({request->counters, room, 0U + VXI_SCAN_COUNTERS})
-                            : 0;
+    request->counters =
+        request->entries ? std::min({request->counters, room, 0U + VXI_SCAN_COUNTERS}) : 0;
     return handle->operations->get_scan_metrics(handle, request, length);
 }
 
@@ -298,9 +296,8 @@ int vxi_get_conn_states(vxi_handle_ops_s* handle, vxa_get_conn_states_s* states)
 
 int vxi_get_varv(vxi_handle_ops_s* handle, vxa_filter_variable_s* variable)
 {
-    return fetch(handle, Call::get_varv, Table::variables, [&] {
-        return variable ? get_variable(handle, variable) : null_record(handle);
-    });
+    return fetch(handle, Call::get_varv, Table::variables,
+                 [&] { return variable ? get_variable(handle, variable) : null_record(handle); });
 }
 
 int vxi_get_var(vxi_handle_ops_s* handle, unsigned int number, vxa_filter_variable_s* variable)
@@ -327,8 +324,7 @@ int vxi_set_var(vxi_handle_ops_s* handle, unsigned int number, unsigned int valu
 int vxi_get_profile_stats(vxi_handle_ops_s* handle, void* record)
 {
     return perform(handle, Call::get_profile_stats, [&] {
-        return record ? handle->operations->get_profile_stats(handle, record)
-                      : null_record(handle);
+        return record ? handle->operations->get_profile_stats(handle, record) : null_record(handle);
     });
 }
 

@@ -53,8 +53,8 @@ int fail(vxi_handle_ops_s* handle, int status, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 
 // Sends one message to the handle's trace handler when its level admits it.
-void trace(vxi_handle_ops_s* handle, int level, const char* source, const char* function,
-           int line, const char* format, ...) __attribute__((format(printf, 6, 7)));
+void trace(vxi_handle_ops_s* handle, int level, const char* source, const char* function, int line,
+           const char* format, ...) __attribute__((format(printf, 6, 7)));
 #define VXI_TRACE(handle, level, source, ...) \
     ::vxi::trace((handle), (level), (source), __func__, __LINE__, __VA_ARGS__)
 

@@ -72,8 +72,8 @@ int fail(vxi_handle_ops_s* handle, int status, const char* format, ...)
     return status;
 }
 
-void trace(vxi_handle_ops_s* handle, int level, const char* source, const char* function,
-           int line, const char* format, ...)
+void trace(vxi_handle_ops_s* handle, int level, const char* source, const char* function, int line,
+           const char* format, ...)
 {
     if (!handle || level > handle->trace_level || !handle->trace_handler) {
         return;

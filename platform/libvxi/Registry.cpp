@@ -15,7 +15,7 @@ struct Registered {
     const Operations* operations;
 };
 
-constexpr unsigned engine_count = 1;
+constexpr unsigned engine_count = 2;
 
 struct Registry {
     Registered engines[engine_count];
@@ -29,8 +29,8 @@ struct Registry {
 };
 
 Registry::Registry()
-    : engines{{&linux_engine(), complete(linux_engine())}},
-      names{engines[0].engine->name, nullptr}
+    : engines{{&linux_engine(), complete(linux_engine())}, {&sim_engine(), complete(sim_engine())}},
+      names{engines[0].engine->name, engines[1].engine->name, nullptr}
 {
     const char* name = std::getenv("VXI_ENGINE");
     wanted = name && *name ? name : names[0];

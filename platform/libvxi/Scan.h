@@ -1,6 +1,7 @@
 // Reading scan configurations and answering scan requests.
 #pragma once
 
+#include <array>
 #include <cstdint>
 
 #include "vxi/records.h"
@@ -25,11 +26,13 @@ inline ScanTarget scan_target(const scan_metrics_request& request)
     return {request.direction, request.port};
 }
 
+// By VXI_SCAN_*.
+using ScanCounters = std::array<std::uint64_t, VXI_SCAN_COUNTERS>;
+
 // Writes the counters asked for. Dispatch has clamped the counts to the buffer before.
-inline void deliver_counters(const std::uint64_t (&values)[VXI_SCAN_COUNTERS],
-                             scan_metrics_request& request)
+inline void deliver_counters(const ScanCounters& values, scan_metrics_request& request)
 {
-    for (std::uint32_t i = 0; i < request.counters && i < VXI_SCAN_COUNTERS; ++i) {
+    for (std::uint32_t i = 0; i < request.counters && i < values.size(); ++i) {
         request.counter[i] = values[i];
     }
 }

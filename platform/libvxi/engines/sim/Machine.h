@@ -1,0 +1,42 @@
+// The simulated machine's load over time and the traffic counters that come of it.
+#pragma once
+
+#include <cstdint>
+
+#include "Scan.h"
+#include "engines/sim/Settings.h"
+#include "vxi/engine.h"
+
+namespace vxi::sim {
+
+// What one CPU's share of the machine goes through at one tick.
+struct Load {
+    double run_queue;
+    double new_per_s;         // connections opened
+    double refused_fraction;  // of them
+    double bytes_per_s;
+    double free_memory_fraction;
+};
+
+using Counters = ScanCounters;
+
+// Where a tick falls on the timeline.
+struct Moment {
+    Phase phase;
+    std::uint64_t tick;  // since the phase began
+};
+
+Moment moment_at(const Settings& settings, std::uint64_t tick);
+
+// The port of the service is shut at that tick: every new connection is refused.
+bool port_closed(const Moment& moment);
+
+// The driver lost its counters just before that tick.
+bool counters_restart(const Settings& settings, const Moment& moment);
+
+// Adds one tick's traffic.
+void add_traffic(const Settings& settings, std::uint64_t tick, Counters& counters);
+
+vxi_sim_machine_s machine_at(const Settings& settings, std::uint64_t tick);
+
+}  // namespace vxi::sim
