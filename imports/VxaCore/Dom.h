@@ -4,6 +4,7 @@
 // document; a pointer taken from a script is valid for the call that took it.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -36,7 +37,8 @@ public:
     template <typename First, typename... Rest>
     void DoAgentEventWrite(int id, const wxString& format, First first, Rest... rest)
     {
-        WriteEventText(id, wxString::Format(format, first, rest...));
+        WriteEventText(id, wxString::Format(FittingFormat(format, 1 + sizeof...(rest)), first,
+                                            rest...));
     }
 
     // The same for a format in UTF-8; bytes that are no UTF-8 are read as Latin-1.
@@ -44,13 +46,15 @@ public:
     template <typename First, typename... Rest>
     void DoAgentEventWriteUtf8(int id, const char* format, First first, Rest... rest)
     {
-        WriteEventText(id, wxString::Format(DecodeUtf8(format), first, rest...));
+        DoAgentEventWrite(id, DecodeUtf8(format), first, rest...);
     }
 
     Store& store() { return *m_store; }
 
 private:
     static wxString DecodeUtf8(const char* text);
+    // The format with conversions beyond its arguments made plain text.
+    static wxString FittingFormat(const wxString& format, std::size_t arguments);
     void WriteEventText(int id, const wxString& text);
 
     std::unique_ptr<Store> m_store;

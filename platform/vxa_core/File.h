@@ -1,0 +1,43 @@
+// Small file operations shared by the stores: complete writes, error texts.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace VxaCore {
+
+// strerror without its shared buffer.
+std::string ErrorText(int error_number);
+
+// Writes all of it, or false with errno set; how much got out is unknown then.
+bool WriteFully(int fd, std::string_view bytes);
+
+// Reads from offset 0 to the end, or false with errno set.
+bool ReadFully(int fd, std::string& bytes);
+
+// Makes a directory and those above it. Empty when it stands, else what was wrong.
+std::string MakeDirectories(const std::string& path);
+
+// Owns a descriptor.
+class FileDescriptor {
+public:
+    FileDescriptor() = default;
+    explicit FileDescriptor(int fd) : m_fd(fd) {}
+    ~FileDescriptor() { (void)Close(); }
+    FileDescriptor(FileDescriptor&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
+    FileDescriptor& operator=(FileDescriptor&& other) noexcept
+    {
+        std::swap(m_fd, other.m_fd);
+        return *this;
+    }
+    int get() const { return m_fd; }
+    explicit operator bool() const { return m_fd >= 0; }
+    // False with errno set when the system reports a late write error.
+    bool Close();
+
+private:
+    int m_fd = -1;
+};
+
+}  // namespace VxaCore

@@ -1,0 +1,75 @@
+// The general log: what wxLogError and its like write.
+#include <wx/log.h>
+#include <wx/thread.h>
+
+#include "LogSink.h"
+#include "Text.h"
+
+namespace VxaCore {
+
+namespace {
+
+const char* LevelName(wxLogLevel level)
+{
+    switch (level) {
+        case wxLOG_FatalError:
+        case wxLOG_Error:
+            return "error";
+        case wxLOG_Warning:
+            return "warning";
+        case wxLOG_Message:
+        case wxLOG_Status:
+            return "message";
+        case wxLOG_Info:
+            return "info";
+        default:
+            return "debug";
+    }
+}
+
+// wxWidgets takes no lock around its target, and the sink has its own.
+class GeneralLog : public wxLog {
+protected:
+    void DoLogRecord(wxLogLevel level, const wxString& message, const wxLogRecordInfo&) override
+    {
+        try {
+            Host::LogRecord record;
+            record.time_s = WallClock();
+            record.label = LevelName(level);
+            record.message = ToUtf8(message);
+            WriteRecord(std::move(record));
+        } catch (const std::exception& failure) {
+            ReportLostRecord(failure.what());
+        }
+    }
+};
+
+// wxWidgets deletes its target itself when a host shuts it down, so each place that
+// needs one gets its own object.
+bool InstallAtLoad()
+{
+    if (wxLog* chosen_by_host = wxLog::SetActiveTarget(new GeneralLog))
+        delete wxLog::SetActiveTarget(chosen_by_host);
+    return true;
+}
+
+[[maybe_unused]] const bool s_installed = InstallAtLoad();
+
+}  // namespace
+
+namespace Host {
+
+void SetVerbose(bool on)
+{
+    wxLog::SetVerbose(on);
+}
+
+void LogFromThisThread()
+{
+    static thread_local GeneralLog this_thread;
+    if (!wxThread::IsMain()) wxLog::SetThreadActiveTarget(&this_thread);
+}
+
+}  // namespace Host
+
+}  // namespace VxaCore

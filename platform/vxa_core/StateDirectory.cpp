@@ -1,0 +1,150 @@
+#include "StateDirectory.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <stdexcept>
+
+#include <wx/log.h>
+
+namespace VxaCore {
+
+namespace {
+
+constexpr char kDocument[] = "document.json";
+constexpr char kTemporary[] = "document.json.tmp";  // one is enough: only the lock's holder writes
+constexpr char kEvents[] = "events.jsonl";
+constexpr char kLock[] = "lock";
+
+// Who holds the lock, as far as its file tells: the process may be in another
+// namespace, or not have written its number yet.
+std::string HolderName(int lock_fd)
+{
+    std::string number;
+    if (!ReadFully(lock_fd, number)) return "another process";
+    const long pid = std::strtol(number.c_str(), nullptr, 10);
+    if (pid == getpid()) return "this process";
+    if (pid <= 0 || (kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH))
+        return "another process";
+    std::string name;
+    const FileDescriptor comm(
+        open(("/proc/" + std::to_string(pid) + "/comm").c_str(), O_RDONLY | O_CLOEXEC));
+    if (comm && ReadFully(comm.get(), name) && !name.empty())
+        name = " (" + name.substr(0, name.find('\n')) + ")";
+    return "process " + std::to_string(pid) + name;
+}
+
+}  // namespace
+
+StateDirectory::StateDirectory(const std::string& path) : m_path(path)
+{
+    const std::string problem = MakeDirectories(path);
+    if (!problem.empty()) throw std::runtime_error("state directory " + path + ": " + problem);
+    m_directory = FileDescriptor(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!m_directory) throw std::runtime_error("state directory " + path + ": " + ErrorText(errno));
+    Lock();
+    OpenEvents();
+}
+
+StateDirectory::~StateDirectory()
+{
+    // A number left behind would name a process that no longer holds the directory.
+    if (m_lock) (void)!ftruncate(m_lock.get(), 0);
+}
+
+void StateDirectory::Lock()
+{
+    FileDescriptor lock(openat(m_directory.get(), kLock, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    if (!lock) throw std::runtime_error(Failure("cannot write", kLock));
+    if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK) throw std::runtime_error(Failure("cannot lock", kLock));
+        throw std::runtime_error("state directory " + m_path + " is in use by " +
+                                 HolderName(lock.get()));
+    }
+    m_lock = std::move(lock);
+    if (ftruncate(m_lock.get(), 0) != 0 ||
+        !WriteFully(m_lock.get(), std::to_string(getpid()) + "\n"))
+        throw std::runtime_error(Failure("cannot write", kLock));
+}
+
+// A record cut short by a kill or a power failure: its call never returned.
+void StateDirectory::OpenEvents()
+{
+    m_events = FileDescriptor(
+        openat(m_directory.get(), kEvents, O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
+    if (!m_events || fsync(m_directory.get()) != 0)
+        throw std::runtime_error(Failure("cannot write", kEvents));
+    const std::string text = ReadEvents();
+    const size_t complete = text.rfind('\n') + 1;  // 0 without any line feed
+    m_events_size = static_cast<long long>(complete);
+    if (complete == text.size()) return;
+    if (ftruncate(m_events.get(), m_events_size) != 0)
+        throw std::runtime_error(Failure("cannot mend", kEvents));
+    wxLogWarning("%s/%s: removed an unfinished last record of %zu bytes",
+                 wxString::FromUTF8(m_path.c_str()), kEvents, text.size() - complete);
+}
+
+std::string StateDirectory::Failure(const char* what, const char* name) const
+{
+    const int cause = errno;
+    return std::string(what) + " " + m_path + "/" + name + ": " + ErrorText(cause);
+}
+
+std::string StateDirectory::ReadDocument() const
+{
+    const FileDescriptor file(openat(m_directory.get(), kDocument, O_RDONLY | O_CLOEXEC));
+    std::string text;
+    if (!file && errno == ENOENT) return text;
+    if (!file || !ReadFully(file.get(), text))
+        throw std::runtime_error(Failure("cannot read", kDocument));
+    return text;
+}
+
+std::string StateDirectory::WriteTemporary(const std::string& text)
+{
+    FileDescriptor file(
+        openat(m_directory.get(), kTemporary, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (!file || !WriteFully(file.get(), text) || fsync(file.get()) != 0 || !file.Close())
+        return Failure("cannot write", kTemporary);
+    return {};
+}
+
+std::string StateDirectory::ReplaceDocument(const std::string& text)
+{
+    std::string problem = WriteTemporary(text);
+    if (problem.empty() &&
+        renameat(m_directory.get(), kTemporary, m_directory.get(), kDocument) != 0)
+        problem = Failure("cannot replace", kDocument);
+    if (!problem.empty()) {
+        unlinkat(m_directory.get(), kTemporary, 0);
+        return problem;
+    }
+    return fsync(m_directory.get()) == 0 ? "" : Failure("cannot replace", kDocument);
+}
+
+std::string StateDirectory::AppendEvent(const std::string& line)
+{
+    const auto line_size = static_cast<long long>(line.size());
+    if (WriteFully(m_events.get(), line) && fdatasync(m_events.get()) == 0) {
+        m_events_size += line_size;
+        return {};
+    }
+    std::string problem = Failure("cannot write", kEvents);
+    if (ftruncate(m_events.get(), m_events_size) != 0)
+        problem += "; " + Failure("cannot mend", kEvents);
+    return problem;
+}
+
+std::string StateDirectory::ReadEvents() const
+{
+    std::string text;
+    if (!ReadFully(m_events.get(), text)) throw std::runtime_error(Failure("cannot read", kEvents));
+    return text;
+}
+
+}  // namespace VxaCore

@@ -1,0 +1,145 @@
+#include "Text.h"
+
+#include <time.h>
+
+#include <cstdio>
+
+namespace VxaCore {
+
+namespace {
+
+constexpr char kReplacement[] = "\xEF\xBF\xBD";  // U+FFFD
+
+void AppendCodePoint(std::string& out, char32_t c)
+{
+    if (c == 0 || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) {
+        out += kReplacement;
+    } else if (c < 0x80) {
+        out += static_cast<char>(c);
+    } else if (c < 0x800) {
+        out += static_cast<char>(0xC0 | (c >> 6));
+        out += static_cast<char>(0x80 | (c & 0x3F));
+    } else {
+        if (c < 0x10000) {
+            out += static_cast<char>(0xE0 | (c >> 12));
+        } else {
+            out += static_cast<char>(0xF0 | (c >> 18));
+            out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+        }
+        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+        out += static_cast<char>(0x80 | (c & 0x3F));
+    }
+}
+
+// Length of the well-formed sequence at the start of a non-empty text; 0 when there is
+// none. The bounds of the second byte exclude overlong forms and surrogates.
+size_t SequenceLength(std::string_view text)
+{
+    const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
+    const unsigned char lead = byte(0);
+    if (lead < 0x80) return lead == 0 ? 0 : 1;
+    const size_t length = lead < 0xC2 ? 0 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : lead < 0xF5 ? 4 : 0;
+    if (length == 0 || text.size() < length) return 0;
+    const unsigned char low = lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
+    const unsigned char high = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;
+    if (byte(1) < low || byte(1) > high) return 0;
+    for (size_t i = 2; i < length; ++i)
+        if ((byte(i) & 0xC0) != 0x80) return 0;
+    return length;
+}
+
+bool IsControl(char c)
+{
+    return static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
+}
+
+void AppendEscaped(std::string& out, const char* prefix, char c)
+{
+    char digits[3];
+    std::snprintf(digits, sizeof digits, "%02x", static_cast<unsigned>(c) & 0xFF);
+    out.append(prefix).append(digits);
+}
+
+}  // namespace
+
+std::string ToUtf8(const wxString& text)
+{
+    std::string out;
+    out.reserve(text.length());
+    const wchar_t* wide = text.wc_str();
+    for (size_t i = 0; i < text.length(); ++i) AppendCodePoint(out, static_cast<char32_t>(wide[i]));
+    return out;
+}
+
+std::string CleanUtf8(const char* bytes)
+{
+    std::string out;
+    std::string_view rest = bytes ? bytes : "";
+    while (!rest.empty()) {
+        const size_t length = SequenceLength(rest);
+        if (length == 0)
+            out += kReplacement;
+        else
+            out += rest.substr(0, length);
+        rest.remove_prefix(length == 0 ? 1 : length);
+    }
+    return out;
+}
+
+bool IsPlainUtf8(std::string_view bytes)
+{
+    while (!bytes.empty()) {
+        const size_t length = SequenceLength(bytes);
+        if (length == 0) return false;
+        bytes.remove_prefix(length);
+    }
+    return true;
+}
+
+void AppendJsonString(std::string& out, std::string_view utf8)
+{
+    out += '"';
+    for (const char c : utf8) {
+        if (c == '"' || c == '\\')
+            (out += '\\') += c;
+        else if (c == '\n')
+            out += "\\n";
+        else if (c == '\t')
+            out += "\\t";
+        else if (IsControl(c))
+            AppendEscaped(out, "\\u00", c);
+        else
+            out += c;
+    }
+    out += '"';
+}
+
+void AppendReadable(std::string& out, std::string_view utf8)
+{
+    while (!utf8.empty() && utf8.back() == '\n') utf8.remove_suffix(1);
+    for (const char c : utf8) {
+        if (c == '\n')
+            out += "\n    ";
+        else if (IsControl(c) && c != '\t')
+            AppendEscaped(out, "\\x", c);
+        else
+            out += c;
+    }
+}
+
+void AppendTime(std::string& out, double time_s)
+{
+    char digits[40];
+    const auto total_us = static_cast<long long>(time_s * 1e6 + 0.5);
+    std::snprintf(digits, sizeof digits, "%lld.%06lld", total_us / 1000000, total_us % 1000000);
+    out += digits;
+}
+
+double WallClock()
+{
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+}  // namespace VxaCore

@@ -1,0 +1,39 @@
+// The file behind an archive writer.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "VxaCore/ZipOutputStream.h"
+
+namespace VxaCore {
+
+// A zip file written from front to back: never seeks, so a pipe or device will do.
+// For one thread at a time. std::bad_alloc may leave any call.
+class VXA_CORE_API CZipOutputStream::Archive {
+public:
+    // Creates or truncates the file, readable by its owner only: it tells what the
+    // machine talks to. Throws std::runtime_error with the reason.
+    static std::unique_ptr<Archive> Create(const std::string& path);
+
+    // Finishes the archive when Close has not; a failure then goes to the error log.
+    ~Archive();
+    Archive(const Archive&) = delete;
+    Archive& operator=(const Archive&) = delete;
+
+    // See CZipOutputStream::AddFromStream. An input that fails leaves an entry with
+    // what could be read; the archive takes further entries, Close reports it.
+    bool Add(wxInputStream& in, bool text, const wxString& name, const wxString& comment);
+
+    // Writes the archive's directory, flushes it to the disk and closes the file. False
+    // and the reason in `error` when anything failed since Create; every later call
+    // gives the same answer.
+    bool Close(std::string& error);
+
+private:
+    struct Content;
+    explicit Archive(std::unique_ptr<Content> content);
+    std::unique_ptr<Content> m_content;
+};
+
+}  // namespace VxaCore

@@ -1,0 +1,86 @@
+// What keeps a host document: memory alone, or a state directory.
+//
+// A state directory holds
+//   document.json   the keys, one JSON object; only ever replaced as a whole
+//   events.jsonl    one line an event: {"time":T,"id":N,"text":"..."}
+//   lock            locked (flock(2)) by the process that has the directory open
+// The process may be killed at any moment: document.json is the old or the new one,
+// never a part, and an event whose call has returned is there. An unfinished last line
+// of events.jsonl is cut off when the directory is next opened.
+//
+// All calls are safe from any thread. std::bad_alloc may leave any of them.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "VxaCore/Dom.h"
+
+namespace VxaCore {
+
+namespace Host {
+
+// An array or object written into document.json by someone else: kept, not read.
+struct NestedValue {};
+
+// A key's value; monostate where the key is absent or null. Texts are UTF-8 without NUL.
+using DocumentValue = std::variant<std::monostate, bool, double, std::string, NestedValue>;
+
+struct Event {
+    double time_s = 0;  // since the epoch
+    int id = 0;
+    std::string text;  // UTF-8
+};
+
+}  // namespace Host
+
+class VXA_CORE_API CDom::Store {
+public:
+    // Lives as long as the store.
+    static std::unique_ptr<Store> InMemory();
+
+    // Opens a state directory, made when missing (parents too). Throws
+    // std::runtime_error with the reason: it cannot be made, read or written, another
+    // opener holds it (the text names the process), or document.json is no JSON object
+    // (the text gives line and column; the file is left alone).
+    static std::unique_ptr<Store> InDirectory(const std::string& path);
+
+    ~Store();
+    Store(const Store&) = delete;
+    Store& operator=(const Store&) = delete;
+
+    Host::DocumentValue Get(const std::string& key) const;
+
+    // Sets a key, or removes it (monostate). Writes only what changed, or what an
+    // earlier failure left unwritten. False and the reason in `error` when it could not
+    // be stored: the value is then kept in memory, except in a closed store, and except
+    // for values no document can hold (a NestedValue, a number that is not finite, a
+    // text or key that is not UTF-8 or holds a NUL).
+    bool Set(const std::string& key, const Host::DocumentValue& value, std::string& error);
+
+    // Stores an event. False and the reason in `error` when it could not be stored: it
+    // is then kept in memory (except in a closed store) and tried again with the next.
+    bool WriteEvent(int id, const std::string& utf8, std::string& error);
+
+    // All events, oldest first, those from before this process included. Throws
+    // std::runtime_error when they cannot be read. `unreadable` is the number of lines
+    // that are no events.
+    std::vector<Host::Event> Events(size_t& unreadable) const;
+
+    // Gives the directory free. Every later call but Get fails with a text that says
+    // so; a second Close is harmless. False and the reason in `error` when something
+    // kept in memory still could not be stored.
+    bool Close(std::string& error);
+
+private:
+    struct Content;
+    explicit Store(std::unique_ptr<Content> content);
+    // With the lock held; the reason of a failure, else empty.
+    std::string StoreDocument();
+    std::string StoreEvents();
+    std::unique_ptr<Content> m_content;
+};
+
+}  // namespace VxaCore
