@@ -1,8 +1,8 @@
 // Reading scan configurations and answering scan requests.
 #pragma once
 
-#include <array>
 #include <cstdint>
+#include <iterator>
 
 #include "vxi/records.h"
 
@@ -26,13 +26,12 @@ inline ScanTarget scan_target(const scan_metrics_request& request)
     return {request.direction, request.port};
 }
 
-// By VXI_SCAN_*.
-using ScanCounters = std::array<std::uint64_t, VXI_SCAN_COUNTERS>;
-
-// Writes the counters asked for. Dispatch has clamped the counts to the buffer before.
-inline void deliver_counters(const ScanCounters& values, scan_metrics_request& request)
+// Writes the counters asked for; `values` are all of them, by VXI_SCAN_*. Dispatch has
+// clamped the counts in the request to the buffer before.
+template <typename Values>
+void deliver_counters(const Values& values, scan_metrics_request& request)
 {
-    for (std::uint32_t i = 0; i < request.counters && i < values.size(); ++i) {
+    for (std::uint32_t i = 0; i < request.counters && i < std::size(values); ++i) {
         request.counter[i] = values[i];
     }
 }

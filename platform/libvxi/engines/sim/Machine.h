@@ -1,9 +1,9 @@
 // The simulated machine's load over time and the traffic counters that come of it.
 #pragma once
 
+#include <array>
 #include <cstdint>
 
-#include "Scan.h"
 #include "engines/sim/Settings.h"
 #include "vxi/engine.h"
 
@@ -18,7 +18,8 @@ struct Load {
     double free_memory_fraction;
 };
 
-using Counters = ScanCounters;
+// By VXI_SCAN_*.
+using Counters = std::array<std::uint64_t, VXI_SCAN_COUNTERS>;
 
 // Where a tick falls on the timeline.
 struct Moment {
