@@ -1,0 +1,67 @@
+#include <linux/netlink.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+
+#include "engines/linux/ProcessMonitor.h"
+#include "engines/linux/Slots.h"
+
+namespace vxi::linux_slots {
+
+namespace {
+
+void describe(vxi_capability_s& row, bool available, const std::string& detail)
+{
+    row.available = available;
+    snprintf(row.detail, sizeof row.detail, "%s", detail.c_str());
+}
+
+void scan_metrics(vxi_capability_s& row)
+{
+    ScanMonitor& monitor = process_scan_monitor();
+    const Outcome outcome = monitor.rehearse();
+    describe(row, !outcome.failed(), outcome.failed() ? outcome.text : monitor.description());
+}
+
+void not_yet(vxi_capability_s& row)
+{
+    describe(row, false, "not supported by engine linux");
+}
+
+struct Facility {
+    const char* name;
+    void (*probe)(vxi_capability_s&);
+};
+
+constexpr Facility facilities[] = {
+    {"scan-metrics", scan_metrics}, {"statistics", not_yet},  {"variables", not_yet},
+    {"conntrack", not_yet},         {"conn-states", not_yet}, {"blacklist", not_yet},
+    {"rule-profile", not_yet},
+};
+
+}  // namespace
+
+// The driver is the kernel itself: it answers wherever a netlink socket can be had. What it
+// delivers is for the capabilities to say.
+int available(vxi_handle_ops_s*)
+{
+    const int descriptor = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_NETFILTER);
+    if (descriptor >= 0) {
+        close(descriptor);
+    }
+    return descriptor >= 0;
+}
+
+int capabilities(vxi_handle_ops_s*, vxi_capability_s* rows, unsigned int count)
+{
+    const unsigned int wanted = std::min<unsigned int>(count, std::size(facilities));
+    for (unsigned int i = 0; i < wanted; ++i) {
+        rows[i].name = facilities[i].name;
+        facilities[i].probe(rows[i]);
+    }
+    return std::size(facilities);
+}
+
+}  // namespace vxi::linux_slots

@@ -1,0 +1,30 @@
+// The Linux engine: what the kernel's own packet filter and tables can tell.
+#include "Engine.h"
+
+#include "engines/linux/Slots.h"
+
+namespace vxi {
+
+namespace {
+
+Operations operations()
+{
+    Operations table = {};
+    table.available = linux_slots::available;
+    table.set_scan_monitoring = linux_slots::set_scan_monitoring;
+    table.get_scan_metrics = linux_slots::get_scan_metrics;
+    table.capabilities = linux_slots::capabilities;
+    return table;
+}
+
+}  // namespace
+
+const Engine& linux_engine()
+{
+    static const Operations table = operations();
+    // Nothing to prepare: handles share the process's monitor, which starts when it is used.
+    static const Engine engine = {"linux", &table, nullptr};
+    return engine;
+}
+
+}  // namespace vxi

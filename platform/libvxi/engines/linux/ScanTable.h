@@ -1,0 +1,65 @@
+// The nf_tables table that counts the connections of one port; README.md shows it in the
+// syntax of nft.
+#pragma once
+
+#include <sys/types.h>
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "Scan.h"
+#include "engines/linux/NftBatch.h"
+
+namespace vxi {
+
+// The table's named counters, in the order of scan_counter_names.
+enum class ScanCounter {
+    New,            // opened: bare SYN that entered a half-open set
+    Established,    // half-open, then acknowledged
+    Refused,        // half-open, then reset by either side
+    Reset,          // RST outside a handshake
+    Retransmitted,  // bare SYN of a connection that is half-open already
+    Finished,       // FIN from the side that opened
+    Untracked,      // bare SYN while the half-open set was full
+    Forward,        // everything towards the port's owner
+    Backward,
+    Count
+};
+
+constexpr size_t scan_counter_count = static_cast<size_t>(ScanCounter::Count);
+extern const std::array<const char*, scan_counter_count> scan_counter_names;
+
+// Half-open connections by opener's address and port and owner's address.
+constexpr const char* half_open_set_v4 = "h4";
+constexpr const char* half_open_set_v6 = "h6";
+constexpr uint32_t half_open_max = 65536;  // in each of the two
+
+struct ScanTableSpec {
+    std::string name;
+    ScanTarget target;
+    uint32_t half_open_timeout_s;
+    bool owned;  // the kernel removes it with the socket that made it
+};
+
+// Names of the tables of one process: "vxi_scan_PID", and with "_1".. where that is taken
+// by a process with the same number in another pid namespace.
+std::string scan_table_name(pid_t process, unsigned attempt);
+// The process in such a name, 0 in any other.
+pid_t scan_table_process(std::string_view name);
+
+// Adds all messages that make the table; returns the sequence number of the first, the
+// table itself.
+uint32_t add_scan_table(NftBatch& batch, const ScanTableSpec& spec);
+
+void add_table_removal(NftBatch& batch, const std::string& name);
+
+// How long a handshake can stay unfinished with that many repetitions of its last packet.
+uint32_t half_open_timeout_s(unsigned retries);
+
+// The same from this network namespace's settings, by who repeats: the owner of the port
+// its SYN-ACK (inbound), the opener its SYN (outbound).
+uint32_t half_open_timeout_of(uint32_t direction);
+
+}  // namespace vxi

@@ -1,0 +1,18 @@
+// The engine's operations, by the file that holds them. Each answers as vxi/vxi.h says;
+// dispatch has checked the arguments and catches exceptions. What has no slot here is
+// answered by the library's defaults.
+#pragma once
+
+#include "Engine.h"
+
+namespace vxi::linux_slots {
+
+// Capabilities.cpp
+int available(vxi_handle_ops_s* handle);
+int capabilities(vxi_handle_ops_s* handle, vxi_capability_s* rows, unsigned int count);
+
+// ScanCalls.cpp
+int set_scan_monitoring(vxi_handle_ops_s* handle, scan_monitor_config* config);
+int get_scan_metrics(vxi_handle_ops_s* handle, scan_metrics_request* request, unsigned int length);
+
+}  // namespace vxi::linux_slots
