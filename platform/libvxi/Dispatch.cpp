@@ -302,7 +302,7 @@ int vxi_get_varv(vxi_handle_ops_s* handle, vxa_filter_variable_s* variable)
 
 int vxi_get_var(vxi_handle_ops_s* handle, unsigned int number, vxa_filter_variable_s* variable)
 {
-    return fetch(handle, Call::get_var, Table::variables, [&] {
+    return perform(handle, Call::get_var, [&] {
         if (!variable) {
             return null_record(handle);
         }

@@ -8,12 +8,11 @@
 
 namespace vxi {
 
-enum class Table : unsigned { statistics, variables, conntrack, blacklist, conn_states };
-inline constexpr unsigned table_count = 5;
+enum class Table : unsigned { statistics, conntrack, blacklist, conn_states };
+inline constexpr unsigned table_count = 4;
 
-// Areas whose slots have names.
-enum class Area : unsigned { statistics1, statistics2, statistics3, variables };
-inline constexpr unsigned area_count = 4;
+// The areas of a statistics record.
+enum class Area : unsigned { statistics1, statistics2, statistics3 };
 
 struct SlotNames {
     std::vector<std::string> names;  // by slot; empty for a slot without a name
