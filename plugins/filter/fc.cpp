@@ -4,6 +4,8 @@
 #include <wx/thread.h>
 #include <lua.hpp>
 
+#include "ConnMetrics/ConnMetrics.h"
+#include "Diagnostics/Diagnostics.h"
 #include "Export.h"
 #include "LuaArgs.h"
 #include "LuaBoundary.h"
@@ -18,6 +20,7 @@ FC_PUBLIC int luaopen_fc(lua_State* L);
 
 FC_PUBLIC int EnableNativeFirewall();
 FC_PUBLIC int DisableNativeFirewall();
+FC_PUBLIC int AddDriverDiagnostics(lua_State* L);
 FC_PUBLIC int setup_tbtrace(lua_State* L);
 FC_PUBLIC int tb_trace_handler(int number, const char* text, const char* place, int place_number,
                                char* message);
@@ -25,6 +28,7 @@ FC_PUBLIC int tb_trace_handler(int number, const char* text, const char* place, 
 namespace {
 
 constexpr const char* kSource = "plugins/filter/fc";
+const wxString s_Trace("filter");
 
 // The driver library's levels: everything, nothing.
 constexpr int kTraceOn = 3;
@@ -79,6 +83,23 @@ int DisableNativeFirewall()
     return 0;
 }
 
+// Traced also when an argument is then rejected: the log shows that scripts tried.
+int AddDriverDiagnostics(lua_State* L)
+{
+    constexpr const char* self = "AddDriverDiagnostics";
+    fc::Guarded(L, [] { fc::Trace(s_Trace, {kSource, 80, self}, "%s", self); });
+    VxaCore::CDom* dom = fc::CheckDom(L, 1);
+    vxi_handle_ops_s* handle = fc::CheckOpenDriverHandle(L, 2);
+    VxaCore::CZipOutputStream* zip = fc::CheckZipOutputStream(L, 3);
+    bool added = false;
+    fc::Guarded(L, [&] {
+        added = Filter::Diagnostics::AddDriverContent(dom, handle, *zip);
+        fc::Trace(s_Trace, {kSource, 102, self}, "AddDriverContent returned %d", added ? 1 : 0);
+    });
+    lua_pushboolean(L, added);
+    return 1;
+}
+
 // Called by the driver library on its own threads; nothing may leave it.
 int tb_trace_handler(int number, const char* text, const char* place, int place_number,
                      char* message)
@@ -112,7 +133,11 @@ int luaopen_fc(lua_State* L)
     SLB3::Namespace(L, "SLB.filter")
         .set("EnableNativeFirewall", EnableNativeFirewall)
         .set("DisableNativeFirewall", DisableNativeFirewall)
+        .set("AddDriverDiagnostics", AddDriverDiagnostics)
         .set("setup_tbtrace", setup_tbtrace)
+        .set("AddToConnMetrics", AddToConnMetrics)
+        .set("UpdateConnMetrics", UpdateConnMetrics)
+        .set("GetConnMetrics", GetConnMetrics)
         .set("CheckSystemHealthMetrics", CheckSystemHealthMetrics)
         .set("GetSysHealthMetrics", GetSysHealthMetrics)
         .set("GetSysHealthEnabled", GetSysHealthEnabled)
