@@ -296,8 +296,8 @@ int vxi_get_conn_states(vxi_handle_ops_s* handle, vxa_get_conn_states_s* states)
 
 int vxi_get_varv(vxi_handle_ops_s* handle, vxa_filter_variable_s* variable)
 {
-    return fetch(handle, Call::get_varv, Table::variables,
-                 [&] { return variable ? get_variable(handle, variable) : null_record(handle); });
+    return perform(handle, Call::get_varv,
+                   [&] { return variable ? get_variable(handle, variable) : null_record(handle); });
 }
 
 int vxi_get_var(vxi_handle_ops_s* handle, unsigned int number, vxa_filter_variable_s* variable)
