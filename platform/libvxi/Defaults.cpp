@@ -14,9 +14,11 @@ namespace {
 
 int not_supported(vxi_handle_ops_s* handle)
 {
-    copy_text(handle->error, sizeof handle->error,
-              std::string("not supported by engine ") + handle->operations->engine + ": " +
-                  handle->operation);
+    BoundedText(handle->error)
+        .plain("not supported by engine ")
+        .plain(handle->operations->engine)
+        .plain(": ")
+        .plain(handle->operation);
     handle->explained = true;
     return -EOPNOTSUPP;
 }

@@ -4,6 +4,8 @@
 #include <exception>
 #include <memory>
 #include <new>
+#include <string>
+#include <utility>
 
 #include "Calls.h"
 #include "Engine.h"
@@ -31,8 +33,7 @@ bool scripted(vxi_handle_ops_s* handle, Call call, int& status)
     }
     status = answer.status;
     if (status <= 0) {
-        fail(handle, status, "%s",
-             answer.text.empty() ? describe_status(status).c_str() : answer.text.c_str());
+        fail(handle, status, "%s", answer.text[0] ? answer.text : StatusWords(status).text());
     }
     return true;
 }
@@ -58,7 +59,7 @@ void finish(vxi_handle_ops_s* handle, Call call, int status)
         return;
     }
     if (!handle->explained) {
-        fail(handle, status, "%s", describe_status(status).c_str());
+        fail(handle, status, "%s", StatusWords(status).text());
     }
     trace(handle, 1, trace_source, name_of(call), __LINE__, "status %d: %s", status, handle->error);
 }
@@ -192,50 +193,61 @@ struct Destroy {
 
 using Handle = std::unique_ptr<vxi_handle_ops_s, Destroy>;
 
-bool scripted_open(const char* engine, std::string& error)
+// Why vxi_open fails: which engine it had reached and what was wrong.
+struct OpenError {
+    const char* engine = "";
+    std::string cause;
+};
+
+bool scripted_open(OpenError& error)
 {
     fault::Answer answer;
     if (!fault::scripted.load(std::memory_order_acquire) ||
         !fault::next_answer(Call::open, answer)) {
         return false;
     }
-    error = std::string("engine ") + engine + ": " + name_of(Call::open) + ": " +
-            (answer.text.empty() ? describe_status(answer.status) : answer.text);
+    error.cause = answer.text[0] ? answer.text : StatusWords(answer.status).text();
     return true;
 }
 
-Handle open_handle(std::string& error)
+Handle open_handle(OpenError& error)
 {
     const Operations* operations = nullptr;
-    const Engine* engine = chosen_engine(operations, error);
-    if (!engine || !fault::environment_readable(error) || scripted_open(engine->name, error)) {
+    const Engine* engine = chosen_engine(operations, error.cause);
+    if (!engine || !fault::environment_readable(error.cause)) {
+        return nullptr;
+    }
+    error.engine = engine->name;
+    if (scripted_open(error)) {
         return nullptr;
     }
     Handle handle(new vxi_handle_ops_s{});
     handle->operations = operations;
     handle->operation = name_of(Call::open);
-    const int status = engine->open ? engine->open(handle.get(), error) : 0;
-    if (status != 0) {
-        error = std::string("engine ") + engine->name + ": " + name_of(Call::open) + ": " +
-                (error.empty() ? describe_status(status) : error);
-        return nullptr;
+    const int status = engine->open ? engine->open(handle.get(), error.cause) : 0;
+    if (status != 0 && error.cause.empty()) {
+        error.cause = StatusWords(status).text();
     }
-    return handle;
+    return status == 0 ? std::move(handle) : nullptr;
 }
 
 }  // namespace
 
 vxi_handle_ops_s* vxi_open(void)
 try {
-    std::string error;
+    OpenError error;
     Handle handle = open_handle(error);
-    set_open_error(error);
-    if (handle && fault::scripted.load(std::memory_order_acquire)) {
+    if (!handle) {
+        set_open_error(error.engine, error.cause);
+        return nullptr;
+    }
+    set_open_error("", "");
+    if (fault::scripted.load(std::memory_order_acquire)) {
         fault::note_success(Call::open);
     }
     return handle.release();
 } catch (const std::exception& error) {
-    set_open_error(error.what());
+    set_open_error("", error.what());
     return nullptr;
 }
 
@@ -257,7 +269,7 @@ int vxi_get_error(vxi_handle_ops_s* handle, char* buffer, unsigned int size)
     if (!buffer || size == 0) {
         return handle ? -EINVAL : -EBADF;
     }
-    copy_text(buffer, size, handle ? handle->error : "no handle: it could not be opened");
+    BoundedText(buffer, size).plain(handle ? handle->error : "no handle: it is not open");
     return handle ? 0 : -EBADF;
 }
 
@@ -296,8 +308,8 @@ int vxi_get_conn_states(vxi_handle_ops_s* handle, vxa_get_conn_states_s* states)
 
 int vxi_get_varv(vxi_handle_ops_s* handle, vxa_filter_variable_s* variable)
 {
-    return fetch(handle, Call::get_varv, Table::variables,
-                 [&] { return variable ? get_variable(handle, variable) : null_record(handle); });
+    return perform(handle, Call::get_varv,
+                   [&] { return variable ? get_variable(handle, variable) : null_record(handle); });
 }
 
 int vxi_get_var(vxi_handle_ops_s* handle, unsigned int number, vxa_filter_variable_s* variable)

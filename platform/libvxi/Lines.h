@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "Address.h"
+#include "Message.h"
 #include "vxi/records.h"
 
 namespace vxi {
@@ -23,6 +24,15 @@ public:
         const std::size_t length = std::min(words.size(), room());
         std::memcpy(buffer_ + used_, words.data(), length);
         used_ += length;
+        return *this;
+    }
+
+    // For what the kernel or a user named.
+    Lines& escaped(std::string_view words, bool blank)
+    {
+        for (const char byte : words) {
+            text(EscapedByte(byte, blank));
+        }
         return *this;
     }
 

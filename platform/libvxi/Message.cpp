@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "Calls.h"
 #include "Engine.h"
 
 namespace vxi {
@@ -20,40 +21,60 @@ thread_local char open_error[256];
 
 }  // namespace
 
-std::string describe_status(int status)
-{
-    if (status == VXI_E_UNKNOWN_VARIABLE) {
-        return "unknown variable";
-    }
-    const char* words = status < 0 && status > -4096 ? strerrordesc_np(-status) : nullptr;
-    return words ? words : "status " + std::to_string(status);
-}
-
-void append_ascii(std::string& out, std::string_view text, bool blank)
+EscapedByte::EscapedByte(char byte, bool blank) : text{byte}, length(1)
 {
     static const char digits[] = "0123456789abcdef";
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if ((byte > ' ' && byte < 0x7f && byte != '\\') || (byte == ' ' && blank)) {
-            out += c;
-        } else {
-            out += {'\\', 'x', digits[byte >> 4], digits[byte & 15]};
+    const auto code = static_cast<unsigned char>(byte);
+    if ((code > ' ' && code < 0x7f && code != '\\') || (code == ' ' && blank)) {
+        return;
+    }
+    text[0] = '\\';
+    text[1] = 'x';
+    text[2] = digits[code >> 4];
+    text[3] = digits[code & 15];
+    length = 4;
+}
+
+BoundedText& BoundedText::plain(std::string_view text)
+{
+    const auto length = std::min(text.size(), static_cast<std::size_t>(last_ - at_));
+    std::memcpy(at_, text.data(), length);
+    at_ += length;
+    *at_ = '\0';
+    return *this;
+}
+
+BoundedText& BoundedText::escaped(std::string_view text)
+{
+    for (const char byte : text) {
+        const EscapedByte escaped(byte, true);
+        if (last_ - at_ < static_cast<std::ptrdiff_t>(escaped.length)) {
+            break;
         }
+        plain(escaped);
+    }
+    return *this;
+}
+
+StatusWords::StatusWords(int status) : words_(number_)
+{
+    const char* const known = status < 0 && status > -4096 ? strerrordesc_np(-status) : nullptr;
+    if (status == VXI_E_UNKNOWN_VARIABLE) {
+        words_ = "unknown variable";
+    } else if (known) {
+        words_ = known;
+    } else {
+        std::snprintf(number_, sizeof number_, "status %d", status);
     }
 }
 
-void copy_text(char* buffer, std::size_t size, std::string_view text)
+void set_open_error(std::string_view engine, std::string_view cause)
 {
-    const std::size_t length = std::min(size - 1, text.size());
-    std::memcpy(buffer, text.data(), length);
-    buffer[length] = '\0';
-}
-
-void set_open_error(std::string_view text)
-{
-    std::string ascii;
-    append_ascii(ascii, text, true);
-    copy_text(open_error, sizeof open_error, ascii);
+    BoundedText text(open_error);
+    if (!engine.empty()) {
+        text.plain("engine ").plain(engine).plain(": ").plain(name_of(Call::open)).plain(": ");
+    }
+    text.escaped(cause);
 }
 
 int fail(vxi_handle_ops_s* handle, int status, const char* format, ...)
@@ -64,10 +85,9 @@ int fail(vxi_handle_ops_s* handle, int status, const char* format, ...)
     vsnprintf_safe(cause, sizeof cause, format, arguments);
     va_end(arguments);
 
-    std::string text = std::string("engine ") + handle->operations->engine + ": " +
-                       (handle->operation ? handle->operation : "") + ": ";
-    append_ascii(text, cause, true);
-    copy_text(handle->error, sizeof handle->error, text);
+    BoundedText text(handle->error);
+    text.plain("engine ").plain(handle->operations->engine).plain(": ");
+    text.plain(handle->operation).plain(": ").escaped(cause);
     handle->explained = true;
     return status;
 }

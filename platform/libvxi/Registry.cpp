@@ -65,15 +65,6 @@ std::string unknown_engine(const Registry& known)
 
 }  // namespace
 
-#ifndef VXI_LINUX_ENGINE
-const Engine& linux_engine()
-{
-    static const Operations none{};
-    static const Engine engine{"linux", &none, nullptr};
-    return engine;
-}
-#endif
-
 const Engine* chosen_engine(const Operations*& operations, std::string& error)
 {
     const Registered* chosen = registry().chosen.load(std::memory_order_acquire);

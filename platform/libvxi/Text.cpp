@@ -7,7 +7,6 @@
 #include <string>
 
 #include "Lines.h"
-#include "Message.h"
 #include "Source.h"
 #include "Variables.h"
 #include "vxi/engine.h"
@@ -21,13 +20,6 @@ bool usable(const tb_dump_s* sink, const void* record)
     return sink && sink->print && record;
 }
 
-std::string ascii_name(const std::string& name)
-{
-    std::string text;
-    append_ascii(text, name, false);
-    return text;
-}
-
 const char* engine_of(const Source& source)
 {
     return source.engine ? source.engine : vxi_engine_name();
@@ -36,11 +28,9 @@ const char* engine_of(const Source& source)
 // "# WHAT: SOURCE (engine NAME)", to be continued.
 void head(Lines& lines, const char* what, const Source& source)
 {
-    std::string text;
-    append_ascii(text, source.text[0] ? source.text : "source unknown", true);
-    std::string engine;
-    append_ascii(engine, engine_of(source), false);
-    lines.text("# ").text(what).text(": ").text(text).text(" (engine ").text(engine).text(")");
+    lines.text("# ").text(what).text(": ");
+    lines.escaped(source.text[0] ? source.text : "source unknown", true);
+    lines.text(" (engine ").escaped(engine_of(source), true).text(")");
 }
 
 // ---- statistics ------------------------------------------------------------
@@ -71,7 +61,7 @@ void print_slots(Lines& lines, unsigned number, const StatisticsArea& area)
             continue;
         }
         if (area.named(i)) {
-            lines.text(ascii_name(area.names->names[i]));
+            lines.escaped(area.names->names[i], false);
         } else {
             lines.number(number).text("/").number(i);
         }

@@ -1,39 +1,26 @@
--- Tables of cases under plain Lua: each is run on its own, and all failures are told.
+-- Named cases on top of the shared checks: a case that raises fails and the others still
+-- run; what fails is told with the case's name.
 
-local cases = { failed = 0, run = 0 }
+local testing = require "testing"
 
-local function show(value)
-    if type(value) ~= "table" then return ("%q"):format(tostring(value)) end
-    local parts, keys = {}, {}
-    for key in pairs(value) do keys[#keys + 1] = key end
-    table.sort(keys, function(a, b) return tostring(a) < tostring(b) end)
-    for i, key in ipairs(keys) do parts[i] = tostring(key) .. "=" .. show(value[key]) end
-    return "{" .. table.concat(parts, ", ") .. "}"
+local cases = { finish = testing.finish }
+
+local current
+
+function cases.case(name, body)
+    current = name
+    local ok, message = pcall(body)
+    testing.equal(ok and "no error" or message, "no error", name)
 end
 
 function cases.equal(actual, expected, what)
-    if show(actual) ~= show(expected) then
-        error(("%s is %s, not %s"):format(what, show(actual), show(expected)), 2)
-    end
+    testing.equal(actual, expected, current .. ": " .. what)
 end
 
+-- The whole text is shown when the pattern is not in it.
 function cases.matches(actual, pattern, what)
-    if not actual:find(pattern) then
-        error(("%s lacks %q; it is:\n%s"):format(what, pattern, actual), 2)
-    end
-end
-
-function cases.case(name, body, ...)
-    cases.run = cases.run + 1
-    local ok, message = pcall(body, ...)
-    if ok then return end
-    cases.failed = cases.failed + 1
-    io.stderr:write("FAILED ", name, ": ", tostring(message), "\n")
-end
-
-function cases.finish()
-    io.write(("%d cases, %d failed\n"):format(cases.run, cases.failed))
-    os.exit(cases.run > 0 and cases.failed == 0, true)
+    if actual:find(pattern) then actual = pattern end
+    testing.equal(actual, pattern, current .. ": " .. what)
 end
 
 return cases

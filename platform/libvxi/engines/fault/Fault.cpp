@@ -6,9 +6,11 @@
 #include <cstdint>
 #include <cstdlib>
 #include <mutex>
+#include <new>
 #include <string_view>
 #include <vector>
 
+#include "Message.h"
 #include "vxi/engine.h"
 
 namespace vxi::fault {
@@ -217,7 +219,8 @@ bool next_answer(Call call, Answer& answer)
             continue;
         }
         each.answers_left -= each.answers_left != for_good;
-        answer = {each.status, each.text};
+        answer.status = each.status;
+        BoundedText(answer.text).plain(each.text);
         return true;
     }
     return false;
@@ -235,7 +238,7 @@ void note_success(Call call)
 }  // namespace vxi::fault
 
 int vxi_fault_script(const char* script, unsigned int* position)
-{
+try {
     vxi::fault::Script faults;
     vxi::fault::Reader reader(script ? script : "");
     if (!reader.read(faults)) {
@@ -250,4 +253,6 @@ int vxi_fault_script(const char* script, unsigned int* position)
     all.environment_error.clear();
     vxi::fault::scripted = !all.script.empty();
     return 0;
+} catch (const std::bad_alloc&) {
+    return -ENOMEM;
 }

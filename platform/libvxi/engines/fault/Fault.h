@@ -10,7 +10,7 @@ namespace vxi::fault {
 
 struct Answer {
     int status;
-    std::string text;  // empty: none was given
+    char text[200];  // empty: none was given
 };
 
 // Set while a script is in force. Dispatch looks here first, so that a process without

@@ -21,3 +21,10 @@ extern "C" {
 #if LUA_VERSION_NUM < 502
 #error "SLB3 needs Lua 5.2 or later"
 #endif
+
+// On templates with static records: exported, these would be process-wide unique
+// symbols, which keep the library that holds them from ever being unloaded.
+#define SLB3_INTERNAL_LOCAL __attribute__((visibility("hidden")))
+
+// What the library that owns a class defines for others that link with it.
+#define SLB3_INTERNAL_PUBLIC __attribute__((visibility("default")))

@@ -44,7 +44,7 @@ namespace policy {
 // Scripts may own instances, which the collector destroys; pointers are never deleted.
 struct Default {
     template <typename T>
-    struct __attribute__((visibility("default"))) Implementation {
+    struct SLB3_INTERNAL_PUBLIC Implementation {
         static void* Unpack(const internal::Object& object)
         {
             if (object.type == internal::kInstance) return internal::InstanceAddress<T>(object);
@@ -58,7 +58,7 @@ struct Default {
 // Scripts hold pointers only; the objects belong to someone else.
 struct NoDelete {
     template <typename T>
-    struct __attribute__((visibility("default"))) Implementation {
+    struct SLB3_INTERNAL_PUBLIC Implementation {
         static void* Unpack(const internal::Object& object)
         {
             return internal::StoredPointer(object);
@@ -70,15 +70,15 @@ struct NoDelete {
 }  // namespace policy
 }  // namespace SLB3
 
-#define SLB3_INTERNAL_DECLARATION(Type, Name, Policy_, Parents_) \
-    namespace SLB3 {                                             \
-    template <>                                                  \
-    struct Wrapper<Type> {                                       \
-        typedef Policy_ Policy;                                  \
-        typedef Parents_ Parents;                                \
-        static const char* GetName() { return Name; }            \
-        static void Register(internal::Class<Type>& registered); \
-    };                                                           \
+#define SLB3_INTERNAL_DECLARATION(Type, Name, Policy_, Parents_)                      \
+    namespace SLB3 {                                                                  \
+    template <>                                                                       \
+    struct Wrapper<Type> {                                                            \
+        typedef Policy_ Policy;                                                       \
+        typedef Parents_ Parents;                                                     \
+        static const char* GetName() { return Name; }                                 \
+        SLB3_INTERNAL_PUBLIC static void Register(internal::Class<Type>& registered); \
+    };                                                                                \
     }
 
 #define SLB3_DECLARATION(Type, Name, Policy_) \

@@ -77,16 +77,13 @@ public:
     {
         static_assert(Wrapper<T>::Policy::kInstances,
                       "scripts hold only pointers to a class of the policy NoDelete");
-        lua_State* L = state();
-        auto body = [this](lua_State* S) {
-            push(S);
-            lua_createtable(S, 0, 1);
-            lua_pushcfunction(S, (&ConstructObject<T, Args...>));
-            lua_setfield(S, -2, "__call");
-            lua_setmetatable(S, -2);
-            return 0;
-        };
-        if (RunProtected(L, body) != LUA_OK) lua_error(L);
+        protect([this](lua_State* L) {
+            push(L);
+            lua_createtable(L, 0, 1);
+            lua_pushcfunction(L, (&ConstructObject<T, Args...>));
+            lua_setfield(L, -2, "__call");
+            lua_setmetatable(L, -2);
+        });
         return *this;
     }
 

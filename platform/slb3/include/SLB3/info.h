@@ -50,7 +50,7 @@ struct InfoType<T*> {
 
 // The shared record of T; null for void.
 template <typename T>
-const BaseInfo* InfoOf()
+SLB3_INTERNAL_LOCAL const BaseInfo* InfoOf()
 {
     if constexpr (std::is_void<T>::value) {
         return nullptr;
@@ -65,7 +65,7 @@ struct FunctionInfo : BaseInfo {
     Type type() const override { return kType_function; }
     const char* name() const override { return "function"; }
     int num_args() const override { return static_cast<int>(sizeof...(Args)); }
-    const BaseInfo* const* args() const override
+    SLB3_INTERNAL_LOCAL const BaseInfo* const* args() const override
     {
         static const BaseInfo* const list[] = {InfoOf<Args>()..., nullptr};
         return sizeof...(Args) == 0 ? nullptr : list;

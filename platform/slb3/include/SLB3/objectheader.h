@@ -77,7 +77,7 @@ struct OneParent {
     }
     // A function: the class may still be incomplete where it is declared.
     template <typename T>
-    static const ParentRef* List()
+    SLB3_INTERNAL_LOCAL static const ParentRef* List()
     {
         static const ParentRef list[] = {{Wrapper<Parent>::GetName(), &Adjust<T>},
                                          {nullptr, nullptr}};
@@ -157,7 +157,7 @@ inline std::pair<void*, bool> GetOrConvert(lua_State* L, int index, const char* 
 // "Anything else" takes in userdata of other libraries: they are never looked into. An
 // object is recognised by its metatable, whichever shared library made it. The pointer
 // belongs to whoever made the object and is valid while the value is on the stack and
-// its owner keeps it. [-0, +0, m], needs three free stack slots.
+// its owner keeps it. [-0, +0, m], needs two free stack slots.
 template <typename T>
 std::pair<T*, bool> GetOrConvertPtr(lua_State* L, int index)
 {

@@ -7,17 +7,22 @@
 
 namespace SLB3 {
 
-// Made by Namespace and subtable(). Every call leaves the stack as it was, works from
-// coroutines, and needs the few free stack slots that a C function has from the start.
+// Made by Namespace and subtable(). Every call but push() leaves the stack as it was;
+// all work from coroutines.
 //
 // A table object must not outlive the state (or coroutine) that it was made with.
 //
 // Memory: the tables behind one Namespace and its subtables hang from one registry
 // entry, keyed by the Namespace's address. The destructor removes it. Where Lua raises
 // by longjmp, destructors do not run; so a call below that raises removes the entry
-// before, and the table object is of no further use then. Only an error raised by
-// something else while a Namespace is alive leaves its entry, until the next Namespace
-// at the same address replaces it.
+// before, and the Namespace and its subtables are of no further use then. Only an error
+// raised by something else while a Namespace is alive leaves its entry, until the next
+// Namespace at the same address replaces it. An error passed on this way keeps its
+// value, but a memory error arrives with the status of other errors.
+//
+// A value that has a destructor itself (a std::string, an object by value) is copied
+// by the caller, and that copy is lost when the call raises by longjmp: pass a C string
+// or a pointer.
 class Table {
 public:
     Table(const Table&) = delete;
@@ -55,10 +60,13 @@ public:
     // The table that this one is a subtable of; for others the table itself. [-0, +0, -]
     Table& close() { return m_parent != nullptr ? *m_parent : *this; }
 
-    // Pushes the table on this state, which may be another coroutine. [-0, +1, -]
+    // Pushes the table on this state, which may be another coroutine. Raises only when
+    // the table object is of no use any more. [-0, +1, v]
     void push(lua_State* L) const
     {
         lua_rawgetp(L, LUA_REGISTRYINDEX, m_root);
+        if (!lua_istable(L, -1))
+            luaL_error(L, "a namespace is used after an error or with another Lua state");
         lua_rawgetp(L, -1, this);
         lua_remove(L, -2);
     }
@@ -97,7 +105,24 @@ protected:
         lua_rawsetp(m_state, LUA_REGISTRYINDEX, this);
     }
 
-    lua_State* state() const { return m_state; }
+    // Runs `body(lua_State*)`, which leaves the stack as it was, and passes an error on
+    // after the registry entry is gone. [-0, +0, e]
+    template <typename Body>
+    void protect(Body&& body)
+    {
+        auto run = [&body](lua_State* L) {
+            body(L);
+            return 0;
+        };
+        if (!lua_checkstack(m_state, LUA_MINSTACK)) {
+            m_root->release();
+            luaL_error(m_state, "stack overflow (no room to fill a table)");
+        }
+        if (internal::RunProtected(m_state, run) != LUA_OK) {
+            m_root->release();
+            lua_error(m_state);
+        }
+    }
 
 private:
     explicit Table(Table& parent)
@@ -121,19 +146,6 @@ private:
 
     // Stores the value on top in the table below it, and pops it. [-1, +0, e]
     static void rawSet(lua_State* L, const char* name) { lua_setfield(L, -2, name); }
-
-    template <typename Body>
-    void protect(Body&& body)
-    {
-        auto run = [&body](lua_State* L) {
-            body(L);
-            return 0;
-        };
-        if (internal::RunProtected(m_state, run) != LUA_OK) {
-            m_root->release();
-            lua_error(m_state);
-        }
-    }
 
     lua_State* m_state;
     Table* m_parent;  // null but for subtables
