@@ -87,7 +87,7 @@ int DisableNativeFirewall()
 int AddDriverDiagnostics(lua_State* L)
 {
     constexpr const char* self = "AddDriverDiagnostics";
-    fc::Guarded(L, [] { fc::Trace(s_Trace, {kSource, 80, self}, "%s", self); });
+    fc::Guarded(L, [self] { fc::Trace(s_Trace, {kSource, 80, self}, "%s", self); });
     VxaCore::CDom* dom = fc::CheckDom(L, 1);
     vxi_handle_ops_s* handle = fc::CheckOpenDriverHandle(L, 2);
     VxaCore::CZipOutputStream* zip = fc::CheckZipOutputStream(L, 3);
