@@ -168,13 +168,25 @@ void SetLine(lua_State* L, Report* report, Text line)  // [-0, +0, v]
         SetField(L, report, line.substr(0, tab), line.substr(tab + 1));
 }
 
-// Fields that a row will have, so that its table need not grow: one a line, and the
-// flags' own.
+// The next line of a text, which is shortened by it. Empty lines come out as such.
+Text TakeLine(Text* text)
+{
+    const std::size_t end = text->find(L'\n');
+    const Text line = text->substr(0, end);
+    text->remove_prefix(end == Text::npos ? text->size() : end + 1);
+    return line;
+}
+
+// At most how many fields a row will have, so that its table need not grow: the count,
+// one a line, and those of the flags.
 int CountFields(Text text)
 {
-    int fields = 2;
-    for (wchar_t c : text) fields += c == L'\n';
-    return fields + (text.find(L"flags\t") != Text::npos ? kFlagCount : 0);
+    int fields = 1;
+    while (!text.empty()) {
+        const Text line = TakeLine(&text);
+        fields += line.substr(0, 6) == L"flags\t" ? 1 + kFlagCount : 1;
+    }
+    return fields;
 }
 
 void PushRow(lua_State* L, Report* report, const vxa_conn_metric_feedback_s& entry)
