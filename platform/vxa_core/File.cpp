@@ -1,10 +1,14 @@
 #include "File.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstring>
+
+#include "vxa_core/files.h"
 
 namespace VxaCore {
 
@@ -39,6 +43,14 @@ bool ReadFully(int fd, std::string& bytes)
     }
 }
 
+bool FileDescriptor::Close()
+{
+    const int fd = std::exchange(m_fd, -1);
+    return fd < 0 || close(fd) == 0;
+}
+
+namespace Host {
+
 std::string MakeDirectories(const std::string& path)
 {
     for (size_t end = 0; end != std::string::npos;) {
@@ -56,10 +68,19 @@ std::string MakeDirectories(const std::string& path)
     return {};
 }
 
-bool FileDescriptor::Close()
+std::string RenameDurably(const std::string& from, const std::string& to)
 {
-    const int fd = std::exchange(m_fd, -1);
-    return fd < 0 || close(fd) == 0;
+    const auto failure = [&] {
+        return "cannot rename " + from + " to " + to + ": " + ErrorText(errno);
+    };
+    const FileDescriptor file(open(from.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!file || fsync(file.get()) != 0 || rename(from.c_str(), to.c_str()) != 0) return failure();
+    const size_t slash = to.rfind('/');
+    const std::string folder = slash == std::string::npos ? "." : to.substr(0, slash + 1);
+    const FileDescriptor directory(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return directory && fsync(directory.get()) == 0 ? "" : failure();
 }
+
+}  // namespace Host
 
 }  // namespace VxaCore

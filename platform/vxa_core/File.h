@@ -16,9 +16,6 @@ bool WriteFully(int fd, std::string_view bytes);
 // Reads from offset 0 to the end, or false with errno set.
 bool ReadFully(int fd, std::string& bytes);
 
-// Makes a directory and those above it. Empty when it stands, else what was wrong.
-std::string MakeDirectories(const std::string& path);
-
 // Owns a descriptor.
 class FileDescriptor {
 public:

@@ -13,18 +13,47 @@ namespace {
 void Describe(std::string_view rest, Host::JsonProblem& problem)
 {
     constexpr size_t kShown = 20;
-    if (rest.empty()) {
+    const auto is_control = [](char c) {
+        return static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
+    };
+    const auto first_control = std::find_if(rest.begin(), rest.end(), is_control);
+    size_t length = std::min<size_t>(first_control - rest.begin(), kShown);
+    while (length > 0 && length < rest.size() && (rest[length] & 0xC0) == 0x80)
+        --length;  // no part of a character
+    if (rest.empty())
         std::snprintf(problem.message, sizeof problem.message, "the text ends too early");
-    } else if (rest[0] == '\0') {
-        std::snprintf(problem.message, sizeof problem.message, "unexpected zero byte");
-    } else {
-        const size_t end = std::min(rest.find_first_of(std::string_view("\r\n\0", 3)), kShown);
-        size_t length = std::min(end, rest.size());
-        while (length > 0 && length < rest.size() && (rest[length] & 0xC0) == 0x80)
-            --length;  // no part of a character
+    else if (length == 0)
+        std::snprintf(problem.message, sizeof problem.message, "unexpected byte 0x%02x",
+                      static_cast<unsigned>(rest[0]) & 0xFF);
+    else
         std::snprintf(problem.message, sizeof problem.message, "unexpected '%.*s'",
                       static_cast<int>(length), rest.data());
+}
+
+bool InsideQuotes(std::string_view before)
+{
+    bool inside = false;
+    for (size_t i = 0; i < before.size(); ++i) {
+        if (before[i] == '\\' && inside)
+            ++i;
+        else if (before[i] == '"')
+            inside = !inside;
     }
+    return inside;
+}
+
+// Where text in quotes was expected, or has no end, the parser stops one character
+// behind the cause.
+size_t Cause(std::string_view text, size_t stop)
+{
+    if (stop == 0) return stop;
+    const char last = text[stop - 1];
+    if (last == '"' && InsideQuotes(text.substr(0, stop))) return stop - 1;
+    const size_t previous = stop > 1 ? text.find_last_not_of(" \t\r\n", stop - 2) : text.npos;
+    const bool name_expected =
+        previous != text.npos && (text[previous] == '{' || text[previous] == ',');
+    const bool is_blank = last == ' ' || last == '\t' || last == '\r' || last == '\n';
+    return name_expected && last != '"' && !is_blank ? stop - 1 : stop;
 }
 
 void Locate(std::string_view before, Host::JsonProblem& problem)
@@ -41,11 +70,12 @@ void Locate(std::string_view before, Host::JsonProblem& problem)
 
 JsonItem ParseJson(std::string_view text, size_t& stop)
 {
+    // The parser takes zero bytes for white space or for the end.
+    const size_t zero = std::min(text.find('\0'), text.size());
     const char* end = text.data();
-    JsonItem item(cJSON_ParseWithLengthOpts(text.data(), text.size() + 1, &end, true));
-    stop = std::min(static_cast<size_t>(end - text.data()), text.size());
-    // The parser takes a NUL inside the text for its end.
-    if (item && stop < text.size()) item.reset();
+    JsonItem item(cJSON_ParseWithLengthOpts(text.data(), zero + 1, &end, true));
+    stop = std::min(static_cast<size_t>(end - text.data()), zero);
+    if (item && zero < text.size()) item.reset();
     return item;
 }
 
@@ -55,8 +85,12 @@ bool CheckJson(std::string_view text, JsonProblem& problem)
 {
     size_t stop = 0;
     if (ParseJson(text, stop)) return true;
-    Locate(text.substr(0, stop), problem);
-    Describe(text.substr(stop), problem);
+    const size_t cause = Cause(text, stop);
+    Locate(text.substr(0, cause), problem);
+    if (InsideQuotes(text.substr(0, stop)) && cause < stop)
+        std::snprintf(problem.message, sizeof problem.message, "the text in quotes does not end");
+    else
+        Describe(text.substr(cause), problem);
     return false;
 }
 

@@ -12,6 +12,9 @@
 
 #include <wx/log.h>
 
+#include "Text.h"
+#include "vxa_core/files.h"
+
 namespace VxaCore {
 
 namespace {
@@ -43,7 +46,7 @@ std::string HolderName(int lock_fd)
 
 StateDirectory::StateDirectory(const std::string& path) : m_path(path)
 {
-    const std::string problem = MakeDirectories(path);
+    const std::string problem = Host::MakeDirectories(path);
     if (!problem.empty()) throw std::runtime_error("state directory " + path + ": " + problem);
     m_directory = FileDescriptor(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!m_directory) throw std::runtime_error("state directory " + path + ": " + ErrorText(errno));
@@ -86,7 +89,8 @@ void StateDirectory::OpenEvents()
     if (ftruncate(m_events.get(), m_events_size) != 0)
         throw std::runtime_error(Failure("cannot mend", kEvents));
     wxLogWarning("%s/%s: removed an unfinished last record of %zu bytes",
-                 wxString::FromUTF8(m_path.c_str()), kEvents, text.size() - complete);
+                 wxString::FromUTF8(CleanUtf8(m_path.c_str()).c_str()), kEvents,
+                 text.size() - complete);
 }
 
 std::string StateDirectory::Failure(const char* what, const char* name) const

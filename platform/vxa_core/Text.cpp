@@ -4,6 +4,8 @@
 
 #include <cstdio>
 
+#include "vxa_core/files.h"
+
 namespace VxaCore {
 
 namespace {
@@ -133,6 +135,11 @@ void AppendTime(std::string& out, double time_s)
     const auto total_us = static_cast<long long>(time_s * 1e6 + 0.5);
     std::snprintf(digits, sizeof digits, "%lld.%06lld", total_us / 1000000, total_us % 1000000);
     out += digits;
+}
+
+bool Host::IsDocumentText(std::string_view bytes)
+{
+    return IsPlainUtf8(bytes);
 }
 
 double WallClock()

@@ -1,0 +1,105 @@
+// Choosing libvxi's engine, scripted faults, and the simulated machine.
+#include "vxi/engine.h"
+#include "LuaBoundary.h"
+#include "Module.h"
+
+namespace vxa {
+
+namespace {
+
+// The known names as "linux, sim". [-0, +1, m]
+void push_known_engines(lua_State* L)
+{
+    luaL_Buffer text;
+    luaL_buffinit(L, &text);
+    const char* separator = "";
+    for (const char* const* name = vxi_engine_list(); *name; ++name) {
+        luaL_addstring(&text, separator);
+        luaL_addstring(&text, *name);
+        separator = ", ";
+    }
+    luaL_pushresult(&text);
+}
+
+int engine(lua_State* L)
+{
+    const char* name = luaL_optstring(L, 1, nullptr);
+    if (name && vxi_engine_select(name) != 0) {
+        lua_pushnil(L);
+        push_known_engines(L);
+        lua_pushfstring(L, "unknown engine '%s'; known are: %s", name, lua_tostring(L, -1));
+        lua_remove(L, -2);
+        return 2;
+    }
+    lua_pushstring(L, vxi_engine_name());
+    return 1;
+}
+
+int engines(lua_State* L)
+{
+    lua_newtable(L);
+    int row = 0;
+    for (const char* const* name = vxi_engine_list(); *name; ++name) {
+        lua_pushstring(L, *name);
+        lua_rawseti(L, -2, ++row);
+    }
+    return 1;
+}
+
+// Hands argument 1 to one of libvxi's readers of settings: true, or nil and where the
+// text cannot be read. [-0, +1|2, v]
+int configure(lua_State* L, const char* what, int (*reader)(const char*, unsigned*))
+{
+    const char* text = luaL_optstring(L, 1, "");
+    unsigned position = 0;
+    const int status = reader(text, &position);
+    if (status == 0) {
+        lua_pushboolean(L, 1);
+        return 1;
+    }
+    lua_pushnil(L);
+    lua_pushfstring(L, "%s: cannot be read from character %d on: '%s'", what,
+                    static_cast<int>(position) + 1, text + position);
+    return 2;
+}
+
+int fault(lua_State* L)
+{
+    return configure(L, "fault script", vxi_fault_script);
+}
+
+int simulate(lua_State* L)
+{
+    return configure(L, "simulation settings", vxi_sim_configure);
+}
+
+int simulated_machine(lua_State* L)
+{
+    vxi_sim_machine_s machine{};
+    vxi_sim_machine(&machine);
+    lua_createtable(L, 0, 5);
+    set_number(L, "tick", static_cast<lua_Number>(machine.tick));
+    set_number(L, "run_queue_length", machine.run_queue_length);
+    set_number(L, "cpu_count", machine.cpu_count);
+    set_number(L, "memory_total_kb", static_cast<lua_Number>(machine.memory_total_kb));
+    set_number(L, "memory_free_kb", static_cast<lua_Number>(machine.memory_free_kb));
+    return 1;
+}
+
+constexpr luaL_Reg kFunctions[] = {
+    {"engine", engine},
+    {"engines", engines},
+    {"fault", fault},
+    {"simulate", simulate},
+    {"simulated_machine", simulated_machine},
+    {nullptr, nullptr},
+};
+
+}  // namespace
+
+void open_engine(lua_State* L)
+{
+    luaL_setfuncs(L, kFunctions, 0);
+}
+
+}  // namespace vxa

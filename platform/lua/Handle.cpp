@@ -1,0 +1,122 @@
+// Driver handles: vxa.open and the methods of what it returns.
+#include "LuaBoundary.h"
+#include "Module.h"
+#include "vxi/engine.h"
+
+namespace vxa {
+
+namespace {
+
+constexpr char kHandleType[] = "vxi_handle_t*";  // the filter module knows handles by it
+constexpr unsigned kErrorBytes = 256;
+constexpr unsigned kCapabilityRows = 32;  // several times what engines have
+
+// What the filter module reads of the block: a null pointer is a closed handle.
+struct HandleBlock {
+    vxi_handle_ops_s* handle;
+};
+
+HandleBlock& check_block(lua_State* L)
+{
+    return *static_cast<HandleBlock*>(luaL_checkudata(L, 1, kHandleType));
+}
+
+int open(lua_State* L)
+{
+    auto* block = static_cast<HandleBlock*>(lua_newuserdata(L, sizeof(HandleBlock)));
+    block->handle = nullptr;
+    luaL_setmetatable(L, kHandleType);
+    block->handle = vxi_open();
+    if (block->handle) return 1;
+    lua_pushnil(L);
+    lua_pushstring(L, vxi_open_error());
+    return 2;
+}
+
+int close(lua_State* L)
+{
+    HandleBlock& block = check_block(L);
+    vxi_handle_ops_s* handle = block.handle;
+    block.handle = nullptr;
+    vxi_close(handle);
+    return 0;
+}
+
+int available(lua_State* L)
+{
+    lua_pushboolean(L, vxi_driver_available(check_handle(L)) > 0);
+    return 1;
+}
+
+int error(lua_State* L)
+{
+    char text[kErrorBytes] = "";
+    vxi_get_error(check_handle(L), text, sizeof text);
+    lua_pushstring(L, text);
+    return 1;
+}
+
+void push_capability(lua_State* L, const vxi_capability_s& row)
+{
+    lua_createtable(L, 0, 3);
+    set_text(L, "name", row.name);
+    lua_pushboolean(L, row.available > 0);
+    lua_setfield(L, -2, "available");
+    set_text(L, "detail", row.detail);
+}
+
+int capabilities(lua_State* L)
+{
+    vxi_handle_ops_s* handle = check_handle(L);
+    vxi_capability_s rows[kCapabilityRows];
+    const int count = vxi_capabilities(handle, rows, kCapabilityRows);
+    if (count < 0) return push_driver_error(L, handle);
+    lua_newtable(L);
+    for (int i = 0; i < count && i < static_cast<int>(kCapabilityRows); ++i) {
+        push_capability(L, rows[i]);
+        lua_rawseti(L, -2, i + 1);
+    }
+    return 1;
+}
+
+constexpr luaL_Reg kMethods[] = {
+    {"close", close},
+    {"available", available},
+    {"error", error},
+    {"connections", handle_connections},
+    {"capabilities", capabilities},
+    {nullptr, nullptr},
+};
+
+}  // namespace
+
+vxi_handle_ops_s* check_handle(lua_State* L)
+{
+    vxi_handle_ops_s* handle = check_block(L).handle;
+    if (!handle) luaL_argerror(L, 1, "vxi handle already closed");
+    return handle;
+}
+
+int push_driver_error(lua_State* L, vxi_handle_ops_s* handle)
+{
+    char text[kErrorBytes] = "";
+    vxi_get_error(handle, text, sizeof text);
+    lua_pushnil(L);
+    lua_pushstring(L, text);
+    return 2;
+}
+
+void open_handle(lua_State* L)
+{
+    register_connections(L);
+    luaL_newmetatable(L, kHandleType);
+    luaL_newlib(L, kMethods);
+    lua_setfield(L, -2, "__index");
+    lua_pushcfunction(L, close);
+    lua_setfield(L, -2, "__gc");
+    lua_pop(L, 1);
+    lua_pushcfunction(L, open);
+    lua_setfield(L, -2, "open");
+}
+
+}  // namespace vxa

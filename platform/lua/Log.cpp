@@ -1,0 +1,104 @@
+// Switches of the trace log and the general log.
+#include <vector>
+
+#include "LuaBoundary.h"
+#include "Module.h"
+#include "vxa_core/host.h"
+
+namespace vxa {
+
+namespace {
+
+using VxaCore::Host::LogRecord;
+
+struct Captured {
+    std::vector<LogRecord> records;
+    std::uint64_t dropped = 0;
+};
+
+bool check_switch(lua_State* L, int index)
+{
+    luaL_checktype(L, index, LUA_TBOOLEAN);
+    return lua_toboolean(L, index) != 0;
+}
+
+int trace(lua_State* L)
+{
+    size_t length = 0;
+    const char* pattern = luaL_checklstring(L, 1, &length);
+    luaL_argcheck(L, length > 0, 1, "a trace category or pattern expected");
+    const bool on = check_switch(L, 2);
+    Failure failure;
+    if (!guarded(failure,
+                 [&] { VxaCore::Host::SwitchTrace(wxString::FromUTF8(pattern, length), on); }))
+        return luaL_error(L, "%s", failure.text);
+    return 0;
+}
+
+int verbose(lua_State* L)
+{
+    VxaCore::Host::SetVerbose(check_switch(L, 1));
+    return 0;
+}
+
+int log_to(lua_State* L)
+{
+    const char* path = lua_isnoneornil(L, 1) ? "" : check_path(L, 1);
+    Failure failure;
+    const bool opened = guarded(failure, [&] {
+        std::string error;
+        if (!VxaCore::Host::LogTo(path, error)) failure.set(error);
+    });
+    return push_outcome(L, opened, failure);
+}
+
+int capture(lua_State* L)
+{
+    VxaCore::Host::CaptureLog(check_switch(L, 1));
+    return 0;
+}
+
+// With the fields of the record's JSON line.
+void push_record(lua_State* L, const LogRecord& record)
+{
+    lua_createtable(L, 0, record.trace ? 7 : 4);
+    set_number(L, "time", record.time_s);
+    set_text(L, "kind", record.trace ? "trace" : "log");
+    set_text(L, record.trace ? "category" : "level", record.label);
+    set_text(L, "message", record.message);
+    if (!record.trace) return;
+    set_text(L, "file", record.file);
+    set_number(L, "line", record.line);
+    set_text(L, "function", record.function);
+}
+
+int captured(lua_State* L)
+{
+    auto* taken = new_holder<Captured>(L);
+    Failure failure;
+    if (!guarded(failure, [&] { taken->records = VxaCore::Host::TakeCaptured(taken->dropped); }))
+        return luaL_error(L, "%s", failure.text);
+    lua_createtable(L, static_cast<int>(taken->records.size()), 0);
+    int row = 0;
+    for (const LogRecord& record : taken->records) {
+        push_record(L, record);
+        lua_rawseti(L, -2, ++row);
+    }
+    lua_pushnumber(L, static_cast<lua_Number>(taken->dropped));
+    return 2;
+}
+
+constexpr luaL_Reg kFunctions[] = {
+    {"trace", trace},     {"verbose", verbose},   {"log_to", log_to},
+    {"capture", capture}, {"captured", captured}, {nullptr, nullptr},
+};
+
+}  // namespace
+
+void open_log(lua_State* L)
+{
+    register_holder<Captured>(L);
+    luaL_setfuncs(L, kFunctions, 0);
+}
+
+}  // namespace vxa

@@ -1,0 +1,35 @@
+#include "LuaBoundary.h"
+
+#include <cstring>
+
+namespace vxa {
+
+const char* check_path(lua_State* L, int index)
+{
+    size_t length = 0;
+    const char* path = luaL_checklstring(L, index, &length);
+    if (length == 0) luaL_argerror(L, index, "the name of a file or directory is empty");
+    if (std::strlen(path) != length)
+        luaL_argerror(L, index, "the name of a file or directory holds a zero byte");
+    return path;
+}
+
+void set_number(lua_State* L, const char* name, lua_Number value)
+{
+    lua_pushnumber(L, value);
+    lua_setfield(L, -2, name);
+}
+
+void set_text(lua_State* L, const char* name, const char* text)
+{
+    lua_pushstring(L, text);
+    lua_setfield(L, -2, name);
+}
+
+void set_text(lua_State* L, const char* name, const std::string& text)
+{
+    lua_pushlstring(L, text.data(), text.size());
+    lua_setfield(L, -2, name);
+}
+
+}  // namespace vxa

@@ -1,0 +1,30 @@
+// The parts of the module `vxa`: each registers what it needs in a new state and lists
+// its functions. What scripts may rely on is told in docs/lua-vxa.md.
+#pragma once
+
+#include <lua.hpp>
+
+#include "vxi/vxi.h"
+
+namespace vxa {
+
+// Each fills the module's table on top. [-0, +0, m]
+void open_document(lua_State* L);  // Document.cpp: Dom
+void open_archive(lua_State* L);   // Archive.cpp: ZipOutputStream
+void open_handle(lua_State* L);    // Handle.cpp: open, and the handle's methods
+void open_engine(lua_State* L);    // Engine.cpp: engine, engines, fault, simulate...
+void open_log(lua_State* L);       // Log.cpp: trace, verbose, log_to, capture, captured
+void open_system(lua_State* L);    // System.cpp: clock, files, environment, check_json
+void open_signals(lua_State* L);   // Signals.cpp: sleep, catch_signals, interrupted
+
+// The open handle that is argument 1; an argument error when there is none. [-0, +0, v]
+vxi_handle_ops_s* check_handle(lua_State* L);
+
+// What a method whose driver call failed returns: nil and the driver's text. [-0, +2, m]
+int push_driver_error(lua_State* L, vxi_handle_ops_s* handle);
+
+// The handle's method, and what it needs in a new state. Connections.cpp
+int handle_connections(lua_State* L);
+void register_connections(lua_State* L);
+
+}  // namespace vxa

@@ -1,0 +1,176 @@
+// Sleeping, and being woken by SIGINT and SIGTERM.
+//
+// The handler sets a flag and makes an event descriptor readable, and a sleeper polls
+// that descriptor: so a signal ends the sleep also when it came just before, or to
+// another thread.
+#include <errno.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+
+#include "LuaBoundary.h"
+#include "Module.h"
+
+namespace vxa {
+
+namespace {
+
+constexpr int kCaught[] = {SIGINT, SIGTERM};
+constexpr double kLongestSleep_s = 1e9;  // keeps the sum with the clock in range
+
+std::atomic<int> s_caught_signal{0};
+std::atomic<int> s_wake_fd{-1};  // made once a process, readable for good after a signal
+static_assert(std::atomic<int>::is_always_lock_free, "used in a signal handler");
+
+void note_signal(int signal_number)
+{
+    const int saved_errno = errno;
+    const std::uint64_t one = 1;
+    s_caught_signal.store(signal_number);
+    (void)!write(s_wake_fd.load(), &one, sizeof one);
+    errno = saved_errno;
+}
+
+// False with errno set. Two threads may both make a descriptor; one of them stays.
+bool make_wake_fd()
+{
+    if (s_wake_fd.load() >= 0) return true;
+    const int made = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    int expected = -1;
+    if (made >= 0 && !s_wake_fd.compare_exchange_strong(expected, made)) close(made);
+    return made >= 0;
+}
+
+// System calls are not restarted, so that a read from a command or terminal ends too.
+bool install_handlers()
+{
+    struct sigaction action = {};
+    action.sa_handler = note_signal;
+    sigemptyset(&action.sa_mask);
+    for (const int signal_number : kCaught)
+        if (sigaction(signal_number, &action, nullptr) != 0) return false;
+    return true;
+}
+
+int catch_signals(lua_State* L)
+{
+    if (!make_wake_fd() || !install_handlers())
+        return luaL_error(L, "cannot catch signals: %s", std::strerror(errno));
+    return 0;
+}
+
+const char* caught_signal_name()
+{
+    switch (s_caught_signal.load()) {
+        case SIGINT:
+            return "SIGINT";
+        case SIGTERM:
+            return "SIGTERM";
+        default:
+            return nullptr;
+    }
+}
+
+int interrupted(lua_State* L)
+{
+    if (const char* name = caught_signal_name())
+        lua_pushstring(L, name);
+    else
+        lua_pushboolean(L, 0);
+    return 1;
+}
+
+timespec operator-(timespec a, timespec b)
+{
+    timespec left{a.tv_sec - b.tv_sec, a.tv_nsec - b.tv_nsec};
+    if (left.tv_nsec < 0) {
+        left.tv_nsec += 1000000000;
+        --left.tv_sec;
+    }
+    return left;
+}
+
+timespec monotonic_now()
+{
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now;
+}
+
+timespec after(double seconds)
+{
+    timespec then = monotonic_now();
+    const auto whole = static_cast<time_t>(seconds);
+    then.tv_sec += whole;
+    then.tv_nsec += static_cast<long>((seconds - static_cast<double>(whole)) * 1e9);
+    if (then.tv_nsec >= 1000000000) {
+        then.tv_nsec -= 1000000000;
+        ++then.tv_sec;
+    }
+    return then;
+}
+
+// Holds the two signals back outside of ppoll, so that none slips in between looking
+// at the flag and going to sleep.
+class SignalsHeldBack {
+public:
+    SignalsHeldBack()
+    {
+        sigset_t held;
+        sigemptyset(&held);
+        for (const int signal_number : kCaught) sigaddset(&held, signal_number);
+        pthread_sigmask(SIG_BLOCK, &held, &before);
+    }
+    ~SignalsHeldBack() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
+
+    sigset_t before;
+};
+
+// True when the moment came. The interpreter's own handler of SIGINT sets a hook, which
+// runs when the sleep has returned; no call here can raise.
+bool sleep_until(lua_State* main_state, timespec moment)
+{
+    const SignalsHeldBack held_back;
+    const lua_Hook hook = lua_gethook(main_state);
+    pollfd wake = {s_wake_fd.load(), POLLIN, 0};  // -1 is passed over
+    while (s_caught_signal.load() == 0 && lua_gethook(main_state) == hook) {
+        const timespec left = moment - monotonic_now();
+        if (left.tv_sec < 0 || (left.tv_sec == 0 && left.tv_nsec == 0)) return true;
+        ppoll(&wake, 1, &left, &held_back.before);
+    }
+    return false;
+}
+
+int sleep(lua_State* L)
+{
+    const double seconds = luaL_checknumber(L, 1);
+    luaL_argcheck(L, seconds >= 0, 1, "seconds, a number not below 0, expected");
+    // Scripts sleep in coroutines, too; signals concern the main one.
+    lua_rawgeti(L, LUA_REGISTRYINDEX, LUA_RIDX_MAINTHREAD);
+    const timespec moment = after(std::min(seconds, kLongestSleep_s));
+    lua_pushboolean(L, sleep_until(lua_tothread(L, -1), moment));
+    return 1;
+}
+
+constexpr luaL_Reg kFunctions[] = {
+    {"sleep", sleep},
+    {"catch_signals", catch_signals},
+    {"interrupted", interrupted},
+    {nullptr, nullptr},
+};
+
+}  // namespace
+
+void open_signals(lua_State* L)
+{
+    luaL_setfuncs(L, kFunctions, 0);
+}
+
+}  // namespace vxa

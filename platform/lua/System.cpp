@@ -1,0 +1,110 @@
+// What scripts need of the system and stock Lua does not have.
+#include <errno.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "LuaBoundary.h"
+#include "Module.h"
+#include "vxa_core/files.h"
+#include "vxa_core/json.h"
+
+namespace vxa {
+
+namespace {
+
+int clock(lua_State* L)
+{
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    lua_pushnumber(
+        L, static_cast<lua_Number>(now.tv_sec) + static_cast<lua_Number>(now.tv_nsec) / 1e9);
+    return 1;
+}
+
+const char* check_c_text(lua_State* L, int index, const char* problem)
+{
+    size_t length = 0;
+    const char* text = luaL_checklstring(L, index, &length);
+    luaL_argcheck(L, std::strlen(text) == length, index, problem);
+    return text;
+}
+
+int set_environment(lua_State* L)
+{
+    const char* name = check_c_text(L, 1, "the variable's name holds a zero byte");
+    luaL_argcheck(L, *name && !std::strchr(name, '='), 1,
+                  "the name of a variable, without '=', expected");
+    const bool remove = lua_isnoneornil(L, 2);
+    const char* value = remove ? "" : check_c_text(L, 2, "the value holds a zero byte");
+    if ((remove ? unsetenv(name) : setenv(name, value, 1)) != 0)
+        return luaL_error(L, "cannot set %s: %s", name, std::strerror(errno));
+    return 0;
+}
+
+// Calls a function on files that tells what was wrong: true, or nil and that.
+template <typename Call>
+int push_call(lua_State* L, Call&& call)
+{
+    Failure failure;
+    const bool done = guarded(failure, [&] { failure.set(call()); });
+    return push_outcome(L, done, failure);
+}
+
+int make_directory(lua_State* L)
+{
+    const char* path = check_path(L, 1);
+    return push_call(L, [&] { return VxaCore::Host::MakeDirectories(path); });
+}
+
+int rename_file(lua_State* L)
+{
+    const char* from = check_path(L, 1);
+    const char* to = check_path(L, 2);
+    return push_call(L, [&] { return VxaCore::Host::RenameDurably(from, to); });
+}
+
+int is_terminal(lua_State* L)
+{
+    lua_pushboolean(L, isatty(luaL_checkint(L, 1)));
+    return 1;
+}
+
+int effective_user(lua_State* L)
+{
+    lua_pushnumber(L, geteuid());
+    return 1;
+}
+
+int check_json(lua_State* L)
+{
+    size_t length = 0;
+    const char* text = luaL_checklstring(L, 1, &length);
+    VxaCore::Host::JsonProblem problem;
+    if (VxaCore::Host::CheckJson({text, length}, problem)) {
+        lua_pushboolean(L, 1);
+        return 1;
+    }
+    lua_pushnil(L);
+    lua_pushstring(L, problem.message);
+    lua_pushnumber(L, problem.line);
+    lua_pushnumber(L, problem.column);
+    return 4;
+}
+
+constexpr luaL_Reg kFunctions[] = {
+    {"clock", clock},           {"setenv", set_environment}, {"mkdir", make_directory},
+    {"rename", rename_file},    {"isatty", is_terminal},     {"euid", effective_user},
+    {"check_json", check_json}, {nullptr, nullptr},
+};
+
+}  // namespace
+
+void open_system(lua_State* L)
+{
+    luaL_setfuncs(L, kFunctions, 0);
+}
+
+}  // namespace vxa

@@ -1,0 +1,51 @@
+// Entry of the Lua module `vxa`: host objects and switches for scripts.
+#include <langinfo.h>
+
+#include <clocale>
+#include <cstring>
+
+#include "HostObject.h"
+#include "Module.h"
+#include "vxa_core/host.h"
+
+namespace vxa {
+
+namespace {
+
+// Document keys and event texts outside ASCII convert only under a UTF-8 locale, and
+// numbers in settings are read with a point.
+bool set_locale()
+{
+    std::setlocale(LC_NUMERIC, "C");
+    return std::strcmp(nl_langinfo(CODESET), "UTF-8") == 0 ||
+           std::setlocale(LC_CTYPE, "C.UTF-8") != nullptr;
+}
+
+int open_module(lua_State* L)
+{
+    lua_newtable(L);
+    register_owners(L);
+    open_document(L);
+    open_archive(L);
+    open_handle(L);
+    open_engine(L);
+    open_log(L);
+    open_system(L);
+    open_signals(L);
+    lua_pushliteral(L, VXA_VERSION);
+    lua_setfield(L, -2, "version");
+    return 1;
+}
+
+}  // namespace
+
+}  // namespace vxa
+
+extern "C" __attribute__((visibility("default"))) int luaopen_vxa(lua_State* L)
+{
+    // Once a process: the second state may be on a thread of its own.
+    static const bool has_locale = vxa::set_locale();
+    if (!has_locale) return luaL_error(L, "the locale C.UTF-8 is missing on this system");
+    VxaCore::Host::LogFromThisThread();
+    return vxa::open_module(L);
+}
