@@ -66,5 +66,17 @@ void tosprintf(tb_dump_s* dump, char const* format, ...)
     static_cast<wxTextOutputStream*>(dump->context)->WriteString(wxString::FromAscii(buffer));
 }
 
+bool AddEntry(VxaCore::CZipOutputStream& zip, const char* name, bool text,
+              const wxMemoryOutputStream& memory)
+{
+    // An output stream that was never written to has no buffer to make an input of.
+    if (memory.GetLength() == 0) {
+        wxMemoryInputStream nothing("", 0);
+        return zip.AddFromStream(nothing, text, wxString(name), s_EmptyString);
+    }
+    wxMemoryInputStream in(memory);
+    return zip.AddFromStream(in, text, wxString(name), s_EmptyString);
+}
+
 }  // namespace Diagnostics
 }  // namespace Filter

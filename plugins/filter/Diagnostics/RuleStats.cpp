@@ -58,9 +58,8 @@ bool AddDriverRuleStats(VxaCore::CDom* dom, vxi_handle_ops_s* handle,
         WriteProfile(*profile, memory);
         StopProfiling(handle);
     }
-    wxMemoryInputStream in(memory);
     // No text: the entry's bytes are the driver's own format.
-    return zip.AddFromStream(in, false, wxString("vxa.tpf"), s_EmptyString);
+    return AddEntry(zip, "vxa.tpf", false, memory);
 }
 
 }  // namespace Filter::Diagnostics

@@ -26,6 +26,10 @@ void TraceLine(int line, const char* function, const char* format, const Args&..
     fc::Trace(s_Trace, {"plugins/filter/Diagnostics", line, function}, format, args...);
 }
 
+// Adds an entry of what the stream collected.
+bool AddEntry(VxaCore::CZipOutputStream& zip, const char* name, bool text,
+              const wxMemoryOutputStream& memory);
+
 // Adds an entry of the text that print(sink) writes.
 template <typename Print>
 bool AddTextEntry(VxaCore::CZipOutputStream& zip, const char* name, Print print)
@@ -36,8 +40,7 @@ bool AddTextEntry(VxaCore::CZipOutputStream& zip, const char* name, Print print)
         tb_dump_s sink{tosprintf, &text};
         print(&sink);
     }
-    wxMemoryInputStream in(memory);
-    return zip.AddFromStream(in, true, wxString(name), s_EmptyString);
+    return AddEntry(zip, name, true, memory);
 }
 
 }  // namespace Filter::Diagnostics
