@@ -3,10 +3,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 
+#include "Message.h"
+#include "engines/linux/ConntrackDump.h"
 #include "engines/linux/ProcessMonitor.h"
 #include "engines/linux/Slots.h"
+#include "engines/linux/SocketDump.h"
 
 namespace vxi::linux_slots {
 
@@ -25,6 +29,41 @@ void scan_metrics(vxi_capability_s& row)
     describe(row, !outcome.failed(), outcome.failed() ? outcome.text : monitor.description());
 }
 
+std::string conntrack_detail(int status, uint32_t tracked)
+{
+    if (status == -EPERM) {
+        return "sock_diag; tracked flows need CAP_NET_ADMIN";
+    }
+    if (status < 0) {
+        return "sock_diag; ctnetlink: " + describe_status(status);
+    }
+    if (tracked == 0) {
+        return "sock_diag; no flow is tracked (a rule that refers to ct starts tracking)";
+    }
+    return "ctnetlink, " + std::to_string(tracked) + " flows tracked";
+}
+
+void conn_states(vxi_capability_s& row)
+{
+    const int status = ask_for_no_sockets();
+    describe(row, status == 0, status == 0 ? "sock_diag" : "sock_diag: " + describe_status(status));
+}
+
+// Sockets stand in for tracked flows.
+void conntrack(vxi_capability_s& row)
+{
+    uint32_t tracked = 0;
+    const int status = count_tracked(tracked);
+    if (status == 0 && tracked > 0) {
+        describe(row, true, conntrack_detail(status, tracked));
+        return;
+    }
+    conn_states(row);
+    if (row.available) {
+        describe(row, true, conntrack_detail(status, tracked));
+    }
+}
+
 void not_yet(vxi_capability_s& row)
 {
     describe(row, false, "not supported by engine linux");
@@ -36,8 +75,8 @@ struct Facility {
 };
 
 constexpr Facility facilities[] = {
-    {"scan-metrics", scan_metrics}, {"statistics", not_yet},  {"variables", not_yet},
-    {"conntrack", not_yet},         {"conn-states", not_yet}, {"blacklist", not_yet},
+    {"scan-metrics", scan_metrics}, {"statistics", not_yet},      {"variables", not_yet},
+    {"conntrack", conntrack},       {"conn-states", conn_states}, {"blacklist", not_yet},
     {"rule-profile", not_yet},
 };
 
@@ -49,7 +88,7 @@ int available(vxi_handle_ops_s*)
 {
     const int descriptor = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_NETFILTER);
     if (descriptor >= 0) {
-        close(descriptor);
+        ::close(descriptor);
     }
     return descriptor >= 0;
 }

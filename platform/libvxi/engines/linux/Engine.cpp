@@ -10,7 +10,10 @@ namespace {
 Operations operations()
 {
     Operations table = {};
+    table.close = linux_slots::close;
     table.available = linux_slots::available;
+    table.get_conntrack = linux_slots::get_conntrack;
+    table.get_conn_states = linux_slots::get_conn_states;
     table.set_scan_monitoring = linux_slots::set_scan_monitoring;
     table.get_scan_metrics = linux_slots::get_scan_metrics;
     table.capabilities = linux_slots::capabilities;

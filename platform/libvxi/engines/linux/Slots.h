@@ -11,6 +11,16 @@ namespace vxi::linux_slots {
 int available(vxi_handle_ops_s* handle);
 int capabilities(vxi_handle_ops_s* handle, vxi_capability_s* rows, unsigned int count);
 
+// ConnStates.cpp
+int get_conn_states(vxi_handle_ops_s* handle, vxa_get_conn_states_s* states);
+
+// Flows.cpp
+int get_conntrack(vxi_handle_ops_s* handle, vxa_dump_conntrack_s* section, unsigned int size,
+                  unsigned int* extra);
+
+// HandleState.cpp
+void close(vxi_handle_ops_s* handle);
+
 // ScanCalls.cpp
 int set_scan_monitoring(vxi_handle_ops_s* handle, scan_monitor_config* config);
 int get_scan_metrics(vxi_handle_ops_s* handle, scan_metrics_request* request, unsigned int length);

@@ -6,7 +6,12 @@ pkg_check_modules(libnftnl REQUIRED IMPORTED_TARGET libnftnl)
 set(LINUX_ENGINE_LIBRARIES PkgConfig::libmnl PkgConfig::libnftnl)
 set(LINUX_ENGINE_SOURCES
     engines/linux/Capabilities.cpp
+    engines/linux/ConnStates.cpp
+    engines/linux/ConntrackDump.cpp
     engines/linux/Engine.cpp
+    engines/linux/FlowSnapshot.cpp
+    engines/linux/Flows.cpp
+    engines/linux/HandleState.cpp
     engines/linux/Netlink.cpp
     engines/linux/NftBatch.cpp
     engines/linux/Outcome.cpp
@@ -14,4 +19,6 @@ set(LINUX_ENGINE_SOURCES
     engines/linux/ScanCalls.cpp
     engines/linux/ScanCounters.cpp
     engines/linux/ScanMonitor.cpp
-    engines/linux/ScanTable.cpp)
+    engines/linux/ScanTable.cpp
+    engines/linux/SocketDump.cpp
+    engines/linux/SocketFlows.cpp)

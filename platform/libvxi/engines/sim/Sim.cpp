@@ -8,6 +8,7 @@
 #include <string>
 
 #include "Engine.h"
+#include "FlowRoom.h"
 #include "Profiler.h"
 #include "Scan.h"
 #include "Source.h"
@@ -22,7 +23,6 @@ namespace vxi::sim {
 namespace {
 
 constexpr std::uint8_t udp = 17;
-constexpr std::uint32_t most_flows = 65535;  // what a 16-bit count can tell
 
 struct Process {
     std::mutex mutex;
@@ -62,8 +62,7 @@ View present_view()
 struct Snapshots {
     View flows;
     unsigned flow_fills_left = 0;
-    std::uint32_t udp_share = 0;
-    std::uint32_t tcp_share = 0;
+    FlowRoom room{};
     View blacklist;
     std::string profile;
 };
@@ -105,28 +104,13 @@ int get_stats(vxi_handle_ops_s*, vxa_stats_v2_s* stats, unsigned int)
     return 0;
 }
 
-// Each protocol gets its need up to half of the room, and what the smaller leaves.
-void share_room(const World& world, Snapshots& kept)
-{
-    constexpr std::uint32_t half = most_flows / 2;
-    kept.udp_share = world.udp_flows;
-    kept.tcp_share = world.tcp_flows;
-    if (world.udp_flows + world.tcp_flows <= most_flows) {
-        return;
-    }
-    std::uint32_t& smaller = world.udp_flows < world.tcp_flows ? kept.udp_share : kept.tcp_share;
-    std::uint32_t& larger = &smaller == &kept.udp_share ? kept.tcp_share : kept.udp_share;
-    smaller = std::min(smaller, half);
-    larger = most_flows - smaller;
-}
-
 int count_flows(vxi_handle_ops_s* handle, vxa_dump_conntrack_s* section)
 {
     Snapshots& kept = snapshots(handle);
     kept.flows = present_view();
     kept.flow_fills_left = 2;
-    share_room(*kept.flows.world, kept);
-    section->entry_ct = static_cast<std::uint16_t>(kept.udp_share + kept.tcp_share);
+    kept.room = share_flow_room(kept.flows.world->udp_flows, kept.flows.world->tcp_flows);
+    section->entry_ct = static_cast<std::uint16_t>(kept.room.udp + kept.room.tcp);
     note_source(Table::conntrack, "simulated machine at tick %llu",
                 static_cast<unsigned long long>(kept.flows.tick));
     return 0;
@@ -154,7 +138,7 @@ int get_conntrack(vxi_handle_ops_s* handle, vxa_dump_conntrack_s* section, unsig
     const World& world = *kept.flows.world;
     section->total = is_udp ? world.udp_flows : world.tcp_flows;
     section->entry_ct = static_cast<std::uint16_t>(
-        std::min<std::uint32_t>(section->entry_ct, is_udp ? kept.udp_share : kept.tcp_share));
+        std::min<std::uint32_t>(section->entry_ct, is_udp ? kept.room.udp : kept.room.tcp));
     fill_flows(kept.flows, section);
     if (--kept.flow_fills_left == 0) {
         kept.flows = View();
