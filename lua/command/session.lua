@@ -84,14 +84,14 @@ end
 function session.start(options)
     local vxa = session.host()
     local engine = choose_engine(vxa, options.engine)
-    switch_traces(vxa, options.traces)
     load_module "fc"
     local chosen = policy.choose(options, vxa, cpu_count)
     for _, warning in ipairs(chosen.warnings) do
         console.complain(("warning: %s: %s"):format(chosen.source, warning))
     end
-    vxa.verbose(true)
     vxa.capture(true)
+    vxa.verbose(true)
+    switch_traces(vxa, options.traces)
     vxa.mkdir(DIAGNOSTICS_FOLDER)  -- where it cannot be made, the module says so
     local dom = open_document(vxa, options.state)
     local told = messages.new(vxa)
