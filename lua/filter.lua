@@ -157,9 +157,11 @@ function Monitor:set_policy(text)
     self.policy = text or ""
 end
 
--- Other scripts read here whether the filter enforces.
+-- Other scripts read here whether the filter enforces. A document that cannot be written
+-- must not keep the filter from acting: it is reported, no more.
 function Monitor:publish()
-    self.dom:set("vxp.filter.FailOpenState", self.state)
+    local stored, message = self.dom:set("vxp.filter.FailOpenState", self.state)
+    self.unpublished = not stored and message or nil
 end
 
 function Monitor:change(state)
@@ -187,6 +189,7 @@ end
 --   action, text        the code and its meaning in words
 --   before, state       the state the module was asked with, and the state held now
 --   transition          "entered" or "left" where this cycle changed the state
+--   unpublished         why the document does not show the state, where it does not
 --   measured            true when metrics were judged; only then:
 --   metrics             six rows {name, value, threshold, enabled, over}
 --   over                the rows beyond their thresholds
@@ -213,7 +216,7 @@ function Monitor:cycle()
         result.transition = "left"
         self:change(filter.DEACTIVATED)
     end
-    result.state = self.state
+    result.state, result.unpublished = self.state, self.unpublished
     return result
 end
 

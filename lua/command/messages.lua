@@ -42,7 +42,9 @@ end
 
 -- The records since the last call, for the filter script.
 function Messages:take()
-    self.records = self.vxa.captured()
+    local dropped
+    self.records, dropped = self.vxa.captured()
+    if dropped > 0 then self:tell_once("there were more messages than are kept for a cycle") end
     return self.records
 end
 

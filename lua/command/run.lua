@@ -97,7 +97,7 @@ return function(options)
     totals.seconds = vxa.clock() - totals.started
     totals.interrupted = vxa.interrupted()
     report:finish(totals)
-    monitored.dom:close()
+    session.finish(monitored)
     if totals.cycles > 0 and totals.measured + totals.disabled == 0 then
         console.complain("not one cycle could sample this machine")
         return 1

@@ -19,7 +19,7 @@ local function load_module(name)
     if ok then return result end
     local cause = tostring(result)
     if cause:find("^module '" .. name .. "' not found") then
-        cause = ("no %s.so in %s"):format(name, package.cpath:match("^[^;]*"):gsub("/%?%.so$", ""))
+        cause = ("no %s.so in %s"):format(name, package.cpath:gsub("/%?%.so$", ""))
     end
     fail(1, "cannot load the module '%s': %s (./dev build makes it; VXA_LIB names another folder)",
         name, cause)
@@ -70,10 +70,8 @@ local function switch_traces(vxa, wanted)
 end
 
 local function open_document(vxa, folder)
-    if not folder then return vxa.Dom() end
-    local ok, dom, message = pcall(vxa.Dom, folder)
-    if ok and dom then return dom end
-    fail(1, "cannot keep the state in %s: %s", folder, tostring(not ok and dom or message))
+    local dom, message = vxa.Dom(folder)
+    return dom or fail(1, "%s", message)
 end
 
 -- Debian's nproc, asked through the module so that all figures have one source.
@@ -86,14 +84,14 @@ end
 function session.start(options)
     local vxa = session.host()
     local engine = choose_engine(vxa, options.engine)
-    switch_traces(vxa, options.traces)
     load_module "fc"
     local chosen = policy.choose(options, vxa, cpu_count)
     for _, warning in ipairs(chosen.warnings) do
         console.complain(("warning: %s: %s"):format(chosen.source, warning))
     end
-    vxa.verbose(true)
     vxa.capture(true)
+    vxa.verbose(true)
+    switch_traces(vxa, options.traces)
     vxa.mkdir(DIAGNOSTICS_FOLDER)  -- where it cannot be made, the module says so
     local dom = open_document(vxa, options.state)
     local told = messages.new(vxa)
@@ -104,12 +102,20 @@ function session.start(options)
              monitor = monitor }
 end
 
--- One cycle, with its time and the faults that the module reported during it.
-function session.cycle(self)
+-- One cycle, with the time at which it began.
+function session.cycle(monitored)
     local time = os.time()
-    local result = self.monitor:cycle()
+    local result = monitored.monitor:cycle()
     result.time = time
+    if result.unpublished then
+        monitored.messages:tell_once("the host document cannot be kept: " .. result.unpublished)
+    end
     return result
+end
+
+function session.finish(monitored)
+    local closed, message = monitored.dom:close()
+    if not closed then fail(1, "the host document cannot be kept: %s", message) end
 end
 
 return session

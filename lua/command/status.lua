@@ -132,7 +132,7 @@ return function(options)
     local seen = inspect(monitored)
     if options.json then show_json(seen, monitored.vxa) else show_text(seen) end
     monitored.messages:show()
-    monitored.dom:close()
+    session.finish(monitored)
     if seen.result.measured or seen.result.action == filter.DISABLED then return 0 end
     console.complain("the cycle failed: " .. seen.result.text)
     return 1

@@ -295,8 +295,8 @@ end)
 
 -- The signal comes once the first line is out, in the middle of the wait.
 local function end_by(signal)
-    return shell(([[cd %s; set -m
-        PATH=%s/bin:$PATH VXI_ENGINE=sim %s/bin/vxa run --interval 600 >out 2>err & pid=$!
+    return shell(([[cd %s; rm -f out
+        PATH=%s/bin:$PATH VXI_ENGINE=sim %s/bin/vxa run --interval 40 >out 2>err & pid=$!
         n=0; until grep -q Deactivated out || [ $n -ge 400 ]; do sleep 0.05; n=$((n + 1)); done
         kill -%s $pid; wait $pid; echo "status $?"; cat out err]])
         :format(SCRATCH, SCRATCH, ROOT, signal))

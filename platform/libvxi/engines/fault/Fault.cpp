@@ -174,10 +174,16 @@ bool Reader::count(std::size_t end, std::uint64_t& value)
 std::string Reader::unescaped_field()
 {
     std::string field;
+    std::size_t length = 0;
     for (; at_ < text_.size() && text_[at_] != ':' && text_[at_] != ','; ++at_) {
-        at_ += text_[at_] == '\\' && at_ + 1 < text_.size();
+        const bool escaped = text_[at_] == '\\' && at_ + 1 < text_.size();
+        at_ += escaped;
         field += text_[at_];
+        if (escaped || !std::isspace(static_cast<unsigned char>(text_[at_]))) {
+            length = field.size();
+        }
     }
+    field.resize(length);  // blanks in front of a separator are layout
     return field;
 }
 

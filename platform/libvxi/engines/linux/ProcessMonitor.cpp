@@ -34,13 +34,12 @@ void abandon_in_child()
     }
 }
 
-ScanMonitor* make_first()
+bool start()
 {
-    auto* monitor = new (first_monitor) ScanMonitor();
-    current = monitor;
+    current = new (first_monitor) ScanMonitor();
     atexit(stop_at_exit);
     pthread_atfork(nullptr, nullptr, abandon_in_child);
-    return monitor;
+    return true;
 }
 
 // For a child: of a fork (`seen` is null) or of a bare clone, which runs no fork handlers.
@@ -61,15 +60,10 @@ ScanMonitor* replace(ScanMonitor* seen)
 
 ScanMonitor& process_scan_monitor()
 {
-    static ScanMonitor* const first = make_first();
+    static const bool started = start();
+    (void)started;
     ScanMonitor* monitor = current.load();
-    if (monitor == first && first->process() == getpid()) {
-        return *monitor;
-    }
-    if (monitor && monitor->process() == getpid()) {
-        return *monitor;
-    }
-    return *replace(monitor);
+    return monitor && monitor->process() == getpid() ? *monitor : *replace(monitor);
 }
 
 }  // namespace vxi

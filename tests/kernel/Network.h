@@ -1,0 +1,65 @@
+// Network namespaces for tests, and what tests ask and do there.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+namespace network {
+
+// What this machine lacks to make namespaces with nf_tables in them; empty when nothing.
+const std::string& Lacking();
+
+// Runs `body` in a child process in a network namespace of its own, loopback up. What it
+// expects and does not find fails the test.
+void InOwn(const std::function<void()>& body);
+
+// Runs `body` in a child process in this namespace; the child ends when `body` returns.
+class Child {
+public:
+    explicit Child(const std::function<void()>& body);
+    ~Child();
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    pid_t pid() const { return pid_; }
+    void Kill();        // with SIGKILL, and waits for the end
+    void ExpectGood();  // waits; its expectations become the test's
+
+private:
+    pid_t pid_;
+};
+
+// Waits until the other end has called Tell; false after ten seconds, or when it is gone.
+class Signal {
+public:
+    Signal();
+    ~Signal();
+    Signal(const Signal&) = delete;
+    Signal& operator=(const Signal&) = delete;
+
+    void Tell();
+    bool Await();
+
+private:
+    int ends_[2];
+};
+
+// Output of a command; a failure of the command fails the test.
+std::string Run(const std::string& command);
+
+// Names of the inet tables of this namespace, separated by blanks.
+std::string Tables();
+
+// Polls until `done`, ten seconds at most; returns its last answer.
+bool Eventually(const std::function<bool()>& done, unsigned seconds = 10);
+
+void SetSysctl(const std::string& name, const std::string& value);
+
+}  // namespace network
+
+// For tests that cannot run on this machine.
+#define REQUIRE_NETWORK() \
+    if (const std::string& lacking = network::Lacking(); !lacking.empty()) GTEST_SKIP() << lacking

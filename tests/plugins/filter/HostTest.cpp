@@ -1,0 +1,63 @@
+// The module's life in a process: several states, closed states.
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <thread>
+#include <vector>
+
+#include "LuaHost.h"
+#include "RecordingDriver.h"
+#include "Sandbox.h"
+
+namespace {
+
+bool IsMapped(const std::string& file)
+{
+    std::ifstream maps("/proc/self/maps");
+    for (std::string line; std::getline(maps, line);)
+        if (line.find(file) != std::string::npos) return true;
+    return false;
+}
+
+// The module alone: nothing else may keep it in the process.
+TEST(Host, StaysMappedWithItsStateWhenItsLuaStateCloses)
+{
+    REQUIRE_SANDBOX();
+    sandbox::SetOutput("nproc", "4\n");
+    ASSERT_FALSE(IsMapped("/fc.so"));
+    {
+        LuaHost host;
+        ASSERT_EQ(host.Run("assert(require 'fc' == true)\n"
+                           "assert(SLB.filter.GetSysHealthEnabled() == false)\n"
+                           "assert(SLB.filter.CheckSystemHealthMetrics().action == 6)\n"
+                           "assert(SLB.filter.GetSysHealthEnabled() == true)"),
+                  "");
+        EXPECT_EQ(host.Close(), 0u);
+    }
+    EXPECT_TRUE(IsMapped("/fc.so"));
+    LuaHost next;
+    EXPECT_EQ(next.Run("require 'fc'; assert(SLB.filter.GetSysHealthEnabled() == true)"), "");
+    EXPECT_EQ(driver::ProfilerInstallations(), 1);
+    EXPECT_EQ(driver::ProfilerCalls(), 1);
+}
+
+TEST(Host, ProfilerHooksAreInstalledOnceForManyStatesAtOnce)
+{
+    constexpr int states = 8;
+    std::vector<std::string> errors(states);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < states; ++i)
+        threads.emplace_back([&errors, i] {
+            LuaHost host;
+            errors[i] = host.Run(
+                "require 'fc'; local n = 0 for _ in pairs(SLB.filter) do n = n + 1 end "
+                "assert(n >= 7 and SLB.filter.EnableNativeFirewall() == 0)");
+        });
+    for (std::thread& thread : threads) thread.join();
+    for (const std::string& error : errors) EXPECT_EQ(error, "");
+    EXPECT_EQ(driver::ProfilerInstallations(), 1);
+    EXPECT_EQ(driver::ProfilerCalls(), 1);
+}
+
+}  // namespace

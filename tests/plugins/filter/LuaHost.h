@@ -1,0 +1,51 @@
+// A host program of the module: Lua states that count what they allocate and can be made
+// to run out of memory at a given allocation.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+#include <lua.hpp>
+
+class LuaHost {
+public:
+    // With the standard libraries and both modules' folder in package.cpath.
+    LuaHost();
+    ~LuaHost();
+    LuaHost(const LuaHost&) = delete;
+    LuaHost& operator=(const LuaHost&) = delete;
+
+    lua_State* L = nullptr;
+
+    // Runs a chunk; the error's text, or empty.
+    std::string Run(const std::string& chunk);
+
+    // From now on `allowed` allocations succeed; then one fails, or all that follow.
+    void FailAfter(long allowed, bool for_good);
+    void StopFailing() { m_failing = false; }
+    bool HasFailed() const { return m_failed; }
+
+    // Closes the state and tells how many bytes it still held.
+    std::size_t Close();
+
+private:
+    static void* Allocate(void* self, void* block, std::size_t old_size, std::size_t size);
+    bool Refuses();
+
+    std::size_t m_bytes = 0;
+    bool m_failing = false;
+    bool m_failed = false;
+    bool m_for_good = false;
+    long m_allowed = 0;
+};
+
+// Loads the modules and makes `doc`, a document, `handle`, an open driver handle, and
+// `filter`, the function table.
+extern const char* const kLoadModules;
+
+// What each function of SLB.filter is called with: a chunk that returns the arguments.
+// Empty for a function that is not known here.
+std::string ArgumentsFor(const std::string& function);
+
+// Fakes an idle machine with 4 processors; call after REQUIRE_SANDBOX.
+void FakeMachine();

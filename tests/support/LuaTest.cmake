@@ -1,0 +1,35 @@
+# What tests of the plugin share.
+
+set(TEST_SUPPORT_DIR ${CMAKE_CURRENT_LIST_DIR})
+
+# The plugin keeps one object for the life of the process on purpose.
+set(LEAK_ENVIRONMENT
+    "LSAN_OPTIONS=suppressions=${TEST_SUPPORT_DIR}/lsan.supp:print_suppressions=0"
+    "TSAN_OPTIONS=suppressions=${TEST_SUPPORT_DIR}/tsan.supp:halt_on_error=1")
+
+# add_sandboxed_lua_test(NAME SCRIPT): the script under stock lua5.2 in the sandbox, with
+# the recording driver in the place of libvxi. The preloads are for the interpreter alone.
+function(add_sandboxed_lua_test name script)
+    set(environment ${LUA_TEST_ENVIRONMENT})
+    set(preload $<TARGET_FILE:recorder>)
+    foreach(item ${environment})
+        if(item MATCHES "^LD_PRELOAD=(.*)")
+            set(preload "${CMAKE_MATCH_1}:${preload}")
+        endif()
+    endforeach()
+    list(FILTER environment EXCLUDE REGEX "^LD_PRELOAD=")
+    list(FILTER environment EXCLUDE REGEX "^LUA_CPATH=")
+    add_test(NAME ${name} COMMAND sandbox_exec ${CMAKE_COMMAND} -E env
+        ${environment} ${LEAK_ENVIRONMENT} LC_ALL=C
+        "LUA_CPATH=${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/?.so;$<TARGET_FILE_DIR:recorder>/?.so"
+        "LUA_PATH=${TEST_SUPPORT_DIR}/?.lua;;"
+        "LD_PRELOAD=${preload}"
+        ${LUA} ${CMAKE_CURRENT_SOURCE_DIR}/${script})
+    set_tests_properties(${name} PROPERTIES SKIP_RETURN_CODE 77 TIMEOUT 120)
+endfunction()
+
+# discover_plugin_tests(TARGET): its GoogleTest cases, with the environment they need.
+function(discover_plugin_tests target)
+    gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST
+        PROPERTIES ENVIRONMENT "${LEAK_ENVIRONMENT};LC_ALL=C" TIMEOUT 120)
+endfunction()
