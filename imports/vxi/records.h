@@ -76,7 +76,8 @@ enum {
     VXA_FLOW_DNAT = 8,
     VXA_FLOW_OFFLOADED = 16,
     VXA_FLOW_COUNTERS_VALID = 32, /* packet and byte counts are kept for this flow */
-    VXA_FLOW_FROM_SOCK_DIAG = 64  /* a socket of this host, no tracked flow */
+    VXA_FLOW_FROM_SOCK_DIAG = 64  /* a socket of this host, no tracked flow: counts are TCP
+                                     segments and payload bytes, timeout 0 is none */
 };
 
 typedef struct vxa_conntrack_entry_s {

@@ -11,8 +11,9 @@ namespace vxi {
 enum class Table : unsigned { statistics, conntrack, blacklist, conn_states };
 inline constexpr unsigned table_count = 4;
 
-// The areas of a statistics record.
-enum class Area : unsigned { statistics1, statistics2, statistics3 };
+// What has slots with names: the areas of a statistics record, and the sets of a blacklist by
+// their index.
+enum class Area : unsigned { statistics1, statistics2, statistics3, blacklist_sets };
 
 struct SlotNames {
     std::vector<std::string> names;  // by slot; empty for a slot without a name

@@ -133,6 +133,16 @@ void print_state(Lines& lines, std::uint8_t protocol, std::uint8_t state)
     }
 }
 
+// Most sockets have no time to end at.
+void print_timeout(Lines& lines, const vxa_conntrack_entry_s& entry)
+{
+    if (entry.timeout_s == 0 && entry.flags & VXA_FLOW_FROM_SOCK_DIAG) {
+        lines.text("-");
+    } else {
+        lines.number(entry.timeout_s).text("s");
+    }
+}
+
 void print_counts(Lines& lines, const vxa_conntrack_entry_s& entry)
 {
     if (!(entry.flags & VXA_FLOW_COUNTERS_VALID)) {
@@ -175,7 +185,7 @@ void print_flow(Lines& lines, std::string_view name, std::uint8_t protocol,
     lines.text(" > ");
     print_end(lines, entry.destination, entry.family, entry.destination_port);
     print_state(lines, protocol, entry.tcp_state);
-    lines.number(entry.timeout_s).text("s");
+    print_timeout(lines, entry);
     print_counts(lines, entry);
     print_flags(lines, entry);
     lines.end_line();

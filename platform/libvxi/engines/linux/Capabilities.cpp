@@ -8,6 +8,8 @@
 
 #include "Message.h"
 #include "engines/linux/ConntrackDump.h"
+#include "engines/linux/NftDump.h"
+#include "engines/linux/ProcText.h"
 #include "engines/linux/ProcessMonitor.h"
 #include "engines/linux/Slots.h"
 #include "engines/linux/SocketDump.h"
@@ -64,9 +66,42 @@ void conntrack(vxi_capability_s& row)
     }
 }
 
-void not_yet(vxi_capability_s& row)
+Outcome rules_readable()
 {
-    describe(row, false, "not supported by engine linux");
+    Netlink netlink;
+    return open_nf_tables(netlink);
+}
+
+void statistics(vxi_capability_s& row)
+{
+    std::string text;
+    const int status = read_proc("/proc/thread-self/net/snmp", text);
+    const Outcome rules = rules_readable();
+    if (status < 0) {
+        describe(row, false, "/proc/net/snmp: " + describe_status(status));
+    } else {
+        describe(row, true, "/proc/net" + (rules.failed() ? "; " + rules.text : " and nf_tables"));
+    }
+}
+
+void variables(vxi_capability_s& row)
+{
+    const bool readable = access("/proc/sys/net/ipv4", R_OK | X_OK) == 0;
+    describe(row, true,
+             readable ? "/proc/sys/net" : "the engine's own alone: /proc/sys/net is not readable");
+}
+
+void blacklist(vxi_capability_s& row)
+{
+    const Outcome rules = rules_readable();
+    describe(row, !rules.failed(), rules.failed() ? rules.text : "nf_tables sets named blacklist*");
+}
+
+void rule_profile(vxi_capability_s& row)
+{
+    const Outcome rules = rules_readable();
+    describe(row, !rules.failed(),
+             rules.failed() ? rules.text : "nf_tables, listed by libnftables");
 }
 
 struct Facility {
@@ -75,9 +110,9 @@ struct Facility {
 };
 
 constexpr Facility facilities[] = {
-    {"scan-metrics", scan_metrics}, {"statistics", not_yet},      {"variables", not_yet},
-    {"conntrack", conntrack},       {"conn-states", conn_states}, {"blacklist", not_yet},
-    {"rule-profile", not_yet},
+    {"scan-metrics", scan_metrics}, {"statistics", statistics},   {"variables", variables},
+    {"conntrack", conntrack},       {"conn-states", conn_states}, {"blacklist", blacklist},
+    {"rule-profile", rule_profile},
 };
 
 }  // namespace

@@ -1,6 +1,8 @@
 // ctnetlink: the kernel's table of tracked flows.
 #pragma once
 
+#include <functional>
+
 #include "engines/linux/FlowSnapshot.h"
 #include "engines/linux/Netlink.h"
 

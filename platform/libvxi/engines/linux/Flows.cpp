@@ -17,7 +17,7 @@ const char* no_conntrack(int status)
 {
     switch (status) {
         case 0:
-            return "no flow is tracked";
+            return "no UDP or TCP flow is tracked";
         case -EPERM:
             return "ctnetlink needs CAP_NET_ADMIN";
         default:
@@ -56,7 +56,7 @@ int read_from_sockets(vxi_handle_ops_s* handle, int conntrack_status, FlowSnapsh
     if (outcome.failed()) {
         return fail(handle, outcome.status, "%s; %s", why.c_str(), outcome.text.c_str());
     }
-    note_source(Table::conntrack, "sock_diag (%s)%s", why.c_str(), shortfall.c_str());
+    note_source(Table::conntrack, "sock_diag, %s%s", why.c_str(), shortfall.c_str());
     return 0;
 }
 
@@ -64,7 +64,12 @@ int read_from_sockets(vxi_handle_ops_s* handle, int conntrack_status, FlowSnapsh
 // then tell more.
 int take_snapshot(vxi_handle_ops_s* handle, FlowSnapshot& flows)
 {
-    const int status = read_conntrack(dump_conntrack, flows);
+    uint32_t expected = 0;
+    int status = count_tracked(expected);
+    // A dump walks all buckets of the kernel's table, empty ones too.
+    if (status == 0 && expected > 0) {
+        status = read_conntrack(dump_conntrack, flows);
+    }
     const bool tracked = flows.udp.total + flows.tcp.total > 0;
     if (status == -EINTR || (status == 0 && tracked)) {
         note_conntrack(flows, status == -EINTR);

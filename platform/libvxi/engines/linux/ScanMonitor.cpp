@@ -123,6 +123,15 @@ Outcome ScanMonitor::rehearse()
     return load(NftBatch::Purpose::Rehearse, netlink, unowned).outcome;
 }
 
+ScanStatus ScanMonitor::status() const
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (!running_) {
+        return {};
+    }
+    return {wanted_, spec_.half_open_timeout_s, half_open_};
+}
+
 std::string ScanMonitor::description() const
 {
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -187,6 +196,7 @@ Outcome ScanMonitor::build()
         }
     } while (loaded.owner_unknown || (loaded.name_taken && attempt < names_max));
     running_ = !loaded.outcome.failed();
+    half_open_ = 0;
     half_open_closed_ = 0;
     return loaded.outcome;
 }
@@ -228,6 +238,7 @@ int ScanMonitor::read_table(ScanReading& reading)
         return status;
     }
     half_open_closed_ = half_open_closed(before, reading.half_open, after, half_open_closed_);
+    half_open_ = reading.half_open;
     scan_figures(after, half_open_closed_, reading.figures);
     reading.untracked = after[ScanCounter::Untracked].packets;
     return 0;

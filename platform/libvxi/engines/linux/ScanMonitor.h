@@ -27,6 +27,12 @@ struct ScanReading {
     bool rebuilt = false;    // the table had been removed: all figures start from 0
 };
 
+struct ScanStatus {
+    std::optional<ScanTarget> target;  // empty while nothing is counted
+    uint32_t half_open_timeout_s = 0;
+    uint64_t half_open = 0;  // at the last reading
+};
+
 // Safe from any thread. Belongs to the process that made it.
 class ScanMonitor {
 public:
@@ -41,6 +47,9 @@ public:
 
     // Whether set would succeed, without changing anything.
     Outcome rehearse();
+
+    // What is counted at present, without reading or changing anything.
+    ScanStatus status() const;
 
     // What is counted, where and how, for people; without a table the means alone.
     std::string description() const;
@@ -76,6 +85,7 @@ private:
     TableLife life_;
     std::optional<ScanTarget> wanted_;
     ScanTableSpec spec_ = {};
+    uint64_t half_open_ = 0;
     uint64_t half_open_closed_ = 0;
     Netlink netlink_;
 };

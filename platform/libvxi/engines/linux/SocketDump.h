@@ -3,6 +3,9 @@
 
 #include <linux/inet_diag.h>
 
+#include <functional>
+#include <string>
+
 #include "engines/linux/Netlink.h"
 #include "engines/linux/Outcome.h"
 
