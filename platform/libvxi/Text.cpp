@@ -54,6 +54,13 @@ unsigned shown_slots(const StatisticsArea& area)
     return shown;
 }
 
+// No counter comes near half of its range, but the kernel's "no limit" is -1.
+void print_figure(Lines& lines, std::uint64_t value)
+{
+    const bool negative = value >> 63;
+    lines.text(negative ? "-" : "").number(negative ? -value : value);
+}
+
 void print_slots(Lines& lines, unsigned number, const StatisticsArea& area)
 {
     for (unsigned i = 0; i < area.count; ++i) {
@@ -65,7 +72,8 @@ void print_slots(Lines& lines, unsigned number, const StatisticsArea& area)
         } else {
             lines.number(number).text("/").number(i);
         }
-        lines.text(" ").number(area.slots[i]).end_line();
+        print_figure(lines.text(" "), area.slots[i]);
+        lines.end_line();
     }
 }
 
@@ -239,16 +247,26 @@ void print_blacklisted(Lines& lines, const vxa_blacklist_entry_s& entry)
     lines.end_line();
 }
 
+void print_set_names(Lines& lines, const char* engine)
+{
+    const auto sets = slot_names(engine, Area::blacklist_sets);
+    for (std::size_t i = 0; i < sets->names.size(); ++i) {
+        lines.text("# set ").number(i).text(": ").escaped(sets->names[i], true).end_line();
+    }
+}
+
 void print_blacklist(Lines& lines, const vxa_blacklist_get_addrs_s* list)
 {
     constexpr std::uint32_t entry_size = sizeof(vxa_blacklist_entry_s);
     const std::uint32_t count = list->entries_size / entry_size;
-    head(lines, "blacklist", last_source(Table::blacklist));
+    const Source& source = last_source(Table::blacklist);
+    head(lines, "blacklist", source);
     lines.text(", ").number(count).text(" entries, ").number(list->set_count).text(" sets");
     if (list->entries_size % entry_size != 0) {
         lines.text("; the last entry is cut");
     }
     lines.end_line();
+    print_set_names(lines, engine_of(source));
     const auto* const bytes = reinterpret_cast<const unsigned char*>(list + 1);
     for (std::uint32_t i = 0; i < count; ++i) {
         // The header is 44 bytes long, so the entries behind it are not aligned.
