@@ -132,7 +132,7 @@ TEST_F(Flows, TellTranslatedAndMarkedOnes)
             "chain o { type nat hook output priority -100; tcp dport {7000, 7001} dnat to :8443; "
             "}\n"
             "chain p { type nat hook postrouting priority 100;"
-            " ct original proto-dst {7001, 7002} snat to 127.0.0.9; }\n"
+            " meta l4proto tcp ct original proto-dst {7001, 7002} snat to 127.0.0.9; }\n"
             "chain m { type filter hook output priority 0; tcp dport 7002 ct mark set 77; }\n"
             "}'");
         const auto listener = traffic::Listen(4, port);
