@@ -221,8 +221,8 @@ TEST_F(Functions, HaveNoTypeWhenRegisteredOtherwise)
         "io.stdout",
         "io.lines('/proc/self/status')",  // C, upvalues of its own
         "(function() local a, b = F, F return function() return a, b end end)()",
-        "(function() local a, b = F, select(2, debug.getupvalue(F.zero, 2)) "
-        "return function() return a, b end end)()",
+        ("(function() local a, b = F, select(2, debug.getupvalue(F.zero, 2)) "
+         "return function() return a, b end end)()"),
         "F",
     };
     for (const char* value : values) {
