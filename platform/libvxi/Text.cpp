@@ -40,7 +40,10 @@ struct StatisticsArea {
     unsigned count;
     std::shared_ptr<const SlotNames> names;
 
-    bool named(unsigned i) const { return i < names->names.size() && !names->names[i].empty(); }
+    bool named(unsigned i) const
+    {
+        return names && i < names->names.size() && !names->names[i].empty();
+    }
     // A slot that nobody named and nobody filled says nothing.
     bool shown(unsigned i) const { return named(i) || slots[i] != 0; }
 };
@@ -82,7 +85,7 @@ void print_statistics_head(Lines& lines, const Source& source, const StatisticsA
     for (const StatisticsArea& area : areas) {
         all += area.count;
         shown += shown_slots(area);
-        dropped += area.names->dropped;
+        dropped += area.names ? area.names->dropped : 0;
     }
     head(lines, "statistics", source);
     lines.text(", showing ").number(shown).text(" of ").number(all);
