@@ -14,7 +14,8 @@ bool exhausted = false;
 
 }  // namespace
 
-void* operator new(std::size_t size)
+// Inlined, the pairs look mismatched to the compiler.
+[[gnu::noinline]] void* operator new(std::size_t size)
 {
     if (allocations_left == 0) {
         exhausted = true;
@@ -25,12 +26,12 @@ void* operator new(std::size_t size)
     return block ? block : throw std::bad_alloc();
 }
 
-void operator delete(void* block) noexcept
+[[gnu::noinline]] void operator delete(void* block) noexcept
 {
     std::free(block);
 }
 
-void operator delete(void* block, std::size_t) noexcept
+[[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept
 {
     std::free(block);
 }
