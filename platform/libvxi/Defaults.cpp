@@ -1,6 +1,7 @@
 // What answers where an engine has nothing to answer with.
 #include <cerrno>
 #include <cstdio>
+#include <iterator>
 #include <map>
 #include <mutex>
 #include <type_traits>
@@ -40,11 +41,9 @@ int not_available(vxi_handle_ops_s* handle)
 
 int no_capabilities(vxi_handle_ops_s* handle, vxi_capability_s* rows, unsigned int count)
 {
-    static const char* const names[] = {"scan-metrics", "statistics", "variables",   "conntrack",
-                                        "conn-states",  "blacklist",  "rule-profile"};
-    constexpr unsigned int all = sizeof names / sizeof *names;
+    constexpr auto all = static_cast<unsigned int>(std::size(facility_names));
     for (unsigned int i = 0; i < count && i < all; ++i) {
-        rows[i].name = names[i];
+        rows[i].name = facility_names[i];
         rows[i].available = 0;
         std::snprintf(rows[i].detail, sizeof rows[i].detail, "not supported by engine %s",
                       handle->operations->engine);

@@ -19,7 +19,7 @@ using namespace vxi;
 
 namespace {
 
-constexpr const char* trace_source = "libvxi";
+constexpr const char* trace_source = "platform/libvxi/Dispatch";
 
 // Left in a blacklist header by the size request and handed back with the fill, which is
 // how a fill of an empty list is told from another size request.

@@ -14,6 +14,11 @@
 
 namespace vxi {
 
+// The rows of vxi_capabilities.
+inline constexpr const char* facility_names[] = {"scan-metrics", "statistics",  "variables",
+                                                 "conntrack",    "conn-states", "blacklist",
+                                                 "rule-profile"};
+
 struct Operations {
     const char* engine;
     void (*close)(vxi_handle_ops_s*);

@@ -3,6 +3,8 @@
 #include <cstdarg>
 #include <map>
 #include <mutex>
+#include <new>
+#include <string_view>
 #include <utility>
 
 #include "vxi/vxi.h"
@@ -13,13 +15,15 @@ namespace {
 
 struct Names {
     std::mutex mutex;
-    std::map<std::pair<std::string, Area>, std::shared_ptr<const SlotNames>> by_area;
+    std::map<std::pair<std::string_view, Area>, std::shared_ptr<const SlotNames>> by_area;
 };
 
 Names& names()
 {
-    // Never destroyed: a dump may run while the process ends.
-    static Names& instance = *new Names;
+    // Never destroyed: a dump may run while the process ends. Not on the heap: a dump
+    // allocates nothing, so that it cannot fail.
+    alignas(Names) static unsigned char place[sizeof(Names)];
+    static Names& instance = *new (place) Names;
     return instance;
 }
 
@@ -41,10 +45,9 @@ void set_slot_names(const char* engine, Area area, SlotNames slots)
 
 std::shared_ptr<const SlotNames> slot_names(const char* engine, Area area)
 {
-    static const auto& none = *new std::shared_ptr<const SlotNames>(new SlotNames);
     const std::lock_guard<std::mutex> lock(names().mutex);
     const auto found = names().by_area.find({engine, area});
-    return found != names().by_area.end() ? found->second : none;
+    return found != names().by_area.end() ? found->second : nullptr;
 }
 
 void note_source(Table table, const char* format, ...)

@@ -21,10 +21,11 @@ struct SlotNames {
 };
 
 // An engine sets the names of an area before it first fills it, and again when they
-// change. Any thread; a dump that is running keeps the names it started with.
+// change. `engine` lives for the process. Any thread; a dump that is running keeps the
+// names it started with.
 void set_slot_names(const char* engine, Area area, SlotNames names);
 
-// Never null; without names where none were set.
+// Null where none were set.
 std::shared_ptr<const SlotNames> slot_names(const char* engine, Area area);
 
 // An engine tells, while it serves a table, where the table came from and what is missing

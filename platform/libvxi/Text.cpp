@@ -40,7 +40,10 @@ struct StatisticsArea {
     unsigned count;
     std::shared_ptr<const SlotNames> names;
 
-    bool named(unsigned i) const { return i < names->names.size() && !names->names[i].empty(); }
+    bool named(unsigned i) const
+    {
+        return names && i < names->names.size() && !names->names[i].empty();
+    }
     // A slot that nobody named and nobody filled says nothing.
     bool shown(unsigned i) const { return named(i) || slots[i] != 0; }
 };
@@ -77,23 +80,20 @@ void print_slots(Lines& lines, unsigned number, const StatisticsArea& area)
     }
 }
 
-void print_statistics(Lines& lines, const vxa_stats_v2_s& stats)
+StatisticsArea area_of(const char* engine, Area area, const std::uint64_t* slots, unsigned count)
 {
-    const Source& source = last_source(Table::statistics);
-    const char* const engine = engine_of(source);
-    const StatisticsArea areas[] = {{stats.area1, stats.area1 ? 0U + VXA_STATS_AREA1_COUNT : 0,
-                                     slot_names(engine, Area::statistics1)},
-                                    {stats.area2, stats.area2 ? 0U + VXA_STATS_AREA2_COUNT : 0,
-                                     slot_names(engine, Area::statistics2)},
-                                    {stats.area3, stats.area3 ? 0U + VXA_STATS_AREA3_COUNT : 0,
-                                     slot_names(engine, Area::statistics3)}};
+    return {slots, slots ? count : 0, slot_names(engine, area)};
+}
+
+void print_statistics_head(Lines& lines, const Source& source, const StatisticsArea (&areas)[3])
+{
     unsigned all = 0;
     unsigned shown = 0;
     unsigned dropped = 0;
     for (const StatisticsArea& area : areas) {
         all += area.count;
         shown += shown_slots(area);
-        dropped += area.names->dropped;
+        dropped += area.names ? area.names->dropped : 0;
     }
     head(lines, "statistics", source);
     lines.text(", showing ").number(shown).text(" of ").number(all);
@@ -102,6 +102,17 @@ void print_statistics(Lines& lines, const vxa_stats_v2_s& stats)
         lines.text("; ").number(dropped).text(" items found no slot");
     }
     lines.end_line();
+}
+
+void print_statistics(Lines& lines, const vxa_stats_v2_s& stats)
+{
+    const Source& source = last_source(Table::statistics);
+    const char* const engine = engine_of(source);
+    const StatisticsArea areas[] = {
+        area_of(engine, Area::statistics1, stats.area1, VXA_STATS_AREA1_COUNT),
+        area_of(engine, Area::statistics2, stats.area2, VXA_STATS_AREA2_COUNT),
+        area_of(engine, Area::statistics3, stats.area3, VXA_STATS_AREA3_COUNT)};
+    print_statistics_head(lines, source, areas);
     for (unsigned i = 0; i < 3; ++i) {
         print_slots(lines, i + 1, areas[i]);
     }

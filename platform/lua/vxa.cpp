@@ -46,6 +46,6 @@ extern "C" __attribute__((visibility("default"))) int luaopen_vxa(lua_State* L)
     // Once a process: the second state may be on a thread of its own.
     static const bool has_locale = vxa::set_locale();
     if (!has_locale) return luaL_error(L, "the locale C.UTF-8 is missing on this system");
-    VxaCore::Host::LogFromThisThread();
+    VxaCore::Host::TakeGeneralLog();
     return vxa::open_module(L);
 }

@@ -1,4 +1,6 @@
+#include <charconv>
 #include <cmath>
+#include <cstring>
 #include <mutex>
 #include <stdexcept>
 
@@ -32,6 +34,36 @@ JsonItem Checked(cJSON* item)
     return JsonItem(item);
 }
 
+// Numbers are kept as texts of their shortest exact form: cJSON writes doubles with 15
+// digits when that comes close enough, and so would change large counts.
+std::string NumberText(double number)
+{
+    char text[32];
+    return {text, std::to_chars(text, text + sizeof text, number).ptr};
+}
+
+double NumberOf(const cJSON* item)
+{
+    double number = 0;
+    std::from_chars(item->valuestring, item->valuestring + std::strlen(item->valuestring), number);
+    return number;
+}
+
+// Replaces the numbers of a list or object, nested ones as well.
+void KeepNumbersExact(cJSON* parent)
+{
+    for (cJSON* item = parent->child; item; item = item->next) {
+        if (cJSON_IsNumber(item)) {
+            const std::string text = NumberText(item->valuedouble);
+            item->valuestring = static_cast<char*>(cJSON_malloc(text.size() + 1));
+            if (!item->valuestring) throw std::bad_alloc();
+            std::memcpy(item->valuestring, text.c_str(), text.size() + 1);
+            item->type = (item->type & cJSON_StringIsConst) | cJSON_Raw;
+        }
+        KeepNumbersExact(item);
+    }
+}
+
 JsonItem ReadDocument(const StateDirectory& directory)
 {
     const std::string text = directory.ReadDocument();
@@ -46,6 +78,7 @@ JsonItem ReadDocument(const StateDirectory& directory)
                                  std::to_string(problem.column) + ": " + problem.message);
     }
     if (!cJSON_IsObject(document.get())) throw std::runtime_error(name + " holds no JSON object");
+    KeepNumbersExact(document.get());
     return document;
 }
 
@@ -53,7 +86,7 @@ DocumentValue ToValue(const cJSON* item)
 {
     if (!item || cJSON_IsNull(item)) return std::monostate();
     if (cJSON_IsBool(item)) return static_cast<bool>(cJSON_IsTrue(item));
-    if (cJSON_IsNumber(item)) return item->valuedouble;
+    if (cJSON_IsRaw(item)) return NumberOf(item);
     if (cJSON_IsString(item)) return std::string(item->valuestring);
     return Host::NestedValue();
 }
@@ -61,7 +94,7 @@ DocumentValue ToValue(const cJSON* item)
 struct ToItem {
     cJSON* operator()(std::monostate) const { return nullptr; }
     cJSON* operator()(bool value) const { return cJSON_CreateBool(value); }
-    cJSON* operator()(double value) const { return cJSON_CreateNumber(value); }
+    cJSON* operator()(double value) const { return cJSON_CreateRaw(NumberText(value).c_str()); }
     cJSON* operator()(const std::string& value) const { return cJSON_CreateString(value.c_str()); }
     cJSON* operator()(const Host::NestedValue&) const { return nullptr; }
 };

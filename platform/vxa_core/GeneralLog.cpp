@@ -32,6 +32,7 @@ class GeneralLog : public wxLog {
 protected:
     void DoLogRecord(wxLogLevel level, const wxString& message, const wxLogRecordInfo&) override
     {
+        if (level >= wxLOG_Debug && !GetVerbose()) return;
         try {
             Host::LogRecord record;
             record.time_s = WallClock();
@@ -64,10 +65,13 @@ void SetVerbose(bool on)
     wxLog::SetVerbose(on);
 }
 
-void LogFromThisThread()
+void TakeGeneralLog()
 {
     static thread_local GeneralLog this_thread;
-    if (!wxThread::IsMain()) wxLog::SetThreadActiveTarget(&this_thread);
+    if (!wxThread::IsMain())
+        wxLog::SetThreadActiveTarget(&this_thread);
+    else if (!dynamic_cast<GeneralLog*>(wxLog::GetActiveTarget()))
+        delete wxLog::SetActiveTarget(new GeneralLog);
 }
 
 }  // namespace Host

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
+#include <string>
 
 #include "vxa_core/json.h"
 
@@ -30,30 +32,53 @@ void Describe(std::string_view rest, Host::JsonProblem& problem)
                       static_cast<int>(length), rest.data());
 }
 
-bool InsideQuotes(std::string_view before)
+// What a text leaves open at its end.
+struct Open {
+    std::string brackets;  // innermost last
+    bool quotes = false;
+};
+
+Open Scan(std::string_view text)
 {
-    bool inside = false;
-    for (size_t i = 0; i < before.size(); ++i) {
-        if (before[i] == '\\' && inside)
+    Open open;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (open.quotes && c == '\\')
             ++i;
-        else if (before[i] == '"')
-            inside = !inside;
+        else if (c == '"')
+            open.quotes = !open.quotes;
+        else if (!open.quotes && (c == '{' || c == '['))
+            open.brackets += c;
+        else if (!open.quotes && (c == '}' || c == ']') && !open.brackets.empty())
+            open.brackets.pop_back();
     }
-    return inside;
+    return open;
+}
+
+constexpr char kBlanks[] = " \t\r\n";
+
+// Whether a member's name must follow the text, and nothing else may.
+bool ExpectsName(std::string_view text)
+{
+    const size_t last = text.find_last_not_of(kBlanks);
+    const Open open = Scan(text);
+    return last != text.npos && (text[last] == '{' || text[last] == ',') && !open.quotes &&
+           !open.brackets.empty() && open.brackets.back() == '{';
+}
+
+bool IsEmptyObject(std::string_view before, char last)
+{
+    return last == '}' && before[before.find_last_not_of(kBlanks)] == '{';
 }
 
 // Where text in quotes was expected, or has no end, the parser stops one character
 // behind the cause.
 size_t Cause(std::string_view text, size_t stop)
 {
-    if (stop == 0) return stop;
-    const char last = text[stop - 1];
-    if (last == '"' && InsideQuotes(text.substr(0, stop))) return stop - 1;
-    const size_t previous = stop > 1 ? text.find_last_not_of(" \t\r\n", stop - 2) : text.npos;
-    const bool name_expected =
-        previous != text.npos && (text[previous] == '{' || text[previous] == ',');
-    const bool is_blank = last == ' ' || last == '\t' || last == '\r' || last == '\n';
-    return name_expected && last != '"' && !is_blank ? stop - 1 : stop;
+    if (stop == 0 || std::strchr(kBlanks, text[stop - 1])) return stop;
+    const std::string_view before = text.substr(0, stop - 1);
+    if (text[stop - 1] == '"') return Scan(before).quotes ? stop : stop - 1;
+    return ExpectsName(before) && !IsEmptyObject(before, text[stop - 1]) ? stop - 1 : stop;
 }
 
 void Locate(std::string_view before, Host::JsonProblem& problem)
@@ -87,7 +112,7 @@ bool CheckJson(std::string_view text, JsonProblem& problem)
     if (ParseJson(text, stop)) return true;
     const size_t cause = Cause(text, stop);
     Locate(text.substr(0, cause), problem);
-    if (InsideQuotes(text.substr(0, stop)) && cause < stop)
+    if (cause < stop && text[cause] == '"')
         std::snprintf(problem.message, sizeof problem.message, "the text in quotes does not end");
     else
         Describe(text.substr(cause), problem);

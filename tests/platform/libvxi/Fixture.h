@@ -45,6 +45,16 @@ inline scan_metrics_request scan_request(std::uint16_t port,
     return request;
 }
 
+// With its areas where they belong.
+inline std::unique_ptr<vxa_stats_v2_s> stats_record()
+{
+    auto stats = std::make_unique<vxa_stats_v2_s>();
+    stats->area1 = stats->body1;
+    stats->area2 = stats->body2;
+    stats->area3 = stats->body3;
+    return stats;
+}
+
 class SimulatedMachine : public testing::Test {
 protected:
     static constexpr std::uint16_t port = 8080;

@@ -338,10 +338,7 @@ TEST_F(Sim, TablesAgree)
         EXPECT_EQ(500U, variable(handle(), 19));
         EXPECT_EQ(port, variable(handle(), 6));
 
-        auto stats = std::make_unique<vxa_stats_v2_s>();
-        stats->area1 = stats->body1;
-        stats->area2 = stats->body2;
-        stats->area3 = stats->body3;
+        auto stats = stats_record();
         ASSERT_EQ(0, vxi_get_stats(handle(), stats.get(), sizeof *stats));
         EXPECT_EQ(500U, stats->body2[0]);
         EXPECT_EQ(by_state[3], stats->body1[5]);

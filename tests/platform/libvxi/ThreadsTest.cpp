@@ -18,10 +18,7 @@ void use_one_handle()
     scan_metrics_request request = scan_request(80);
     vxi_set_scan_monitoring(handle.get(), scan_config(80).get());
     vxi_get_scan_metrics(handle.get(), &request, sizeof request);
-    auto stats = std::make_unique<vxa_stats_v2_s>();
-    stats->area1 = stats->body1;
-    stats->area2 = stats->body2;
-    stats->area3 = stats->body3;
+    auto stats = stats_record();
     if (vxi_get_stats(handle.get(), stats.get(), sizeof *stats) == 0) {
         tb_dump_s sink{drop, nullptr};
         tb_dump_stats(&sink, stats.get());

@@ -35,6 +35,7 @@ struct State {
     std::mutex mutex;
     Script script;
     std::string environment_error;
+    std::atomic<bool> environment_broken;  // spares every vxi_open the mutex
 
     State();
 };
@@ -196,6 +197,7 @@ State::State()
         environment_error = "VXI_FAULT cannot be read at character " +
                             std::to_string(reader.position() + 1) + ": " + reader.error();
     }
+    environment_broken = !environment_error.empty();
     scripted = !script.empty();
 }
 
@@ -211,6 +213,9 @@ State& state()
 bool environment_readable(std::string& error)
 {
     State& all = state();
+    if (!all.environment_broken) {
+        return true;
+    }
     const std::lock_guard<std::mutex> lock(all.mutex);
     error = all.environment_error;
     return error.empty();
@@ -257,6 +262,7 @@ try {
     const std::lock_guard<std::mutex> lock(all.mutex);
     all.script = std::move(faults);
     all.environment_error.clear();
+    all.environment_broken = false;
     vxi::fault::scripted = !all.script.empty();
     return 0;
 } catch (const std::bad_alloc&) {

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <exception>
 
 namespace vxi {
 
@@ -41,6 +42,50 @@ int error_of_done(const nlmsghdr& message)
     }
     return error < 0 ? error : 0;
 }
+
+// The answer to one request, as its messages come in.
+class Answer {
+public:
+    Answer(uint32_t sequence, Netlink::Visit visit) : sequence_(sequence), visit_(visit) {}
+
+    int take(const nlmsghdr& message)
+    {
+        if (message.nlmsg_seq != sequence_) {
+            return more;
+        }
+        interrupted_ = interrupted_ || (message.nlmsg_flags & NLM_F_DUMP_INTR);
+        switch (message.nlmsg_type) {
+            case NLMSG_NOOP:
+                return more;
+            case NLMSG_ERROR:
+                return error_of(message);
+            case NLMSG_DONE:
+                return error_of_done(message);
+            case NLMSG_OVERRUN:
+                return -ENOBUFS;
+            default:
+                show(message);
+                return more;
+        }
+    }
+
+    int status() const { return interrupted_ ? -EINTR : visited_; }
+
+private:
+    void show(const nlmsghdr& message)
+    {
+        try {
+            visited_ = visited_ < 0 ? visited_ : visit_(message);
+        } catch (const std::exception&) {
+            visited_ = -ENOMEM;  // what visitors can run out of
+        }
+    }
+
+    uint32_t sequence_;
+    Netlink::Visit visit_;
+    bool interrupted_ = false;
+    int visited_ = 0;
+};
 
 int configure(int descriptor)
 {
@@ -127,12 +172,14 @@ ptrdiff_t Netlink::receive()
 }
 
 // Hands every message that arrives to `take` until it returns something else than `more`.
-int Netlink::collect(const Visit& take)
+int Netlink::collect(Visit take)
 {
+    int failed = -EOVERFLOW;
     for (unsigned datagrams = 0; datagrams < datagrams_max; ++datagrams) {
         const ptrdiff_t received = receive();
         if (received < 0) {
-            return static_cast<int>(received);
+            failed = static_cast<int>(received);
+            break;
         }
         int rest = static_cast<int>(received);
         auto* message = reinterpret_cast<const nlmsghdr*>(buffer_.get());
@@ -143,43 +190,19 @@ int Netlink::collect(const Visit& take)
             }
         }
     }
-    return -EOVERFLOW;
+    close();
+    return failed;
 }
 
-int Netlink::request(nlmsghdr& message, const Visit& visit)
+int Netlink::request(nlmsghdr& message, Visit visit)
 {
     message.nlmsg_seq = next_sequence();
-    bool interrupted = false;
-    int visited = 0;
-    const auto take = [&](const nlmsghdr& part) {
-        if (part.nlmsg_seq != message.nlmsg_seq) {
-            return more;
-        }
-        if (part.nlmsg_flags & NLM_F_DUMP_INTR) {
-            interrupted = true;
-        }
-        if (part.nlmsg_type == NLMSG_ERROR) {
-            return error_of(part);
-        }
-        if (part.nlmsg_type == NLMSG_DONE) {
-            return error_of_done(part);
-        }
-        if (part.nlmsg_type == NLMSG_OVERRUN) {
-            return -ENOBUFS;
-        }
-        if (part.nlmsg_type >= NLMSG_MIN_TYPE && visited == 0) {
-            visited = visit(part);
-        }
-        return more;
-    };
+    Answer answer(message.nlmsg_seq, visit);
     int status = send(&message, message.nlmsg_len);
     if (status == 0) {
-        status = collect(take);
+        status = collect([&](const nlmsghdr& part) { return answer.take(part); });
     }
-    if (status < 0) {
-        return status;
-    }
-    return interrupted ? -EINTR : visited;
+    return status < 0 ? status : answer.status();
 }
 
 Netlink::BatchResult Netlink::transact(const void* messages, size_t size, uint32_t first,
@@ -203,10 +226,16 @@ Netlink::BatchResult Netlink::transact(const void* messages, size_t size, uint32
     if (status == 0) {
         status = collect(take);
     }
-    return status < 0 ? BatchResult{status, first} : result;
+    if (status < 0) {
+        result = {status, first};
+    }
+    if (result.status < 0) {
+        close();
+    }
+    return result;
 }
 
-int retry_interrupted(const std::function<int()>& attempt)
+int retry_interrupted(FunctionRef<int()> attempt)
 {
     int status = attempt();
     for (unsigned retries = 0; status == -EINTR && retries < retries_max; ++retries) {

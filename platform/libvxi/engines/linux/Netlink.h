@@ -10,18 +10,19 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string_view>
+
+#include "engines/linux/FunctionRef.h"
 
 namespace vxi {
 
 class Netlink {
 public:
-    // Called for each message of an answer; a negative status stops the calls, but the
-    // answer is still read to its end, so that the socket can be used again.
-    using Visit = std::function<int(const nlmsghdr&)>;
+    // Called for each message of an answer; a negative status or an exception stops the
+    // calls, but the answer is still read to its end, so that the socket can be used again.
+    using Visit = FunctionRef<int(const nlmsghdr&)>;
 
     // What became of a batch: the first failure and the message that met it.
     struct BatchResult {
@@ -42,19 +43,20 @@ public:
 
     uint32_t next_sequence() { return ++sequence_; }
 
-    // Sends one request (its sequence number is set here) and passes the answer to
-    // `visit`. -EINTR when the kernel says that the dump is not consistent.
-    int request(nlmsghdr& message, const Visit& visit);
+    // Sends one request, flagged NLM_F_DUMP or NLM_F_ACK, and passes the answer to `visit`
+    // (the sequence number is set here). -EINTR when the kernel says that the dump is not
+    // consistent. When the exchange itself fails, the socket is closed.
+    int request(nlmsghdr& message, Visit visit);
 
     // Sends messages `first` to `last` (sequence numbers; `last` asks for an
-    // acknowledgement) as one transaction. After a failure further answers may be
-    // queued: close the socket.
+    // acknowledgement) as one transaction. After any failure the socket is closed, for
+    // further answers may be queued.
     BatchResult transact(const void* messages, size_t size, uint32_t first, uint32_t last);
 
 private:
     int send(const void* data, size_t size);
     ptrdiff_t receive();
-    int collect(const Visit& take);
+    int collect(Visit take);
 
     std::atomic<int> descriptor_{-1};  // read by a fork's child while another thread writes
     uint32_t sequence_ = 0;
@@ -62,7 +64,7 @@ private:
 };
 
 // Calls `attempt` again, five times at most, while it returns -EINTR.
-int retry_interrupted(const std::function<int()>& attempt);
+int retry_interrupted(FunctionRef<int()> attempt);
 
 // The attributes behind a message's header of `header_size` bytes, or inside another
 // attribute. Ends before the first one that does not fit into what contains it.

@@ -53,7 +53,7 @@ void NftBatch::mark(uint16_t type)
 }
 
 uint32_t NftBatch::add(uint16_t type, uint16_t flags, std::string label,
-                       const std::function<void(nlmsghdr*)>& fill)
+                       FunctionRef<void(nlmsghdr*)> fill)
 {
     if (buffer_.size() - used_ < message_size_max) {
         throw std::length_error("nf_tables batch");

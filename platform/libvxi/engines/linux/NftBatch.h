@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -17,7 +16,7 @@ public:
     // Appends one message; `fill` puts the attributes behind the header that is passed in.
     // `label` names it in failure texts. Returns its sequence number.
     uint32_t add(uint16_t type, uint16_t flags, std::string label,
-                 const std::function<void(nlmsghdr*)>& fill);
+                 FunctionRef<void(nlmsghdr*)> fill);
 
     // Sends what was added (at least one message), once. A rehearsal lacks the batch's end: the
     // kernel checks every message, then drops them all.

@@ -38,7 +38,9 @@ int set_scan_monitoring(vxi_handle_ops_s* handle, scan_monitor_config* config)
     if (outcome.failed()) {
         return fail(handle, outcome.status, "%s", outcome.text.c_str());
     }
-    VXI_TRACE(handle, Changes, trace_source, "%s", monitor.description().c_str());
+    if (handle->trace_level >= Changes) {
+        VXI_TRACE(handle, Changes, trace_source, "%s", monitor.description().c_str());
+    }
     return 0;
 }
 

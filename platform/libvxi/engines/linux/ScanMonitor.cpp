@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <new>
 #include <vector>
 
 #include "Message.h"
@@ -154,8 +155,7 @@ void ScanMonitor::stop()
     ended_ = true;
 }
 
-// One attempt to make the table, on a fresh socket: after a refusal the old one may have
-// answers left.
+// One attempt to make the table.
 ScanMonitor::Loaded ScanMonitor::load(NftBatch::Purpose purpose, Netlink& netlink,
                                       const ScanTableSpec& spec) const
 {
@@ -169,9 +169,8 @@ ScanMonitor::Loaded ScanMonitor::load(NftBatch::Purpose purpose, Netlink& netlin
     if (result.status == 0) {
         return {};
     }
-    netlink.close();
     const int of_table = result.sequence == table ? result.status : 0;
-    return {batch_failure(batch, result, result.sequence < table),
+    return {batch_failure(batch, result, result.sequence + 1 == table),
             of_table == -EPERM || of_table == -EEXIST,
             spec.owned && (of_table == -EOPNOTSUPP || of_table == -EINVAL)};
 }
@@ -215,10 +214,13 @@ Outcome ScanMonitor::read(ScanReading& reading)
         if (status == 0) {
             return {};
         }
-        if (status != -ENOENT || builds == rebuilds_max) {
+        const bool gone = status == -ENOENT;
+        if (gone || !netlink_.is_open()) {
+            take_down();
+        }
+        if (!gone || builds == rebuilds_max) {
             return read_failure(status);
         }
-        take_down();
         reading.rebuilt = true;
     }
 }
@@ -244,13 +246,22 @@ int ScanMonitor::read_table(ScanReading& reading)
     return 0;
 }
 
+// Nobody waits for this: a table that stays is removed by the next process.
+void ScanMonitor::remove_table(const std::string& name)
+try {
+    if (!netlink_.is_open() && netlink_.open(NETLINK_NETFILTER) < 0) {
+        return;
+    }
+    NftBatch batch(netlink_);
+    add_table_removal(batch, name);
+    batch.send(NftBatch::Purpose::Commit);
+} catch (const std::bad_alloc&) {
+}
+
 void ScanMonitor::take_down()
 {
     if (running_ && !spec_.owned) {
-        // Fails only when somebody else was faster.
-        NftBatch batch(netlink_);
-        add_table_removal(batch, spec_.name);
-        batch.send(NftBatch::Purpose::Commit);
+        remove_table(spec_.name);
     }
     running_ = false;
     netlink_.close();
@@ -278,9 +289,7 @@ void ScanMonitor::remove_leftovers()
         return 0;
     });
     for (const std::string& name : names) {
-        NftBatch batch(netlink_);
-        add_table_removal(batch, name);
-        batch.send(NftBatch::Purpose::Commit);
+        remove_table(name);
     }
 }
 

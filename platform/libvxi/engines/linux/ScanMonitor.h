@@ -75,6 +75,7 @@ private:
     Outcome read(ScanReading& reading);
     int read_table(ScanReading& reading);
     void take_down();
+    void remove_table(const std::string& name);
     void remove_leftovers();
 
     const pid_t process_;

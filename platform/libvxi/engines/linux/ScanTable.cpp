@@ -412,11 +412,14 @@ pid_t scan_table_process(std::string_view name)
     if (name.substr(0, prefix.size()) != prefix) {
         return 0;
     }
-    const char* digits = name.data() + prefix.size();
+    const char* const end = name.data() + name.size();
     pid_t process = 0;
-    const auto end = std::from_chars(digits, name.data() + name.size(), process);
-    const bool whole = end.ptr == name.data() + name.size() || *end.ptr == '_';
-    return end.ec == std::errc() && whole && process > 0 ? process : 0;
+    unsigned attempt = 0;
+    auto read = std::from_chars(name.data() + prefix.size(), end, process);
+    if (read.ec == std::errc() && read.ptr != end && *read.ptr == '_') {
+        read = std::from_chars(read.ptr + 1, end, attempt);
+    }
+    return read.ec == std::errc() && read.ptr == end && process > 0 ? process : 0;
 }
 
 uint32_t add_scan_table(NftBatch& batch, const ScanTableSpec& spec)

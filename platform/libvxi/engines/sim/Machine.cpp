@@ -74,6 +74,45 @@ std::uint64_t whole(const Settings& settings, Stream stream, std::uint64_t tick,
     return static_cast<std::uint64_t>(amount + fraction(draw(settings.seed, stream, tick)));
 }
 
+// One tick's connections and what they carry, on all CPUs.
+struct Traffic {
+    std::uint64_t opened;
+    std::uint64_t refused;
+    double payload_bytes;
+
+    std::uint64_t established() const { return opened - refused; }
+};
+
+Traffic traffic_at(const Settings& settings, std::uint64_t tick)
+{
+    const Moment moment = moment_at(settings, tick);
+    const Load load = load_at(moment);
+    const double cpu_seconds = static_cast<double>(settings.cpus * settings.interval_s);
+    const double connections = load.new_per_s * cpu_seconds * jitter(settings, opened_stream, tick);
+
+    Traffic traffic{};
+    traffic.opened = whole(settings, opened_rounding_stream, tick, connections);
+    const double refused = static_cast<double>(traffic.opened) * load.refused_fraction;
+    traffic.refused =
+        port_closed(moment)
+            ? traffic.opened
+            : std::min(traffic.opened, whole(settings, refused_stream, tick, refused));
+    if (traffic.established() > 0) {
+        traffic.payload_bytes =
+            load.bytes_per_s * cpu_seconds * jitter(settings, bytes_stream, tick);
+    }
+    return traffic;
+}
+
+// Packets of one direction: so many bare ones, and the payload's full segments.
+void add_packets(Counters& counters, unsigned packet_counter, unsigned byte_counter,
+                 std::uint64_t bare, double payload_bytes)
+{
+    const double packets = static_cast<double>(bare) + payload_bytes / segment_bytes;
+    counters[packet_counter] += static_cast<std::uint64_t>(packets);
+    counters[byte_counter] += static_cast<std::uint64_t>(payload_bytes + packets * header_bytes);
+}
+
 }  // namespace
 
 Moment moment_at(const Settings& settings, std::uint64_t tick)
@@ -99,37 +138,19 @@ bool counters_restart(const Settings& settings, const Moment& moment)
 
 void add_traffic(const Settings& settings, std::uint64_t tick, Counters& counters)
 {
-    const Moment moment = moment_at(settings, tick);
-    const Load load = load_at(moment);
-    const double cpu_seconds = static_cast<double>(settings.cpus * settings.interval_s);
-    const std::uint64_t opened =
-        whole(settings, opened_rounding_stream, tick,
-              load.new_per_s * cpu_seconds * jitter(settings, opened_stream, tick));
-    const double refused_part = static_cast<double>(opened) * load.refused_fraction;
-    const std::uint64_t refused =
-        port_closed(moment) ? opened
-                            : std::min(opened, whole(settings, refused_stream, tick, refused_part));
-    const std::uint64_t established = opened - refused;
-    const double payload =
-        established ? load.bytes_per_s * cpu_seconds * jitter(settings, bytes_stream, tick) : 0.0;
-    // Three segments to open, two to close; each full segment carries a header of its own.
-    const double forward =
-        static_cast<double>(3 * opened + 2 * established) + payload * forward_share / segment_bytes;
-    const double backward = static_cast<double>(opened + 2 * established) +
-                            payload * (1.0 - forward_share) / segment_bytes;
-
-    counters[VXI_SCAN_NEW] += opened;
-    counters[VXI_SCAN_CLOSED] += 2 * established + refused;
+    const Traffic traffic = traffic_at(settings, tick);
+    const std::uint64_t established = traffic.established();
+    counters[VXI_SCAN_NEW] += traffic.opened;
+    counters[VXI_SCAN_CLOSED] += 2 * established + traffic.refused;
     counters[VXI_SCAN_ESTABLISHED] += established;
-    counters[VXI_SCAN_HALF_OPEN_CLOSED] += refused;
+    counters[VXI_SCAN_HALF_OPEN_CLOSED] += traffic.refused;
     counters[VXI_SCAN_RESET] += established / 50;
-    counters[VXI_SCAN_SYN_RETRANSMITTED] += refused / 10;
-    counters[VXI_SCAN_BYTES_FORWARD] +=
-        static_cast<std::uint64_t>(payload * forward_share + forward * header_bytes);
-    counters[VXI_SCAN_BYTES_BACKWARD] +=
-        static_cast<std::uint64_t>(payload * (1.0 - forward_share) + backward * header_bytes);
-    counters[VXI_SCAN_PACKETS_FORWARD] += static_cast<std::uint64_t>(forward);
-    counters[VXI_SCAN_PACKETS_BACKWARD] += static_cast<std::uint64_t>(backward);
+    counters[VXI_SCAN_SYN_RETRANSMITTED] += traffic.refused / 10;
+    // The opener sends SYN, ACK and FIN with its ACK; a SYN that is refused is all there is.
+    add_packets(counters, VXI_SCAN_PACKETS_FORWARD, VXI_SCAN_BYTES_FORWARD,
+                traffic.opened + 3 * established, traffic.payload_bytes * forward_share);
+    add_packets(counters, VXI_SCAN_PACKETS_BACKWARD, VXI_SCAN_BYTES_BACKWARD,
+                traffic.opened + 2 * established, traffic.payload_bytes * (1.0 - forward_share));
 }
 
 vxi_sim_machine_s machine_at(const Settings& settings, std::uint64_t tick)

@@ -22,7 +22,7 @@ constexpr Number numbers[] = {
     {"interval_s", &Settings::interval_s, 1, 3600},
     {"restart_ticks", &Settings::restart_ticks, 1, 1000000},
     {"flows", &Settings::flows, 0, 1000000},
-    {"blacklist", &Settings::blacklist, 0, 1000000},
+    {"blacklist", &Settings::blacklist, 0, 65536},
     {"rules", &Settings::rules, 0, 100000},
 };
 

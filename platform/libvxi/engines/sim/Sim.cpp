@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -77,8 +78,6 @@ Snapshots& snapshots(vxi_handle_ops_s* handle)
 
 int open(vxi_handle_ops_s*, std::string& error)
 {
-    // Both are settled before the first handle exists and need no lock afterwards, unless
-    // the environment's text was bad.
     Process& machine = process();
     const std::lock_guard<std::mutex> lock(machine.mutex);
     error = machine.environment_error;
@@ -269,11 +268,9 @@ int get_scan_metrics(vxi_handle_ops_s* handle, scan_metrics_request* request, un
 
 int capabilities(vxi_handle_ops_s*, vxi_capability_s* rows, unsigned int count)
 {
-    static const char* const names[] = {"scan-metrics", "statistics", "variables",   "conntrack",
-                                        "conn-states",  "blacklist",  "rule-profile"};
-    constexpr unsigned int all = sizeof names / sizeof *names;
+    constexpr auto all = static_cast<unsigned int>(std::size(facility_names));
     for (unsigned int i = 0; i < std::min(count, all); ++i) {
-        rows[i] = {names[i], 1, "simulated"};
+        rows[i] = {facility_names[i], 1, "simulated"};
     }
     return static_cast<int>(all);
 }

@@ -142,7 +142,7 @@ vxa_blacklist_entry_s blacklisted(const World& world, std::uint32_t index, std::
     vxa_blacklist_entry_s entry{};
     entry.family = ipv6 ? 6 : 4;
     entry.set_index = ipv6 ? 1 : 0;
-    put_address(entry.address, ipv6, index % 65536 * block);
+    put_address(entry.address, ipv6, index * block);
     std::memcpy(entry.last, entry.address, sizeof entry.last);
     if (drawn % 8 == 0) {
         entry.flags |= VXA_BLACKLIST_RANGE;

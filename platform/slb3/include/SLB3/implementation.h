@@ -45,8 +45,9 @@ inline int SameObject(lua_State* L)
 {
     const Object* left = OwnObject(L, 1);
     const Object* right = OwnObject(L, 2);
-    lua_pushboolean(
-        L, left != nullptr && right != nullptr && left->unpack(*left) == right->unpack(*right));
+    const void* object = left != nullptr ? left->unpack(*left) : nullptr;
+    // What is gone, or was null from the start, is the same as nothing else.
+    lua_pushboolean(L, object != nullptr && right != nullptr && object == right->unpack(*right));
     return 1;
 }
 

@@ -3,12 +3,12 @@
 // For hosts (the Lua module, harnesses, tests); plugins see VxaCore/LogTrace.h and
 // wxLog only. All calls may be made from any thread at any time.
 //
-// The general log. While it is loaded, this library is the active wxLog target
-// (unless the process sets another one), so wxLogError and its like from any library
-// come here. wxWidgets hands a record to the target at once, on the calling thread, as
-// long as nobody has called wxInitialize; a host that has must call
-// LogFromThisThread() on each further thread that logs, because wxWidgets then holds
-// the records of other threads back until its main thread is idle.
+// The general log. From its loading on this library is the active wxLog target (unless
+// the process has set one), so wxLogError and its like from any library come here.
+// wxWidgets hands a record to the target at once, on the calling thread, as long as
+// nobody has called wxInitialize. A host that does must call TakeGeneralLog() after it
+// and once on each further thread that logs: wxInitialize takes the target away, and
+// holds the records of other threads back until its main thread is idle.
 #pragma once
 
 #include <cstdint>
@@ -26,8 +26,9 @@ namespace VxaCore::Host {
 // that matches a category decides; categories are off at first.
 VXA_CORE_API void SwitchTrace(const wxString& pattern, bool on);
 
-// Whether informational messages marked verbose (wxLogVerbose) are written. Off at
-// first. wxWidgets keeps this in a plain variable: switch it before threads log.
+// Whether informational messages marked verbose (wxLogVerbose) and debug messages (those
+// of wxWidgets itself, mostly) are written. Off at first. wxWidgets keeps this in a plain variable:
+// switch it before threads log.
 VXA_CORE_API void SetVerbose(bool on);
 
 // From now on every record is one JSON line in this file, created when missing and
@@ -61,8 +62,8 @@ VXA_CORE_API void CaptureLog(bool on);
 // of older records that had to make room since the last call.
 VXA_CORE_API std::vector<LogRecord> TakeCaptured(std::uint64_t& dropped);
 
-// Sends this thread's general log here without delay; see above. Harmless where it is
-// not needed.
-VXA_CORE_API void LogFromThisThread();
+// Makes this library the target of the general log, for this thread at least; see
+// above. Harmless where it is that already.
+VXA_CORE_API void TakeGeneralLog();
 
 }  // namespace VxaCore::Host

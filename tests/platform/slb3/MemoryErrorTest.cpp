@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-#include "zoo.h"
+#include "Zoo.h"
 
 namespace {
 

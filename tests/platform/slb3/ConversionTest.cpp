@@ -1,7 +1,7 @@
 #include <cstring>
 
-#include "shared_class.h"
-#include "zoo.h"
+#include "SharedClass.h"
+#include "Zoo.h"
 
 namespace {
 
@@ -130,6 +130,34 @@ TEST(Conversion, NeverLooksIntoForeignUserdata)
         PushBlock(L, size);
         EXPECT_EQ(Convert<Dog>(L), Found<Dog>(nullptr, true)) << size;
     }
+}
+
+// What a library says that was built against other SLB3 headers: the same block, but
+// its list of base classes may look otherwise.
+TEST(Conversion, TakesObjectsOfOtherHeaders)
+{
+    const StatePtr state = NewState();
+    lua_State* L = state.get();
+    Dog dog("rex");
+    SLB3::Value<Dog*>::Push(L, &dog);
+    auto* object = static_cast<SLB3::internal::Object*>(lua_touserdata(L, -1));
+    object->flags = 1;
+    object->parents = reinterpret_cast<const SLB3::internal::ParentRef*>(1);
+    EXPECT_EQ(Convert<Dog>(L), Found(&dog, false));
+    EXPECT_EQ(Convert<Animal>(L), Found<Animal>(nullptr, false));
+}
+
+// A number may stand for the metatable in the registry too.
+TEST(Conversion, TakesOnlyStringsForClassNames)
+{
+    const StatePtr state = NewState();
+    lua_State* L = state.get();
+    lua_newtable(L);
+    lua_pushvalue(L, -1);
+    lua_pushinteger(L, luaL_ref(L, LUA_REGISTRYINDEX));
+    lua_setfield(L, -2, "__class");
+    PushBlock(L, 64);
+    EXPECT_EQ(Convert<Dog>(L), Found<Dog>(nullptr, true));
 }
 
 TEST(Conversion, RefusesAClassWhoseMarkAScriptChanged)

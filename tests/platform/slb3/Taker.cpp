@@ -1,3 +1,3 @@
 #define MODULE_NAME "taker"
 #define MODULE_OPEN luaopen_slb3_taker
-#include "shared_module.h"
+#include "SharedModule.h"

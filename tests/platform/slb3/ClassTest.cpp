@@ -1,6 +1,7 @@
+#include <cstring>
 #include <thread>
 
-#include "zoo.h"
+#include "Zoo.h"
 
 namespace {
 
@@ -77,14 +78,27 @@ TEST_F(Classes, CollectInstancesOnce)
     lua_setglobal(L.get(), "dog");
     EXPECT_EQ(Evaluate(L.get(), "return dog:name()"), "rex");
     EXPECT_EQ(Dog::alive, dogs_before + 1);
+    std::memset(lua_newuserdata(L.get(), 4096), 0xA5, 4096);
+    lua_newtable(L.get());
+    lua_setmetatable(L.get(), -2);
+    lua_setglobal(L.get(), "foreign");
     // A script that collects by hand finds the object gone, not freed memory.
-    const std::string text = Evaluate(L.get(),
-                                      "local gc = getmetatable(dog).__gc "
-                                      "gc(dog) gc(dog) gc(io.stdout) gc(nil) gc() gc(Zoo) "
-                                      "return dog:name()");
+    const std::string text =
+        Evaluate(L.get(),
+                 "local gc = getmetatable(dog).__gc "
+                 "gc(dog) gc(dog) gc(io.stdout) gc(foreign) gc(nil) gc() gc(Zoo) "
+                 "return dog:name()");
     EXPECT_NE(text.find("Zoo.Dog object expected"), std::string::npos) << text;
     EXPECT_EQ(Dog::alive, dogs_before);
-    EXPECT_EQ(Evaluate(L.get(), "return getmetatable(dog).__eq(io.stdout, dog)"), "false");
+    EXPECT_EQ(Evaluate(L.get(), "return getmetatable(dog).__eq(foreign, dog)"), "false");
+}
+
+TEST_F(Classes, DestroyNothingThatWasNeverConstructed)
+{
+    SLB3::Register<Dog>(L.get());
+    EXPECT_EQ(Evaluate(L.get(), "return pcall(Zoo.Dog, '')"), "false");
+    Evaluate(L.get(), "collectgarbage() collectgarbage()");
+    EXPECT_EQ(Dog::alive, dogs_before);
 }
 
 TEST_F(Classes, AlignInstances)

@@ -1,5 +1,5 @@
 // The body of both libraries; MODULE_NAME and MODULE_OPEN tell them apart.
-#include "shared_class.h"
+#include "SharedClass.h"
 
 SLB3_IMPLEMENTATION(Held, held)
 {

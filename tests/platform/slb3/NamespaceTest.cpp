@@ -1,4 +1,4 @@
-#include "zoo.h"
+#include "Zoo.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
-#include <climits>
+#include <cstring>
 
-#include "zoo.h"
+#include "Zoo.h"
 
 namespace {
 
@@ -221,6 +221,8 @@ TEST_F(Functions, HaveNoTypeWhenRegisteredOtherwise)
         "io.stdout",
         "io.lines('/proc/self/status')",  // C, upvalues of its own
         "(function() local a, b = F, F return function() return a, b end end)()",
+        ("(function() local a, b = F, select(2, debug.getupvalue(F.zero, 2)) "
+         "return function() return a, b end end)()"),
         "F",
     };
     for (const char* value : values) {
@@ -229,6 +231,10 @@ TEST_F(Functions, HaveNoTypeWhenRegisteredOtherwise)
         EXPECT_EQ(SLB3::GetInfo(L.get(), -1), nullptr) << value;
     }
     EXPECT_EQ(SLB3::GetInfo(L.get(), 100), nullptr);
+    lua_pushnil(L.get());
+    std::memset(lua_newuserdata(L.get(), 16), 0xA5, 16);
+    lua_pushcclosure(L.get(), lua_error, 2);
+    EXPECT_EQ(SLB3::GetInfo(L.get(), -1), nullptr);
 }
 
 }  // namespace

@@ -1,3 +1,3 @@
 #define MODULE_NAME "maker"
 #define MODULE_OPEN luaopen_slb3_maker
-#include "shared_module.h"
+#include "SharedModule.h"

@@ -12,13 +12,11 @@
 
 struct Animal {
     int legs = 4;
-    virtual ~Animal() = default;
 };
 
 // The first base moves Animal away from the start of a Dog.
 struct Collar {
     long tag = 7;
-    virtual ~Collar() = default;
 };
 
 struct Dog : Collar, Animal {
@@ -29,7 +27,7 @@ struct Dog : Collar, Animal {
     }
     Dog(const Dog& other) : Collar(other), Animal(other), name(other.name) { ++alive; }
     Dog& operator=(const Dog&) = delete;
-    ~Dog() override { --alive; }
+    ~Dog() { --alive; }
 
     std::string Name() const { return name; }
     void Rename(const std::string& called) { name = called; }

@@ -1,0 +1,274 @@
+-- The module `vxa` as scripts see it.
+
+local vxa = require "vxa"
+
+local failures = 0
+
+local function check(condition, what)
+    if not condition then
+        failures = failures + 1
+        io.stderr:write(("%s: %s\n"):format(debug.traceback("failed", 2):match(":(%d+):") or "?", what))
+    end
+end
+
+local function same(actual, expected, what)
+    check(actual == expected, ("%s: expected %s, got %s"):format(what, tostring(expected),
+        tostring(actual)))
+end
+
+-- The call must fail as `nil, message` with a message that holds `text`.
+local function refused(text, result, message)
+    check(result == nil and tostring(message):find(text, 1, true),
+        ("expected nil and '%s', got %s, %s"):format(text, tostring(result), tostring(message)))
+end
+
+-- The call must raise an error that holds `text`.
+local function raises(text, call, ...)
+    local ok, message = pcall(call, ...)
+    check(not ok and tostring(message):find(text, 1, true),
+        ("expected the error '%s', got %s, %s"):format(text, tostring(ok), tostring(message)))
+end
+
+local function read_file(path)
+    local file = assert(io.open(path, "rb"))
+    local text = file:read("*a")
+    file:close()
+    return text
+end
+
+local scratch = os.tmpname()
+os.remove(scratch)
+assert(vxa.mkdir(scratch))
+
+-- ---- wrong arguments -------------------------------------------------------------------
+
+local document, archive = vxa.Dom(), vxa.ZipOutputStream(scratch .. "/unused.zip")
+local handle = assert(vxa.open())
+
+for _, case in ipairs {
+    { "#1 to '?' (SLB.Dom object expected)", document.get, archive, "k" },
+    { "#1 to '?' (SLB.Dom object expected)", document.get, io.stdout, "k" },
+    { "#1 to '?' (SLB.Dom object expected)", document.events },
+    { "#1 to '?' (SLB.wx.ZipOutputStream object expected)", archive.close, document },
+    { "#1 to '?' (vxi_handle_t* expected, got userdata)", handle.close, document },
+    { "#2 to '?' (string expected, got no value)", document.get, document },
+    { "#2 to '?' (UTF-8 text without zero bytes expected)", document.get, document, "a\0b" },
+    { "#3 to '?' (UTF-8 text without zero bytes expected)", document.set, document, "k", "\255" },
+    { "#3 to '?' (boolean, number, text or nil expected)", document.set, document, "k", {} },
+    { "#3 to '?' (finite number expected)", document.set, document, "k", 1 / 0 },
+    { "(the name of a file or directory is empty)", vxa.Dom, "" },
+    { "(the name of a file or directory holds a zero byte)", vxa.ZipOutputStream, "a\0b" },
+    { "#1 to '?' (string expected, got no value)", vxa.ZipOutputStream },
+    { "#1 to '?' (a trace category or pattern expected)", vxa.trace, "", true },
+    { "#2 to '?' (boolean expected, got no value)", vxa.trace, "SysHealth.*" },
+    { "#1 to '?' (boolean expected, got number)", vxa.verbose, 1 },
+    { "#1 to '?' (boolean expected, got nil)", vxa.capture, nil, 1 },
+    { "(seconds, a number not below 0, expected)", vxa.sleep, -1 },
+    { "(seconds, a number not below 0, expected)", vxa.sleep, 0 / 0 },
+    { "(the name of a variable, without '=', expected)", vxa.setenv, "a=b", "c" },
+    { "(the value holds a zero byte)", vxa.setenv, "a", "b\0c" },
+} do
+    raises(table.unpack(case))
+end
+
+-- ---- documents -------------------------------------------------------------------------
+
+for _, value in ipairs { true, false, 1.5, -2 ^ 53, "", "ü\n" } do
+    same(document:set("key", value), true, "set")
+    same(document:get("key"), value, "value")
+end
+document:set("key", nil)
+same(document:get("key"), nil, "removed key")
+document:close()
+same(document:close(), true, "second close")
+refused("the document is closed", document:set("key", 1))
+refused("the document is closed", document:events())
+
+local state = scratch .. "/state/of/agent"
+local kept = assert(vxa.Dom(state))
+same(kept:set("a", "b"), true, "set")
+refused("is in use by this process", vxa.Dom(state))
+kept:close()
+do
+    local file = assert(io.open(state .. "/events.jsonl", "a"))
+    file:write('{"time":1.25,"id":1001,"text":"GET_STATS"}\n{"tim')
+    file:close()
+end
+vxa.capture(true)
+kept = assert(vxa.Dom(state))
+vxa.capture(false)
+same(#vxa.captured(), 1, "warnings about a torn record")
+same(kept:get("a"), "b", "value kept")
+local events, unreadable = kept:events()
+same(#events, 1, "events kept")
+same(unreadable, 0, "unreadable lines")
+same(events[1].id .. events[1].text .. events[1].time, "1001GET_STATS1.25", "event")
+kept = nil
+collectgarbage()
+collectgarbage()
+check(vxa.Dom(state), "a collected document gives its directory free")
+refused("/proc/nothing", vxa.Dom("/proc/nothing/here"))
+
+-- Objects live as long as scripts can reach them, and no longer.
+local weak = setmetatable({}, { __mode = "k" })
+for i = 1, 100 do weak[vxa.Dom()] = i end
+for _ = 1, 4 do collectgarbage() end
+same(next(weak), nil, "collected documents")
+
+-- ---- archives --------------------------------------------------------------------------
+
+same(archive:close(), true, "close")
+same(archive:close(), true, "second close")
+refused("cannot write /nonexistent/a.zip: No such file or directory",
+    vxa.ZipOutputStream("/nonexistent/a.zip"))
+refused("No space left on device", vxa.ZipOutputStream("/dev/full"):close())
+archive = vxa.ZipOutputStream(scratch .. "/left.zip")
+archive = nil
+collectgarbage()
+collectgarbage()
+same(read_file(scratch .. "/left.zip"):sub(1, 4), "PK\5\6", "archive finished by the collector")
+
+-- ---- engines and handles ---------------------------------------------------------------
+
+handle:close()
+handle:close()
+raises("vxi handle already closed", handle.available, handle)
+same(table.concat(vxa.engines(), " "), "linux sim", "engines")
+refused("unknown engine 'bsd'; known are: linux, sim", vxa.engine("bsd"))
+same(vxa.engine("sim"), "sim", "engine")
+same(vxa.engine(), "sim", "engine")
+refused("simulation settings: cannot be read from character 1 on: 'weather=fine'",
+    vxa.simulate("weather=fine"))
+same(vxa.simulate(), true, "simulate")
+check(vxa.simulated_machine().memory_total_kb > 0, "simulated machine")
+
+handle = assert(vxa.open())
+same(handle:available(), true, "available")
+same(handle:error(), "", "error before any failure")
+local offered = handle:capabilities()
+check(#offered > 0 and type(offered[1].name) == "string" and type(offered[1].detail) == "string"
+    and offered[1].available == true, "capabilities")
+local flows, existing = handle:connections()
+check(#flows > 0 and existing >= #flows, "connections")
+refused("fault script: cannot be read from character 1 on: 'nonsense'", vxa.fault("nonsense"))
+same(vxa.fault("vxi_get_conntrack=-5"), true, "fault")
+refused("", handle:connections())
+check(#handle:error() > 0, "text of the failure")
+same(vxa.fault(), true, "no fault")
+check(handle:connections(), "connections after the fault")
+same(vxa.fault("vxi_open=-1"), true, "fault")
+local none, reason = vxa.open()
+check(none == nil and #reason > 0, "open fails with a reason: " .. tostring(reason))
+vxa.fault()
+
+-- ---- log -------------------------------------------------------------------------------
+
+local log = scratch .. "/log.jsonl"
+same(vxa.log_to(log), true, "log_to")
+refused("cannot write log file /nonexistent/log", vxa.log_to("/nonexistent/log"))
+vxa.capture(true)
+kept = assert(vxa.Dom(scratch .. "/other"))
+kept:close()
+for name in ("events.jsonl"):gmatch(".+") do
+    local file = assert(io.open(scratch .. "/other/" .. name, "w"))
+    file:write("torn")
+    file:close()
+end
+assert(vxa.Dom(scratch .. "/other")):close()
+vxa.capture(false)
+local records, dropped = vxa.captured()
+same(#records, 1, "captured")
+same(dropped, 0, "dropped")
+same(records[1].kind .. " " .. records[1].level, "log warning", "record")
+check(records[1].message:find("unfinished last record of 4 bytes", 1, true), records[1].message)
+check(math.abs(records[1].time - os.time()) < 60, "time of a record")
+check(read_file(log):find('"kind":"log","level":"warning"', 1, true), "record in the file")
+same(#vxa.captured(), 0, "captured twice")
+same(vxa.log_to(nil), true, "log_to nil")
+
+-- ---- texts, files, environment ---------------------------------------------------------
+
+for _, case in ipairs {
+    { '{"a":1}' }, { ' [1, 2]\n' }, { "\239\187\191{}" },
+    { '{"a":1,}', "unexpected '}'", 1, 8 },
+    { '{"a":1} x', "unexpected 'x'", 1, 9 },
+    { '', "the text ends too early", 1, 1 },
+    { '{"a":1', "the text ends too early", 1, 7 },
+    { '{\n "ü": [1,\n "ä" 3]}', "unexpected '3]}'", 3, 6 },
+    { '{"a":"b', "the text in quotes does not end", 1, 6 },
+    { '{"a" 1}', "unexpected '1}'", 1, 6 },
+    { '{a:1}', "unexpected 'a:1}'", 1, 2 },
+    { '[1, ,2]', "unexpected ',2]'", 1, 5 },
+    { '{"a":"x\\q"}', "unexpected '\\q\"}'", 1, 8 },
+    { '{}x', "unexpected 'x'", 1, 3 },
+    { '[{},1x]', "unexpected 'x]'", 1, 6 },
+    { '{"a":[1, 2x]}', "unexpected 'x]}'", 1, 11 },
+    { '{"a":{"b":1,2}}', "unexpected '2}}'", 1, 13 },
+    { '{}\0', "unexpected byte 0x00", 1, 3 },
+    { ("["):rep(2000), "unexpected '[[[[[[[[[[[[[[[[[[[['", 1, 1001 },
+} do
+    local ok, message, line, column = vxa.check_json(case[1])
+    same(ok, #case == 1 and true or nil, case[1])
+    same(message, case[2], case[1])
+    same(line, case[3], case[1])
+    same(column, case[4], case[1])
+end
+
+same(vxa.mkdir(scratch .. "/a/b/c/"), true, "mkdir")
+same(vxa.mkdir(scratch .. "/a/b"), true, "mkdir of what stands")
+refused(log .. " is not a directory", vxa.mkdir(log .. "/x"))
+same(vxa.rename(log, scratch .. "/a/renamed"), true, "rename")
+check(#read_file(scratch .. "/a/renamed") > 0, "renamed file")
+refused("No such file or directory", vxa.rename(log, scratch .. "/b"))
+vxa.setenv("VXA_TEST", "ü")
+same(os.getenv("VXA_TEST"), "ü", "setenv")
+vxa.setenv("VXA_TEST", nil)
+same(os.getenv("VXA_TEST"), nil, "setenv nil")
+same(vxa.isatty(-1), false, "isatty")
+check(vxa.euid() >= 0 and #vxa.version > 0, "euid, version")
+
+-- ---- sleep and signals -----------------------------------------------------------------
+
+local function own_pid()
+    local file = assert(io.open("/proc/self/stat"))
+    local pid = file:read("*n")
+    file:close()
+    return pid
+end
+
+-- Sends the signals some time from now, one after another.
+local function send_later(...)
+    local steps = {}
+    for _, signal in ipairs { ... } do
+        steps[#steps + 1] = ("sleep 0.2; kill -%s %d"):format(signal, own_pid())
+    end
+    os.execute("(" .. table.concat(steps, "; ") .. ") >/dev/null 2>&1 &")
+end
+
+local LONG = 60  -- ends the test if nothing interrupts it
+local started = vxa.clock()
+same(vxa.sleep(0.05), true, "sleep")
+check(vxa.clock() - started >= 0.05, "sleep lasts")
+same(vxa.sleep(0), true, "sleep 0")
+
+-- Another signal does not end a sleep. The interpreter's own handling of SIGINT does.
+send_later("WINCH", "CONT", "INT")
+local ok, message = pcall(vxa.sleep, LONG)
+check(not ok and message:find("interrupted!"), "lua's own interrupt: " .. tostring(message))
+
+vxa.catch_signals()
+vxa.catch_signals()
+same(vxa.interrupted(), false, "interrupted before any signal")
+send_later("TERM")
+same(vxa.sleep(LONG), false, "interrupted sleep")
+same(vxa.interrupted(), "SIGTERM", "interrupted")
+same(vxa.sleep(LONG), false, "sleep with the flag set")
+same(coroutine.wrap(vxa.sleep)(LONG), false, "sleep in a coroutine")
+check(vxa.clock() - started < LONG, "nothing slept to its end")
+
+os.execute("rm -rf '" .. scratch .. "'")
+if failures > 0 then
+    io.stderr:write(failures, " checks failed\n")
+    os.exit(1)
+end
+print "ok"

@@ -1,0 +1,354 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <random>
+#include <thread>
+
+#include "ScratchDirectory.h"
+#include "vxa_core/document.h"
+#include "vxa_core/host.h"
+
+namespace {
+
+using VxaCore::CDom;
+using Store = VxaCore::CDom::Store;
+using VxaCore::Host::DocumentValue;
+
+std::vector<std::string> EventTexts(const Store& store)
+{
+    size_t unreadable = 0;
+    std::vector<std::string> texts;
+    for (const auto& event : store.Events(unreadable)) texts.push_back(event.text);
+    return texts;
+}
+
+std::vector<std::string> EventTexts(CDom& document)
+{
+    return EventTexts(document.store());
+}
+
+std::string OpenProblem(const std::string& path)
+{
+    try {
+        Store::InDirectory(path);
+    } catch (const std::runtime_error& problem) {
+        return problem.what();
+    }
+    return "";
+}
+
+TEST(Event, FormatWithoutArgumentsIsText)
+{
+    struct Case {
+        const wchar_t* format;
+        const char* stored;
+    };
+    const Case cases[] = {
+        {L"GET_STATS|ffffffff (abc)", "GET_STATS|ffffffff (abc)"},
+        {L"%d", "%d"},
+        {L"%s%n%s", "%s%n%s"},
+        {L"100%", "100%"},
+        {L"100%% %5.2f", "100% %5.2f"},
+        {L"%%%", "%%"},
+        {L"", ""},
+        {L"\u00fc\U0001F600", "\xC3\xBC\xF0\x9F\x98\x80"},
+    };
+    for (const Case& c : cases) {
+        CDom document(Store::InMemory());
+        document.DoAgentEventWrite(1001, c.format);
+        EXPECT_EQ(EventTexts(document), std::vector<std::string>{c.stored});
+    }
+}
+
+TEST(Event, ConversionsBeyondTheArgumentsAreText)
+{
+    CDom document(Store::InMemory());
+    document.DoAgentEventWrite(1, "%d and %s", 5, "x");
+    document.DoAgentEventWrite(1, L"%s, then %s", L"wide");
+    document.DoAgentEventWrite(1, "%s %d %% %5.1f %s", wxString(L"\u00fc"));
+    document.DoAgentEventWrite(1, "%*d|%d|%d", 4, 7);
+    document.DoAgentEventWrite(1, "%n%d", 3);
+    document.DoAgentEventWrite(1, "no conversion", 3);
+    document.DoAgentEventWriteUtf8(1, "\xC3\xBC %d %d", 3);
+    document.DoAgentEventWriteUtf8(1, "\xFC %s");
+    document.DoAgentEventWriteUtf8(1, nullptr);
+    EXPECT_EQ(EventTexts(document),
+              (std::vector<std::string>{"5 and x", "wide, then %s", "\xC3\xBC %d % %5.1f %s",
+                                        "   7|%d|%d", "%n3", "no conversion", "\xC3\xBC 3 %d",
+                                        "\xC3\xBC %s", ""}));
+}
+
+TEST(Document, ValuesOutliveTheProcessesThatSetThem)
+{
+    const ScratchDirectory scratch;
+    const std::string path = scratch.path("made/on/demand");
+    const std::pair<const char*, DocumentValue> values[] = {
+        {"vxp.filter.FailOpenUnloadDriver", true},
+        {"off", false},
+        {"number", 0.1},
+        {"big", 9007199254740993.0},
+        {"text", std::string("\xC3\xBC \"quoted\"\n")},
+        {"Case", 1.0},
+        {"case", 2.0},
+    };
+    std::string error;
+    {
+        CDom document(Store::InDirectory(path));
+        for (const auto& [key, value] : values)
+            EXPECT_TRUE(document.store().Set(key, value, error)) << error;
+        EXPECT_TRUE(document.store().Set("gone", 1.0, error));
+        EXPECT_TRUE(document.store().Set("gone", std::monostate(), error));
+        document.DoAgentEventWrite(7, "first\nline");
+    }
+    CDom document(Store::InDirectory(path));
+    for (const auto& [key, value] : values) {
+        const DocumentValue read = document.store().Get(key);
+        ASSERT_EQ(read.index(), value.index()) << key;
+        EXPECT_TRUE(std::visit(
+            [&](const auto& wanted) {
+                using T = std::decay_t<decltype(wanted)>;
+                if constexpr (std::is_same_v<T, VxaCore::Host::NestedValue>)
+                    return false;
+                else
+                    return std::get<T>(read) == wanted;
+            },
+            value))
+            << key;
+    }
+    EXPECT_TRUE(std::holds_alternative<std::monostate>(document.store().Get("gone")));
+    document.DoAgentEventWrite(8, "second");
+    EXPECT_EQ(EventTexts(document), (std::vector<std::string>{"first\nline", "second"}));
+}
+
+TEST(Document, OpenRefusesWhatItWouldDestroyOrCannotUse)
+{
+    const ScratchDirectory scratch;
+    struct Case {
+        const char* document;
+        const char* reason;
+    };
+    const Case cases[] = {
+        {"{\n \"a\": tru }", "line 2, column 7: unexpected 'tru }'"},
+        {"{\"a\":1,}", "line 1, column 8: unexpected '}'"},
+        {"{\"a\":\"b", "line 1, column 6: the text in quotes does not end"},
+        {"[1]", "holds no JSON object"},
+        {" ", "line 1, column 2: the text ends too early"},
+    };
+    for (const Case& c : cases) {
+        WriteText(scratch.path("document.json"), c.document);
+        EXPECT_NE(OpenProblem(scratch.path("")).find(c.reason), std::string::npos)
+            << OpenProblem(scratch.path(""));
+        EXPECT_EQ(ReadText(scratch.path("document.json")), c.document);
+    }
+    WriteText(scratch.path("file"), "");
+    EXPECT_NE(OpenProblem(scratch.path("file/state")).find("file is not a directory"),
+              std::string::npos);
+    EXPECT_NE(OpenProblem("/proc/nothing/here").find("cannot make directory /proc/nothing"),
+              std::string::npos);
+}
+
+TEST(Document, KeepsWhatOthersWroteIntoTheFile)
+{
+    const ScratchDirectory scratch;
+    WriteText(scratch.path("document.json"), "{\"list\":[0.1,{\"x\":12345678901234567}],\"a\":1}");
+    std::string error;
+    {
+        const auto store = Store::InDirectory(scratch.path(""));
+        EXPECT_TRUE(std::holds_alternative<VxaCore::Host::NestedValue>(store->Get("list")));
+        EXPECT_TRUE(store->Set("a", 2.0, error));
+    }
+    const std::string text = ReadText(scratch.path("document.json"));
+    EXPECT_NE(text.find("[0.1, {"), std::string::npos) << text;
+    EXPECT_NE(text.find("12345678901234568"), std::string::npos) << text;
+}
+
+TEST(Document, CutsOffAnUnfinishedEvent)
+{
+    const std::string whole = "{\"time\":1.5,\"id\":3,\"text\":\"whole\"}\n";
+    const std::string tails[] = {"", "{", "{\"time\":2.5,\"id\":4,\"text\":\"wh",
+                                 std::string(40, '\0')};
+    for (const std::string& tail : tails) {
+        const ScratchDirectory scratch;
+        WriteText(scratch.path("events.jsonl"), whole + tail);
+        VxaCore::Host::CaptureLog(true);
+        const auto store = Store::InDirectory(scratch.path(""));
+        VxaCore::Host::CaptureLog(false);
+        std::uint64_t dropped = 0;
+        EXPECT_EQ(VxaCore::Host::TakeCaptured(dropped).size(), tail.empty() ? 0u : 1u);
+        std::string error;
+        EXPECT_TRUE(store->WriteEvent(5, "next", error)) << error;
+        EXPECT_EQ(EventTexts(*store), (std::vector<std::string>{"whole", "next"}));
+        EXPECT_EQ(ReadText(scratch.path("events.jsonl")).find(whole + "{"), 0u);
+    }
+}
+
+TEST(Document, CountsLinesThatAreNoEvents)
+{
+    const ScratchDirectory scratch;
+    WriteText(scratch.path("events.jsonl"),
+              "nonsense\n{\"time\":1,\"id\":3,\"text\":\"a\"}\n{\"id\":3}\n\n");
+    size_t unreadable = 0;
+    EXPECT_EQ(Store::InDirectory(scratch.path(""))->Events(unreadable).size(), 1u);
+    EXPECT_EQ(unreadable, 3u);
+}
+
+TEST(Document, OneOpenerAtATime)
+{
+    const ScratchDirectory scratch;
+    auto first = Store::InDirectory(scratch.path("s"));
+    EXPECT_NE(OpenProblem(scratch.path("s")).find("is in use by this process"), std::string::npos);
+    const std::string parent = "is in use by process " + std::to_string(getpid()) + " (vxa_core";
+    const pid_t child = fork();
+    if (child == 0) _exit(OpenProblem(scratch.path("s")).find(parent) == std::string::npos);
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    first.reset();
+    EXPECT_EQ(OpenProblem(scratch.path("s")), "");
+}
+
+TEST(Document, AFailedWriteIsKeptAndTriedAgain)
+{
+    const ScratchDirectory scratch;
+    const std::string document = scratch.path("document.json");
+    const auto store = Store::InDirectory(scratch.path(""));
+    std::string error;
+    std::filesystem::create_directory(document);  // nothing can be renamed over it
+    EXPECT_FALSE(store->Set("a", true, error));
+    EXPECT_NE(error.find("cannot replace " + scratch.path("")), std::string::npos) << error;
+    EXPECT_FALSE(std::filesystem::exists(document + ".tmp"));
+    EXPECT_TRUE(std::get<bool>(store->Get("a")));
+    std::filesystem::remove(document);
+    EXPECT_TRUE(store->Set("a", true, error)) << error;
+    EXPECT_NE(ReadText(document).find("true"), std::string::npos);
+}
+
+// No file may grow beyond a few bytes: what a full disk does, in the middle of a record.
+class FullDisk {
+public:
+    explicit FullDisk(rlim_t bytes)
+    {
+        signal(SIGXFSZ, SIG_IGN);
+        getrlimit(RLIMIT_FSIZE, &m_before);
+        const rlimit limit{bytes, m_before.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FullDisk() { setrlimit(RLIMIT_FSIZE, &m_before); }
+
+private:
+    rlimit m_before;
+};
+
+TEST(Document, AnEventThatDoesNotFitIsKeptAndTriedAgain)
+{
+    const ScratchDirectory scratch;
+    const auto store = Store::InDirectory(scratch.path(""));
+    std::string error;
+    {
+        const FullDisk full(20);
+        EXPECT_FALSE(store->WriteEvent(1, "first", error));
+        EXPECT_NE(error.find("events.jsonl: File too large"), std::string::npos) << error;
+        EXPECT_EQ(ReadText(scratch.path("events.jsonl")), "");
+    }
+    EXPECT_EQ(EventTexts(*store), std::vector<std::string>{"first"});
+    EXPECT_TRUE(store->WriteEvent(2, "second", error)) << error;
+    EXPECT_EQ(EventTexts(*store), (std::vector<std::string>{"first", "second"}));
+}
+
+TEST(Document, AClosedOneSaysSo)
+{
+    CDom document(Store::InMemory());
+    std::string error;
+    EXPECT_TRUE(document.store().Set("a", true, error));
+    EXPECT_TRUE(document.store().Close(error));
+    EXPECT_TRUE(document.store().Close(error));
+    EXPECT_TRUE(std::get<bool>(document.store().Get("a")));
+    VxaCore::Host::CaptureLog(true);
+    document.Set("a", false);
+    document.DoAgentEventWrite(1001, "lost? %d");
+    VxaCore::Host::CaptureLog(false);
+    std::uint64_t dropped = 0;
+    const auto records = VxaCore::Host::TakeCaptured(dropped);
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(records[0].message, "host document: a not stored: the document is closed");
+    EXPECT_EQ(records[1].message,
+              "host document: event 1001 not stored (the document is closed): lost? %d");
+    size_t unreadable = 0;
+    EXPECT_THROW(document.store().Events(unreadable), std::runtime_error);
+}
+
+TEST(Document, WritersOnManyThreadsLoseNothing)
+{
+    const ScratchDirectory scratch;
+    CDom document(Store::InDirectory(scratch.path("")));
+    std::vector<std::thread> writers;
+    for (int writer = 0; writer < 4; ++writer)
+        writers.emplace_back([&, writer] {
+            for (int i = 0; i < 20; ++i) {
+                document.DoAgentEventWrite(writer, "%d", i);
+                document.Set("k" + std::to_string(writer), i % 2 == 0);
+            }
+        });
+    for (std::thread& writer : writers) writer.join();
+    EXPECT_EQ(EventTexts(document).size(), 80u);
+}
+
+// The child tells after every call what must be there from now on.
+[[noreturn]] void WriteUntilKilled(const std::string& path, int told_fd)
+{
+    CDom document(Store::InDirectory(path));
+    std::string error;
+    for (int number = 1;; ++number) {
+        document.DoAgentEventWrite(number, std::string(200, 'e'));
+        if (write(told_fd, &number, sizeof number) != sizeof number) _exit(1);
+        if (!document.store().Set("number", double(number), error)) _exit(1);
+    }
+}
+
+int LastTold(int fd)
+{
+    int number = 0;
+    int last = 0;
+    while (read(fd, &number, sizeof number) == sizeof number) last = number;
+    return last;
+}
+
+TEST(Document, SurvivesBeingKilledAtAnyMoment)
+{
+    const ScratchDirectory scratch;
+    std::mt19937 random(20240607);
+    int total = 0;
+    for (int round = 0; round < 40; ++round) {
+        const std::string path = scratch.path("state" + std::to_string(round));
+        int told[2];
+        ASSERT_EQ(pipe(told), 0);
+        const pid_t child = fork();
+        if (child == 0) WriteUntilKilled(path, told[1]);
+        close(told[1]);
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 40000));
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+        const int last = LastTold(told[0]);
+        close(told[0]);
+        total += last;
+
+        const auto store = Store::InDirectory(path);  // throws on half a document
+        size_t unreadable = 0;
+        const auto events = store->Events(unreadable);
+        EXPECT_EQ(unreadable, 0u);
+        ASSERT_GE(events.size(), size_t(last));
+        ASSERT_LE(events.size(), size_t(last) + 1);
+        for (size_t i = 0; i < events.size(); ++i) ASSERT_EQ(events[i].id, int(i) + 1);
+        const DocumentValue number = store->Get("number");
+        const double stored = std::holds_alternative<double>(number) ? std::get<double>(number) : 0;
+        EXPECT_GE(stored, last - 1);
+        EXPECT_LE(stored, last);
+    }
+    EXPECT_GT(total, 0) << "no round lasted long enough to write anything";
+}
+
+}  // namespace

@@ -1,0 +1,293 @@
+#include <cjson/cJSON.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <wx/init.h>
+#include <wx/log.h>
+
+#include <atomic>
+#include <memory>
+#include <sstream>
+#include <thread>
+
+#include "ScratchDirectory.h"
+#include "VxaCore/LogTrace.h"
+#include "vxa_core/host.h"
+
+namespace {
+
+using namespace VxaCore;
+
+// Uses the log before main, and after it.
+struct Outsider {
+    const bool enabled_before_main = LogTraceIsEnabled("early");
+    ~Outsider()
+    {
+        Host::SwitchTrace("late", true);
+        if (!LogTraceIsEnabled("late")) _exit(97);
+        LogTrace("late", "file", 1, "function", "from a static destructor");
+    }
+};
+const Outsider outsider;
+
+struct JsonDelete {
+    void operator()(cJSON* item) const { cJSON_Delete(item); }
+};
+using Json = std::unique_ptr<cJSON, JsonDelete>;
+
+std::vector<Json> Lines(const std::string& path)
+{
+    std::vector<Json> lines;
+    std::istringstream text(ReadText(path));
+    for (std::string line; std::getline(text, line);) lines.emplace_back(cJSON_Parse(line.c_str()));
+    return lines;
+}
+
+std::string Text(const Json& line, const char* name)
+{
+    const char* text = cJSON_GetStringValue(cJSON_GetObjectItem(line.get(), name));
+    return text ? text : "(none)";
+}
+
+// A log file for one test; everything off again afterwards.
+class LogTest : public testing::Test {
+protected:
+    LogTest()
+    {
+        std::string error;
+        EXPECT_TRUE(Host::LogTo(m_path, error)) << error;
+    }
+    ~LogTest() override
+    {
+        std::string error;
+        Host::SwitchTrace("*", false);
+        Host::SetVerbose(false);
+        Host::CaptureLog(false);
+        EXPECT_TRUE(Host::LogTo("", error));
+    }
+
+    const ScratchDirectory m_scratch;
+    const std::string m_path = m_scratch.path("log.jsonl");
+};
+
+TEST_F(LogTest, LatestMatchingSwitchDecides)
+{
+    struct Case {
+        std::vector<std::pair<const char*, bool>> switches;
+        const char* on;  // categories, blank-separated
+        const char* off;
+    };
+    const Case cases[] = {
+        {{}, "", "filter SysHealth.eng"},
+        {{{"filter", true}}, "filter", "filters filte Filter"},
+        {{{"SysHealth.*", true}}, "SysHealth.eng SysHealth.", "SysHealth VXI"},
+        {{{"*", true}, {"VXI", false}}, "filter a", "VXI"},
+        {{{"VXI", false}, {"*", true}}, "VXI", ""},
+        {{{"SysHealth.*", true}, {"SysHealth.scan", false}, {"SysHealth.s*", true}},
+         "SysHealth.scan",
+         ""},
+        {{{"a*b*c", true}}, "abc aXbbYc abcbc", "abcb ab"},
+        {{{"?XI", true}}, "VXI", "XI VVXI"},
+        {{{"a", true}, {"a", false}}, "", "a"},
+        {{{"a*", true}, {"*", false}}, "", "a ab"},
+    };
+    for (const Case& c : cases) {
+        Host::SwitchTrace("*", false);
+        for (const auto& [pattern, on] : c.switches) Host::SwitchTrace(pattern, on);
+        std::string category;
+        for (std::istringstream in(c.on); in >> category;)
+            EXPECT_TRUE(LogTraceIsEnabled(category)) << category;
+        for (std::istringstream in(c.off); in >> category;)
+            EXPECT_FALSE(LogTraceIsEnabled(category)) << category;
+    }
+    EXPECT_FALSE(outsider.enabled_before_main);
+}
+
+TEST_F(LogTest, EveryTextBecomesAJsonLine)
+{
+    struct Case {
+        wxString message;
+        const char* read;
+    };
+    const Case cases[] = {
+        {"plain", "plain"},
+        {L"\u00fc \u4e2d \U0001F600", "\xC3\xBC \xE4\xB8\xAD \xF0\x9F\x98\x80"},
+        {"quote \" backslash \\ %s %n", "quote \" backslash \\ %s %n"},
+        {"tab\tline\n\x01\x1b[0m\x7f", "tab\tline\n\x01\x1b[0m\x7f"},
+        {wxString("a\0b", 3),
+         "a\xEF\xBF\xBD"
+         "b"},
+        {wxString(wxUniChar(0xD800)), "\xEF\xBF\xBD"},
+        {wxString(20000, 'x'), nullptr},
+    };
+    Host::SwitchTrace("SysHealth.*", true);
+    for (const Case& c : cases)
+        LogTrace("SysHealth.eng", "plugins/filter/SystemHealth", 12, "f\xC3\x28", c.message);
+    LogTrace("off", "file", 1, "function", "not written");
+    LogTrace("SysHealth.eng", nullptr, 1, nullptr, "no names");
+    const auto lines = Lines(m_path);
+    ASSERT_EQ(lines.size(), std::size(cases) + 1);
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        ASSERT_TRUE(lines[i]) << i;
+        const std::string read = cases[i].read ? cases[i].read : std::string(20000, 'x');
+        EXPECT_EQ(Text(lines[i], "message"), read);
+        EXPECT_EQ(Text(lines[i], "kind"), "trace");
+        EXPECT_EQ(Text(lines[i], "category"), "SysHealth.eng");
+        EXPECT_EQ(Text(lines[i], "file"), "plugins/filter/SystemHealth");
+        EXPECT_EQ(Text(lines[i], "function"), "f\xEF\xBF\xBD(");
+        EXPECT_EQ(cJSON_GetObjectItem(lines[i].get(), "line")->valueint, 12);
+        EXPECT_NEAR(cJSON_GetObjectItem(lines[i].get(), "time")->valuedouble, time(nullptr), 60);
+    }
+}
+
+void LogOnEveryLevel()
+{
+    wxLogError("error %d", 1);
+    wxLogWarning("warning");
+    wxLogMessage("message");
+    wxLogInfo("info");
+    wxLogVerbose("verbose");
+    wxLogGeneric(wxLOG_Status, "status");
+    wxLogGeneric(wxLOG_Debug, "debug");
+}
+
+TEST_F(LogTest, GeneralLogKeepsLevels)
+{
+    LogOnEveryLevel();
+    Host::SetVerbose(true);
+    wxLogVerbose("verbose");
+    wxLogGeneric(wxLOG_Debug, "debug");
+    std::string seen;
+    for (const Json& line : Lines(m_path))
+        seen += Text(line, "kind") + "/" + Text(line, "level") + ":" + Text(line, "message") + " ";
+    EXPECT_EQ(seen,
+              "log/error:error 1 log/warning:warning log/message:message log/info:info "
+              "log/message:status log/info:verbose log/debug:debug ");
+}
+
+// A record must be in the file when the call returns, on every thread.
+void ExpectLoggedAtOnce(const std::string& path, const std::string& text)
+{
+    wxLogError("%s", text);
+    EXPECT_NE(ReadText(path).find(text), std::string::npos) << text;
+}
+
+TEST_F(LogTest, OtherThreadsAreNotHeldBack)
+{
+    std::thread([&] { ExpectLoggedAtOnce(m_path, "without wxInitialize"); }).join();
+    const pid_t child = fork();  // what wxWidgets initialises cannot be undone
+    if (child == 0) {
+        if (!wxInitialize()) _exit(2);
+        Host::TakeGeneralLog();
+        std::thread([&] {
+            Host::TakeGeneralLog();
+            ExpectLoggedAtOnce(m_path, "after wxInitialize");
+        }).join();
+        ExpectLoggedAtOnce(m_path, "main thread");
+        _exit(testing::Test::HasFailure());
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(LogTest, ManyWritersAndSwitchersAtOnce)
+{
+    constexpr int kWriters = 4;
+    constexpr int kRecords = 300;
+    Host::SwitchTrace("always", true);
+    std::atomic<bool> done{false};
+    std::thread switcher([&] {
+        for (bool on = true; !done; on = !on) {
+            Host::SwitchTrace("some*", on);
+            Host::CaptureLog(on);
+        }
+    });
+    std::vector<std::thread> writers;
+    for (int writer = 0; writer < kWriters; ++writer)
+        writers.emplace_back([writer] {
+            for (int i = 0; i < kRecords; ++i) {
+                LogTrace("always", "file", i, "function", wxString::Format("%d", writer));
+                LogTrace("sometimes", "file", i, "function", "-");
+                wxLogError("%d", writer);
+            }
+        });
+    for (std::thread& writer : writers) writer.join();
+    done = true;
+    switcher.join();
+
+    int always = 0;
+    int errors = 0;
+    for (const Json& line : Lines(m_path)) {
+        ASSERT_TRUE(line);
+        always += Text(line, "category") == "always";
+        errors += Text(line, "level") == "error";
+    }
+    EXPECT_EQ(always, kWriters * kRecords);
+    EXPECT_EQ(errors, kWriters * kRecords);
+    std::uint64_t dropped = 0;
+    Host::TakeCaptured(dropped);
+}
+
+TEST_F(LogTest, CaptureKeepsTheNewest)
+{
+    Host::CaptureLog(true);
+    Host::SwitchTrace("c", true);
+    for (int i = 0; i < 10005; ++i) LogTrace("c", "file", i, "function", "m");
+    wxLogWarning("last");
+    std::uint64_t dropped = 0;
+    const auto records = Host::TakeCaptured(dropped);
+    ASSERT_EQ(records.size(), 10000u);
+    EXPECT_EQ(dropped, 6u);
+    EXPECT_EQ(records.front().line, 6);
+    EXPECT_TRUE(records.front().trace);
+    EXPECT_EQ(records.back().message, "last");
+    EXPECT_EQ(records.back().label, "warning");
+    EXPECT_TRUE(Host::TakeCaptured(dropped).empty());
+    EXPECT_EQ(dropped, 0u);
+    EXPECT_EQ(Lines(m_path).size(), 10006u);
+}
+
+TEST_F(LogTest, WithoutAFileReadableLinesGoToStandardError)
+{
+    std::string error;
+    ASSERT_TRUE(Host::LogTo("", error));
+    Host::SwitchTrace("VXI", true);
+    testing::internal::CaptureStderr();
+    LogTrace("VXI", "plugins/filter/fc", 109, "tb_trace_handler", "A/2  | M\x1b | B:10\n");
+    wxLogError("broken");
+    const std::string seen = testing::internal::GetCapturedStderr();
+    EXPECT_NE(seen.find(" VXI plugins/filter/fc:109 tb_trace_handler: A/2  | M\\x1b | B:10\n"),
+              std::string::npos)
+        << seen;
+    EXPECT_NE(seen.find(" error: broken\n"), std::string::npos) << seen;
+}
+
+TEST_F(LogTest, AFileThatTakesNothingLosesNothing)
+{
+    std::string error;
+    EXPECT_FALSE(Host::LogTo("/nonexistent/log", error));
+    EXPECT_EQ(error, "cannot write log file /nonexistent/log: No such file or directory");
+    wxLogError("to the former file");
+    EXPECT_EQ(Lines(m_path).size(), 1u);
+    ASSERT_TRUE(Host::LogTo("/dev/full", error)) << error;
+    testing::internal::CaptureStderr();
+    wxLogError("does not fit");
+    const std::string seen = testing::internal::GetCapturedStderr();
+    EXPECT_NE(seen.find("not in log file /dev/full (No space left on device)"), std::string::npos);
+    EXPECT_NE(seen.find("error: does not fit\n"), std::string::npos) << seen;
+}
+
+TEST_F(LogTest, ATornLastLineSpoilsNoOther)
+{
+    std::string error;
+    const std::string torn = m_scratch.path("torn.jsonl");
+    WriteText(torn, "{\"time\":1,\"ki");
+    ASSERT_TRUE(Host::LogTo(torn, error));
+    wxLogError("next");
+    const auto lines = Lines(torn);
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(Text(lines[1], "message"), "next");
+}
+
+}  // namespace
