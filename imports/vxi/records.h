@@ -169,7 +169,8 @@ enum {
     VXA_FILTER_VARIABLE_COUNT = 173,          /* numbers 0 to 172 */
     VXA_FILTER_VARIABLE_RULE_PROFILING = 62,
 };
-#define VXA_FILTER_VARIABLE_ABSENT 0xffffffffu /* the kernel has no such setting */
+#define VXA_FILTER_VARIABLE_ABSENT 0xffffffffu /* the kernel has no such setting; one that is
+                                                  as large or larger, or -1, reads one less */
 
 typedef struct vxa_filter_variable_s {
     uint32_t number;

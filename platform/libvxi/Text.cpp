@@ -373,7 +373,8 @@ void tb_dump_filter_variable(tb_dump_s* sink, vxa_filter_variable_s* variable, i
         if (variable->value == VXA_FILTER_VARIABLE_ABSENT) {
             lines.text("absent");
         } else {
-            lines.number(variable->value);
+            const bool cut = variable->value == VXA_FILTER_VARIABLE_ABSENT - 1;
+            lines.number(variable->value).text(cut ? " or more" : "");
         }
         lines.end_line();
         lines.flush();

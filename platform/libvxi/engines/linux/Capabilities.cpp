@@ -104,15 +104,24 @@ void rule_profile(vxi_capability_s& row)
              rules.failed() ? rules.text : "nf_tables, listed by libnftables");
 }
 
+void scan_access(vxi_capability_s& row)
+{
+    row.available = !rules_readable().failed();
+}
+
+// A rehearsal of the scan table makes the kernel wait for all processors: `quick` goes by
+// access alone.
 struct Facility {
     const char* name;
     void (*probe)(vxi_capability_s&);
+    void (*quick)(vxi_capability_s&);
 };
 
 constexpr Facility facilities[] = {
-    {"scan-metrics", scan_metrics}, {"statistics", statistics},   {"variables", variables},
-    {"conntrack", conntrack},       {"conn-states", conn_states}, {"blacklist", blacklist},
-    {"rule-profile", rule_profile},
+    {"scan-metrics", scan_metrics, scan_access},  {"statistics", statistics, statistics},
+    {"variables", variables, variables},          {"conntrack", conntrack, conntrack},
+    {"conn-states", conn_states, conn_states},    {"blacklist", blacklist, blacklist},
+    {"rule-profile", rule_profile, rule_profile},
 };
 
 }  // namespace
@@ -136,6 +145,17 @@ int capabilities(vxi_handle_ops_s*, vxi_capability_s* rows, unsigned int count)
         facilities[i].probe(rows[i]);
     }
     return std::size(facilities);
+}
+
+uint32_t facility_bits()
+{
+    uint32_t bits = 0;
+    vxi_capability_s row = {};
+    for (unsigned i = 0; i < std::size(facilities); ++i) {
+        facilities[i].quick(row);
+        bits |= static_cast<uint32_t>(row.available != 0) << i;
+    }
+    return bits;
 }
 
 }  // namespace vxi::linux_slots

@@ -13,6 +13,8 @@ int get_blacklist(vxi_handle_ops_s* handle, vxa_blacklist_get_addrs_s* list);
 // Capabilities.cpp
 int available(vxi_handle_ops_s* handle);
 int capabilities(vxi_handle_ops_s* handle, vxi_capability_s* rows, unsigned int count);
+// Bit n is set when row n of the capabilities is available, as far as can be told at once.
+uint32_t facility_bits();
 
 // ConnStates.cpp
 int get_conn_states(vxi_handle_ops_s* handle, vxa_get_conn_states_s* states);

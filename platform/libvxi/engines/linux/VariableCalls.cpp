@@ -51,20 +51,6 @@ uint32_t capability_bits()
     return syscall(SYS_capget, &header, data) == 0 ? data[0].effective & 0x7fffffffU : absent;
 }
 
-// Bit n is set when row n of the capabilities is available.
-uint32_t facility_bits(vxi_handle_ops_s* handle)
-{
-    constexpr unsigned rows_max = 31;
-    vxi_capability_s rows[rows_max];
-    const unsigned count = std::min<unsigned>(
-        static_cast<unsigned>(linux_slots::capabilities(handle, rows, rows_max)), rows_max);
-    uint32_t bits = 0;
-    for (unsigned i = 0; i < count; ++i) {
-        bits |= static_cast<uint32_t>(rows[i].available != 0) << i;
-    }
-    return bits;
-}
-
 uint32_t scan_value(uint32_t number)
 {
     const ScanStatus scan = process_scan_monitor().status();
@@ -123,7 +109,7 @@ uint32_t own_value(vxi_handle_ops_s* handle, uint32_t number)
         case variable_capability_bits:
             return capability_bits();
         case variable_facility_bits:
-            return facility_bits(handle);
+            return linux_slots::facility_bits();
         case variable_scan_on:
         case variable_scan_port:
         case variable_scan_direction:
