@@ -1,0 +1,175 @@
+// Tables of sockets: such as cannot be read, and messages that no kernel should send.
+#include "engines/linux/SocketDump.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <linux/netfilter/nf_conntrack_tcp.h>
+#include <linux/sock_diag.h>
+#include <linux/tcp.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstddef>
+
+#include "Message.h"
+#include "engines/linux/ConnStates.h"
+#include "engines/linux/SocketFlows.h"
+
+namespace {
+
+struct Sample {
+    uint8_t state = vxi::SocketEstablished;
+    uint16_t near_port = 40000;
+    uint16_t far_port = 443;
+    size_t info_size = sizeof(tcp_info);
+    size_t mark_size = 4;
+};
+
+Message Socket(const Sample& sample)
+{
+    return Message::Compose([&](nlmsghdr* message) {
+        message->nlmsg_type = SOCK_DIAG_BY_FAMILY;
+        auto* head =
+            static_cast<inet_diag_msg*>(mnl_nlmsg_put_extra_header(message, sizeof(inet_diag_msg)));
+        head->idiag_family = AF_INET;
+        head->idiag_state = sample.state;
+        head->id.idiag_sport = htons(sample.near_port);
+        head->id.idiag_dport = htons(sample.far_port);
+        tcp_info info = {};
+        info.tcpi_bytes_sent = 11;
+        info.tcpi_bytes_received = 22;
+        const char more[64] = {77};
+        char bytes[sizeof info + sizeof more] = {};
+        memcpy(bytes, &info, sizeof info);
+        mnl_attr_put(message, INET_DIAG_INFO, sample.info_size, bytes);
+        mnl_attr_put(message, INET_DIAG_MARK, sample.mark_size, more);
+    });
+}
+
+// One socket in every table; the statuses say how reading each ends, every time.
+struct Tables {
+    int status[vxi::socket_table_count];
+    Sample sample = {};
+
+    int operator()(const vxi::SocketTable& table, vxi::Netlink::Visit visit) const
+    {
+        visit(Socket(sample).header());
+        return status[&table - vxi::socket_tables];
+    }
+};
+
+TEST(ReadSockets, FailOnlyWhenNoTableCanBeRead)
+{
+    const struct {
+        Tables tables;
+        int status;
+        uint32_t count;
+        const char* text;
+    } rows[] = {
+        {{{0, 0, 0, 0}}, 0, 4, ""},
+        {{{0, 0, -ENOENT, -ENOENT}},
+         0,
+         2,
+         ", IPv4 udp missing: No such file or directory, IPv6 udp missing: No such file or "
+         "directory"},
+        {{{0, -EINTR, 0, 0}}, 0, 4, ", IPv6 tcp interrupted: incomplete"},
+        {{{-ENOENT, -ENOENT, -ENOENT, -EACCES}}, -EACCES, 0, "sock_diag: Permission denied"},
+    };
+    for (const auto& row : rows) {
+        vxa_get_conn_states_s states;
+        std::string shortfall;
+        const vxi::Outcome outcome = vxi::count_sockets(row.tables, states, shortfall);
+        EXPECT_EQ(outcome.status, row.status);
+        EXPECT_EQ(outcome.failed() ? outcome.text : shortfall, row.text);
+        EXPECT_EQ(states.count, row.count);
+        EXPECT_EQ(states.tcp4[vxi::SocketEstablished], row.tables.status[0] == 0);
+
+        vxi::FlowSnapshot flows;
+        EXPECT_EQ(vxi::read_socket_flows(row.tables, flows, shortfall).status, row.status);
+        EXPECT_EQ(flows.udp.total + flows.tcp.total, row.count);
+    }
+}
+
+TEST(CountSockets, KeepsStatesThatHaveNoSlot)
+{
+    vxa_get_conn_states_s states;
+    std::string shortfall;
+    const Tables tables = {{}, {200}};
+    ASSERT_FALSE(vxi::count_sockets(tables, states, shortfall).failed());
+    EXPECT_EQ(states.count, 4u);
+    EXPECT_EQ(states.tcp4[0], 1u);
+    EXPECT_EQ(states.udp4, 1u);
+}
+
+vxi::FlowSnapshot Flows(const Sample& sample)
+{
+    vxi::FlowSnapshot flows;
+    std::string shortfall;
+    EXPECT_FALSE(vxi::read_socket_flows(Tables{{}, sample}, flows, shortfall).failed());
+    return flows;
+}
+
+TEST(SocketFlows, TakeOnlyWhatIsWhole)
+{
+    constexpr size_t needed = offsetof(tcp_info, tcpi_bytes_sent) + 8;
+    const struct {
+        size_t info_size, mark_size;
+        bool counted;
+        uint32_t mark;
+    } rows[] = {{sizeof(tcp_info) + 64, 4, true, 77},
+                {needed, 4, true, 77},
+                {needed - 1, 4, false, 77},
+                {0, 3, false, 0},
+                {needed, 8, true, 0}};
+    for (const auto& row : rows) {
+        const auto entry = Flows({vxi::SocketEstablished, 40000, 443, row.info_size, row.mark_size})
+                               .tcp.entries.at(0);
+        EXPECT_EQ(entry.flags,
+                  VXA_FLOW_FROM_SOCK_DIAG | (row.counted ? VXA_FLOW_COUNTERS_VALID : 0));
+        EXPECT_EQ(entry.bytes_forward, row.counted ? 11u : 0u);
+        EXPECT_EQ(entry.bytes_backward, row.counted ? 22u : 0u);
+        EXPECT_EQ(entry.mark, row.mark);
+    }
+}
+
+TEST(SocketFlows, HaveTheNearestTrackedState)
+{
+    const struct {
+        uint8_t socket, tracked;
+    } rows[] = {{vxi::SocketEstablished, TCP_CONNTRACK_ESTABLISHED},
+                {vxi::SocketSynSent, TCP_CONNTRACK_SYN_SENT},
+                {vxi::SocketSynReceived, TCP_CONNTRACK_SYN_RECV},
+                {vxi::SocketFinWait2, TCP_CONNTRACK_FIN_WAIT},
+                {vxi::SocketTimeWait, TCP_CONNTRACK_TIME_WAIT},
+                {vxi::SocketCloseWait, TCP_CONNTRACK_CLOSE_WAIT},
+                {vxi::SocketNewSynReceived, TCP_CONNTRACK_SYN_RECV},
+                {99, TCP_CONNTRACK_NONE}};
+    for (const auto& row : rows) {
+        EXPECT_EQ(Flows({row.socket}).tcp.entries.at(0).tcp_state, row.tracked);
+    }
+}
+
+TEST(SocketFlows, StayInsideDamagedMessages)
+{
+    const Message whole = Socket({});
+    const auto read = [](const Message& message) {
+        vxi::FlowSnapshot flows;
+        std::string shortfall;
+        vxi::read_socket_flows([&](const vxi::SocketTable&,
+                                   vxi::Netlink::Visit visit) { return visit(message.header()); },
+                               flows, shortfall);
+        ASSERT_LE(flows.udp.total + flows.tcp.total, vxi::socket_table_count);
+    };
+    for (size_t size = sizeof(nlmsghdr); size <= whole.size(); ++size) {
+        read(whole.Cut(size));
+    }
+    for (size_t at = sizeof(nlmsghdr); at < whole.size(); ++at) {
+        for (const int byte : {0, 1, 4, 127, 128, 255}) {
+            const Message damaged = whole.Cut(whole.size());
+            damaged.bytes()[at] = static_cast<char>(byte);
+            read(damaged);
+        }
+    }
+}
+
+}  // namespace
