@@ -261,7 +261,7 @@ void print_blacklisted(Lines& lines, const vxa_blacklist_entry_s& entry)
 void print_set_names(Lines& lines, const char* engine)
 {
     const auto sets = slot_names(engine, Area::blacklist_sets);
-    for (std::size_t i = 0; i < sets->names.size(); ++i) {
+    for (std::size_t i = 0; sets && i < sets->names.size(); ++i) {
         lines.text("# set ").number(i).text(": ").escaped(sets->names[i], true).end_line();
     }
 }

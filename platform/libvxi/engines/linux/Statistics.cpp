@@ -168,7 +168,7 @@ SlotNames fill_devices(Tables& tables, uint64_t* slots)
 void keep_names(const char* engine, Area area, SlotNames&& names)
 {
     const auto known = slot_names(engine, area);
-    if (known->names != names.names || known->dropped != names.dropped) {
+    if (!known || known->names != names.names || known->dropped != names.dropped) {
         set_slot_names(engine, area, std::move(names));
     }
 }
