@@ -103,6 +103,20 @@ vxa_blacklist_entry_s entry_of(const BlacklistSet& set, uint16_t set_index,
     return entry;
 }
 
+using ElementsAt = std::vector<BlacklistElement>::const_iterator;
+
+// Of the element at `at`; those behind it have the same address or higher ones.
+Address last_of(const BlacklistSet& set, ElementsAt at, ElementsAt end)
+{
+    if (at->last || !set.intervals) {
+        return at->last.value_or(at->key);
+    }
+    const auto next =
+        std::find_if(at, end, [&](const BlacklistElement& other) { return other.key != at->key; });
+    const size_t size = set.address_size();
+    return next != end ? before(next->key, size) : highest(size);
+}
+
 int read_sets(Netlink& netlink, std::vector<BlacklistSet>& sets)
 {
     return retry_interrupted([&] {
@@ -266,20 +280,13 @@ std::vector<vxa_blacklist_entry_s> entries_of(const BlacklistSet& set, uint16_t 
     std::sort(elements.begin(), elements.end(), [](const auto& a, const auto& b) {
         return a.key != b.key ? a.key < b.key : a.ends_interval > b.ends_interval;
     });
-    const size_t size = set.address_size();
     std::vector<vxa_blacklist_entry_s> entries;
     entries.reserve(elements.size());
-    for (size_t i = 0; i < elements.size(); ++i) {
-        const BlacklistElement& element = elements[i];
-        if (element.ends_interval) {
-            continue;
+    for (auto element = elements.begin(); element != elements.end(); ++element) {
+        if (!element->ends_interval) {
+            const Address last = last_of(set, element, elements.end());
+            entries.push_back(entry_of(set, set_index, *element, last));
         }
-        Address last = element.last.value_or(element.key);
-        if (set.intervals && !element.last) {
-            const bool closed = i + 1 < elements.size() && elements[i + 1].key != element.key;
-            last = closed ? before(elements[i + 1].key, size) : highest(size);
-        }
-        entries.push_back(entry_of(set, set_index, element, last));
     }
     return entries;
 }

@@ -70,8 +70,9 @@ SlotNames fill_protocols(Tables& tables, uint64_t* slots)
     // By ICMP type, and so growing with traffic; the totals stand under "Icmp".
     area.put(snmp_slot, snmp6_slot, paired_lines(tables.read("snmp"), "IcmpMsg"));
     area.put(snmp6_slot, sockstat_slot, single_lines(tables.read("snmp6")));
+    const std::string sockets = tables.read("sockstat");
     area.put(sockstat_slot, VXA_STATS_AREA1_COUNT,
-             grouped_lines(tables.read("sockstat") + tables.read("sockstat6")));
+             grouped_lines(sockets + tables.read("sockstat6")));
     return area.finish();
 }
 

@@ -1,0 +1,143 @@
+#include <endian.h>
+#include <gtest/gtest.h>
+#include <linux/netfilter.h>
+#include <linux/netfilter/nf_tables.h>
+#include <linux/netfilter/nfnetlink.h>
+
+#include "Message.h"
+#include "engines/linux/Blacklist.h"
+
+namespace {
+
+using vxi::BlacklistElement;
+using vxi::BlacklistSet;
+
+BlacklistSet Set(bool intervals)
+{
+    return {NFPROTO_INET, "t", "blacklist", 4, intervals, 0};
+}
+
+struct Row {
+    uint8_t address;  // the last of four bytes, all of which are the same
+    bool end;
+};
+
+// Entries as "FIRST-LAST" by their last bytes.
+std::string Show(bool intervals, const std::vector<Row>& rows)
+{
+    std::vector<BlacklistElement> elements;
+    for (const Row& row : rows) {
+        BlacklistElement element;
+        std::fill_n(element.key.begin(), 4, row.address);
+        element.ends_interval = row.end;
+        elements.push_back(element);
+    }
+    std::string text;
+    for (const auto& entry : vxi::entries_of(Set(intervals), 0, elements)) {
+        text += (text.empty() ? "" : " ") + std::to_string(entry.address[3]) + "-" +
+                std::to_string(entry.last[3]);
+    }
+    return text;
+}
+
+TEST(BlacklistElements, Intervals)
+{
+    EXPECT_EQ(Show(false, {{9, false}, {1, false}}), "1-1 9-9");
+    EXPECT_EQ(Show(true, {}), "");
+    EXPECT_EQ(Show(true, {{0, true}}), "");  // the marker that begins every such set
+    EXPECT_EQ(Show(true, {{9, true}, {5, false}, {3, true}, {1, false}}), "1-2 5-8");
+    EXPECT_EQ(Show(true, {{5, false}, {5, true}, {1, false}}), "1-4 5-255");  // they touch
+    EXPECT_EQ(Show(true, {{7, false}, {3, false}}), "3-6 7-255");             // an end was lost
+    EXPECT_EQ(Show(true, {{7, false}, {7, false}, {9, true}}), "7-8 7-8");    // delivered twice
+    EXPECT_EQ(Show(true, {{0, false}, {1, true}}), "0-0");  // borrows through all bytes
+}
+
+void PutAddress(nlmsghdr* header, uint16_t type, const void* address, uint16_t size)
+{
+    nlattr* key = mnl_attr_nest_start(header, type);
+    mnl_attr_put(header, NFTA_DATA_VALUE, size, address);
+    mnl_attr_nest_end(header, key);
+}
+
+Message Answer(uint16_t key_size)
+{
+    return Message::Compose([&](nlmsghdr* header) {
+        const uint8_t address[16] = {1, 2, 3, 4};
+        header->nlmsg_type = NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_NEWSETELEM;
+        mnl_nlmsg_put_extra_header(header, sizeof(nfgenmsg));
+        nlattr* list = mnl_attr_nest_start(header, NFTA_SET_ELEM_LIST_ELEMENTS);
+        nlattr* element = mnl_attr_nest_start(header, NFTA_LIST_ELEM);
+        PutAddress(header, NFTA_SET_ELEM_KEY, address, key_size);
+        mnl_attr_put_u64(header, NFTA_SET_ELEM_TIMEOUT, htobe64(61999));
+        mnl_attr_put_u64(header, NFTA_SET_ELEM_EXPIRATION, htobe64(~uint64_t{0}));
+        mnl_attr_nest_end(header, element);
+        mnl_attr_nest_end(header, list);
+    });
+}
+
+TEST(BlacklistElements, AreTakenWithTheirTimes)
+{
+    std::vector<BlacklistElement> elements;
+    EXPECT_EQ(vxi::take_elements(Answer(4).header(), Set(false), elements), 0u);
+    const auto entries = vxi::entries_of(Set(false), 7, elements);
+    ASSERT_EQ(entries.size(), 1u);
+    EXPECT_EQ(entries[0].set_index, 7);
+    EXPECT_EQ(entries[0].address[3], 4);
+    EXPECT_EQ(entries[0].flags, VXA_BLACKLIST_TIMEOUT);
+    EXPECT_EQ(entries[0].timeout_s, 61u);
+    EXPECT_EQ(entries[0].expires_s, 0xffffffffu);
+}
+
+// Nothing is read outside the message, and an address is whole or left out.
+TEST(BlacklistElements, OfAnyShape)
+{
+    for (uint16_t size : {0, 3, 5, 16}) {
+        std::vector<BlacklistElement> elements;
+        EXPECT_EQ(vxi::take_elements(Answer(size).header(), Set(false), elements), 1u) << size;
+        EXPECT_TRUE(elements.empty());
+    }
+    const Message whole = Answer(4);
+    for (size_t size = sizeof(nlmsghdr); size < whole.size(); ++size) {
+        std::vector<BlacklistElement> elements;
+        vxi::take_elements(whole.Cut(size).header(), Set(false), elements);
+        EXPECT_TRUE(elements.empty()) << size;
+        EXPECT_FALSE(vxi::blacklist_set(whole.Cut(size).header()));
+    }
+}
+
+Message SetAnswer(const char* name, uint32_t type, uint32_t flags)
+{
+    return Message::Compose([&](nlmsghdr* header) {
+        header->nlmsg_type = NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_NEWSET;
+        auto* nf = static_cast<nfgenmsg*>(mnl_nlmsg_put_extra_header(header, sizeof(nfgenmsg)));
+        nf->nfgen_family = NFPROTO_BRIDGE;
+        mnl_attr_put_strz(header, NFTA_SET_TABLE, "t");
+        mnl_attr_put_strz(header, NFTA_SET_NAME, name);
+        mnl_attr_put_u32(header, NFTA_SET_KEY_TYPE, htobe32(type));
+        mnl_attr_put_u32(header, NFTA_SET_FLAGS, htobe32(flags));
+    });
+}
+
+TEST(BlacklistSets, AreKnownByNameAndKey)
+{
+    const struct {
+        const char* name;
+        uint32_t type;
+        uint32_t flags;
+        bool taken;
+    } rows[] = {{"blacklist", 7, 0, true},           {"blacklist_v6", 8, NFT_SET_INTERVAL, true},
+                {"blacklis", 7, 0, false},           {"Blacklist", 7, 0, false},
+                {"my_blacklist", 7, 0, false},       {"blacklist", 13, 0, false},
+                {"blacklist", 7, NFT_SET_MAP, false}};
+    for (const auto& row : rows) {
+        const auto set = vxi::blacklist_set(SetAnswer(row.name, row.type, row.flags).header());
+        ASSERT_EQ(set.has_value(), row.taken) << row.name << row.type;
+        if (set) {
+            EXPECT_EQ(set->nft_family, NFPROTO_BRIDGE);
+            EXPECT_EQ(set->family, row.type == 7 ? 4 : 6);
+            EXPECT_EQ(set->intervals, row.flags == NFT_SET_INTERVAL);
+        }
+    }
+}
+
+}  // namespace
