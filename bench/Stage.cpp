@@ -19,7 +19,9 @@ namespace stage {
 namespace {
 
 std::atomic<Commands> s_commands{Commands::kReal};
-char s_config_log[] = "/tmp/filter_bench.XXXXXX";
+// In memory: rewritten thousands of times a second, a file on a disk would wait for its own
+// former contents to be written back, which no cycle meets that comes every few seconds.
+char s_config_log[] = "/dev/shm/filter_bench.XXXXXX";
 
 template <typename Function>
 Function Next(const char* name)

@@ -76,12 +76,9 @@ void FindOutWhatLinuxDelivers()
 {
     const char* const namespace_error = stage::EnterNetworkNamespace();
     vxi_handle_ops_s* handle = vxi_open();
-    if (handle == nullptr)
-        s_linux_note = vxi_open_error();
-    else if (*namespace_error != '\0')
+    s_linux_note = handle == nullptr ? vxi_open_error() : LinuxScanNote(handle);
+    if (s_linux_note.empty() && *namespace_error != '\0')
         s_linux_note = std::string("no network namespace of its own: ") + namespace_error;
-    else
-        s_linux_note = LinuxScanNote(handle);
     vxi_close(handle);
 }
 

@@ -37,8 +37,8 @@ public:
     template <typename First, typename... Rest>
     void DoAgentEventWrite(int id, const wxString& format, First first, Rest... rest)
     {
-        WriteEventText(id, wxString::Format(FittingFormat(format, 1 + sizeof...(rest)), first,
-                                            rest...));
+        WriteEventText(
+            id, wxString::Format(FittingFormat(format, 1 + sizeof...(rest)), first, rest...));
     }
 
     // The same for a format in UTF-8; bytes that are no UTF-8 are read as Latin-1.

@@ -1,8 +1,8 @@
 // Diagnostic archives: vxa.ZipOutputStream and its methods.
+#include "vxa_core/archive.h"
 #include "HostObject.h"
 #include "Module.h"
 #include "VxaCore/ZipOutputStream.h"
-#include "vxa_core/archive.h"
 
 namespace vxa {
 

@@ -84,7 +84,7 @@ private:
 
 struct CZipOutputStream::Archive::Content {
     Content(const std::string& path_, FileDescriptor file)
-        : path(path_), sink(std::move(file)), zip(sink, kCompressionLevel, wxConvUTF8)
+        : path(path_), sink(std::move(file)), zip(sink, kCompressionLevel, utf8)
     {
     }
 
@@ -103,6 +103,7 @@ struct CZipOutputStream::Archive::Content {
 
     std::string path;
     FileSink sink;
+    wxMBConvUTF8 utf8;  // the shared one is set up on first use, without a lock
     wxZipOutputStream zip;
     std::string problem;  // the first
     bool broken = false;  // the file cannot be written: no further entries

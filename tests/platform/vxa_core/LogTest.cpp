@@ -23,6 +23,8 @@ struct Outsider {
     const bool enabled_before_main = LogTraceIsEnabled("early");
     ~Outsider()
     {
+        std::string error;
+        if (!Host::LogTo("/dev/null", error)) _exit(96);
         Host::SwitchTrace("late", true);
         if (!LogTraceIsEnabled("late")) _exit(97);
         LogTrace("late", "file", 1, "function", "from a static destructor");

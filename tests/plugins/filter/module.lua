@@ -4,8 +4,11 @@ local t = require "testing"
 local recorder = require "recorder"
 local vxa = require "vxa"
 
+local logs = os.getenv "SANDBOX" .. "/records.jsonl"
+vxa.log_to(logs)
 t.equal(require "fc", true)
 t.equal(package.loaded.fc, true)
+t.equal(t.records(logs).log, {}, "it finds itself without complaint")
 t.equal({recorder.profiler_installations()}, {1, 1}, "hooks: the library's own, once")
 
 -- Plain closures have no upvalues; raw functions have the pointer and its type's record.

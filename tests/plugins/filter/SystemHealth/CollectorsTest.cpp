@@ -204,23 +204,6 @@ TEST_F(CollectorsTest, Vmstat)
     }
 }
 
-TEST_F(CollectorsTest, TableStartsAsDocumented)
-{
-    const struct {
-        const char* name;
-        const char* header;
-        int column;
-    } rows[] = {{"vmstat_phys_mem", "null", 0}, {"vmstat_runQ", "r", 0}, {"vmstat_avm", "avm", 0},
-                {"vmstat_freemem", "fre", 0},   {"user_cpu", "us", 0},   {"sys_cpu", "sy", 15},
-                {"idle_cpu", "id", 0},          {"wait_cpu", "wa", 0}};
-    for (int row = 0; row < kVmRows; ++row) {
-        EXPECT_STREQ(vxa_syshealth_vmstat_metrics[row].name, rows[row].name);
-        EXPECT_STREQ(vxa_syshealth_vmstat_metrics[row].header, rows[row].header);
-        EXPECT_EQ(vxa_syshealth_vmstat_metrics[row].column, rows[row].column);
-        EXPECT_EQ(vxa_syshealth_vmstat_metrics[row].value, 0u);
-    }
-}
-
 // A process that may open nothing more.
 class NoDescriptorsLeft {
 public:

@@ -2,7 +2,6 @@
 
 #include <cjson/cJSON.h>
 
-#include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
@@ -74,50 +73,6 @@ TEST_F(ConfigTest, FileCases)
         {"no file", {}, 0, 0, {}, {}, {}},
         {"no file in fail-open", {}, 1, 0, {}, {}, {}},
         {"empty file", "", 0, 0, {}, false, {}},
-        {"all at their maximum",
-         "SYSTEM_CONNECTION_REFUSAL_PORT=65535\nSYSTEM_CONNECTION_REFUSAL_OUTBOUND=1\n"
-         "SYSTEM_RECOVERY_FACTOR=100\nSYSTEM_MIN_ACT_DURATION=60\n"
-         "SYSTEM_CONNECTION_REFUSAL_PCT_THRESHOLD=100\nSYSTEM_RUNQ_PCT_THRESHOLD=200\n"
-         "SYSTEM_CONNECTION_ESTABLISHED_PER_CPU=10000000\n"
-         "SYSTEM_TOTAL_SCAN_MBYTES_PER_CPU=100000\nSYSTEM_MIN_FREE_MEM_PCT=25\n"
-         "SYSTEM_MAX_ITERATION_INTERVAL=60\nSYSTEM_UNLOAD_DRIVER=1\n",
-         0,
-         11,
-         {{0, 65535},
-          {1, 1},
-          {2, 100},
-          {3, 60},
-          {4, 100},
-          {5, 200},
-          {6, 10000000},
-          {7, 100000},
-          {8, 25},
-          {9, 60},
-          {10, 1}},
-         true,
-         {}},
-        {"all beyond their maximum",
-         "SYSTEM_CONNECTION_REFUSAL_PORT=65536\nSYSTEM_CONNECTION_REFUSAL_OUTBOUND=1.5\n"
-         "SYSTEM_RECOVERY_FACTOR=101\nSYSTEM_MIN_ACT_DURATION=61\n"
-         "SYSTEM_CONNECTION_REFUSAL_PCT_THRESHOLD=101\nSYSTEM_RUNQ_PCT_THRESHOLD=250\n"
-         "SYSTEM_CONNECTION_ESTABLISHED_PER_CPU=10000001\n"
-         "SYSTEM_TOTAL_SCAN_MBYTES_PER_CPU=100001\nSYSTEM_MIN_FREE_MEM_PCT=26\n"
-         "SYSTEM_MAX_ITERATION_INTERVAL=61\nSYSTEM_UNLOAD_DRIVER=2\n",
-         0,
-         0,
-         {},
-         false,
-         {Rejected("0.000000", "SYSTEM_CONNECTION_REFUSAL_PORT=", "65535.000000"),
-          Rejected("0.000000", "SYSTEM_CONNECTION_REFUSAL_OUTBOUND=", "1.000000"),
-          Rejected("0.000000", "SYSTEM_RECOVERY_FACTOR=", "100.000000"),
-          Rejected("0.000000", "SYSTEM_MIN_ACT_DURATION=", "60.000000"),
-          Rejected("0.000000", "SYSTEM_CONNECTION_REFUSAL_PCT_THRESHOLD=", "100.000000"),
-          Rejected("0.000000", runq, "200.000000"),
-          Rejected("0.000000", "SYSTEM_CONNECTION_ESTABLISHED_PER_CPU=", "10000000.000000"),
-          Rejected("0.000000", "SYSTEM_TOTAL_SCAN_MBYTES_PER_CPU=", "100000.000000"),
-          Rejected("0.000000", "SYSTEM_MIN_FREE_MEM_PCT=", "25.000000"),
-          Rejected("0.000000", "SYSTEM_MAX_ITERATION_INTERVAL=", "60.000000"),
-          Rejected("0.000000", "SYSTEM_UNLOAD_DRIVER=", "1.000000")}},
         {"zero",
          "SYSTEM_MIN_ACT_DURATION=0\n",
          0,
@@ -202,6 +157,44 @@ TEST_F(ConfigTest, FileCases)
             std::to_string(c.count)};
         EXPECT_EQ(host::TakeTraceLines(), c.count == 0 ? Lines{} : traces);
     }
+}
+
+TEST_F(ConfigTest, EverySettingIsTakenUpToItsMaximum)
+{
+    const struct {
+        const char* key;
+        int maximum;
+    } rows[kConfRows] = {{"SYSTEM_CONNECTION_REFUSAL_PORT=", 65535},
+                         {"SYSTEM_CONNECTION_REFUSAL_OUTBOUND=", 1},
+                         {"SYSTEM_RECOVERY_FACTOR=", 100},
+                         {"SYSTEM_MIN_ACT_DURATION=", 60},
+                         {"SYSTEM_CONNECTION_REFUSAL_PCT_THRESHOLD=", 100},
+                         {"SYSTEM_RUNQ_PCT_THRESHOLD=", 200},
+                         {"SYSTEM_CONNECTION_ESTABLISHED_PER_CPU=", 10000000},
+                         {"SYSTEM_TOTAL_SCAN_MBYTES_PER_CPU=", 100000},
+                         {"SYSTEM_MIN_FREE_MEM_PCT=", 25},
+                         {"SYSTEM_MAX_ITERATION_INTERVAL=", 60},
+                         {"SYSTEM_UNLOAD_DRIVER=", 1}};
+    std::string accepted, rejected;
+    Settings settings;
+    Lines log;
+    for (int row = 0; row < kConfRows; ++row) {
+        const std::string maximum = std::to_string(rows[row].maximum);
+        accepted += rows[row].key + maximum + "\n";
+        rejected += rows[row].key + std::to_string(rows[row].maximum + 1) + "\n";
+        settings[row] = rows[row].maximum;
+        log.push_back(Rejected("0.000000", rows[row].key, (maximum + ".000000").c_str()));
+    }
+    sandbox::SetConfigFile(accepted.c_str());
+    EXPECT_EQ(readSystemHealthConfig(document.get(), 0), 11);
+    EXPECT_EQ(InForce(), settings);
+    EXPECT_EQ(Unload(), true);
+    EXPECT_EQ(host::TakeLog(), Lines{});
+    sandbox::SetConfigFile(rejected.c_str());
+    EXPECT_EQ(readSystemHealthConfig(document.get(), 0), 0);
+    EXPECT_EQ(InForce(), Settings{});
+    EXPECT_EQ(Unload(), false);
+    EXPECT_EQ(host::TakeLog(), log);
 }
 
 std::string Stored(const char* text)

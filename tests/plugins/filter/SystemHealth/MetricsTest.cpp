@@ -186,29 +186,6 @@ TEST_F(MetricsTest, CountsEveryEnabledMetric)
     EXPECT_EQ(check_health_metric_thresholds(1.0), 5);
 }
 
-TEST_F(MetricsTest, TableStartsAsDocumented)
-{
-    const struct {
-        const char *name, *short_name;
-        int direction;
-        double threshold;
-    } rows[] = {{"runnable_processes_per_cpu_pct", "rqpct", 0, 50},
-                {"connections_refused_per_new_conn_pct", "refusalpct", 0, 10},
-                {"connections_established_per_cpu", "estab", 0, 50},
-                {"total_scan_mbytes_per_cpu", "scanmb", 0, 100},
-                {"free_memory_pct", "frepct", 1, 100},
-                {"iteration interval", "delta_t", 0, 100}};
-    for (int row = 0; row < kMetRows; ++row) {
-        EXPECT_STREQ(health_metrics[row].name, rows[row].name);
-        EXPECT_STREQ(health_metrics[row].short_name, rows[row].short_name);
-        EXPECT_EQ(health_metrics[row].direction != 0, rows[row].direction != 0);
-        EXPECT_EQ(health_metrics[row].threshold, rows[row].threshold);
-        EXPECT_EQ(health_metrics[row].value, 0);
-        EXPECT_EQ(health_metrics[row].enabled, 0);
-    }
-    EXPECT_EQ(check_health_metric_thresholds(1.0), 0);
-}
-
 // Which metric a setting's value arrives at; -1: none.
 TEST_F(MetricsTest, SettingsReachTheirMetrics)
 {

@@ -1,21 +1,33 @@
-// Every native function, with every single allocation of Lua failing in its turn: nothing
-// leaks, no lock stays held, nothing crashes.
+// Every native function, with every single allocation of Lua failing in its turn, and with
+// the host's trace log failing at every question: nothing leaks, no lock stays held, nothing
+// crashes, and no C++ exception comes out.
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
 #include "LuaHost.h"
 #include "RecordingDriver.h"
 #include "Sandbox.h"
+#include "VxaCore/LogTrace.h"
 
 namespace {
 
 constexpr long kMaxAllocations = 5000;
 
-class AllocatorSweep : public ::testing::TestWithParam<bool> {
+// The host's trace log of this program: it stands before that of the core library, and
+// throws at the question that is due. -1: never.
+thread_local int s_questions_left = -1;
+
+bool IsFailureDue()
+{
+    return s_questions_left >= 0 && s_questions_left-- == 0;
+}
+
+class Sweep : public ::testing::Test {
 protected:
     void SetUp() override
     {
@@ -23,7 +35,7 @@ protected:
         FakeMachine();
         ASSERT_EQ(m_other.Run(kLoadModules), "");
         // A lock that stays held would hang this program: it is ended then.
-        alarm(100);
+        alarm(60);
     }
     void TearDown() override { alarm(0); }
 
@@ -41,6 +53,8 @@ protected:
 
     LuaHost m_other;
 };
+
+class AllocatorSweep : public Sweep, public ::testing::WithParamInterface<bool> {};
 
 void ExpectMemoryError(LuaHost& host, int status)
 {
@@ -102,6 +116,39 @@ TEST_P(AllocatorSweep, EveryFunction)
     }
 }
 
+TEST_F(Sweep, ExceptionsBecomeErrors)
+{
+    LuaHost host;
+    ASSERT_EQ(host.Run(kLoadModules), "");
+    int thrown = 0;
+    for (const std::string& function : FunctionNames(host)) {
+        SCOPED_TRACE(function);
+        int status = LUA_ERRRUN;
+        for (int question = 0; status != LUA_OK; ++question, ++thrown) {
+            ASSERT_LT(question, 1000);
+            const int arguments = PushCall(host, function);
+            s_questions_left = question;
+            status = lua_pcall(host.L, arguments, 0, 0);
+            s_questions_left = -1;
+            if (status == LUA_OK) break;
+            const std::string text = lua_tostring(host.L, -1);
+            EXPECT_NE(text.find("the trace log fails"), std::string::npos) << text;
+            lua_settop(host.L, 0);
+            ExpectUsable();
+        }
+    }
+    EXPECT_GE(thrown, 10);
+}
+
+TEST_F(Sweep, NoExceptionReachesTheDriverLibrary)
+{
+    ASSERT_EQ(m_other.Run("filter.setup_tbtrace(handle)"), "");
+    char message[] = "M";
+    s_questions_left = 0;
+    EXPECT_EQ(driver::InstalledTraceHandler()(2, "A", "B", 10, message), 0);
+    EXPECT_EQ(s_questions_left, -1) << "was not asked";
+}
+
 TEST_P(AllocatorSweep, ModuleEntry)
 {
     bool failed = true;
@@ -124,3 +171,13 @@ INSTANTIATE_TEST_SUITE_P(, AllocatorSweep, ::testing::Bool(), [](const auto& mod
 });
 
 }  // namespace
+
+namespace VxaCore {
+
+bool LogTraceIsEnabled(const wxString&)
+{
+    if (IsFailureDue()) throw std::runtime_error("the trace log fails");
+    return true;
+}
+
+}  // namespace VxaCore
