@@ -56,12 +56,8 @@ void conntrack(vxi_capability_s& row)
 {
     uint32_t tracked = 0;
     const int status = count_tracked(tracked);
-    if (status == 0 && tracked > 0) {
-        describe(row, true, conntrack_detail(status, tracked));
-        return;
-    }
     conn_states(row);
-    if (row.available) {
+    if (row.available || tracked > 0) {
         describe(row, true, conntrack_detail(status, tracked));
     }
 }

@@ -6,6 +6,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <array>
 #include <bitset>
 #include <cstring>
 #include <utility>
@@ -92,49 +93,48 @@ void turn_round(vxa_conntrack_entry_s& entry)
     std::swap(entry.bytes_forward, entry.bytes_backward);
 }
 
-// The tables of one protocol, as they are read.
-struct ProtocolSockets {
-    FlowList flows[socket_table_count];
-    Ports waiting[socket_table_count];
-
-    void begin(unsigned table)
-    {
-        flows[table] = {};
-        waiting[table].reset();
-    }
-
-    void take(unsigned table, const inet_diag_msg& socket, const Attributes& details)
-    {
-        if (socket.id.idiag_dport == 0) {
-            waiting[table].set(ntohs(socket.id.idiag_sport));
-        } else {
-            flows[table].add(socket_flow(socket_tables[table].protocol, socket, details));
-        }
-    }
-
-    // A socket of IPv6 can wait for IPv4 as well, so both tables' ports count for both.
-    void hand_over(uint8_t protocol, FlowList& to)
-    {
-        Ports ports;
-        for (unsigned table = 0; table < socket_table_count; ++table) {
-            if (socket_tables[table].protocol == protocol) {
-                ports |= waiting[table];
-            }
-        }
-        for (unsigned table = 0; table < socket_table_count; ++table) {
-            if (socket_tables[table].protocol != protocol) {
-                continue;
-            }
-            for (vxa_conntrack_entry_s& entry : flows[table].entries) {
-                if (ports.test(port_of(entry.source_port))) {
-                    turn_round(entry);
-                }
-            }
-            to.append(flows[table]);
-            flows[table] = {};
-        }
-    }
+// What one table showed.
+struct TableSockets {
+    FlowList flows;
+    Ports waiting;  // of sockets without a peer
 };
+
+void take_socket(uint8_t protocol, const inet_diag_msg& socket, const Attributes& details,
+                 TableSockets& table)
+{
+    if (socket.id.idiag_dport == 0) {
+        table.waiting.set(ntohs(socket.id.idiag_sport));
+    } else {
+        table.flows.add(socket_flow(protocol, socket, details));
+    }
+}
+
+void hand_over(const Ports& waiting, FlowList& from, FlowList& to)
+{
+    for (vxa_conntrack_entry_s& entry : from.entries) {
+        if (waiting.test(port_of(entry.source_port))) {
+            turn_round(entry);
+        }
+    }
+    to.append(from);
+    from = {};
+}
+
+using AllSockets = std::array<TableSockets, socket_table_count>;
+
+// A socket of IPv6 can wait for IPv4 as well, so the ports of both tables count for both.
+void hand_over(uint8_t protocol, AllSockets& tables, FlowList& to)
+{
+    Ports waiting;
+    for (unsigned i = 0; i < socket_table_count; ++i) {
+        waiting |= socket_tables[i].protocol == protocol ? tables[i].waiting : Ports();
+    }
+    for (unsigned i = 0; i < socket_table_count; ++i) {
+        if (socket_tables[i].protocol == protocol) {
+            hand_over(waiting, tables[i].flows, to);
+        }
+    }
+}
 
 }  // namespace
 
@@ -159,17 +159,17 @@ vxa_conntrack_entry_s socket_flow(uint8_t protocol, const inet_diag_msg& socket,
 
 Outcome read_socket_flows(const SocketDump& dump, FlowSnapshot& flows, std::string& shortfall)
 {
-    const auto sockets = std::make_unique<ProtocolSockets>();
+    const auto tables = std::make_unique<AllSockets>();
     const SocketSink sink = {
-        [&](unsigned table) { sockets->begin(table); },
+        [&](unsigned table) { (*tables)[table] = {}; },
         [&](unsigned table, const inet_diag_msg& socket, const Attributes& details) {
-            sockets->take(table, socket, details);
+            take_socket(socket_tables[table].protocol, socket, details, (*tables)[table]);
         }};
     flows = {};
     const Outcome outcome = read_sockets(dump, sink, shortfall);
     if (!outcome.failed()) {
-        sockets->hand_over(IPPROTO_UDP, flows.udp);
-        sockets->hand_over(IPPROTO_TCP, flows.tcp);
+        hand_over(IPPROTO_UDP, *tables, flows.udp);
+        hand_over(IPPROTO_TCP, *tables, flows.tcp);
     }
     return outcome;
 }
