@@ -8,6 +8,7 @@
 #include <linux/netfilter/nf_tables.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 #include <vector>
 
@@ -43,7 +44,8 @@ Blacklist Fetch(const driver::Handle& handle)
     EXPECT_EQ(vxi_get_blacklist(handle.get(), filled), 0) << driver::Error(handle);
     EXPECT_EQ(filled->entries_size, header.entries_size);
     list.entries.resize(filled->entries_size / sizeof list.entries[0]);
-    memcpy(list.entries.data(), block.data() + sizeof header, filled->entries_size);
+    std::copy_n(block.data() + sizeof header, filled->entries_size,
+                reinterpret_cast<char*>(list.entries.data()));
     list.sets = filled->set_count;
     list.text = texts::Of([&](tb_dump_s* sink) { tb_dump_blacklist(sink, filled); });
     return list;

@@ -323,7 +323,8 @@ int linux_slots::get_blacklist(vxi_handle_ops_s* handle, vxa_blacklist_get_addrs
     const size_t room = list->entries_size / sizeof(vxa_blacklist_entry_s);
     const uint32_t bytes = bytes_of(std::min(room, snapshot->entries.size()));
     // The header is 44 bytes long, so the entries behind it are not aligned.
-    memcpy(reinterpret_cast<char*>(list + 1), snapshot->entries.data(), bytes);
+    std::copy_n(reinterpret_cast<const char*>(snapshot->entries.data()), bytes,
+                reinterpret_cast<char*>(list + 1));
     list->entries_size = bytes;
     list->set_count = static_cast<uint32_t>(snapshot->sets.size());
     return 0;

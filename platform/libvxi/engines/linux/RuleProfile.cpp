@@ -28,11 +28,14 @@ namespace {
 constexpr const char* trace_source = "platform/libvxi/engines/linux";
 
 std::atomic<RuleProfiler*> current{nullptr};
+std::atomic<RuleProfiler*> inherited{nullptr};
 
 // What a thread of the parent did with its lock stays as it was for good.
 void start_anew_in_child()
 {
-    current = nullptr;
+    if (RuleProfiler* const parents = current.exchange(nullptr)) {
+        inherited = parents;
+    }
     switch_profiling(false);
 }
 
@@ -253,7 +256,7 @@ RuleProfiler& process_rule_profiler()
     RuleProfiler* profiler = current.load();
     if (!profiler) {
         // Never destroyed: handles may be used until the process ends.
-        auto fresh = std::make_unique<RuleProfiler>();
+        auto fresh = std::make_unique<RuleProfiler>(inherited.load());
         if (current.compare_exchange_strong(profiler, fresh.get())) {
             profiler = fresh.release();
         }

@@ -57,6 +57,10 @@ bool append_object(std::string& listing, const std::string& object);
 // thread.
 class RuleProfiler {
 public:
+    // `inherited` is the parent's after a fork: never used, because a thread of the parent
+    // may have been changing it.
+    explicit RuleProfiler(const RuleProfiler* inherited) : inherited_(inherited) {}
+
     // 1 remembers the counts of this moment; any other value ends the profile.
     Outcome set(uint32_t value);
     uint32_t value() const;
@@ -68,7 +72,8 @@ public:
 private:
     Outcome profile(std::string& object) const;
 
-    mutable std::mutex mutex_;
+    const RuleProfiler* const inherited_;
+    mutable std::mutex mutex_;  // guards everything below
     uint32_t value_ = 0;
     RuleCounts before_;
     uint64_t namespace_ = 0;
