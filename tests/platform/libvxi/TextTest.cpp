@@ -179,6 +179,23 @@ TEST(Text, Blacklist)
     }
 }
 
+TEST(Text, BlacklistSets)
+{
+    vxi::set_slot_names("named", vxi::Area::blacklist_sets,
+                        {{"inet t blacklist", "ip x\n blacklist\\\xff"}, 0});
+    vxi::begin_fetch(vxi::Table::blacklist, "named");
+    vxi::note_source(vxi::Table::blacklist, "a test");
+    vxa_blacklist_get_addrs_s list{};
+    list.set_count = 2;
+    Sink sink;
+    tb_dump_blacklist(sink.dump(), &list);
+    EXPECT_EQ(
+        "# blacklist: a test (engine named), 0 entries, 2 sets\n"
+        "# set 0: inet t blacklist\n"
+        "# set 1: ip x\\x0a blacklist\\x5c\\xff\n",
+        sink.text());
+}
+
 TEST(Text, Sockets)
 {
     vxi::begin_fetch(vxi::Table::conn_states, "made");
@@ -219,7 +236,7 @@ TEST(Text, Statistics)
     EXPECT_EQ(0U, text.find("# statistics: a test (engine made), showing 30 of 238 slots, the "
                             "others are unused; 6 items found no slot\n"
                             "1/207 9\n"
-                            "Ip.In 18446744073709551615\n"
+                            "Ip.In -1\n"
                             "e\\xc3\\xbf\\x20th\\x5c0\\x0a 0\n"))
         << text;
     EXPECT_EQ(1 + 1 + 29, std::count(text.begin(), text.end(), '\n'));
@@ -247,7 +264,7 @@ TEST(Text, Variables)
     } cases[] = {
         {62, 1, "62 vxi.rule_profiling 1\n"},
         {16, 0xffffffff, "16 net.netfilter.nf_conntrack_acct absent\n"},
-        {172, 0xfffffffe, "172 net.core.optmem_max 4294967294\n"},
+        {172, 0xfffffffe, "172 net.core.optmem_max 4294967294 or more\n"},
         {173, 5, "173 variable/173 5\n"},
         {0xffffffff, 0, "4294967295 variable/4294967295 0\n"},
     };
