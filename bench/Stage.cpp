@@ -1,14 +1,16 @@
-// Both names of fopen are defined here; with this macro the headers make them one.
+// Both names of fopen and open are defined here; with this macro the headers make them one.
 #undef _FILE_OFFSET_BITS
 
 #include "Stage.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <sched.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -19,9 +21,7 @@ namespace stage {
 namespace {
 
 std::atomic<Commands> s_commands{Commands::kReal};
-// In memory: rewritten thousands of times a second, a file on a disk would wait for its own
-// former contents to be written back, which no cycle meets that comes every few seconds.
-char s_config_log[] = "/dev/shm/filter_bench.XXXXXX";
+char s_config_log[] = "/tmp/filter_bench.XXXXXX";
 
 template <typename Function>
 Function Next(const char* name)
@@ -70,11 +70,16 @@ void RemoveConfigLog()
 
 FILE* OpenFile(Open open, const char* path, const char* mode)
 {
-    if (std::strcmp(path, "/var/opt/vx_agent/diag/vx_filter_json.log") == 0)
-        return open(s_config_log, mode);
     if (s_commands == Commands::kSimulated && std::strcmp(path, "/proc/meminfo") == 0)
         return SimulatedMemory();
     return open(path, mode);
+}
+
+// The plugin's JSON log is this program's temporary file.
+int OpenDescriptor(int (*open)(const char*, int, ...), const char* path, int flags, mode_t mode)
+{
+    const bool log = std::strcmp(path, "/var/opt/vx_agent/diag/vx_filter_json.log") == 0;
+    return open(log ? s_config_log : path, flags, mode);
 }
 
 }  // namespace
@@ -131,3 +136,19 @@ STAGE_EXPORT FILE* fopen64(const char* path, const char* mode)
     static const auto next = stage::Next<stage::Open>("fopen64");
     return stage::OpenFile(next, path, mode);
 }
+
+// The mode is there only for a file that may be created.
+#define STAGE_OPEN(name)                                                                 \
+    STAGE_EXPORT int name(const char* path, int flags, ...)                              \
+    {                                                                                    \
+        static const auto next = stage::Next<int (*)(const char*, int, ...)>(#name);     \
+        va_list arguments;                                                               \
+        va_start(arguments, flags);                                                      \
+        const bool creates = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE; \
+        const mode_t mode = creates ? va_arg(arguments, mode_t) : 0;                     \
+        va_end(arguments);                                                               \
+        return stage::OpenDescriptor(next, path, flags, mode);                           \
+    }
+
+STAGE_OPEN(open)
+STAGE_OPEN(open64)

@@ -1,6 +1,6 @@
 // What the plugin finds on the machine, as far as a benchmark replaces it.
 //
-// popen and fopen of this program come before those of the C library, so that the
+// popen, fopen and open of this program come before those of the C library, so that the
 // collectors can be fed without starting processes; and the plugin's JSON log goes to a
 // temporary file, so that no agent's log is overwritten and no privilege is needed.
 #pragma once

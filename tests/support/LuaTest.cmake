@@ -3,9 +3,9 @@
 set(TEST_SUPPORT_DIR ${CMAKE_CURRENT_LIST_DIR})
 
 # The plugin keeps one object for the life of the process on purpose.
-set(LEAK_ENVIRONMENT
+set(SANITIZER_ENVIRONMENT
     "LSAN_OPTIONS=suppressions=${TEST_SUPPORT_DIR}/lsan.supp:print_suppressions=0"
-    "TSAN_OPTIONS=suppressions=${TEST_SUPPORT_DIR}/tsan.supp:halt_on_error=1")
+    "TSAN_OPTIONS=halt_on_error=1")
 
 # add_sandboxed_lua_test(NAME SCRIPT): the script under stock lua5.2 in the sandbox, with
 # the recording driver in the place of libvxi. The preloads are for the interpreter alone.
@@ -20,7 +20,7 @@ function(add_sandboxed_lua_test name script)
     list(FILTER environment EXCLUDE REGEX "^LD_PRELOAD=")
     list(FILTER environment EXCLUDE REGEX "^LUA_CPATH=")
     add_test(NAME ${name} COMMAND sandbox_exec ${CMAKE_COMMAND} -E env
-        ${environment} ${LEAK_ENVIRONMENT} LC_ALL=C
+        ${environment} ${SANITIZER_ENVIRONMENT} LC_ALL=C
         "LUA_CPATH=${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/?.so;$<TARGET_FILE_DIR:recorder>/?.so"
         "LUA_PATH=${TEST_SUPPORT_DIR}/?.lua;;"
         "LD_PRELOAD=${preload}"
@@ -31,5 +31,5 @@ endfunction()
 # discover_plugin_tests(TARGET): its GoogleTest cases, with the environment they need.
 function(discover_plugin_tests target)
     gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST
-        PROPERTIES ENVIRONMENT "${LEAK_ENVIRONMENT};LC_ALL=C" TIMEOUT 120)
+        PROPERTIES ENVIRONMENT "${SANITIZER_ENVIRONMENT};LC_ALL=C" TIMEOUT 120)
 endfunction()

@@ -160,7 +160,7 @@ TEST_P(AllocatorSweep, ModuleEntry)
                   0);
         failed = FailNth(host, 0, n, GetParam());
         // Whatever was reached: the next attempt finds the whole module.
-        EXPECT_EQ(host.Run("require 'fc'; assert(SLB.filter.GetScanMetricPort() == false)"), "");
+        EXPECT_EQ(host.Run("require 'fc'; assert(SLB.filter.EnableNativeFirewall() == 0)"), "");
         ExpectUsable();
         EXPECT_EQ(host.Close(), 0u) << "allocation " << n;
     }
