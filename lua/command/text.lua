@@ -38,12 +38,12 @@ function text.names(over)
     return #names > 0 and table.concat(names, " ") or "-"
 end
 
--- "rqpct 9.1 exceeds the threshold 8 processes"; figures that are equal as far as they
+-- "rqpct 9.1 exceeds the threshold of 8 processes"; figures that are equal as far as they
 -- are known differ all the same.
 function text.crossed(metric)
     local relation = metric.value < metric.threshold and "is below"
         or metric.value > metric.threshold and "exceeds" or "crosses"
-    return ("%s %s %s the threshold %s %s"):format(metric.name, text.number(metric.value),
+    return ("%s %s %s the threshold of %s %s"):format(metric.name, text.number(metric.value),
         relation, text.number(metric.threshold), units[metric.name])
 end
 
