@@ -9,6 +9,7 @@ namespace VxaCore {
 class CDom::Store {
 public:
     std::vector<std::pair<std::string, bool>> settings;
+    std::vector<std::string> events;
 };
 
 CDom::CDom(std::unique_ptr<Store> store) : m_store(std::move(store)) {}
@@ -17,6 +18,39 @@ CDom::~CDom() = default;
 void CDom::Set(const std::string& key, bool value)
 {
     m_store->settings.emplace_back(key, value);
+}
+
+void CDom::DoAgentEventWrite(int id, const wxString& format)
+{
+    m_store->events.push_back(std::to_string(id) + " " + format.utf8_string());
+}
+
+void CDom::DoAgentEventWriteUtf8(int id, const char* format)
+{
+    m_store->events.push_back(std::to_string(id) + " utf8 " + format);
+}
+
+class CZipOutputStream::Archive {
+public:
+    std::set<std::string> refused;
+    std::vector<host::Entry> entries;
+};
+
+CZipOutputStream::CZipOutputStream(std::unique_ptr<Archive> archive) : m_archive(std::move(archive))
+{
+}
+CZipOutputStream::~CZipOutputStream() = default;
+
+bool CZipOutputStream::AddFromStream(wxInputStream& in, bool text, const wxString& name,
+                                     const wxString& comment)
+{
+    if (m_archive->refused.count(name.ToStdString()) != 0) return false;
+    host::Entry entry{name.ToStdString(), text, comment.ToStdString(), ""};
+    char chunk[4096];
+    while (const std::size_t got = in.Read(chunk, sizeof chunk).LastRead())
+        entry.bytes.append(chunk, got);
+    m_archive->entries.push_back(std::move(entry));
+    return in.Eof();
 }
 
 }  // namespace VxaCore
@@ -100,6 +134,23 @@ std::unique_ptr<VxaCore::CDom> MakeDocument()
 std::vector<std::pair<std::string, bool>> TakeSettings(VxaCore::CDom& document)
 {
     return std::exchange(document.store().settings, {});
+}
+
+std::vector<std::string> TakeEvents(VxaCore::CDom& document)
+{
+    return std::exchange(document.store().events, {});
+}
+
+std::unique_ptr<VxaCore::CZipOutputStream> MakeArchive(const std::set<std::string>& refused)
+{
+    auto archive = std::make_unique<VxaCore::CZipOutputStream::Archive>();
+    archive->refused = refused;
+    return std::make_unique<VxaCore::CZipOutputStream>(std::move(archive));
+}
+
+std::vector<Entry> TakeEntries(VxaCore::CZipOutputStream& archive)
+{
+    return std::exchange(archive.archive().entries, {});
 }
 
 }  // namespace host

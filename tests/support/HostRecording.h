@@ -1,13 +1,15 @@
-// The host core library for unit tests: keeps traces, log lines and document settings
-// instead of writing them. Linked in place of libvxa_core.
+// The host core library for unit tests: keeps traces, log lines, document settings, agent
+// events and archive entries instead of writing them. Linked in place of libvxa_core.
 #pragma once
 
 #include <memory>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "VxaCore/Dom.h"
+#include "VxaCore/ZipOutputStream.h"
 
 namespace host {
 
@@ -36,5 +38,19 @@ void CatchLog();
 // A document with the settings written to it.
 std::unique_ptr<VxaCore::CDom> MakeDocument();
 std::vector<std::pair<std::string, bool>> TakeSettings(VxaCore::CDom& document);
+
+// The events as "ID TEXT"; those whose format was given in UTF-8 as "ID utf8 TEXT".
+std::vector<std::string> TakeEvents(VxaCore::CDom& document);
+
+struct Entry {
+    std::string name;
+    bool text;
+    std::string comment;
+    std::string bytes;
+};
+
+// An archive that does not take entries of these names.
+std::unique_ptr<VxaCore::CZipOutputStream> MakeArchive(const std::set<std::string>& refused = {});
+std::vector<Entry> TakeEntries(VxaCore::CZipOutputStream& archive);
 
 }  // namespace host

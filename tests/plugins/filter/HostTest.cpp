@@ -69,7 +69,7 @@ TEST(Host, ProfilerHooksAreInstalledOnceForManyStatesAtOnce)
             LuaHost host;
             errors[i] = host.Run(
                 "require 'fc'; local n = 0 for _ in pairs(SLB.filter) do n = n + 1 end "
-                "assert(n >= 7 and SLB.filter.EnableNativeFirewall() == 0)");
+                "assert(n == 11 and SLB.filter.EnableNativeFirewall() == 0)");
         });
     for (std::thread& thread : threads) thread.join();
     for (const std::string& error : errors) EXPECT_EQ(error, "");

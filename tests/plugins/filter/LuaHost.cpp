@@ -69,7 +69,11 @@ std::string ArgumentsFor(const std::string& function)
     static const std::map<std::string, std::string> arguments = {
         {"EnableNativeFirewall", "return 1"},
         {"DisableNativeFirewall", "return 1"},
+        {"AddDriverDiagnostics", "return doc, handle, vxa.ZipOutputStream('/dev/null')"},
         {"setup_tbtrace", "return handle"},
+        {"AddToConnMetrics", "return tostring({}), 'name\\tvalue', 1"},
+        {"UpdateConnMetrics", "return"},
+        {"GetConnMetrics", "return"},
         {"CheckSystemHealthMetrics",
          "return doc, 'Deactivated', '{\"SYS_CONF_CONN_REFUSAL_PORT\": 80, "
          "\"SYS_THR_CONN_REFUSAL_PCT\": {\"value\": 50}}'"},

@@ -13,10 +13,12 @@ t.equal({recorder.profiler_installations()}, {1, 1}, "hooks: the library's own, 
 
 -- Plain closures have no upvalues; raw functions have the pointer and its type's record.
 local upvalues = {
-    EnableNativeFirewall = 2, DisableNativeFirewall = 2, setup_tbtrace = 0,
+    EnableNativeFirewall = 2, DisableNativeFirewall = 2, AddDriverDiagnostics = 0,
+    setup_tbtrace = 0, AddToConnMetrics = 0, UpdateConnMetrics = 0, GetConnMetrics = 0,
     CheckSystemHealthMetrics = 0, GetSysHealthMetrics = 0, GetSysHealthEnabled = 0,
     GetScanMetricPort = 0,
 }
+for name in pairs(SLB.filter) do t.equal(type(upvalues[name]), "number", name) end
 for name, count in pairs(upvalues) do
     local f = SLB.filter[name]
     t.equal(type(f), "function", name)

@@ -1,0 +1,412 @@
+// The two stores against the plainest reference there is: two ordered maps, every text
+// converted at every call.
+
+#include <clocale>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <lua.hpp>
+
+#include "ConnMetrics/ConnMetrics.h"
+#include "RecordingDriver.h"
+
+namespace {
+
+constexpr std::size_t kMostKeys = 10000;
+
+// As the C library reads multibyte text; empty where it cannot.
+std::wstring Decode(const std::string& bytes)
+{
+    std::wstring text(bytes.size() + 1, L'\0');
+    const std::size_t length = std::mbstowcs(text.data(), bytes.c_str(), text.size());
+    text.resize(length == static_cast<std::size_t>(-1) ? 0 : length);
+    return text;
+}
+
+// One row as it is reported: the value of its only line, and the count.
+struct Row {
+    std::string value;
+    double count;
+    bool operator==(const Row& other) const { return value == other.value && count == other.count; }
+};
+
+class Reference {
+public:
+    void Add(const std::string& key, const std::string& value, double count)
+    {
+        const std::uint32_t times = Truncate(count);
+        if (times != 0) Merge({{Decode(key), {value, times}}}, &m_working);
+    }
+
+    void Update(std::int64_t now)
+    {
+        if (now - m_last <= 60) return;
+        Merge(m_working, &m_finished);
+        m_working.clear();
+        m_last = now;
+    }
+
+    std::vector<Row> Take()
+    {
+        std::vector<Row> rows;
+        for (const auto& entry : m_finished)
+            rows.push_back({entry.second.value, static_cast<double>(entry.second.count)});
+        m_finished.clear();
+        return rows;
+    }
+
+    std::uint64_t dropped() const { return m_dropped; }
+
+private:
+    struct Entry {
+        std::string value;
+        std::uint32_t count;
+    };
+    using Map = std::map<std::wstring, Entry>;
+
+    static std::uint32_t Truncate(double count)
+    {
+        if (!(std::fabs(count) < 9.2e18)) return 0;
+        return static_cast<std::uint32_t>(static_cast<std::int64_t>(count));
+    }
+
+    void Merge(const Map& from, Map* into)
+    {
+        for (const auto& [key, entry] : from) {
+            const auto found = into->find(key);
+            if (found != into->end())
+                found->second.count += entry.count;
+            else if (into->size() < kMostKeys)
+                into->emplace(key, entry);
+            else
+                m_dropped += entry.count;
+        }
+    }
+
+    Map m_working;
+    Map m_finished;
+    std::int64_t m_last = 0;
+    std::uint64_t m_dropped = 0;
+};
+
+class Store : public ::testing::TestWithParam<const char*> {
+protected:
+    static constexpr std::int64_t kStart_s = 1000000000;
+
+    void SetUp() override
+    {
+        ASSERT_NE(std::setlocale(LC_ALL, GetParam()), nullptr) << GetParam();
+        // Publishes and forgets what the module was loaded with.
+        SetTime(kStart_s - 1000000);
+        g_last_fb_time = 0;
+        Update();
+        Take();
+        SetTime(kStart_s);
+        Update();
+    }
+    void TearDown() override
+    {
+        lua_close(L);
+        driver::SetClock(0);
+        std::setlocale(LC_ALL, "C");
+    }
+
+    void SetTime(std::int64_t now)
+    {
+        m_now = now;
+        driver::SetClock(static_cast<std::uint64_t>(now) * 1000000 + 999999);
+    }
+
+    void Add(const std::string& key, const std::string& value, double count)
+    {
+        const std::string text = value.empty() ? value : "v\t" + value;
+        lua_pushcfunction(L, AddToConnMetrics);
+        lua_pushlstring(L, key.data(), key.size());
+        lua_pushlstring(L, text.data(), text.size());
+        lua_pushnumber(L, count);
+        Call(3, 0);
+        m_reference.Add(key, value, count);
+    }
+
+    void Update()
+    {
+        lua_pushcfunction(L, UpdateConnMetrics);
+        Call(0, 0);
+        m_reference.Update(m_now);
+    }
+
+    std::vector<Row> Take()
+    {
+        lua_pushcfunction(L, GetConnMetrics);
+        Call(0, 1);
+        std::vector<Row> rows(lua_rawlen(L, -1));
+        for (std::size_t i = 0; i < rows.size(); ++i) {
+            lua_rawgeti(L, -1, static_cast<int>(i + 1));
+            lua_getfield(L, -1, "v");
+            lua_getfield(L, -2, "count");
+            rows[i] = {lua_isnil(L, -2) ? "" : lua_tostring(L, -2), lua_tonumber(L, -1)};
+            lua_pop(L, 3);
+        }
+        lua_settop(L, 0);
+        return rows;
+    }
+
+    // Compares a report with the reference's; its rows.
+    std::vector<Row> ExpectReport()
+    {
+        const std::vector<Row> rows = Take();
+        const std::vector<Row> expected = m_reference.Take();
+        EXPECT_EQ(rows.size(), expected.size());
+        for (std::size_t i = 0; i < rows.size() && i < expected.size(); ++i)
+            if (!(rows[i] == expected[i])) {
+                ADD_FAILURE() << "row " << i << ": " << rows[i].value << " x " << rows[i].count
+                              << " instead of " << expected[i].value << " x " << expected[i].count;
+                break;
+            }
+        return rows;
+    }
+
+    Reference m_reference;
+    std::int64_t m_now = 0;
+
+private:
+    void Call(int arguments, int results)
+    {
+        if (lua_pcall(L, arguments, results, 0) != LUA_OK) FAIL() << lua_tostring(L, -1);
+    }
+
+    lua_State* L = luaL_newstate();
+};
+
+// ---- a million random steps ------------------------------------------------------------
+
+class Random {
+public:
+    explicit Random(unsigned int seed) : m_engine(seed) {}
+    std::uint32_t Below(std::uint32_t limit)
+    {
+        return static_cast<std::uint32_t>(m_engine() % limit);
+    }
+    bool Chance(std::uint32_t one_in) { return Below(one_in) == 0; }
+
+private:
+    std::mt19937 m_engine;
+};
+
+std::string LongKey(std::uint32_t i)
+{
+    std::string key;
+    for (; key.size() < (1u << 20); ++i) key += i % 3 == 0 ? "\xc3\xa4" : std::to_string(i);
+    return key;
+}
+
+// Keys of every kind. The same number gives the same key; several kinds meet in one entry.
+std::string Key(std::uint32_t i)
+{
+    static const std::string long_keys[] = {std::string(1u << 20, 'k'), LongKey(0), LongKey(1),
+                                            std::string((1u << 20) - 1, 'k') + "\xff"};
+    const std::string number = std::to_string(i);
+    switch (i % 16) {
+        case 0:
+            return "\xc3\xbc" + number;  // UTF-8
+        case 1:
+            return number + "\xff";  // no text in any encoding
+        case 2:
+            return std::to_string(i + 1) + '\0' + number;  // ends at the NUL
+        case 4:
+            return number + '\0' + "\xff";  // what follows the NUL does not matter
+        case 5:
+            return i % 64 == 5 ? "" : "10.0.0.1:" + number;
+        case 6:
+            return i % 64 == 6 ? std::string("\0x", 2) : "\t" + number + "\n";
+        case 7:
+            return "\xf0\x9f\x98\x80" + number;  // beyond 16 bits
+        case 8:
+            return "\xed\xa0\x80" + number;  // half a surrogate pair
+        case 9:
+            return i < 1024 ? long_keys[i % 4] : number;
+        case 10:
+            return "\x7f" + number;
+        case 11:
+            return std::string(i % 300, 'a') + number;
+        default:
+            return number;
+    }
+}
+
+double Count(Random& random)
+{
+    constexpr double counts[] = {0,    2.9,     -1,   -0.9,        4294967295.0, 4294967296.0,
+                                 -2.5, 1e300,   5e18, -5e18 - 4e9, 1e19,         0.5,
+                                 NAN,  INFINITY};
+    return random.Chance(8) ? counts[random.Below(sizeof counts / sizeof *counts)]
+                            : 1 + random.Below(100);
+}
+
+std::int64_t Step(Random& random)
+{
+    constexpr std::int64_t steps_s[] = {0, 1, 59, 60, 61, 62, 100, -1, -61, -100};
+    return steps_s[random.Below(sizeof steps_s / sizeof *steps_s)];
+}
+
+TEST_P(Store, AMillionRandomSteps)
+{
+    Random random(20240611);
+    std::uint32_t kinds = 100;  // how many different keys this stretch knows
+    for (int i = 0; i < 1000000 && !HasFailure(); ++i) {
+        if (random.Chance(20000)) {
+            constexpr std::uint32_t stretches[] = {3, 100, 5000, 10300, 30000};
+            kinds = stretches[random.Below(5)];
+        }
+        // The 1 MB keys are rare: each costs a conversion.
+        std::uint32_t kind = random.Below(kinds);
+        if (kind < 1024 && kind % 16 == 9 && !random.Chance(100)) kind += 1;
+        const std::string value = random.Chance(50) ? "" : std::to_string(i);
+        Add(Key(kind), value, Count(random));
+        if (random.Chance(3000)) {
+            SetTime(m_now + Step(random));
+            Update();
+        }
+        if (random.Chance(9000)) ExpectReport();
+    }
+    SetTime(m_now + 1000);
+    Update();
+    ExpectReport();
+    EXPECT_EQ(ExpectReport().size(), 0u) << "a report empties the store";
+    EXPECT_GT(m_reference.dropped(), 0u) << "the caps were never met";
+}
+
+// ---- one thing at a time ---------------------------------------------------------------
+
+// Fed = reported + dropped, to the unit, whichever store is full.
+TEST_P(Store, NothingIsLostButAtTheCaps)
+{
+    struct Feeding {
+        int first;
+        int keys;
+        bool publish;
+    };
+    const struct {
+        const char* what;
+        std::vector<Feeding> feedings;
+        const char* prefix;
+    } cases[] = {
+        {"working store full", {{0, 9999, false}, {0, 15000, true}}, "k"},
+        {"working store just full", {{0, 10000, true}}, "k"},
+        {"finished store full", {{0, 10000, true}, {5000, 10000, true}}, "k"},
+        {"finished store nearly full", {{0, 9999, true}, {20000, 5000, true}, {0, 10, true}}, "k"},
+        {"both full", {{0, 12000, true}, {3000, 12000, true}, {0, 12000, true}}, "k"},
+        {"keys beyond ASCII", {{0, 12000, true}, {3000, 12000, true}}, "\xc3\xa4"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        const std::uint64_t dropped_before = m_reference.dropped();
+        double fed = 0;
+        for (const Feeding& feeding : c.feedings) {
+            for (int i = 0; i < feeding.keys; ++i) {
+                const int key = feeding.first + i;
+                Add(c.prefix + std::to_string(key), "x", key % 7 + 1);
+                fed += key % 7 + 1;
+            }
+            SetTime(m_now + 61);
+            if (feeding.publish) Update();
+        }
+        double reported = 0;
+        const std::vector<Row> rows = ExpectReport();
+        for (const Row& row : rows) reported += row.count;
+        EXPECT_LE(rows.size(), kMostKeys);
+        EXPECT_EQ(fed, reported + static_cast<double>(m_reference.dropped() - dropped_before));
+    }
+}
+
+TEST_P(Store, PublicationComesAfter61Seconds)
+{
+    const struct {
+        std::int64_t passed_s;
+        bool publishes;
+    } cases[] = {{0, false},  {60, false},      {61, true},
+                 {-1, false}, {-100000, false}, {1000000, true}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.passed_s);
+        SetTime(m_now + 100);
+        Update();
+        ExpectReport();
+        const std::int64_t published = m_now;
+        Add("k", "v", 2);
+        SetTime(m_now + c.passed_s);
+        Update();
+        const std::vector<Row> rows = ExpectReport();
+        EXPECT_EQ(rows, c.publishes ? std::vector<Row>({{"v", 2}}) : std::vector<Row>{});
+        if (c.publishes) continue;
+        SetTime(published + 61);
+        Update();
+        EXPECT_EQ(ExpectReport(), std::vector<Row>({{"v", 2}})) << "kept until then";
+    }
+    // An empty publication counts as one.
+    SetTime(m_now + 61);
+    Update();
+    Add("k", "v", 1);
+    SetTime(m_now + 60);
+    Update();
+    EXPECT_EQ(ExpectReport(), std::vector<Row>{});
+}
+
+TEST_P(Store, TheFirstTextWinsAcrossPublications)
+{
+    Add("k", "A", 2);
+    Add("k", "B", 2.9);
+    Add("k", "C", 0);
+    Add("n", "A", 0.9);
+    SetTime(m_now + 61);
+    Update();
+    Add("k", "D", -1);
+    Add("k", "E", 1);
+    Add("w", "F", 4294967295.0);
+    Add("w", "G", 1);
+    SetTime(m_now + 61);
+    Update();
+    EXPECT_EQ(ExpectReport(), std::vector<Row>({{"A", 4}, {"F", 0}}));
+}
+
+TEST_P(Store, WrongArgumentsChangeNothing)
+{
+    lua_State* script = luaL_newstate();
+    luaL_openlibs(script);
+    lua_pushcfunction(script, AddToConnMetrics);
+    lua_setglobal(script, "add");
+    const char* const calls[] = {
+        "add()",
+        "add(nil, 't', 1)",
+        "add('k')",
+        "add('k', {}, 1)",
+        "add('k', 't')",
+        "add('k', 't', {})",
+        "add('k', 't', 'x')",
+        "add(true, 't', 1)",
+        "add('k', 't', nil)",
+    };
+    const int positions[] = {1, 1, 2, 2, 3, 3, 3, 1, 3};
+    for (std::size_t i = 0; i < sizeof calls / sizeof *calls; ++i) {
+        EXPECT_NE(luaL_dostring(script, calls[i]), 0) << calls[i];
+        const std::string text = lua_tostring(script, -1);
+        EXPECT_NE(text.find("bad argument #" + std::to_string(positions[i])), std::string::npos)
+            << text;
+    }
+    // Numbers are keys and texts too; a count may be a text.
+    EXPECT_EQ(luaL_dostring(script, "add(12, 34, '5', 'more')"), 0);
+    lua_close(script);
+    SetTime(m_now + 61);
+    Update();
+    EXPECT_EQ(Take(), std::vector<Row>({{"", 5}}));
+}
+
+INSTANTIATE_TEST_SUITE_P(, Store, ::testing::Values("C", "C.UTF-8"),
+                         [](const auto& locale) { return locale.param[1] == '\0' ? "C" : "Utf8"; });
+
+}  // namespace
