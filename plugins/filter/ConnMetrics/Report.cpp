@@ -178,11 +178,12 @@ Text TakeLine(Text* text)
 }
 
 // At most how many fields a row will have, so that its table need not grow: the count,
-// one a line, and those of the flags.
+// one a line, and those of the flags. Long texts repeat names: their tables may grow.
 int CountFields(Text text)
 {
+    constexpr int most = 64;
     int fields = 1;
-    while (!text.empty()) {
+    while (!text.empty() && fields < most) {
         const Text line = TakeLine(&text);
         fields += line.substr(0, 6) == L"flags\t" ? 1 + kFlagCount : 1;
     }
@@ -204,7 +205,7 @@ void PushRow(lua_State* L, Report* report, const vxa_conn_metric_feedback_s& ent
 int BuildRows(lua_State* L)  // [-1, +1, v]
 {
     auto* report = static_cast<Report*>(lua_touserdata(L, kReportIndex));
-    luaL_checkstack(L, kStackNeeded, "connection report");
+    if (!lua_checkstack(L, kStackNeeded)) return luaL_error(L, "not enough memory");
     lua_createtable(L, static_cast<int>(report->taken.size()), 0);
     PushNames(L);
     int index = 0;

@@ -1,5 +1,8 @@
 // The two stores: feeding and publication.
 
+#include <cwchar>
+#include <string>
+
 #include "ConnMetrics.h"
 #include "KeyIndex.h"
 #include "LuaBoundary.h"
@@ -16,6 +19,21 @@ constexpr std::size_t kMostKeys = 10000;
 constexpr std::time_t kPublicationInterval_s = 60;
 
 fc::KeyIndex s_index;
+
+// The C library's multibyte conversion; what it cannot decode is the empty text. Not left
+// to wxString, which reports a lack of memory there as if the text were null.
+wxString FromMultibyte(const char* text)
+{
+    std::mbstate_t state{};
+    const char* source = text;
+    const std::size_t length = std::mbsrtowcs(nullptr, &source, 0, &state);
+    if (length == static_cast<std::size_t>(-1)) return wxString();
+    std::wstring wide(length, L'\0');
+    state = {};
+    source = text;
+    std::mbsrtowcs(wide.data(), &source, length, &state);
+    return wxString(wide);
+}
 
 // Only a count: the key's text stays as first fed.
 bool CountKnownKey(const wxString& key, std::uint32_t count)
@@ -46,10 +64,10 @@ void AddThroughMap(std::string_view bytes, const char* text, std::uint32_t count
     const bool plain = fc::IsPlainAscii(bytes);
     // Every stored key is indexed and this one is not among them: it is new.
     if (plain && StoreIsFull() && s_index.size() == g_cmfb_map.size()) return;
-    const wxString key(bytes.data(), wxConvLibc);
+    const wxString key = FromMultibyte(bytes.data());
     if (!CountKnownKey(key, count)) {
         if (StoreIsFull()) return;
-        g_cmfb_map.emplace(key, vxa_conn_metric_feedback_s{wxString(text, wxConvLibc), count});
+        g_cmfb_map.emplace(key, vxa_conn_metric_feedback_s{FromMultibyte(text), count});
     }
     if (plain) IndexEntry(bytes, key);
 }
