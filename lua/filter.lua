@@ -1,5 +1,6 @@
--- The filter script's part in health monitoring: holds the fail-open state, runs one
--- health check cycle whenever it is asked to, and carries out what the cycle decides.
+-- The filter script's two parts. In health monitoring: holds the fail-open state, runs one
+-- health check cycle whenever it is asked to, and carries out what the cycle decides. In
+-- connection feedback: turns the driver's flows into observations, and fetches the report.
 --
 -- An agent can ship this file as it stands. It needs the module `fc` (which fills
 -- SLB.filter) and nothing else:
@@ -11,12 +12,17 @@
 --         policy = text_from_management,      -- JSON, or "" for /etc/vx_filter.conf
 --         enforce = function(on, unload) … end,
 --     }
---     every 10 seconds: local result = monitor:cycle()
+--     local feedback = filter.feedback()
+--     every 10 seconds:
+--         local result = monitor:cycle()
+--         feedback:sample(assert(handle:connections()))
+--         local report = feedback:report()   -- about once a minute, nil otherwise
 --
 -- Who owns what. The module samples the machine, compares six metrics with their
 -- thresholds and remembers when fail-open began. The script owns the state: the module
--- believes whatever state it is told, and changes nothing by itself. So keep exactly one
--- monitor per process, and call it from one thread.
+-- believes whatever state it is told, and changes nothing by itself. The module also keeps
+-- the observations; the script knows which flows it has fed already. So keep exactly one
+-- monitor and one feedback per process, and call them from one thread.
 
 local filter = {}
 
@@ -218,6 +224,111 @@ function Monitor:cycle()
     end
     result.state, result.unpublished = self.state, self.unpublished
     return result
+end
+
+-- ---- connection feedback --------------------------------------------------------------
+
+-- The module publishes what was fed when it is asked to and more than 60 whole seconds
+-- have passed since it did so last, or since it was loaded.
+filter.PUBLICATION_INTERVAL_S = 61
+
+-- Bits of an observation's "flags" that the flow table can tell.
+filter.UDP_CONNECTION = 0x2
+filter.OUTBOUND_CONNECTION = 0x4
+
+-- What the module is told of a flow: the key under which equal ones are counted, and lines
+-- of a name, a TAB and a value. Equal are flows to the same service, whoever opened them: a
+-- client's port differs every time, and a server has more clients than the module has room
+-- for. `flow` is a row of handle:connections(); `outbound`: it was opened from this machine.
+function filter.observation(flow, outbound)
+    local flags = (flow.protocol == "udp" and filter.UDP_CONNECTION or 0)
+        + (outbound and filter.OUTBOUND_CONNECTION or 0)
+    local key = ("%s %s %d %d"):format(flow.protocol, flow.dst, flow.dport, flags)
+    local text = ("protocol\t%s\ndst_addr\t%s\ndst_port\t%d\nflags\t%d\n")
+        :format(flow.protocol, flow.dst, flow.dport, flags)
+    return key, text, flags
+end
+
+local function identity(flow)
+    return ("%s %s %d %s %d"):format(flow.protocol, flow.src, flow.sport, flow.dst, flow.dport)
+end
+
+local Feedback = {}
+Feedback.__index = Feedback
+
+-- options.is_local  function(address): whether it is one of this machine's. Without it no
+--                   flow counts as outbound.
+-- options.observed  function(key, flow, flags), called for every observation fed
+-- The module must be loaded: the time to the first publication runs from then on.
+function filter.feedback(options)
+    options = options or {}
+    return setmetatable({ is_local = options.is_local, observed = options.observed,
+                          present = {}, fed = 0, published = os.time() }, Feedback)
+end
+
+-- Feeds one observation for each flow that the previous sample did not have. A flow that
+-- lasts is counted once; one that comes and goes between two samples is not seen, unless
+-- the driver still remembers it; one that comes back with the same ports in time for the
+-- next sample counts as the same. Returns how many flows there are and how many are new.
+function Feedback:sample(flows)
+    local present, total, new = {}, 0, 0
+    for _, flow in ipairs(flows) do
+        local name = identity(flow)
+        if not present[name] then  -- both ends of a connection within the machine are listed
+            present[name] = true
+            total = total + 1
+            if not self.present[name] then
+                new = new + 1
+                self:feed(flow)
+            end
+        end
+    end
+    self.present = present
+    return total, new
+end
+
+function Feedback:feed(flow)
+    local outbound = self.is_local ~= nil and self.is_local(flow.src)
+    local key, text, flags = filter.observation(flow, outbound)
+    SLB.filter.AddToConnMetrics(key, text, 1)
+    self.fed = self.fed + 1
+    if self.observed then self.observed(key, flow, flags) end
+end
+
+-- Seconds until the module can publish; 0 when it can. A clock that was set back prolongs
+-- it, for the module as well.
+function Feedback:due()
+    return math.max(0, self.published + filter.PUBLICATION_INTERVAL_S - os.time())
+end
+
+-- Most frequent first; equally frequent ones in the module's order.
+local function sort_by_count(rows)
+    local position = {}
+    for i, row in ipairs(rows) do position[row] = i end
+    table.sort(rows, function(a, b)
+        if a.count ~= b.count then return a.count > b.count end
+        return position[a] < position[b]
+    end)
+end
+
+-- Publishes and fetches what was fed, or returns nil while that is not due. A report has
+--   rows          as SLB.filter.GetConnMetrics gives them, most frequent first
+--   observations  the sum of their counts
+--   refused       observations for which the module had no room: it keeps 10000 keys
+--   since, time   the seconds between which they were fed
+function Feedback:report()
+    if self:due() > 0 then return nil end
+    SLB.filter.UpdateConnMetrics()
+    local report = { rows = SLB.filter.GetConnMetrics(), observations = 0,
+                     since = self.published, time = os.time() }
+    -- A clock that was set back in between: the module kept everything for later.
+    if #report.rows == 0 and self.fed > 0 then return nil end
+    for _, row in ipairs(report.rows) do report.observations = report.observations + row.count end
+    report.refused = self.fed - report.observations
+    sort_by_count(report.rows)
+    -- Taken after the call, so never before the module's own note of the time.
+    self.fed, self.published = 0, report.time
+    return report
 end
 
 return filter

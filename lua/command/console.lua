@@ -1,5 +1,7 @@
 -- Standard output and standard error, whole lines at a time.
 
+local printable = require "command.printable"
+
 local EPIPE = 32
 
 local console = {}
@@ -20,7 +22,7 @@ end
 
 -- Whatever was in the text: one line.
 function console.complain(text)
-    io.stderr:write("vxa: ", (text:gsub("%s*\n%s*", " ")), "\n")
+    io.stderr:write("vxa: ", printable((text:gsub("%s*\n%s*", " "))), "\n")
 end
 
 local plain = { red = "", bold = "", dim = "", off = "" }

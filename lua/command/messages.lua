@@ -4,6 +4,7 @@
 -- once, with what it costs; the records of every cycle go into the JSON output complete.
 
 local console = require "command.console"
+local printable = require "command.printable"
 
 local messages = {}
 
@@ -36,8 +37,9 @@ end
 local Messages = {}
 Messages.__index = Messages
 
-function messages.new(vxa)
-    return setmetatable({ vxa = vxa, told = {}, records = {} }, Messages)
+-- `shown`: the trace categories that the user asked for, as a set.
+function messages.new(vxa, shown)
+    return setmetatable({ vxa = vxa, shown = shown, told = {}, records = {} }, Messages)
 end
 
 -- The records since the last call, for the filter script.
@@ -66,12 +68,16 @@ function Messages:faults()
     return faults
 end
 
+local function show_trace(record)
+    io.stderr:write(("trace %s %s: %s\n"):format(record.category, record["function"],
+        printable((record.message:gsub("\n$", "")))))
+end
+
 -- Shows the traces among the records taken last, and the faults that are new.
 function Messages:show()
     for _, record in ipairs(self.records) do
         if record.kind == "trace" then
-            io.stderr:write(("trace %s %s: %s\n"):format(record.category, record["function"],
-                record.message))
+            if self.shown[record.category] then show_trace(record) end
         elseif is_fault[record.level] then
             self:tell_once(record.message)
         end

@@ -27,41 +27,96 @@ local function interval(text)
         :format(LONGEST_INTERVAL_S, text)
 end
 
-local function add_common(command)
+local function add_driver(command)
+    command:option("--engine", "What plays the packet filter: linux (default) or sim.")
+        :argname("NAME")
+    command:option("--trace", "Show the module's messages of this category, such as "
+        .. "SysHealth.eng or 'SysHealth.*'. May be repeated.")
+        :argname("CATEGORY"):count("*"):target("traces")
+end
+
+local function add_policy(command)
     command:option("--policy", "Health policy, a JSON file. Without it: /etc/vx_filter.conf, "
         .. "or the built-in default where that does not exist."):argname("FILE")
     command:option("--port", "Monitor the connections of this port. Takes the place of the "
         .. "policy's port and adds connection thresholds to a policy that has none.")
         :argname("N"):convert(whole("--port", 1, 65535))
     command:flag("--outbound", "The port is that of remote servers; without it, of servers here.")
-    command:option("--engine", "What plays the packet filter: linux (default) or sim.")
-        :argname("NAME")
-    command:option("--trace", "Show the module's messages of this category, such as "
-        .. "SysHealth.eng or 'SysHealth.*'. May be repeated.")
-        :argname("CATEGORY"):count("*"):target("traces")
+end
+
+local function add_json(command)
     command:flag("--json", "One JSON object a line instead of text.")
+end
+
+local function add_cycles(command, what)
+    command:option("--interval", ("Seconds from one %s to the next (default 10)."):format(what))
+        :argname("SECONDS"):convert(interval):default(10)
+    command:option("--cycles", ("End after this many %ss."):format(what)):argname("N")
+        :convert(whole("--cycles", 1, 1000000000))
+end
+
+local function add_state(command)
+    command:option("--state", "Keep the host document and its events in this folder.")
+        :argname("DIR")
+end
+
+local function add_run(parser)
+    local run = parser:command("run", "Run health check cycles and show each.")
+    add_policy(run)
+    add_driver(run)
+    add_json(run)
+    add_cycles(run, "cycle")
+    add_state(run)
+end
+
+local function add_status(parser)
+    local status = parser:command("status", "Run one cycle and show what is monitored, and how "
+        .. "far this machine allows it.")
+    add_policy(status)
+    add_driver(status)
+    add_json(status)
+end
+
+local function add_connections(parser)
+    local connections = parser:command("connections",
+        "Feed the module the connections of this machine and show its reports.")
+    connections:epilog("The module publishes what it was fed at most once in 61 seconds, so the "
+        .. "first report comes 61 seconds after the start. Until Ctrl-C or --cycles, a line for "
+        .. "each sample shows what is new; what was not published by then is shown as such.")
+    add_driver(connections)
+    add_json(connections)
+    add_cycles(connections, "sample")
+end
+
+local function add_diag(parser)
+    local diag = parser:command("diag", "Write a diagnostic package with the driver's tables.")
+    diag:argument("archive", "The package, a zip file."):argname("OUT.zip")
+    diag:flag("--force", "Replace the file if there is one.")
+    add_driver(diag)
+    add_state(diag)
+end
+
+local function add_show(parser)
+    local show = parser:command("show", "List a diagnostic package, or print an entry of it.")
+    show:argument("archive", "The package."):argname("OUT.zip")
+    show:argument("entry", "The entry to print."):argname("ENTRY"):args("?")
+    show:flag("--raw", "Write the entry's bytes unchanged.")
 end
 
 local function build()
     local parser = argparse("vxa")
-        :description("Health monitoring with fail-open: watches this machine and says when a "
-            .. "network filter should stop enforcing, and when it may enforce again.")
+        :description("Plays the filter script of a host security agent: watches this machine's "
+            .. "health and says when a network filter should stop enforcing, reports "
+            .. "connections, and packs up the driver's tables.")
         :epilog("Exit status: 0 done; 1 the run failed; 2 the call or the policy is wrong.")
         :help_max_width(90):usage_max_width(90):command_target("command")
     parser:flag("--version", "Show the version and exit.")
     parser:require_command(false)
-
-    local run = parser:command("run", "Run health check cycles and show each.")
-    add_common(run)
-    run:option("--interval", "Seconds from one cycle to the next (default 10)."):argname("SECONDS")
-        :convert(interval):default(10)
-    run:option("--cycles", "End after this many cycles."):argname("N")
-        :convert(whole("--cycles", 1, 1000000000))
-    run:option("--state", "Keep the host document and its events in this folder."):argname("DIR")
-
-    local status = parser:command("status", "Run one cycle and show what is monitored, and how "
-        .. "far this machine allows it.")
-    add_common(status)
+    add_run(parser)
+    add_status(parser)
+    add_connections(parser)
+    add_diag(parser)
+    add_show(parser)
     return parser
 end
 
@@ -85,8 +140,10 @@ function options.parse(arguments)
     local ok, parsed = parser:pparse(bind_negative_numbers(arguments))
     if not ok then return nil, (parsed:gsub("\nDid you mean", "; did you mean")) end
     if parsed.outbound and not parsed.port then return nil, "--outbound needs --port" end
+    if parsed.raw and not parsed.entry then return nil, "--raw needs an entry" end
     if not parsed.version and not parsed.command then
-        return nil, "no command given: use 'vxa run' or 'vxa status' (vxa --help tells more)"
+        return nil, "no command given: use 'vxa run', 'vxa status', 'vxa connections', 'vxa diag' "
+            .. "or 'vxa show' (vxa --help tells more)"
     end
     return parsed
 end

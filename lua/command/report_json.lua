@@ -9,11 +9,13 @@ local policy = require "command.policy"
 local report_json = {}
 
 local KEY_ORDER = {
-    "record", "time", "version", "engine", "monitoring", "policy_source", "settings", "interval_s", "cycle",
+    "record", "time", "since", "version", "engine", "monitoring", "policy_source", "settings",
+    "interval_s", "publication_interval_s", "cycle", "sample",
     "action", "action_text", "state", "measured", "metrics", "name", "available", "value",
     "threshold", "unit", "enabled", "over", "transition", "min_fail_open_s", "in_fail_open_s",
     "port", "direction", "errors", "capabilities", "detail", "cycles", "entered",
-    "seconds", "interrupted",
+    "flows", "new", "beyond", "error", "published", "services", "protocol", "dst_addr", "dst_port",
+    "flags", "count", "samples", "observations", "reported", "refused", "seconds", "interrupted",
 }
 for _, setting in ipairs(policy.settings) do KEY_ORDER[#KEY_ORDER + 1] = setting.key end
 
@@ -88,11 +90,17 @@ function Report:cycle(result, faults)
     console.line("%s", report_json.encode(record))
 end
 
+function Report:connections(report)
+    require("command.connection_json").report(report, true)
+end
+
 function Report:finish(totals)
     console.line("%s", report_json.encode {
         record = "end", time = report_json.time(os.time()), cycles = totals.cycles,
-        measured = totals.measured, entered = totals.entered, seconds = tonumber(("%.3f"):format(totals.seconds)),
-        state = totals.state, interrupted = totals.interrupted,
+        measured = totals.measured, entered = totals.entered,
+        observations = totals.observations, reported = totals.reported,
+        seconds = tonumber(("%.3f"):format(totals.seconds)), state = totals.state,
+        interrupted = totals.interrupted,
     })
 end
 

@@ -1,5 +1,6 @@
 -- The lines of `vxa run` for people.
 
+local connection_text = require "command.connection_text"
 local console = require "command.console"
 local filter = require "filter"
 local text = require "command.text"
@@ -127,7 +128,21 @@ function Report:cycle(result)
     if result.transition then self:transition(result) end
 end
 
+local ROWS_SHOWN = 5
+
+function Report:connections(report)
+    console.line("%s== connections%s: %s", self.colours.bold, self.colours.off,
+        connection_text.summary(report))
+    connection_text.rows(report.rows, ROWS_SHOWN)
+    connection_text.refused(report)
+end
+
 function Report:finish(totals)
+    if totals.rest then
+        console.line("== connections: %s, not published yet (the module publishes at %s)",
+            connection_text.summary(totals.rest),
+            connection_text.next(self.monitored.feedback))
+    end
     console.line("%s in %s, %d measured, fail-open entered %s; %s", text.count(totals.cycles, "cycle"),
         text.duration(totals.seconds), totals.measured, text.count(totals.entered, "time"),
         totals.state == filter.ACTIVATED and "ends in fail-open" or "ends enforcing")

@@ -3,19 +3,11 @@
 local console = require "command.console"
 local filter = require "filter"
 local messages = require "command.messages"
+local pace = require "command.pace"
 local policy = require "command.policy"
 local session = require "command.session"
 
 local reports = { [true] = "command.report_json", [false] = "command.report_text" }
-
--- The pace is kept: a late cycle does not delay the next ones, and cycles that were
--- missed altogether are not made up for.
-local function wait(vxa, due, interval_s)
-    local now = vxa.clock()
-    due = due + interval_s
-    if due <= now then return now, true end
-    return due, vxa.sleep(due - now)
-end
 
 local function warn_of_interval(monitored, interval_s, result)
     local longest = result.metrics[#result.metrics]
@@ -70,18 +62,39 @@ local function was_cut_short(vxa, result)
     return vxa.interrupted() and not result.measured
 end
 
+-- Before the cycle, whose records then hold what the driver says here.
+local function feed(monitored, totals)
+    local flows, new = monitored.feedback:sample()
+    if flows then
+        totals.observations = totals.observations + new
+    elseif not monitored.vxa.interrupted() then
+        monitored.messages:tell_once(("connections cannot be read: %s (none are reported)")
+            :format(new))
+    end
+end
+
+local function publish(monitored, report, totals)
+    local published = monitored.feedback:report()
+    if not published then return end
+    totals.reported = totals.reported + published.observations
+    report:connections(published)
+end
+
 local function run_cycles(monitored, options, report, totals)
     local vxa = monitored.vxa
     local due, awake = vxa.clock(), true
     while awake and not vxa.interrupted() do
+        feed(monitored, totals)
         local result = session.cycle(monitored)
         if was_cut_short(vxa, result) then return end
         count(totals, result)
         report:cycle(result, monitored.messages:faults())
         monitored.messages:show()
         advise(monitored, options, result)
+        publish(monitored, report, totals)
         if totals.cycles == options.cycles then return end
-        due, awake = wait(vxa, due, options.interval)
+        due = pace.next(vxa, due, options.interval)
+        awake = vxa.sleep(math.max(due - vxa.clock(), 0))
     end
 end
 
@@ -90,12 +103,13 @@ return function(options)
     local vxa = monitored.vxa
     vxa.catch_signals()
     local report = require(reports[options.json == true]).new(monitored, options)
-    local totals = { cycles = 0, measured = 0, disabled = 0, entered = 0, started = vxa.clock(),
-                     state = monitored.monitor.state }
+    local totals = { cycles = 0, measured = 0, disabled = 0, entered = 0, observations = 0,
+                     reported = 0, started = vxa.clock(), state = monitored.monitor.state }
     report:start()
     run_cycles(monitored, options, report, totals)
     totals.seconds = vxa.clock() - totals.started
     totals.interrupted = vxa.interrupted()
+    totals.rest = monitored.feedback:rest()
     report:finish(totals)
     session.finish(monitored)
     if totals.cycles > 0 and totals.measured + totals.disabled == 0 then

@@ -54,12 +54,14 @@ local function glob_to_pattern(text)
     return "^" .. text:gsub("[%^%$%(%)%%%.%[%]%+%-%?]", "%%%0"):gsub("%*", ".*") .. "$"
 end
 
--- A category that nothing writes to would show nothing without a word.
+-- Switches the categories on and returns their set. One that nothing writes to would show
+-- nothing without a word.
 local function switch_traces(vxa, wanted)
+    local shown = {}
     for _, text in ipairs(wanted) do
         local pattern, known = glob_to_pattern(text), false
         for _, category in ipairs(TRACE_CATEGORIES) do
-            known = known or category:match(pattern) ~= nil
+            if category:match(pattern) then known, shown[category] = true, true end
         end
         if not known then
             fail(2, "unknown trace category '%s'; known are: %s", text,
@@ -67,6 +69,7 @@ local function switch_traces(vxa, wanted)
         end
         vxa.trace(text, true)
     end
+    return shown
 end
 
 local function open_document(vxa, folder)
@@ -80,26 +83,50 @@ local function cpu_count()
     return rows[#rows].cpu_count
 end
 
--- Returns {vxa, engine, policy, dom, messages, monitor}.
-function session.start(options)
+-- What every command that asks the driver needs: {vxa, engine}, the module `fc` loaded.
+function session.attach(options)
     local vxa = session.host()
     local engine = choose_engine(vxa, options.engine)
     load_module "fc"
-    local chosen = policy.choose(options, vxa, cpu_count)
-    for _, warning in ipairs(chosen.warnings) do
-        console.complain(("warning: %s: %s"):format(chosen.source, warning))
+    return { vxa = vxa, engine = engine }
+end
+
+-- From now on the records of the log are kept for `messages`, and for whoever looks at them.
+function session.listen(attached, options)
+    attached.vxa.capture(true)
+    attached.messages = messages.new(attached.vxa, switch_traces(attached.vxa, options.traces))
+end
+
+-- The host document in the folder that the user named, or in memory.
+function session.document(attached, options)
+    attached.dom = open_document(attached.vxa, options.state)
+end
+
+-- An open handle whose driver's own messages are traced where the user wants them; or nil
+-- and what is wrong.
+function session.open(vxa)
+    local handle, message = vxa.open()
+    if handle then SLB.filter.setup_tbtrace(handle) end
+    return handle, message
+end
+
+-- For health monitoring. Returns {vxa, engine, policy, dom, messages, monitor, feedback}.
+function session.start(options)
+    local started = session.attach(options)
+    started.policy = policy.choose(options, started.vxa, cpu_count)
+    for _, warning in ipairs(started.policy.warnings) do
+        console.complain(("warning: %s: %s"):format(started.policy.source, warning))
     end
-    vxa.capture(true)
-    vxa.verbose(true)
-    switch_traces(vxa, options.traces)
-    vxa.mkdir(DIAGNOSTICS_FOLDER)  -- where it cannot be made, the module says so
-    local dom = open_document(vxa, options.state)
-    local told = messages.new(vxa)
-    local monitor = require("filter").new {
-        dom = dom, policy = chosen.text, records = function() return told:take() end,
+    session.listen(started, options)
+    started.vxa.verbose(true)
+    started.vxa.mkdir(DIAGNOSTICS_FOLDER)  -- where it cannot be made, the module says so
+    session.document(started, options)
+    started.monitor = require("filter").new {
+        dom = started.dom, policy = started.policy.text,
+        records = function() return started.messages:take() end,
     }
-    return { vxa = vxa, engine = engine, policy = chosen, dom = dom, messages = told,
-             monitor = monitor }
+    started.feedback = require("command.feedback").new(started)
+    return started
 end
 
 -- One cycle, with the time at which it began.

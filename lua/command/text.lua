@@ -27,8 +27,16 @@ function text.duration(seconds)
     return rest == 0 and ("%d min"):format(minutes) or ("%d min %d s"):format(minutes, rest)
 end
 
-function text.count(number, noun)
-    return ("%d %s%s"):format(number, noun, number == 1 and "" or "s")
+function text.count(number, noun, plural)
+    return ("%d %s"):format(number, number == 1 and noun or plural or noun .. "s")
+end
+
+-- "873 bytes", "41.2 kB", "9.7 MB"
+function text.size(bytes)
+    if bytes < 1000 then return text.count(bytes, "byte") end
+    local unit = bytes < 1e6 and "kB" or bytes < 1e9 and "MB" or "GB"
+    local size = bytes / (unit == "kB" and 1e3 or unit == "MB" and 1e6 or 1e9)
+    return (size < 99.95 and "%.1f %s" or "%.0f %s"):format(size, unit)
 end
 
 -- The names of metrics beyond their thresholds.

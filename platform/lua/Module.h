@@ -10,7 +10,7 @@ namespace vxa {
 
 // Each fills the module's table on top. [-0, +0, m]
 void open_document(lua_State* L);  // Document.cpp: Dom
-void open_archive(lua_State* L);   // Archive.cpp: ZipOutputStream
+void open_archive(lua_State* L);   // Archive.cpp: ZipOutputStream, zip_entries, zip_read
 void open_handle(lua_State* L);    // Handle.cpp: open, and the handle's methods
 void open_engine(lua_State* L);    // Engine.cpp: engine, engines, fault, simulate...
 void open_log(lua_State* L);       // Log.cpp: trace, verbose, log_to, capture, captured

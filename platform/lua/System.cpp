@@ -63,7 +63,42 @@ int rename_file(lua_State* L)
 {
     const char* from = check_path(L, 1);
     const char* to = check_path(L, 2);
-    return push_call(L, [&] { return VxaCore::Host::RenameDurably(from, to); });
+    const auto existing =
+        lua_toboolean(L, 3) ? VxaCore::Host::Existing::kKept : VxaCore::Host::Existing::kReplaced;
+    return push_call(L, [&] { return VxaCore::Host::RenameDurably(from, to, existing); });
+}
+
+// The file exists before Lua has its name; the name's holder is made first, and without
+// memory for the text the file stays behind, empty.
+int make_temporary(lua_State* L)
+{
+    const char* path = check_path(L, 1);
+    auto* made = new_holder<std::string>(L);
+    Failure failure;
+    if (!guarded(failure, [&] { failure.set(VxaCore::Host::MakeTemporary(path, *made)); }))
+        return push_failure(L, failure);
+    lua_pushlstring(L, made->data(), made->size());
+    return 1;
+}
+
+int file_kind(lua_State* L)
+{
+    const char* path = check_path(L, 1);
+    const char* kind = nullptr;
+    int error_number = 0;
+    Failure failure;
+    if (!guarded(failure, [&] {
+            kind = VxaCore::Host::FileKind(path);
+            error_number = errno;
+        }))
+        return push_failure(L, failure);
+    if (!kind && error_number != ENOENT) {
+        lua_pushnil(L);
+        lua_pushfstring(L, "%s: %s", path, std::strerror(error_number));
+        return 2;
+    }
+    lua_pushstring(L, kind ? kind : "none");
+    return 1;
 }
 
 int is_terminal(lua_State* L)
@@ -95,15 +130,17 @@ int check_json(lua_State* L)
 }
 
 constexpr luaL_Reg kFunctions[] = {
-    {"clock", clock},           {"setenv", set_environment}, {"mkdir", make_directory},
-    {"rename", rename_file},    {"isatty", is_terminal},     {"euid", effective_user},
-    {"check_json", check_json}, {nullptr, nullptr},
+    {"clock", clock},        {"setenv", set_environment},   {"mkdir", make_directory},
+    {"rename", rename_file}, {"temporary", make_temporary}, {"file_kind", file_kind},
+    {"isatty", is_terminal}, {"euid", effective_user},      {"check_json", check_json},
+    {nullptr, nullptr},
 };
 
 }  // namespace
 
 void open_system(lua_State* L)
 {
+    register_holder<std::string>(L);
     luaL_setfuncs(L, kFunctions, 0);
 }
 

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "vxa_core/files.h"
@@ -68,17 +69,59 @@ std::string MakeDirectories(const std::string& path)
     return {};
 }
 
-std::string RenameDurably(const std::string& from, const std::string& to)
+namespace {
+
+// Where a file system cannot rename without replacing, a second name must do.
+bool RenameKeeping(const char* from, const char* to)
+{
+    if (renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE) == 0) return true;
+    return (errno == EINVAL || errno == ENOSYS) && link(from, to) == 0 && unlink(from) == 0;
+}
+
+bool Rename(const char* from, const char* to, Existing existing)
+{
+    return existing == Existing::kKept ? RenameKeeping(from, to) : rename(from, to) == 0;
+}
+
+}  // namespace
+
+std::string RenameDurably(const std::string& from, const std::string& to, Existing existing)
 {
     const auto failure = [&] {
         return "cannot rename " + from + " to " + to + ": " + ErrorText(errno);
     };
     const FileDescriptor file(open(from.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    if (!file || fsync(file.get()) != 0 || rename(from.c_str(), to.c_str()) != 0) return failure();
+    if (!file || fsync(file.get()) != 0 || !Rename(from.c_str(), to.c_str(), existing))
+        return failure();
     const size_t slash = to.rfind('/');
     const std::string folder = slash == std::string::npos ? "." : to.substr(0, slash + 1);
     const FileDescriptor directory(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return directory && fsync(directory.get()) == 0 ? "" : failure();
+}
+
+std::string MakeTemporary(const std::string& path, std::string& made)
+{
+    std::string name = path + ".XXXXXX";
+    const FileDescriptor file(mkostemp(name.data(), O_CLOEXEC));
+    if (!file) return "cannot write " + path + ": " + ErrorText(errno);
+    made = std::move(name);
+    return {};
+}
+
+const char* FileKind(const std::string& path)
+{
+    struct stat status;
+    if (lstat(path.c_str(), &status) != 0) return nullptr;
+    switch (status.st_mode & S_IFMT) {
+        case S_IFREG:
+            return "file";
+        case S_IFDIR:
+            return "directory";
+        case S_IFLNK:
+            return "link";
+        default:
+            return "other";
+    }
 }
 
 }  // namespace Host

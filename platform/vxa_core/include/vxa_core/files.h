@@ -12,9 +12,21 @@ namespace VxaCore::Host {
 // success, else what was wrong.
 VXA_CORE_API std::string MakeDirectories(const std::string& path);
 
-// Renames a finished file over another name: its content is on the disk before the name
-// changes, and the name when the call returns. Empty for success, else what was wrong.
-VXA_CORE_API std::string RenameDurably(const std::string& from, const std::string& to);
+// What stands at the new name when a file is renamed.
+enum class Existing { kReplaced, kKept };
+
+// Renames a finished file: its content is on the disk before the name changes, and the
+// name when the call returns. With kKept a name that stands already makes it fail, also
+// when it came into being a moment ago. Empty for success, else what was wrong.
+VXA_CORE_API std::string RenameDurably(const std::string& from, const std::string& to,
+                                       Existing existing = Existing::kReplaced);
+
+// Makes an empty file beside `path`, for its owner only, under a name that was free: the
+// path and a suffix, in `made`. Empty for success, else what was wrong.
+VXA_CORE_API std::string MakeTemporary(const std::string& path, std::string& made);
+
+// "file", "directory", "link" (not followed) or "other"; null with errno set.
+VXA_CORE_API const char* FileKind(const std::string& path);
 
 // Whether a document can keep the text unchanged: UTF-8 without zero bytes.
 VXA_CORE_API bool IsDocumentText(std::string_view bytes);

@@ -1,0 +1,29 @@
+// Reading zip archives, which may come from anywhere: what a file claims about itself is
+// checked before memory is spent on it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "VxaCore/Export.h"
+
+namespace VxaCore::Host {
+
+struct ArchiveEntry {
+    std::string name;            // UTF-8 without zero bytes, otherwise whatever the archive says
+    std::uint64_t bytes;         // as declared; reading the entry is what proves it
+    std::uint64_t packed_bytes;  // what it takes in the archive
+    bool text;                   // marked as text by its writer
+};
+
+// The archive's directory, in its order. At most 10000 entries. Throws
+// std::runtime_error with the reason, the path in front.
+VXA_CORE_API std::vector<ArchiveEntry> ListArchive(const std::string& path);
+
+// The bytes of the first entry of that name, complete and with the right checksum; never
+// more than `most_bytes`. Throws as above; also when there is no such entry.
+VXA_CORE_API std::string ReadArchiveEntry(const std::string& path, const std::string& name,
+                                          std::uint64_t most_bytes);
+
+}  // namespace VxaCore::Host
