@@ -28,6 +28,13 @@ function(add_sandboxed_lua_test name script)
     set_tests_properties(${name} PROPERTIES SKIP_RETURN_CODE 77 TIMEOUT 120)
 endfunction()
 
+# add_plugin_lua_test(NAME SCRIPT): the script under stock lua5.2, on the built libraries.
+function(add_plugin_lua_test name script)
+    add_test(NAME ${name} COMMAND ${LUA} ${CMAKE_CURRENT_SOURCE_DIR}/${script})
+    set_tests_properties(${name} PROPERTIES TIMEOUT 300 ENVIRONMENT
+        "${LUA_TEST_ENVIRONMENT};${LEAK_ENVIRONMENT};LUA_PATH=${TEST_SUPPORT_DIR}/?.lua\;\;")
+endfunction()
+
 # discover_plugin_tests(TARGET): its GoogleTest cases, with the environment they need.
 function(discover_plugin_tests target)
     gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST
