@@ -107,8 +107,8 @@ typedef struct vxa_dump_conntrack_s {
     uint32_t request;  /* VXA_CONNTRACK_REQUEST_TABLE */
     uint16_t entry_ct; /* count request: total, out. Fill request: capacity in, filled out */
     uint16_t reserved;
-    uint32_t total;        /* fill request, out: flows of this protocol that exist */
-    uint8_t protocol;      /* 0: count request; 17 UDP, 6 TCP: fill request */
+    uint32_t total;   /* fill request, out: flows of this protocol that exist */
+    uint8_t protocol; /* 0: count request; 17 UDP, 6 TCP: fill request */
     uint8_t unused[3];
 } vxa_dump_conntrack_s;
 
@@ -166,11 +166,12 @@ static_assert(sizeof(vxa_get_conn_states_s) == 280, "connection states");
 /* ---- filter variables -------------------------------------------------- */
 
 enum {
-    VXA_FILTER_VARIABLE_COUNT = 173,          /* numbers 0 to 172 */
+    VXA_FILTER_VARIABLE_COUNT = 173, /* numbers 0 to 172 */
     VXA_FILTER_VARIABLE_RULE_PROFILING = 62,
 };
-#define VXA_FILTER_VARIABLE_ABSENT 0xffffffffu /* the kernel has no such setting; one that is
-                                                  as large or larger, or -1, reads one less */
+#define VXA_FILTER_VARIABLE_ABSENT                             \
+    0xffffffffu /* the kernel has no such setting; one that is \
+                   as large or larger, or -1, reads one less */
 
 typedef struct vxa_filter_variable_s {
     uint32_t number;

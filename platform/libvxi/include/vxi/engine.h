@@ -31,10 +31,10 @@ VXI_API const char* vxi_open_error(void);
 
 /* What an engine can deliver on this machine, one row a facility. */
 typedef struct vxi_capability_s {
-    const char* name;  /* "scan-metrics", "statistics", "variables", "conntrack",
-                          "conn-states", "blacklist", "rule-profile" */
-    int available;     /* 1: the calls will be served */
-    char detail[192];  /* available: from which source; else why not and what would mend it */
+    const char* name; /* "scan-metrics", "statistics", "variables", "conntrack",
+                         "conn-states", "blacklist", "rule-profile" */
+    int available;    /* 1: the calls will be served */
+    char detail[192]; /* available: from which source; else why not and what would mend it */
 } vxi_capability_s;
 
 /* Fills up to `count` rows and returns how many facilities there are in all;
