@@ -19,6 +19,7 @@ end
 
 -- The rows of a report, at most so many.
 function connection_text.rows(rows, most)
+    if #rows == 0 then return end
     local cells = { { " count", "protocol", "direction", "destination" } }
     for i = 1, math.min(#rows, most or #rows) do
         local row = rows[i]
@@ -31,6 +32,7 @@ end
 
 -- "231 connections to 5 services since 07:11:03"
 function connection_text.summary(report)
+    if #report.rows == 0 then return "no new connection since " .. clock(report.since) end
     return ("%s to %s since %s"):format(text.count(report.observations, "new connection"),
         text.count(#report.rows, "service"), clock(report.since))
 end

@@ -30,13 +30,15 @@ local TABLES = {
 
 -- ---- the file -----------------------------------------------------------------------------
 
+local in_the_way = { directory = "a directory", link = "a symbolic link", other = "no file" }
+
 -- Only a file that is in the way may be replaced: not a device, which a rename would take
 -- away from everybody else.
 local function check_target(vxa, path, force)
     local kind, message = vxa.file_kind(path)
     if not kind then fail(1, "cannot write %s", message) end
     if kind == "none" then return end
-    if kind ~= "file" then fail(2, "%s is there already and no file; nothing is replaced", path) end
+    if kind ~= "file" then fail(2, "%s is %s: it is not replaced", path, in_the_way[kind]) end
     if not force then fail(2, "%s is there already; --force replaces it", path) end
 end
 
@@ -244,6 +246,15 @@ local function show_total(built, path, seconds)
     return bytes
 end
 
+local RULE_PROFILING = 62  -- the driver's variable; the module sets it back
+
+local function profile_rules(vxa, handle, seconds)
+    if not seconds then return end
+    local switched, message = handle:set_variable(RULE_PROFILING, 1)
+    if not switched then fail(1, "the rules cannot be profiled: %s", message) end
+    if not vxa.sleep(seconds) then fail(1, "ended by %s: no package was made", vxa.interrupted()) end
+end
+
 return function(options)
     check_target(session.host(), options.archive, options.force)
     local attached = session.attach(options)
@@ -254,6 +265,7 @@ return function(options)
     vxa.catch_signals()
     local handle, message = session.open(vxa)
     if not handle then fail(1, "the driver cannot be opened: %s", message) end
+    profile_rules(vxa, handle, options.profile)
 
     local started = vxa.clock()
     local built = write_file(vxa, options, function(path) return build(attached, handle, path) end)

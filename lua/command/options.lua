@@ -18,13 +18,22 @@ local function whole(name, lowest, highest)
     end
 end
 
+local function named(what)
+    return function(text)
+        if text ~= "" then return text end
+        return nil, what .. " has an empty name"
+    end
+end
+
 local LONGEST_INTERVAL_S = 86400
 
-local function interval(text)
-    local number = decimal(text)
-    if number and number > 0 and number <= LONGEST_INTERVAL_S then return number end
-    return nil, ("--interval must be seconds above 0 and up to %d, not '%s'")
-        :format(LONGEST_INTERVAL_S, text)
+local function seconds(name)
+    return function(text)
+        local number = decimal(text)
+        if number and number > 0 and number <= LONGEST_INTERVAL_S then return number end
+        return nil, ("%s must be seconds above 0 and up to %d, not '%s'")
+            :format(name, LONGEST_INTERVAL_S, text)
+    end
 end
 
 local function add_driver(command)
@@ -50,14 +59,14 @@ end
 
 local function add_cycles(command, what)
     command:option("--interval", ("Seconds from one %s to the next (default 10)."):format(what))
-        :argname("SECONDS"):convert(interval):default(10)
+        :argname("SECONDS"):convert(seconds("--interval")):default(10)
     command:option("--cycles", ("End after this many %ss."):format(what)):argname("N")
         :convert(whole("--cycles", 1, 1000000000))
 end
 
 local function add_state(command)
     command:option("--state", "Keep the host document and its events in this folder.")
-        :argname("DIR")
+        :argname("DIR"):convert(named("the folder of --state"))
 end
 
 local function add_run(parser)
@@ -90,16 +99,19 @@ end
 
 local function add_diag(parser)
     local diag = parser:command("diag", "Write a diagnostic package with the driver's tables.")
-    diag:argument("archive", "The package, a zip file."):argname("OUT.zip")
+    diag:argument("OUT.zip", "The package to write."):target("archive")
+        :convert(named("the package"))
     diag:flag("--force", "Replace the file if there is one.")
+    diag:option("--profile", "Profile the rules for so long: the package then tells what each "
+        .. "of them counted meanwhile."):argname("SECONDS"):convert(seconds("--profile"))
     add_driver(diag)
     add_state(diag)
 end
 
 local function add_show(parser)
     local show = parser:command("show", "List a diagnostic package, or print an entry of it.")
-    show:argument("archive", "The package."):argname("OUT.zip")
-    show:argument("entry", "The entry to print."):argname("ENTRY"):args("?")
+    show:argument("OUT.zip", "The package."):target("archive"):convert(named("the package"))
+    show:argument("ENTRY", "The entry to print."):target("entry"):args("?")
     show:flag("--raw", "Write the entry's bytes unchanged.")
 end
 

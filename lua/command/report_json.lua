@@ -14,8 +14,11 @@ local KEY_ORDER = {
     "action", "action_text", "state", "measured", "metrics", "name", "available", "value",
     "threshold", "unit", "enabled", "over", "transition", "min_fail_open_s", "in_fail_open_s",
     "port", "direction", "errors", "capabilities", "detail", "cycles", "entered",
-    "flows", "new", "beyond", "error", "published", "services", "protocol", "dst_addr", "dst_port",
-    "flags", "count", "samples", "observations", "reported", "refused", "seconds", "interrupted",
+    "flows", "new", "beyond", "published", "services", "protocol", "dst_addr", "dst_port",
+    "flags", "cf_ssl_connection", "cf_start_tls", "cf_udp_connection", "cf_outbound_connection",
+    "cf_rsa_key_imported", "cf_qoagent_key_imported", "cf_qoagent_key_not_found",
+    "cf_qoagent_key_error", "cf_qoagent_fail_open", "cf_qoagent_throttled", "cf_qoagent_banned",
+    "cf_do_dpi", "count", "samples", "observations", "reported", "refused", "seconds", "interrupted",
 }
 for _, setting in ipairs(policy.settings) do KEY_ORDER[#KEY_ORDER + 1] = setting.key end
 

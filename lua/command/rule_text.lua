@@ -101,7 +101,7 @@ local statements = {
     match = function(x) return words(expression(x.left), relation(x), expression(x.right)) end,
     jump = function(x) return "jump " .. tostring(x.target) end,
     ["goto"] = function(x) return "goto " .. tostring(x.target) end,
-    log = function(x) return words("log", x.prefix and ("prefix %q"):format(x.prefix) or "") end,
+    log = function(x) return words("log", x.prefix and ('prefix "%s"'):format(x.prefix) or "") end,
     reject = function(x)
         return words("reject", x.type and "with " .. tostring(x.type) or "",
             x.expr and expression(x.expr) or "")
@@ -140,7 +140,7 @@ function rule_text.render(rule)
             if written ~= "" then parts[#parts + 1] = written end
         end
     end
-    if type(rule.comment) == "string" then parts[#parts + 1] = ("comment %q"):format(rule.comment) end
+    if type(rule.comment) == "string" then parts[#parts + 1] = ('comment "%s"'):format(rule.comment) end
     return printable(table.concat(parts, " "))
 end
 

@@ -55,19 +55,23 @@ function text.crossed(metric)
         relation, text.number(metric.threshold), units[metric.name])
 end
 
+-- In characters, of which UTF-8 has one for every byte that continues none.
+local function length(cell)
+    return #cell - select(2, cell:gsub("[\128-\191]", ""))
+end
+
 -- `rows` of texts with the same columns; `right` marks right-aligned ones by index.
 function text.columns(rows, right, gap)
     local width = {}
     for _, row in ipairs(rows) do
-        for i, cell in ipairs(row) do width[i] = math.max(width[i] or 0, #cell) end
+        for i, cell in ipairs(row) do width[i] = math.max(width[i] or 0, length(cell)) end
     end
     local lines = {}
     for n, row in ipairs(rows) do
         local cells = {}
         for i, cell in ipairs(row) do
-            local side = right[i] and "" or "-"
-            cells[i] = i == #row and not right[i] and cell
-                or ("%" .. side .. width[i] .. "s"):format(cell)
+            local padding = (" "):rep(width[i] - length(cell))
+            cells[i] = right[i] and padding .. cell or i == #row and cell or cell .. padding
         end
         lines[n] = table.concat(cells, gap or "  "):gsub("%s+$", "")
     end

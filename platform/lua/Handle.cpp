@@ -1,4 +1,6 @@
 // Driver handles: vxa.open and the methods of what it returns.
+#include <climits>
+
 #include "LuaBoundary.h"
 #include "Module.h"
 #include "vxi/engine.h"
@@ -79,12 +81,29 @@ int capabilities(lua_State* L)
     return 1;
 }
 
+unsigned check_unsigned(lua_State* L, int index)
+{
+    const double value = luaL_checknumber(L, index);
+    luaL_argcheck(L, value >= 0 && value <= UINT_MAX, index, "a number from 0 to 2^32-1 expected");
+    return static_cast<unsigned>(value);
+}
+
+int set_variable(lua_State* L)
+{
+    vxi_handle_ops_s* handle = check_handle(L);
+    const unsigned number = check_unsigned(L, 2);
+    if (vxi_set_var(handle, number, check_unsigned(L, 3)) != 0) return push_driver_error(L, handle);
+    lua_pushboolean(L, 1);
+    return 1;
+}
+
 constexpr luaL_Reg kMethods[] = {
     {"close", close},
     {"available", available},
     {"error", error},
     {"connections", handle_connections},
     {"capabilities", capabilities},
+    {"set_variable", set_variable},
     {nullptr, nullptr},
 };
 

@@ -70,6 +70,8 @@ for _, case in ipairs {
     { "(seconds, a number not below 0, expected)", vxa.sleep, 0 / 0 },
     { "(the name of a variable, without '=', expected)", vxa.setenv, "a=b", "c" },
     { "(the value holds a zero byte)", vxa.setenv, "a", "b\0c" },
+    { "(a number of bytes from 0 to 268435456 expected)", vxa.zip_read, "a", "b", 2 ^ 40 },
+    { "(a number from 0 to 2^32-1 expected)", handle.set_variable, handle, 62, -1 },
 } do
     raises(table.unpack(case))
 end
@@ -131,6 +133,10 @@ collectgarbage()
 collectgarbage()
 same(read_file(scratch .. "/left.zip"):sub(1, 4), "PK\5\6", "archive finished by the collector")
 
+same(#assert(vxa.zip_entries(scratch .. "/left.zip")), 0, "entries of an empty archive")
+refused("left.zip: has no entry a.txt", vxa.zip_read(scratch .. "/left.zip", "a.txt"))
+refused("/dev/zero is not a file", vxa.zip_entries("/dev/zero"))
+
 -- ---- engines and handles ---------------------------------------------------------------
 
 handle:close()
@@ -151,6 +157,8 @@ same(handle:error(), "", "error before any failure")
 local offered = handle:capabilities()
 check(#offered > 0 and type(offered[1].name) == "string" and type(offered[1].detail) == "string"
     and offered[1].available == true, "capabilities")
+same(handle:set_variable(62, 1), true, "set_variable")
+refused("vxi_set_var", handle:set_variable(0, 1))
 local flows, existing = handle:connections()
 check(#flows > 0 and existing >= #flows, "connections")
 refused("fault script: cannot be read from character 1 on: 'nonsense'", vxa.fault("nonsense"))
@@ -223,6 +231,18 @@ refused(log .. " is not a directory", vxa.mkdir(log .. "/x"))
 same(vxa.rename(log, scratch .. "/a/renamed"), true, "rename")
 check(#read_file(scratch .. "/a/renamed") > 0, "renamed file")
 refused("No such file or directory", vxa.rename(log, scratch .. "/b"))
+local made = assert(vxa.temporary(scratch .. "/b"))
+same(made:sub(1, #scratch + 3), scratch .. "/b.", "name beside the path")
+refused("File exists", vxa.rename(made, scratch .. "/a/renamed", true))
+same(vxa.rename(made, scratch .. "/b", true), true, "rename to a free name")
+same(vxa.rename(scratch .. "/b", scratch .. "/a/renamed"), true, "rename over another")
+refused("No such file or directory", vxa.temporary("/nonexistent/a"))
+same(#read_file(scratch .. "/a/renamed"), 0, "replaced file")
+for path, kind in pairs { ["/"] = "directory", ["/dev/null"] = "other", ["/nonexistent"] = "none",
+                          [scratch .. "/a/renamed"] = "file" } do
+    same(vxa.file_kind(path), kind, path)
+end
+refused("Not a directory", vxa.file_kind("/dev/null/x"))
 vxa.setenv("VXA_TEST", "ü")
 same(os.getenv("VXA_TEST"), "ü", "setenv")
 vxa.setenv("VXA_TEST", nil)
