@@ -9,11 +9,11 @@ local policy = require "command.policy"
 local report_json = {}
 
 local KEY_ORDER = {
-    "record", "time", "version", "engine", "monitoring", "policy_source", "settings", "interval_s", "cycle",
-    "action", "action_text", "state", "measured", "metrics", "name", "available", "value",
-    "threshold", "unit", "enabled", "over", "transition", "min_fail_open_s", "in_fail_open_s",
-    "port", "direction", "errors", "capabilities", "detail", "cycles", "entered",
-    "seconds", "interrupted",
+    "record", "time", "version", "engine", "monitoring", "policy_source", "settings",
+    "interval_s", "cycle", "action", "action_text", "state", "measured", "metrics", "name",
+    "available", "value", "threshold", "unit", "enabled", "over", "transition",
+    "min_fail_open_s", "in_fail_open_s", "port", "direction", "errors", "capabilities", "detail",
+    "cycles", "entered", "seconds", "interrupted",
 }
 for _, setting in ipairs(policy.settings) do KEY_ORDER[#KEY_ORDER + 1] = setting.key end
 
@@ -91,7 +91,8 @@ end
 function Report:finish(totals)
     console.line("%s", report_json.encode {
         record = "end", time = report_json.time(os.time()), cycles = totals.cycles,
-        measured = totals.measured, entered = totals.entered, seconds = tonumber(("%.3f"):format(totals.seconds)),
+        measured = totals.measured, entered = totals.entered,
+        seconds = tonumber(("%.3f"):format(totals.seconds)),
         state = totals.state, interrupted = totals.interrupted,
     })
 end
