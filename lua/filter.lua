@@ -79,7 +79,8 @@ end
 -- Reads the module's verbose status line, which alone has the exact figures:
 -- GetSysHealthMetrics cuts values and thresholds to whole numbers.
 function filter.parse_status(text)
-    local minimum, active, port = text:match("^SysHealth: .* min_dur=(%d+) act_dur=(%d+) port=(%d+)")
+    local minimum, active, port =
+        text:match("^SysHealth: .* min_dur=(%d+) act_dur=(%d+) port=(%d+)")
     if not minimum then return nil end
     local status = { min_duration_s = tonumber(minimum), in_fail_open_s = tonumber(active),
                      port = tonumber(port), figures = {} }

@@ -11,25 +11,25 @@ local messages = {}
 -- What it costs when the driver cannot count the connections of the port.
 messages.SCAN_COST = "refusalpct, estab and scanmb are not judged"
 
--- Faults that need more than their own words. `cause` marks those that quote the driver:
--- the two calls fail in the same way and are reported together.
+local LOG_COST = "/var/opt/vx_agent/diag cannot be written: the settings in force are not "
+    .. "logged there"
+
+-- Faults that need more than their own words. A pattern with a capture quotes the driver:
+-- its calls fail together, in the same way, and are told together.
 local explained = {
-    { pattern = "^Failed to output cloud config", cost = "/var/opt/vx_agent/diag cannot be written: "
-        .. "the settings in force are not logged there" },
-    { pattern = "^vxi_set_scan_monitoring failed.-buf{(.*)}$", cost = messages.SCAN_COST, cause = true },
-    { pattern = "^vxi_get_scan_metrics failed.-buf{(.*)}$", cost = messages.SCAN_COST, cause = true },
+    { pattern = "^Failed to output cloud config", cost = LOG_COST },
+    { pattern = "^vxi_set_scan_monitoring failed.-buf{(.*)}$", cost = messages.SCAN_COST },
+    { pattern = "^vxi_get_scan_metrics failed.-buf{(.*)}$", cost = messages.SCAN_COST },
     -- The module reports a failed fetch twice.
-    { pattern = "^get_scan_metrics%(%) failed.-buf{(.*)}$", cost = messages.SCAN_COST, cause = true },
+    { pattern = "^get_scan_metrics%(%) failed.-buf{(.*)}$", cost = messages.SCAN_COST },
 }
 
--- What identifies a fault, and what it costs. The driver's texts name the operation after
--- the engine; the same cause behind another operation is no news.
+-- What identifies a fault, and what it costs. The driver's texts name engine and operation
+-- before the cause; the same cause behind another operation is no news.
 local function identify(text)
     for _, fault in ipairs(explained) do
         local cause = text:match(fault.pattern)
-        if cause then
-            return fault.cause and cause:match("[^:]*$") or text, fault.cost
-        end
+        if cause then return cause:match("[^:]*$"), fault.cost end
     end
     return text
 end

@@ -14,7 +14,8 @@ policy.CONF_PATH = "/etc/vx_filter.conf"
 -- an object in JSON: {"SYS_THR_RUNQ": {"value": 8}}; everything else as a plain number.
 policy.settings = {
     { key = "SYS_CONF_CONN_REFUSAL_PORT", conf = "SYSTEM_CONNECTION_REFUSAL_PORT", max = 65535 },
-    { key = "SYS_CONF_CONN_REFUSAL_OUTBOUND", conf = "SYSTEM_CONNECTION_REFUSAL_OUTBOUND", max = 1 },
+    { key = "SYS_CONF_CONN_REFUSAL_OUTBOUND", conf = "SYSTEM_CONNECTION_REFUSAL_OUTBOUND",
+      max = 1 },
     { key = "SYS_CONF_RECOVER_FACTOR", conf = "SYSTEM_RECOVERY_FACTOR", max = 100 },
     { key = "SYS_CONF_MIN_ACT_DURATION", conf = "SYSTEM_MIN_ACT_DURATION", max = 60 },
     { key = "SYS_THR_CONN_REFUSAL_PCT", conf = "SYSTEM_CONNECTION_REFUSAL_PCT_THRESHOLD", max = 100,
@@ -64,23 +65,26 @@ local function threshold_number(value)
     return type(number) == "number" and number or nil
 end
 
--- The number the module will take for this member, or nil and why it takes none; a
--- second result beside a number is a remark.
+-- The number that the module takes for this member, or nil when it takes none; and a
+-- remark when it is not what its author wrote.
 local function accepted(setting, value)
-    local number
+    local number, remark
     if setting.threshold then
         number = threshold_number(value)
         if not number then
-            return nil, ('must be an object such as {"value": %d}; it is ignored'):format(setting.max)
+            return nil, ('must be an object such as {"value": %d}; it is ignored')
+                :format(setting.max)
         end
+    elseif type(value) == "number" then
+        number = value
     else
-        number = type(value) == "number" and value or 0
+        number, remark = 0, "is no number and counts as 0"
     end
     if not in_bounds(setting, number) then
         return nil, ("%.14g is out of bounds (%s to %d); it is ignored")
             :format(number, setting.threshold and "above 0" or "0", setting.max)
     end
-    return number, type(value) ~= "number" and not setting.threshold and "is no number and counts as 0"
+    return number, remark
 end
 
 local function sorted_keys(object)

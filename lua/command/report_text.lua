@@ -143,8 +143,9 @@ function Report:finish(totals)
             connection_text.summary(totals.rest),
             connection_text.next(self.monitored.feedback))
     end
-    console.line("%s in %s, %d measured, fail-open entered %s; %s", text.count(totals.cycles, "cycle"),
-        text.duration(totals.seconds), totals.measured, text.count(totals.entered, "time"),
+    console.line("%s in %s, %d measured, fail-open entered %s; %s",
+        text.count(totals.cycles, "cycle"), text.duration(totals.seconds), totals.measured,
+        text.count(totals.entered, "time"),
         totals.state == filter.ACTIVATED and "ends in fail-open" or "ends enforcing")
 end
 

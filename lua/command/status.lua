@@ -65,11 +65,11 @@ end
 
 local function metric_row(i, metric)
     local description = filter.metrics[i]
-    if not metric.enabled then return { metric.name, "-", "off", description.unit, description.title } end
+    local bound = (description.below and "below " or "above ") .. text.number(metric.threshold)
     return {
         metric.name,
         has_value(i, metric) and text.number(metric.value) or "-",
-        (description.below and "below " or "above ") .. text.number(metric.threshold),
+        metric.enabled and bound or "off",
         description.unit,
         (metric.over and "OVER: " or "") .. description.title,
     }

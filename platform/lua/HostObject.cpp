@@ -6,6 +6,11 @@ char owners_key = 0;
 
 void register_owners(lua_State* L)
 {
+    // A script may load the module anew; the owners of live objects must stay tied.
+    lua_rawgetp(L, LUA_REGISTRYINDEX, &owners_key);
+    const bool registered = lua_istable(L, -1);
+    lua_pop(L, 1);
+    if (registered) return;
     lua_newtable(L);
     lua_createtable(L, 0, 1);
     lua_pushliteral(L, "k");

@@ -29,9 +29,14 @@ int trace(lua_State* L)
     luaL_argcheck(L, length > 0, 1, "a trace category or pattern expected");
     const bool on = check_switch(L, 2);
     Failure failure;
-    if (!guarded(failure,
-                 [&] { VxaCore::Host::SwitchTrace(wxString::FromUTF8(pattern, length), on); }))
-        return luaL_error(L, "%s", failure.text);
+    const bool switched = guarded(failure, [&] {
+        const wxString text = wxString::FromUTF8(pattern, length);
+        if (text.empty())
+            failure.set("a trace category or pattern must be UTF-8");
+        else
+            VxaCore::Host::SwitchTrace(text, on);
+    });
+    if (!switched) return luaL_error(L, "%s", failure.text);
     return 0;
 }
 

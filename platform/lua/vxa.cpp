@@ -1,6 +1,9 @@
 // Entry of the Lua module `vxa`: host objects and switches for scripts.
+#include <fcntl.h>
 #include <langinfo.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <clocale>
 #include <cstring>
 
@@ -19,6 +22,15 @@ bool set_locale()
     std::setlocale(LC_NUMERIC, "C");
     return std::strcmp(nl_langinfo(CODESET), "UTF-8") == 0 ||
            std::setlocale(LC_CTYPE, "C.UTF-8") != nullptr;
+}
+
+// A process may start without its standard streams. The next file opened would take
+// their place and receive what is written to them: traces in a document's event log.
+bool occupy_standard_descriptors()
+{
+    for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream)
+        if (fcntl(stream, F_GETFD) < 0 && open("/dev/null", O_RDWR) < 0) return false;
+    return true;
 }
 
 int open_module(lua_State* L)
@@ -45,6 +57,8 @@ extern "C" __attribute__((visibility("default"))) int luaopen_vxa(lua_State* L)
 {
     // Once a process: the second state may be on a thread of its own.
     static const bool has_locale = vxa::set_locale();
+    static const bool has_streams = vxa::occupy_standard_descriptors();
+    if (!has_streams) return luaL_error(L, "/dev/null cannot be opened: %s", std::strerror(errno));
     if (!has_locale) return luaL_error(L, "the locale C.UTF-8 is missing on this system");
     VxaCore::Host::TakeGeneralLog();
     return vxa::open_module(L);

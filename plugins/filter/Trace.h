@@ -5,6 +5,9 @@
 // select on them.
 #pragma once
 
+#include <type_traits>
+
+#include <wx/strconv.h>
 #include <wx/string.h>
 
 #include "VxaCore/LogTrace.h"
@@ -17,12 +20,28 @@ struct TracePoint {
     const char* function;
 };
 
+// A text from outside for a log line. Bytes that the locale cannot decode are read as
+// UTF-8 or else one by one: a message about a broken text must still show it.
+inline wxString Decode(const char* text)
+{
+    return text != nullptr ? wxString(text, wxConvWhateverWorks) : wxString("(null)");
+}
+
+template <typename T>
+decltype(auto) Printable(const T& value)
+{
+    if constexpr (std::is_convertible_v<std::decay_t<const T&>, const char*> && !std::is_class_v<T>)
+        return Decode(value);
+    else
+        return (value);
+}
+
 template <typename... Args>
 void Trace(const wxString& category, const TracePoint& at, const char* format, const Args&... args)
 {
     if (VxaCore::LogTraceIsEnabled(category))
         VxaCore::LogTrace(category, at.file, at.line, at.function,
-                          wxString::Format(format, args...));
+                          wxString::Format(format, Printable(args)...));
 }
 
 }  // namespace fc

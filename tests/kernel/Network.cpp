@@ -1,11 +1,11 @@
 #include "Network.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <net/if.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -23,15 +23,16 @@ namespace network {
 
 namespace {
 
-bool LoopbackUp()
+bool HasRoute(const std::string& v6)
 {
-    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    ifreq request = {};
-    strcpy(request.ifr_name, "lo");
-    request.ifr_flags = IFF_UP | IFF_RUNNING;
-    const bool up = ioctl(fd, SIOCSIFFLAGS, &request) == 0;
+    sockaddr_in6 address = {};
+    address.sin6_family = AF_INET6;
+    address.sin6_port = 9;
+    const int fd = socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const bool has = inet_pton(AF_INET6, v6.c_str(), &address.sin6_addr) == 1 &&
+                     connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
     close(fd);
-    return up;
+    return has;
 }
 
 std::string Probe()
@@ -42,11 +43,11 @@ std::string Probe()
     }
     const pid_t child = fork();
     if (child == 0) {
-        const char* lacking = unshare(CLONE_NEWNET) < 0 ? "permission to make network namespaces"
-                              : !LoopbackUp()           ? "a loopback interface to bring up"
-                              : system("nft list tables >/dev/null 2>&1") != 0
-                                  ? "nf_tables with the nft command"
-                                  : "";
+        const char* lacking =
+            unshare(CLONE_NEWNET) < 0                      ? "permission to make network namespaces"
+            : system("ip link set lo up 2>/dev/null") != 0 ? "the ip command (iproute2)"
+            : system("nft list tables >/dev/null 2>&1") != 0 ? "nf_tables with the nft command"
+                                                             : "";
         _exit(write(result[1], lacking, strlen(lacking)) < 0);
     }
     close(result[1]);
@@ -68,11 +69,26 @@ const std::string& Lacking()
 void InOwn(const std::function<void()>& body)
 {
     Child child([&] {
-        ASSERT_EQ(unshare(CLONE_NEWNET), 0) << strerror(errno);
-        ASSERT_TRUE(LoopbackUp());
+        EnterNew();
         body();
     });
     child.ExpectGood();
+}
+
+void EnterNew()
+{
+    ASSERT_EQ(unshare(CLONE_NEWNET), 0) << strerror(errno);
+    Run("ip link set lo up");
+    EXPECT_TRUE(Eventually([] { return HasRoute("::1"); }));
+}
+
+void Configure(const std::string& interface, const std::string& v4, const std::string& v6)
+{
+    Run("ip link set " + interface + " up");
+    Run("ip addr replace " + v4 + " dev " + interface);
+    Run("ip -6 addr replace " + v6 + " dev " + interface + " nodad");
+    // The kernel makes the address's route a little later.
+    EXPECT_TRUE(Eventually([&] { return HasRoute(v6.substr(0, v6.find('/'))); })) << v6;
 }
 
 Child::Child(const std::function<void()>& body)

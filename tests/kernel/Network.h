@@ -16,6 +16,12 @@ const std::string& Lacking();
 // expects and does not find fails the test.
 void InOwn(const std::function<void()>& body);
 
+// Moves this process into a new namespace, loopback up.
+void EnterNew();
+
+// Gives an interface two addresses, CIDR notation, usable at once, and brings it up.
+void Configure(const std::string& interface, const std::string& v4, const std::string& v6);
+
 // Runs `body` in a child process in this namespace; the child ends when `body` returns.
 class Child {
 public:

@@ -17,6 +17,7 @@ namespace {
 
 constexpr uint16_t port = 8080;
 const vxi::ScanTarget inbound = {VXI_SCAN_INBOUND, port};
+const traffic::Place local = traffic::Local(4, port);
 
 std::string TableOf(pid_t process)
 {
@@ -106,14 +107,14 @@ TEST_F(ScanLife, ForkedChildStartsAnew)
 {
     network::InOwn([] {
         Start();
-        traffic::BeRefused(4, port, 3);
+        traffic::BeRefused(local, 3);
         const std::string parents = TableOf(getpid());
         network::Child child([&] {
             ExpectNothingMonitored();
             EXPECT_EQ(network::Tables(), parents);
             Start();
             EXPECT_EQ(network::Tables(), parents + " " + TableOf(getpid()));
-            traffic::BeRefused(4, port, 2);
+            traffic::BeRefused(local, 2);
             EXPECT_TRUE(network::Eventually([] { return Opened() == 2; }));
         });
         child.ExpectGood();
@@ -127,7 +128,7 @@ TEST_F(ScanLife, BareForkStartsAnew)
 {
     network::InOwn([] {
         Start();
-        traffic::BeRefused(4, port, 3);
+        traffic::BeRefused(local, 3);
         const pid_t child = _Fork();
         if (child == 0) {
             ExpectNothingMonitored();
@@ -215,9 +216,9 @@ TEST_F(ScanLife, SurvivesOthersFlush)
 {
     network::InOwn([] {
         Start();
-        traffic::BeRefused(4, port, 3);
+        traffic::BeRefused(local, 3);
         network::Run("nft flush ruleset");
-        traffic::BeRefused(4, port, 3);
+        traffic::BeRefused(local, 3);
         EXPECT_TRUE(network::Eventually([] { return Opened() == 6; }));
     });
 }
@@ -229,7 +230,7 @@ TEST_F(ScanLife, TakesAnotherNameWhereItsOwnIsTaken)
         network::Run("nft add table inet " + name);
         Start();
         EXPECT_EQ(network::Tables(), name + " " + name + "_1");
-        traffic::BeRefused(4, port, 3);
+        traffic::BeRefused(local, 3);
         EXPECT_TRUE(network::Eventually([] { return Opened() == 3; }));
     });
 }
@@ -269,7 +270,7 @@ TEST_F(ScanLife, WithoutOwnerRebuildsATableThatWasRemoved)
     network::InOwn([] {
         vxi::ScanMonitor monitor(vxi::TableLife::RemovedByUs);
         ASSERT_EQ(monitor.set(inbound).status, 0);
-        traffic::BeRefused(4, port, 5);
+        traffic::BeRefused(local, 5);
         EXPECT_TRUE(network::Eventually(
             [&] { return Read(monitor).figures[VXI_SCAN_HALF_OPEN_CLOSED] == 5; }));
         network::Run("nft flush ruleset");
@@ -279,7 +280,7 @@ TEST_F(ScanLife, WithoutOwnerRebuildsATableThatWasRemoved)
         for (const uint64_t figure : rebuilt.figures) {
             EXPECT_EQ(figure, 0u);
         }
-        traffic::BeRefused(4, port, 2);
+        traffic::BeRefused(local, 2);
         EXPECT_TRUE(network::Eventually(
             [&] { return Read(monitor).figures[VXI_SCAN_HALF_OPEN_CLOSED] == 2; }));
         EXPECT_FALSE(Read(monitor).rebuilt);
@@ -317,7 +318,9 @@ TEST_F(ScanLife, WithoutOwnerRemovesTablesOfTheDead)
         killed.Kill();
         network::Run("nft add table inet " + alive);
         network::Run("nft add table inet vxi_scan_");
-        EXPECT_EQ(network::Tables(), dead + " " + alive + " vxi_scan_");
+        // Of an earlier process that had our number.
+        network::Run("nft add table inet " + TableOf(getpid()));
+        EXPECT_EQ(network::Tables(), dead + " " + alive + " vxi_scan_ " + TableOf(getpid()));
         {
             vxi::ScanMonitor monitor(vxi::TableLife::RemovedByUs);
             EXPECT_EQ(monitor.set(inbound).status, 0);

@@ -11,6 +11,7 @@
 #include "Traffic.h"
 
 using traffic::Ending;
+using traffic::Local;
 
 namespace {
 
@@ -84,6 +85,7 @@ protected:
 
     uint32_t direction = std::get<0>(GetParam());
     int family = std::get<1>(GetParam());
+    traffic::Place place = Local(family, port);
 };
 
 TEST_P(ScanMetrics, CountsEachOutcomeExactly)
@@ -91,13 +93,13 @@ TEST_P(ScanMetrics, CountsEachOutcomeExactly)
     network::InOwn([&] {
         Start(direction);
         {
-            const auto listener = traffic::Listen(family, port);
-            traffic::Converse(listener, family, port, 200);
+            const auto listener = traffic::Listen(place);
+            traffic::Converse(listener, place, 200);
             ExpectSoon(direction, {200, 200, 0, 200, 0});
-            traffic::Converse(listener, family, port, 50, Ending::Reset);
+            traffic::Converse(listener, place, 50, Ending::Reset);
             ExpectSoon(direction, {250, 250, 0, 250, 50});
         }
-        traffic::BeRefused(family, port, 30);
+        traffic::BeRefused(place, 30);
         ExpectSoon(direction, {280, 250, 30, 280, 50});
     });
 }
@@ -107,11 +109,11 @@ TEST_P(ScanMetrics, DoesNotCountOtherPorts)
     network::InOwn([&] {
         constexpr uint16_t other = port + 1;
         Start(direction);
-        const auto listener = traffic::Listen(family, other);
-        traffic::Converse(listener, family, other, 20);
-        traffic::BeRefused(family, other + 1, 5);
+        const auto listener = traffic::Listen(Local(family, other));
+        traffic::Converse(listener, Local(family, other), 20);
+        traffic::BeRefused(Local(family, other + 1), 5);
         // What the monitored port gets afterwards shows that the rest has arrived.
-        traffic::BeRefused(family, port, 1);
+        traffic::BeRefused(place, 1);
         ExpectSoon(direction, {1, 0, 1, 1, 0});
         EXPECT_EQ(Read(direction)[VXI_SCAN_PACKETS_FORWARD], 1u);
     });
@@ -121,8 +123,8 @@ TEST_P(ScanMetrics, LeavesConnectionsAloneThatWaitForRoom)
 {
     network::InOwn([&] {
         Start(direction);
-        const auto listener = traffic::Listen(family, port, 2);  // takes 3
-        const auto clients = traffic::Attempts(family, port, 10);
+        const auto listener = traffic::Listen(place, 2);  // takes 3
+        const auto clients = traffic::Attempt(place, 10);
         ExpectSoon(direction, {10, 3, 0, 0, 0});
     });
 }
@@ -133,9 +135,9 @@ TEST_P(ScanMetrics, NeverLowersTheHalfOpenClosedCount)
         Start(direction);
         uint64_t before = 0;
         for (int round = 0; round < 20; ++round) {
-            traffic::BeRefused(family, port, 3);
-            const auto pending = traffic::Listen(family, port, 0);
-            const auto clients = traffic::Attempts(family, port, 4);
+            traffic::BeRefused(place, 3);
+            const auto pending = traffic::Listen(place, 0);
+            const auto clients = traffic::Attempt(place, 4);
             const uint64_t now = Read(direction)[VXI_SCAN_HALF_OPEN_CLOSED];
             EXPECT_GE(now, before);
             EXPECT_LE(now, 3u * (round + 1) + 4u * round);
@@ -163,8 +165,8 @@ TEST_P(ScanMetrics, CountsPacketsAndBytesAsThePacketFilterDoes)
             "chain b { type filter hook " + (inbound ? "output" : "input") +
             " priority 10; tcp sport " + number + " counter name back; }; }'");
         Start(direction);
-        const auto listener = traffic::Listen(family, port);
-        traffic::Converse(listener, family, port, 30);
+        const auto listener = traffic::Listen(place);
+        traffic::Converse(listener, place, 30);
         ExpectSoon(direction, {30, 30, 0, 30, 0});
 
         driver::Counters ours = {};
@@ -210,12 +212,12 @@ TEST_P(ScanMetricsBoth, CountUnansweredConnectionsOnceTheyEnd)
 {
     network::InOwn([&] {
         Start(direction);
-        const auto v4 = traffic::Listen(4, port);
-        const auto v6 = traffic::Listen(6, port);
+        const auto v4 = traffic::Listen(Local(4, port));
+        const auto v6 = traffic::Listen(Local(6, port));
         Drop("sport", "syn|ack");
         {
-            const auto clients4 = traffic::Attempts(4, port, 40);
-            const auto clients6 = traffic::Attempts(6, port, 20);
+            const auto clients4 = traffic::Attempt(Local(4, port), 40);
+            const auto clients6 = traffic::Attempt(Local(6, port), 20);
             ExpectSoon(direction, {60, 0, 0, 0, 0});
             // The openers repeat their SYN after a second: no new connections.
             EXPECT_TRUE(network::Eventually(
@@ -235,12 +237,12 @@ TEST_P(ScanMetricsBoth, CountUnansweredConnectionsThatTimeOut)
         network::SetSysctl("net/ipv4/tcp_synack_retries", "0");
         network::SetSysctl("net/ipv4/tcp_syn_retries", "1");
         Start(direction);
-        const auto v4 = traffic::Listen(4, port);
-        const auto v6 = traffic::Listen(6, port);
+        const auto v4 = traffic::Listen(Local(4, port));
+        const auto v6 = traffic::Listen(Local(6, port));
         Drop("sport", "syn|ack");
         {
-            const auto clients4 = traffic::Attempts(4, port, 15);
-            const auto clients6 = traffic::Attempts(6, port, 10);
+            const auto clients4 = traffic::Attempt(Local(4, port), 15);
+            const auto clients6 = traffic::Attempt(Local(6, port), 10);
             ExpectSoon(direction, {25, 0, 0, 0, 0});
         }
         ExpectSoon(direction, {25, 0, 25, 0, 0}, 30);
@@ -259,13 +261,13 @@ TEST(ScanMetricsOnce, CountsTheFamiliesTogether)
     network::InOwn([] {
         Start(VXI_SCAN_INBOUND);
         {
-            const auto v4 = traffic::Listen(4, port);
-            const auto v6 = traffic::Listen(6, port);
-            traffic::Converse(v4, 4, port, 12);
-            traffic::Converse(v6, 6, port, 13, Ending::Reset);
+            const auto v4 = traffic::Listen(Local(4, port));
+            const auto v6 = traffic::Listen(Local(6, port));
+            traffic::Converse(v4, Local(4, port), 12);
+            traffic::Converse(v6, Local(6, port), 13, Ending::Reset);
         }
-        traffic::BeRefused(4, port, 4);
-        traffic::BeRefused(6, port, 5);
+        traffic::BeRefused(Local(4, port), 4);
+        traffic::BeRefused(Local(6, port), 5);
         ExpectSoon(VXI_SCAN_INBOUND, {34, 25, 9, 34, 13});
     });
 }
@@ -275,7 +277,7 @@ TEST(ScanMetricsOnce, RestartsWithAnotherPortOrDirectionOnly)
     REQUIRE_NETWORK();
     network::InOwn([] {
         Start(VXI_SCAN_INBOUND);
-        traffic::BeRefused(4, port, 7);
+        traffic::BeRefused(Local(4, port), 7);
         ExpectSoon(VXI_SCAN_INBOUND, {7, 0, 7, 7, 0});
         Start(VXI_SCAN_INBOUND);
         ExpectSoon(VXI_SCAN_INBOUND, {7, 0, 7, 7, 0});
@@ -292,6 +294,85 @@ TEST(ScanMetricsOnce, RestartsWithAnotherPortOrDirectionOnly)
         Start(VXI_SCAN_INBOUND, port + 1);
         EXPECT_EQ(Exact(Read(VXI_SCAN_INBOUND, port + 1)), Expected{});
         EXPECT_EQ(network::Tables(), "vxi_scan_" + std::to_string(getpid()));
+    });
+}
+
+// Scanners send what no connection begins with.
+TEST(ScanMetricsOnce, TakesNoStraySegmentForAConnection)
+{
+    REQUIRE_NETWORK();
+    constexpr uint8_t fin = 0x01, syn = 0x02, rst = 0x04, psh = 0x08, ack = 0x10, urg = 0x20,
+                      ece = 0x40, cwr = 0x80;
+    const struct {
+        uint8_t flags;
+        Expected expected;
+    } cases[] = {
+        {0, {}},
+        {fin | psh | urg, {}},
+        {syn | fin, {}},
+        {syn | ack, {0, 0, 0, 1, 1}},  // the listener's kernel answers these three with RST
+        {ack, {0, 0, 0, 1, 1}},
+        {fin | ack, {0, 0, 0, 2, 1}},
+        {syn | rst, {0, 0, 0, 1, 1}},
+        {rst, {0, 0, 0, 1, 1}},
+        {syn, {1, 0, 1, 1, 0}},  // answered, and reset for want of a socket
+        {syn | ece | cwr, {1, 0, 1, 1, 0}},
+    };
+    for (const auto& c : cases) {
+        network::InOwn([&] {
+            SCOPED_TRACE(testing::Message() << "flags " << unsigned{c.flags});
+            const auto listener = traffic::Listen(Local(4, port));
+            Start(VXI_SCAN_INBOUND);
+            traffic::SendSegment(2000, port, c.flags);
+            EXPECT_TRUE(network::Eventually(
+                [] { return Read(VXI_SCAN_INBOUND)[VXI_SCAN_PACKETS_FORWARD] >= 1; }));
+            ExpectSoon(VXI_SCAN_INBOUND, c.expected);
+        });
+    }
+}
+
+// Two hosts: what is inbound on one is outbound on the other, and nothing else.
+TEST(ScanMetricsOnce, TellsTheDirectionsApart)
+{
+    REQUIRE_NETWORK();
+    network::InOwn([] {
+        network::Signal ready, done, finish;
+        network::Child opener([&] {
+            network::EnterNew();
+            ready.Tell();
+            ASSERT_TRUE(done.Await());  // the cable is there
+            network::Configure("near", "10.9.0.2/24", "fd00:9::2/64");
+            Start(VXI_SCAN_OUTBOUND);
+            for (const char* host : {"10.9.0.1", "fd00:9::1"}) {
+                for (int i = 0; i < 20; ++i) {
+                    traffic::Connect({host, port});
+                }
+            }
+            traffic::BeRefused({"10.9.0.3", port}, 5);
+            traffic::BeRefused({"fd00:9::3", port}, 6);
+            ExpectSoon(VXI_SCAN_OUTBOUND, {51, 40, 11, 51, 0});
+            finish.Tell();
+        });
+        ASSERT_TRUE(ready.Await());
+        network::Run("ip link add far type veth peer name near netns " +
+                     std::to_string(opener.pid()));
+        network::Configure("far", "10.9.0.1/24", "fd00:9::1/64");
+        network::Configure("far", "10.9.0.3/24", "fd00:9::3/64");
+        const auto v4 = traffic::Listen({"10.9.0.1", port});
+        const auto v6 = traffic::Listen({"fd00:9::1", port});
+        Start(VXI_SCAN_INBOUND);
+        network::Signal counting;
+        network::Child otherwise([&] {
+            Start(VXI_SCAN_OUTBOUND);
+            counting.Tell();
+            EXPECT_TRUE(finish.Await());
+            EXPECT_EQ(Read(VXI_SCAN_OUTBOUND), driver::Counters{});
+        });
+        ASSERT_TRUE(counting.Await());
+        done.Tell();
+        otherwise.ExpectGood();
+        opener.ExpectGood();
+        ExpectSoon(VXI_SCAN_INBOUND, {51, 40, 11, 51, 0});
     });
 }
 

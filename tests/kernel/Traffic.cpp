@@ -3,7 +3,9 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -17,24 +19,27 @@ struct Address {
     sockaddr_storage storage = {};
     socklen_t size;
 
-    Address(int family, uint16_t port)
+    explicit Address(const Place& place)
     {
-        if (family == 4) {
-            auto* v4 = reinterpret_cast<sockaddr_in*>(&storage);
-            *v4 = {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+        auto* v4 = reinterpret_cast<sockaddr_in*>(&storage);
+        auto* v6 = reinterpret_cast<sockaddr_in6*>(&storage);
+        if (inet_pton(AF_INET, place.host.c_str(), &v4->sin_addr) == 1) {
+            v4->sin_family = AF_INET;
+            v4->sin_port = htons(place.port);
             size = sizeof *v4;
         } else {
-            auto* v6 = reinterpret_cast<sockaddr_in6*>(&storage);
-            *v6 = {AF_INET6, htons(port), 0, IN6ADDR_LOOPBACK_INIT, 0};
+            EXPECT_EQ(inet_pton(AF_INET6, place.host.c_str(), &v6->sin6_addr), 1) << place.host;
+            v6->sin6_family = AF_INET6;
+            v6->sin6_port = htons(place.port);
             size = sizeof *v6;
         }
     }
     const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&storage); }
 };
 
-Socket Open(int family, int flags)
+Socket Open(const Address& address, int flags = 0)
 {
-    const int fd = socket(family == 4 ? AF_INET : AF_INET6, SOCK_STREAM | SOCK_CLOEXEC | flags, 0);
+    const int fd = socket(address.storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | flags, 0);
     EXPECT_GE(fd, 0) << strerror(errno);
     return Socket(fd);
 }
@@ -44,6 +49,18 @@ void PassByte(const Socket& from, const Socket& to)
     char byte = 'x';
     EXPECT_EQ(send(from.fd(), &byte, 1, MSG_NOSIGNAL), 1) << strerror(errno);
     EXPECT_EQ(recv(to.fd(), &byte, 1, 0), 1) << strerror(errno);
+}
+
+uint16_t Checksum(const void* data, size_t size)
+{
+    uint32_t sum = 0;
+    for (size_t at = 0; at < size; at += sizeof(uint16_t)) {
+        uint16_t word;
+        memcpy(&word, static_cast<const char*>(data) + at, sizeof word);
+        sum += word;
+    }
+    sum = (sum & 0xffff) + (sum >> 16);
+    return static_cast<uint16_t>(~(sum + (sum >> 16)));
 }
 
 }  // namespace
@@ -62,32 +79,32 @@ void Socket::ResetOnClose()
     EXPECT_EQ(setsockopt(fd_, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once), 0);
 }
 
-Socket Listen(int family, uint16_t port, int backlog)
+Socket Listen(const Place& place, int backlog)
 {
-    Socket listener = Open(family, 0);
-    const Address address(family, port);
+    const Address address(place);
+    Socket listener = Open(address);
     const int on = 1;
-    setsockopt(listener.fd(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    EXPECT_EQ(setsockopt(listener.fd(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on), 0);
+    // A connection that does not come must not stop the test for good.
+    const timeval patience = {10, 0};
+    EXPECT_EQ(setsockopt(listener.fd(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience), 0);
     EXPECT_EQ(bind(listener.fd(), address.get(), address.size), 0) << strerror(errno);
     EXPECT_EQ(listen(listener.fd(), backlog), 0) << strerror(errno);
     return listener;
 }
 
-Socket Attempt(int family, uint16_t port)
+Socket Connect(const Place& place)
 {
-    Socket client = Open(family, SOCK_NONBLOCK);
-    const Address address(family, port);
-    const int status = connect(client.fd(), address.get(), address.size);
-    EXPECT_TRUE(status == 0 || errno == EINPROGRESS) << strerror(errno);
+    const Address address(place);
+    Socket client = Open(address);
+    EXPECT_EQ(connect(client.fd(), address.get(), address.size), 0) << strerror(errno);
     return client;
 }
 
-void Converse(const Socket& listener, int family, uint16_t port, unsigned count, Ending ending)
+void Converse(const Socket& listener, const Place& place, unsigned count, Ending ending)
 {
-    const Address address(family, port);
     for (unsigned i = 0; i < count; ++i) {
-        Socket client = Open(family, 0);
-        ASSERT_EQ(connect(client.fd(), address.get(), address.size), 0) << strerror(errno);
+        Socket client = Connect(place);
         const Socket server(accept4(listener.fd(), nullptr, nullptr, SOCK_CLOEXEC));
         ASSERT_GE(server.fd(), 0) << strerror(errno);
         PassByte(client, server);
@@ -99,23 +116,52 @@ void Converse(const Socket& listener, int family, uint16_t port, unsigned count,
     }
 }
 
-void BeRefused(int family, uint16_t port, unsigned count)
+void BeRefused(const Place& place, unsigned count)
 {
-    const Address address(family, port);
+    const Address address(place);
     for (unsigned i = 0; i < count; ++i) {
-        const Socket client = Open(family, 0);
+        const Socket client = Open(address);
         ASSERT_EQ(connect(client.fd(), address.get(), address.size), -1);
-        ASSERT_EQ(errno, ECONNREFUSED);
+        ASSERT_EQ(errno, ECONNREFUSED) << strerror(errno);
     }
 }
 
-std::vector<Socket> Attempts(int family, uint16_t port, unsigned count)
+std::vector<Socket> Attempt(const Place& place, unsigned count)
 {
+    const Address address(place);
     std::vector<Socket> clients;
     for (unsigned i = 0; i < count; ++i) {
-        clients.push_back(Attempt(family, port));
+        clients.push_back(Open(address, SOCK_NONBLOCK));
+        const int status = connect(clients.back().fd(), address.get(), address.size);
+        EXPECT_TRUE(status == 0 || errno == EINPROGRESS) << strerror(errno);
     }
     return clients;
+}
+
+void SendSegment(uint16_t source_port, uint16_t port, uint8_t flags)
+{
+    struct {
+        uint32_t source, destination;
+        uint8_t zero, protocol;
+        uint16_t size;
+        tcphdr tcp;
+    } segment = {};
+    const Address address({local_v4, 0});
+    segment.source = htonl(INADDR_LOOPBACK);
+    segment.destination = reinterpret_cast<const sockaddr_in*>(address.get())->sin_addr.s_addr;
+    segment.protocol = IPPROTO_TCP;
+    segment.size = htons(sizeof segment.tcp);
+    segment.tcp.th_sport = htons(source_port);
+    segment.tcp.th_dport = htons(port);
+    segment.tcp.th_seq = htonl(1000);
+    segment.tcp.th_off = sizeof segment.tcp / 4;
+    segment.tcp.th_flags = flags;
+    segment.tcp.th_win = htons(1000);
+    segment.tcp.th_sum = Checksum(&segment, sizeof segment);
+    const Socket raw(socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_TCP));
+    EXPECT_EQ(sendto(raw.fd(), &segment.tcp, sizeof segment.tcp, 0, address.get(), address.size),
+              static_cast<ssize_t>(sizeof segment.tcp))
+        << strerror(errno);
 }
 
 }  // namespace traffic

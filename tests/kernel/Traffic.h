@@ -1,10 +1,25 @@
-// Known numbers of TCP connections on loopback.
+// Known numbers of TCP connections.
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 namespace traffic {
+
+// Where a connection goes. The host is a numerical address.
+struct Place {
+    std::string host;
+    uint16_t port;
+};
+
+// On loopback. For IPv4 an address that connections come to but do not come from, so that
+// source and destination differ.
+constexpr const char* local_v4 = "127.0.0.2";
+inline Place Local(int family, uint16_t port)
+{
+    return {family == 4 ? local_v4 : "::1", port};
+}
 
 // A file descriptor that closes itself.
 class Socket {
@@ -22,22 +37,24 @@ private:
     int fd_;
 };
 
-// `family` is 4 or 6 throughout.
-Socket Listen(int family, uint16_t port, int backlog = 128);
+Socket Listen(const Place& place, int backlog = 128);
 
-// A connection attempt that is not waited for.
-Socket Attempt(int family, uint16_t port);
+// Waits until connected.
+Socket Connect(const Place& place);
 
 enum class Ending { Finished, Reset };
 
 // `count` connections, one after the other: a byte each way, then the client ends it.
-void Converse(const Socket& listener, int family, uint16_t port, unsigned count,
+void Converse(const Socket& listener, const Place& place, unsigned count,
               Ending ending = Ending::Finished);
 
-// `count` attempts on a port that nobody listens on.
-void BeRefused(int family, uint16_t port, unsigned count);
+// `count` connections to a place where nobody listens.
+void BeRefused(const Place& place, unsigned count);
 
-// `count` attempts, left as they are.
-std::vector<Socket> Attempts(int family, uint16_t port, unsigned count);
+// `count` connection attempts that are not waited for.
+std::vector<Socket> Attempt(const Place& place, unsigned count);
+
+// One TCP segment without data to 127.0.0.2, made by hand.
+void SendSegment(uint16_t source_port, uint16_t port, uint8_t flags);
 
 }  // namespace traffic

@@ -59,7 +59,7 @@ const char* ParseRunQueue(const char* line, double* out, wxString* text)
     const std::size_t comma = rest.find(',');
     if (comma == std::string::npos) return "no match on comma";
     const auto length = static_cast<std::uint32_t>(comma) - 1u;
-    *text = wxString(rest.substr(0, length).c_str(), wxConvLibc);
+    *text = fc::Decode(rest.substr(0, length).c_str());
     return text->ToDouble(out) ? nullptr : "failed to convert runqueue length string %s";
 }
 

@@ -87,7 +87,7 @@ bool DecodeState(const char* text, int* activated)
 {
     const bool is_activated = std::strncmp(text, "Activated", 9) == 0;
     if (!is_activated && std::strncmp(text, "Deactivated", 11) != 0) {
-        wxLogError("incorrect state value %s for state string", text);
+        wxLogError("incorrect state value %s for state string", fc::Decode(text));
         return false;
     }
     *activated = is_activated ? 1 : 0;

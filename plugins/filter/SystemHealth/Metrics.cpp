@@ -102,7 +102,7 @@ bool ExceedsUpperBound(const health_metrics_s& metric, double factor)
     if (!(metric.value > metric.threshold * factor)) return false;
     fc::Trace(s_TraceEngine, SYSHEALTH_AT(kCheck),
               "%s value of %f exceeds threshold of %f (%f x %f)", metric.name, metric.value,
-              metric.threshold * factor, factor, metric.threshold);
+              metric.threshold, factor, metric.threshold);
     return true;
 }
 
@@ -111,7 +111,7 @@ bool FallsBelowLowerBound(const health_metrics_s& metric, double factor)
     if (!(metric.value < metric.threshold / factor)) return false;
     fc::Trace(s_TraceEngine, SYSHEALTH_AT(kCheck),
               "%s value of %f less than threshold of %f (%f / %f)", metric.name, metric.value,
-              metric.threshold / factor, metric.threshold, factor);
+              metric.threshold, metric.threshold, factor);
     return true;
 }
 

@@ -23,10 +23,13 @@ struct CloseHandle {
 };
 using Handle = std::unique_ptr<vxi_handle_ops_s, CloseHandle>;
 
-struct ErrorText {
-    char text[kErrorTextSize] = {};
-    explicit ErrorText(vxi_handle_ops_s* handle) { vxi_get_error(handle, text, kErrorTextSize); }
-};
+// One byte more than the driver is told of, for a driver that forgets the terminator.
+wxString ErrorText(vxi_handle_ops_s* handle)
+{
+    char text[kErrorTextSize + 1] = {};
+    vxi_get_error(handle, text, kErrorTextSize);
+    return fc::Decode(text);
+}
 
 int ConfiguredPort(const ConfigTable& config)
 {
@@ -61,8 +64,7 @@ void set_scan_metrics_config(vxi_handle_ops_s* handle, int port, int outbound)
     auto& bitmap = outbound == 1 ? config.outbound : config.inbound;
     bitmap[port / 32] = UINT32_C(1) << (port % 32);
     const int rc = vxi_set_scan_monitoring(handle, &config);
-    if (rc != 0)
-        wxLogError("vxi_set_scan_monitoring failed rc= %d buf{%s}", rc, ErrorText(handle).text);
+    if (rc != 0) wxLogError("vxi_set_scan_monitoring failed rc= %d buf{%s}", rc, ErrorText(handle));
     wxCriticalSectionLocker lock(g_syshealth_cs);
     initial_monitored_port = port;
 }
@@ -77,8 +79,7 @@ int get_scan_metrics(vxi_handle_ops_s* handle, int outbound, scan_metrics_reques
     request->counters = VXI_SCAN_COUNTERS;
     request->entries = kEntriesAsked;
     const int rc = vxi_get_scan_metrics(handle, request, sizeof *request);
-    if (rc != 0)
-        wxLogError("vxi_get_scan_metrics failed rc= %d, buf{%s}", rc, ErrorText(handle).text);
+    if (rc != 0) wxLogError("vxi_get_scan_metrics failed rc= %d, buf{%s}", rc, ErrorText(handle));
     return rc;
 }
 
@@ -104,8 +105,7 @@ bool FetchScanMetrics(const ConfigTable& config, scan_metrics_request* request)
         set_scan_metrics_config(handle.get(), ConfiguredPort(config), outbound);
     const int rc = get_scan_metrics(handle.get(), outbound, request);
     if (rc == 0) return true;
-    wxLogError("get_scan_metrics() failed rc=%d, exiting, buf{%s}", rc,
-               ErrorText(handle.get()).text);
+    wxLogError("get_scan_metrics() failed rc=%d, exiting, buf{%s}", rc, ErrorText(handle.get()));
     DisableScanMetric();
     return false;
 }

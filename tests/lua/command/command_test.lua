@@ -46,8 +46,9 @@ local function set_loads(...)
 end
 
 local function vxa(arguments, environment)
-    local text, status = shell(("cd %s && env PATH=%s/bin:$PATH VXI_ENGINE=sim %s %s/bin/vxa %s 2>err")
-        :format(SCRATCH, SCRATCH, environment or "", ROOT, arguments))
+    local text, status = shell(
+        ("cd %s && env PATH=%s/bin:$PATH VXI_ENGINE=sim %s %s/bin/vxa %s 2>err")
+            :format(SCRATCH, SCRATCH, environment or "", ROOT, arguments))
     return text, status, testing.read(SCRATCH .. "/err")
 end
 
@@ -85,7 +86,7 @@ local refused = {
     { "run --cycles 0", 2, "%-%-cycles must be a whole number" },
     { "run --cycles", 2, "'%-%-cycles' requires an argument" },
     { "run --engine none", 2, "unknown engine 'none'; known are: .*linux.*sim" },
-    { "run --trace SysHealth", 2, "unknown trace category 'SysHealth'; known are: .*SysHealth.eng" },
+    { "run --trace SysHealth", 2, "unknown trace category 'SysHealth'; .*SysHealth.eng" },
     { "run --policy broken.json", 2, "policy broken.json: line 2, column %d+: %w" },
     { "run --policy empty.json", 2, "policy empty.json: line 1, column %d+: %w" },
     { "run --policy list.json", 2, "must be a JSON object" },
@@ -137,7 +138,7 @@ local runs = {
       { "engine sim", "policy: built%-in default %(no %-%-policy, no /etc/vx_filter.conf%)",
         "time +action +state +rqpct +frepct +delta_t +over",
         "\n%d%d:%d%d:%d%d  normal +Deactivated +0.5/16 +37.5/0.1 +0/45  %-\n",
-        "normal +Deactivated +1.5/16", "\n2 cycles in .*, 2 measured, fail%-open entered 0 times" } },
+        "normal +Deactivated +1.5/16", "\n2 cycles in .*, 2 measured, fail%-open entered 0" } },
     { "environment traps", "run --cycles 1",
       "OMP_NUM_THREADS=50 OMP_THREAD_LIMIT=1 LC_NUMERIC=de_DE.UTF-8", {}, { "0.5/16" } },
     { "a decimal comma for everything", "run --cycles 1", "LC_ALL=de_DE.UTF-8", {}, { "0.5/16" } },
@@ -145,33 +146,36 @@ local runs = {
     { "into fail-open", "run --policy runq.json --cycles 3 --interval 0.01", "",
       { "0.50", "9.17", "0.50" },
       { "policy: runq.json", "normal", "enter fail%-open +Activated +9.1/8 .*  rqpct\n",
-        ">> fail%-open entered: rqpct 9.1 exceeds the threshold of 8 processes; it lasts at least 2 min",
+        ">> fail%-open entered: rqpct 9.1 exceeds the threshold of 8 processes; .* 2 min, until",
         "stay fail%-open +Activated +0.5/8 .*  %- %(2 min to go%)\n", "ends in fail%-open" } },
     { "and out again", "run --policy instant.json --cycles 3 --interval 0.01", "",
       { "9.17", "0.50", "0.50" },
       { "enter fail%-open", "leave fail%-open +Deactivated", "<< fail%-open left after 0 s",
         "normal", "entered 1 time; ends enforcing" } },
     { "a monitored port", "run --port 443 --cycles 2 --interval 0.01", "", {},
-      { "%-%-port 443\n", "rqpct +refusalpct +estab +scanmb +frepct +delta_t", "/50 .*/5000 .*/500 " } },
+      { "%-%-port 443\n", "rqpct +refusalpct +estab +scanmb +frepct +delta_t",
+        "/50 .*/5000 .*/500 " } },
     { "a threshold without a port", "run --policy portless.json --cycles 2 --interval 0.01", "", {},
       { "not monitoring +Deactivated", "not monitoring", "0 measured" },
       { "Conn Refusal enabled but monitoring port not configured\n",
-        "not monitoring: portless.json has a connection threshold but no port; give %-%-port N[^\n]*\n$" } },
+        "not monitoring: portless.json has a connection threshold but no port[^\n]*\n$" } },
     { "nothing configured", "run --policy nothing.json --cycles 2 --interval 0.01", "", {},
       { "not monitoring" },
       { "warning: nothing.json: 'SYS_THR_RUNQUEUE' is no setting",
         "not monitoring: nothing.json holds no valid setting[^\n]*\n$" } },
     { "a driver that cannot count", "run --port 443 --cycles 3 --interval 0.01",
       "VXI_FAULT=vxi_get_scan_metrics=-5", {}, { "normal +Deactivated +0.5/16", "3 measured" },
-      { "^vxa: vxi_get_scan_metrics failed rc= %-5[^\n]*refusalpct, estab and scanmb are not judged%)\n$" } },
+      { "^vxa: vxi_get_scan_metrics failed rc= %-5[^\n]*, estab and scanmb are not judged%)\n$" } },
     { "a driver that cannot be opened", "run --port 443 --cycles 3 --interval 0.01",
       "VXI_FAULT=vxi_open=-13", {}, { "3 measured" },
       { "^vxa: connections cannot be read: engine sim[^\n]*%(none are reported%)\n",
         "vxa: the driver cannot be opened: [^\n]*are not judged%)\n$" } },
     { "an interval beyond its threshold", "run --cycles 1 --interval 45", "", {}, { "normal" },
-      { "^vxa: warning: %-%-interval 45 is not below the threshold of delta_t %(45 s%)[^\n]*\n$" } },
-    { "traces", "run --cycles 1 --trace SysHealth.metr --trace 'SysHealth.e*'", "", {}, { "normal" },
-      { "trace SysHealth.eng CheckSystemHealthMetrics: cloud_config size%[", "Setting status: enabled" } },
+      { "^vxa: warning: %-%-interval 45 is not below the threshold of delta_t[^\n]*\n$" } },
+    { "traces", "run --cycles 1 --trace SysHealth.metr --trace 'SysHealth.e*'", "", {},
+      { "normal" },
+      { "^trace SysHealth.eng CheckSystemHealthMetrics: cloud_config size%[",
+        "Setting status: enabled" } },
     { "status", "status --port 443 --outbound", "", {},
       { "monitoring  enabled", "policy      built%-in default", "port        443, outbound",
         "fail%-open   lasts at least 30 min", "rqpct +0.5  above 16", "estab +%-  above 5000",
@@ -179,7 +183,8 @@ local runs = {
     { "status above a threshold", "status --policy runq.json", "", { "9.17" },
       { "would go into fail%-open: rqpct 9.1 exceeds", "OVER: runnable" } },
     { "status without monitoring", "status --policy portless.json", "", {},
-      { "monitoring  disabled: portless.json has a connection threshold but no port", "engine sim" },
+      { "monitoring  disabled: portless.json has a connection threshold but no port",
+        "engine sim" },
       { "monitoring port not configured\n$" } },
 }
 
@@ -210,7 +215,8 @@ end
 cases.case("figures that cannot be had", function()
     local out, status, err = vxa("run --cycles 2 --interval 0.01", "FAKE_CPUS=")
     cases.equal(status, 1, "exit status")
-    match_in_order(out, { "no load figures +Deactivated  uptime or nproc", "2 cycles .* 0 measured" },
+    match_in_order(out,
+        { "no load figures +Deactivated  uptime or nproc", "2 cycles .* 0 measured" },
         "standard output")
     cases.matches(err, "^vxa: not one cycle could sample this machine\n$", "standard error")
     cases.equal(select(2, vxa("status", "FAKE_CPUS=")), 1, "exit status of status")
@@ -270,8 +276,9 @@ cases.case("run --json: one record a line", function()
     local records = records_of((vxa("run --json --policy runq.json --cycles 2 --interval 0.01")))
     cases.equal(#records, 4, "records")
     local start, first, second, last = table.unpack(records)
-    cases.equal({ start.record, start.engine, start.policy_source, start.settings },
-        { "start", "sim", "runq.json", { SYS_THR_RUNQ = 8, SYS_CONF_MIN_ACT_DURATION = 2 } }, "start")
+    cases.equal({ start.record, start.engine, start.policy_source },
+        { "start", "sim", "runq.json" }, "start")
+    cases.equal(start.settings, { SYS_THR_RUNQ = 8, SYS_CONF_MIN_ACT_DURATION = 2 }, "settings")
     cases.equal({ first.record, first.cycle, first.action, first.state, first.over, first.errors },
         { "cycle", 1, 0, "Deactivated", {}, {} }, "first")
     cases.equal({ second.action, second.transition, second.min_fail_open_s, second.over },
@@ -287,8 +294,9 @@ cases.case("status --json", function()
     local out = vxa("status --json --port 443")
     local status = records_of(out)[1]
     cases.matches(out, '^{"record":"status","time":"[^"]+","version":"', "order of members")
-    cases.equal({ status.monitoring, status.port, status.direction, #status.metrics, status.engine },
-        { true, 443, "inbound", 6, "sim" }, "members")
+    cases.equal({ status.monitoring, status.port, status.direction, status.engine },
+        { true, 443, "inbound", "sim" }, "members")
+    cases.equal(#status.metrics, 6, "metrics")
     cases.equal(status.metrics[3].value, nil, "a rate after one cycle")
     cases.equal(type(status.capabilities[1].detail), "string", "capability")
 end)
@@ -307,13 +315,15 @@ end
 for _, signal in ipairs { "INT", "TERM" } do
     cases.case("SIG" .. signal, function()
         set_loads()
-        cases.matches(end_by(signal), "^status 0\n.*\n1 cycle in [^\n]*; ends enforcing\n$", "output")
+        cases.matches(end_by(signal), "^status 0\n.*\n1 cycle in [^\n]*; ends enforcing\n$",
+            "output")
     end)
 end
 
 cases.case("a reader that goes away ends it without a word", function()
     set_loads()
-    cases.matches(vxa("run --interval 0.01 --cycles 100000 | head -n 1"), "^vxa [^\n]*\n$", "output")
+    local out = vxa("run --interval 0.01 --cycles 100000 | head -n 1")
+    cases.matches(out, "^vxa [^\n]*\n$", "output")
     cases.equal(testing.read(SCRATCH .. "/err"), "", "standard error")
 end)
 
@@ -321,6 +331,5 @@ cases.case("found through a symbolic link", function()
     shell(("ln -sf %s/bin/vxa '%s/it is'"):format(ROOT, SCRATCH))
     cases.matches(shell(("'%s/it is' --version"):format(SCRATCH)), "^vxa ", "output")
 end)
-
 
 cases.finish()

@@ -17,7 +17,8 @@ local FIGURES = { rqpct = "2.500(8.000)", refusalpct = "0.000(0.000)", estab = "
 local function status_line(action, changes)
     local figures = {}
     for i, metric in ipairs(filter.metrics) do
-        figures[i] = metric.name .. "=" .. (changes and changes[metric.name] or FIGURES[metric.name])
+        local figure = changes and changes[metric.name] or FIGURES[metric.name]
+        figures[i] = metric.name .. "=" .. figure
     end
     return ("SysHealth: rc=%d tval=1700000000.000001 delta_t=10.000 startSt=Deact endSt=Act "
         .. "min_dur=1800 act_dur=75 port=443 %s"):format(action, table.concat(figures, " "))
@@ -35,8 +36,9 @@ local function scripted(actions, changes)
     function SLB.filter.GetSysHealthMetrics()
         local rows = {}
         for i, metric in ipairs(filter.metrics) do
-            rows[i] = { name = metric.name, value = i == 1 and 9 or 0, threshold = i == 1 and 8 or 0 }
+            rows[i] = { name = metric.name, value = 0, threshold = 0 }
         end
+        rows[1].value, rows[1].threshold = 9, 8
         rows[7] = { cpu_count = 2 }
         return true, rows
     end

@@ -3,6 +3,7 @@
 local vxa = require "vxa"
 
 -- A sanitizer's runtime is for this process alone: it breaks the shell.
+local sanitizer = os.getenv("LD_PRELOAD") or ""
 vxa.setenv("LD_PRELOAD", nil)
 
 local failures = 0
@@ -136,6 +137,27 @@ same(read_file(scratch .. "/left.zip"):sub(1, 4), "PK\5\6", "archive finished by
 same(#assert(vxa.zip_entries(scratch .. "/left.zip")), 0, "entries of an empty archive")
 refused("left.zip: has no entry a.txt", vxa.zip_read(scratch .. "/left.zip", "a.txt"))
 refused("/dev/zero is not a file", vxa.zip_entries("/dev/zero"))
+
+-- ---- loading ---------------------------------------------------------------------------
+
+do -- a second load leaves the first one's objects alone
+    local live = vxa.Dom()
+    package.loaded.vxa = nil
+    require "vxa"
+    collectgarbage()
+    collectgarbage()
+    live:set("key", "kept")
+    same(live:get("key"), "kept", "document after a second load")
+end
+
+do -- without standard streams, logs must not end up in the next file opened
+    local script = ([[local vxa = require "vxa" local dom = vxa.Dom("%s/streams")
+        vxa.trace("*", true) vxa.verbose(true) vxa.log_to(nil)
+        dom:set("a", 1) io.stderr:write("stray") dom:close()]]):format(scratch)
+    check(os.execute(("LD_PRELOAD='%s' exec lua5.2 -e '%s' <&- >&- 2>&-"):format(sanitizer, script)),
+        "script without standard streams")
+    same(read_file(scratch .. "/streams/events.jsonl"), "", "events")
+end
 
 -- ---- engines and handles ---------------------------------------------------------------
 

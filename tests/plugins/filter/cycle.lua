@@ -94,6 +94,12 @@ for _, state in ipairs {"activated", "", "Active", "Deactivate", " Activated", "
     t.equal(lines(records), {"error: incorrect state value " .. state .. " for state string"}, state)
 end
 
+-- A byte that no encoding explains is shown as Latin-1, not dropped with the whole text.
+do
+    local _, _, records = cycle(1, "Bad\255", "")
+    t.equal(lines(records), {"error: incorrect state value Bad\195\191 for state string"})
+end
+
 -- ---- monitoring disabled: action 2 ---------------------------------------------------
 
 local no_port = {
