@@ -5,24 +5,14 @@
 
 local cases = require "cases"
 local json = require "dkjson"
+local outside = require "outside"
 local testing = require "testing"
 
-local ROOT = assert(os.getenv("VXA_ROOT"), "VXA_ROOT names the source tree")
 local CONF = "/etc/vx_filter.conf"
 local STATE_LOG = "/var/opt/vx_agent/diag/vx_filter_json.log"
 
-local function shell(command)
-    local pipe = io.popen(command)
-    local text = pipe:read("*a")
-    local _, _, status = pipe:close()
-    return text, status
-end
-
-local SCRATCH = shell("mktemp -d -p /var/opt"):gsub("%s+$", "")
-
-local function write_file(name, text)
-    testing.write(name:find("^/") and name or SCRATCH .. "/" .. name, text)
-end
+local ROOT, SCRATCH, shell, vxa = outside.ROOT, outside.SCRATCH, outside.shell, outside.vxa
+local write_file, match_in_order = outside.write, outside.match_in_order
 
 -- The fakes show the traps: nproc obeys OMP_NUM_THREADS, uptime the locale. Each call of
 -- uptime takes the next line of the file "loads", then 0.50 for good.
@@ -43,13 +33,6 @@ end
 local function set_loads(...)
     os.remove(SCRATCH .. "/calls")
     write_file("loads", table.concat({ ... }, "\n") .. "\n")
-end
-
-local function vxa(arguments, environment)
-    local text, status = shell(
-        ("cd %s && env PATH=%s/bin:$PATH VXI_ENGINE=sim %s %s/bin/vxa %s 2>err")
-            :format(SCRATCH, SCRATCH, environment or "", ROOT, arguments))
-    return text, status, testing.read(SCRATCH .. "/err")
 end
 
 local function lines(text)
@@ -131,6 +114,7 @@ write_file("nothing.json", '{"SYS_THR_RUNQUEUE": {"value": 8}}')
 local runs = {
     { "version", "--version", "", {}, { "^vxa %d+%.%d+%.%d+ .*linux.*sim" } },
     { "help of all", "--help", "", {}, { "Usage: vxa", "run", "status", "Exit status" } },
+    { "help of connections", "connections --help", "", {}, { "61 seconds" } },
     { "help of run", "run --help", "", {},
       { "%-%-policy FILE", "%-%-port N", "%-%-outbound", "%-%-engine NAME", "%-%-trace CATEGORY",
         "%-%-json", "%-%-interval SECONDS", "%-%-cycles N", "%-%-state DIR" } },
@@ -187,15 +171,6 @@ local runs = {
         "engine sim" },
       { "monitoring port not configured\n$" } },
 }
-
-local function match_in_order(text, patterns, what)
-    local from = 1
-    for _, pattern in ipairs(patterns) do
-        local _, last = text:find(pattern, pattern:find("^%^") and 1 or from)
-        if not last then cases.matches(text:sub(from), pattern, what) end
-        from = last
-    end
-end
 
 for _, row in ipairs(runs) do
     local name, arguments, environment, loads, out_patterns, err_patterns = table.unpack(row, 1, 6)
