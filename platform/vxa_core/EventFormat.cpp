@@ -9,7 +9,7 @@ namespace VxaCore {
 
 namespace {
 
-// One conversion specification as printf(3) takes it apart.
+// One conversion, in the parts that printf(3) names.
 struct Conversion {
     size_t length;    // from the "%" on
     size_t consumed;  // arguments it takes in their order ("%*d" takes two)
