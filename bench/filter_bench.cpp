@@ -1,19 +1,18 @@
 // Speed of the filter module under Lua, each figure beside what it is measured against.
 // bench/run runs this program and prints the table of ratios.
 
-#include <benchmark/benchmark.h>
-
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
-#include <lua.hpp>
-
+#include "LuaBench.h"
 #include "Stage.h"
 #include "vxi/engine.h"
 
 namespace {
+
+using lua_bench::Die;
+using lua_bench::Measure;
 
 constexpr int kCallsPerLoop = 1000;
 
@@ -26,25 +25,7 @@ constexpr const char* kPortPolicy =
 constexpr const char* kPlainPolicy =
     "{\"SYS_THR_RUNQ\": {\"value\": 200}, \"SYS_THR_FREE_MEM\": {\"value\": 1}}";
 
-lua_State* s_lua;
 std::string s_linux_note;
-
-[[noreturn]] void Die(const char* what)
-{
-    std::fprintf(stderr, "filter_bench: %s\n", what);
-    std::exit(1);
-}
-
-int Empty(lua_State*)
-{
-    return 0;
-}
-
-void RunChunk(const char* chunk)
-{
-    if (luaL_dostring(s_lua, chunk) != 0) Die(lua_tostring(s_lua, -1));
-    lua_settop(s_lua, 0);
-}
 
 // Whether scan counters can be had here; else why not.
 std::string LinuxScanNote(vxi_handle_ops_s* handle)
@@ -59,17 +40,11 @@ std::string LinuxScanNote(vxi_handle_ops_s* handle)
 
 void PrepareLua()
 {
-    s_lua = luaL_newstate();
-    luaL_openlibs(s_lua);
-    lua_pushcfunction(s_lua, Empty);
-    lua_setglobal(s_lua, "empty");
-    RunChunk("package.cpath = '" LIBRARY_DIR
-             "/?.so' vxa = require 'vxa' require 'fc' "
-             "doc, filter = vxa.Dom(), SLB.filter");
-    lua_pushstring(s_lua, kPortPolicy);
-    lua_setglobal(s_lua, "port_policy");
-    lua_pushstring(s_lua, s_linux_note.empty() ? kPortPolicy : kPlainPolicy);
-    lua_setglobal(s_lua, "policy");
+    lua_bench::Open();
+    lua_pushstring(lua_bench::State(), kPortPolicy);
+    lua_setglobal(lua_bench::State(), "port_policy");
+    lua_pushstring(lua_bench::State(), s_linux_note.empty() ? kPortPolicy : kPlainPolicy);
+    lua_setglobal(lua_bench::State(), "policy");
 }
 
 void FindOutWhatLinuxDelivers()
@@ -94,18 +69,6 @@ void MonitorPort(const char* engine)
     vxi_handle_ops_s* handle = vxi_open();
     if (vxi_set_scan_monitoring(handle, &config) != 0) Die("scan monitoring cannot be set");
     vxi_close(handle);
-}
-
-// Runs a compiled chunk once per iteration.
-void Measure(benchmark::State& state, const char* chunk, long calls_per_chunk = 1)
-{
-    if (luaL_loadstring(s_lua, chunk) != 0) Die(lua_tostring(s_lua, -1));
-    for (auto _ : state) {
-        lua_pushvalue(s_lua, -1);
-        if (lua_pcall(s_lua, 0, 0, 0) != 0) Die(lua_tostring(s_lua, -1));
-    }
-    lua_settop(s_lua, 0);
-    state.SetItemsProcessed(state.iterations() * calls_per_chunk);
 }
 
 constexpr const char* kCycle =
@@ -210,6 +173,6 @@ int main(int argc, char** argv)
     vxi_engine_select("linux");
     PrepareLua();
     benchmark::RunSpecifiedBenchmarks();
-    lua_close(s_lua);
+    lua_bench::Close();
     return 0;
 }
