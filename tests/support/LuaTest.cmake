@@ -32,7 +32,7 @@ endfunction()
 function(add_plugin_lua_test name script)
     add_test(NAME ${name} COMMAND ${LUA} ${CMAKE_CURRENT_SOURCE_DIR}/${script})
     set_tests_properties(${name} PROPERTIES TIMEOUT 300 ENVIRONMENT
-        "${LUA_TEST_ENVIRONMENT};${LEAK_ENVIRONMENT};LUA_PATH=${TEST_SUPPORT_DIR}/?.lua\;\;")
+        "${LUA_TEST_ENVIRONMENT};${SANITIZER_ENVIRONMENT};LUA_PATH=${TEST_SUPPORT_DIR}/?.lua\;\;")
 endfunction()
 
 # discover_plugin_tests(TARGET): its GoogleTest cases, with the environment they need.

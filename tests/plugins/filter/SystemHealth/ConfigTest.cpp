@@ -4,8 +4,8 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <map>
-#include <optional>
+#include <iomanip>
+#include <sstream>
 
 #include "Fixture.h"
 
@@ -13,334 +13,180 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using Settings = std::map<int, double>;
-
-constexpr const char* kUnloadKey = "vxp.filter.FailOpenUnloadDriver";
-
-class ConfigTest : public HealthTest {
+class ConfigTest : public SandboxedHealthTest {
 protected:
-    void SetUp() override
+    // "ROW=VALUE ..." of those that are set.
+    static std::string InForce()
     {
-        REQUIRE_SANDBOX();
-        HealthTest::SetUp();
-    }
-
-    // The rows that are set, with their values.
-    static Settings InForce()
-    {
-        Settings settings;
+        std::ostringstream text;
+        text << std::setprecision(9);
         for (int row = 0; row < kConfRows; ++row)
-            if (vxa_syshealth_config[row].set == 1) settings[row] = vxa_syshealth_config[row].value;
-        return settings;
+            if (vxa_syshealth_config[row].set == 1)
+                text << " " << row << "=" << vxa_syshealth_config[row].value;
+        return text.str();
     }
 
-    // What was written to the document: nothing, or the one setting.
-    std::optional<bool> Unload()
+    // What a reader left behind: "COUNT: ROW=VALUE ...", then what it told the document, if
+    // anything, and what it logged.
+    std::string Outcome(int count)
     {
-        const auto settings = host::TakeSettings(*document);
-        if (settings.empty()) return std::nullopt;
-        EXPECT_EQ(settings.size(), 1u);
-        EXPECT_EQ(settings[0].first, kUnloadKey);
-        return settings[0].second;
+        std::string text = std::to_string(count) + ":" + InForce();
+        for (const auto& [key, value] : host::TakeSettings(*document)) {
+            EXPECT_EQ(key, "vxp.filter.FailOpenUnloadDriver");
+            text += value ? ", unload" : ", keep";
+        }
+        for (const std::string& line : host::TakeLog()) text += "\n" + line;
+        return text;
+    }
+
+    std::string FromFile(const std::string& text, int state = 0)
+    {
+        sandbox::SetConfigFile(text.c_str());
+        vxa_syshealth_config[kConfFreeMemory].set = 1;  // of an earlier cycle
+        return Outcome(readSystemHealthConfig(document.get(), state));
+    }
+
+    std::string FromPolicy(const char* json, int state = 0)
+    {
+        vxa_syshealth_config[kConfFreeMemory].set = 1;
+        return Outcome(readSystemHealthPolicy(document.get(), state, json));
     }
 
     std::unique_ptr<VxaCore::CDom> document = host::MakeDocument();
 };
 
-std::string Rejected(const char* stored, const char* key, const char* maximum)
+constexpr const char* kFileReader = "SysHealth.conf readSystemHealthConfig: ";
+constexpr const char* kPolicyReader = "SysHealth.conf readSystemHealthPolicy: ";
+constexpr const char* kPolicyComplaint = "SysHealth.eng readSystemHealthPolicy: ";
+
+std::string Rejected(const char* stored, const std::string& key, int maximum)
 {
-    return std::string("error: value ") + stored + " for  " + key +
-           " is out of range, max= " + maximum;
+    return std::string("\nerror: value ") + stored + " for  " + key +
+           " is out of range, max= " + std::to_string(maximum) + ".000000";
 }
 
 TEST_F(ConfigTest, FileCases)
 {
-    constexpr const char* runq = "SYSTEM_RUNQ_PCT_THRESHOLD=";
-    struct Case {
-        const char* name;
-        std::optional<std::string> text;
-        int state;
-        int count;
-        Settings settings;
-        std::optional<bool> unload;
-        Lines log;
+    const std::string runq = "SYSTEM_RUNQ_PCT_THRESHOLD=";
+    const std::string rejected = "0:, keep" + Rejected("0.000000", runq, 200);
+    const std::pair<std::string, std::string> cases[] = {
+        {"", "0:, keep"},
+        {runq + "0", rejected},
+        {runq + "-1\n", rejected},
+        {runq + "much\n", rejected},
+        {runq + "nan\n", rejected},
+        {runq + "inf\n", rejected},
+        {runq + "\n", rejected},
+        {runq + "50\n" + runq + "250\n", "1: 5=50, keep" + Rejected("50.000000", runq, 200)},
+        {runq + "50\n" + runq + "60\n", "2: 5=60, keep"},
+        {" " + runq + "50\nsystem_runq_pct_threshold=50\n# comment\n", "0:, keep"},
+        {runq + " 50 percent\nSYSTEM_MIN_ACT_DURATION=0x10", "2: 3=16 5=50, keep"},
+        {runq + "0.1\n", "1: 5=0.100000001, keep"},  // single precision
+        // A long line is read in pieces.
+        {std::string(1023, 'x') + runq + "7\n" + std::string(1022, 'x') + runq + "8\n",
+         "1: 5=7, keep"},
+        {"SYSTEM_UNLOAD_DRIVER=0.5\n", "1: 10=0.5, keep"},
     };
-    const std::string thresholds =
-        "SYSTEM_CONNECTION_REFUSAL_PORT=80\nSYSTEM_CONNECTION_REFUSAL_PCT_THRESHOLD=1\n"
-        "SYSTEM_CONNECTION_ESTABLISHED_PER_CPU=2\nSYSTEM_TOTAL_SCAN_MBYTES_PER_CPU=3\n"
-        "SYSTEM_RUNQ_PCT_THRESHOLD=4\n";
-    const Case cases[] = {
-        {"no file", {}, 0, 0, {}, {}, {}},
-        {"no file in fail-open", {}, 1, 0, {}, {}, {}},
-        {"empty file", "", 0, 0, {}, false, {}},
-        {"zero",
-         "SYSTEM_MIN_ACT_DURATION=0\n",
-         0,
-         0,
-         {},
-         false,
-         {Rejected("0.000000", "SYSTEM_MIN_ACT_DURATION=", "60.000000")}},
-        {"negative, no number, no finite number",
-         "SYSTEM_RUNQ_PCT_THRESHOLD=-1\nSYSTEM_RUNQ_PCT_THRESHOLD=much\n"
-         "SYSTEM_RUNQ_PCT_THRESHOLD=nan\nSYSTEM_RUNQ_PCT_THRESHOLD=inf\n"
-         "SYSTEM_RUNQ_PCT_THRESHOLD=\n",
-         0,
-         0,
-         {},
-         false,
-         Lines(5, Rejected("0.000000", runq, "200.000000"))},
-        {"a rejected value leaves the one before it",
-         "SYSTEM_RUNQ_PCT_THRESHOLD=50\nSYSTEM_RUNQ_PCT_THRESHOLD=250\n",
-         0,
-         1,
-         {{5, 50}},
-         false,
-         {Rejected("50.000000", runq, "200.000000")}},
-        {"a repeated key counts each time, the last wins",
-         "SYSTEM_RUNQ_PCT_THRESHOLD=50\nSYSTEM_RUNQ_PCT_THRESHOLD=60\n",
-         0,
-         2,
-         {{5, 60}},
-         false,
-         {}},
-        {"leading blank, lower case, other texts",
-         " SYSTEM_RUNQ_PCT_THRESHOLD=50\nsystem_runq_pct_threshold=50\n# comment\n"
-         "SYSTEM_RUNQ_PCT_THRESHOLD =50\nSYSTEM_RUNQ_PCT_THRESHOLD\n",
-         0,
-         0,
-         {},
-         false,
-         {}},
-        {"blank before the number, text behind it, no line end",
-         "SYSTEM_RUNQ_PCT_THRESHOLD= 50 percent\nSYSTEM_MIN_ACT_DURATION=0x10",
-         0,
-         2,
-         {{5, 50}, {3, 16}},
-         false,
-         {}},
-        {"single precision",
-         "SYSTEM_RUNQ_PCT_THRESHOLD=0.1\n",
-         0,
-         1,
-         {{5, static_cast<double>(0.1f)}},
-         false,
-         {}},
-        {"a long line is read in pieces",
-         std::string(1023, 'x') + "SYSTEM_RUNQ_PCT_THRESHOLD=7\n" + std::string(1022, 'x') +
-             "SYSTEM_RUNQ_PCT_THRESHOLD=8\n",
-         0,
-         1,
-         {{5, 7}},
-         false,
-         {}},
-        {"half an unload", "SYSTEM_UNLOAD_DRIVER=0.5\n", 0, 1, {{10, 0.5}}, false, {}},
-        {"out of fail-open",
-         thresholds,
-         0,
-         5,
-         {{0, 80}, {4, 1}, {5, 4}, {6, 2}, {7, 3}},
-         false,
-         {}},
-        {"in fail-open", thresholds, 1, 5, {{0, 80}, {5, 4}}, false, {}},
+    for (const auto& [text, outcome] : cases) EXPECT_EQ(FromFile(text), outcome) << text;
+    sandbox::SetConfigFile(nullptr);
+    EXPECT_EQ(Outcome(readSystemHealthConfig(document.get(), 0)), "0:");
+}
+
+TEST_F(ConfigTest, PolicyCases)
+{
+    const std::pair<const char*, const char*> cases[] = {
+        {"{}", "0:, keep"},
+        {"[1, 2]", "0:, keep"},
+        {R"({"SYS_CONF_CONN_REFUSAL_PORT": 8080, "SYS_THR_RUNQ": {"value": 0.1}} tail)",
+         "2: 0=8080 5=0.1, keep"},
+        // A plain number may be 0, a threshold not.
+        {R"({"SYS_CONF_MIN_ACT_DURATION": 0, "SYS_THR_RUNQ": {"value": 0}})", "1: 3=0, keep"},
+        {R"({"SYS_CONF_RECOVER_FACTOR": -1, "SYS_THR_RUNQ": {"value": -1},
+             "SYS_THR_CONN_EST_PER_CPU": {"value": 1e999}})",
+         "0:, keep"},
+        {R"({"SYS_THR_RUNQ": 50, "SYS_THR_FREE_MEM": {"value": "10"},
+             "SYS_THR_CONN_REFUSAL_PCT": {"limit": 1}, "SYS_THR_CONN_EST_PER_CPU": null})",
+         "0:, keep"},
+        // A plain setting that is no number counts as 0.
+        {R"({"SYS_CONF_CONN_REFUSAL_PORT": "8080", "SYS_CONF_UNLOAD_DRIVER": {"value": 1}})",
+         "2: 0=0 10=0, keep"},
+        {R"({"sys_thr_runq": {"VALUE": 5}, "SYS_THR_RUNQ": {"value": 6}})", "1: 5=5, keep"},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        sandbox::SetConfigFile(c.text ? c.text->c_str() : nullptr);
-        vxa_syshealth_config[kConfFreeMemory].set = 1;  // of an earlier cycle
-        EXPECT_EQ(readSystemHealthConfig(document.get(), c.state), c.count);
-        EXPECT_EQ(InForce(), c.settings);
-        EXPECT_EQ(Unload(), c.unload);
-        EXPECT_EQ(host::TakeLog(), c.log);
-        const Lines traces = {
-            "SysHealth.conf readSystemHealthConfig: readSystemHealthConfig "
-            "returning " +
-            std::to_string(c.count)};
-        EXPECT_EQ(host::TakeTraceLines(), c.count == 0 ? Lines{} : traces);
-    }
+    sandbox::SetConfigFile("SYSTEM_RUNQ_PCT_THRESHOLD=77\n");  // never merged in
+    for (const auto& [json, outcome] : cases) EXPECT_EQ(FromPolicy(json), outcome) << json;
 }
 
 TEST_F(ConfigTest, EverySettingIsTakenUpToItsMaximum)
 {
     const struct {
-        const char* key;
+        const char* file_key;
+        const char* policy_key;
         int maximum;
-    } rows[kConfRows] = {{"SYSTEM_CONNECTION_REFUSAL_PORT=", 65535},
-                         {"SYSTEM_CONNECTION_REFUSAL_OUTBOUND=", 1},
-                         {"SYSTEM_RECOVERY_FACTOR=", 100},
-                         {"SYSTEM_MIN_ACT_DURATION=", 60},
-                         {"SYSTEM_CONNECTION_REFUSAL_PCT_THRESHOLD=", 100},
-                         {"SYSTEM_RUNQ_PCT_THRESHOLD=", 200},
-                         {"SYSTEM_CONNECTION_ESTABLISHED_PER_CPU=", 10000000},
-                         {"SYSTEM_TOTAL_SCAN_MBYTES_PER_CPU=", 100000},
-                         {"SYSTEM_MIN_FREE_MEM_PCT=", 25},
-                         {"SYSTEM_MAX_ITERATION_INTERVAL=", 60},
-                         {"SYSTEM_UNLOAD_DRIVER=", 1}};
-    std::string accepted, rejected;
-    Settings settings;
-    Lines log;
+    } rows[kConfRows] = {
+        {"SYSTEM_CONNECTION_REFUSAL_PORT=", "SYS_CONF_CONN_REFUSAL_PORT", 65535},
+        {"SYSTEM_CONNECTION_REFUSAL_OUTBOUND=", "SYS_CONF_CONN_REFUSAL_OUTBOUND", 1},
+        {"SYSTEM_RECOVERY_FACTOR=", "SYS_CONF_RECOVER_FACTOR", 100},
+        {"SYSTEM_MIN_ACT_DURATION=", "SYS_CONF_MIN_ACT_DURATION", 60},
+        {"SYSTEM_CONNECTION_REFUSAL_PCT_THRESHOLD=", "SYS_THR_CONN_REFUSAL_PCT", 100},
+        {"SYSTEM_RUNQ_PCT_THRESHOLD=", "SYS_THR_RUNQ", 200},
+        {"SYSTEM_CONNECTION_ESTABLISHED_PER_CPU=", "SYS_THR_CONN_EST_PER_CPU", 10000000},
+        {"SYSTEM_TOTAL_SCAN_MBYTES_PER_CPU=", "SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU", 100000},
+        {"SYSTEM_MIN_FREE_MEM_PCT=", "SYS_THR_FREE_MEM", 25},
+        {"SYSTEM_MAX_ITERATION_INTERVAL=", "SYS_THR_MAX_ITERATION_INVL", 60},
+        {"SYSTEM_UNLOAD_DRIVER=", "SYS_CONF_UNLOAD_DRIVER", 1},
+    };
+    std::string file[2], policy[2] = {"{", "{"};  // at the maximum; beyond it
+    std::string accepted = "11:", rejected = "0:, keep";
+    Lines stored, out_of_bounds;
     for (int row = 0; row < kConfRows; ++row) {
-        const std::string maximum = std::to_string(rows[row].maximum);
-        accepted += rows[row].key + maximum + "\n";
-        rejected += rows[row].key + std::to_string(rows[row].maximum + 1) + "\n";
-        settings[row] = rows[row].maximum;
-        log.push_back(Rejected("0.000000", rows[row].key, (maximum + ".000000").c_str()));
+        const auto& [file_key, policy_key, maximum] = rows[row];
+        const bool plain = std::string(policy_key).rfind("SYS_CONF", 0) == 0;
+        for (int beyond : {0, 1}) {
+            const std::string value = std::to_string(maximum + beyond);
+            file[beyond] += file_key + value + "\n";
+            policy[beyond] += std::string(row == 0 ? "" : ",") + "\"" + policy_key +
+                              "\": " + (plain ? value : "{\"value\": " + value + "}");
+        }
+        accepted += " " + std::to_string(row) + "=" + std::to_string(maximum);
+        rejected += Rejected("0.000000", file_key, maximum);
+        stored.push_back(std::string(kPolicyReader) + "stored " + policy_key + "  " +
+                         std::to_string(maximum) + ".000000");
+        out_of_bounds.push_back(std::string(kPolicyComplaint) + " value out of boundary [" +
+                                policy_key + "]");
     }
-    sandbox::SetConfigFile(accepted.c_str());
-    EXPECT_EQ(readSystemHealthConfig(document.get(), 0), 11);
-    EXPECT_EQ(InForce(), settings);
-    EXPECT_EQ(Unload(), true);
-    EXPECT_EQ(host::TakeLog(), Lines{});
-    sandbox::SetConfigFile(rejected.c_str());
-    EXPECT_EQ(readSystemHealthConfig(document.get(), 0), 0);
-    EXPECT_EQ(InForce(), Settings{});
-    EXPECT_EQ(Unload(), false);
-    EXPECT_EQ(host::TakeLog(), log);
-}
-
-std::string Stored(const char* text)
-{
-    return std::string("SysHealth.conf readSystemHealthPolicy: stored ") + text;
-}
-
-std::string OutOfBoundary(const char* key)
-{
-    return std::string("SysHealth.eng readSystemHealthPolicy:  value out of boundary [") + key +
-           "]";
-}
-
-TEST_F(ConfigTest, PolicyCases)
-{
-    struct Case {
-        const char* name;
-        const char* json;
-        int state;
-        int count;
-        Settings settings;
-        bool unload;
-        Lines traces;  // without the closing line
-    };
-    const Case cases[] = {
-        {"empty object", "{}", 0, 0, {}, false, {}},
-        {"no object", "[1, 2]", 0, 0, {}, false, {}},
-        {"a number and an object",
-         R"({"SYS_CONF_CONN_REFUSAL_PORT": 8080, "SYS_THR_RUNQ": {"value": 2.5}})",
-         0,
-         2,
-         {{0, 8080}, {5, 2.5}},
-         false,
-         {Stored("SYS_CONF_CONN_REFUSAL_PORT  8080.000000"), Stored("SYS_THR_RUNQ  2.500000")}},
-        {"zero: a plain number may be, a threshold not",
-         R"({"SYS_CONF_MIN_ACT_DURATION": 0, "SYS_THR_RUNQ": {"value": 0}})",
-         0,
-         1,
-         {{3, 0}},
-         false,
-         {Stored("SYS_CONF_MIN_ACT_DURATION  0.000000"), OutOfBoundary("SYS_THR_RUNQ")}},
-        {"out of bounds",
-         R"({"SYS_CONF_MIN_ACT_DURATION": 61, "SYS_CONF_RECOVER_FACTOR": -1,
-             "SYS_THR_FREE_MEM": {"value": 26}, "SYS_THR_RUNQ": {"value": -1},
-             "SYS_THR_CONN_EST_PER_CPU": {"value": 1e999}})",
-         0,
-         0,
-         {},
-         false,
-         {OutOfBoundary("SYS_CONF_RECOVER_FACTOR"), OutOfBoundary("SYS_CONF_MIN_ACT_DURATION"),
-          OutOfBoundary("SYS_THR_RUNQ"), OutOfBoundary("SYS_THR_CONN_EST_PER_CPU"),
-          OutOfBoundary("SYS_THR_FREE_MEM")}},
-        {"not the kind expected",
-         R"({"SYS_THR_RUNQ": 50, "SYS_THR_FREE_MEM": {"value": "10"},
-             "SYS_THR_CONN_REFUSAL_PCT": {"limit": 1}, "SYS_THR_CONN_EST_PER_CPU": null})",
-         0,
-         0,
-         {},
-         false,
-         {}},
-        {"a plain setting that is no number counts as 0",
-         R"({"SYS_CONF_CONN_REFUSAL_PORT": "8080", "SYS_CONF_UNLOAD_DRIVER": {"value": 1}})",
-         0,
-         2,
-         {{0, 0}, {10, 0}},
-         false,
-         {Stored("SYS_CONF_CONN_REFUSAL_PORT  0.000000"),
-          Stored("SYS_CONF_UNLOAD_DRIVER  0.000000")}},
-        {"case of member names, first of repeated ones",
-         R"({"sys_thr_runq": {"VALUE": 5}, "SYS_THR_RUNQ": {"value": 6}})",
-         0,
-         1,
-         {{5, 5}},
-         false,
-         {Stored("SYS_THR_RUNQ  5.000000")}},
-        {"double precision, text behind the object",
-         R"({"SYS_THR_RUNQ": {"value": 0.1}} tail)",
-         0,
-         1,
-         {{5, 0.1}},
-         false,
-         {Stored("SYS_THR_RUNQ  0.100000")}},
-        {"unload",
-         R"({"SYS_CONF_UNLOAD_DRIVER": 1})",
-         0,
-         1,
-         {{10, 1}},
-         true,
-         {Stored("SYS_CONF_UNLOAD_DRIVER  1.000000")}},
-        {"in fail-open",
-         R"({"SYS_CONF_CONN_REFUSAL_PORT": 80, "SYS_THR_CONN_REFUSAL_PCT": {"value": 1},
-             "SYS_THR_CONN_EST_PER_CPU": {"value": 2},
-             "SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU": {"value": 3}, "SYS_THR_FREE_MEM": {"value": 4}})",
-         1,
-         5,
-         {{0, 80}, {8, 4}},
-         false,
-         {Stored("SYS_CONF_CONN_REFUSAL_PORT  80.000000"),
-          Stored("SYS_THR_CONN_REFUSAL_PCT  1.000000"),
-          Stored("SYS_THR_CONN_EST_PER_CPU  2.000000"),
-          Stored("SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU  3.000000"),
-          Stored("SYS_THR_FREE_MEM  4.000000")}},
-    };
-    sandbox::SetConfigFile("SYSTEM_RUNQ_PCT_THRESHOLD=77\n");  // never merged in
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        vxa_syshealth_config[kConfFreeMemory].set = 1;
-        EXPECT_EQ(readSystemHealthPolicy(document.get(), c.state, c.json), c.count);
-        EXPECT_EQ(InForce(), c.settings);
-        EXPECT_EQ(Unload(), c.unload);
-        Lines traces = c.traces;
-        if (c.count > 0)
-            traces.push_back(
-                "SysHealth.conf readSystemHealthPolicy: readSystemHealthConfig "
-                "returning " +
-                std::to_string(c.count));
-        EXPECT_EQ(host::TakeTraceLines(), traces);
-        EXPECT_EQ(host::TakeLog(), Lines{});
-    }
+    const std::string count = "readSystemHealthConfig returning 11";
+    EXPECT_EQ(FromFile(file[0]), accepted + ", unload");
+    EXPECT_EQ(host::TakeTraceLines(), Lines{kFileReader + count});
+    EXPECT_EQ(FromFile(file[1]), rejected);
+    EXPECT_EQ(host::TakeTraceLines(), Lines{});
+    EXPECT_EQ(FromPolicy((policy[0] + "}").c_str()), accepted + ", unload");
+    stored.push_back(kPolicyReader + count);
+    EXPECT_EQ(host::TakeTraceLines(), stored);
+    EXPECT_EQ(FromPolicy((policy[1] + "}").c_str()), "0:, keep");
+    EXPECT_EQ(host::TakeTraceLines(), out_of_bounds);
+    // In fail-open the thresholds on the port's connections are counted, but off.
+    const std::string in_fail_open = "11: 0=65535 1=1 2=100 3=60 5=200 8=25 9=60 10=1, unload";
+    EXPECT_EQ(FromFile(file[0], 1), in_fail_open);
+    EXPECT_EQ(FromPolicy((policy[0] + "}").c_str(), 1), in_fail_open);
 }
 
 TEST_F(ConfigTest, UnparsablePolicyUnsetsAllAndNamesThePlace)
 {
-    for (const char* json :
-         {"{", "nonsense", "{\"SYS_THR_RUNQ\": }", "{\"a\": 1, \"b\" 2}", "%s"}) {
-        SCOPED_TRACE(json);
-        vxa_syshealth_config[kConfRunQueue].set = 1;
-        ASSERT_EQ(cJSON_Parse(json), nullptr);
-        const std::string place = cJSON_GetErrorPtr();
-        EXPECT_EQ(readSystemHealthPolicy(document.get(), 1, json), 0);
-        EXPECT_EQ(InForce(), Settings{});
-        EXPECT_EQ(Unload(), std::nullopt);
+    const std::pair<const char*, const char*> cases[] = {
+        {"{", ""}, {"%s", "%s"}, {"{\"SYS_THR_RUNQ\": }", "}"}, {"{\"a\": 1, \"b\" 2}", "2}"}};
+    for (const auto& [json, place] : cases) {
+        EXPECT_EQ(FromPolicy(json, 1), "0:") << json;
         EXPECT_EQ(host::TakeTraceLines(),
-                  Lines{"SysHealth.eng readSystemHealthPolicy: json parsing "
-                        "error [" +
-                        place + "]"});
+                  Lines{std::string(kPolicyComplaint) + "json parsing error [" + place + "]"});
     }
 }
 
 TEST_F(ConfigTest, PolicyRowOfUnknownKindIsRefused)
 {
     vxa_syshealth_config[kConfRunQueue].json_kind = 32;
-    EXPECT_EQ(readSystemHealthPolicy(document.get(), 0, R"({"SYS_THR_RUNQ": {"value": 1}})"), 0);
-    EXPECT_EQ(InForce(), Settings{});
+    EXPECT_EQ(FromPolicy(R"({"SYS_THR_RUNQ": {"value": 1}})"), "0:, keep");
     EXPECT_EQ(host::TakeTraceLines(),
-              Lines{"SysHealth.eng readSystemHealthPolicy: unsupport json type[64]"});
+              Lines{std::string(kPolicyComplaint) + "unsupport json type[64]"});
 }
 
 // ---- JSON log --------------------------------------------------------------------------
@@ -357,38 +203,28 @@ TEST_F(ConfigTest, LogHoldsWhatIsSetInThePolicysShape)
     EXPECT_EQ(sandbox::Read(sandbox::kConfigLog), "{\n}\n");
     Set(kConfPort, 8080);
     Set(kConfRunQueue, 0.5);
-    Set(kConfFreeMemory, 9);
     vxa_syshealth_config[kConfFreeMemory].set = 2;  // only 1 counts as set
     EXPECT_TRUE(outputCloudConfig());
     const std::string written = sandbox::Read(sandbox::kConfigLog);
     EXPECT_EQ(written,
               "{\n\t\"SYS_CONF_CONN_REFUSAL_PORT\":\t8080,\n\t\"SYS_THR_RUNQ\":\t{\n"
               "\t\t\"value\":\t0.5\n\t}\n}\n");
-    EXPECT_EQ(readSystemHealthPolicy(document.get(), 0, written.c_str()), 2);
-    EXPECT_EQ(InForce(), (Settings{{kConfPort, 8080}, {kConfRunQueue, 0.5}}));
+    EXPECT_EQ(FromPolicy(written.c_str()), "2: 0=8080 5=0.5, keep");
 }
+
+constexpr const char* kLogComplaint = "SysHealth.eng outputCloudConfig: ";
 
 TEST_F(ConfigTest, LogFailuresAreTracedAndReported)
 {
     const fs::path log = sandbox::kConfigLog;
-    const struct {
-        const char* message;
-        void (*prepare)(const fs::path&);
-    } cases[] = {
-        {"Failed to write json config to file",
-         [](const fs::path& path) {
-             fs::remove(path);
-             fs::create_symlink("/dev/full", path);
-         }},
-        {"Failed to open file of json config for writing.",
-         [](const fs::path& path) { fs::remove_all(path.parent_path()); }},
-    };
-    for (const auto& c : cases) {
-        c.prepare(log);
-        EXPECT_FALSE(outputCloudConfig());
-        EXPECT_EQ(host::TakeTraceLines(),
-                  Lines{std::string("SysHealth.eng outputCloudConfig: ") + c.message});
-    }
+    fs::remove(log);
+    fs::create_symlink("/dev/full", log);
+    EXPECT_FALSE(outputCloudConfig());
+    fs::remove_all(log.parent_path());
+    EXPECT_FALSE(outputCloudConfig());
+    EXPECT_EQ(TakeMessages(kLogComplaint),
+              (Lines{"Failed to write json config to file",
+                     "Failed to open file of json config for writing."}));
     fs::create_directories(log.parent_path());
     EXPECT_TRUE(outputCloudConfig());
 }
@@ -416,30 +252,27 @@ TEST_F(ConfigTest, LogSurvivesEveryFailedAllocation)
     cJSON_Hooks hooks{FailingMalloc, CountingFree};
     cJSON_InitHooks(&hooks);
     bool written = false;
-    Lines first_words;
+    Lines complaints;  // without repetitions
     for (int allowed = 0; !written && allowed < 100; ++allowed) {
         s_json_allocations_left = allowed;
         written = outputCloudConfig();
         EXPECT_EQ(s_json_blocks, 0) << "after " << allowed << " allocations";
-        const Lines traces = host::TakeTraceLines();
+        const Lines traces = TakeMessages(kLogComplaint);
         EXPECT_EQ(traces.size(), written ? 0u : 1u);
-        if (!traces.empty() && (first_words.empty() || traces[0] != first_words.back()))
-            first_words.push_back(traces[0]);
+        if (!traces.empty() && (complaints.empty() || traces[0] != complaints.back()))
+            complaints.push_back(traces[0]);
     }
     cJSON_InitHooks(nullptr);
     EXPECT_TRUE(written);
-    EXPECT_EQ(first_words,
-              (Lines{"SysHealth.eng outputCloudConfig: Fail to cJSON_CreateObject for root",
-                     "SysHealth.eng outputCloudConfig: Fail to cJSON_CreateObject for object",
-                     "SysHealth.eng outputCloudConfig: Fail to print JSON"}));
+    EXPECT_EQ(complaints, (Lines{"Fail to cJSON_CreateObject for root",
+                                 "Fail to cJSON_CreateObject for object", "Fail to print JSON"}));
 }
 
 TEST_F(ConfigTest, DisableScanMetricSwitchesThreeThresholdsOff)
 {
     for (int row = 0; row < kConfRows; ++row) Set(row, 1);
     EXPECT_EQ(DisableScanMetric(), 0);
-    EXPECT_EQ(InForce(),
-              (Settings{{0, 1}, {1, 1}, {2, 1}, {3, 1}, {5, 1}, {8, 1}, {9, 1}, {10, 1}}));
+    EXPECT_EQ(InForce(), " 0=1 1=1 2=1 3=1 5=1 8=1 9=1 10=1");
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Fixture of the health monitor's tests: every test starts from the tables as the module
+// Fixtures of the health monitor's tests: every test starts from the tables as the module
 // has them when it is loaded.
 #pragma once
 
@@ -11,6 +11,8 @@
 #include "HostRecording.h"
 #include "Sandbox.h"
 #include "SystemHealth/SystemHealth.h"
+
+using Lines = std::vector<std::string>;
 
 class HealthTest : public ::testing::Test {
 protected:
@@ -29,6 +31,27 @@ protected:
         host::TakeTraces();
         host::TakeLog();
     }
+
+    // The texts traced since the last call, without the "CATEGORY FUNCTION: " that all of
+    // them must have in front.
+    static Lines TakeMessages(const std::string& front)
+    {
+        Lines messages;
+        for (const host::Trace& trace : host::TakeTraces()) {
+            EXPECT_EQ(trace.category + " " + trace.function + ": ", front);
+            EXPECT_EQ(trace.file, "plugins/filter/SystemHealth");
+            messages.push_back(trace.message);
+        }
+        return messages;
+    }
 };
 
-using Lines = std::vector<std::string>;
+// On commands and files of the test's own.
+class SandboxedHealthTest : public HealthTest {
+protected:
+    void SetUp() override
+    {
+        REQUIRE_SANDBOX();
+        HealthTest::SetUp();
+    }
+};

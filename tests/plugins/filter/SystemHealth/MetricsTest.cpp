@@ -7,183 +7,121 @@
 
 namespace {
 
-class MetricsTest : public HealthTest {};
+constexpr const char* kCalculation = "SysHealth.eng calculateHealthMetrics: ";
+constexpr const char* kCheck = "SysHealth.eng check_health_metric_thresholds: ";
 
-// Calls the calculation with one row enabled and tells its value.
-double Value(int row, double run_queue, unsigned long long cpus, double interval_s)
-{
-    for (auto& metric : health_metrics) {
-        metric.enabled = 0;
-        metric.value = -1;
+class MetricsTest : public HealthTest {
+protected:
+    void SetUp() override
+    {
+        HealthTest::SetUp();
+        for (auto& metric : health_metrics) metric.enabled = 1;
+        scan_rates = {6, 9, 30, 3, 9, 9, 16000000, 777216, 9, 9};
+        SetMemory(1000000, 250000);
     }
-    health_metrics[row].enabled = 1;
-    calculateHealthMetrics(run_queue, cpus, interval_s);
-    for (int other = 0; other < kMetRows; ++other)
-        EXPECT_TRUE(other == row || health_metrics[other].value == -1)
-            << health_metrics[other].name;
-    return health_metrics[row].value;
-}
+
+    static void SetMemory(unsigned long long physical, unsigned long long free)
+    {
+        vxa_syshealth_vmstat_metrics[kVmPhysicalMemory].value = physical;
+        vxa_syshealth_vmstat_metrics[kVmFreeMemory].value = free;
+    }
+
+    static std::vector<double> Values()
+    {
+        std::vector<double> values;
+        for (const auto& metric : health_metrics) values.push_back(metric.value);
+        return values;
+    }
+};
 
 TEST_F(MetricsTest, ValuesAndTraces)
 {
-    using Rates = std::array<double, VXI_SCAN_COUNTERS>;
-    const struct {
-        int row;
-        Rates rates;
-        unsigned long long physical, free;
-        double run_queue;
-        unsigned long long cpus;
-        double interval_s;
-        double value;
-        const char* trace;
-    } cases[] = {
-        {0, {}, 0, 0, 2.5, 8, 0, 2.5, "rqlen=2.500000 numCpus=8 rqlen_pct=2.500000"},
-        {1,
-         {5.0, 0, 0, 3},
-         0,
-         0,
-         0,
-         1,
-         0,
-         0.0,
-         "conn_halfopen2close=3.000000 conn_new=5.000000 conn_ref_pct=0.000000"},
-        {1,
-         {6.0, 0, 0, 3},
-         0,
-         0,
-         0,
-         1,
-         0,
-         50.0,
-         "conn_halfopen2close=3.000000 conn_new=6.000000 conn_ref_pct=50.000000"},
-        {1,
-         {0, 9, 9, 9},
-         0,
-         0,
-         0,
-         1,
-         0,
-         0.0,
-         "conn_halfopen2close=9.000000 conn_new=0.000000 conn_ref_pct=0.000000"},
-        {2,
-         {9, 9, 30, 9},
-         0,
-         0,
-         0,
-         8,
-         0,
-         3.75,
-         "conn_established=30.000000 numCpus=8.000000 conn_est_per_cpu=3.750000"},
-        {3,
-         {9, 9, 9, 9, 9, 9, 16000000, 777216, 9, 9},
-         0,
-         0,
-         0,
-         8,
-         0,
-         2.0,
-         "scanbytes_fwd=16000000.000000 scanbytes_bwd=777216.000000 numCpus=8.000000 "
-         "scan_mbytes_per_cpu=2.000000"},
-        // The figures stand in the opposite order to their labels.
-        {4,
-         {},
-         1000000,
-         250000,
-         0,
-         1,
-         0,
-         25.0,
-         "fremem pages=1000000 phsymem MB=250000 fremem_pct=25.000000"},
-        {4,
-         {},
-         18446744073709551615ull,
-         18446744073709551615ull,
-         0,
-         1,
-         0,
-         100.0,
-         "fremem pages=18446744073709551615 phsymem MB=18446744073709551615 "
-         "fremem_pct=100.000000"},
-        {5, {}, 0, 0, 9, 9, 12.25, 12.25, nullptr},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(health_metrics[c.row].name);
-        scan_rates = c.rates;
-        vxa_syshealth_vmstat_metrics[0].value = c.physical;
-        vxa_syshealth_vmstat_metrics[3].value = c.free;
-        EXPECT_DOUBLE_EQ(Value(c.row, c.run_queue, c.cpus, c.interval_s), c.value);
-        const Lines traces = host::TakeTraceLines();
-        if (c.trace == nullptr)
-            EXPECT_EQ(traces, Lines{});
-        else
-            EXPECT_EQ(traces,
-                      Lines{std::string("SysHealth.eng calculateHealthMetrics: ") + c.trace});
+    const std::vector<double> values = {2.5, 50, 3.75, 2, 25, 12.25};
+    calculateHealthMetrics(2.5, 8, 12.25);
+    EXPECT_EQ(Values(), values);
+    EXPECT_EQ(TakeMessages(kCalculation),
+              (Lines{"rqlen=2.500000 numCpus=8 rqlen_pct=2.500000",
+                     "conn_halfopen2close=3.000000 conn_new=6.000000 conn_ref_pct=50.000000",
+                     "conn_established=30.000000 numCpus=8.000000 conn_est_per_cpu=3.750000",
+                     "scanbytes_fwd=16000000.000000 scanbytes_bwd=777216.000000 "
+                     "numCpus=8.000000 scan_mbytes_per_cpu=2.000000",
+                     // The figures stand in the opposite order to their labels.
+                     "fremem pages=1000000 phsymem MB=250000 fremem_pct=25.000000"}));
+    // Each by itself; the others are left as they are.
+    for (int row = 0; row < kMetRows; ++row) {
+        for (auto& metric : health_metrics) {
+            metric.enabled = 0;
+            metric.value = -1;
+        }
+        health_metrics[row].enabled = 1;
+        calculateHealthMetrics(2.5, 8, 12.25);
+        std::vector<double> expected(kMetRows, -1);
+        expected[row] = values[row];
+        EXPECT_EQ(Values(), expected);
     }
 }
 
-TEST_F(MetricsTest, ZeroDivisorsAreNotGuarded)
+TEST_F(MetricsTest, ValuesAtTheEdges)
 {
-    scan_rates = {0, 0, 5, 0, 0, 0, 5};
-    EXPECT_TRUE(std::isinf(Value(2, 0, 0, 0)));
-    EXPECT_TRUE(std::isinf(Value(3, 0, 0, 0)));
-    EXPECT_TRUE(std::isnan(Value(4, 0, 1, 0)));
+    for (double few : {0.0, 5.0}) {
+        scan_rates[VXI_SCAN_NEW] = few;
+        calculateHealthMetrics(0, 1, 0);
+        EXPECT_EQ(health_metrics[kMetRefusalPct].value, 0);
+    }
+    const auto most = std::numeric_limits<unsigned long long>::max();
+    SetMemory(most, most);
+    calculateHealthMetrics(0, 0, 0);  // divisors of zero are not guarded
+    EXPECT_EQ(health_metrics[kMetFreeMemory].value, 100);
+    EXPECT_TRUE(std::isinf(health_metrics[kMetEstablished].value));
+    EXPECT_TRUE(std::isinf(health_metrics[kMetScanMbytes].value));
+    SetMemory(0, 0);
+    calculateHealthMetrics(0, 1, 0);
+    EXPECT_TRUE(std::isnan(health_metrics[kMetFreeMemory].value));
 }
 
-TEST_F(MetricsTest, ThresholdCount)
+TEST_F(MetricsTest, ThresholdsAreBoundsThatMayBeReached)
 {
     const double nan = std::numeric_limits<double>::quiet_NaN();
     const struct {
         int row;
         double value, threshold, factor;
         int count;
-        const char* trace;
     } cases[] = {
-        {0, 50, 50, 1, 0, nullptr},
-        {0, 50.5, 50, 1, 1,
-         "runnable_processes_per_cpu_pct value of 50.500000 exceeds threshold of 50.000000 "
-         "(1.000000 x 50.000000)"},
-        {1, 11, 10, 1, 1,
-         "connections_refused_per_new_conn_pct value of 11.000000 exceeds threshold of 10.000000 "
-         "(1.000000 x 10.000000)"},
-        {4, 25, 25, 1, 0, nullptr},
-        {4, 24.5, 25, 1, 1,
-         "free_memory_pct value of 24.500000 less than threshold of 25.000000 "
-         "(25.000000 / 1.000000)"},
-        {5, 45.5, 45, 1, 1,
-         "iteration interval value of 45.500000 exceeds threshold of 45.000000 "
-         "(1.000000 x 45.000000)"},
-        {0, nan, 50, 1, 0, nullptr},
-        {4, nan, 25, 1, 0, nullptr},
-        {0, 60, 50, 2, 0, nullptr},
-        {4, 20, 25, 2, 0, nullptr},
+        {kMetRunQueue, 50, 50, 1, 0},     {kMetRunQueue, 50.5, 50, 1, 1},
+        {kMetRunQueue, 100, 50, 2, 0},    {kMetRunQueue, nan, 50, 1, 0},
+        {kMetFreeMemory, 25, 25, 1, 0},   {kMetFreeMemory, 24.5, 25, 1, 1},
+        {kMetFreeMemory, 12.5, 25, 2, 0}, {kMetFreeMemory, nan, 25, 1, 0},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(health_metrics[c.row].name);
         for (auto& metric : health_metrics) metric.enabled = 0;
-        health_metrics[c.row].enabled = 1;
-        health_metrics[c.row].value = c.value;
-        health_metrics[c.row].threshold = c.threshold;
-        for (bool traced : {true, false}) {
-            host::EnableTraces(traced);
-            EXPECT_EQ(check_health_metric_thresholds(c.factor), c.count);
-            Lines traces;
-            if (traced && c.trace != nullptr)
-                traces = {std::string("SysHealth.eng check_health_metric_thresholds: ") + c.trace};
-            EXPECT_EQ(host::TakeTraceLines(), traces);
-        }
+        health_metrics[c.row] = {"", "", c.row == kMetFreeMemory, c.value, c.threshold, 1};
+        EXPECT_EQ(check_health_metric_thresholds(c.factor), c.count) << c.row << " " << c.value;
+        EXPECT_EQ(TakeMessages(kCheck).size(), static_cast<std::size_t>(c.count));
     }
 }
 
-TEST_F(MetricsTest, CountsEveryEnabledMetric)
+TEST_F(MetricsTest, EveryEnabledMetricCountsAndIsTraced)
 {
     for (auto& metric : health_metrics) {
-        metric.enabled = 1;
-        metric.value = metric.direction == 0 ? 2 : 0.5;
-        metric.threshold = 1;
+        metric.value = metric.direction == 0 ? 2.5 : 0.5;
+        metric.threshold = 2;
     }
+    const std::string above =
+        " value of 2.500000 exceeds threshold of 2.000000 (1.000000 x 2.000000)";
+    const Lines traces = {
+        "runnable_processes_per_cpu_pct" + above,
+        "connections_refused_per_new_conn_pct" + above,
+        "connections_established_per_cpu" + above,
+        "total_scan_mbytes_per_cpu" + above,
+        "free_memory_pct value of 0.500000 less than threshold of 2.000000 (2.000000 / 1.000000)",
+        "iteration interval" + above,
+    };
     EXPECT_EQ(check_health_metric_thresholds(1.0), 6);
-    health_metrics[2].enabled = 0;
+    EXPECT_EQ(TakeMessages(kCheck), traces);
+    host::EnableTraces(false);
+    health_metrics[kMetEstablished].enabled = 0;
     EXPECT_EQ(check_health_metric_thresholds(1.0), 5);
+    EXPECT_EQ(TakeMessages(kCheck), Lines{});
 }
 
 // Which metric a setting's value arrives at; -1: none.
@@ -201,11 +139,10 @@ TEST_F(MetricsTest, SettingsReachTheirMetrics)
         EXPECT_EQ(minutes, setting == kConfMinActDuration ? 7u : 30u);
         for (int row = 0; row < kMetRows; ++row) {
             const bool given = metric_of[setting] == row;
+            const double otherwise = row == kMetInterval ? 45.0 : 0.0;
             EXPECT_EQ(health_metrics[row].value, 0);
             EXPECT_EQ(health_metrics[row].enabled, given || row == kMetInterval ? 1 : 0);
-            EXPECT_EQ(health_metrics[row].threshold, given                 ? 7.5
-                                                     : row == kMetInterval ? 45.0
-                                                                           : 0.0);
+            EXPECT_EQ(health_metrics[row].threshold, given ? 7.5 : otherwise);
         }
     }
 }
