@@ -47,18 +47,10 @@ TEST_F(MetricsTest, ValuesAndTraces)
                      "numCpus=8.000000 scan_mbytes_per_cpu=2.000000",
                      // The figures stand in the opposite order to their labels.
                      "fremem pages=1000000 phsymem MB=250000 fremem_pct=25.000000"}));
-    // Each by itself; the others are left as they are.
-    for (int row = 0; row < kMetRows; ++row) {
-        for (auto& metric : health_metrics) {
-            metric.enabled = 0;
-            metric.value = -1;
-        }
-        health_metrics[row].enabled = 1;
-        calculateHealthMetrics(2.5, 8, 12.25);
-        std::vector<double> expected(kMetRows, -1);
-        expected[row] = values[row];
-        EXPECT_EQ(Values(), expected);
-    }
+    for (auto& metric : health_metrics) metric.enabled = 0;
+    calculateHealthMetrics(1, 1, 1);
+    EXPECT_EQ(Values(), values);
+    EXPECT_EQ(TakeMessages(kCalculation), Lines{});
 }
 
 TEST_F(MetricsTest, ValuesAtTheEdges)
@@ -124,27 +116,28 @@ TEST_F(MetricsTest, EveryEnabledMetricCountsAndIsTraced)
     EXPECT_EQ(TakeMessages(kCheck), Lines{});
 }
 
-// Which metric a setting's value arrives at; -1: none.
 TEST_F(MetricsTest, SettingsReachTheirMetrics)
 {
-    const int metric_of[kConfRows] = {-1, -1, -1, -1, 1, 0, 2, 3, 4, 5, -1};
-    for (int setting = 0; setting < kConfRows; ++setting) {
-        SCOPED_TRACE(vxa_syshealth_config[setting].file_key);
-        HealthTest::SetUp();
-        vxa_syshealth_config[setting].value = 7.5;
-        vxa_syshealth_config[setting].set = 1;
-        for (auto& metric : health_metrics) metric.value = 3;
-        unsigned long long minutes = 30;
-        applyMetricConfigs(&minutes);
-        EXPECT_EQ(minutes, setting == kConfMinActDuration ? 7u : 30u);
-        for (int row = 0; row < kMetRows; ++row) {
-            const bool given = metric_of[setting] == row;
-            const double otherwise = row == kMetInterval ? 45.0 : 0.0;
-            EXPECT_EQ(health_metrics[row].value, 0);
-            EXPECT_EQ(health_metrics[row].enabled, given || row == kMetInterval ? 1 : 0);
-            EXPECT_EQ(health_metrics[row].threshold, given ? 7.5 : otherwise);
-        }
+    const auto thresholds = [](int enabled) {
+        std::vector<double> found;
+        for (const auto& metric : health_metrics)
+            if (metric.enabled == enabled) found.push_back(metric.threshold);
+        return found;
+    };
+    unsigned long long minutes = 30;
+    applyMetricConfigs(&minutes);
+    EXPECT_EQ(thresholds(1), std::vector<double>{45});
+    EXPECT_EQ(thresholds(0), std::vector<double>(kMetRows - 1, 0));
+    EXPECT_EQ(minutes, 30u);
+    for (int row = 0; row < kConfRows; ++row) {
+        vxa_syshealth_config[row].value = row + 0.5;
+        vxa_syshealth_config[row].set = 1;
     }
+    for (auto& metric : health_metrics) metric.value = 3;
+    applyMetricConfigs(&minutes);
+    EXPECT_EQ(thresholds(1), (std::vector<double>{5.5, 4.5, 6.5, 7.5, 8.5, 9.5}));
+    EXPECT_EQ(Values(), std::vector<double>(kMetRows, 0));
+    EXPECT_EQ(minutes, 3u);
 }
 
 }  // namespace
