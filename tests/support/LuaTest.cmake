@@ -40,3 +40,14 @@ function(discover_plugin_tests target)
     gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST
         PROPERTIES ENVIRONMENT "${SANITIZER_ENVIRONMENT};LC_ALL=C" TIMEOUT 120)
 endfunction()
+
+# add_lua_host(TARGET BUILD): the target has Lua states of its own, of Lua built as "c" or
+# as "cxx", which load the built modules. Its functions come before those of the libraries.
+function(add_lua_host target build)
+    target_sources(${target} PRIVATE ${TEST_SUPPORT_DIR}/LuaHost.cpp)
+    target_include_directories(${target} PRIVATE ${TEST_SUPPORT_DIR})
+    target_compile_definitions(${target} PRIVATE LIBRARY_DIR="${CMAKE_LIBRARY_OUTPUT_DIRECTORY}")
+    target_link_libraries(${target} PRIVATE PkgConfig::lua_${build} GTest::gtest_main)
+    set_target_properties(${target} PROPERTIES ENABLE_EXPORTS ON)
+    add_dependencies(${target} fc vxa)
+endfunction()

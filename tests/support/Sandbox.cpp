@@ -128,6 +128,13 @@ void SetOutput(const std::string& command, const char* text)
     if (text != nullptr) Write(Path(command + ".out"), text);
 }
 
+void FakeMachine()
+{
+    SetOutput("uptime", " 10:00:00 up 1 day, load average: 0.52, 0.58, 0.59\n");
+    SetOutput("nproc", "4\n");
+    SetMeminfo("MemTotal: 1000000 kB\nMemFree: 250000 kB\nBuffers: 1 kB\n");
+}
+
 std::string Read(const std::string& path)
 {
     std::ostringstream text;

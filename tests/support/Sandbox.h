@@ -19,6 +19,8 @@ void SetConfigFile(const char* text);
 void SetOutput(const std::string& command, const char* text);
 void SetMeminfo(const std::string& text);
 
+void FakeMachine();  // an idle one: 4 processors, 25 % of the memory free
+
 // "/var/opt/sandbox/NAME": NAME.out is the output of a command, NAME.args its arguments.
 std::string Path(const std::string& name);
 

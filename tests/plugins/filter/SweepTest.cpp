@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <map>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -27,12 +28,34 @@ bool IsFailureDue()
     return s_questions_left >= 0 && s_questions_left-- == 0;
 }
 
+// A chunk that returns arguments with which the function does all its work.
+std::string ArgumentsFor(const std::string& function)
+{
+    static const std::map<std::string, std::string> arguments = {
+        {"EnableNativeFirewall", "return 1"},
+        {"DisableNativeFirewall", "return 1"},
+        {"AddDriverDiagnostics", "return doc, handle, vxa.ZipOutputStream('/dev/null')"},
+        {"setup_tbtrace", "return handle"},
+        {"AddToConnMetrics", "return tostring({}), 'name\\tvalue', 1"},
+        {"UpdateConnMetrics", "return"},
+        {"GetConnMetrics", "return"},
+        {"CheckSystemHealthMetrics",
+         "return doc, 'Deactivated', '{\"SYS_CONF_CONN_REFUSAL_PORT\": 80, "
+         "\"SYS_THR_CONN_REFUSAL_PCT\": {\"value\": 50}}'"},
+        {"GetSysHealthMetrics", "return"},
+        {"GetSysHealthEnabled", "return"},
+        {"GetScanMetricPort", "return"},
+    };
+    const auto found = arguments.find(function);
+    return found != arguments.end() ? found->second : "";
+}
+
 class Sweep : public ::testing::Test {
 protected:
     void SetUp() override
     {
         REQUIRE_SANDBOX();
-        FakeMachine();
+        sandbox::FakeMachine();
         ASSERT_EQ(m_other.Run(kLoadModules), "");
         // A lock that stays held would hang this program: it is ended then.
         alarm(60);
@@ -56,23 +79,15 @@ protected:
 
 class AllocatorSweep : public Sweep, public ::testing::WithParamInterface<bool> {};
 
-void ExpectMemoryError(LuaHost& host, int status)
-{
-    EXPECT_TRUE(host.HasFailed());
-    ASSERT_EQ(lua_type(host.L, -1), LUA_TSTRING);
-    EXPECT_NE(std::string(lua_tostring(host.L, -1)).find("not enough memory"), std::string::npos)
-        << "status " << status << ": " << lua_tostring(host.L, -1);
-}
-
 // Runs what stands on the stack with the n-th allocation failing. False when the call needs
 // fewer than n.
 bool FailNth(LuaHost& host, int arguments, long n, bool for_good)
 {
-    lua_gc(host.L, LUA_GCSTOP, 0);
-    host.FailAfter(n, for_good);
-    const int status = lua_pcall(host.L, arguments, LUA_MULTRET, 0);
-    host.StopFailing();
-    if (status != LUA_OK) ExpectMemoryError(host, status);
+    const std::string error = host.CallFailing(arguments, n, for_good);
+    if (!error.empty()) {
+        EXPECT_TRUE(host.HasFailed());
+        EXPECT_NE(error.find("not enough memory"), std::string::npos) << error;
+    }
     return host.HasFailed();
 }
 

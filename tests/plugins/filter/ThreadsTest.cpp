@@ -49,7 +49,7 @@ constexpr const char* kQueries = R"(
 TEST(Threads, CyclesAndQueriesAtOnce)
 {
     REQUIRE_SANDBOX();
-    FakeMachine();
+    sandbox::FakeMachine();
     LuaHost cycles;
     LuaHost more_cycles;
     LuaHost queries;

@@ -1,5 +1,5 @@
-// A host program of the module: Lua states that count what they allocate and can be made
-// to run out of memory at a given allocation.
+// A host program of the modules: Lua states that count what they allocate and can be made
+// to run out of memory at a given allocation. See add_lua_host in LuaTest.cmake.
 #pragma once
 
 #include <cstddef>
@@ -25,6 +25,9 @@ public:
     void StopFailing() { m_failing = false; }
     bool HasFailed() const { return m_failed; }
 
+    // Calls what stands on the stack under FailAfter; the error's text, or empty.
+    std::string CallFailing(int arguments, long allowed, bool for_good);
+
     // Closes the state and tells how many bytes it still held.
     std::size_t Close();
 
@@ -42,10 +45,3 @@ private:
 // Loads the modules and makes `doc`, a document, `handle`, an open driver handle, and
 // `filter`, the function table.
 extern const char* const kLoadModules;
-
-// What each function of SLB.filter is called with: a chunk that returns the arguments.
-// Empty for a function that is not known here.
-std::string ArgumentsFor(const std::string& function);
-
-// Fakes an idle machine with 4 processors; call after REQUIRE_SANDBOX.
-void FakeMachine();

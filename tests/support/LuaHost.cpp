@@ -1,9 +1,6 @@
 #include "LuaHost.h"
 
 #include <cstdlib>
-#include <map>
-
-#include "Sandbox.h"
 
 const char* const kLoadModules =
     "require 'fc'\n"
@@ -38,6 +35,19 @@ void LuaHost::FailAfter(long allowed, bool for_good)
     m_allowed = allowed;
 }
 
+std::string LuaHost::CallFailing(int arguments, long allowed, bool for_good)
+{
+    // The collector makes Lua try a refused allocation again, after a collection.
+    if (!for_good) lua_gc(L, LUA_GCSTOP, 0);
+    FailAfter(allowed, for_good);
+    const int status = lua_pcall(L, arguments, LUA_MULTRET, 0);
+    StopFailing();
+    const std::string error = status != LUA_OK ? lua_tostring(L, -1) : "";
+    lua_settop(L, 0);
+    lua_gc(L, LUA_GCRESTART, 0);
+    return error;
+}
+
 std::size_t LuaHost::Close()
 {
     if (L != nullptr) lua_close(L);
@@ -62,32 +72,4 @@ void* LuaHost::Allocate(void* self, void* block, std::size_t old_size, std::size
     if (size != 0) return std::realloc(block, size);
     std::free(block);
     return nullptr;
-}
-
-std::string ArgumentsFor(const std::string& function)
-{
-    static const std::map<std::string, std::string> arguments = {
-        {"EnableNativeFirewall", "return 1"},
-        {"DisableNativeFirewall", "return 1"},
-        {"AddDriverDiagnostics", "return doc, handle, vxa.ZipOutputStream('/dev/null')"},
-        {"setup_tbtrace", "return handle"},
-        {"AddToConnMetrics", "return tostring({}), 'name\\tvalue', 1"},
-        {"UpdateConnMetrics", "return"},
-        {"GetConnMetrics", "return"},
-        {"CheckSystemHealthMetrics",
-         "return doc, 'Deactivated', '{\"SYS_CONF_CONN_REFUSAL_PORT\": 80, "
-         "\"SYS_THR_CONN_REFUSAL_PCT\": {\"value\": 50}}'"},
-        {"GetSysHealthMetrics", "return"},
-        {"GetSysHealthEnabled", "return"},
-        {"GetScanMetricPort", "return"},
-    };
-    const auto found = arguments.find(function);
-    return found != arguments.end() ? found->second : "";
-}
-
-void FakeMachine()
-{
-    sandbox::SetOutput("uptime", " 10:00:00 up 1 day, load average: 0.52, 0.58, 0.59\n");
-    sandbox::SetOutput("nproc", "4\n");
-    sandbox::SetMeminfo("MemTotal: 1000000 kB\nMemFree: 250000 kB\nBuffers: 1 kB\n");
 }
