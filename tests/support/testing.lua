@@ -25,21 +25,22 @@ local function same(a, b)
     return true
 end
 
-function testing.equal(got, expected, what)
+-- `callers`: how many stand between this call and the line to be named; 0 when not given.
+function testing.equal(got, expected, what, callers)
     checks = checks + 1
     if same(got, expected) then return end
     failures = failures + 1
-    io.stderr:write(("%s:%d: %s\n  expected %s\n  got      %s\n"):format(
-        debug.getinfo(2, "S").short_src, debug.getinfo(2, "l").currentline, what or "",
-        show(expected), show(got)))
+    local place = debug.getinfo(2 + (callers or 0), "Sl")
+    io.stderr:write(("%s:%d: %s\n  expected %s\n  got      %s\n"):format(place.short_src,
+        place.currentline, what or "", show(expected), show(got)))
 end
 
 -- The call must raise an error that ends in the text: what stands in front of it names the
 -- function, in words that differ between interpreters.
 function testing.raises(tail, f, ...)
     local ok, message = pcall(f, ...)
-    testing.equal(ok, false, "no error; expected " .. tail)
-    testing.equal(tostring(message):sub(-#tail), tail, "error text")
+    testing.equal(ok, false, "no error; expected " .. tail, 1)
+    testing.equal(tostring(message):sub(-#tail), tail, "error text", 1)
 end
 
 -- Ends the script: status 1 when a check failed, or none was made.

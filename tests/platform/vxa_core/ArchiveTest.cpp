@@ -83,16 +83,6 @@ TEST(Archive, IsReadBackAsWritten)
     EXPECT_EQ(std::system(("unzip -tq " + path + " >/dev/null").c_str()), 0);
 }
 
-TEST(Archive, IsFinishedWhenItGoesAway)
-{
-    const ScratchDirectory scratch;
-    {
-        CZipOutputStream zip(CZipOutputStream::Archive::Create(scratch.path("a.zip")));
-        EXPECT_TRUE(Add(zip, "text", "a.txt"));
-    }
-    EXPECT_EQ(ReadBack(scratch.path("a.zip"))["a.txt"].bytes, "text");
-}
-
 TEST(Archive, AFullDiskIsFoundAtOnceOrAtTheEnd)
 {
     std::string error;

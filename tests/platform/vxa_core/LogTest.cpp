@@ -6,6 +6,7 @@
 #include <wx/log.h>
 
 #include <atomic>
+#include <iterator>
 #include <memory>
 #include <sstream>
 #include <thread>
@@ -51,6 +52,12 @@ std::string Text(const Json& line, const char* name)
     return text ? text : "(none)";
 }
 
+std::vector<std::string> Words(const char* text)
+{
+    std::istringstream in(text);
+    return {std::istream_iterator<std::string>(in), {}};
+}
+
 // A log file for one test; everything off again afterwards.
 class LogTest : public testing::Test {
 protected:
@@ -74,65 +81,51 @@ protected:
 
 TEST_F(LogTest, LatestMatchingSwitchDecides)
 {
-    struct Case {
-        std::vector<std::pair<const char*, bool>> switches;
-        const char* on;  // categories, blank-separated
-        const char* off;
+    // Switches as "+PATTERN" and "-PATTERN", and the categories that are on and off then.
+    const char* const cases[][3] = {
+        {"", "", "filter SysHealth.eng"},
+        {"+filter", "filter", "filters filte Filter"},
+        {"+SysHealth.*", "SysHealth.eng SysHealth.", "SysHealth VXI"},
+        {"+* -VXI", "filter a", "VXI"},
+        {"-VXI +*", "VXI", ""},
+        {"+SysHealth.* -SysHealth.scan +SysHealth.s*", "SysHealth.scan", ""},
+        {"+a*b*c", "abc aXbbYc abcbc", "abcb ab"},
+        {"+?XI", "VXI", "XI VVXI"},
+        {"+a* -*", "", "a ab"},
     };
-    const Case cases[] = {
-        {{}, "", "filter SysHealth.eng"},
-        {{{"filter", true}}, "filter", "filters filte Filter"},
-        {{{"SysHealth.*", true}}, "SysHealth.eng SysHealth.", "SysHealth VXI"},
-        {{{"*", true}, {"VXI", false}}, "filter a", "VXI"},
-        {{{"VXI", false}, {"*", true}}, "VXI", ""},
-        {{{"SysHealth.*", true}, {"SysHealth.scan", false}, {"SysHealth.s*", true}},
-         "SysHealth.scan",
-         ""},
-        {{{"a*b*c", true}}, "abc aXbbYc abcbc", "abcb ab"},
-        {{{"?XI", true}}, "VXI", "XI VVXI"},
-        {{{"a", true}, {"a", false}}, "", "a"},
-        {{{"a*", true}, {"*", false}}, "", "a ab"},
-    };
-    for (const Case& c : cases) {
+    for (const auto& [switches, on, off] : cases) {
+        SCOPED_TRACE(switches);
         Host::SwitchTrace("*", false);
-        for (const auto& [pattern, on] : c.switches) Host::SwitchTrace(pattern, on);
-        std::string category;
-        for (std::istringstream in(c.on); in >> category;)
-            EXPECT_TRUE(LogTraceIsEnabled(category)) << category;
-        for (std::istringstream in(c.off); in >> category;)
-            EXPECT_FALSE(LogTraceIsEnabled(category)) << category;
+        for (const std::string& pattern : Words(switches))
+            Host::SwitchTrace(pattern.substr(1), pattern[0] == '+');
+        for (const std::string& category : Words(on)) EXPECT_TRUE(LogTraceIsEnabled(category));
+        for (const std::string& category : Words(off)) EXPECT_FALSE(LogTraceIsEnabled(category));
     }
     EXPECT_FALSE(outsider.enabled_before_main);
 }
 
 TEST_F(LogTest, EveryTextBecomesAJsonLine)
 {
-    struct Case {
-        wxString message;
-        const char* read;
-    };
-    const Case cases[] = {
+    const std::string longest(20000, 'x');
+    const std::pair<wxString, std::string> cases[] = {
         {"plain", "plain"},
         {L"\u00fc \u4e2d \U0001F600", "\xC3\xBC \xE4\xB8\xAD \xF0\x9F\x98\x80"},
         {"quote \" backslash \\ %s %n", "quote \" backslash \\ %s %n"},
         {"tab\tline\n\x01\x1b[0m\x7f", "tab\tline\n\x01\x1b[0m\x7f"},
-        {wxString("a\0b", 3),
-         "a\xEF\xBF\xBD"
-         "b"},
+        {wxString("z\0z", 3), "z\xEF\xBF\xBDz"},
         {wxString(wxUniChar(0xD800)), "\xEF\xBF\xBD"},
-        {wxString(20000, 'x'), nullptr},
+        {longest, longest},
     };
     Host::SwitchTrace("SysHealth.*", true);
-    for (const Case& c : cases)
-        LogTrace("SysHealth.eng", "plugins/filter/SystemHealth", 12, "f\xC3\x28", c.message);
+    for (const auto& [message, read] : cases)
+        LogTrace("SysHealth.eng", "plugins/filter/SystemHealth", 12, "f\xC3\x28", message);
     LogTrace("off", "file", 1, "function", "not written");
     LogTrace("SysHealth.eng", nullptr, 1, nullptr, "no names");
     const auto lines = Lines(m_path);
     ASSERT_EQ(lines.size(), std::size(cases) + 1);
     for (size_t i = 0; i < std::size(cases); ++i) {
         ASSERT_TRUE(lines[i]) << i;
-        const std::string read = cases[i].read ? cases[i].read : std::string(20000, 'x');
-        EXPECT_EQ(Text(lines[i], "message"), read);
+        EXPECT_EQ(Text(lines[i], "message"), cases[i].second);
         EXPECT_EQ(Text(lines[i], "kind"), "trace");
         EXPECT_EQ(Text(lines[i], "category"), "SysHealth.eng");
         EXPECT_EQ(Text(lines[i], "file"), "plugins/filter/SystemHealth");
@@ -142,29 +135,24 @@ TEST_F(LogTest, EveryTextBecomesAJsonLine)
     }
 }
 
-void LogOnEveryLevel()
+TEST_F(LogTest, GeneralLogKeepsLevels)
 {
     wxLogError("error %d", 1);
     wxLogWarning("warning");
     wxLogMessage("message");
     wxLogInfo("info");
-    wxLogVerbose("verbose");
     wxLogGeneric(wxLOG_Status, "status");
-    wxLogGeneric(wxLOG_Debug, "debug");
-}
-
-TEST_F(LogTest, GeneralLogKeepsLevels)
-{
-    LogOnEveryLevel();
-    Host::SetVerbose(true);
-    wxLogVerbose("verbose");
-    wxLogGeneric(wxLOG_Debug, "debug");
+    for (bool verbose : {false, true}) {
+        Host::SetVerbose(verbose);
+        wxLogVerbose("verbose %d", verbose);
+        wxLogGeneric(wxLOG_Debug, "debug %d", verbose);
+    }
     std::string seen;
     for (const Json& line : Lines(m_path))
         seen += Text(line, "kind") + "/" + Text(line, "level") + ":" + Text(line, "message") + " ";
     EXPECT_EQ(seen,
               "log/error:error 1 log/warning:warning log/message:message log/info:info "
-              "log/message:status log/info:verbose log/debug:debug ");
+              "log/message:status log/info:verbose 1 log/debug:debug 1 ");
 }
 
 // A record must be in the file when the call returns, on every thread.
