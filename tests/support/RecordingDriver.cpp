@@ -55,12 +55,6 @@ Reply Record(const char* name, const vxi_handle_ops_s* handle, const void* bytes
     return {state().answers, told ? statuses->second[nth] : 0, nth};
 }
 
-// What a caller is not given must not be written; what it is given must be its own.
-void FillRoom(void* room, std::size_t size, char byte)
-{
-    std::memset(room, byte, size);
-}
-
 void Fill(scan_metrics_request* request, const Answers& answers)
 {
     request->counters = answers.counters;
@@ -109,7 +103,6 @@ int ProfilerCalls()
 }  // namespace driver
 
 using driver::Fill;
-using driver::FillRoom;
 using driver::Record;
 using driver::state;
 
@@ -170,14 +163,15 @@ int vxi_get_conntrack(vxi_handle_ops_s* handle, vxa_dump_conntrack_s* section, u
     section->entry_ct = protocol == 0    ? reply.flows
                         : protocol == 17 ? reply.udp_flows
                                          : reply.tcp_flows;
-    FillRoom(section + 1, size - sizeof *section, static_cast<char>(protocol));
+    // What a caller is not given must not be written; what it is given must be its own.
+    std::memset(section + 1, protocol, size - sizeof *section);
     return reply.status;
 }
 
 int vxi_get_blacklist(vxi_handle_ops_s* handle, vxa_blacklist_get_addrs_s* list)
 {
     const driver::Reply reply = Record("get_blacklist", handle, list, sizeof *list);
-    if (reply.nth > 0) FillRoom(list + 1, list->entries_size, 1);
+    if (reply.nth > 0) std::memset(list + 1, 1, list->entries_size);
     list->entries_size = reply.list_sizes[reply.nth > 0 ? 1 : 0];
     list->snapshot = 77;
     return reply.status;
@@ -186,7 +180,7 @@ int vxi_get_blacklist(vxi_handle_ops_s* handle, vxa_blacklist_get_addrs_s* list)
 int vxi_get_conn_states(vxi_handle_ops_s* handle, vxa_get_conn_states_s* states)
 {
     const driver::Reply reply = Record("get_conn_states", handle);
-    FillRoom(states, sizeof *states, 1);
+    std::memset(states, 1, sizeof *states);
     return reply.status;
 }
 
