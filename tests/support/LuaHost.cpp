@@ -59,6 +59,7 @@ bool LuaHost::Refuses()
 {
     if (!m_failing || m_allowed-- > 0) return false;
     m_failing = m_for_good;
+    if (!m_failed && on_failure) on_failure();
     m_failed = true;
     return true;
 }

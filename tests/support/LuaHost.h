@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <string>
 
 #include <lua.hpp>
@@ -24,6 +25,9 @@ public:
     void FailAfter(long allowed, bool for_good);
     void StopFailing() { m_failing = false; }
     bool HasFailed() const { return m_failed; }
+
+    // Called in the midst of the first allocation that fails; not for this state to be used.
+    std::function<void()> on_failure;
 
     // Calls what stands on the stack under FailAfter; the error's text, or empty.
     std::string CallFailing(int arguments, long allowed, bool for_good);
