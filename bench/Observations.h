@@ -49,12 +49,18 @@ constexpr const char* kObservations = R"lua(
 
     function plain_clear() store, stored = {}, 0 end
 
-    local band, gmatch, tonumber = bit32.band, string.gmatch, tonumber
+    local band, tonumber = bit32.band, tonumber
+    local find, gmatch, match, sub = string.find, string.gmatch, string.match, string.sub
     local is_number = {pid = true, dst_port = true, tls_version = true, cipher = true,
                        container_type = true}
 
+    -- As strtol reads it: "12abc" is 12, "abc" is 0.
+    local function integer(value)
+        return tonumber(value) or tonumber(match(value, "^%s*([+-]?%d+)")) or 0
+    end
+
     local function set_flags(row, value)
-        local flags = tonumber(value) or 0
+        local flags = integer(value)
         row.cf_ssl_connection = band(flags, 0x1) ~= 0 and 1 or 0
         row.cf_start_tls = band(flags, 0x100) ~= 0 and 1 or 0
         row.cf_udp_connection = band(flags, 0x2) ~= 0 and 1 or 0
@@ -70,19 +76,24 @@ constexpr const char* kObservations = R"lua(
         row.flags = flags
     end
 
+    local function set_field(row, name, value)
+        if name == "flags" then
+            set_flags(row, value)
+        elseif is_number[name] then
+            row[name] = integer(value)
+        else
+            row[name] = value
+        end
+    end
+
     -- Entries in the order of their keys, as the module keeps them.
     function plain_rows(entries)
         local rows = {}
         for i = 1, #entries do
             local row = {}
-            for name, value in gmatch(entries[i].text, "([^\t\n]+)\t?([^\n]*)") do
-                if name == "flags" then
-                    set_flags(row, value)
-                elseif is_number[name] then
-                    row[name] = tonumber(value) or 0
-                else
-                    row[name] = value
-                end
+            for line in gmatch(entries[i].text, "[^\n]+") do
+                local tab = find(line, "\t", 1, true)
+                set_field(row, tab and sub(line, 1, tab - 1) or line, tab and sub(line, tab + 1) or "")
             end
             row.count = entries[i].count
             rows[i] = row
@@ -108,8 +119,6 @@ constexpr const char* kObservations = R"lua(
     end
 
     all_keys = keys(1, most_keys)
-    short_texts, long_texts = {},
-                {
-                }
+    short_texts, long_texts = {}, {}
     for i = 1, most_keys do short_texts[i], long_texts[i] = short_text(i), long_text(i) end
 )lua";

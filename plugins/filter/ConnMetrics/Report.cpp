@@ -8,6 +8,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cwchar>
+#include <iterator>
 #include <new>
 #include <string>
 #include <string_view>
@@ -19,9 +20,14 @@ namespace {
 
 using Text = std::wstring_view;
 
+// Observations mostly name the same fields in the same order: the name that the row before
+// had at a line is kept on the stack.
+constexpr int kKeptNames = 16;
+
 struct Report {
     ConnMetricMap taken;
-    std::string scratch;  // one value in multibyte encoding
+    std::string scratch;    // one value in multibyte encoding
+    Text kept[kKeptNames];  // the kept names, by line; they stand in texts of `taken`
 };
 
 // ---- names -----------------------------------------------------------------------------
@@ -60,7 +66,8 @@ enum StackIndex {
     kFirstNumberName,
     kFirstFlagName = kFirstNumberName + kNumberCount,
     kCountName = kFirstFlagName + kFlagCount,
-    kRowIndex
+    kFirstKeptName,
+    kRowIndex = kFirstKeptName + kKeptNames
 };
 constexpr int kStackNeeded = kRowIndex + LUA_MINSTACK;
 
@@ -69,6 +76,7 @@ void PushNames(lua_State* L)  // [-0, +names, m]
     for (const auto& field : kNumberFields) lua_pushstring(L, field.name);
     for (const auto& field : kFlagFields) lua_pushstring(L, field.name);
     lua_pushliteral(L, "count");
+    for (int i = 0; i < kKeptNames; ++i) lua_pushliteral(L, "");
 }
 
 void SetNumber(lua_State* L, int name, lua_Number value)  // [-0, +0, m]
@@ -146,11 +154,26 @@ int NumberField(Text name)
     return -1;
 }
 
-void SetField(lua_State* L, Report* report, Text name, Text value)  // [-0, +0, v]
+// The name of a field at a line of its text.
+void PushName(lua_State* L, Report* report, Text name, int line)  // [-0, +1, v]
+{
+    if (line >= kKeptNames) {
+        PushText(L, report, name);
+        return;
+    }
+    if (name != report->kept[line]) {
+        PushText(L, report, name);
+        lua_replace(L, kFirstKeptName + line);
+        report->kept[line] = name;
+    }
+    lua_pushvalue(L, kFirstKeptName + line);
+}
+
+void SetField(lua_State* L, Report* report, Text name, Text value, int line)  // [-0, +0, v]
 {
     const int field = NumberField(name);
     if (field < 0) {
-        PushText(L, report, name);
+        PushName(L, report, name, line);
         PushText(L, report, value);
         lua_rawset(L, kRowIndex);
         return;
@@ -160,13 +183,13 @@ void SetField(lua_State* L, Report* report, Text name, Text value)  // [-0, +0, 
     SetNumber(L, kFirstNumberName + field, static_cast<lua_Number>(number));
 }
 
-void SetLine(lua_State* L, Report* report, Text line)  // [-0, +0, v]
+void SetLine(lua_State* L, Report* report, Text line, int number)  // [-0, +0, v]
 {
     const std::size_t tab = line.find(L'\t');
     if (tab == Text::npos)
-        SetField(L, report, line, Text());
+        SetField(L, report, line, Text(), number);
     else
-        SetField(L, report, line.substr(0, tab), line.substr(tab + 1));
+        SetField(L, report, line.substr(0, tab), line.substr(tab + 1), number);
 }
 
 // The next line of a text, which is shortened by it. Empty lines come out as such.
@@ -195,8 +218,8 @@ void PushRow(lua_State* L, Report* report, const vxa_conn_metric_feedback_s& ent
 {
     Text text(entry.text.wc_str(), entry.text.length());
     lua_createtable(L, 0, CountFields(text));
-    while (!text.empty())
-        if (const Text line = TakeLine(&text); !line.empty()) SetLine(L, report, line);
+    for (int number = 0; !text.empty(); ++number)
+        if (const Text line = TakeLine(&text); !line.empty()) SetLine(L, report, line, number);
     SetNumber(L, kCountName, entry.count);
 }
 
@@ -215,6 +238,7 @@ void PushRow(lua_State* L, Report* report, const vxa_conn_metric_feedback_s& ent
 int BuildRows(lua_State* L)  // [-1, +1, v]
 {
     auto* report = static_cast<Report*>(lua_touserdata(L, kReportIndex));
+    std::fill(std::begin(report->kept), std::end(report->kept), Text());
     if (!lua_checkstack(L, kStackNeeded)) return luaL_error(L, "not enough memory");
     lua_createtable(L, static_cast<int>(report->taken.size()), 0);
     PushNames(L);
@@ -263,16 +287,38 @@ Report* PushReport(lua_State* L)  // [-0, +1, m]
     return report;
 }
 
+// Leaves the rows, or an error, above the report. [-0, +1, -]
+int Build(lua_State* L)
+{
+    lua_pushcfunction(L, BuildRows);
+    lua_pushvalue(L, kReportIndex);
+    return lua_pcall(L, 1, 1, 0);
+}
+
+// Everything that a report allocates is alive: collecting meanwhile would only walk it,
+// for half of the report's time. Lua does not even try to collect when memory runs out
+// then, so such a failure says nothing yet.
+int BuildWithoutCollector(lua_State* L)
+{
+    const bool running = lua_gc(L, LUA_GCISRUNNING, 0) != 0;
+    if (running) lua_gc(L, LUA_GCSTOP, 0);
+    const int status = Build(L);
+    if (running) lua_gc(L, LUA_GCRESTART, 0);
+    return status;
+}
+
 }  // namespace
 
 int GetConnMetrics(lua_State* L)
 {
     lua_settop(L, 0);
     Report* report = PushReport(L);
-    lua_pushcfunction(L, BuildRows);
-    lua_pushvalue(L, 1);
     TakeFinished(&report->taken);
-    const int status = lua_pcall(L, 1, 1, 0);
+    int status = BuildWithoutCollector(L);
+    if (status == LUA_ERRMEM) {
+        lua_settop(L, kReportIndex);
+        status = Build(L);
+    }
     if (status != LUA_OK) {
         GiveBack(&report->taken);
         return lua_error(L);
