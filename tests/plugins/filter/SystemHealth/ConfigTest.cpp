@@ -94,26 +94,36 @@ TEST_F(ConfigTest, FileCases)
 
 TEST_F(ConfigTest, PolicyCases)
 {
-    const std::pair<const char*, const char*> cases[] = {
-        {"{}", "0:, keep"},
-        {"[1, 2]", "0:, keep"},
+    const struct {
+        const char* json;
+        const char* outcome;
+        int out_of_bounds;  // settings traced so
+    } cases[] = {
+        {"{}", "0:, keep", 0},
+        {"[1, 2]", "0:, keep", 0},
         {R"({"SYS_CONF_CONN_REFUSAL_PORT": 8080, "SYS_THR_RUNQ": {"value": 0.1}} tail)",
-         "2: 0=8080 5=0.1, keep"},
+         "2: 0=8080 5=0.1, keep", 0},
         // A plain number may be 0, a threshold not.
-        {R"({"SYS_CONF_MIN_ACT_DURATION": 0, "SYS_THR_RUNQ": {"value": 0}})", "1: 3=0, keep"},
+        {R"({"SYS_CONF_MIN_ACT_DURATION": 0, "SYS_THR_RUNQ": {"value": 0}})", "1: 3=0, keep", 1},
         {R"({"SYS_CONF_RECOVER_FACTOR": -1, "SYS_THR_RUNQ": {"value": -1},
              "SYS_THR_CONN_EST_PER_CPU": {"value": 1e999}})",
-         "0:, keep"},
+         "0:, keep", 3},
         {R"({"SYS_THR_RUNQ": 50, "SYS_THR_FREE_MEM": {"value": "10"},
              "SYS_THR_CONN_REFUSAL_PCT": {"limit": 1}, "SYS_THR_CONN_EST_PER_CPU": null})",
-         "0:, keep"},
+         "0:, keep", 0},
         // A plain setting that is no number counts as 0.
         {R"({"SYS_CONF_CONN_REFUSAL_PORT": "8080", "SYS_CONF_UNLOAD_DRIVER": {"value": 1}})",
-         "2: 0=0 10=0, keep"},
-        {R"({"sys_thr_runq": {"VALUE": 5}, "SYS_THR_RUNQ": {"value": 6}})", "1: 5=5, keep"},
+         "2: 0=0 10=0, keep", 0},
+        {R"({"sys_thr_runq": {"VALUE": 5}, "SYS_THR_RUNQ": {"value": 6}})", "1: 5=5, keep", 0},
     };
     sandbox::SetConfigFile("SYSTEM_RUNQ_PCT_THRESHOLD=77\n");  // never merged in
-    for (const auto& [json, outcome] : cases) EXPECT_EQ(FromPolicy(json), outcome) << json;
+    for (const auto& c : cases) {
+        EXPECT_EQ(FromPolicy(c.json), c.outcome) << c.json;
+        int out_of_bounds = 0;
+        for (const host::Trace& trace : host::TakeTraces())
+            out_of_bounds += trace.category == "SysHealth.eng";
+        EXPECT_EQ(out_of_bounds, c.out_of_bounds) << c.json;
+    }
 }
 
 TEST_F(ConfigTest, EverySettingIsTakenUpToItsMaximum)
