@@ -24,10 +24,15 @@ using Text = std::wstring_view;
 // had at a line is kept on the stack.
 constexpr int kKeptNames = 16;
 
+struct KeptName {
+    Text text;  // stands in a text of the report's store
+    int number_field;
+};
+
 struct Report {
     ConnMetricMap taken;
-    std::string scratch;    // one value in multibyte encoding
-    Text kept[kKeptNames];  // the kept names, by line; they stand in texts of `taken`
+    std::string scratch;        // one value in multibyte encoding
+    KeptName kept[kKeptNames];  // by line
 };
 
 // ---- names -----------------------------------------------------------------------------
@@ -109,13 +114,13 @@ long ParseNumber(Text text)
     return value == LONG_MIN ? LONG_MAX : -value;
 }
 
+// Two plain loops, which the compiler turns into vector instructions.
 bool NarrowAscii(Text text, char* buffer)
 {
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (static_cast<unsigned int>(text[i]) > 127) return false;
-        buffer[i] = static_cast<char>(text[i]);
-    }
-    return true;
+    std::uint32_t all = 0;
+    for (wchar_t c : text) all |= static_cast<std::uint32_t>(c);
+    for (std::size_t i = 0; i < text.size(); ++i) buffer[i] = static_cast<char>(text[i]);
+    return all < 128;
 }
 
 // In the C library's multibyte encoding; empty when it cannot express the text.
@@ -154,26 +159,30 @@ int NumberField(Text name)
     return -1;
 }
 
-// The name of a field at a line of its text.
-void PushName(lua_State* L, Report* report, Text name, int line)  // [-0, +1, v]
+// Which number field the name at this line is, or -1: then the name itself is kept.
+int KeepName(lua_State* L, Report* report, Text name, int line)  // [-0, +0, v]
 {
-    if (line >= kKeptNames) {
-        PushText(L, report, name);
-        return;
+    KeptName& kept = report->kept[line];
+    if (name != kept.text) {
+        const int field = NumberField(name);
+        if (field < 0) {
+            PushText(L, report, name);
+            lua_replace(L, kFirstKeptName + line);
+        }
+        kept = {name, field};
     }
-    if (name != report->kept[line]) {
-        PushText(L, report, name);
-        lua_replace(L, kFirstKeptName + line);
-        report->kept[line] = name;
-    }
-    lua_pushvalue(L, kFirstKeptName + line);
+    return kept.number_field;
 }
 
 void SetField(lua_State* L, Report* report, Text name, Text value, int line)  // [-0, +0, v]
 {
-    const int field = NumberField(name);
+    const bool keeps = line < kKeptNames;
+    const int field = keeps ? KeepName(L, report, name, line) : NumberField(name);
     if (field < 0) {
-        PushName(L, report, name, line);
+        if (keeps)
+            lua_pushvalue(L, kFirstKeptName + line);
+        else
+            PushText(L, report, name);
         PushText(L, report, value);
         lua_rawset(L, kRowIndex);
         return;
@@ -238,7 +247,7 @@ void PushRow(lua_State* L, Report* report, const vxa_conn_metric_feedback_s& ent
 int BuildRows(lua_State* L)  // [-1, +1, v]
 {
     auto* report = static_cast<Report*>(lua_touserdata(L, kReportIndex));
-    std::fill(std::begin(report->kept), std::end(report->kept), Text());
+    std::fill(std::begin(report->kept), std::end(report->kept), KeptName{Text(), -1});
     if (!lua_checkstack(L, kStackNeeded)) return luaL_error(L, "not enough memory");
     lua_createtable(L, static_cast<int>(report->taken.size()), 0);
     PushNames(L);
