@@ -4,65 +4,29 @@
 
 namespace {
 
-int Zero()
+using namespace std::string_literals;
+
+template <typename T>
+T Same(T value)
 {
-    return 0;
+    return value;
 }
-void Nothing() {}
+template <typename T>
+bool IsNull(T* dog)
+{
+    return dog == nullptr;
+}
 std::string Join(const std::string& a, const char* b, bool c)
 {
     return a + "|" + b + "|" + (c ? "yes" : "no");
-}
-int ShowInt(int value)
-{
-    return value;
-}
-unsigned char ShowByte(unsigned char value)
-{
-    return value;
-}
-unsigned long ShowUnsigned(unsigned long value)
-{
-    return value;
-}
-long ShowLong(long value)
-{
-    return value;
-}
-double Half(const double& value)
-{
-    return value / 2;
-}
-int Throw(int)
-{
-    throw std::runtime_error("100% broken");
-}
-bool IsNull(const Dog* dog)
-{
-    return dog == nullptr;
-}
-bool IsNullMutable(Dog* dog)
-{
-    return dog == nullptr;
-}
-int Legs(const Animal& animal)
-{
-    return animal.legs;
-}
-void SetLegs(Animal& animal, int legs)
-{
-    animal.legs = legs;
-}
-std::string NameOfCopy(Dog dog)
-{
-    return dog.name;
 }
 
 }  // namespace
 
 SLB3_IMPLEMENTATION(Animal, animal)
 {
-    animal.set("legs", Legs).set("setLegs", SetLegs);
+    animal.set(
+        "legs", +[](const Animal& of) { return of.legs; });
 }
 
 SLB3_IMPLEMENTATION(Dog, dog)
@@ -73,8 +37,6 @@ SLB3_IMPLEMENTATION(Dog, dog)
         .set("puppy", &Dog::Puppy)
         .set("self", &Dog::Self)
         .set("constSelf", &Dog::ConstSelf)
-        .set("legs", Legs)
-        .set("setLegs", SetLegs)
         .setMetamethod("__tostring", &Dog::Name);
 }
 
@@ -83,158 +45,114 @@ SLB3_IMPLEMENTATION(Rock, rock)
     static_cast<void>(rock);
 }
 
-SLB3_IMPLEMENTATION(Brick, brick)
-{
-    brick.constructor<>();
-}
-
 namespace {
 
-class Functions : public testing::Test {
+class Functions : public LuaTest {
 protected:
     Functions()
     {
-        SLB3::Namespace(L.get(), "F")
-            .set("zero", Zero)
-            .set("nothing", Nothing)
+        SLB3::Namespace(L, "Test.F")
+            .set(
+                "zero", +[] { return 0; })
+            .set(
+                "nothing", +[] {})
             .set("join", Join)
-            .set("int", ShowInt)
-            .set("byte", ShowByte)
-            .set("unsigned", ShowUnsigned)
-            .set("long", ShowLong)
-            .set("half", Half)
-            .set("throw", Throw)
-            .set("isNull", IsNull)
-            .set("isNullMutable", IsNullMutable)
-            .set("legs", Legs)
-            .set("setLegs", SetLegs)
-            .set("nameOfCopy", NameOfCopy);
-        SLB3::Register<Dog>(L.get());
+            .set("int", Same<int>)
+            .set("byte", Same<unsigned char>)
+            .set("unsigned", Same<unsigned long>)
+            .set("long", Same<long>)
+            .set(
+                "half", +[](const double& value) { return value / 2; })
+            .set(
+                "throw", +[](int) -> int { throw std::runtime_error("100% broken"); })
+            .set("isNull", IsNull<Dog>)
+            .set("isNullConst", IsNull<const Dog>)
+            .set(
+                "nameOfCopy", +[](Dog dog) { return dog.name; });
+        SLB3::Register<Animal>(L);
+        SLB3::Register<Dog>(L);
+        SLB3::Register<Rock>(L);
     }
-    const StatePtr L = NewState();
 };
 
-TEST_F(Functions, CallAndConvert)
-{
-    const char* const expressions[] = {
-        "F.zero() == 0",
-        "F.zero(1, nil, {}) == 0 and select('#', F.zero(1)) == 1",
-        "select('#', F.nothing(1)) == 0",
-        "F.join('a\\0b', 1.5, nil) == 'a\\0b|1.5|no'",
-        "F.int(-2147483648) == -2147483648 and F.int(2147483647) == 2147483647",
-        "F.int(-1.9) == -1 and F.int('12') == 12",
-        "F.byte(255) == 255 and F.byte(-0.5) == 0",
-        "F.unsigned(2^63) == 2^63 and F.long(-2^63) == -2^63",
-        "F.half(3) == 1.5",
-        "F.isNull(nil) and F.isNullMutable(nil)",
-        "not F.isNull(Zoo.Dog('rex')) and not F.isNullMutable(Zoo.Dog('rex'))",
-        "F.legs(Zoo.Dog('rex')) == 4",
-        "F.nameOfCopy(Zoo.Dog('rex'):constSelf()) == 'rex'",
-    };
-    for (const char* expression : expressions)
-        EXPECT_EQ(Evaluate(L.get(), std::string("return ") + expression), "true") << expression;
-}
+#define WRONG(Number, Reason) "bad argument #" Number " to '?' (" Reason ")"
 
-TEST_F(Functions, RefuseWhatDoesNotFit)
+TEST_F(Functions, ConvertTheirArgumentsOrRefuse)
 {
     const struct {
-        const char* call;
-        const char* error;
+        const char* call;  // a function and its arguments, separated by commas
+        std::string result;
     } cases[] = {
-        {"F.int(2147483648)", "bad argument #1 to 'f' (number out of range)"},
-        {"F.int(0/0)", "bad argument #1 to 'f' (number out of range)"},
-        {"F.int()", "bad argument #1 to 'f' (number expected, got no value)"},
-        {"F.byte(256)", "bad argument #1 to 'f' (number out of range)"},
-        {"F.byte(-1)", "bad argument #1 to 'f' (number out of range)"},
-        {"F.unsigned(2^64)", "bad argument #1 to 'f' (number out of range)"},
-        {"F.long(2^63)", "bad argument #1 to 'f' (number out of range)"},
-        {"F.join({}, {})", "bad argument #1 to 'f' (string expected, got table)"},
-        {"F.join('', {})", "bad argument #2 to 'f' (string expected, got table)"},
-        {"F.throw(1)", "100% broken"},
-        {"F.legs(nil)", "bad argument #1 to 'f' (Zoo.Animal object expected)"},
-        {"F.legs(io.stdout)", "bad argument #1 to 'f' (Zoo.Animal object expected)"},
-        {"F.setLegs(Zoo.Dog('rex'):constSelf(), 3)",
-         "bad argument #1 to 'f' (Zoo.Animal object expected, got a const one)"},
-        {"F.isNullMutable(Zoo.Dog('rex'):constSelf())",
-         "bad argument #1 to 'f' (Zoo.Dog object expected, got a const one)"},
-        {"Zoo.Dog('')", "a dog needs a name"},
+        {"F.zero, 1, nil, {}", "0"},
+        {"select, '#', F.zero(1)", "1"},
+        {"select, '#', F.nothing(1)", "0"},
+        {"F.join, 'a\\0b', 1.5, nil", "a\0b|1.5|no"s},
+        {"F.join, {}, {}", WRONG("1", "string expected, got table")},
+        {"F.join, '', {}", WRONG("2", "string expected, got table")},
+        {"F.int, -2^31", "-2147483648"},
+        {"F.int, 2^31 - 1", "2147483647"},
+        {"F.int, 2^31", WRONG("1", "number out of range")},
+        {"F.int, 0/0", WRONG("1", "number out of range")},
+        {"F.int, -1.9", "-1"},
+        {"F.int", WRONG("1", "number expected, got no value")},
+        {"F.byte, 256", WRONG("1", "number out of range")},
+        {"F.byte, -0.5", "0"},
+        {"F.byte, -1", WRONG("1", "number out of range")},
+        {"rawequal, F.unsigned(2^63), 2^63", "true"},
+        {"F.unsigned, 2^64", WRONG("1", "number out of range")},
+        {"rawequal, F.long(-2^63), -2^63", "true"},
+        {"F.long, 2^63", WRONG("1", "number out of range")},
+        {"F.half, 3", "1.5"},
+        {"F.throw, 1", "100% broken"},
+        {"F.isNull, nil", "true"},
+        {"F.isNull, rex", "false"},
+        {"F.isNull, const", WRONG("1", "Zoo.Dog object expected, got a const one")},
+        {"F.isNullConst, const", "false"},
+        {"F.nameOfCopy, const", "rex"},
+        {"Zoo.Animal.legs, const", "4"},
+        {"Zoo.Animal.legs, nil", WRONG("1", "Zoo.Animal object expected")},
+        {"rex.name, rex", "rex"},
+        {"rex.name, io.stdout", WRONG("1", "Zoo.Dog object expected")},
+        {"rex.rename, const, 'bo'", WRONG("1", "Zoo.Dog object expected, got a const one")},
+        {"tostring, rex:rename('bo') or rex", "bo"},
+        {"tostring, rex:puppy()", "rex the second, of a family with long names"},
+        {"tostring, rex == rex:self()", "true"},
+        {"tostring, rex == Zoo.Dog('rex')", "false"},
+        {"Zoo.Dog, ''", "a dog needs a name"},
+        {"getmetatable, Zoo.Rock", "nil"},  // it has no constructor
     };
-    for (const auto& c : cases) {
-        const std::string call = c.call;
-        const std::size_t open = call.find('(');
-        const std::string text =
-            Evaluate(L.get(), "local f = " + call.substr(0, open) + " local r = f" +
-                                  call.substr(open) + " return r");
-        EXPECT_NE(text.find(c.error), std::string::npos) << c.call << ": " << text;
-    }
+    const std::string given =
+        "local F, rex = Test.F, Zoo.Dog('rex') local const = rex:constSelf() ";
+    for (const auto& c : cases)
+        EXPECT_EQ(Evaluate(L, given + "return select(2, pcall(" + c.call + "))"), c.result)
+            << c.call;
 }
 
-TEST_F(Functions, CarryTheirTypeInTwoUpvalues)
+TEST_F(Functions, TellTheirTypeWhenRegisteredHere)
 {
-    lua_getglobal(L.get(), "F");
-    lua_getfield(L.get(), -1, "zero");
-    ASSERT_STREQ(lua_getupvalue(L.get(), -1, 1), "");
-    EXPECT_EQ(*static_cast<int (**)()>(lua_touserdata(L.get(), -1)), &Zero);
-    EXPECT_EQ(lua_rawlen(L.get(), -1), sizeof(int (*)()));
-    lua_pop(L.get(), 1);
-    ASSERT_STREQ(lua_getupvalue(L.get(), -1, 2), "");
-    EXPECT_EQ(lua_rawlen(L.get(), -1), 16u);
-    lua_pop(L.get(), 1);
-    EXPECT_EQ(lua_getupvalue(L.get(), -1, 3), nullptr);
-    EXPECT_EQ(lua_tocfunction(L.get(), -1), &SLB3::Function<int (*)()>::Call);
-}
-
-TEST_F(Functions, TellTheirType)
-{
-    lua_getglobal(L.get(), "F");
-    lua_getfield(L.get(), -1, "join");
-    const SLB3::BaseInfo* join = SLB3::GetInfo(L.get(), -1);
-    ASSERT_NE(join, nullptr);
-    EXPECT_EQ(join->type(), SLB3::BaseInfo::kType_function);
+    PushValue(L, "Test.F.join");
+    const SLB3::BaseInfo* join = SLB3::GetInfo(L, -1);
+    ASSERT_EQ(join->type(), SLB3::BaseInfo::kType_function);
     ASSERT_EQ(join->num_args(), 3);
-    EXPECT_STREQ(join->args()[0]->name(), "std::string");
     EXPECT_STREQ(join->args()[1]->name(), "const char*");
-    EXPECT_STREQ(join->args()[2]->name(), "bool");
     EXPECT_STREQ(join->type_returned()->name(), "std::string");
+    PushValue(L, "Zoo.Dog.rename");
+    EXPECT_EQ(SLB3::GetInfo(L, -1)->type_returned(), nullptr);
+    PushValue(L, "Zoo.Animal.legs");
+    EXPECT_EQ(SLB3::GetInfo(L, -1)->args()[0]->type(), SLB3::BaseInfo::kType_class);
+    EXPECT_STREQ(SLB3::GetInfo(L, -1)->args()[0]->name(), "Zoo.Animal");
 
-    lua_getfield(L.get(), -2, "setLegs");
-    const SLB3::BaseInfo* set_legs = SLB3::GetInfo(L.get(), -1);
-    EXPECT_EQ(set_legs->type_returned(), nullptr);
-    EXPECT_EQ(set_legs->args()[0]->type(), SLB3::BaseInfo::kType_class);
-    EXPECT_STREQ(set_legs->args()[0]->name(), "Zoo.Animal");
-
-    lua_getfield(L.get(), -3, "zero");
-    const SLB3::BaseInfo* zero = SLB3::GetInfo(L.get(), -1);
-    EXPECT_EQ(zero->num_args(), 0);
-    EXPECT_EQ(zero->args(), nullptr);
-    EXPECT_EQ(zero->type_returned()->type(), SLB3::BaseInfo::kType_primitive_value);
-    EXPECT_STREQ(zero->type_returned()->name(), "int");
-    EXPECT_EQ(zero->type_returned()->num_args(), -1);
-}
-
-TEST_F(Functions, HaveNoTypeWhenRegisteredOtherwise)
-{
-    const char* const values[] = {
-        "print",
-        "1",
-        "nil",
-        "io.stdout",
-        "io.lines('/proc/self/status')",  // C, upvalues of its own
-        "(function() local a, b = F, F return function() return a, b end end)()",
-        ("(function() local a, b = F, select(2, debug.getupvalue(F.zero, 2)) "
-         "return function() return a, b end end)()"),
-        "F",
-    };
-    for (const char* value : values) {
-        Evaluate(L.get(), std::string("value = ") + value);
-        lua_getglobal(L.get(), "value");
-        EXPECT_EQ(SLB3::GetInfo(L.get(), -1), nullptr) << value;
+    Evaluate(L, "record = select(2, debug.getupvalue(Test.F.zero, 2))");
+    for (const char* value :
+         {"1", "print", "io.lines('/proc/self/status')",
+          "(function(a, b) return function() return a, b end end)(1, record)"}) {
+        PushValue(L, value);
+        EXPECT_EQ(SLB3::GetInfo(L, -1), nullptr) << value;
     }
-    EXPECT_EQ(SLB3::GetInfo(L.get(), 100), nullptr);
-    lua_pushnil(L.get());
-    std::memset(lua_newuserdata(L.get(), 16), 0xA5, 16);
-    lua_pushcclosure(L.get(), lua_error, 2);
-    EXPECT_EQ(SLB3::GetInfo(L.get(), -1), nullptr);
+    lua_pushnil(L);
+    std::memset(lua_newuserdata(L, 16), 0xA5, 16);
+    lua_pushcclosure(L, lua_error, 2);
+    EXPECT_EQ(SLB3::GetInfo(L, -1), nullptr);
 }
 
 }  // namespace

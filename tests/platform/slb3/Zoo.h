@@ -1,13 +1,13 @@
-// Classes for the tests, and a Lua state that cleans up.
+// Classes for the tests, and helpers to ask a Lua state.
 #pragma once
 
 #include <atomic>
-#include <memory>
 #include <stdexcept>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "LuaHost.h"
 #include "SLB3/slb.h"
 
 struct Animal {
@@ -41,34 +41,38 @@ struct Dog : Collar, Animal {
 
 class Rock;  // never defined: only pointers to it exist
 
-struct alignas(64) Brick {
-    long weight = 5;
-};
-
 SLB3_DECLARATION(Animal, "Zoo.Animal", policy::NoDelete)
 SLB3_DECLARATION_WITH_PARENT(Dog, "Zoo.Dog", policy::Default, Animal)
 SLB3_DECLARATION(Rock, "Zoo.Rock", policy::NoDelete)
-SLB3_DECLARATION(Brick, "Brick", policy::Default)
-
-struct CloseState {
-    void operator()(lua_State* L) const { lua_close(L); }
-};
-typedef std::unique_ptr<lua_State, CloseState> StatePtr;
-
-inline StatePtr NewState()
-{
-    StatePtr L(luaL_newstate());
-    luaL_openlibs(L.get());
-    return L;
-}
 
 // Runs a chunk and returns its first result, or its error, as text.
 inline std::string Evaluate(lua_State* L, const std::string& chunk)
 {
     luaL_loadstring(L, chunk.c_str()) || lua_pcall(L, 0, 1, 0);
-    std::string text = luaL_tolstring(L, -1, nullptr);
+    std::size_t size = 0;
+    const char* text = luaL_tolstring(L, -1, &size);
+    std::string result(text, size);
     lua_pop(L, 2);
-    return text;
+    return result;
+}
+
+// The test's own state; at its end every object that Lua made is gone.
+class LuaTest : public testing::Test {
+protected:
+    ~LuaTest() override
+    {
+        host.Close();
+        EXPECT_EQ(Dog::alive, 0);
+    }
+    LuaHost host;
+    lua_State* const L = host.L;
+};
+
+// Leaves the value of an expression on the stack.
+inline void PushValue(lua_State* L, const std::string& expression)
+{
+    Evaluate(L, "value = " + expression);
+    lua_getglobal(L, "value");
 }
 
 // Counts the entries of the registry that stand for C++ addresses or references.
