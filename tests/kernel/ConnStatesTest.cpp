@@ -1,18 +1,17 @@
 // Sockets counted by state against /proc and ss in the same namespace.
-#include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <array>
-#include <fstream>
-#include <map>
+#include <numeric>
 #include <sstream>
 
 #include "Driver.h"
 #include "Network.h"
 #include "Traffic.h"
+
+using traffic::Local;
 
 namespace {
 
@@ -21,52 +20,36 @@ constexpr uint16_t silent_port = 8444;
 
 using Counts = std::array<uint64_t, 16>;
 
-Counts ByState(const uint64_t (&counts)[16])
-{
-    Counts result;
-    std::copy(std::begin(counts), std::end(counts), result.begin());
-    return result;
-}
-
-// Lines "N: LOCAL:PORT PEER:PORT STATE .." behind one of titles.
-Counts InProc(const std::string& table)
+// What a command prints, one number a state.
+Counts Shown(const std::string& command)
 {
     Counts counts = {};
-    std::ifstream file("/proc/net/" + table);
-    std::string line;
-    EXPECT_TRUE(std::getline(file, line)) << table;
-    while (std::getline(file, line)) {
-        std::istringstream words(line);
-        std::string number, local, peer, state;
-        words >> number >> local >> peer >> state;
-        ++counts.at(std::stoul(state, nullptr, 16));
+    std::istringstream numbers(network::Run(command));
+    for (uint64_t& count : counts) {
+        EXPECT_TRUE(numbers >> count) << command;
     }
     return counts;
+}
+
+Counts InProc(const std::string& table)
+{
+    return Shown(
+        "awk 'NR > 1 { ++n[$4] } END { for (i = 0; i < 16; ++i) print +n[sprintf(\"%02X\", i)] }' "
+        "/proc/thread-self/net/" +
+        table);
+}
+
+Counts InSs(const char* family)
+{
+    return Shown(std::string("ss -Htan ") + family + R"( | awk '{ ++n[$1] } END {
+        split("- ESTAB SYN-SENT SYN-RECV FIN-WAIT-1 FIN-WAIT-2 TIME-WAIT UNCONN " \
+              "CLOSE-WAIT LAST-ACK LISTEN CLOSING", name)
+        for (i = 1; i <= 16; ++i) print +n[name[i]] }')");
 }
 
 uint64_t Sum(const Counts& counts)
 {
-    uint64_t sum = 0;
-    for (const uint64_t count : counts) {
-        sum += count;
-    }
-    return sum;
-}
-
-Counts InSs()
-{
-    static const std::map<std::string, unsigned> states = {
-        {"ESTAB", TCP_ESTABLISHED},    {"SYN-SENT", TCP_SYN_SENT},     {"SYN-RECV", TCP_SYN_RECV},
-        {"FIN-WAIT-1", TCP_FIN_WAIT1}, {"FIN-WAIT-2", TCP_FIN_WAIT2},  {"TIME-WAIT", TCP_TIME_WAIT},
-        {"UNCONN", TCP_CLOSE},         {"CLOSE-WAIT", TCP_CLOSE_WAIT}, {"LAST-ACK", TCP_LAST_ACK},
-        {"LISTEN", TCP_LISTEN},        {"CLOSING", TCP_CLOSING},
-    };
-    Counts counts = {};
-    std::istringstream shown(network::Run("ss -Htan"));
-    for (std::string line; std::getline(shown, line);) {
-        ++counts[states.at(line.substr(0, line.find(' ')))];
-    }
-    return counts;
+    return std::accumulate(counts.begin(), counts.end(), uint64_t{0});
 }
 
 vxa_get_conn_states_s Fetch()
@@ -78,90 +61,57 @@ vxa_get_conn_states_s Fetch()
     return states;
 }
 
-traffic::Socket BoundDatagram(int domain)
-{
-    traffic::Socket bound(socket(domain, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    const sockaddr_in6 v6 = {AF_INET6, 0, 0, in6addr_any, 0};
-    const sockaddr_in v4 = {AF_INET, 0, {}, {}};
-    const auto* address = domain == AF_INET ? reinterpret_cast<const sockaddr*>(&v4)
-                                            : reinterpret_cast<const sockaddr*>(&v6);
-    EXPECT_EQ(bind(bound.fd(), address, domain == AF_INET ? sizeof v4 : sizeof v6), 0);
-    return bound;
-}
-
-// Answers to the silent port get lost: its clients stay in SYN_SENT, and it sees their
-// openings half-way.
-void Silence()
-{
-    network::Run(
-        "nft 'table inet silence { chain c { type filter hook input priority 0; tcp sport " +
-        std::to_string(silent_port) + " drop; }; }'");
-}
-
 void CompareAll()
 {
     const vxa_get_conn_states_s states = Fetch();
+    Counts tcp4, tcp6;
+    std::copy(std::begin(states.tcp4), std::end(states.tcp4), tcp4.begin());
+    std::copy(std::begin(states.tcp6), std::end(states.tcp6), tcp6.begin());
     EXPECT_EQ(states.version, 1u);
-    EXPECT_EQ(ByState(states.tcp4), InProc("tcp"));
-    EXPECT_EQ(ByState(states.tcp6), InProc("tcp6"));
+    EXPECT_EQ(tcp4, InProc("tcp"));
+    EXPECT_EQ(tcp6, InProc("tcp6"));
+    EXPECT_EQ(tcp4, InSs("-4"));
+    EXPECT_EQ(tcp6, InSs("-6"));
     EXPECT_EQ(states.udp4, Sum(InProc("udp")));
     EXPECT_EQ(states.udp6, Sum(InProc("udp6")));
-    Counts both = ByState(states.tcp4);
-    for (unsigned i = 0; i < both.size(); ++i) {
-        both[i] += states.tcp6[i];
-    }
-    EXPECT_EQ(both, InSs());
-    EXPECT_EQ(states.count, Sum(both) + states.udp4 + states.udp6);
+    EXPECT_EQ(states.count, Sum(tcp4) + Sum(tcp6) + states.udp4 + states.udp6);
 }
 
-TEST(ConnStates, AreThoseOfProcAndSs)
+NETWORK_TEST(ConnStates, AreThoseOfProcAndSs)
 {
-    REQUIRE_NETWORK();
-    network::InOwn([] {
-        Silence();
-        const auto v4 = traffic::Listen(4, port);
-        const auto v6 = traffic::Listen(6, port);
-        const auto silent = traffic::Listen(4, silent_port);
-        traffic::Converse(v4, 4, port, 7);
-        traffic::Converse(v6, 6, port, 6);
-        const auto open = traffic::Attempts(4, port, 5);
-        const auto opening = traffic::Attempts(4, silent_port, 4);
-        const auto closing = traffic::Attempt(6, port);
-        ASSERT_TRUE(network::Eventually([] { return Fetch().tcp6[TCP_ESTABLISHED] == 2; }));
-        ASSERT_EQ(shutdown(closing.fd(), SHUT_WR), 0);
-        ASSERT_TRUE(network::Eventually([] { return Fetch().tcp6[TCP_FIN_WAIT2] == 1; }));
-        const auto datagram4 = BoundDatagram(AF_INET);
-        const auto datagram6 = BoundDatagram(AF_INET6);
-        const auto another6 = BoundDatagram(AF_INET6);
+    CompareAll();
+    EXPECT_EQ(Fetch().count, 0u);
+    // Answers of the silent port get lost: its clients stay in SYN_SENT, and it sees their
+    // openings half-way.
+    network::Run(
+        "nft 'table inet silence { chain c { type filter hook input priority 0; tcp sport 8444 "
+        "drop; }; }'");
+    const auto v4 = traffic::Listen(Local(4, port));
+    const auto v6 = traffic::Listen(Local(6, port));
+    const auto silent = traffic::Listen(Local(4, silent_port));
+    traffic::Converse(v4, Local(4, port), 7);
+    traffic::Converse(v6, Local(6, port), 6);
+    const auto open = traffic::Attempt(Local(4, port), 5);
+    const auto opening = traffic::Attempt(Local(4, silent_port), 4);
+    const auto closing = traffic::Connect(Local(6, port));
+    ASSERT_EQ(shutdown(closing.fd(), SHUT_WR), 0);
+    ASSERT_TRUE(network::Eventually([] { return Fetch().tcp6[TCP_FIN_WAIT2] == 1; }));
+    const auto datagrams4 = traffic::Exchange(Local(4, port), 1);
+    const auto datagrams6 = traffic::Exchange(Local(6, port), 1);
+    const auto more6 = traffic::Exchange(Local(6, port + 1), 1);
 
-        CompareAll();
-        const vxa_get_conn_states_s states = Fetch();
-        EXPECT_EQ(states.tcp4[TCP_LISTEN], 2u);
-        EXPECT_EQ(states.tcp4[TCP_ESTABLISHED], 10u);
-        EXPECT_EQ(states.tcp4[TCP_SYN_SENT], 4u);
-        EXPECT_EQ(states.tcp4[TCP_SYN_RECV], 4u);
-        EXPECT_EQ(states.tcp4[TCP_TIME_WAIT], 7u);
-        EXPECT_EQ(states.tcp6[TCP_TIME_WAIT], 6u);
-        EXPECT_EQ(states.tcp6[TCP_CLOSE_WAIT], 1u);
-        EXPECT_EQ(states.udp4, 1u);
-        EXPECT_EQ(states.udp6, 2u);
-
-        network::Child unprivileged([] {
-            ASSERT_EQ(setresuid(65534, 65534, 65534), 0);
-            CompareAll();
-        });
-        unprivileged.ExpectGood();
-    });
-}
-
-TEST(ConnStates, OfAnEmptyNamespaceAreAllZero)
-{
-    REQUIRE_NETWORK();
-    network::InOwn([] {
-        const vxa_get_conn_states_s states = Fetch();
-        EXPECT_EQ(states.count, 0u);
-        EXPECT_EQ(Sum(ByState(states.tcp4)) + Sum(ByState(states.tcp6)), 0u);
-    });
+    CompareAll();
+    const vxa_get_conn_states_s states = Fetch();
+    EXPECT_EQ(states.tcp4[TCP_LISTEN], 2u);
+    EXPECT_EQ(states.tcp4[TCP_ESTABLISHED], 10u);
+    EXPECT_EQ(states.tcp4[TCP_SYN_SENT], 4u);
+    EXPECT_EQ(states.tcp4[TCP_SYN_RECV], 4u);
+    EXPECT_EQ(states.tcp4[TCP_TIME_WAIT], 7u);
+    EXPECT_EQ(states.tcp6[TCP_CLOSE_WAIT], 1u);
+    EXPECT_EQ(states.udp4, 2u);
+    EXPECT_EQ(states.udp6, 4u);
+    network::BecomeNobody();
+    CompareAll();
 }
 
 }  // namespace

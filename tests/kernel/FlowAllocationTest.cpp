@@ -97,13 +97,13 @@ void Sweep(int (*call)(vxi_handle_ops_s*))
 
 TEST(FlowAllocation, FailuresAreTold)
 {
-    REQUIRE_NETWORK();
+    REQUIRE_NETWORK("conntrack");
     network::InOwn([] {
-        const auto listener = traffic::Listen(4, 8443);
-        const auto clients = traffic::Attempts(4, 8443, 20);
+        const auto listener = traffic::Listen(traffic::Local(4, 8443));
+        const auto clients = traffic::Attempt(traffic::Local(4, 8443), 20);
         Sweep(CountStates);
         Sweep(CountFlows);
-        flows::Make(IPPROTO_TCP, 300);
+        flows::Make("tcp", 300);
         Sweep(CountFlows);
     });
 }

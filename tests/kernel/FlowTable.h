@@ -23,25 +23,15 @@ struct Table {
 };
 
 // The three requests that belong together; a failing one fails the test.
-Table Fetch(const driver::Handle& handle);
-Table Fetch();
+Table Fetch(const driver::Handle& handle = driver::Open());
 
-// One line a flow, the same for one flow whoever shows it: protocol, ends, TCP state,
-// "unreplied" and "assured", and "packets/bytes" both ways where they are counted.
+// The text's lines of flows without their timeouts.
 using Lines = std::multiset<std::string>;
 Lines LinesOf(const Table& table);
-// What "conntrack -L" shows of UDP and TCP in this namespace, of both families.
+// The same from what "conntrack -L" shows of UDP and TCP in this namespace.
 Lines Listed();
 
-// Switches tracking on in this namespace.
-void Track();
-
 // `count` flows with different ends, put into the kernel's table without any traffic.
-void Make(uint8_t protocol, uint32_t count);
+void Make(const std::string& protocol, uint32_t count);
 
 }  // namespace flows
-
-// For tests that compare with the conntrack command.
-#define REQUIRE_CONNTRACK() \
-    REQUIRE_NETWORK();      \
-    if (system("command -v conntrack >/dev/null 2>&1") != 0) GTEST_SKIP() << "lacking conntrack"

@@ -1,12 +1,8 @@
 #include "Network.h"
 
-#include <arpa/inet.h>
-#include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,55 +11,41 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <sstream>
 #include <thread>
+#include <utility>
 
 namespace network {
 
 namespace {
 
-bool HasRoute(const std::string& v6)
+bool Succeeds(const std::string& command)
 {
-    sockaddr_in6 address = {};
-    address.sin6_family = AF_INET6;
-    address.sin6_port = 9;
-    const int fd = socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    const bool has = inet_pton(AF_INET6, v6.c_str(), &address.sin6_addr) == 1 &&
-                     connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    close(fd);
-    return has;
+    return system((command + " >/dev/null 2>&1").c_str()) == 0;
 }
 
-std::string Probe()
+// The kernel makes the route of an address a little later.
+void AwaitRoute(const std::string& v6)
 {
-    int result[2];
-    if (pipe(result) < 0) {
-        return "pipes";
-    }
-    const pid_t child = fork();
-    if (child == 0) {
-        const char* lacking =
-            unshare(CLONE_NEWNET) < 0                      ? "permission to make network namespaces"
-            : system("ip link set lo up 2>/dev/null") != 0 ? "the ip command (iproute2)"
-            : system("nft list tables >/dev/null 2>&1") != 0 ? "nf_tables with the nft command"
-                                                             : "";
-        _exit(write(result[1], lacking, strlen(lacking)) < 0);
-    }
-    close(result[1]);
-    char text[128] = "";
-    const ssize_t size = read(result[0], text, sizeof text);
-    close(result[0]);
-    waitpid(child, nullptr, 0);
-    return size > 0 ? "lacking " + std::string(text, static_cast<size_t>(size)) : "";
+    EXPECT_TRUE(Eventually([&] { return Succeeds("ip -6 route get " + v6); })) << v6;
 }
 
 }  // namespace
 
-const std::string& Lacking()
+std::string Lacking(const std::string& tool)
 {
-    static const std::string lacking = Probe();
-    return lacking;
+    const std::pair<std::string, std::string> needed[] = {
+        {"unshare -n true", "permission to make network namespaces"},
+        {"unshare -n ip link set lo up", "the ip command (iproute2)"},
+        {"unshare -n nft list tables", "nf_tables with the nft command"},
+        {"command -v " + tool, "the command " + tool},
+    };
+    for (const auto& [command, what] : needed) {
+        if (!Succeeds(command)) {
+            return "lacking " + what;
+        }
+    }
+    return "";
 }
 
 void InOwn(const std::function<void()>& body)
@@ -79,7 +61,7 @@ void EnterNew()
 {
     ASSERT_EQ(unshare(CLONE_NEWNET), 0) << strerror(errno);
     Run("ip link set lo up");
-    EXPECT_TRUE(Eventually([] { return HasRoute("::1"); }));
+    AwaitRoute("::1");
 }
 
 void Configure(const std::string& interface, const std::string& v4, const std::string& v6)
@@ -87,14 +69,13 @@ void Configure(const std::string& interface, const std::string& v4, const std::s
     Run("ip link set " + interface + " up");
     Run("ip addr replace " + v4 + " dev " + interface);
     Run("ip -6 addr replace " + v6 + " dev " + interface + " nodad");
-    // The kernel makes the address's route a little later.
-    EXPECT_TRUE(Eventually([&] { return HasRoute(v6.substr(0, v6.find('/'))); })) << v6;
+    AwaitRoute(v6.substr(0, v6.find('/')));
 }
 
-Child::Child(const std::function<void()>& body)
+Child::Child(const std::function<void()>& body, pid_t (*make)())
 {
     fflush(nullptr);
-    pid_ = fork();
+    pid_ = make();
     if (pid_ == 0) {
         try {
             body();
@@ -177,6 +158,12 @@ std::string Tables()
     return names;
 }
 
+void BecomeNobody()
+{
+    ASSERT_EQ(setresgid(65534, 65534, 65534), 0);
+    ASSERT_EQ(setresuid(65534, 65534, 65534), 0);
+}
+
 bool Eventually(const std::function<bool()>& done, unsigned seconds)
 {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
@@ -187,13 +174,6 @@ bool Eventually(const std::function<bool()>& done, unsigned seconds)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     return true;
-}
-
-void SetSysctl(const std::string& name, const std::string& value)
-{
-    std::ofstream file("/proc/sys/" + name);
-    file << value << std::flush;
-    EXPECT_TRUE(file.good()) << name;
 }
 
 }  // namespace network

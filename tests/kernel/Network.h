@@ -1,16 +1,17 @@
 // Network namespaces for tests, and what tests ask and do there.
 #pragma once
 
-#include <sys/types.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
 
-#include <cstdint>
 #include <functional>
 #include <string>
 
 namespace network {
 
-// What this machine lacks to make namespaces with nf_tables in them; empty when nothing.
-const std::string& Lacking();
+// What this machine lacks to make namespaces with nf_tables in them and to run `tool` there;
+// empty when nothing.
+std::string Lacking(const std::string& tool);
 
 // Runs `body` in a child process in a network namespace of its own, loopback up. What it
 // expects and does not find fails the test.
@@ -25,7 +26,7 @@ void Configure(const std::string& interface, const std::string& v4, const std::s
 // Runs `body` in a child process in this namespace; the child ends when `body` returns.
 class Child {
 public:
-    explicit Child(const std::function<void()>& body);
+    explicit Child(const std::function<void()>& body, pid_t (*make)() = fork);
     ~Child();
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
@@ -59,13 +60,24 @@ std::string Run(const std::string& command);
 // Names of the inet tables of this namespace, separated by blanks.
 std::string Tables();
 
+// From now on this process is somebody without privileges.
+void BecomeNobody();
+
 // Polls until `done`, ten seconds at most; returns its last answer.
 bool Eventually(const std::function<bool()>& done, unsigned seconds = 10);
-
-void SetSysctl(const std::string& name, const std::string& value);
 
 }  // namespace network
 
 // For tests that cannot run on this machine.
-#define REQUIRE_NETWORK() \
-    if (const std::string& lacking = network::Lacking(); !lacking.empty()) GTEST_SKIP() << lacking
+#define REQUIRE_NETWORK(tool) \
+    if (const auto lacking = network::Lacking(tool); !lacking.empty()) GTEST_SKIP() << lacking
+
+// A test whose body runs in a network namespace of its own.
+#define NETWORK_TEST(suite, name)    \
+    static void suite##name();       \
+    TEST(suite, name)                \
+    {                                \
+        REQUIRE_NETWORK("nft");      \
+        network::InOwn(suite##name); \
+    }                                \
+    static void suite##name()

@@ -1,17 +1,11 @@
 // The rule profile against nft's own listing and against known traffic.
-#include <arpa/inet.h>
 #include <cjson/cJSON.h>
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <libnftnl/table.h>
 #include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <map>
 #include <vector>
 
 #include "Driver.h"
@@ -60,10 +54,10 @@ std::string NftListing()
     return text;
 }
 
-// "TABLE CHAIN: PACKETS/BYTES" for each rule in the payload's profile; empty without one.
-std::multimap<std::string, std::string> Profile(const std::string& payload)
+// "TABLE CHAIN PACKETS/BYTES; " for each rule in the payload's profile; empty without one.
+std::string Profile(const std::string& payload)
 {
-    std::multimap<std::string, std::string> rules;
+    std::string rules;
     cJSON* json = cJSON_Parse(payload.c_str());
     EXPECT_NE(json, nullptr) << payload;
     const cJSON* objects = cJSON_GetObjectItem(json, "nftables");
@@ -71,171 +65,120 @@ std::multimap<std::string, std::string> Profile(const std::string& payload)
     const cJSON* rule;
     cJSON_ArrayForEach(rule, cJSON_GetObjectItem(cJSON_GetObjectItem(last, "profile"), "rules"))
     {
-        const auto number = [&](const char* name) {
-            return std::to_string(
-                static_cast<long long>(cJSON_GetObjectItem(rule, name)->valuedouble));
+        const auto text = [&](const char* name) {
+            return cJSON_GetObjectItem(rule, name)->valuestring;
         };
-        rules.insert({std::string(cJSON_GetObjectItem(rule, "table")->valuestring) + " " +
-                          cJSON_GetObjectItem(rule, "chain")->valuestring,
-                      number("packets") + "/" + number("bytes")});
+        const auto number = [&](const char* name) {
+            return std::to_string(cJSON_GetObjectItem(rule, name)->valueint);
+        };
+        rules += text("table") + (" " + std::string(text("chain"))) + " " + number("packets") +
+                 "/" + number("bytes") + "; ";
     }
     cJSON_Delete(json);
     return rules;
 }
 
-using Expected = std::multimap<std::string, std::string>;
-
-// Datagrams of one byte to a port of this host: 29 bytes on the way, received by nobody.
+// Each 38 bytes on the way.
 void Send(unsigned datagrams)
 {
-    const traffic::Socket sender(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(7777);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    for (unsigned i = 0; i < datagrams; ++i) {
-        sendto(sender.fd(), "", 1, 0, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    traffic::Exchange(traffic::Local(4, 7777), datagrams);
+}
+
+void MakeRules()
+{
+    network::Run(
+        "nft 'table ip t { chain c { type filter hook input priority 0; udp dport 7777 counter; "
+        "udp dport 7777 accept; udp dport 7778 counter; }; }'");
+}
+
+NETWORK_TEST(RuleProfile, IsTheListingOfNft)
+{
+    // A host that lets the kernel reap its children must get it as well.
+    for (const auto of_children : {SIG_DFL, SIG_IGN}) {
+        network::Run("nft flush ruleset");
+        const driver::Handle handle = driver::Open();
+        const auto expect_listing = [&] {
+            signal(SIGCHLD, of_children);
+            const std::string payload = Payload(handle);
+            signal(SIGCHLD, SIG_DFL);
+            EXPECT_EQ(payload, NftListing());
+        };
+        expect_listing();  // no rules at all
+        MakeRules();
+        Send(3);
+        expect_listing();
+        Switch(handle, 2);
+        expect_listing();
     }
 }
 
-constexpr const char* rules =
-    "nft 'table ip t { chain c { type filter hook input priority 0; udp dport 7777 counter; "
-    "udp dport 7777 accept; udp dport 7778 counter; }; }'";
-
-TEST(RuleProfile, IsTheListingOfNft)
+NETWORK_TEST(RuleProfile, AddsWhatWasCountedSinceTheSwitch)
 {
-    REQUIRE_NETWORK();
-    network::InOwn([] {
-        const driver::Handle handle = driver::Open();
-        EXPECT_EQ(Payload(handle), NftListing());  // no rules at all
-        network::Run(rules);
-        Send(3);
-        EXPECT_EQ(Payload(handle), NftListing());
-        Switch(handle, 2);
-        EXPECT_EQ(Payload(handle), NftListing());
+    MakeRules();
+    Send(3);
+    Switch(driver::Open(), 1);  // for the process, whatever becomes of the handle
+    const driver::Handle handle = driver::Open();
+    EXPECT_EQ(Profile(Payload(handle)), "t c 0/0; t c 0/0; ");
+    Send(4);
+    EXPECT_EQ(Profile(Payload(handle)), "t c 4/152; t c 0/0; ");
+    network::Run("nft insert rule ip t c udp dport 7777 counter");
+    Send(2);
+    EXPECT_EQ(Profile(Payload(handle)), "t c 6/228; t c 0/0; t c 2/76; ");
+    network::Child child([&] {
+        EXPECT_EQ(profiler_running(), 0);
+        EXPECT_EQ(Payload(driver::Open()), NftListing());
     });
+    child.ExpectGood();
+    Switch(handle, 1);
+    EXPECT_EQ(Profile(Payload(handle)), "t c 0/0; t c 0/0; t c 0/0; ");
+    Switch(handle, 0);
+    EXPECT_EQ(Payload(handle), NftListing());
 }
 
-TEST(RuleProfile, AddsWhatWasCountedSinceTheSwitch)
+NETWORK_TEST(RuleProfile, FillsNoMoreThanThereIsRoomFor)
 {
-    REQUIRE_NETWORK();
-    network::InOwn([] {
-        network::Run(rules);
-        Send(3);
-        Switch(driver::Open(), 1);  // for the process, whatever becomes of the handle
-        const driver::Handle handle = driver::Open();
-        EXPECT_EQ(Profile(Payload(handle)), (Expected{{"t c", "0/0"}, {"t c", "0/0"}}));
-        Send(4);
-        EXPECT_EQ(Profile(Payload(handle)), (Expected{{"t c", "4/116"}, {"t c", "0/0"}}));
-        network::Run("nft insert rule ip t c udp dport 7777 counter");
-        Send(2);
-        EXPECT_EQ(Profile(Payload(handle)),
-                  (Expected{{"t c", "6/174"}, {"t c", "0/0"}, {"t c", "2/58"}}));
-        Switch(handle, 1);
-        EXPECT_EQ(Profile(Payload(handle)),
-                  (Expected{{"t c", "0/0"}, {"t c", "0/0"}, {"t c", "0/0"}}));
-        Switch(handle, 0);
-        EXPECT_EQ(Payload(handle), NftListing());
-    });
+    MakeRules();
+    const driver::Handle handle = driver::Open();
+    const std::string whole = NftListing();
+    EXPECT_EQ(Size(handle), whole.size());
+    network::Run("nft flush ruleset");
+    EXPECT_EQ(Fill(handle, 20), whole.substr(0, 20));
+    uint32_t size = 20;
+    EXPECT_EQ(vxi_get_profile_stats(handle.get(), &size), -ENODATA);
 }
 
-TEST(RuleProfile, BelongsToOneProcess)
+NETWORK_TEST(RuleProfile, IsEmptyWithoutPrivilege)
 {
-    REQUIRE_NETWORK();
-    network::InOwn([] {
-        network::Run(rules);
-        const driver::Handle handle = driver::Open();
-        Switch(handle, 1);
-        network::Child child([&] {
-            EXPECT_EQ(profiler_running(), 0);
-            EXPECT_EQ(Profile(Payload(driver::Open())), Expected{});
-        });
-        child.ExpectGood();
-        EXPECT_EQ(Profile(Payload(handle)).size(), 2u);
-    });
-}
-
-TEST(RuleProfile, FillsNoMoreThanThereIsRoomFor)
-{
-    REQUIRE_NETWORK();
-    network::InOwn([] {
-        network::Run(rules);
-        const driver::Handle handle = driver::Open();
-        const std::string whole = NftListing();
-        EXPECT_EQ(Size(handle), whole.size());
-        network::Run("nft flush ruleset");
-        EXPECT_EQ(Fill(handle, 20), whole.substr(0, 20));
-        uint32_t size = 20;
-        EXPECT_EQ(vxi_get_profile_stats(handle.get(), &size), -ENODATA);
-    });
-}
-
-// A host that lets the kernel reap its children must get its profile as well.
-TEST(RuleProfile, NeedsNoWaitStatus)
-{
-    REQUIRE_NETWORK();
-    network::InOwn([] {
-        signal(SIGCHLD, SIG_IGN);
-        const std::string payload = Payload(driver::Open());
-        signal(SIGCHLD, SIG_DFL);
-        EXPECT_EQ(payload, NftListing());
-    });
-}
-
-// What this process writes to standard error while `body` runs.
-std::string StandardError(const std::function<void()>& body)
-{
-    char path[] = "/tmp/profile_test_XXXXXX";
-    const int file = mkstemp(path);
-    unlink(path);
-    const int kept = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
-    dup2(file, STDERR_FILENO);
-    body();
-    dup2(kept, STDERR_FILENO);
-    char text[1024];
-    const ssize_t size = pread(file, text, sizeof text, 0);
-    close(kept);
-    close(file);
-    return {text, static_cast<size_t>(size > 0 ? size : 0)};
-}
-
-TEST(RuleProfile, IsEmptyWithoutPrivilege)
-{
-    REQUIRE_NETWORK();
-    network::InOwn([] {
-        network::Run(rules);
-        ASSERT_EQ(setresuid(65534, 65534, 65534), 0);
-        const driver::Handle handle = driver::Open();
-        EXPECT_EQ(StandardError([&] { EXPECT_EQ(Size(handle), 0u); }), "");
-    });
+    MakeRules();
+    network::BecomeNobody();
+    const driver::Handle handle = driver::Open();
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(Size(handle), 0u);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
 // libnftables aborts over such a name. This process must not end with it, nor hear of it.
-TEST(RuleProfile, SurvivesNamesThatAreNoText)
+NETWORK_TEST(RuleProfile, SurvivesNamesThatAreNoText)
 {
-    REQUIRE_NETWORK();
-    network::InOwn([] {
-        vxi::Netlink netlink;
-        ASSERT_EQ(netlink.open(NETLINK_NETFILTER), 0);
-        vxi::NftBatch batch(netlink);
-        nftnl_table* table = nftnl_table_alloc();
-        nftnl_table_set_str(table, NFTNL_TABLE_NAME, "t\xff");
-        batch.add(NFT_MSG_NEWTABLE, NLM_F_CREATE, "table",
-                  [&](nlmsghdr* header) { nftnl_table_nlmsg_build_payload(header, table); });
-        ASSERT_EQ(batch.send(vxi::NftBatch::Purpose::Commit).status, 0);
-        nftnl_table_free(table);
-        const driver::Handle handle = driver::Open();
-        uint32_t size = 0;
-        EXPECT_EQ(
-            StandardError([&] { EXPECT_EQ(vxi_get_profile_stats(handle.get(), &size), -EIO); }),
-            "");
-        EXPECT_EQ(size, 0u);
-        EXPECT_EQ(
-            driver::Error(handle),
-            "engine linux: vxi_get_profile_stats: libnftables cannot list the rules: it ended "
-            "with signal 6 (a name that is no UTF-8?)");
-        EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);  // nothing is left behind
-    });
+    vxi::Netlink netlink;
+    ASSERT_EQ(netlink.open(NETLINK_NETFILTER), 0);
+    vxi::NftBatch batch(netlink);
+    nftnl_table* table = nftnl_table_alloc();
+    nftnl_table_set_str(table, NFTNL_TABLE_NAME, "t\xff");
+    batch.add(NFT_MSG_NEWTABLE, NLM_F_CREATE, "table",
+              [&](nlmsghdr* header) { nftnl_table_nlmsg_build_payload(header, table); });
+    ASSERT_EQ(batch.send(vxi::NftBatch::Purpose::Commit).status, 0);
+    nftnl_table_free(table);
+    const driver::Handle handle = driver::Open();
+    uint32_t size = 0;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(vxi_get_profile_stats(handle.get(), &size), -EIO);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(size, 0u);
+    EXPECT_EQ(driver::Error(handle),
+              "engine linux: vxi_get_profile_stats: libnftables cannot list the rules: it ended "
+              "with signal 6 (a name that is no UTF-8?)");
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);  // nothing is left behind
 }
 
 }  // namespace

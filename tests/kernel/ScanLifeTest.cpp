@@ -1,11 +1,8 @@
 // How the scan table lives and dies: with its process, beside others, without privilege.
-#include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <string>
 #include <thread>
 
 #include "Driver.h"
@@ -35,112 +32,72 @@ void Start()
     ASSERT_EQ(driver::Monitor(handle, VXI_SCAN_INBOUND, port), 0) << driver::Error(handle);
 }
 
-uint64_t Opened()
+void ExpectOpened(uint64_t connections)
 {
     driver::Counters counters = {};
-    const driver::Handle handle = driver::Open();
-    EXPECT_EQ(driver::Fetch(handle, VXI_SCAN_INBOUND, port, counters), 0) << driver::Error(handle);
-    return counters[VXI_SCAN_NEW];
+    network::Eventually([&] {
+        const driver::Handle handle = driver::Open();
+        EXPECT_EQ(driver::Fetch(handle, VXI_SCAN_INBOUND, port, counters), 0)
+            << driver::Error(handle);
+        return counters[VXI_SCAN_NEW] == connections;
+    });
+    EXPECT_EQ(counters[VXI_SCAN_NEW], connections);
 }
 
-class ScanLife : public testing::Test {
-protected:
-    void SetUp() override { REQUIRE_NETWORK(); }
-};
-
-TEST_F(ScanLife, TableGoesWithAKilledProcess)
+// Also with a child that only lives on, and never calls the library.
+TEST(ScanLife, TableGoesWithAKilledProcess)
 {
-    network::InOwn([] {
-        network::Signal ready;
-        network::Child child([&] {
-            Start();
-            ready.Tell();
-            pause();
+    REQUIRE_NETWORK("nft");
+    for (const bool with_child : {false, true}) {
+        network::InOwn([with_child] {
+            network::Signal ready, done;
+            network::Child parent([&] {
+                Start();
+                if (with_child && fork() == 0) {
+                    ready.Tell();
+                    _exit(done.Await() ? 0 : 1);
+                }
+                if (!with_child) {
+                    ready.Tell();
+                }
+                pause();
+            });
+            ASSERT_TRUE(ready.Await());
+            EXPECT_EQ(network::Tables(), TableOf(parent.pid()));
+            parent.Kill();
+            // Sooner than the grandchild gives up waiting.
+            EXPECT_TRUE(network::Eventually(NoTables, 5));
+            done.Tell();
         });
-        ASSERT_TRUE(ready.Await());
-        EXPECT_EQ(network::Tables(), TableOf(child.pid()));
-        child.Kill();
-        EXPECT_TRUE(network::Eventually(NoTables));
-    });
+    }
 }
 
-// A child that only lives on, and never calls the library, must not keep the table either.
-TEST_F(ScanLife, TableGoesThoughAForkedChildLivesOn)
+// Fork handlers do not run in a bare one: the process number alone tells.
+TEST(ScanLife, ForkedChildStartsAnew)
 {
-    network::InOwn([] {
-        network::Signal ready, done;
-        network::Child parent([&] {
+    REQUIRE_NETWORK("nft");
+    for (const auto fork_now : {fork, _Fork}) {
+        network::InOwn([fork_now] {
             Start();
-            if (fork() == 0) {
-                ready.Tell();
-                _exit(done.Await() ? 0 : 1);
-            }
-            pause();
+            traffic::BeRefused(local, 3);
+            const std::string parents = TableOf(getpid());
+            const auto start_anew = [&] {
+                driver::Counters unused;
+                const driver::Handle handle = driver::Open();
+                EXPECT_EQ(driver::Fetch(handle, VXI_SCAN_INBOUND, port, unused), -ENOENT);
+                EXPECT_EQ(driver::Error(handle),
+                          "engine linux: vxi_get_scan_metrics: no port is monitored");
+                EXPECT_EQ(network::Tables(), parents);
+                Start();
+                EXPECT_EQ(network::Tables(), parents + " " + TableOf(getpid()));
+                traffic::BeRefused(local, 2);
+                ExpectOpened(2);
+            };
+            network::Child(start_anew, fork_now).ExpectGood();
+            EXPECT_TRUE(network::Eventually([&] { return network::Tables() == parents; }));
+            ExpectOpened(5);
         });
-        ASSERT_TRUE(ready.Await());
-        EXPECT_EQ(network::Tables(), TableOf(parent.pid()));
-        parent.Kill();
-        // Sooner than the grandchild gives up waiting.
-        EXPECT_TRUE(network::Eventually(NoTables, 5));
-        done.Tell();
-    });
-}
-
-TEST_F(ScanLife, TableGoesAtExit)
-{
-    network::InOwn([] {
-        network::Child child([] { Start(); });
-        child.ExpectGood();
-        EXPECT_TRUE(network::Eventually(NoTables));
-    });
-}
-
-// What a child of a fork sees, made by whatever means.
-void ExpectNothingMonitored()
-{
-    driver::Counters unused;
-    const driver::Handle handle = driver::Open();
-    EXPECT_EQ(driver::Fetch(handle, VXI_SCAN_INBOUND, port, unused), -ENOENT);
-    EXPECT_EQ(driver::Error(handle), "engine linux: vxi_get_scan_metrics: no port is monitored");
-}
-
-TEST_F(ScanLife, ForkedChildStartsAnew)
-{
-    network::InOwn([] {
-        Start();
-        traffic::BeRefused(local, 3);
-        const std::string parents = TableOf(getpid());
-        network::Child child([&] {
-            ExpectNothingMonitored();
-            EXPECT_EQ(network::Tables(), parents);
-            Start();
-            EXPECT_EQ(network::Tables(), parents + " " + TableOf(getpid()));
-            traffic::BeRefused(local, 2);
-            EXPECT_TRUE(network::Eventually([] { return Opened() == 2; }));
-        });
-        child.ExpectGood();
-        EXPECT_EQ(network::Tables(), parents);
-        EXPECT_TRUE(network::Eventually([] { return Opened() == 5; }));
-    });
-}
-
-// Fork handlers do not run here: the process number alone tells.
-TEST_F(ScanLife, BareForkStartsAnew)
-{
-    network::InOwn([] {
-        Start();
-        traffic::BeRefused(local, 3);
-        const pid_t child = _Fork();
-        if (child == 0) {
-            ExpectNothingMonitored();
-            Start();
-            _exit(testing::Test::HasFailure() ? 1 : 0);
-        }
-        int status = 0;
-        ASSERT_EQ(waitpid(child, &status, 0), child);
-        EXPECT_EQ(status, 0);
-        EXPECT_TRUE(network::Eventually([] { return Opened() == 3; }));
-    });
+    }
 }
 
 void DropNetAdmin()
@@ -153,12 +110,6 @@ void DropNetAdmin()
     ASSERT_EQ(syscall(SYS_capset, &header, data), 0);
 }
 
-void BecomeNobody()
-{
-    ASSERT_EQ(setgid(65534), 0);
-    ASSERT_EQ(setuid(65534), 0);
-}
-
 void ExpectPrivilegeMissing(const driver::Handle& handle, int status)
 {
     EXPECT_EQ(status, -EPERM);
@@ -167,9 +118,10 @@ void ExpectPrivilegeMissing(const driver::Handle& handle, int status)
     EXPECT_NE(text.find(wanted), std::string::npos) << text;
 }
 
-TEST_F(ScanLife, SaysWhatPrivilegeIsMissing)
+TEST(ScanLife, SaysWhatPrivilegeIsMissing)
 {
-    for (const auto drop : {BecomeNobody, DropNetAdmin}) {
+    REQUIRE_NETWORK("nft");
+    for (const auto drop : {network::BecomeNobody, DropNetAdmin}) {
         network::InOwn([drop] {
             drop();
             driver::Counters unused;
@@ -186,74 +138,59 @@ TEST_F(ScanLife, SaysWhatPrivilegeIsMissing)
     }
 }
 
-TEST_F(ScanLife, SaysThatPrivilegeWasGivenUp)
+NETWORK_TEST(ScanLife, SaysThatPrivilegeWasGivenUp)
 {
-    network::InOwn([] {
-        driver::Counters unused;
-        const driver::Handle handle = driver::Open();
-        Start();
-        DropNetAdmin();
-        ExpectPrivilegeMissing(handle, driver::Fetch(handle, VXI_SCAN_INBOUND, port, unused));
-    });
+    driver::Counters unused;
+    const driver::Handle handle = driver::Open();
+    Start();
+    DropNetAdmin();
+    ExpectPrivilegeMissing(handle, driver::Fetch(handle, VXI_SCAN_INBOUND, port, unused));
 }
 
-TEST_F(ScanLife, CapabilitiesChangeNothing)
+NETWORK_TEST(ScanLife, CapabilitiesChangeNothing)
 {
-    network::InOwn([] {
-        const driver::Handle handle = driver::Open();
+    const auto capability = [] {
         vxi_capability_s row;
-        EXPECT_EQ(vxi_capabilities(handle.get(), &row, 1), 7);
+        EXPECT_EQ(vxi_capabilities(driver::Open().get(), &row, 1), 7);
         EXPECT_EQ(row.available, 1) << row.detail;
-        EXPECT_TRUE(NoTables());
-        Start();
-        EXPECT_EQ(vxi_capabilities(handle.get(), &row, 1), 7);
-        EXPECT_EQ(row.available, 1) << row.detail;
-        EXPECT_NE(std::string(row.detail).find("port 8080 inbound"), std::string::npos);
-        EXPECT_EQ(network::Tables(), TableOf(getpid()));
-    });
+        return std::string(row.detail);
+    };
+    capability();
+    EXPECT_TRUE(NoTables());
+    Start();
+    EXPECT_NE(capability().find("port 8080 inbound"), std::string::npos);
+    EXPECT_EQ(network::Tables(), TableOf(getpid()));
 }
 
-TEST_F(ScanLife, SurvivesOthersFlush)
+NETWORK_TEST(ScanLife, SurvivesOthersFlushAndName)
 {
-    network::InOwn([] {
-        Start();
-        traffic::BeRefused(local, 3);
-        network::Run("nft flush ruleset");
-        traffic::BeRefused(local, 3);
-        EXPECT_TRUE(network::Eventually([] { return Opened() == 6; }));
-    });
+    const std::string name = TableOf(getpid());
+    network::Run("nft add table inet " + name);
+    Start();
+    EXPECT_EQ(network::Tables(), name + " " + name + "_1");
+    traffic::BeRefused(local, 3);
+    network::Run("nft flush ruleset");
+    EXPECT_EQ(network::Tables(), name + "_1");
+    traffic::BeRefused(local, 3);
+    ExpectOpened(6);
 }
 
-TEST_F(ScanLife, TakesAnotherNameWhereItsOwnIsTaken)
+NETWORK_TEST(ScanLife, ServesThreadsAtOnce)
 {
-    network::InOwn([] {
-        const std::string name = TableOf(getpid());
-        network::Run("nft add table inet " + name);
-        Start();
-        EXPECT_EQ(network::Tables(), name + " " + name + "_1");
-        traffic::BeRefused(local, 3);
-        EXPECT_TRUE(network::Eventually([] { return Opened() == 3; }));
-    });
-}
-
-TEST_F(ScanLife, ServesThreadsAtOnce)
-{
-    network::InOwn([] {
-        const auto work = [](uint32_t direction) {
-            for (int i = 0; i < 50; ++i) {
-                driver::Counters counters;
-                const driver::Handle handle = driver::Open();
-                EXPECT_EQ(driver::Monitor(handle, direction, port), 0) << driver::Error(handle);
-                // The other thread may have chosen its own direction since.
-                const int status = driver::Fetch(handle, direction, port, counters);
-                EXPECT_TRUE(status == 0 || status == -ENOENT) << driver::Error(handle);
-            }
-        };
-        std::thread other(work, VXI_SCAN_OUTBOUND);
-        work(VXI_SCAN_INBOUND);
-        other.join();
-        EXPECT_EQ(network::Tables(), TableOf(getpid()));
-    });
+    const auto work = [](uint32_t direction) {
+        for (int i = 0; i < 50; ++i) {
+            driver::Counters counters;
+            const driver::Handle handle = driver::Open();
+            EXPECT_EQ(driver::Monitor(handle, direction, port), 0) << driver::Error(handle);
+            // The other thread may have chosen its own direction since.
+            const int status = driver::Fetch(handle, direction, port, counters);
+            EXPECT_TRUE(status == 0 || status == -ENOENT) << driver::Error(handle);
+        }
+    };
+    std::thread other(work, VXI_SCAN_OUTBOUND);
+    work(VXI_SCAN_INBOUND);
+    other.join();
+    EXPECT_EQ(network::Tables(), TableOf(getpid()));
 }
 
 // ---- kernels without the owner flag ----------------------------------------
@@ -266,69 +203,63 @@ vxi::ScanReading Read(vxi::ScanMonitor& monitor)
     return reading;
 }
 
-TEST_F(ScanLife, WithoutOwnerRebuildsATableThatWasRemoved)
+NETWORK_TEST(ScanLife, WithoutOwnerRebuildsATableThatWasRemoved)
 {
-    network::InOwn([] {
-        vxi::ScanMonitor monitor(vxi::TableLife::RemovedByUs);
-        ASSERT_EQ(monitor.set(inbound).status, 0);
-        traffic::BeRefused(local, 5);
+    vxi::ScanMonitor monitor(vxi::TableLife::RemovedByUs);
+    ASSERT_EQ(monitor.set(inbound).status, 0);
+    const auto be_refused = [&](unsigned count) {
+        traffic::BeRefused(local, count);
         EXPECT_TRUE(network::Eventually(
-            [&] { return Read(monitor).figures[VXI_SCAN_HALF_OPEN_CLOSED] == 5; }));
-        network::Run("nft flush ruleset");
-
-        const vxi::ScanReading rebuilt = Read(monitor);
-        EXPECT_TRUE(rebuilt.rebuilt);
-        for (const uint64_t figure : rebuilt.figures) {
-            EXPECT_EQ(figure, 0u);
-        }
-        traffic::BeRefused(local, 2);
-        EXPECT_TRUE(network::Eventually(
-            [&] { return Read(monitor).figures[VXI_SCAN_HALF_OPEN_CLOSED] == 2; }));
-        EXPECT_FALSE(Read(monitor).rebuilt);
-    });
+            [&] { return Read(monitor).figures[VXI_SCAN_HALF_OPEN_CLOSED] == count; }));
+    };
+    be_refused(5);
+    network::Run("nft flush ruleset");
+    const vxi::ScanReading rebuilt = Read(monitor);
+    EXPECT_TRUE(rebuilt.rebuilt);
+    for (const uint64_t figure : rebuilt.figures) {
+        EXPECT_EQ(figure, 0u);
+    }
+    be_refused(2);
+    EXPECT_FALSE(Read(monitor).rebuilt);
 }
 
-TEST_F(ScanLife, WithoutOwnerRemovesItsTableAtTheEnd)
+NETWORK_TEST(ScanLife, WithoutOwnerRemovesItsTableAtTheEnd)
 {
-    network::InOwn([] {
-        vxi::ScanMonitor monitor(vxi::TableLife::RemovedByUs);
-        ASSERT_EQ(monitor.set(inbound).status, 0);
-        EXPECT_EQ(network::Tables(), TableOf(getpid()));
-        network::Child child([&] { monitor.stop(); });
-        child.ExpectGood();
-        EXPECT_EQ(network::Tables(), TableOf(getpid())) << "a child took its parent's table";
-        monitor.stop();
-        EXPECT_TRUE(NoTables());
-        EXPECT_EQ(monitor.set(inbound).status, -ESHUTDOWN);
-    });
+    vxi::ScanMonitor monitor(vxi::TableLife::RemovedByUs);
+    ASSERT_EQ(monitor.set(inbound).status, 0);
+    EXPECT_EQ(network::Tables(), TableOf(getpid()));
+    network::Child child([&] { monitor.stop(); });
+    child.ExpectGood();
+    EXPECT_EQ(network::Tables(), TableOf(getpid())) << "a child took its parent's table";
+    monitor.stop();
+    EXPECT_TRUE(NoTables());
+    EXPECT_EQ(monitor.set(inbound).status, -ESHUTDOWN);
 }
 
-TEST_F(ScanLife, WithoutOwnerRemovesTablesOfTheDead)
+NETWORK_TEST(ScanLife, WithoutOwnerRemovesTablesOfTheDead)
 {
-    network::InOwn([] {
-        network::Signal ready;
-        network::Child killed([&] {
-            vxi::ScanMonitor monitor(vxi::TableLife::RemovedByUs);
-            EXPECT_EQ(monitor.set(inbound).status, 0);
-            ready.Tell();
-            pause();
-        });
-        ASSERT_TRUE(ready.Await());
-        const std::string dead = TableOf(killed.pid());
-        const std::string alive = TableOf(getppid());
-        killed.Kill();
-        network::Run("nft add table inet " + alive);
-        network::Run("nft add table inet vxi_scan_");
-        // Of an earlier process that had our number.
-        network::Run("nft add table inet " + TableOf(getpid()));
-        EXPECT_EQ(network::Tables(), dead + " " + alive + " vxi_scan_ " + TableOf(getpid()));
-        {
-            vxi::ScanMonitor monitor(vxi::TableLife::RemovedByUs);
-            EXPECT_EQ(monitor.set(inbound).status, 0);
-            EXPECT_EQ(network::Tables(), alive + " vxi_scan_ " + TableOf(getpid()));
-        }
-        EXPECT_EQ(network::Tables(), alive + " vxi_scan_");
+    network::Signal ready;
+    network::Child killed([&] {
+        vxi::ScanMonitor monitor(vxi::TableLife::RemovedByUs);
+        EXPECT_EQ(monitor.set(inbound).status, 0);
+        ready.Tell();
+        pause();
     });
+    ASSERT_TRUE(ready.Await());
+    const std::string dead = TableOf(killed.pid());
+    const std::string alive = TableOf(getppid());
+    const std::string own = TableOf(getpid());  // of an earlier process that had our number
+    killed.Kill();
+    for (const std::string& table : {alive, std::string("vxi_scan_"), own}) {
+        network::Run("nft add table inet " + table);
+    }
+    EXPECT_EQ(network::Tables(), dead + " " + alive + " vxi_scan_ " + own);
+    {
+        vxi::ScanMonitor monitor(vxi::TableLife::RemovedByUs);
+        EXPECT_EQ(monitor.set(inbound).status, 0);
+        EXPECT_EQ(network::Tables(), alive + " vxi_scan_ " + own);
+    }
+    EXPECT_EQ(network::Tables(), alive + " vxi_scan_");
 }
 
 }  // namespace

@@ -1,16 +1,14 @@
 // Statistics and variables against the kernel's own files, taken apart by other means.
-#include <arpa/inet.h>
-#include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <map>
 #include <sstream>
 
+#include "Driver.h"
 #include "Network.h"
-#include "Texts.h"
 #include "Traffic.h"
 #include "Variables.h"
 
@@ -25,7 +23,7 @@ std::string StatisticsText(const driver::Handle& handle)
     stats->area2 = stats->body2;
     stats->area3 = stats->body3;
     EXPECT_EQ(vxi_get_stats(handle.get(), stats.get(), sizeof *stats), 0) << driver::Error(handle);
-    return texts::Of([&](tb_dump_s* sink) { tb_dump_stats(sink, stats.get()); });
+    return driver::Text(tb_dump_stats, stats.get());
 }
 
 // "NAME VALUE" lines; the heading is left out, a name that occurs twice fails the test.
@@ -61,104 +59,71 @@ awk 'NR == 2 { gsub(/\|/, " | "); side = ""; n = 0
   NR > 2 { sub(":", " "); for (i = 2; i <= NF; i++) print $1 "." name[i - 1], $i }' dev)"));
 }
 
+bool EndsWith(const std::string& name, const std::string& end)
+{
+    return name.size() > end.size() && name.substr(name.size() - end.size()) == end;
+}
+
 bool FromElsewhere(const std::string& name)
 {
-    for (const char* start : {"conntrack.", "rules.", "scan.", "softnet."}) {
-        if (name.compare(0, strlen(start), start) == 0) {
-            return true;
+    const std::string group = name.substr(0, name.find('.'));
+    return group == "conntrack" || group == "rules" || group == "scan" || group == "softnet" ||
+           EndsWith(name, ".ifindex");
+}
+
+NETWORK_TEST(Statistics, AreTheKernelsTables)
+{
+    traffic::Exchange(traffic::Local(4, 9000), 7);
+    const driver::Handle handle = driver::Open();
+    const Figures before = FromProc();
+    const Figures ours = FiguresOf(StatisticsText(handle));
+    const Figures after = FromProc();
+    ASSERT_GT(before.size(), 200u);
+    EXPECT_EQ(before.at("Udp.InDatagrams"), "7");
+    EXPECT_EQ(before.at("lo.rx_packets"), "7");
+    for (const auto& [name, value] : before) {
+        const auto found = ours.find(name);
+        ASSERT_NE(found, ours.end()) << name;
+        // Memory in use is counted for the whole machine, not for the namespace.
+        if (after.at(name) == value) {
+            EXPECT_EQ(found->second, value) << name;
         }
     }
-    return name.size() > 8 && name.compare(name.size() - 8, 8, ".ifindex") == 0;
-}
-
-void SendToSelf(unsigned datagrams)
-{
-    const traffic::Socket receiver(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address = {};
-    socklen_t size = sizeof address;
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    auto* generic = reinterpret_cast<sockaddr*>(&address);
-    ASSERT_EQ(bind(receiver.fd(), generic, size), 0);
-    ASSERT_EQ(getsockname(receiver.fd(), generic, &size), 0);
-    for (unsigned i = 0; i < datagrams; ++i) {
-        char byte = 0;
-        ASSERT_EQ(sendto(receiver.fd(), &byte, 1, 0, generic, size), 1);
-        ASSERT_EQ(recv(receiver.fd(), &byte, 1, 0), 1);
+    for (const auto& [name, value] : ours) {
+        EXPECT_TRUE(before.count(name) || FromElsewhere(name)) << name << ' ' << value;
     }
 }
 
-TEST(Statistics, AreTheKernelsTables)
+NETWORK_TEST(Statistics, CountTheRules)
 {
-    REQUIRE_NETWORK();
-    network::InOwn([] {
-        SendToSelf(7);
-        const driver::Handle handle = driver::Open();
-        const Figures before = FromProc();
-        const Figures ours = FiguresOf(StatisticsText(handle));
-        const Figures after = FromProc();
-        ASSERT_GT(before.size(), 200u);
-        EXPECT_EQ(before.at("Udp.InDatagrams"), "7");
-        EXPECT_EQ(before.at("lo.rx_packets"), "7");
-        for (const auto& [name, value] : before) {
-            const auto found = ours.find(name);
-            ASSERT_NE(found, ours.end()) << name;
-            // Memory in use is counted for the whole machine, not for the namespace.
-            if (after.at(name) == value) {
-                EXPECT_EQ(found->second, value) << name;
-            }
-        }
-        for (const auto& [name, value] : ours) {
-            EXPECT_TRUE(before.count(name) || FromElsewhere(name)) << name << ' ' << value;
-        }
-    });
+    network::Run(
+        "nft 'table ip a { chain c { accept; drop; }; }; table inet b { chain d { ip saddr "
+        "{ 1.1.1.1, 1.1.1.2 } accept; }; chain e { }; set s { type ipv4_addr; }; }'");
+    const driver::Handle handle = driver::Open();
+    const Figures figures = FiguresOf(StatisticsText(handle));
+    EXPECT_EQ(figures.at("rules.tables"), "2");
+    EXPECT_EQ(figures.at("rules.chains"), "3");
+    EXPECT_EQ(figures.at("rules.rules"), "3");
+    EXPECT_EQ(figures.at("rules.sets"), "2");  // one without a name
+    EXPECT_EQ(figures.at("scan.on"), "0");
+    ASSERT_EQ(driver::Monitor(handle, VXI_SCAN_INBOUND, 8443), 0);
+    const Figures monitored = FiguresOf(StatisticsText(handle));
+    EXPECT_EQ(monitored.at("scan.on"), "1");
+    EXPECT_EQ(monitored.at("scan.port"), "8443");
+    EXPECT_EQ(monitored.at("rules.tables"), "3");
 }
 
-TEST(Statistics, CountTheRules)
+NETWORK_TEST(Statistics, TellHowManyInterfacesFindNoSlot)
 {
-    REQUIRE_NETWORK();
-    network::InOwn([] {
-        network::Run(
-            "nft 'table ip a { chain c { accept; drop; }; }; table inet b { chain d { ip saddr "
-            "{ 1.1.1.1, 1.1.1.2 } accept; }; chain e { }; set s { type ipv4_addr; }; }'");
-        const driver::Handle handle = driver::Open();
-        const Figures figures = FiguresOf(StatisticsText(handle));
-        EXPECT_EQ(figures.at("rules.tables"), "2");
-        EXPECT_EQ(figures.at("rules.chains"), "3");
-        EXPECT_EQ(figures.at("rules.rules"), "3");
-        EXPECT_EQ(figures.at("rules.sets"), "2");  // one without a name
-        EXPECT_EQ(figures.at("scan.on"), "0");
-        ASSERT_EQ(driver::Monitor(handle, VXI_SCAN_INBOUND, 8443), 0);
-        const Figures monitored = FiguresOf(StatisticsText(handle));
-        EXPECT_EQ(monitored.at("scan.on"), "1");
-        EXPECT_EQ(monitored.at("scan.port"), "8443");
-        EXPECT_EQ(monitored.at("rules.tables"), "3");
-    });
-}
-
-TEST(Statistics, TellHowManyInterfacesFindNoSlot)
-{
-    REQUIRE_NETWORK();
-    network::InOwn([] {
-        if (system("ip link add b0 type bridge 2>/dev/null") != 0) {
-            GTEST_SKIP() << "lacking bridge interfaces";
-        }
-        for (int i = 1; i < 20; ++i) {
-            network::Run("ip link add b" + std::to_string(i) + " type bridge");
-        }
-        const size_t all = static_cast<size_t>(
-            atoi(network::Run("tail -n +3 /proc/thread-self/net/dev | wc -l").c_str()));
-        ASSERT_GT(all, 16u);
-        const std::string text = StatisticsText(driver::Open());
-        const Figures figures = FiguresOf(text);
-        size_t shown = 0;
-        for (const auto& [name, value] : figures) {
-            shown += name.size() > 8 && name.compare(name.size() - 8, 8, ".ifindex") == 0;
-        }
-        EXPECT_EQ(shown, 16u);
-        const std::string told = "; " + std::to_string((all - 16) * 16) + " items found no slot\n";
-        EXPECT_NE(text.find(told), text.npos) << text.substr(0, text.find('\n'));
-    });
+    network::Run("for i in 1 2 3 4 5 6 7 8 9; do ip link add a$i type veth peer name b$i; done");
+    const unsigned all = std::stoul(network::Run("tail -n +3 /proc/thread-self/net/dev | wc -l"));
+    ASSERT_GT(all, 16u);
+    const std::string text = StatisticsText(driver::Open());
+    const Figures figures = FiguresOf(text);
+    const auto has_slots = [](const auto& figure) { return EndsWith(figure.first, ".ifindex"); };
+    EXPECT_EQ(std::count_if(figures.begin(), figures.end(), has_slots), 16);
+    const std::string told = "; " + std::to_string((all - 16) * 16) + " items found no slot\n";
+    EXPECT_NE(text.find(told), text.npos) << text.substr(0, text.find('\n'));
 }
 
 uint32_t Value(const driver::Handle& handle, unsigned number)
@@ -172,9 +137,7 @@ uint32_t Value(const driver::Handle& handle, unsigned number)
 // A setting as its file shows it.
 uint32_t FromFile(std::string name)
 {
-    for (char& c : name) {
-        c = c == '.' ? '/' : c;
-    }
+    std::replace(name.begin(), name.end(), '.', '/');
     std::ifstream file("/proc/sys/" + name);
     long long value = 0;
     if (!(file >> value)) {
@@ -183,108 +146,102 @@ uint32_t FromFile(std::string name)
     return value > 0xfffffffeLL ? 0xfffffffe : static_cast<uint32_t>(value);
 }
 
-TEST(Variables, AllAnswerWithTheKernelsSettings)
+NETWORK_TEST(Variables, AllAnswerWithTheKernelsSettings)
 {
-    REQUIRE_NETWORK();
-    network::InOwn([] {
-        network::SetSysctl("net/ipv4/tcp_retries2", "11");
-        const driver::Handle handle = driver::Open();
-        unsigned settings = 0;
-        unsigned present = 0;
-        for (unsigned number = 0; number < VXA_FILTER_VARIABLE_COUNT; ++number) {
-            const std::string name = vxi::variable_name(number);
-            const uint32_t value = Value(handle, number);
-            if (name.compare(0, 4, "net.") == 0 && number != vxi::variable_conntrack_count) {
-                EXPECT_EQ(value, FromFile(name)) << name;
-                ++settings;
-                present += value != VXA_FILTER_VARIABLE_ABSENT;
-            }
+    network::Run("echo 11 > /proc/sys/net/ipv4/tcp_retries2");
+    const driver::Handle handle = driver::Open();
+    unsigned settings = 0;
+    unsigned present = 0;
+    for (unsigned number = 0; number < VXA_FILTER_VARIABLE_COUNT; ++number) {
+        const std::string name = vxi::variable_name(number);
+        const uint32_t value = Value(handle, number);
+        if (name.compare(0, 4, "net.") == 0 && number != vxi::variable_conntrack_count) {
+            EXPECT_EQ(value, FromFile(name)) << name;
+            ++settings;
+            present += value != VXA_FILTER_VARIABLE_ABSENT;
         }
-        EXPECT_EQ(settings, 151u);
-        EXPECT_GT(present, 100u);
-        EXPECT_EQ(Value(handle, 106), 11u);  // net.ipv4.tcp_retries2
-        // A setting of the whole machine has no file in another namespace than the first.
-        EXPECT_EQ(Value(handle, 166), VXA_FILTER_VARIABLE_ABSENT);
-        vxa_filter_variable_s unknown = {173, 5};
-        EXPECT_EQ(vxi_get_varv(handle.get(), &unknown), VXI_E_UNKNOWN_VARIABLE);
-        EXPECT_EQ(unknown.value, 5u);
-    });
+    }
+    EXPECT_EQ(settings, 151u);
+    EXPECT_GT(present, 100u);
+    EXPECT_EQ(Value(handle, 106), 11u);  // net.ipv4.tcp_retries2
+    // A setting of the whole machine has no file in another namespace than the first.
+    EXPECT_EQ(Value(handle, 166), VXA_FILTER_VARIABLE_ABSENT);
+    vxa_filter_variable_s unknown = {173, 5};
+    EXPECT_EQ(vxi_get_varv(handle.get(), &unknown), VXI_E_UNKNOWN_VARIABLE);
+    EXPECT_EQ(unknown.value, 5u);
 }
 
-TEST(Variables, TellAboutTheEngine)
+NETWORK_TEST(Variables, TellAboutTheEngine)
 {
-    REQUIRE_NETWORK();
-    network::InOwn([] {
-        const driver::Handle handle = driver::Open();
-        struct stat own = {};
-        ASSERT_EQ(stat("/proc/thread-self/ns/net", &own), 0);
-        EXPECT_EQ(Value(handle, vxi::variable_process_id), static_cast<uint32_t>(getpid()));
-        EXPECT_EQ(Value(handle, vxi::variable_network_namespace), own.st_ino);
-        EXPECT_EQ(Value(handle, vxi::variable_initial_namespace), 0u);
-        EXPECT_EQ(Value(handle, vxi::variable_scan_on), 0u);
-        ASSERT_EQ(driver::Monitor(handle, VXI_SCAN_OUTBOUND, 443), 0);
-        EXPECT_EQ(Value(handle, vxi::variable_scan_on), 1u);
-        EXPECT_EQ(Value(handle, vxi::variable_scan_port), 443u);
-        EXPECT_EQ(Value(handle, vxi::variable_scan_direction), uint32_t{VXI_SCAN_OUTBOUND});
-        EXPECT_GT(Value(handle, vxi::variable_scan_timeout_s), 60u);
-        EXPECT_EQ(Value(handle, vxi::variable_nft_tables), 1u);
-        vxi_capability_s rows[7];
-        ASSERT_EQ(vxi_capabilities(handle.get(), rows, 7), 7);
-        for (unsigned i = 0; i < 7; ++i) {
-            EXPECT_EQ(Value(handle, vxi::variable_facility_bits) >> i & 1,
-                      static_cast<uint32_t>(rows[i].available))
-                << rows[i].name;
-        }
-    });
+    const driver::Handle handle = driver::Open();
+    struct stat own = {};
+    ASSERT_EQ(stat("/proc/thread-self/ns/net", &own), 0);
+    EXPECT_EQ(Value(handle, vxi::variable_scan_on), 0u);
+    ASSERT_EQ(driver::Monitor(handle, VXI_SCAN_OUTBOUND, 443), 0);
+    const struct {
+        unsigned number;
+        uint64_t value;
+    } rows[] = {{vxi::variable_process_id, static_cast<uint64_t>(getpid())},
+                {vxi::variable_network_namespace, own.st_ino},
+                {vxi::variable_initial_namespace, 0},
+                {vxi::variable_scan_on, 1},
+                {vxi::variable_scan_port, 443},
+                {vxi::variable_scan_direction, VXI_SCAN_OUTBOUND},
+                {vxi::variable_nft_tables, 1}};
+    for (const auto& row : rows) {
+        EXPECT_EQ(Value(handle, row.number), row.value) << row.number;
+    }
+    EXPECT_GT(Value(handle, vxi::variable_scan_timeout_s), 60u);
+    vxi_capability_s facilities[7];
+    ASSERT_EQ(vxi_capabilities(handle.get(), facilities, 7), 7);
+    for (unsigned i = 0; i < 7; ++i) {
+        EXPECT_EQ(Value(handle, vxi::variable_facility_bits) >> i & 1,
+                  static_cast<uint32_t>(facilities[i].available))
+            << facilities[i].name;
+    }
 }
 
-TEST(Variables, OnlyTwoAreWritable)
+NETWORK_TEST(Variables, OnlyTwoAreWritable)
 {
-    REQUIRE_NETWORK();
-    network::InOwn([] {
-        const driver::Handle handle = driver::Open();
-        for (unsigned number = 0; number < VXA_FILTER_VARIABLE_COUNT; ++number) {
-            const bool writable =
-                number == vxi::variable_trace_level || number == vxi::variable_rule_profiling;
-            EXPECT_EQ(vxi_set_var(handle.get(), number, 1), writable ? 0 : -EROFS) << number;
-        }
-        EXPECT_EQ(driver::Error(handle),
-                  "engine linux: vxi_set_var: variable 172 (net.core.optmem_max) is not writable");
-        EXPECT_EQ(Value(handle, vxi::variable_trace_level), 1u);
-        EXPECT_EQ(Value(handle, vxi::variable_rule_profiling), 1u);
-        EXPECT_EQ(vxi_set_var(handle.get(), vxi::variable_trace_level, 4), -EINVAL);
-        EXPECT_EQ(vxi_set_var(handle.get(), 173, 0), VXI_E_UNKNOWN_VARIABLE);
-    });
+    const driver::Handle handle = driver::Open();
+    for (unsigned number = 0; number < VXA_FILTER_VARIABLE_COUNT; ++number) {
+        const bool writable =
+            number == vxi::variable_trace_level || number == vxi::variable_rule_profiling;
+        EXPECT_EQ(vxi_set_var(handle.get(), number, 1), writable ? 0 : -EROFS) << number;
+    }
+    EXPECT_EQ(driver::Error(handle),
+              "engine linux: vxi_set_var: variable 172 (net.core.optmem_max) is not writable");
+    EXPECT_EQ(Value(handle, vxi::variable_trace_level), 1u);
+    EXPECT_EQ(Value(handle, vxi::variable_rule_profiling), 1u);
+    EXPECT_EQ(vxi_set_var(handle.get(), vxi::variable_trace_level, 4), -EINVAL);
+    EXPECT_EQ(vxi_set_var(handle.get(), 173, 0), VXI_E_UNKNOWN_VARIABLE);
 }
 
 // Somebody without CAP_NET_ADMIN gets what anybody may read, and is told what is missing.
-TEST(Tables, WithoutPrivilege)
+NETWORK_TEST(Tables, WithoutPrivilege)
 {
-    REQUIRE_NETWORK();
-    network::InOwn([] {
-        network::Run("nft 'table ip a { set blacklist { type ipv4_addr; }; }'");
-        SendToSelf(3);
-        ASSERT_EQ(setresuid(65534, 65534, 65534), 0);
-        const driver::Handle handle = driver::Open();
-        const std::string text = StatisticsText(handle);
-        EXPECT_EQ(FiguresOf(text).at("Udp.InDatagrams"), "3");
-        EXPECT_EQ(FiguresOf(text).count("rules.tables"), 0u);
-        EXPECT_EQ(
-            text.find("# statistics: /proc/net; nf_tables needs CAP_NET_ADMIN (engine linux)"), 0u);
-        for (unsigned number = 0; number < VXA_FILTER_VARIABLE_COUNT; ++number) {
-            const bool rules =
-                number >= vxi::variable_nft_tables && number <= vxi::variable_blacklist_elements;
-            const uint32_t value = Value(handle, number);
-            EXPECT_TRUE(!rules || value == VXA_FILTER_VARIABLE_ABSENT) << number;
-        }
-        EXPECT_EQ(Value(handle, vxi::variable_capability_bits), 0u);
-        vxa_blacklist_get_addrs_s list = {};
-        EXPECT_EQ(vxi_get_blacklist(handle.get(), &list), -EPERM);
-        EXPECT_EQ(driver::Error(handle),
-                  "engine linux: vxi_get_blacklist: nf_tables needs CAP_NET_ADMIN");
-        EXPECT_EQ(vxi_set_var(handle.get(), vxi::variable_rule_profiling, 1), -EPERM);
-        EXPECT_EQ(Value(handle, vxi::variable_rule_profiling), 0u);
-    });
+    network::Run("nft 'table ip a { set blacklist { type ipv4_addr; }; }'");
+    traffic::Exchange(traffic::Local(4, 9000), 3);
+    network::BecomeNobody();
+    const driver::Handle handle = driver::Open();
+    const std::string text = StatisticsText(handle);
+    EXPECT_EQ(FiguresOf(text).at("Udp.InDatagrams"), "3");
+    EXPECT_EQ(FiguresOf(text).count("rules.tables"), 0u);
+    EXPECT_EQ(text.find("# statistics: /proc/net; nf_tables needs CAP_NET_ADMIN (engine linux)"),
+              0u);
+    for (unsigned number = 0; number < VXA_FILTER_VARIABLE_COUNT; ++number) {
+        const bool rules =
+            number >= vxi::variable_nft_tables && number <= vxi::variable_blacklist_elements;
+        const uint32_t value = Value(handle, number);
+        EXPECT_TRUE(!rules || value == VXA_FILTER_VARIABLE_ABSENT) << number;
+    }
+    EXPECT_EQ(Value(handle, vxi::variable_capability_bits), 0u);
+    vxa_blacklist_get_addrs_s list = {};
+    EXPECT_EQ(vxi_get_blacklist(handle.get(), &list), -EPERM);
+    EXPECT_EQ(driver::Error(handle),
+              "engine linux: vxi_get_blacklist: nf_tables needs CAP_NET_ADMIN");
+    EXPECT_EQ(vxi_set_var(handle.get(), vxi::variable_rule_profiling, 1), -EPERM);
+    EXPECT_EQ(Value(handle, vxi::variable_rule_profiling), 0u);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 
 namespace traffic {
@@ -37,9 +38,9 @@ struct Address {
     const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&storage); }
 };
 
-Socket Open(const Address& address, int flags = 0)
+Socket Open(const Address& address, int type = SOCK_STREAM)
 {
-    const int fd = socket(address.storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | flags, 0);
+    const int fd = socket(address.storage.ss_family, type | SOCK_CLOEXEC, 0);
     EXPECT_GE(fd, 0) << strerror(errno);
     return Socket(fd);
 }
@@ -49,18 +50,6 @@ void PassByte(const Socket& from, const Socket& to)
     char byte = 'x';
     EXPECT_EQ(send(from.fd(), &byte, 1, MSG_NOSIGNAL), 1) << strerror(errno);
     EXPECT_EQ(recv(to.fd(), &byte, 1, 0), 1) << strerror(errno);
-}
-
-uint16_t Checksum(const void* data, size_t size)
-{
-    uint32_t sum = 0;
-    for (size_t at = 0; at < size; at += sizeof(uint16_t)) {
-        uint16_t word;
-        memcpy(&word, static_cast<const char*>(data) + at, sizeof word);
-        sum += word;
-    }
-    sum = (sum & 0xffff) + (sum >> 16);
-    return static_cast<uint16_t>(~(sum + (sum >> 16)));
 }
 
 }  // namespace
@@ -131,37 +120,49 @@ std::vector<Socket> Attempt(const Place& place, unsigned count)
     const Address address(place);
     std::vector<Socket> clients;
     for (unsigned i = 0; i < count; ++i) {
-        clients.push_back(Open(address, SOCK_NONBLOCK));
+        clients.push_back(Open(address, SOCK_STREAM | SOCK_NONBLOCK));
         const int status = connect(clients.back().fd(), address.get(), address.size);
         EXPECT_TRUE(status == 0 || errno == EINPROGRESS) << strerror(errno);
     }
     return clients;
 }
 
-void SendSegment(uint16_t source_port, uint16_t port, uint8_t flags)
+void SendSegment(uint16_t port, uint8_t flags)
 {
-    struct {
-        uint32_t source, destination;
-        uint8_t zero, protocol;
-        uint16_t size;
-        tcphdr tcp;
-    } segment = {};
-    const Address address({local_v4, 0});
-    segment.source = htonl(INADDR_LOOPBACK);
-    segment.destination = reinterpret_cast<const sockaddr_in*>(address.get())->sin_addr.s_addr;
-    segment.protocol = IPPROTO_TCP;
-    segment.size = htons(sizeof segment.tcp);
-    segment.tcp.th_sport = htons(source_port);
-    segment.tcp.th_dport = htons(port);
-    segment.tcp.th_seq = htonl(1000);
-    segment.tcp.th_off = sizeof segment.tcp / 4;
-    segment.tcp.th_flags = flags;
-    segment.tcp.th_win = htons(1000);
-    segment.tcp.th_sum = Checksum(&segment, sizeof segment);
-    const Socket raw(socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_TCP));
-    EXPECT_EQ(sendto(raw.fd(), &segment.tcp, sizeof segment.tcp, 0, address.get(), address.size),
-              static_cast<ssize_t>(sizeof segment.tcp))
+    tcphdr segment = {};
+    segment.th_sport = htons(2000);
+    segment.th_dport = htons(port);
+    segment.th_seq = htonl(1000);
+    segment.th_off = sizeof segment / 4;
+    segment.th_flags = flags;
+    segment.th_win = htons(1000);
+    const Socket raw(socket(AF_INET6, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_TCP));
+    const int sum_at = offsetof(tcphdr, th_sum);  // the kernel fills it in
+    EXPECT_EQ(setsockopt(raw.fd(), IPPROTO_IPV6, IPV6_CHECKSUM, &sum_at, sizeof sum_at), 0);
+    const Address address(Local(6, 0));
+    EXPECT_EQ(sendto(raw.fd(), &segment, sizeof segment, 0, address.get(), address.size),
+              static_cast<ssize_t>(sizeof segment))
         << strerror(errno);
+}
+
+Datagrams Exchange(const Place& place, unsigned count, unsigned answers)
+{
+    const Address address(place);
+    Datagrams ends = {Open(address, SOCK_DGRAM), Open(address, SOCK_DGRAM)};
+    EXPECT_EQ(bind(ends.far.fd(), address.get(), address.size), 0) << strerror(errno);
+    EXPECT_EQ(connect(ends.near.fd(), address.get(), address.size), 0) << strerror(errno);
+    char data[100] = {};
+    sockaddr_storage sender = {};
+    socklen_t size = sizeof sender;
+    auto* from = reinterpret_cast<sockaddr*>(&sender);
+    for (unsigned i = 0; i < count; ++i) {
+        EXPECT_EQ(send(ends.near.fd(), data, 10, 0), 10);
+        EXPECT_EQ(recvfrom(ends.far.fd(), data, sizeof data, 0, from, &size), 10);
+    }
+    for (unsigned i = 0; i < answers; ++i) {
+        EXPECT_EQ(sendto(ends.far.fd(), data, 100, 0, from, size), 100);
+    }
+    return ends;
 }
 
 }  // namespace traffic

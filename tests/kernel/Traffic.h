@@ -1,4 +1,4 @@
-// Known numbers of TCP connections.
+// Known numbers of TCP connections and of datagrams.
 #pragma once
 
 #include <cstdint>
@@ -54,7 +54,15 @@ void BeRefused(const Place& place, unsigned count);
 // `count` connection attempts that are not waited for.
 std::vector<Socket> Attempt(const Place& place, unsigned count);
 
-// One TCP segment without data to 127.0.0.2, made by hand.
-void SendSegment(uint16_t source_port, uint16_t port, uint8_t flags);
+// One TCP segment without data from ::1 to ::1, made by hand.
+void SendSegment(uint16_t port, uint8_t flags);
+
+struct Datagrams {
+    Socket near;  // connected to far, which is bound
+    Socket far;
+};
+
+// `count` datagrams of 10 bytes to a place of this host, and `answers` of 100 bytes back.
+Datagrams Exchange(const Place& place, unsigned count, unsigned answers = 0);
 
 }  // namespace traffic
