@@ -22,7 +22,7 @@ local function whole(value)
 end
 
 local function plain(value)
-    return printable(tostring(value))
+    return printable(type(value) == "table" and json.encode(value) or tostring(value))
 end
 
 -- Chains of different tables bear the same names.
@@ -69,10 +69,10 @@ local collect = {
     end,
     counter = function(ruleset, counter) table.insert(ruleset.counters, counter) end,
     profile = function(ruleset, profile)
-        ruleset.profile = { milliseconds = profile.milliseconds, ticks = profile.ticks }
+        ruleset.profile = { milliseconds = profile.milliseconds, ticks = profile.ticks, rules = {} }
         for _, rule in ipairs(as_table(profile.rules)) do
             rule = as_table(rule)
-            ruleset.profile[rule.family and rule_key(rule) or plain(rule.handle)] = rule
+            ruleset.profile.rules[rule.family and rule_key(rule) or plain(rule.handle)] = rule
         end
     end,
 }
@@ -93,7 +93,8 @@ end
 
 local function profiled(ruleset, rule)
     if not ruleset.profile then return {} end
-    return ruleset.profile[rule_key(rule)] or ruleset.profile[plain(rule.handle)] or {}
+    local rules = ruleset.profile.rules
+    return rules[rule_key(rule)] or rules[plain(rule.handle)] or {}
 end
 
 local function counter_of(rule)
@@ -150,8 +151,9 @@ end
 
 local function profiled_for(profile)
     if not profile then return "profiling was off" end
-    if type(profile.milliseconds) == "number" then
-        return "profiled for " .. text.duration(profile.milliseconds / 1000) .. " (columns with +)"
+    local milliseconds = profile.milliseconds
+    if type(milliseconds) == "number" and milliseconds >= 0 and milliseconds < 2 ^ 53 then
+        return "profiled for " .. text.duration(milliseconds / 1000) .. " (columns with +)"
     end
     return ("profiled for %s ticks (columns with +)"):format(whole(profile.ticks))
 end

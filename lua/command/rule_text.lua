@@ -9,9 +9,16 @@ local rule_text = {}
 
 local expression
 
+-- What has no short form stands as JSON, what is missing as a question mark.
+local function word(value)
+    if value == nil then return "?" end
+    return type(value) == "table" and json.encode(value) or tostring(value)
+end
+
 local function list(values, separator)
     local parts = {}
-    for i, value in ipairs(type(values) == "table" and values or { values }) do
+    if type(values) ~= "table" or #values == 0 then return expression(values) end
+    for i, value in ipairs(values) do
         parts[i] = expression(value)
     end
     return table.concat(parts, separator)
@@ -20,17 +27,17 @@ end
 local function words(...)
     local parts = {}
     for _, value in ipairs { ... } do
-        if value ~= "" then parts[#parts + 1] = tostring(value) end
+        if value ~= "" then parts[#parts + 1] = word(value) end
     end
     return table.concat(parts, " ")
 end
 
 local expressions = {
     payload = function(x)
-        if x.base then return ("@%s,%s,%s"):format(x.base, x.offset or "?", x.len or "?") end
+        if x.base then return ("@%s,%s,%s"):format(word(x.base), word(x.offset), word(x.len)) end
         return words(x.protocol or "", x.field or "")
     end,
-    meta = function(x) return "meta " .. tostring(x.key) end,
+    meta = function(x) return "meta " .. word(x.key) end,
     ct = function(x) return words("ct", x.dir or "", x.key or "") end,
     set = function(x) return "{ " .. list(x, ", ") .. " }" end,
     range = function(x) return list(x, "-") end,
@@ -38,7 +45,7 @@ local expressions = {
     prefix = function(x) return ("%s/%s"):format(expression(x.addr), expression(x.len)) end,
     elem = function(x) return expression(x.val) end,
     map = function(x) return ("%s map %s"):format(expression(x.key), expression(x.data)) end,
-    fib = function(x) return ("fib %s %s"):format(list(x.flags, " . "), tostring(x.result)) end,
+    fib = function(x) return ("fib %s %s"):format(list(x.flags, " . "), word(x.result)) end,
 }
 -- Several flags of one operand stand in brackets.
 local function operand(value)
@@ -54,14 +61,10 @@ for _, operator in ipairs { "&", "|", "^", "<<", ">>" } do
     end
 end
 
-local function as_json(value)
-    return type(value) == "table" and json.encode(value) or tostring(value)
-end
-
 local verdicts = { accept = true, drop = true, ["return"] = true, continue = true, queue = true }
 
 function expression(value)
-    if type(value) ~= "table" then return tostring(value) end
+    if type(value) ~= "table" then return word(value) end
     if #value > 0 then return list(value, ",") end
     local kind, content = next(value)
     if verdicts[kind] and type(content) ~= "table" or kind and content == json.null then
@@ -71,14 +74,14 @@ function expression(value)
         return ("%s %s"):format(kind, type(content) == "table" and expression(content.target) or "?")
     end
     local render = type(content) == "table" and expressions[kind]
-    return render and render(content) or as_json(value)
+    return render and render(content) or word(value)
 end
 
 -- nft leaves "==" out where a field stands alone.
 local function relation(x)
     local left = type(x.left) == "table" and next(x.left) or nil
     if x.op == "in" or (x.op == "==" and not operators[left]) then return "" end
-    return tostring(x.op)
+    return word(x.op)
 end
 
 -- The pairs of a map of verdicts.
@@ -99,21 +102,21 @@ end
 
 local statements = {
     match = function(x) return words(expression(x.left), relation(x), expression(x.right)) end,
-    jump = function(x) return "jump " .. tostring(x.target) end,
-    ["goto"] = function(x) return "goto " .. tostring(x.target) end,
-    log = function(x) return words("log", x.prefix and ('prefix "%s"'):format(x.prefix) or "") end,
+    jump = function(x) return "jump " .. word(x.target) end,
+    ["goto"] = function(x) return "goto " .. word(x.target) end,
+    log = function(x) return words("log", x.prefix and ('prefix "%s"'):format(word(x.prefix)) or "") end,
     reject = function(x)
-        return words("reject", x.type and "with " .. tostring(x.type) or "",
+        return words("reject", x.type and "with " .. word(x.type) or "",
             x.expr and expression(x.expr) or "")
     end,
     limit = function(x)
         return ("limit rate %s%s/%s"):format(x.inv and "over " or "", expression(x.rate),
-            tostring(x.per))
+            word(x.per))
     end,
     vmap = function(x) return ("%s vmap %s"):format(expression(x.key), pairs_of(x.data)) end,
     mangle = function(x) return ("%s set %s"):format(expression(x.key), expression(x.value)) end,
     set = function(x)
-        return ("%s %s { %s }"):format(tostring(x.op), tostring(x.set), expression(x.elem))
+        return ("%s %s { %s }"):format(word(x.op), word(x.set), expression(x.elem))
     end,
     snat = translation "snat", dnat = translation "dnat",
 }
@@ -127,7 +130,7 @@ local function statement(kind, content)
     if type(content) ~= "table" then return words(kind, content) end
     if next(content) == nil then return kind end
     local render = statements[kind]
-    return render and render(content) or kind .. " " .. as_json(content)
+    return render and render(content) or kind .. " " .. word(content)
 end
 
 -- `rule` as decoded with json.null for null: {"accept": null} would be empty otherwise.

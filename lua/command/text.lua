@@ -22,9 +22,9 @@ end
 
 -- "45 s", "30 min", "1 min 15 s"
 function text.duration(seconds)
-    if seconds < 60 then return text.number(seconds) .. " s" end
+    if not (seconds >= 60 and seconds < 2 ^ 53) then return text.number(seconds) .. " s" end
     local minutes, rest = math.floor(seconds / 60), math.floor(seconds % 60)
-    return rest == 0 and ("%d min"):format(minutes) or ("%d min %d s"):format(minutes, rest)
+    return (rest == 0 and "%.0f min" or "%.0f min %d s"):format(minutes, rest)
 end
 
 function text.count(number, noun, plural)

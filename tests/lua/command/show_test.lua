@@ -47,6 +47,10 @@ local rules = {
     { [==[{"reject": {"type": "tcp reset"}}, {"log": {"prefix": "a\u001b"}}]==],
       'reject with tcp reset log prefix "a\\x1b"' },
     { [==[{"xt": {"type": "target"}}]==], 'xt {"type":"target"}' },
+    { [==[{"match": {"op": [], "left": {"meta": {"key": {}}}, "right": {"set": {}}}}]==],
+      "meta {} [] { {} }" },
+    { [==[{"limit": {"rate": {"range": {"a": [1]}}}}, {"log": {"prefix": []}}, {"jump": {"target": null}}]==],
+      'limit rate {"a":[1]}/? log prefix "[]" jump null' },
     { [==["text", 5, {}, [], {"match": 5}, {"counter": null}, {"vmap": {}}]==], "match 5 vmap" },
 }
 
@@ -80,6 +84,9 @@ local profiles = {
         "^ip t c", "^     4       12    345         7      99  accept", "^     5 .* %- +%-$" } },
     { ', {"profile": {"ticks": 3, "rules": [{"handle": 5, "packets": 1e300, "bytes": "\\u001b"}, 7]}}',
       { "profiled for 3 ticks", "", "", "     4       12    345 +%- +%-  accept", "1000000000" } },
+    { ', {"profile": {"milliseconds": 1e300, "rules": [{"handle": "milliseconds"}, {"handle": {}}, '
+      .. '{"handle": "rules", "packets": []}]}}, {"rule": {"handle": "milliseconds"}}',
+      { "profiled for %- ticks", "", "", "", "", "^nil nil nil$", "^ +%- +%-" } },
     { ', 5, "x", {"rule": 7}, {"counter": {"name": "n", "packets": 3}}',
       { "2 rules; ", "", "", "", "", "packets  bytes  named counter", "      3      %-  nil nil n" } },
 }
