@@ -50,6 +50,35 @@ bool FileDescriptor::Close()
     return fd < 0 || close(fd) == 0;
 }
 
+namespace {
+
+// Of what a status without following links tells; null for a regular file.
+const char* WrongKind(const struct stat& status)
+{
+    if (S_ISLNK(status.st_mode)) return "it is a symbolic link";
+    return S_ISREG(status.st_mode) ? nullptr : "it is not a regular file";
+}
+
+}  // namespace
+
+FileDescriptor OpenRegular(int directory, const char* name, int flags, std::string& reason)
+{
+    constexpr int careful = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    FileDescriptor file(openat(directory, name, flags | careful, 0644));
+    int cause = errno;
+    // The system's own words for a link or a directory in the way mislead or are missing.
+    struct stat status;
+    const bool known = file ? fstat(file.get(), &status) == 0
+                            : fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0;
+    const char* wrong = known ? WrongKind(status) : nullptr;
+    if (file && known && !wrong) return file;
+    if (wrong) cause = EINVAL;
+    reason = wrong ? wrong : ErrorText(cause);
+    (void)file.Close();
+    errno = cause;
+    return file;
+}
+
 namespace Host {
 
 std::string MakeDirectories(const std::string& path)
@@ -83,20 +112,32 @@ bool Rename(const char* from, const char* to, Existing existing)
     return existing == Existing::kKept ? RenameKeeping(from, to) : rename(from, to) == 0;
 }
 
+// The folder that holds a path; empty with errno set when it cannot be read.
+FileDescriptor OpenFolder(const std::string& path)
+{
+    const size_t slash = path.rfind('/');
+    const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    return FileDescriptor(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
+
 }  // namespace
 
 std::string RenameDurably(const std::string& from, const std::string& to, Existing existing)
 {
-    const auto failure = [&] {
-        return "cannot rename " + from + " to " + to + ": " + ErrorText(errno);
+    const auto failure = [&](const std::string& reason) {
+        return "cannot rename " + from + " to " + to + ": " + reason;
     };
-    const FileDescriptor file(open(from.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    if (!file || fsync(file.get()) != 0 || !Rename(from.c_str(), to.c_str(), existing))
-        return failure();
-    const size_t slash = to.rfind('/');
-    const std::string folder = slash == std::string::npos ? "." : to.substr(0, slash + 1);
-    const FileDescriptor directory(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    return directory && fsync(directory.get()) == 0 ? "" : failure();
+    std::string reason;
+    const FileDescriptor file = OpenRegular(AT_FDCWD, from.c_str(), O_RDONLY, reason);
+    if (!file) return failure(reason);
+    // Opened first: once the name has changed, a lack of descriptors must not stop it.
+    const FileDescriptor folder = OpenFolder(to);
+    if (!folder && errno != EACCES) return failure(ErrorText(errno));
+    if (fsync(file.get()) != 0 || !Rename(from.c_str(), to.c_str(), existing))
+        return failure(ErrorText(errno));
+    // The file has its new name now, and a failure would tell the opposite.
+    if (folder) (void)fsync(folder.get());
+    return {};
 }
 
 std::string MakeTemporary(const std::string& path, std::string& made)

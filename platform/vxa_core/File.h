@@ -37,4 +37,10 @@ private:
     int m_fd = -1;
 };
 
+// Opens a regular file: never what a symbolic link leads to, and without waiting for the
+// other end of a FIFO. `name` may be relative to the open `directory` (or AT_FDCWD). When
+// it fails the descriptor is empty, `reason` tells why, and errno is ENOENT for a file
+// that is missing, EINVAL for one of another kind.
+FileDescriptor OpenRegular(int directory, const char* name, int flags, std::string& reason);
+
 }  // namespace VxaCore

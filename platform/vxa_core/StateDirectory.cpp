@@ -62,8 +62,7 @@ StateDirectory::~StateDirectory()
 
 void StateDirectory::Lock()
 {
-    FileDescriptor lock(openat(m_directory.get(), kLock, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
-    if (!lock) throw std::runtime_error(Failure("cannot write", kLock));
+    FileDescriptor lock = OpenForWriting(kLock, O_RDWR | O_CREAT);
     if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
         if (errno != EWOULDBLOCK) throw std::runtime_error(Failure("cannot lock", kLock));
         throw std::runtime_error("state directory " + m_path + " is in use by " +
@@ -78,10 +77,8 @@ void StateDirectory::Lock()
 // A record cut short by a kill or a power failure: its call never returned.
 void StateDirectory::OpenEvents()
 {
-    m_events = FileDescriptor(
-        openat(m_directory.get(), kEvents, O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
-    if (!m_events || fsync(m_directory.get()) != 0)
-        throw std::runtime_error(Failure("cannot write", kEvents));
+    m_events = OpenForWriting(kEvents, O_RDWR | O_APPEND | O_CREAT);
+    if (fsync(m_directory.get()) != 0) throw std::runtime_error(Failure("cannot write", kEvents));
     const std::string text = ReadEvents();
     const size_t complete = text.rfind('\n') + 1;  // 0 without any line feed
     m_events_size = static_cast<long long>(complete);
@@ -95,25 +92,44 @@ void StateDirectory::OpenEvents()
 
 std::string StateDirectory::Failure(const char* what, const char* name) const
 {
-    const int cause = errno;
-    return std::string(what) + " " + m_path + "/" + name + ": " + ErrorText(cause);
+    return Failure(what, name, ErrorText(errno));
+}
+
+std::string StateDirectory::Failure(const char* what, const char* name,
+                                    const std::string& reason) const
+{
+    return std::string(what) + " " + m_path + "/" + name + ": " + reason;
+}
+
+FileDescriptor StateDirectory::OpenForWriting(const char* name, int flags) const
+{
+    std::string reason;
+    FileDescriptor file = OpenRegular(m_directory.get(), name, flags, reason);
+    if (!file) throw std::runtime_error(Failure("cannot write", name, reason));
+    return file;
 }
 
 std::string StateDirectory::ReadDocument() const
 {
-    const FileDescriptor file(openat(m_directory.get(), kDocument, O_RDONLY | O_CLOEXEC));
-    std::string text;
+    std::string text, reason;
+    const FileDescriptor file = OpenRegular(m_directory.get(), kDocument, O_RDONLY, reason);
     if (!file && errno == ENOENT) return text;
-    if (!file || !ReadFully(file.get(), text))
-        throw std::runtime_error(Failure("cannot read", kDocument));
+    if (!file) throw std::runtime_error(Failure("cannot read", kDocument, reason));
+    if (!ReadFully(file.get(), text)) throw std::runtime_error(Failure("cannot read", kDocument));
     return text;
 }
 
 std::string StateDirectory::WriteTemporary(const std::string& text)
 {
-    FileDescriptor file(
-        openat(m_directory.get(), kTemporary, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-    if (!file || !WriteFully(file.get(), text) || fsync(file.get()) != 0 || !file.Close())
+    // A kill leaves a part behind. Whatever else has the name makes opening fail, if it
+    // stays.
+    if (unlinkat(m_directory.get(), kTemporary, 0) != 0 && errno == EISDIR)
+        (void)unlinkat(m_directory.get(), kTemporary, AT_REMOVEDIR);
+    std::string reason;
+    FileDescriptor file =
+        OpenRegular(m_directory.get(), kTemporary, O_WRONLY | O_CREAT | O_EXCL, reason);
+    if (!file) return Failure("cannot write", kTemporary, reason);
+    if (!WriteFully(file.get(), text) || fsync(file.get()) != 0 || !file.Close())
         return Failure("cannot write", kTemporary);
     return {};
 }

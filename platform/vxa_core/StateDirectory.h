@@ -33,6 +33,8 @@ private:
     void Lock();
     void OpenEvents();
     std::string Failure(const char* what, const char* name) const;
+    std::string Failure(const char* what, const char* name, const std::string& reason) const;
+    FileDescriptor OpenForWriting(const char* name, int flags) const;
     std::string WriteTemporary(const std::string& text);
 
     std::string m_path;

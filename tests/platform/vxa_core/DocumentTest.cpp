@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 
 #include "ScratchDirectory.h"
 #include "vxa_core/document.h"
+#include "vxa_core/files.h"
 #include "vxa_core/host.h"
 
 namespace {
@@ -123,6 +125,69 @@ TEST(Document, OpenRefusesWhatItWouldDestroyOrCannotUse)
               std::string::npos);
     EXPECT_NE(OpenProblem("/proc/nothing/here").find("cannot make directory /proc/nothing"),
               std::string::npos);
+}
+
+TEST(Document, OpenRefusesFilesThatAreNone)
+{
+    const ScratchDirectory scratch;
+    WriteText(scratch.path("other"), "untouched");
+    for (const char* name : {"lock", "events.jsonl", "document.json"}) {
+        const std::string file = scratch.path("s/") + name;
+        for (const bool link : {true, false}) {
+            std::filesystem::remove_all(scratch.path("s"));
+            std::filesystem::create_directory(scratch.path("s"));
+            if (link)
+                std::filesystem::create_symlink(scratch.path("other"), file);
+            else
+                ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+            const std::string problem = OpenProblem(scratch.path("s"));
+            const char* reason = link ? ": it is a symbolic link" : ": it is not a regular file";
+            EXPECT_NE(problem.find(file + reason), std::string::npos) << problem;
+        }
+    }
+    EXPECT_EQ(ReadText(scratch.path("other")), "untouched");
+}
+
+TEST(Document, ReplacesALeftoverWithoutFollowingIt)
+{
+    const ScratchDirectory scratch;
+    const std::string document = scratch.path("document.json"), leftover = document + ".tmp";
+    WriteText(scratch.path("other"), "untouched");
+    const auto store = Store::InDirectory(scratch.path(""));
+    const auto set = [&](double value) {
+        std::string error;
+        EXPECT_TRUE(store->Set("a", value, error)) << error;
+        EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(leftover)));
+        EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(document)));
+    };
+    std::filesystem::create_symlink(scratch.path("other"), leftover);
+    set(1);
+    ASSERT_EQ(mkfifo(leftover.c_str(), 0600), 0);
+    set(2);
+    std::filesystem::create_directory(leftover);
+    set(3);
+    EXPECT_EQ(ReadText(scratch.path("other")), "untouched");
+}
+
+TEST(Rename, NeedsNoFolderThatCanBeRead)
+{
+    constexpr uid_t nobody = 65534;  // root may read every folder
+    const ScratchDirectory scratch;
+    const std::string folder = scratch.path("");
+    WriteText(scratch.path("from"), "kept");
+    ASSERT_EQ(chmod(scratch.path("from").c_str(), 0644), 0);
+    ASSERT_EQ(chmod(folder.c_str(), 0300), 0);
+    ASSERT_TRUE(geteuid() != 0 || chown(folder.c_str(), nobody, nobody) == 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        if (geteuid() == 0 && seteuid(nobody) != 0) _exit(2);
+        _exit(!VxaCore::Host::RenameDurably(scratch.path("from"), scratch.path("to")).empty());
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    ASSERT_EQ(chmod(folder.c_str(), 0700), 0);
+    EXPECT_EQ(ReadText(scratch.path("to")), "kept");
 }
 
 TEST(Document, KeepsWhatOthersWroteIntoTheFile)

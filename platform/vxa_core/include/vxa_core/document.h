@@ -43,8 +43,9 @@ public:
 
     // Opens a state directory, made when missing (parents too). Throws
     // std::runtime_error with the reason: it cannot be made, read or written, another
-    // opener holds it (the text names the process), or document.json is no JSON object
-    // (the text gives line and column; the file is left alone).
+    // opener holds it (the text names the process), one of its files is a symbolic link
+    // or no regular file, or document.json is no JSON object (the text gives line and
+    // column; the file is left alone).
     static std::unique_ptr<Store> InDirectory(const std::string& path);
 
     ~Store();
