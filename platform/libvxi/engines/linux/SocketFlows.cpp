@@ -57,6 +57,13 @@ void take_addresses(const inet_diag_msg& socket, vxa_conntrack_entry_s& entry)
     memcpy(entry.destination, socket.id.idiag_dst, sizeof entry.destination);
 }
 
+// No connection yet: what the kernel has counted are attempts.
+bool is_opening(uint8_t socket_state)
+{
+    return socket_state == SocketSynSent || socket_state == SocketSynReceived ||
+           socket_state == SocketNewSynReceived;
+}
+
 // The record grows with every kernel: what is used must be in it.
 void take_counters(const nlattr* attribute, vxa_conntrack_entry_s& entry)
 {
@@ -148,7 +155,9 @@ vxa_conntrack_entry_s socket_flow(uint8_t protocol, const inet_diag_msg& socket,
     memcpy(entry.destination_port, &socket.id.idiag_dport, sizeof entry.destination_port);
     if (protocol == IPPROTO_TCP) {
         entry.tcp_state = tracked_state_of(socket.idiag_state);
-        take_counters(details.find(INET_DIAG_INFO), entry);
+        if (!is_opening(socket.idiag_state)) {
+            take_counters(details.find(INET_DIAG_INFO), entry);
+        }
     }
     if (socket.idiag_timer == time_wait_timer) {
         entry.timeout_s = socket.idiag_expires / ms_per_s;

@@ -136,16 +136,19 @@ TEST(SocketFlows, HaveTheNearestTrackedState)
 {
     const struct {
         uint8_t socket, tracked;
-    } rows[] = {{vxi::SocketEstablished, TCP_CONNTRACK_ESTABLISHED},
-                {vxi::SocketSynSent, TCP_CONNTRACK_SYN_SENT},
-                {vxi::SocketSynReceived, TCP_CONNTRACK_SYN_RECV},
-                {vxi::SocketFinWait2, TCP_CONNTRACK_FIN_WAIT},
-                {vxi::SocketTimeWait, TCP_CONNTRACK_TIME_WAIT},
-                {vxi::SocketCloseWait, TCP_CONNTRACK_CLOSE_WAIT},
-                {vxi::SocketNewSynReceived, TCP_CONNTRACK_SYN_RECV},
-                {99, TCP_CONNTRACK_NONE}};
+        bool opening;  // without counts, though the message holds some
+    } rows[] = {{vxi::SocketEstablished, TCP_CONNTRACK_ESTABLISHED, false},
+                {vxi::SocketSynSent, TCP_CONNTRACK_SYN_SENT, true},
+                {vxi::SocketSynReceived, TCP_CONNTRACK_SYN_RECV, true},
+                {vxi::SocketFinWait2, TCP_CONNTRACK_FIN_WAIT, false},
+                {vxi::SocketTimeWait, TCP_CONNTRACK_TIME_WAIT, false},
+                {vxi::SocketCloseWait, TCP_CONNTRACK_CLOSE_WAIT, false},
+                {vxi::SocketNewSynReceived, TCP_CONNTRACK_SYN_RECV, true},
+                {99, TCP_CONNTRACK_NONE, false}};
     for (const auto& row : rows) {
-        EXPECT_EQ(Flows({row.socket}).tcp.entries.at(0).tcp_state, row.tracked);
+        const auto entry = Flows({row.socket}).tcp.entries.at(0);
+        EXPECT_EQ(entry.tcp_state, row.tracked);
+        EXPECT_EQ((entry.flags & VXA_FLOW_COUNTERS_VALID) == 0, row.opening);
     }
 }
 
