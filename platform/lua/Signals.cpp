@@ -1,4 +1,4 @@
-// Sleeping, and being woken by SIGINT and SIGTERM.
+// Sleeping, and being woken by the signals that ask a process to end.
 //
 // The handler sets a flag and makes an event descriptor readable, and a sleeper polls
 // that descriptor: so a signal ends the sleep also when it came just before, or to
@@ -22,7 +22,10 @@ namespace vxa {
 
 namespace {
 
-constexpr int kCaught[] = {SIGINT, SIGTERM};
+constexpr struct {
+    int number;
+    const char* name;
+} kCaught[] = {{SIGINT, "SIGINT"}, {SIGTERM, "SIGTERM"}, {SIGHUP, "SIGHUP"}, {SIGQUIT, "SIGQUIT"}};
 constexpr double kLongestSleep_s = 1e9;  // keeps the sum with the clock in range
 
 std::atomic<int> s_caught_signal{0};
@@ -48,15 +51,27 @@ bool make_wake_fd()
     return made >= 0;
 }
 
+// nohup(1) has SIGHUP ignored so that the end of the session does not end the process.
+bool is_left_ignored(int signal_number)
+{
+    struct sigaction now = {};
+    return signal_number == SIGHUP && sigaction(SIGHUP, nullptr, &now) == 0 &&
+           now.sa_handler == SIG_IGN;
+}
+
 // System calls are not restarted, so that a read from a command or terminal ends too.
+// Without SIGXFSZ a write beyond the limit of file sizes fails with EFBIG.
 bool install_handlers()
 {
     struct sigaction action = {};
     action.sa_handler = note_signal;
     sigemptyset(&action.sa_mask);
-    for (const int signal_number : kCaught)
-        if (sigaction(signal_number, &action, nullptr) != 0) return false;
-    return true;
+    for (const auto& caught : kCaught) {
+        if (is_left_ignored(caught.number)) continue;
+        if (sigaction(caught.number, &action, nullptr) != 0) return false;
+    }
+    action.sa_handler = SIG_IGN;
+    return sigaction(SIGXFSZ, &action, nullptr) == 0;
 }
 
 int catch_signals(lua_State* L)
@@ -68,14 +83,10 @@ int catch_signals(lua_State* L)
 
 const char* caught_signal_name()
 {
-    switch (s_caught_signal.load()) {
-        case SIGINT:
-            return "SIGINT";
-        case SIGTERM:
-            return "SIGTERM";
-        default:
-            return nullptr;
-    }
+    const int caught_number = s_caught_signal.load();
+    for (const auto& caught : kCaught)
+        if (caught.number == caught_number) return caught.name;
+    return nullptr;
 }
 
 int interrupted(lua_State* L)
@@ -117,7 +128,7 @@ timespec after(double seconds)
     return then;
 }
 
-// Holds the two signals back outside of ppoll, so that none slips in between looking
+// Holds the signals back outside of ppoll, so that none slips in between looking
 // at the flag and going to sleep.
 class SignalsHeldBack {
 public:
@@ -125,7 +136,7 @@ public:
     {
         sigset_t held;
         sigemptyset(&held);
-        for (const int signal_number : kCaught) sigaddset(&held, signal_number);
+        for (const auto& caught : kCaught) sigaddset(&held, caught.number);
         pthread_sigmask(SIG_BLOCK, &held, &before);
     }
     ~SignalsHeldBack() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }

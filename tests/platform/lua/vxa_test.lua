@@ -269,6 +269,11 @@ same(vxa.sleep(LONG), false, "interrupted sleep")
 same(vxa.interrupted(), "SIGTERM", "interrupted")
 same(vxa.sleep(LONG), false, "sleep with the flag set")
 same(coroutine.wrap(vxa.sleep)(LONG), false, "sleep in a coroutine")
+for _, name in ipairs { "HUP", "QUIT" } do
+    send_later(name)
+    while vxa.interrupted() ~= "SIG" .. name and vxa.clock() - started < LONG do end
+    same(vxa.interrupted(), "SIG" .. name, "interrupted once more")
+end
 check(vxa.clock() - started < LONG, "nothing slept to its end")
 
 os.execute("rm -rf '" .. scratch .. "'")
