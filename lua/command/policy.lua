@@ -54,29 +54,65 @@ end
 local by_lower_key = {}
 for _, setting in ipairs(policy.settings) do by_lower_key[setting.key:lower()] = setting end
 
-local function member(object, name)
-    for key, value in pairs(object) do
-        if type(key) == "string" and key:lower() == name then return value end
-    end
+local function skip(text, at, pattern)
+    return text:match("^[" .. pattern .. "%s]*()", at)
 end
 
-local function threshold_number(value)
-    local number = type(value) == "table" and member(value, "value")
-    return type(number) == "number" and number or nil
+-- The members of the JSON object that begins at `at`, in their order: {key, value, at}. A
+-- decoded table has lost the order, and of repeated members it keeps the last, while the
+-- module takes the first.
+local function members(text, at)
+    local found = {}
+    at = skip(text, at + 1, "")
+    while text:sub(at, at) == '"' do
+        local member = {}
+        member.key, at = json.decode(text, at)
+        member.at = skip(text, at, ":")
+        member.value, at = json.decode(text, member.at, json.null)
+        found[#found + 1] = member
+        at = skip(text, at, ",")
+    end
+    return found
+end
+
+-- Sorts the members that count from those that repeat an earlier one.
+local function first_of_each(list)
+    local firsts, repeated, seen = {}, {}, {}
+    for _, member in ipairs(list) do
+        local name = member.key:lower()
+        local target = seen[name] and repeated or firsts
+        target[#target + 1] = member
+        seen[name] = true
+    end
+    return firsts, repeated
+end
+
+-- A threshold's number, and whether it has several.
+local function threshold_number(text, threshold)
+    if text:sub(threshold.at, threshold.at) ~= "{" then return nil end
+    local firsts, repeated = first_of_each(members(text, threshold.at))
+    local number, again = nil, false
+    for _, member in ipairs(firsts) do
+        if member.key:lower() == "value" then number = member.value end
+    end
+    for _, member in ipairs(repeated) do again = again or member.key:lower() == "value" end
+    return type(number) == "number" and number or nil, again
 end
 
 -- The number that the module takes for this member, or nil when it takes none; and a
 -- remark when it is not what its author wrote.
-local function accepted(setting, value)
+local function accepted(setting, text, member)
     local number, remark
     if setting.threshold then
-        number = threshold_number(value)
+        local again
+        number, again = threshold_number(text, member)
+        remark = again and "has its value repeated; the first counts" or nil
         if not number then
             return nil, ('must be an object such as {"value": %d}; it is ignored')
                 :format(setting.max)
         end
-    elseif type(value) == "number" then
-        number = value
+    elseif type(member.value) == "number" then
+        number = member.value
     else
         number, remark = 0, "is no number and counts as 0"
     end
@@ -87,25 +123,22 @@ local function accepted(setting, value)
     return number, remark
 end
 
-local function sorted_keys(object)
-    local keys = {}
-    for key in pairs(object) do keys[#keys + 1] = tostring(key) end
-    table.sort(keys)
-    return keys
-end
-
 -- Settings that will be in force, by key, and a warning for each member that is not.
-local function check_members(object)
+local function check_members(text)
     local values, warnings = {}, {}
-    for _, key in ipairs(sorted_keys(object)) do
-        local setting = by_lower_key[key:lower()]
+    local firsts, repeated = first_of_each(members(text, text:find("{", 1, true)))
+    for _, member in ipairs(firsts) do
+        local setting = by_lower_key[member.key:lower()]
         if not setting then
-            warnings[#warnings + 1] = ("'%s' is no setting; it is ignored"):format(key)
+            warnings[#warnings + 1] = ("'%s' is no setting; it is ignored"):format(member.key)
         else
-            local number, remark = accepted(setting, object[key])
+            local number, remark = accepted(setting, text, member)
             values[setting.key] = number
             if remark then warnings[#warnings + 1] = setting.key .. " " .. remark end
         end
+    end
+    for _, member in ipairs(repeated) do
+        warnings[#warnings + 1] = ("'%s' is repeated; the first counts"):format(member.key)
     end
     return values, warnings
 end
@@ -140,7 +173,7 @@ local function from_json_file(vxa, path)
     if type(object) ~= "table" or not text:find("^[\239\187\191%s]*{") then
         fail(2, "policy %s: line 1, column 1: the policy must be a JSON object", path)
     end
-    local values, warnings = check_members(object)
+    local values, warnings = check_members(text)
     return { text = text, source = path, values = values, warnings = warnings }
 end
 

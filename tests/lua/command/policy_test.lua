@@ -37,6 +37,11 @@ local policies = {
     { '{"SYS_CONF_MIN_ACT_DURATION": -1}', {}, "is out of bounds %(0 to 60%)" },
     { '{"SYS_CONF_CONN_REFUSAL_PORT": "443"}', { SYS_CONF_CONN_REFUSAL_PORT = 0 },
       "^SYS_CONF_CONN_REFUSAL_PORT is no number and counts as 0$" },
+    { '\239\187\191{ "SYS_THR_RUNQ" : {"x": {}, "value": 8, "VALUE": 9} ,"sys_thr_runq":{"value":150}}',
+      { SYS_THR_RUNQ = 8 }, "^SYS_THR_RUNQ has its value repeated; the first counts\n"
+      .. "'sys_thr_runq' is repeated; the first counts$" },
+    { '{"SYS_CONF_RECOVER_FACTOR": 300, "SYS_CONF_RECOVER_FACTOR": 3}', {},
+      "out of bounds .*\n'SYS_CONF_RECOVER_FACTOR' is repeated" },
     { '{"SYS_THR_RUNQUEUE": {"value": 8}, "x": 1}', {},
       "^'SYS_THR_RUNQUEUE' is no setting; it is ignored\n'x' is no setting; it is ignored$" },
 }
