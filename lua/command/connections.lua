@@ -57,7 +57,6 @@ return function(options)
     local attached = session.attach(options)
     session.listen(attached, options)
     attached.feedback = feedback.new(attached)
-    attached.vxa.catch_signals()
     local report = require(reports[options.json == true]).new(attached, options)
     local totals = { samples = 0, observations = 0, reported = 0, started = attached.vxa.clock() }
     report:start()

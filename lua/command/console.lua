@@ -1,8 +1,9 @@
 -- Standard output and standard error, whole lines at a time.
 
+local interruption = require "command.interruption"
 local printable = require "command.printable"
 
-local EPIPE = 32
+local EINTR, EPIPE = 4, 32
 
 local console = {}
 
@@ -13,6 +14,7 @@ function console.write(text)
     if done then done, message, code = io.stdout:flush() end
     if done then return end
     if code == EPIPE then error({ status = 0 }, 0) end
+    if code == EINTR then interruption.check(require "vxa") end
     error({ status = 1, message = "cannot write to standard output: " .. message }, 0)
 end
 

@@ -262,7 +262,6 @@ return function(options)
     session.listen(attached, options)
     for _, category in ipairs { "filter", "diagnostics" } do vxa.trace(category, true) end
     session.document(attached, options)
-    vxa.catch_signals()
     local handle, message = session.open(vxa)
     if not handle then fail(1, "the driver cannot be opened: %s", message) end
     profile_rules(vxa, handle, options.profile)

@@ -1,6 +1,7 @@
 -- Runs the command that the arguments name; returns the exit status.
 
 local console = require "command.console"
+local interruption = require "command.interruption"
 local options = require "command.options"
 
 local function version_line()
@@ -22,6 +23,7 @@ end
 -- Faults of this program's own keep their place in the text; the rest is for users.
 local function describe(fault)
     if type(fault) == "table" then return fault.status, fault.message end
+    if interruption.is_cause(fault) then return 130 end
     return 1, "internal error: " .. tostring(fault)
 end
 

@@ -101,7 +101,6 @@ end
 return function(options)
     local monitored = session.start(options)
     local vxa = monitored.vxa
-    vxa.catch_signals()
     local report = require(reports[options.json == true]).new(monitored, options)
     local totals = { cycles = 0, measured = 0, disabled = 0, entered = 0, observations = 0,
                      reported = 0, started = vxa.clock(), state = monitored.monitor.state }

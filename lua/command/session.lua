@@ -3,6 +3,7 @@
 local console = require "command.console"
 local environment = require "command.environment"
 local fail = require "command.fail"
+local interruption = require "command.interruption"
 local messages = require "command.messages"
 local policy = require "command.policy"
 
@@ -17,6 +18,7 @@ local TRACE_CATEGORIES = { "filter", "diagnostics", "VXI", "SysHealth.eng", "Sys
 local function load_module(name)
     local ok, result = pcall(require, name)
     if ok then return result end
+    if interruption.is_cause(result) then interruption.finish("SIGINT") end
     local cause = tostring(result)
     if cause:find("^module '" .. name .. "' not found") then
         cause = ("no %s.so in %s"):format(name, package.cpath:gsub("/%?%.so$", ""))
@@ -26,8 +28,10 @@ local function load_module(name)
 end
 
 -- The host module, in an environment that is safe for it; everything else comes later.
+-- From here on a signal ends no command by itself: it asks vxa.interrupted().
 function session.host()
     local vxa = load_module "vxa"
+    vxa.catch_signals()
     environment.scrub(vxa)
     return vxa
 end

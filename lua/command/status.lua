@@ -2,6 +2,7 @@
 
 local console = require "command.console"
 local filter = require "filter"
+local interruption = require "command.interruption"
 local json = require "dkjson"
 local report_json = require "command.report_json"
 local policy = require "command.policy"
@@ -130,6 +131,8 @@ end
 return function(options)
     local monitored = session.start(options)
     local seen = inspect(monitored)
+    -- Ctrl-C also ends the commands that the module asks: what they lack is no finding.
+    interruption.check(monitored.vxa)
     if options.json then show_json(seen, monitored.vxa) else show_text(seen) end
     monitored.messages:show()
     session.finish(monitored)
