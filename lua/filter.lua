@@ -233,6 +233,9 @@ end
 -- have passed since it did so last, or since it was loaded.
 filter.PUBLICATION_INTERVAL_S = 61
 
+-- So many keys the module has room for between two publications.
+filter.KEYS_KEPT = 10000
+
 -- Bits of an observation's "flags" that the flow table can tell.
 filter.UDP_CONNECTION = 0x2
 filter.OUTBOUND_CONNECTION = 0x4
@@ -259,12 +262,13 @@ Feedback.__index = Feedback
 
 -- options.is_local  function(address): whether it is one of this machine's. Without it no
 --                   flow counts as outbound.
--- options.observed  function(key, flow, flags), called for every observation fed
+-- options.observed  function(key, flow, flags), called for every observation that finds room
 -- The module must be loaded: the time to the first publication runs from then on.
 function filter.feedback(options)
     options = options or {}
     return setmetatable({ is_local = options.is_local, observed = options.observed,
-                          present = {}, fed = 0, published = os.time() }, Feedback)
+                          present = {}, fed = 0, keys = {}, key_count = 0, refused = 0,
+                          published = os.time() }, Feedback)
 end
 
 -- Feeds one observation for each flow that the previous sample did not have. A flow that
@@ -288,12 +292,24 @@ function Feedback:sample(flows)
     return total, new
 end
 
+-- Whether the module keeps an observation with this key; those beyond its room are counted
+-- here, because the module drops them without a word.
+function Feedback:finds_room(key)
+    if self.keys[key] then return true end
+    if self.key_count == filter.KEYS_KEPT then
+        self.refused = self.refused + 1
+        return false
+    end
+    self.keys[key], self.key_count = true, self.key_count + 1
+    return true
+end
+
 function Feedback:feed(flow)
     local outbound = self.is_local ~= nil and self.is_local(flow.src)
     local key, text, flags = filter.observation(flow, outbound)
     SLB.filter.AddToConnMetrics(key, text, 1)
     self.fed = self.fed + 1
-    if self.observed then self.observed(key, flow, flags) end
+    if self:finds_room(key) and self.observed then self.observed(key, flow, flags) end
 end
 
 -- Seconds until the module can publish; 0 when it can. A clock that was set back prolongs
@@ -329,6 +345,7 @@ function Feedback:report()
     sort_by_count(report.rows)
     -- Taken after the call, so never before the module's own note of the time.
     self.fed, self.published = 0, report.time
+    self.keys, self.key_count, self.refused = {}, 0, 0
     return report
 end
 

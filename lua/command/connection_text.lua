@@ -86,6 +86,7 @@ function Report:rest(rest)
     console.line("%s%s  not published yet: %s%s", self.colours.bold, clock(rest.time),
         connection_text.summary(rest), self.colours.off)
     connection_text.rows(rest.rows)
+    connection_text.refused(rest)
 end
 
 function Report:finish(totals)

@@ -66,8 +66,8 @@ end
 
 -- What was fed since the last report, in the form of a report; nil when that is nothing.
 function Feedback:rest()
-    local rest = { rows = {}, observations = 0, refused = 0, since = self.script.published,
-                   time = os.time() }
+    local rest = { rows = {}, observations = 0, refused = self.script.refused,
+                   since = self.script.published, time = os.time() }
     local keys = {}
     for key, row in pairs(self.unpublished) do
         keys[row] = key

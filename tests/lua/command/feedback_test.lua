@@ -70,6 +70,22 @@ cases.case("a flow is fed once while it lasts, and again when it comes back", fu
         "totals")
 end)
 
+cases.case("what finds no room is counted before the report", function()
+    local kept = filter.KEYS_KEPT
+    filter.KEYS_KEPT = 2
+    module(2)
+    local observed = {}
+    local feedback = filter.feedback { observed = function(key) observed[#observed + 1] = key end }
+    local flows = {}
+    for i = 1, 8 do flows[i] = tcp("10.0.0.2", i, "10.0.0.1", i % 4) end
+    feedback:sample(flows)
+    cases.equal({ feedback.refused, #observed }, { 4, 4 }, "refused, observed")
+    now = now + 61
+    cases.equal(feedback:report().refused, 4, "refused in the report")
+    cases.equal(feedback.refused, 0, "afterwards")
+    filter.KEYS_KEPT = kept
+end)
+
 cases.case("a report comes when it is due, and everything is in one", function()
     module(2)
     local feedback = filter.feedback()
