@@ -5,9 +5,10 @@ local function escape(bytes)
     return (bytes:gsub(".", function(byte) return ("\\x%02x"):format(byte:byte()) end))
 end
 
--- C1 controls; marks, embeddings and isolates of direction; separators of lines; surrogates.
-local unsafe = { { 0x80, 0x9F }, { 0x200B, 0x200F }, { 0x2028, 0x202E }, { 0x2066, 0x2069 },
-                 { 0xD800, 0xDFFF }, { 0xFEFF, 0xFEFF }, { 0x110000, math.huge } }
+-- C1 controls; marks, embeddings and isolates of direction, and the deprecated ones that
+-- shape what follows; separators of lines; surrogates.
+local unsafe = { { 0x80, 0x9F }, { 0x200B, 0x200F }, { 0x2028, 0x202E }, { 0x2066, 0x206F },
+                 { 0x61C, 0x61C }, { 0xD800, 0xDFFF }, { 0xFEFF, 0xFEFF }, { 0x110000, math.huge } }
 
 -- By length: the pattern, and the first code point that needs so many bytes.
 local forms = {

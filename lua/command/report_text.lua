@@ -3,6 +3,7 @@
 local connection_text = require "command.connection_text"
 local console = require "command.console"
 local filter = require "filter"
+local printable = require "command.printable"
 local text = require "command.text"
 
 local Report = {}
@@ -22,7 +23,7 @@ function Report:start()
     console.line("%svxa %s%s, engine %s, a cycle every %s%s", colours.bold,
         self.monitored.vxa.version, colours.off, self.monitored.engine,
         text.duration(options.interval), options.cycles and "" or "; Ctrl-C ends")
-    console.line("policy: %s", self.monitored.policy.source)
+    console.line("policy: %s", printable(self.monitored.policy.source))
 end
 
 local ACTION_WIDTH, STATE_WIDTH = 15, 11
@@ -108,11 +109,20 @@ function Report:line(result)
         os.date("%H:%M:%S", result.time), result.text, result.state, table.concat(cells, "  "))
 end
 
+-- The module's figure is an unsigned difference of times: absurd after a step backwards.
+local LONGEST_FAIL_OPEN_S = 10 * 365 * 86400
+
+local function lasted(result)
+    local seconds = result.in_fail_open_s
+    if seconds > LONGEST_FAIL_OPEN_S then return "; the clock was set back" end
+    return " after " .. text.duration(seconds)
+end
+
 function Report:transition(result)
     local colours = self.colours
     if result.transition == "left" then
-        console.line("%s<< fail-open left%s after %s: the filter enforces again", colours.bold,
-            colours.off, text.duration(result.in_fail_open_s))
+        console.line("%s<< fail-open left%s%s: the filter enforces again", colours.bold,
+            colours.off, lasted(result))
         return
     end
     local causes = {}
@@ -142,6 +152,7 @@ function Report:finish(totals)
         console.line("== connections: %s, not published yet (the module publishes at %s)",
             connection_text.summary(totals.rest),
             connection_text.next(self.monitored.feedback))
+        connection_text.refused(totals.rest)
     end
     console.line("%s in %s, %d measured, fail-open entered %s; %s",
         text.count(totals.cycles, "cycle"), text.duration(totals.seconds), totals.measured,

@@ -4,6 +4,7 @@ local console = require "command.console"
 local filter = require "filter"
 local interruption = require "command.interruption"
 local json = require "dkjson"
+local printable = require "command.printable"
 local report_json = require "command.report_json"
 local policy = require "command.policy"
 local session = require "command.session"
@@ -40,7 +41,9 @@ end
 
 local function monitoring_line(seen)
     local result = seen.result
-    if not seen.monitoring then return "disabled: " .. policy.why_disabled(seen.policy) end
+    if not seen.monitoring then
+        return "disabled: " .. printable(policy.why_disabled(seen.policy))
+    end
     if not result.measured then return "enabled, but this cycle failed: " .. result.text end
     if result.transition == "entered" then
         local causes = {}
@@ -101,7 +104,7 @@ end
 
 local function show_text(seen)
     console.line("monitoring  %s", monitoring_line(seen))
-    console.line("policy      %s", seen.policy.source)
+    console.line("policy      %s", printable(seen.policy.source))
     console.line("port        %s", port_line(seen))
     console.line("fail-open   %s", fail_open_line(seen))
     show_metrics(seen.result.metrics)
