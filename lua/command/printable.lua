@@ -1,8 +1,11 @@
 -- Makes a text fit for a terminal, wherever it came from: control characters, bytes that
 -- are no UTF-8, and characters that change the direction of writing become \xNN.
 
+local escapes = {}
+for byte = 0, 255 do escapes[string.char(byte)] = ("\\x%02x"):format(byte) end
+
 local function escape(bytes)
-    return (bytes:gsub(".", function(byte) return ("\\x%02x"):format(byte:byte()) end))
+    return (bytes:gsub(".", escapes))
 end
 
 -- C1 controls; marks, embeddings and isolates of direction, and the deprecated ones that
@@ -10,7 +13,8 @@ end
 local unsafe = { { 0x80, 0x9F }, { 0x200B, 0x200F }, { 0x2028, 0x202E }, { 0x2066, 0x206F },
                  { 0x61C, 0x61C }, { 0xD800, 0xDFFF }, { 0xFEFF, 0xFEFF }, { 0x110000, math.huge } }
 
--- By length: the pattern, and the first code point that needs so many bytes.
+-- By length: the pattern, and the first code point that needs so many bytes. Entries may be
+-- large and all of bytes that are none of these, so the first byte alone chooses the form.
 local forms = {
     { length = 2, pattern = "^[\194-\223][\128-\191]", first = 0x80 },
     { length = 3, pattern = "^[\224-\239][\128-\191][\128-\191]", first = 0x800 },
@@ -28,24 +32,26 @@ end
 
 -- The character that begins at `at`, if it is one that may be shown.
 local function character(bytes, at)
-    for _, form in ipairs(forms) do
-        local sequence = bytes:sub(at, at + form.length - 1)
-        if sequence:find(form.pattern) then return is_safe(sequence, form) and sequence end
-    end
+    local lead = bytes:byte(at)
+    local form = forms[lead < 224 and 1 or lead < 240 and 2 or 3]
+    local sequence = bytes:sub(at, at + form.length - 1)
+    return sequence:find(form.pattern) and is_safe(sequence, form) and sequence
 end
 
 local function clean(bytes)
     local parts, at = {}, 1
     while at <= #bytes do
-        local shown = character(bytes, at)
-        parts[#parts + 1] = shown or escape(bytes:sub(at, at))
-        at = at + (shown and #shown or 1)
+        local _, strays_end = bytes:find("^[\128-\193\245-\255]+", at)
+        local shown = not strays_end and character(bytes, at)
+        local last = shown and at + #shown - 1 or strays_end or at
+        parts[#parts + 1] = shown or escape(bytes:sub(at, last))
+        at = last + 1
     end
     return table.concat(parts)
 end
 
 -- Line feeds and TABs stay where `multiline` is true.
 return function(text, multiline)
-    text = text:gsub(multiline and "[%z\1-\8\11-\31\127]" or "[%z\1-\31\127]", escape)
+    text = text:gsub(multiline and "[%z\1-\8\11-\31\127]" or "[%z\1-\31\127]", escapes)
     return (text:gsub("[\128-\255]+", clean))
 end

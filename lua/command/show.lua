@@ -2,6 +2,7 @@
 
 local console = require "command.console"
 local fail = require "command.fail"
+local interruption = require "command.interruption"
 local printable = require "command.printable"
 local rule_profile = require "command.rule_profile"
 local session = require "command.session"
@@ -33,25 +34,53 @@ local function list(vxa, path)
         text.size(bytes))
 end
 
-local function hexadecimal(bytes)
-    local lines = {}
-    for at = 1, #bytes, 16 do
-        local row = bytes:sub(at, at + 15)
-        lines[#lines + 1] = ("%08x  %-48s %s"):format(at - 1,
-            row:gsub(".", function(byte) return ("%02x "):format(byte:byte()) end),
-            (row:gsub("[^\32-\126]", ".")))
+-- An entry may be large, and what is shown of it several times that: it is made and written
+-- in pieces.
+local PIECE_BYTES = 65536
+
+local ROW_BYTES = 16
+
+local function hexadecimal_row(bytes, at)
+    local row = bytes:sub(at, at + ROW_BYTES - 1)
+    local numbers = ("%02x "):rep(#row):format(row:byte(1, -1))
+    return ("%08x  %-48s %s"):format(at - 1, numbers, (row:gsub("[^\32-\126]", ".")))
+end
+
+-- Ends a piece before a UTF-8 character that would go on in the next.
+local function piece_end(bytes, at)
+    local last = math.min(at + PIECE_BYTES - 1, #bytes)
+    local start = last < #bytes and bytes:sub(last - 2, last):find("[\192-\255][\128-\191]*$")
+    return start and last - 3 + start - 1 or last
+end
+
+local function write_hexadecimal(vxa, bytes)
+    for from = 1, #bytes, PIECE_BYTES do
+        local lines = {}
+        for at = from, math.min(from + PIECE_BYTES - 1, #bytes), ROW_BYTES do
+            lines[#lines + 1] = hexadecimal_row(bytes, at)
+        end
+        interruption.check(vxa)
+        console.write(table.concat(lines, "\n") .. "\n")
     end
-    return table.concat(lines, "\n")
+end
+
+local function write_text(vxa, bytes)
+    local at = 1
+    while at <= #bytes do
+        local last = piece_end(bytes, at)
+        interruption.check(vxa)
+        console.write(printable(bytes:sub(at, last), true))
+        at = last + 1
+    end
+    if bytes:sub(-1) ~= "\n" then console.write("\n") end
 end
 
 -- In the form that suits the entry; nothing in it can harm a terminal.
-local function readable(vxa, name, bytes)
-    if name:find("%.tpf$") and #bytes > 0 then
-        local profile = rule_profile.render(vxa, bytes)
-        if profile then return profile end
-    end
-    if bytes:find("[%z\1-\8\14-\26\28-\31\127]") then return hexadecimal(bytes) end
-    return printable(bytes, true)
+local function write_readable(vxa, name, bytes)
+    local profile = name:find("%.tpf$") and rule_profile.render(vxa, bytes)
+    if profile then return console.line("%s", profile) end
+    local is_data = bytes:find("[%z\1-\8\14-\26\28-\31\127]")
+    return (is_data and write_hexadecimal or write_text)(vxa, bytes)
 end
 
 local function show(vxa, options)
@@ -59,8 +88,7 @@ local function show(vxa, options)
     if not bytes then fail(1, "%s", message) end
     if options.raw then return console.write(bytes) end
     if #bytes == 0 then return console.line("(%s is empty)", printable(options.entry)) end
-    local shown = readable(vxa, options.entry, bytes)
-    console.write(shown:find("\n$") and shown or shown .. "\n")
+    write_readable(vxa, options.entry, bytes)
 end
 
 return function(options)
