@@ -1,6 +1,7 @@
 -- The command line.
 
 local argparse = require "argparse"
+local console = require "command.console"
 
 local options = {}
 
@@ -115,6 +116,22 @@ local function add_show(parser)
     show:flag("--raw", "Write the entry's bytes unchanged.")
 end
 
+-- In place of the library's own, which does not see whether anybody could be told. Help
+-- ends the process, because what else is on the line need not be complete.
+local function show_help(command)
+    local ok, fault = pcall(console.write, command:get_help() .. "\n")
+    if ok then os.exit(0, true) end
+    if type(fault) ~= "table" then error(fault, 0) end
+    if fault.message then console.complain(fault.message) end
+    os.exit(fault.status, true)
+end
+
+local function take_help_over(parser)
+    for _, command in ipairs { parser, table.unpack(parser._commands) } do
+        command:add_help { action = function() show_help(command) end }
+    end
+end
+
 local function build()
     local parser = argparse("vxa")
         :description("Plays the filter script of a host security agent: watches this machine's "
@@ -129,6 +146,7 @@ local function build()
     add_connections(parser)
     add_diag(parser)
     add_show(parser)
+    take_help_over(parser)
     return parser
 end
 

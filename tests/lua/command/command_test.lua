@@ -76,6 +76,8 @@ local refused = {
     { "run --policy missing.json", 2, "policy missing.json: No such file" },
     { "status --policy /tmp", 2, "policy /tmp: Is a directory" },
     { "run --state /proc/none --cycles 1", 1, "/proc/none" },
+    { "--help >/dev/full", 1, "cannot write to standard output: No space" },
+    { "run --help >/dev/full", 1, "cannot write to standard output: No space" },
     { "run --cycles 1 >/dev/full", 1, "cannot write to standard output: No space" },
 }
 
