@@ -266,6 +266,28 @@ cases.case("run --json: one record a line", function()
         { "end", 2, 2, 1, false }, "last")
 end)
 
+cases.case("the caller's own LUA_PATH", function()
+    local out, status, err = vxa("--version", "LUA_PATH=/nonexistent LUA_CPATH=/nonexistent")
+    cases.matches(out, "^vxa %d", "standard output")
+    cases.equal({ status, err }, { 0, "" }, "status, standard error")
+end)
+
+-- Wherever the signal arrives, nothing is said of it. A shell would start a job in the
+-- background with SIGINT ignored; timeout starts it with the signals as they are.
+cases.case("a signal at any moment of a status", function()
+    set_loads()
+    for _, signal in ipairs { "INT", "TERM" } do
+        for hundredths = 1, 6 do
+            local _, status = shell(("cd %s && PATH=%s/bin:$PATH VXI_ENGINE=sim "
+                .. "timeout --preserve-status -s %s 0.0%d %s/bin/vxa status >out 2>err; exit $?")
+                :format(SCRATCH, SCRATCH, signal, hundredths, ROOT))
+            cases.equal(testing.read(SCRATCH .. "/err"), "", signal .. " standard error")
+            local known = status == 0 or status == (signal == "INT" and 130 or 143)
+            cases.equal(known and "known" or status, "known", signal .. " status")
+        end
+    end
+end)
+
 cases.case("status --json", function()
     set_loads()
     local out = vxa("status --json --port 443")
