@@ -174,7 +174,7 @@ flows::Lines Ends(const std::string& text, const char* pattern)
     flows::Lines lines;
     const std::regex line(pattern);
     for (std::sregex_iterator at(text.begin(), text.end(), line), end; at != end; ++at) {
-        const auto [first, second] = std::minmax(at->str(2), at->str(3));
+        const auto [first, second] = std::minmax({at->str(2), at->str(3)});
         lines.insert(at->str(1) + " " + first + " " + second);
     }
     return lines;
