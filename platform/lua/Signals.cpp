@@ -60,7 +60,8 @@ bool is_left_ignored(int signal_number)
 }
 
 // System calls are not restarted, so that a read from a command or terminal ends too.
-// Without SIGXFSZ a write beyond the limit of file sizes fails with EFBIG.
+// Without SIGXFSZ a write beyond the limit of file sizes fails with EFBIG; without SIGPIPE
+// one to a closed pipe fails with EPIPE.
 bool install_handlers()
 {
     struct sigaction action = {};
@@ -71,7 +72,7 @@ bool install_handlers()
         if (sigaction(caught.number, &action, nullptr) != 0) return false;
     }
     action.sa_handler = SIG_IGN;
-    return sigaction(SIGXFSZ, &action, nullptr) == 0;
+    return sigaction(SIGXFSZ, &action, nullptr) == 0 && sigaction(SIGPIPE, &action, nullptr) == 0;
 }
 
 int catch_signals(lua_State* L)
