@@ -1,25 +1,15 @@
 // The driver-interface library as its callers use it.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <array>
-#include <cerrno>
 #include <cstdarg>
-#include <cstdint>
 #include <cstdio>
-#include <cstring>
-#include <memory>
-#include <string>
 
-#include "vxi/engine.h"
+#include "platform/libvxi/Fixture.h"
 
 namespace driver {
 
-struct Close {
-    void operator()(vxi_handle_ops_s* handle) const { vxi_close(handle); }
-};
-using Handle = std::unique_ptr<vxi_handle_ops_s, Close>;
+using Handle = OpenHandle;
 
 inline Handle Open()
 {
@@ -31,31 +21,19 @@ inline Handle Open()
 
 inline std::string Error(const Handle& handle)
 {
-    char text[256];
-    EXPECT_EQ(vxi_get_error(handle.get(), text, sizeof text), 0);
-    return text;
+    return error_text(handle.get());
 }
 
 inline int Monitor(const Handle& handle, uint32_t direction, uint16_t port)
 {
-    auto config = std::make_unique<scan_monitor_config>();
-    memset(config.get(), 0, sizeof *config);
-    config->version = 1;
-    auto& bitmap = direction == VXI_SCAN_INBOUND ? config->inbound : config->outbound;
-    bitmap[port / 32] = 1u << port % 32;
-    return vxi_set_scan_monitoring(handle.get(), config.get());
+    return monitor_port(handle.get(), port, direction);
 }
 
 using Counters = std::array<uint64_t, VXI_SCAN_COUNTERS>;
 
 inline int Fetch(const Handle& handle, uint32_t direction, uint16_t port, Counters& counters)
 {
-    scan_metrics_request request = {};
-    request.version = 1;
-    request.direction = direction;
-    request.port = port;
-    request.counters = VXI_SCAN_COUNTERS;
-    request.entries = 1;
+    scan_metrics_request request = scan_request(port, direction);
     const int status = vxi_get_scan_metrics(handle.get(), &request, sizeof request);
     if (status == 0) {
         EXPECT_EQ(request.counters, VXI_SCAN_COUNTERS);

@@ -15,10 +15,8 @@ void Request(const driver::Handle& handle, std::vector<char>& block, size_t at, 
              uint16_t capacity, Section& section)
 {
     auto* head = reinterpret_cast<vxa_dump_conntrack_s*>(block.data() + at);
-    *head = {};
-    head->request = VXA_CONNTRACK_REQUEST_TABLE;
+    *head = conntrack_request(protocol);
     head->entry_ct = capacity;
-    head->protocol = protocol;
     const unsigned size = static_cast<unsigned>(sizeof *head + 72u * capacity);
     ASSERT_EQ(vxi_get_conntrack(handle.get(), head, size, nullptr), 0) << driver::Error(handle);
     ASSERT_LE(head->entry_ct, capacity);
@@ -44,8 +42,7 @@ Lines LinesIn(const std::string& text)
 Table Fetch(const driver::Handle& handle)
 {
     Table table;
-    vxa_dump_conntrack_s count = {};
-    count.request = VXA_CONNTRACK_REQUEST_TABLE;
+    vxa_dump_conntrack_s count = conntrack_request();
     EXPECT_EQ(vxi_get_conntrack(handle.get(), &count, sizeof count, nullptr), 0)
         << driver::Error(handle);
     table.count = count.entry_ct;

@@ -18,10 +18,7 @@ namespace {
 
 constexpr uint16_t port = 8443;
 
-class Flows : public testing::Test {
-protected:
-    void SetUp() override { REQUIRE_NETWORK("conntrack"); }
-};
+#define FLOWS_TEST(name) NETWORK_TEST_WITH("conntrack", Flows, name)
 
 void Track()
 {
@@ -75,8 +72,9 @@ void CompareWithConntrack(int family, bool accounting)
     EXPECT_EQ(answered.bytes_backward, accounting ? 3 * (100 + headers) : 0);
 }
 
-TEST_F(Flows, AreWhatConntrackLists)
+TEST(Flows, AreWhatConntrackLists)
 {
+    REQUIRE_NETWORK("conntrack");
     for (const int family : {4, 6}) {
         for (const bool accounting : {false, true}) {
             SCOPED_TRACE(testing::Message() << "IPv" << family << " accounting " << accounting);
@@ -85,49 +83,45 @@ TEST_F(Flows, AreWhatConntrackLists)
     }
 }
 
-TEST_F(Flows, TellTranslatedAndMarkedOnes)
+FLOWS_TEST(TellTranslatedAndMarkedOnes)
 {
-    network::InOwn([] {
-        network::Run(
-            "nft 'table ip t {\n"
-            "chain o { type nat hook output priority -100; tcp dport {7000, 7001} dnat to :8443; "
-            "}\n"
-            "chain p { type nat hook postrouting priority 100;"
-            " meta l4proto tcp ct original proto-dst {7001, 7002} snat to 127.0.0.9; }\n"
-            "chain m { type filter hook output priority 0; tcp dport 7002 ct mark set 77; }\n"
-            "}'");
-        const auto listener = traffic::Listen(Local(4, port));
-        const auto other = traffic::Listen(Local(4, 7002));
-        const struct {
-            uint16_t to;
-            int translated;
-            const char* ends;
-        } rows[] = {{port, 0, ""},
-                    {7000, VXA_FLOW_DNAT, " dnat"},
-                    {7001, VXA_FLOW_SNAT | VXA_FLOW_DNAT, " snat dnat"},
-                    {7002, VXA_FLOW_SNAT, " snat mark=77"}};
-        for (const auto& row : rows) {
-            const auto client = traffic::Connect(Local(4, row.to));
-            const flows::Table table = Fetch();
-            const vxa_conntrack_entry_s& entry = Find(table.tcp, row.to);
-            EXPECT_EQ(entry.flags & (VXA_FLOW_SNAT | VXA_FLOW_DNAT), row.translated) << row.to;
-            EXPECT_EQ(entry.mark, row.to == 7002 ? 77u : 0u);
-            const std::string line =
-                ":" + std::to_string(row.to) + " .*[0-9-] ?(assured)?" + row.ends + "\n";
-            EXPECT_TRUE(std::regex_search(table.text, std::regex(line))) << table.text;
-        }
-    });
+    network::Run(
+        "nft 'table ip t {\n"
+        "chain o { type nat hook output priority -100; tcp dport {7000, 7001} dnat to :8443; "
+        "}\n"
+        "chain p { type nat hook postrouting priority 100;"
+        " meta l4proto tcp ct original proto-dst {7001, 7002} snat to 127.0.0.9; }\n"
+        "chain m { type filter hook output priority 0; tcp dport 7002 ct mark set 77; }\n"
+        "}'");
+    const auto listener = traffic::Listen(Local(4, port));
+    const auto other = traffic::Listen(Local(4, 7002));
+    const struct {
+        uint16_t to;
+        int translated;
+        const char* ends;
+    } rows[] = {{port, 0, ""},
+                {7000, VXA_FLOW_DNAT, " dnat"},
+                {7001, VXA_FLOW_SNAT | VXA_FLOW_DNAT, " snat dnat"},
+                {7002, VXA_FLOW_SNAT, " snat mark=77"}};
+    for (const auto& row : rows) {
+        const auto client = traffic::Connect(Local(4, row.to));
+        const flows::Table table = Fetch();
+        const vxa_conntrack_entry_s& entry = Find(table.tcp, row.to);
+        EXPECT_EQ(entry.flags & (VXA_FLOW_SNAT | VXA_FLOW_DNAT), row.translated) << row.to;
+        EXPECT_EQ(entry.mark, row.to == 7002 ? 77u : 0u);
+        const std::string line =
+            ":" + std::to_string(row.to) + " .*[0-9-] ?(assured)?" + row.ends + "\n";
+        EXPECT_TRUE(std::regex_search(table.text, std::regex(line))) << table.text;
+    }
 }
 
-TEST_F(Flows, OfOtherProtocolsAreOnlyCounted)
+FLOWS_TEST(OfOtherProtocolsAreOnlyCounted)
 {
-    network::InOwn([] {
-        flows::Make("udp", 3);
-        flows::Make("udplite", 2);
-        const flows::Table table = Fetch();
-        EXPECT_EQ(table.count, 3);
-        ExpectHeading("ctnetlink, without 2 of other protocols ", table);
-    });
+    flows::Make("udp", 3);
+    flows::Make("udplite", 2);
+    const flows::Table table = Fetch();
+    EXPECT_EQ(table.count, 3);
+    ExpectHeading("ctnetlink, without 2 of other protocols ", table);
 }
 
 struct Crowd {
@@ -146,8 +140,9 @@ void ExpectSection(const char* protocol, const flows::Table& table, uint32_t sho
     EXPECT_NE(table.text.find(heading), std::string::npos) << heading;
 }
 
-TEST_F(Flows, ShareTheRoom)
+TEST(Flows, ShareTheRoom)
 {
+    REQUIRE_NETWORK("conntrack");
     for (const Crowd crowd : {Crowd{100, 65435, 100, 65435}, Crowd{100, 66000, 100, 65435},
                               Crowd{66000, 100, 65435, 100}, Crowd{40000, 40000, 32768, 32767},
                               Crowd{33000, 40000, 32767, 32768}, Crowd{40000, 0, 40000, 0}}) {
@@ -208,8 +203,9 @@ void CompareWithSs(const std::string& source)
     child.ExpectGood();
 }
 
-TEST_F(Flows, ComeFromSocketsWhereNoneIsTrackedOrMayBeRead)
+TEST(Flows, ComeFromSocketsWhereNoneIsTrackedOrMayBeRead)
 {
+    REQUIRE_NETWORK("conntrack");
     network::InOwn([] { CompareWithSs("no UDP or TCP flow is tracked"); });
     network::InOwn([] {
         Track();
@@ -217,41 +213,37 @@ TEST_F(Flows, ComeFromSocketsWhereNoneIsTrackedOrMayBeRead)
     });
 }
 
-TEST_F(Flows, OfSocketsCountPayload)
+FLOWS_TEST(OfSocketsCountPayload)
 {
-    network::InOwn([] {
-        const auto listener = traffic::Listen(Local(4, port));
-        const auto client = traffic::Connect(Local(4, port));
-        const traffic::Socket server(accept(listener.fd(), nullptr, nullptr));
-        char data[1000] = {};
-        ASSERT_EQ(send(client.fd(), data, 1000, 0), 1000);
-        ASSERT_EQ(recv(server.fd(), data, 1000, MSG_WAITALL), 1000);
-        ASSERT_EQ(send(server.fd(), data, 300, 0), 300);
-        const flows::Table table = Fetch();
-        ASSERT_EQ(table.tcp.entries.size(), 2u);  // one at each end
-        for (const vxa_conntrack_entry_s& entry : table.tcp.entries) {
-            EXPECT_EQ(entry.flags, VXA_FLOW_FROM_SOCK_DIAG | VXA_FLOW_COUNTERS_VALID);
-            EXPECT_EQ(entry.bytes_forward, 1000u);
-            EXPECT_EQ(entry.bytes_backward, 300u);
-            EXPECT_GT(entry.packets_forward, 0u);
-        }
-    });
+    const auto listener = traffic::Listen(Local(4, port));
+    const auto client = traffic::Connect(Local(4, port));
+    const traffic::Socket server(accept(listener.fd(), nullptr, nullptr));
+    char data[1000] = {};
+    ASSERT_EQ(send(client.fd(), data, 1000, 0), 1000);
+    ASSERT_EQ(recv(server.fd(), data, 1000, MSG_WAITALL), 1000);
+    ASSERT_EQ(send(server.fd(), data, 300, 0), 300);
+    const flows::Table table = Fetch();
+    ASSERT_EQ(table.tcp.entries.size(), 2u);  // one at each end
+    for (const vxa_conntrack_entry_s& entry : table.tcp.entries) {
+        EXPECT_EQ(entry.flags, VXA_FLOW_FROM_SOCK_DIAG | VXA_FLOW_COUNTERS_VALID);
+        EXPECT_EQ(entry.bytes_forward, 1000u);
+        EXPECT_EQ(entry.bytes_backward, 300u);
+        EXPECT_GT(entry.packets_forward, 0u);
+    }
 }
 
 // Signals cut system calls short while the table is read.
-TEST_F(Flows, SurviveSignals)
+FLOWS_TEST(SurviveSignals)
 {
-    network::InOwn([] {
-        flows::Make("tcp", 30000);
-        struct sigaction quiet = {};
-        quiet.sa_handler = [](int) {};
-        ASSERT_EQ(sigaction(SIGALRM, &quiet, nullptr), 0);
-        const itimerval often = {{0, 200}, {0, 200}};
-        ASSERT_EQ(setitimer(ITIMER_REAL, &often, nullptr), 0);
-        for (unsigned i = 0; i < 5; ++i) {
-            EXPECT_EQ(Fetch().tcp.entries.size(), 30000u);
-        }
-    });
+    flows::Make("tcp", 30000);
+    struct sigaction quiet = {};
+    quiet.sa_handler = [](int) {};
+    ASSERT_EQ(sigaction(SIGALRM, &quiet, nullptr), 0);
+    const itimerval often = {{0, 200}, {0, 200}};
+    ASSERT_EQ(setitimer(ITIMER_REAL, &often, nullptr), 0);
+    for (unsigned i = 0; i < 5; ++i) {
+        EXPECT_EQ(Fetch().tcp.entries.size(), 30000u);
+    }
 }
 
 // "STATUS ENTRIES TOTAL" of asking for `capacity` flows.
@@ -259,38 +251,33 @@ std::string Fill(const driver::Handle& handle, uint8_t protocol, uint16_t capaci
 {
     std::vector<uint64_t> block(2 + 9u * capacity + 1, 0x5a5a5a5a5a5a5a5a);
     auto* section = reinterpret_cast<vxa_dump_conntrack_s*>(block.data());
-    *section = {};
-    section->request = VXA_CONNTRACK_REQUEST_TABLE;
+    *section = conntrack_request(protocol);
     section->entry_ct = capacity;
-    section->protocol = protocol;
     const int status = vxi_get_conntrack(handle.get(), section, 16 + 72u * capacity, nullptr);
     EXPECT_EQ(block.back(), 0x5a5a5a5a5a5a5a5a) << "written beyond the capacity";
     return status < 0 ? strerror(-status)
                       : std::to_string(section->entry_ct) + " of " + std::to_string(section->total);
 }
 
-TEST_F(Flows, AreServedFromOneSnapshot)
+FLOWS_TEST(AreServedFromOneSnapshot)
 {
-    network::InOwn([] {
-        flows::Make("udp", 5);
-        flows::Make("tcp", 7);
-        const driver::Handle handle = driver::Open();
-        EXPECT_EQ(Fill(handle, IPPROTO_UDP, 5), strerror(ENODATA));
+    flows::Make("udp", 5);
+    flows::Make("tcp", 7);
+    const driver::Handle handle = driver::Open();
+    EXPECT_EQ(Fill(handle, IPPROTO_UDP, 5), strerror(ENODATA));
 
-        vxa_dump_conntrack_s count = {};
-        count.request = VXA_CONNTRACK_REQUEST_TABLE;
-        ASSERT_EQ(vxi_get_conntrack(handle.get(), &count, sizeof count, nullptr), 0);
-        EXPECT_EQ(count.entry_ct, 12);
-        network::Run("conntrack -F 2>/dev/null");
+    vxa_dump_conntrack_s count = conntrack_request();
+    ASSERT_EQ(vxi_get_conntrack(handle.get(), &count, sizeof count, nullptr), 0);
+    EXPECT_EQ(count.entry_ct, 12);
+    network::Run("conntrack -F 2>/dev/null");
 
-        EXPECT_EQ(Fill(driver::Open(), IPPROTO_TCP, 7), strerror(ENODATA));
-        EXPECT_EQ(Fill(handle, IPPROTO_TCP, 3), "3 of 7");
-        EXPECT_EQ(Fill(handle, IPPROTO_UDP, 12), "5 of 5");
-        EXPECT_EQ(Fill(handle, IPPROTO_UDP, 12), strerror(ENODATA));
-        EXPECT_EQ(Fill(handle, IPPROTO_TCP, 12), strerror(ENODATA));
-        // A handle that is closed with a snapshot in it is left to the leak checker.
-        ASSERT_EQ(vxi_get_conntrack(handle.get(), &count, sizeof count, nullptr), 0);
-    });
+    EXPECT_EQ(Fill(driver::Open(), IPPROTO_TCP, 7), strerror(ENODATA));
+    EXPECT_EQ(Fill(handle, IPPROTO_TCP, 3), "3 of 7");
+    EXPECT_EQ(Fill(handle, IPPROTO_UDP, 12), "5 of 5");
+    EXPECT_EQ(Fill(handle, IPPROTO_UDP, 12), strerror(ENODATA));
+    EXPECT_EQ(Fill(handle, IPPROTO_TCP, 12), strerror(ENODATA));
+    // A handle that is closed with a snapshot in it is left to the leak checker.
+    ASSERT_EQ(vxi_get_conntrack(handle.get(), &count, sizeof count, nullptr), 0);
 }
 
 }  // namespace

@@ -1,8 +1,10 @@
 #include "Network.h"
 
+#include <linux/capability.h>
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -162,6 +164,16 @@ void BecomeNobody()
 {
     ASSERT_EQ(setresgid(65534, 65534, 65534), 0);
     ASSERT_EQ(setresuid(65534, 65534, 65534), 0);
+}
+
+void DropNetAdmin()
+{
+    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct data[2] = {};
+    ASSERT_EQ(syscall(SYS_capget, &header, data), 0);
+    data[0].effective &= ~(1u << CAP_NET_ADMIN);
+    data[0].permitted &= ~(1u << CAP_NET_ADMIN);
+    ASSERT_EQ(syscall(SYS_capset, &header, data), 0);
 }
 
 bool Eventually(const std::function<bool()>& done, unsigned seconds)

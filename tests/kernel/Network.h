@@ -60,8 +60,9 @@ std::string Run(const std::string& command);
 // Names of the inet tables of this namespace, separated by blanks.
 std::string Tables();
 
-// From now on this process is somebody without privileges.
+// From now on this process is somebody without privileges, or lacks CAP_NET_ADMIN.
 void BecomeNobody();
+void DropNetAdmin();
 
 // Polls until `done`, ten seconds at most; returns its last answer.
 bool Eventually(const std::function<bool()>& done, unsigned seconds = 10);
@@ -73,11 +74,14 @@ bool Eventually(const std::function<bool()>& done, unsigned seconds = 10);
     if (const auto lacking = network::Lacking(tool); !lacking.empty()) GTEST_SKIP() << lacking
 
 // A test whose body runs in a network namespace of its own.
-#define NETWORK_TEST(suite, name)    \
-    static void suite##name();       \
-    TEST(suite, name)                \
-    {                                \
-        REQUIRE_NETWORK("nft");      \
-        network::InOwn(suite##name); \
-    }                                \
+#define NETWORK_TEST(suite, name) NETWORK_TEST_WITH("nft", suite, name)
+
+// The same, and the body needs `tool`.
+#define NETWORK_TEST_WITH(tool, suite, name) \
+    static void suite##name();               \
+    TEST(suite, name)                        \
+    {                                        \
+        REQUIRE_NETWORK(tool);               \
+        network::InOwn(suite##name);         \
+    }                                        \
     static void suite##name()

@@ -1,6 +1,4 @@
 // How the scan table lives and dies: with its process, beside others, without privilege.
-#include <linux/capability.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <thread>
@@ -100,51 +98,15 @@ TEST(ScanLife, ForkedChildStartsAnew)
     }
 }
 
-void DropNetAdmin()
-{
-    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct data[2] = {};
-    ASSERT_EQ(syscall(SYS_capget, &header, data), 0);
-    data[0].effective &= ~(1u << CAP_NET_ADMIN);
-    data[0].permitted &= ~(1u << CAP_NET_ADMIN);
-    ASSERT_EQ(syscall(SYS_capset, &header, data), 0);
-}
-
-void ExpectPrivilegeMissing(const driver::Handle& handle, int status)
-{
-    EXPECT_EQ(status, -EPERM);
-    const std::string wanted = ": nf_tables needs CAP_NET_ADMIN";
-    const std::string text = driver::Error(handle);
-    EXPECT_NE(text.find(wanted), std::string::npos) << text;
-}
-
-TEST(ScanLife, SaysWhatPrivilegeIsMissing)
-{
-    REQUIRE_NETWORK("nft");
-    for (const auto drop : {network::BecomeNobody, DropNetAdmin}) {
-        network::InOwn([drop] {
-            drop();
-            driver::Counters unused;
-            const driver::Handle handle = driver::Open();
-            EXPECT_EQ(vxi_driver_available(handle.get()), 1);
-            ExpectPrivilegeMissing(handle, driver::Monitor(handle, VXI_SCAN_INBOUND, port));
-            ExpectPrivilegeMissing(handle, driver::Fetch(handle, VXI_SCAN_INBOUND, port, unused));
-            vxi_capability_s row;
-            EXPECT_EQ(vxi_capabilities(handle.get(), &row, 1), 7);
-            EXPECT_STREQ(row.name, "scan-metrics");
-            EXPECT_EQ(row.available, 0);
-            EXPECT_STREQ(row.detail, "nf_tables needs CAP_NET_ADMIN");
-        });
-    }
-}
-
 NETWORK_TEST(ScanLife, SaysThatPrivilegeWasGivenUp)
 {
     driver::Counters unused;
     const driver::Handle handle = driver::Open();
     Start();
-    DropNetAdmin();
-    ExpectPrivilegeMissing(handle, driver::Fetch(handle, VXI_SCAN_INBOUND, port, unused));
+    network::DropNetAdmin();
+    EXPECT_EQ(driver::Fetch(handle, VXI_SCAN_INBOUND, port, unused), -EPERM);
+    EXPECT_EQ(driver::Error(handle),
+              "engine linux: vxi_get_scan_metrics: nf_tables needs CAP_NET_ADMIN");
 }
 
 NETWORK_TEST(ScanLife, CapabilitiesChangeNothing)

@@ -1,7 +1,7 @@
 #include "Traffic.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <stdexcept>
 
 namespace traffic {
 
@@ -22,18 +23,16 @@ struct Address {
 
     explicit Address(const Place& place)
     {
-        auto* v4 = reinterpret_cast<sockaddr_in*>(&storage);
-        auto* v6 = reinterpret_cast<sockaddr_in6*>(&storage);
-        if (inet_pton(AF_INET, place.host.c_str(), &v4->sin_addr) == 1) {
-            v4->sin_family = AF_INET;
-            v4->sin_port = htons(place.port);
-            size = sizeof *v4;
-        } else {
-            EXPECT_EQ(inet_pton(AF_INET6, place.host.c_str(), &v6->sin6_addr), 1) << place.host;
-            v6->sin6_family = AF_INET6;
-            v6->sin6_port = htons(place.port);
-            size = sizeof *v6;
+        addrinfo hints = {};
+        hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
+        addrinfo* found = nullptr;
+        const std::string number = std::to_string(place.port);
+        if (getaddrinfo(place.host.c_str(), number.c_str(), &hints, &found) != 0) {
+            throw std::runtime_error("no address: " + place.host);
         }
+        size = found->ai_addrlen;
+        memcpy(&storage, found->ai_addr, size);
+        freeaddrinfo(found);
     }
     const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&storage); }
 };

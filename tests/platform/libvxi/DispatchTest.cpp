@@ -1,115 +1,83 @@
 // What holds for every engine: null handles, bad arguments, texts, traces, clamped counts.
-#include <cerrno>
 #include <functional>
 
 #include "Fixture.h"
 
 namespace {
 
-using Handle = vxi_handle_ops_s*;
-
-class Dispatch : public SimulatedMachine {};
+using Dispatch = SimulatedMachine;
 
 TEST_F(Dispatch, EveryCallSurvivesANullHandle)
 {
-    vxa_dump_conntrack_s section{};
-    vxa_blacklist_get_addrs_s list{};
-    vxa_get_conn_states_s states{};
-    vxa_filter_variable_s variable{};
-    scan_metrics_request request = scan_request(port);
-    std::uint32_t profile = 0;
-    char text[16];
-    auto stats = std::make_unique<vxa_stats_v2_s>();
-    const std::pair<const char*, int> results[] = {
-        {"available", vxi_driver_available(nullptr)},
-        {"error", vxi_get_error(nullptr, text, sizeof text)},
-        {"stats", vxi_get_stats(nullptr, stats.get(), sizeof *stats)},
-        {"conntrack", vxi_get_conntrack(nullptr, &section, sizeof section, nullptr)},
-        {"blacklist", vxi_get_blacklist(nullptr, &list)},
-        {"conn_states", vxi_get_conn_states(nullptr, &states)},
-        {"varv", vxi_get_varv(nullptr, &variable)},
-        {"var", vxi_get_var(nullptr, 1, &variable)},
-        {"set_var", vxi_set_var(nullptr, 62, 1)},
-        {"profile", vxi_get_profile_stats(nullptr, &profile)},
-        {"set_scan", vxi_set_scan_monitoring(nullptr, scan_config(port).get())},
-        {"get_scan", vxi_get_scan_metrics(nullptr, &request, sizeof request)},
-        {"capabilities", vxi_capabilities(nullptr, nullptr, 0)},
-    };
-    for (const auto& [call, status] : results) {
-        EXPECT_EQ(-EBADF, status) << call;
+    for (const auto& call : calls) {
+        EXPECT_EQ(-EBADF, call.make(nullptr)) << call.name;
     }
+    char text[16];
+    EXPECT_EQ(-EBADF, vxi_get_error(nullptr, text, sizeof text));
     vxi_close(nullptr);
     vxi_set_trace_level(nullptr, 3);
     vxi_set_trace_handler(nullptr, nullptr);
 }
 
+int ask_conntrack(Handle handle, std::uint32_t kind, std::uint8_t protocol, unsigned size = 16)
+{
+    vxa_dump_conntrack_s section = conntrack_request(protocol);
+    section.request = kind;
+    return vxi_get_conntrack(handle, &section, size, nullptr);
+}
+
+int ask_scan(Handle handle, std::uint32_t version, std::uint32_t direction, unsigned length)
+{
+    scan_metrics_request request = scan_request(8080, direction);
+    request.version = version;
+    return vxi_get_scan_metrics(handle, &request, length);
+}
+
 TEST_F(Dispatch, BadArgumentsAreNamed)
 {
-    auto two_ports = scan_config(1);
-    two_ports->outbound[7] = 4;
-    auto no_port = scan_config(1);
-    no_port->inbound[0] = 0;
-    auto other_version = scan_config(1);
-    other_version->version = 2;
-    auto stats = std::make_unique<vxa_stats_v2_s>();
-    const auto section = [](std::uint32_t kind, std::uint8_t protocol) {
-        vxa_dump_conntrack_s made{};
-        made.request = kind;
-        made.protocol = protocol;
-        return made;
-    };
-    const auto conntrack = [](Handle h, vxa_dump_conntrack_s made, unsigned size = 16) {
-        return vxi_get_conntrack(h, &made, size, nullptr);
-    };
-    const auto scan = [](Handle h, std::uint32_t version, std::uint32_t direction,
-                         unsigned length) {
-        scan_metrics_request request = scan_request(port, direction);
-        request.version = version;
-        return vxi_get_scan_metrics(h, &request, length);
-    };
+    scan_monitor_config two_ports = scan_config(1);
+    two_ports.outbound[7] = 4;
+    scan_monitor_config no_port = scan_config(1);
+    no_port.inbound[0] = 0;
+    scan_monitor_config other_version = scan_config(1);
+    other_version.version = 2;
+    vxa_stats_v2_s no_areas{};
+    vxa_filter_variable_s unknown{173, 0};
+    const Handle h = handle();
     const struct {
-        std::function<int(Handle)> call;
+        std::function<int()> call;
         int status;
         const char* text;
     } cases[] = {
-        {[](Handle h) { return vxi_get_stats(h, nullptr, 6408); }, -EINVAL,
-         "vxi_get_stats: no record given"},
-        {[&](Handle h) { return vxi_get_stats(h, stats.get(), 6408); }, -EINVAL,
-         "vxi_get_stats: no record given"},  // areas not set
-        {[](Handle h) { return vxi_get_conntrack(h, nullptr, 16, nullptr); }, -EINVAL,
-         "vxi_get_conntrack: no record given"},
-        {[&](Handle h) { return conntrack(h, section(3, 0), 15); }, -EINVAL, "size 15"},
-        {[&](Handle h) { return conntrack(h, section(4, 0)); }, -EINVAL, "request kind 4"},
-        {[&](Handle h) { return conntrack(h, section(3, 132)); }, -EINVAL, "protocol 132"},
-        {[&](Handle h) { return conntrack(h, section(3, 6)); }, -ENODATA, "ask for the count"},
-        {[](Handle h) { return vxi_get_blacklist(h, nullptr); }, -EINVAL, "vxi_get_blacklist: no"},
-        {[](Handle h) { return vxi_get_conn_states(h, nullptr); }, -EINVAL, "conn_states: no"},
-        {[](Handle h) { return vxi_get_varv(h, nullptr); }, -EINVAL, "vxi_get_varv: no record"},
-        {[](Handle h) {
-             vxa_filter_variable_s variable{173, 0};
-             return vxi_get_varv(h, &variable);
-         },
-         VXI_E_UNKNOWN_VARIABLE, "variable 173 is unknown"},
-        {[](Handle h) { return vxi_set_var(h, 173, 0); }, VXI_E_UNKNOWN_VARIABLE, "variable 173"},
-        {[](Handle h) { return vxi_set_var(h, 64, 0); }, -EROFS, "vxi_set_var: variable 64"},
-        {[](Handle h) { return vxi_get_profile_stats(h, nullptr); }, -EINVAL, "profile_stats: no"},
-        {[](Handle h) { return vxi_set_scan_monitoring(h, nullptr); }, -EINVAL, "monitoring: no"},
-        {[&](Handle h) { return vxi_set_scan_monitoring(h, two_ports.get()); }, -EINVAL,
-         "exactly one port"},
-        {[&](Handle h) { return vxi_set_scan_monitoring(h, no_port.get()); }, -EINVAL,
-         "exactly one port"},
-        {[&](Handle h) { return vxi_set_scan_monitoring(h, other_version.get()); }, -EINVAL,
-         "version 2"},
-        {[](Handle h) { return vxi_get_scan_metrics(h, nullptr, 192); }, -EINVAL, "metrics: no"},
-        {[&](Handle h) { return scan(h, 1, 1, 71); }, -EINVAL, "length 71"},
-        {[&](Handle h) { return scan(h, 9, 1, 192); }, -EINVAL, "version 9"},
-        {[&](Handle h) { return scan(h, 1, 3, 192); }, -EINVAL, "direction 3"},
-        {[&](Handle h) { return scan(h, 1, 2, 192); }, -ENOENT, "port 8080 is not monitored"},
+        {[&] { return vxi_get_stats(h, nullptr, 6408); }, -EINVAL, "get_stats: no record given"},
+        {[&] { return vxi_get_stats(h, &no_areas, 6408); }, -EINVAL, "get_stats: no record given"},
+        {[&] { return vxi_get_conntrack(h, nullptr, 16, nullptr); }, -EINVAL, "conntrack: no rec"},
+        {[&] { return vxi_get_blacklist(h, nullptr); }, -EINVAL, "vxi_get_blacklist: no record"},
+        {[&] { return vxi_get_conn_states(h, nullptr); }, -EINVAL, "conn_states: no record"},
+        {[&] { return vxi_get_varv(h, nullptr); }, -EINVAL, "vxi_get_varv: no record"},
+        {[&] { return vxi_get_var(h, 1, nullptr); }, -EINVAL, "vxi_get_var: no record"},
+        {[&] { return vxi_get_profile_stats(h, nullptr); }, -EINVAL, "profile_stats: no record"},
+        {[&] { return vxi_set_scan_monitoring(h, nullptr); }, -EINVAL, "monitoring: no record"},
+        {[&] { return vxi_get_scan_metrics(h, nullptr, 192); }, -EINVAL, "metrics: no record"},
+        {[&] { return ask_conntrack(h, 3, 0, 15); }, -EINVAL, "size 15"},
+        {[&] { return ask_conntrack(h, 4, 0); }, -EINVAL, "request kind 4"},
+        {[&] { return ask_conntrack(h, 3, 132); }, -EINVAL, "protocol 132"},
+        {[&] { return ask_conntrack(h, 3, 6); }, -ENODATA, "ask for the count"},
+        {[&] { return vxi_get_varv(h, &unknown); }, VXI_E_UNKNOWN_VARIABLE, "variable 173 is unk"},
+        {[&] { return vxi_set_var(h, 173, 0); }, VXI_E_UNKNOWN_VARIABLE, "variable 173"},
+        {[&] { return vxi_set_var(h, 64, 0); }, -EROFS, "vxi_set_var: variable 64"},
+        {[&] { return vxi_set_scan_monitoring(h, &two_ports); }, -EINVAL, "exactly one port"},
+        {[&] { return vxi_set_scan_monitoring(h, &no_port); }, -EINVAL, "exactly one port"},
+        {[&] { return vxi_set_scan_monitoring(h, &other_version); }, -EINVAL, "version 2"},
+        {[&] { return ask_scan(h, 1, 1, 71); }, -EINVAL, "length 71"},
+        {[&] { return ask_scan(h, 9, 1, 192); }, -EINVAL, "version 9"},
+        {[&] { return ask_scan(h, 1, 3, 192); }, -EINVAL, "direction 3"},
+        {[&] { return ask_scan(h, 1, 2, 192); }, -ENOENT, "port 8080 is not monitored"},
     };
     monitor();
     for (const auto& each : cases) {
-        EXPECT_EQ(each.status, each.call(handle())) << each.text;
-        const std::string text = error_text(handle());
+        EXPECT_EQ(each.status, each.call()) << each.text;
+        const std::string text = error_text(h);
         EXPECT_EQ(0U, text.find("engine sim: vxi_")) << text;
         EXPECT_NE(std::string::npos, text.find(each.text)) << text;
     }
@@ -132,11 +100,10 @@ TEST_F(Dispatch, ErrorTextIsCutToTheBufferAndKept)
 TEST_F(Dispatch, EveryPortCanBeMonitored)
 {
     for (const std::uint32_t direction : {VXI_SCAN_INBOUND, VXI_SCAN_OUTBOUND}) {
-        for (const std::uint16_t each : {0, 1, 31, 32, 8080, 65504, 65535}) {
-            ASSERT_EQ(0, vxi_set_scan_monitoring(handle(), scan_config(each, direction).get()));
+        for (const std::uint16_t each : {0, 31, 32, 65535}) {
+            ASSERT_EQ(0, monitor_port(handle(), each, direction));
             scan_metrics_request request = scan_request(each, direction);
-            EXPECT_EQ(0, vxi_get_scan_metrics(handle(), &request, sizeof request))
-                << each << error_text(handle());
+            EXPECT_EQ(0, vxi_get_scan_metrics(handle(), &request, sizeof request)) << each;
         }
     }
 }
@@ -150,12 +117,10 @@ TEST_F(Dispatch, ScanCountersStayInsideTheRequest)
         std::uint32_t delivered, delivered_entries;
     } cases[] = {
         {10, 1, 192, 10, 1},
-        {3, 1, 192, 3, 1},
         {4000000000U, 1, 192, 10, 1},
         {10, 4000000000U, 192, 10, 1},
         {10, 1, 96, 3, 1},
         {10, 1, 79, 0, 1},
-        {10, 1, 72, 0, 1},
         {10, 0, 192, 0, 0},
         {0, 1, 192, 0, 1},
     };
@@ -191,15 +156,11 @@ TEST_F(Dispatch, FillingAnEmptyBlacklistStaysEmpty)
     EXPECT_EQ(5 * sizeof(vxa_blacklist_entry_s), next.entries_size);
 }
 
-struct Traced {
-    int level;
-    std::string function, message;
-};
-std::vector<Traced> traced;
+std::vector<std::string> traced;
 
 int record_trace(int level, const char*, const char* function, int, char* message)
 {
-    traced.push_back({level, function, message});
+    traced.push_back(std::to_string(level) + " " + function + ": " + message);
     return 0;
 }
 
@@ -218,10 +179,8 @@ TEST_F(Dispatch, TracesByLevel)
         traced.clear();
         vxi_set_var(handle(), 64, 0);
         ASSERT_EQ(each.failure, traced.size()) << each.level;
-        if (each.failure) {
-            EXPECT_EQ(1, traced[0].level);
-            EXPECT_EQ("vxi_set_var", traced[0].function);
-            EXPECT_NE(std::string::npos, traced[0].message.find("status -30")) << traced[0].message;
+        for (const std::string& trace : traced) {
+            EXPECT_EQ(0U, trace.find("1 vxi_set_var: status -30")) << trace;
         }
     }
     vxi_set_trace_handler(handle(), nullptr);
@@ -243,8 +202,6 @@ int format_into(char* buffer, std::size_t size, const char* format, ...)
 TEST(BoundedFormatting, AlwaysLeavesAText)
 {
     char text[8];
-    EXPECT_EQ(7, format_into(text, sizeof text, "%s", "0123456"));
-    EXPECT_STREQ("0123456", text);
     EXPECT_EQ(7, format_into(text, sizeof text, "%s", "0123456789"));
     EXPECT_STREQ("0123456", text);
     EXPECT_EQ(0, format_into(text, 1, "%d", 5));

