@@ -59,9 +59,12 @@ bool is_left_ignored(int signal_number)
            now.sa_handler == SIG_IGN;
 }
 
+void note_nothing(int) {}
+
 // System calls are not restarted, so that a read from a command or terminal ends too.
-// Without SIGXFSZ a write beyond the limit of file sizes fails with EFBIG; without SIGPIPE
-// one to a closed pipe fails with EPIPE.
+// A write beyond the limit of file sizes fails with EFBIG when SIGXFSZ does not end the
+// process, one to a closed pipe with EPIPE. Handled, not ignored: commands started later
+// get the default back.
 bool install_handlers()
 {
     struct sigaction action = {};
@@ -71,7 +74,7 @@ bool install_handlers()
         if (is_left_ignored(caught.number)) continue;
         if (sigaction(caught.number, &action, nullptr) != 0) return false;
     }
-    action.sa_handler = SIG_IGN;
+    action.sa_handler = note_nothing;
     return sigaction(SIGXFSZ, &action, nullptr) == 0 && sigaction(SIGPIPE, &action, nullptr) == 0;
 }
 
