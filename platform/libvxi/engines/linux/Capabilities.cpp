@@ -42,7 +42,7 @@ std::string conntrack_detail(int status, uint32_t tracked)
     if (tracked == 0) {
         return "sock_diag; no flow is tracked (a rule that refers to ct starts tracking)";
     }
-    return "ctnetlink, " + std::to_string(tracked) + " flows tracked";
+    return "ctnetlink, " + std::to_string(tracked) + " flows of all protocols tracked";
 }
 
 void conn_states(vxi_capability_s& row)
