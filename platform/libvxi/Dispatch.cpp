@@ -214,7 +214,7 @@ Handle open_handle(OpenError& error)
 {
     const Operations* operations = nullptr;
     const Engine* engine = chosen_engine(operations, error.cause);
-    if (!engine || !fault::environment_readable(error.cause)) {
+    if (!engine || !fault::environment_usable(error.cause)) {
         return nullptr;
     }
     error.engine = engine->name;
@@ -229,6 +229,18 @@ Handle open_handle(OpenError& error)
         error.cause = StatusWords(status).text();
     }
     return status == 0 ? std::move(handle) : nullptr;
+}
+
+// Empty when vxi_open can use the environment.
+std::string environment_error()
+{
+    std::string error;
+    const Operations* operations = nullptr;
+    const Engine* engine = chosen_engine(operations, error);
+    if (engine && fault::environment_usable(error) && engine->environment_usable) {
+        engine->environment_usable(error);
+    }
+    return error;
 }
 
 }  // namespace
@@ -249,6 +261,19 @@ try {
 } catch (const std::exception& error) {
     set_open_error("", error.what());
     return nullptr;
+}
+
+const char* vxi_check_environment(void)
+{
+    // Plain characters, so that a thread that ends has nothing to destroy.
+    static thread_local char text[512];
+    BoundedText result(text);
+    try {
+        result.escaped(environment_error());
+    } catch (const std::exception& error) {
+        result.plain(error.what());
+    }
+    return text;
 }
 
 void vxi_close(vxi_handle_ops_s* handle)

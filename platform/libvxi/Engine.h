@@ -43,6 +43,9 @@ struct Engine {
     // goes the normal way: close is called then too, so it accepts whatever state was
     // reached, null included. May be null when there is nothing to prepare.
     int (*open)(vxi_handle_ops_s* handle, std::string& error);
+    // False with `error` set while the engine's own environment variable cannot be used; open
+    // fails then, too. May be null when it reads none.
+    bool (*environment_usable)(std::string& error) = nullptr;
 };
 
 const Engine& linux_engine();

@@ -17,7 +17,7 @@ namespace {
 constexpr std::size_t text_size = 512;
 
 // Plain characters, so that a thread that ends has nothing to destroy.
-thread_local char open_error[256];
+thread_local char open_error[text_size];
 
 }  // namespace
 

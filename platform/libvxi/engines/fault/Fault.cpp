@@ -7,7 +7,9 @@
 #include <cstdlib>
 #include <mutex>
 #include <new>
+#include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "Message.h"
@@ -40,15 +42,23 @@ struct State {
     State();
 };
 
-// Reads a script front to back; after a failure `error` says what was expected and
-// `position` where.
+std::string known_calls()
+{
+    std::string names;
+    for (const char* name : call_names) {
+        names += std::string(names.empty() ? "" : ", ") + name;
+    }
+    return names;
+}
+
+// Reads a script front to back; after a failure `expected` is what should be at `position`.
 class Reader {
 public:
     explicit Reader(std::string_view text) : text_(text) {}
 
     bool read(Script& script);
     unsigned position() const { return static_cast<unsigned>(at_); }
-    const char* error() const { return error_; }
+    const std::string& expected() const { return expected_; }
 
 private:
     bool fault(Fault& fault);
@@ -57,9 +67,9 @@ private:
     bool field(Fault& fault);
     bool count(std::size_t digits, std::uint64_t& value);
     std::string unescaped_field();
-    bool failed(const char* expected)
+    bool failed(std::string expected)
     {
-        error_ = expected;
+        expected_ = std::move(expected);
         return false;
     }
     bool take(char c)
@@ -77,7 +87,7 @@ private:
 
     std::string_view text_;
     std::size_t at_ = 0;
-    const char* error_ = "";
+    std::string expected_;
 };
 
 bool Reader::read(Script& script)
@@ -90,7 +100,7 @@ bool Reader::read(Script& script)
         }
         skip_blanks();
         if (at_ < text_.size() && !take(',')) {
-            return failed("\",\" or the end expected");
+            return failed("\",\" or the end");
         }
         skip_blanks();
     }
@@ -114,11 +124,11 @@ bool Reader::operation(Fault& fault)
 {
     const std::size_t end = std::min(text_.find_first_of("=,: \t\n", at_), text_.size());
     if (!find_call(text_.substr(at_, end - at_), fault.call)) {
-        return failed("name of a vxi call expected");
+        return failed("one of " + known_calls());
     }
     at_ = end;
     skip_blanks();
-    return take('=') || failed("\"=\" expected");
+    return take('=') || failed("\"=\"");
 }
 
 bool Reader::status(Fault& fault)
@@ -127,11 +137,11 @@ bool Reader::status(Fault& fault)
     const char* const begin = text_.data() + at_;
     const auto [end, error] = std::from_chars(begin, text_.data() + text_.size(), fault.status);
     if (error != std::errc()) {
-        return failed("status number expected");
+        return failed("a status number");
     }
     // A success without the engine would hand the caller a record that nobody filled.
     if (fault.status == 0 && fault.call != Call::driver_available) {
-        return failed("status other than 0 expected");
+        return failed("a status other than 0");
     }
     at_ += static_cast<std::size_t>(end - begin);
     return true;
@@ -155,7 +165,7 @@ bool Reader::field(Fault& fault)
     }
     if (!fault.text.empty()) {
         at_ = begin;
-        return failed("once, times=N or after=N expected: there is a text already");
+        return failed("once, times=N or after=N: this fault has a text already");
     }
     fault.text = words;
     return true;
@@ -166,7 +176,7 @@ bool Reader::count(std::size_t end, std::uint64_t& value)
     const char* const last = text_.data() + end;
     const auto [stop, error] = std::from_chars(text_.data() + at_, last, value);
     if (error != std::errc() || stop != last) {
-        return failed("whole number expected");
+        return failed("a whole number");
     }
     at_ = end;
     return true;
@@ -195,7 +205,7 @@ State::State()
     if (!reader.read(script)) {
         script.clear();
         environment_error = "VXI_FAULT cannot be read at character " +
-                            std::to_string(reader.position() + 1) + ": " + reader.error();
+                            std::to_string(reader.position() + 1) + ": expected " + reader.expected();
     }
     environment_broken = !environment_error.empty();
     scripted = !script.empty();
@@ -210,7 +220,7 @@ State& state()
 
 }  // namespace
 
-bool environment_readable(std::string& error)
+bool environment_usable(std::string& error)
 {
     State& all = state();
     if (!all.environment_broken) {

@@ -17,9 +17,9 @@ struct Answer {
 // a script pays one load a call.
 extern std::atomic<bool> scripted;
 
-// Reads VXI_FAULT, once. False with `error` set while its text cannot be read and no
-// script has replaced it.
-bool environment_readable(std::string& error);
+// Reads VXI_FAULT, once. False with `error` set while its value is not a script and none has
+// replaced it.
+bool environment_usable(std::string& error);
 
 // True when the script has an answer for this call, which then must not reach the engine.
 bool next_answer(Call call, Answer& answer);

@@ -49,6 +49,16 @@ const Row* row_named(const Row (&rows)[count], std::string_view name)
     return found == end ? nullptr : found;
 }
 
+template <typename Row, std::size_t count>
+std::string names_of(const Row (&rows)[count])
+{
+    std::string names;
+    for (const Row& row : rows) {
+        names.append(names.empty() ? "" : ", ").append(row.name);
+    }
+    return names;
+}
+
 class Reader {
 public:
     Reader(std::string_view text, SettingsError& error) : text_(text), error_(error) {}
@@ -94,7 +104,7 @@ bool Reader::read(Settings& settings)
         }
         skip_blanks();
         if (at_ < text_.size() && !take(',')) {
-            return failed(at_, "\",\" or the end expected");
+            return failed(at_, "\",\" or the end");
         }
         skip_blanks();
     }
@@ -107,10 +117,10 @@ bool Reader::setting(Settings& settings)
     const std::string_view key = word();
     const Number* row = row_named(numbers, key);
     if (!row && key != "scenario") {
-        return failed(begin, "name of a setting expected");
+        return failed(begin, "scenario or one of " + names_of(numbers));
     }
     if (!take('=')) {
-        return failed(at_, "\"=\" expected");
+        return failed(at_, "\"=\"");
     }
     return row ? number(row->least, row->most, settings.*row->member) : timeline(settings.timeline);
 }
@@ -132,7 +142,7 @@ bool Reader::phase(Phase& phase)
     const std::size_t begin = at_;
     const Name* row = row_named(scenarios, word());
     if (!row) {
-        return failed(begin, "idle, busy, overloaded, recovering, closing or restarting expected");
+        return failed(begin, "one of " + names_of(scenarios));
     }
     phase = {row->scenario, default_phase_ticks};
     return !take(':') || number(1, 1000000000, phase.ticks);
@@ -144,8 +154,8 @@ bool Reader::number(std::uint64_t least, std::uint64_t most, std::uint64_t& valu
     std::uint64_t parsed = 0;
     const auto [end, error] = std::from_chars(begin, text_.data() + text_.size(), parsed);
     if (error != std::errc() || parsed < least || parsed > most) {
-        return failed(at_, "number from " + std::to_string(least) + " to " + std::to_string(most) +
-                               " expected");
+        return failed(at_,
+                      "a number from " + std::to_string(least) + " to " + std::to_string(most));
     }
     at_ += static_cast<std::size_t>(end - begin);
     value = parsed;

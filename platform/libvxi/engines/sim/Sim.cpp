@@ -40,7 +40,7 @@ Process::Process()
     SettingsError error;
     if (!read_settings(text ? text : "", settings, error)) {
         environment_error = "VXI_SIM cannot be read at character " +
-                            std::to_string(error.position + 1) + ": " + error.expected;
+                            std::to_string(error.position + 1) + ": expected " + error.expected;
     }
     view.world = std::make_shared<const World>(std::move(settings));
     name_statistics();
@@ -76,12 +76,17 @@ Snapshots& snapshots(vxi_handle_ops_s* handle)
     return *static_cast<Snapshots*>(handle->state);
 }
 
-int open(vxi_handle_ops_s*, std::string& error)
+bool environment_usable(std::string& error)
 {
     Process& machine = process();
     const std::lock_guard<std::mutex> lock(machine.mutex);
     error = machine.environment_error;
-    return error.empty() ? 0 : -EINVAL;
+    return error.empty();
+}
+
+int open(vxi_handle_ops_s*, std::string& error)
+{
+    return environment_usable(error) ? 0 : -EINVAL;
 }
 
 void close(vxi_handle_ops_s* handle)
@@ -301,7 +306,7 @@ Operations make_operations()
 const vxi::Engine& vxi::sim_engine()
 {
     static const Operations operations = sim::make_operations();
-    static const Engine engine{sim::engine_name, &operations, sim::open};
+    static const Engine engine{sim::engine_name, &operations, sim::open, sim::environment_usable};
     return engine;
 }
 

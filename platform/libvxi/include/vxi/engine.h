@@ -29,6 +29,17 @@ VXI_API const char* const* vxi_engine_list(void);
 /* Why this thread's last vxi_open returned null; empty when it did not. */
 VXI_API const char* vxi_open_error(void);
 
+/* Checks the environment variables that this process would use: VXI_ENGINE until
+ * vxi_engine_select has chosen, VXI_FAULT until vxi_fault_script has replaced it, and,
+ * where the chosen engine is "sim", VXI_SIM until vxi_sim_configure has replaced it.
+ * Empty when they are all usable; else a message that names the variable, the character
+ * and what is expected there, as in
+ *   VXI_SIM cannot be read at character 6: expected a number from 1 to 4096
+ * While it is not empty, every vxi_open fails for the same reason: a host that would go on
+ * without a driver asks this at the start. Pure ASCII; the string belongs to the calling
+ * thread and lives until its next call of this function. */
+VXI_API const char* vxi_check_environment(void);
+
 /* What an engine can deliver on this machine, one row a facility. */
 typedef struct vxi_capability_s {
     const char* name; /* "scan-metrics", "statistics", "variables", "conntrack",
