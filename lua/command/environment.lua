@@ -14,7 +14,10 @@ local unwanted = { "OMP_NUM_THREADS", "OMP_THREAD_LIMIT", "LC_NUMERIC", "LC_TIME
 function environment.scrub(vxa)
     for _, name in ipairs(unwanted) do vxa.setenv(name, nil) end
     vxa.setenv("LC_ALL", "C.UTF-8")
-    if (os.getenv("PATH") or "") == "" then vxa.setenv("PATH", STANDARD_PATH) end
+    -- Root must not run what is in a folder of the caller's choice.
+    if vxa.euid() == 0 or (os.getenv("PATH") or "") == "" then
+        vxa.setenv("PATH", STANDARD_PATH)
+    end
     -- UTF-8, so that names and keys outside ASCII survive; the point as decimal mark.
     os.setlocale("C.UTF-8")
     os.setlocale("C", "numeric")

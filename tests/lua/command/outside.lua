@@ -1,5 +1,5 @@
 -- Calls of the command from outside, on the simulated engine, in a scratch folder that
--- goes away with the sandbox. Commands in its folder "bin" come before those of the system.
+-- goes away with the sandbox.
 
 local cases = require "cases"
 local testing = require "testing"
@@ -22,10 +22,24 @@ function outside.write(name, text)
     testing.write(name:find("^/") and name or outside.SCRATCH .. "/" .. name, text)
 end
 
-function outside.vxa(arguments, environment)
+-- What the command would run or load from the current folder, which is also the caller's
+-- environment.
+for _, name in ipairs { "vxa", "fc", "filter", "argparse", "dkjson" } do
+    outside.write(name .. ".lua", "error('code of the current folder')")
+end
+for _, name in ipairs { "uptime", "nproc" } do
+    outside.write(name, "#!/bin/sh\necho run >hostile\n")
+    outside.shell("chmod +x " .. outside.SCRATCH .. "/" .. name)
+end
+local HOSTILE = "PATH=.:$PATH LUA_INIT='error()' LUA_PATH='./?.lua' LUA_CPATH='/nonexistent/?.so'"
+
+-- `hook`: code to run in the interpreter first.
+function outside.vxa(arguments, environment, hook)
+    if hook then testing.write(outside.SCRATCH .. "/hook.lua", hook) end
     local text, status = outside.shell(
-        ("cd %s && env PATH=%s/bin:$PATH VXI_ENGINE=sim %s %s/bin/vxa %s 2>err")
-            :format(outside.SCRATCH, outside.SCRATCH, environment or "", ROOT, arguments))
+        ("cd %s && env %s VXI_ENGINE=sim %s %s %s/bin/vxa %s 2>err")
+            :format(outside.SCRATCH, HOSTILE, environment or "",
+                hook and [[lua5.2 -E -e "dofile('hook.lua')"]] or "", ROOT, arguments))
     return text, status, testing.read(outside.SCRATCH .. "/err")
 end
 
