@@ -51,6 +51,7 @@ local function add_policy(command)
     command:option("--port", "Monitor the connections of this port. Takes the place of the "
         .. "policy's port and adds connection thresholds to a policy that has none.")
         :argname("N"):convert(whole("--port", 1, 65535))
+    command:flag("--lenient", "Take members of the wrong type as the module does, and warn.")
     command:flag("--outbound", "The port is that of remote servers; without it, of servers here.")
 end
 

@@ -1,35 +1,14 @@
--- Where a run's health policy comes from, and whether it says what its author meant.
---
--- The module reads a policy without a word about names it does not know, and tells of
--- values out of bounds only in its trace. So the command checks both here and warns.
+-- Where a run's health policy comes from, and what it sets.
 
 local json = require "dkjson"
 local fail = require "command.fail"
+local health_policy = require "health_policy"
 
 local policy = {}
 
 policy.CONF_PATH = "/etc/vx_filter.conf"
 
--- Every setting. `conf` is its name in the configuration file. A threshold is written as
--- an object in JSON: {"SYS_THR_RUNQ": {"value": 8}}; everything else as a plain number.
-policy.settings = {
-    { key = "SYS_CONF_CONN_REFUSAL_PORT", conf = "SYSTEM_CONNECTION_REFUSAL_PORT", max = 65535 },
-    { key = "SYS_CONF_CONN_REFUSAL_OUTBOUND", conf = "SYSTEM_CONNECTION_REFUSAL_OUTBOUND",
-      max = 1 },
-    { key = "SYS_CONF_RECOVER_FACTOR", conf = "SYSTEM_RECOVERY_FACTOR", max = 100 },
-    { key = "SYS_CONF_MIN_ACT_DURATION", conf = "SYSTEM_MIN_ACT_DURATION", max = 60 },
-    { key = "SYS_THR_CONN_REFUSAL_PCT", conf = "SYSTEM_CONNECTION_REFUSAL_PCT_THRESHOLD", max = 100,
-      threshold = true, needs_port = true },
-    { key = "SYS_THR_RUNQ", conf = "SYSTEM_RUNQ_PCT_THRESHOLD", max = 200, threshold = true },
-    { key = "SYS_THR_CONN_EST_PER_CPU", conf = "SYSTEM_CONNECTION_ESTABLISHED_PER_CPU",
-      max = 10000000, threshold = true, needs_port = true },
-    { key = "SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU", conf = "SYSTEM_TOTAL_SCAN_MBYTES_PER_CPU",
-      max = 100000, threshold = true, needs_port = true },
-    { key = "SYS_THR_FREE_MEM", conf = "SYSTEM_MIN_FREE_MEM_PCT", max = 25, threshold = true },
-    { key = "SYS_THR_MAX_ITERATION_INVL", conf = "SYSTEM_MAX_ITERATION_INTERVAL", max = 60,
-      threshold = true },
-    { key = "SYS_CONF_UNLOAD_DRIVER", conf = "SYSTEM_UNLOAD_DRIVER", max = 1 },
-}
+policy.settings = health_policy.settings
 
 -- Thresholds that --port adds to a policy that has none for the port. Each is far above
 -- what a healthy server shows: half of the new connections dying half-open; more new
@@ -42,106 +21,6 @@ local port_defaults = {
 
 local key_order = {}
 for i, setting in ipairs(policy.settings) do key_order[i] = setting.key end
-
-local function in_bounds(setting, number)
-    if setting.threshold then return number > 0 and number <= setting.max end
-    return number >= 0 and number <= setting.max
-end
-
--- ---- JSON -------------------------------------------------------------------------------
-
--- The module finds members whatever the case of their letters.
-local by_lower_key = {}
-for _, setting in ipairs(policy.settings) do by_lower_key[setting.key:lower()] = setting end
-
-local function skip(text, at, pattern)
-    return text:match("^[" .. pattern .. "%s]*()", at)
-end
-
--- The members of the JSON object that begins at `at`, in their order: {key, value, at}. A
--- decoded table has lost the order, and of repeated members it keeps the last, while the
--- module takes the first.
-local function members(text, at)
-    local found = {}
-    at = skip(text, at + 1, "")
-    while text:sub(at, at) == '"' do
-        local member = {}
-        member.key, at = json.decode(text, at)
-        member.at = skip(text, at, ":")
-        member.value, at = json.decode(text, member.at, json.null)
-        found[#found + 1] = member
-        at = skip(text, at, ",")
-    end
-    return found
-end
-
--- Sorts the members that count from those that repeat an earlier one.
-local function first_of_each(list)
-    local firsts, repeated, seen = {}, {}, {}
-    for _, member in ipairs(list) do
-        local name = member.key:lower()
-        local target = seen[name] and repeated or firsts
-        target[#target + 1] = member
-        seen[name] = true
-    end
-    return firsts, repeated
-end
-
--- A threshold's number, and whether it has several.
-local function threshold_number(text, threshold)
-    if text:sub(threshold.at, threshold.at) ~= "{" then return nil end
-    local firsts, repeated = first_of_each(members(text, threshold.at))
-    local number, again = nil, false
-    for _, member in ipairs(firsts) do
-        if member.key:lower() == "value" then number = member.value end
-    end
-    for _, member in ipairs(repeated) do again = again or member.key:lower() == "value" end
-    return type(number) == "number" and number or nil, again
-end
-
--- The number that the module takes for this member, or nil when it takes none; and a
--- remark when it is not what its author wrote.
-local function accepted(setting, text, member)
-    local number, remark
-    if setting.threshold then
-        local again
-        number, again = threshold_number(text, member)
-        remark = again and "has its value repeated; the first counts" or nil
-        if not number then
-            return nil, ('must be an object such as {"value": %d}; it is ignored')
-                :format(setting.max)
-        end
-    elseif type(member.value) == "number" then
-        number = member.value
-    else
-        number, remark = 0, "is no number and counts as 0"
-    end
-    if not in_bounds(setting, number) then
-        return nil, ("%.14g is out of bounds (%s to %d); it is ignored")
-            :format(number, setting.threshold and "above 0" or "0", setting.max)
-    end
-    return number, remark
-end
-
--- Settings that will be in force, by key, and a warning for each member that is not.
-local function check_members(text)
-    local values, warnings = {}, {}
-    local firsts, repeated = first_of_each(members(text, text:find("{", 1, true)))
-    for _, member in ipairs(firsts) do
-        local setting = by_lower_key[member.key:lower()]
-        if not setting then
-            warnings[#warnings + 1] = ("'%s' is no setting; it is ignored"):format(member.key)
-        else
-            local number, remark = accepted(setting, text, member)
-            values[setting.key] = number
-            if remark then warnings[#warnings + 1] = setting.key .. " " .. remark end
-        end
-    end
-    for _, member in ipairs(repeated) do
-        warnings[#warnings + 1] = ("'%s' is repeated; the first counts"):format(member.key)
-    end
-    return values, warnings
-end
 
 local function render(values)
     local object = {}
@@ -163,17 +42,15 @@ local function read_file(path, what)
     return text
 end
 
-local function from_json_file(vxa, path)
+local function from_json_file(options)
+    local path = options.policy
     local text, message = read_file(path, "policy")
     if not text then fail(2, "policy %s", message) end
-    local ok, fault, line, column = vxa.check_json(text)
-    if not ok then fail(2, "policy %s: line %d, column %d: %s", path, line, column, fault) end
-    local object = json.decode(text)
-    -- Arrays and objects are told apart by their first character: an empty one by nothing else.
-    if type(object) ~= "table" or not text:find("^[\239\187\191%s]*{") then
-        fail(2, "policy %s: line 1, column 1: the policy must be a JSON object", path)
+    local values, warnings = health_policy.check(text, options.lenient)
+    if not values then
+        fail(2, "policy %s: %s%s", path, warnings, warnings:find("^line ") and ""
+            or " (--lenient takes it as the module does)")
     end
-    local values, warnings = check_members(text)
     return { text = text, source = path, values = values, warnings = warnings }
 end
 
@@ -229,14 +106,14 @@ end
 -- wrong. Four runnable processes a processor is well past busy. Below 0.1 % free memory
 -- the kernel no longer keeps up: it starts to reclaim 0.1 % above its reserve.
 local PROCESSES_PER_CPU = 4
+local LONGEST_QUEUE = 200  -- the bound of SYS_THR_RUNQ
 local FREE_MEMORY_PCT = 0.1
 
 local DEFAULT_SOURCE = "built-in default (no --policy, no " .. policy.CONF_PATH .. ")"
 
 local function built_in(cpus)
-    local longest_queue = by_lower_key.sys_thr_runq.max
     local values = {
-        SYS_THR_RUNQ = math.min(longest_queue, PROCESSES_PER_CPU * math.max(cpus, 1)),
+        SYS_THR_RUNQ = math.min(LONGEST_QUEUE, PROCESSES_PER_CPU * math.max(cpus, 1)),
         SYS_THR_FREE_MEM = FREE_MEMORY_PCT,
     }
     return { text = render(values), source = DEFAULT_SOURCE, values = values, warnings = {} }
@@ -284,7 +161,7 @@ end
 -- top. `cpus` is a function: asking costs a command, and only the default needs it.
 -- Returns {text, source, values, warnings}; an empty text leaves the reading to the module.
 function policy.choose(options, vxa, cpus)
-    local chosen = options.policy and from_json_file(vxa, options.policy)
+    local chosen = options.policy and from_json_file(options)
         or without_policy_file(cpus)
     if options.port then return with_port(chosen, options.port, options.outbound) end
     return chosen

@@ -1,6 +1,7 @@
 -- Where a policy comes from, what is warned of, and how --port changes it.
 
 local cases = require "cases"
+local health_policy = require "health_policy"
 local json = require "dkjson"
 local policy = require "command.policy"
 
@@ -24,37 +25,89 @@ local function warnings_in(chosen)
     return table.concat(chosen.warnings, "\n")
 end
 
--- Policy text, settings in force, pattern of its warnings ("" for none).
+-- Policy, settings in force, pattern of its warnings ("" for none).
 local policies = {
     { "{}", {}, "^$" },
     { '{"SYS_THR_RUNQ": {"value": 8}}', { SYS_THR_RUNQ = 8 }, "^$" },
-    { '{"sys_thr_runq": {"VALUE": 8}}', { SYS_THR_RUNQ = 8 }, "^$" },
-    { '{"SYS_THR_RUNQ": 8}', {}, '^SYS_THR_RUNQ must be an object such as {"value": 200}' },
-    { '{"SYS_THR_RUNQ": {"value": "8"}}', {}, "^SYS_THR_RUNQ must be an object" },
-    { '{"SYS_THR_RUNQ": {"value": 0}}', {}, "^SYS_THR_RUNQ 0 is out of bounds %(above 0 to 200%)" },
-    { '{"SYS_THR_FREE_MEM": {"value": 25.1}}', {}, "^SYS_THR_FREE_MEM 25.1 is out of bounds" },
+    { '{"sys_thr_\\u0072unq": {"VALUE": 8}, "a": [1, {}, []]}', { SYS_THR_RUNQ = 8 }, "^'a' is not" },
+    { '{"SYS_THR_RUNQ": {"value": 0}}', {}, "^SYS_THR_RUNQ: 0 is out of bounds %(above 0 to 200%)" },
+    { '{"SYS_THR_FREE_MEM": {"value": 25.1}}', {}, "^SYS_THR_FREE_MEM: 25.1 is out of bounds" },
     { '{"SYS_CONF_MIN_ACT_DURATION": 0}', { SYS_CONF_MIN_ACT_DURATION = 0 }, "^$" },
-    { '{"SYS_CONF_MIN_ACT_DURATION": -1}', {}, "is out of bounds %(0 to 60%)" },
-    { '{"SYS_CONF_CONN_REFUSAL_PORT": "443"}', { SYS_CONF_CONN_REFUSAL_PORT = 0 },
-      "^SYS_CONF_CONN_REFUSAL_PORT is no number and counts as 0$" },
+    { '{"SYS_CONF_MIN_ACT_DURATION": -1e0}', {}, "is out of bounds %(0 to 60%)" },
     { '\239\187\191{ "SYS_THR_RUNQ" : {"x": {}, "value": 8, "VALUE": 9} ,"sys_thr_runq":{"value":150}}',
       { SYS_THR_RUNQ = 8 }, "^SYS_THR_RUNQ has its value repeated; the first counts\n"
       .. "'sys_thr_runq' is repeated; the first counts$" },
     { '{"SYS_CONF_RECOVER_FACTOR": 300, "SYS_CONF_RECOVER_FACTOR": 3}', {},
       "out of bounds .*\n'SYS_CONF_RECOVER_FACTOR' is repeated" },
-    { '{"SYS_THR_RUNQUEUE": {"value": 8}, "x": 1}', {},
-      "^'SYS_THR_RUNQUEUE' is no setting; it is ignored\n'x' is no setting; it is ignored$" },
+    { '{"SYS_THR_RUNQUEUE": {"value": 8}, "SYSTEM_UNLOAD_DRIVER": 1, "x": 1}', {},
+      "^'SYS_THR_RUNQUEUE' is not a setting; it is ignored %(did you mean 'SYS_THR_RUNQ'%?%)\n"
+      .. "'SYSTEM_UNLOAD_DRIVER' .* 'SYS_CONF_UNLOAD_DRIVER'%?%)\n'x' is not a setting; it is ignored$" },
+    { "{" .. ('"x": 1, '):rep(100) .. '"x": 1}', {}, "first counts\nand 81 more$" },
 }
 
 for _, row in ipairs(policies) do
-    local text, values, warnings = table.unpack(row)
+    local text, values, pattern = table.unpack(row)
     cases.case(text, function()
-        with_file(text, function(path)
-            local chosen = policy.choose({ policy = path }, accepting, two_cpus)
-            cases.equal(chosen.values, values, "settings")
-            cases.equal(chosen.text, text, "text")
-            cases.matches(warnings_in(chosen), warnings, "warnings")
-        end)
+        local settings, warnings = health_policy.check(text)
+        cases.equal(settings, values, "settings")
+        cases.matches(table.concat(warnings, "\n"), pattern, "warnings")
+    end)
+end
+
+-- Members of the wrong type: what must be there instead, and what the module takes.
+local mistyped = {
+    { '{"SYS_THR_RUNQ": 16}', '{"value": 16}, not 16', nil },
+    { '{"SYS_THR_RUNQ": "8"}', '{"value": 8}, not "8"', nil },
+    { '{"SYS_THR_RUNQ": {"value": "8"}}', '{"value": 8}, not {"value": "8"}', nil },
+    { '{"SYS_THR_RUNQ": {}}', '{"value": NUMBER}, not an object without "value"', nil },
+    { '{"SYS_THR_RUNQ": null}', '{"value": NUMBER}, not null', nil },
+    { '{"SYS_CONF_MIN_ACT_DURATION": "30"}', '30, not "30"', 0 },
+    { '{"SYS_CONF_MIN_ACT_DURATION": {"value": 30}}', '30, not {"value": 30}', 0 },
+    { '{"SYS_CONF_MIN_ACT_DURATION": true}', "a number, not true", 0 },
+}
+
+for _, row in ipairs(mistyped) do
+    local text, wanted, number = table.unpack(row, 1, 3)
+    cases.case(text, function()
+        local key = text:match("[%u_]+")
+        local expected = key .. " must be " .. wanted
+        cases.equal({ health_policy.check(text) }, { nil, expected }, "strict")
+        local settings, warnings = health_policy.check(text, true)
+        cases.equal(settings, { [key] = number }, "settings")
+        cases.equal(warnings, { expected .. (number and "; it counts as 0" or "; it is ignored") },
+            "warnings")
+    end)
+end
+
+-- What is not JSON, and what is said of it.
+local broken = {
+    { "", "1, column 1: unexpected end: a value expected" },
+    { "[]", "1, column 1: a policy is a JSON object" },
+    { '{\n  "ä": 1,\n}', "2, column 9: a comma before '}'" },
+    { '{"a": [1,]}', "1, column 9: a comma before ']'" },
+    { '{"a": 1 // one\n}', "1, column 9: JSON has no comments" },
+    { "# policy\n{}", "1, column 1: JSON has no comments" },
+    { "# file\n\nSYSTEM_RUNQ_PCT_THRESHOLD=8\n", "3, column 1: a policy is JSON; NAME=NUMBER is" },
+    { '{"a": 1 "b": 2}', "1, column 9: unexpected '\"': ',' or '}' expected" },
+    { "{a: 1}", "1, column 2: unexpected 'a': a name in double quotes expected" },
+    { '{"a" 1}', "1, column 6: unexpected '1': ':' expected" },
+    { '{"a": 1} x', "1, column 10: unexpected 'x' after the end" },
+    { '{"a": "x}', "1, column 7: the string that begins here has no end" },
+    { '{"a": "\\ud800"}', "1, column 8: half of a surrogate pair" },
+    { '{"a": "\\u0000"}', "1, column 8: NUL" },
+    { '{"a": "\\x"}', "1, column 8: unknown escape" },
+    { '{"a": "\1"}', "1, column 8: control character" },
+    { "{}\0", "1, column 3: unexpected byte 0x00" },
+    { '{"a": 01}', "1, column 7: unexpected '01'" },
+    { '{"a": 1.}', "1, column 7: not a number" },
+    { '{"a": nan}', "1, column 7: unexpected 'nan'" },
+    { '{"a": ' .. ("["):rep(1000) .. ("]"):rep(1000) .. "}", "1, column 1006: nested too deeply" },
+}
+
+for _, row in ipairs(broken) do
+    cases.case(row[1], function()
+        local settings, fault = health_policy.check(row[1])
+        cases.equal({ settings, fault:sub(1, #row[2] + 5) }, { nil, "line " .. row[2] }, "fault")
     end)
 end
 

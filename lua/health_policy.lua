@@ -1,0 +1,230 @@
+-- What a health policy sets, and whether that is what its author meant.
+--
+-- The module ignores names it does not know and values out of bounds without a log line,
+-- and takes a number in quotes for 0. So check a policy before the module gets it:
+--
+--     local health_policy = require "health_policy"
+--     local settings, warnings = health_policy.check(text)
+--     if not settings then log("policy refused: " .. warnings) end
+--
+-- Needs nothing but strict_json.lua.
+
+local strict_json = require "strict_json"
+
+local health_policy = {}
+
+-- Every setting. `conf` is its name in /etc/vx_filter.conf. A threshold is an object in
+-- JSON: {"SYS_THR_RUNQ": {"value": 8}}; everything else a plain number. Thresholds with
+-- `needs_port` disable monitoring when no port is set.
+health_policy.settings = {
+    { key = "SYS_CONF_CONN_REFUSAL_PORT", conf = "SYSTEM_CONNECTION_REFUSAL_PORT", max = 65535 },
+    { key = "SYS_CONF_CONN_REFUSAL_OUTBOUND", conf = "SYSTEM_CONNECTION_REFUSAL_OUTBOUND",
+      max = 1 },
+    { key = "SYS_CONF_RECOVER_FACTOR", conf = "SYSTEM_RECOVERY_FACTOR", max = 100 },
+    { key = "SYS_CONF_MIN_ACT_DURATION", conf = "SYSTEM_MIN_ACT_DURATION", max = 60 },
+    { key = "SYS_THR_CONN_REFUSAL_PCT", conf = "SYSTEM_CONNECTION_REFUSAL_PCT_THRESHOLD", max = 100,
+      threshold = true, needs_port = true },
+    { key = "SYS_THR_RUNQ", conf = "SYSTEM_RUNQ_PCT_THRESHOLD", max = 200, threshold = true },
+    { key = "SYS_THR_CONN_EST_PER_CPU", conf = "SYSTEM_CONNECTION_ESTABLISHED_PER_CPU",
+      max = 10000000, threshold = true, needs_port = true },
+    { key = "SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU", conf = "SYSTEM_TOTAL_SCAN_MBYTES_PER_CPU",
+      max = 100000, threshold = true, needs_port = true },
+    { key = "SYS_THR_FREE_MEM", conf = "SYSTEM_MIN_FREE_MEM_PCT", max = 25, threshold = true },
+    { key = "SYS_THR_MAX_ITERATION_INVL", conf = "SYSTEM_MAX_ITERATION_INTERVAL", max = 60,
+      threshold = true },
+    { key = "SYS_CONF_UNLOAD_DRIVER", conf = "SYSTEM_UNLOAD_DRIVER", max = 1 },
+}
+
+-- The module finds members whatever the case of their letters.
+local by_lower_key = {}
+for _, setting in ipairs(health_policy.settings) do by_lower_key[setting.key:lower()] = setting end
+
+-- ---- lists of complaints ----------------------------------------------------------------
+
+-- A policy may hold a hundred thousand members: the list ends with "and N more".
+local MOST_COMPLAINTS = 20
+
+local Complaints = {}
+Complaints.__index = Complaints
+
+function health_policy.complaints()
+    return setmetatable({ count = 0 }, Complaints)
+end
+
+function Complaints:has_room()
+    return self.count < MOST_COMPLAINTS
+end
+
+function Complaints:add(format, ...)
+    if self:has_room() then self[#self + 1] = format:format(...) end
+    self.count = self.count + 1
+end
+
+-- The list as a plain array.
+function Complaints:close()
+    local rest = self.count - MOST_COMPLAINTS
+    if rest > 0 then self[#self + 1] = ("and %d more"):format(rest) end
+    self.count = nil
+    return setmetatable(self, nil)
+end
+
+-- ---- names ------------------------------------------------------------------------------
+
+-- How many letters must be changed, added or removed to turn one name into the other.
+local function distance(from, to)
+    local row = {}
+    for j = 0, #to do row[j] = j end
+    for i = 1, #from do
+        local diagonal = row[0]
+        row[0] = i
+        for j = 1, #to do
+            local changed = diagonal + (from:byte(i) == to:byte(j) and 0 or 1)
+            diagonal, row[j] = row[j], math.min(changed, row[j] + 1, row[j - 1] + 1)
+        end
+    end
+    return row[#to]
+end
+
+local LONGEST_SHOWN = 60
+
+local function shorten(text)
+    return #text <= LONGEST_SHOWN and text or text:sub(1, LONGEST_SHOWN) .. "..."
+end
+
+-- Adds a warning about a name that no setting has. `field` is "key" in a policy, "conf" in
+-- the file; a name of the other kind leads to its setting as well.
+function Complaints:add_unknown(place, name, field)
+    local best, nearest
+    if self:has_room() and #name <= LONGEST_SHOWN then
+        for _, setting in ipairs(health_policy.settings) do
+            for _, candidate in ipairs { setting.key, setting.conf } do
+                local changes = distance(name:upper(), candidate)
+                if changes <= math.max(#name, #candidate) / 4 and changes < (nearest or math.huge) then
+                    best, nearest = setting[field], changes
+                end
+            end
+        end
+    end
+    self:add("%s'%s' is not a setting; it is ignored%s", place, shorten(name),
+        best and (" (did you mean '%s'?)"):format(best) or "")
+end
+
+-- ---- members ----------------------------------------------------------------------------
+
+-- Sorts the members that count from those that repeat an earlier one.
+local function first_of_each(members)
+    local firsts, repeated, seen = {}, {}, {}
+    for _, member in ipairs(members) do
+        local name = member.key:lower()
+        table.insert(seen[name] and repeated or firsts, member)
+        seen[name] = true
+    end
+    return firsts, repeated
+end
+
+-- The member "value" that counts, and whether there are several.
+local function value_of(threshold)
+    local found, again = nil, false
+    for _, member in ipairs(threshold.members or {}) do
+        if member.key:lower() == "value" then
+            found, again = found or member.value, found ~= nil
+        end
+    end
+    return found, again
+end
+
+local function as_number(value)
+    return value.type == "number" and value.value
+        or value.type == "string" and tonumber(value.value:match("^%s*(%d+%.?%d*)%s*$"))
+end
+
+-- What belongs there, with the number that the author wrote in the wrong form.
+local function wanted(setting, value)
+    local number = as_number(value_of(value) or value)
+    local text = number and ("%.14g"):format(number)
+    return setting.threshold and ('{"value": %s}'):format(text or "NUMBER") or text or "a number"
+end
+
+local NAMES = { object = 'an object without "value"', array = "an array" }
+
+local function shown(value)
+    local inner = value_of(value)
+    if inner then return ('{"value": %s}'):format(shown(inner)) end
+    if value.type == "number" then return ("%.14g"):format(value.value) end
+    if value.type == "string" then return '"' .. shorten(value.value) .. '"' end
+    return NAMES[value.type] or value.type
+end
+
+function health_policy.in_bounds(setting, number)
+    if setting.threshold then return number > 0 and number <= setting.max end
+    return number >= 0 and number <= setting.max
+end
+
+-- Returns the number that the module takes for this setting, or nil.
+local function check_member(setting, value, faults, warnings)
+    local source, again = value, false
+    if setting.threshold then source, again = value_of(value) end
+    if not source or source.type ~= "number" then
+        faults:add("%s must be %s, not %s%s", setting.key, wanted(setting, value), shown(value),
+            faults == warnings
+                and (setting.threshold and "; it is ignored" or "; it counts as 0") or "")
+        return not setting.threshold and 0 or nil
+    end
+    if again then warnings:add("%s has its value repeated; the first counts", setting.key) end
+    if health_policy.in_bounds(setting, source.value) then return source.value end
+    warnings:add("%s: %.14g is out of bounds (%s to %d); it is ignored", setting.key, source.value,
+        setting.threshold and "above 0" or "0", setting.max)
+end
+
+local function check_members(members, lenient)
+    local settings, warnings = {}, health_policy.complaints()
+    local faults = lenient and warnings or health_policy.complaints()
+    local firsts, repeated = first_of_each(members)
+    for _, member in ipairs(firsts) do
+        local setting = by_lower_key[member.key:lower()]
+        if setting then
+            settings[setting.key] = check_member(setting, member.value, faults, warnings)
+        else
+            warnings:add_unknown("", member.key, "key")
+        end
+    end
+    for _, member in ipairs(repeated) do
+        warnings:add("'%s' is repeated; the first counts", shorten(member.key))
+    end
+    if lenient or faults.count == 0 then return settings, warnings:close() end
+    return nil, faults[1] .. (faults.count > 1 and (" (and %d more)"):format(faults.count - 1) or "")
+end
+
+-- ---- the whole policy -------------------------------------------------------------------
+
+-- A line of /etc/vx_filter.conf in a text that is not JSON, named as such.
+local function conf_syntax(text)
+    local at, name = ("\n" .. text):match("\n[ \t]*()([%w_]+)[ \t]*=")
+    if not at or not (name:find("^SYSTEM_") or name:find("^SYS_")) then return end
+    return "a policy is JSON; NAME=NUMBER is the syntax of /etc/vx_filter.conf",
+        strict_json.place(text, at - 1)
+end
+
+local function parse(text)
+    local policy, message, line, column = strict_json.parse(text)
+    if policy then
+        if policy.type == "object" then return policy end
+        message, line, column = "a policy is a JSON object: {...}", 1, 1
+    elseif conf_syntax(text) then
+        message, line, column = conf_syntax(text)
+    end
+    return nil, ("line %d, column %d: %s"):format(line, column, message)
+end
+
+-- Returns the settings that will be in force, numbers by their keys, and an array of
+-- warnings, one for each member that is ignored (at most 20 and how many more). Or nil and
+-- what is wrong: not JSON, or a member of the wrong type. The module takes a plain number
+-- of the wrong type for 0 and ignores such a threshold; with `lenient` so does this, and
+-- warns.
+function health_policy.check(text, lenient)
+    local policy, fault = parse(text)
+    if not policy then return nil, fault end
+    return check_members(policy.members, lenient)
+end
+
+return health_policy
