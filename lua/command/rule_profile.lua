@@ -3,10 +3,12 @@
 --
 -- The payload is the listing of `nft -j list ruleset`, with one object "profile" at its end
 -- where profiling was on. Members that are missing or of another kind than expected are
--- passed over: the file may come from anywhere.
+-- passed over: the file may come from anywhere. A listing can have very many rules, so it
+-- is decoded object by object, and of a rule only its line is kept.
 
 local json = require "dkjson"
 
+local interruption = require "command.interruption"
 local printable = require "command.printable"
 local rule_text = require "command.rule_text"
 local text = require "command.text"
@@ -22,27 +24,35 @@ local function whole(value)
 end
 
 local function plain(value)
+    if type(value) == "string" then return printable(value) end
     return printable(type(value) == "table" and json.encode(value) or tostring(value))
 end
 
--- Chains of different tables bear the same names.
-local function chain_key(object)
-    return ("%s %s %s"):format(plain(object.family), plain(object.table),
-        plain(object.chain or object.name))
+-- The table at `name` in a tree of tables. Nested tables find what a composed key would
+-- name, in a time that does not depend on the names: of long strings Lua hashes every other
+-- byte only, so that names which differ in a few digits collide.
+local function child(tree, name)
+    local found = tree[name]
+    if not found then
+        found = {}
+        tree[name] = found
+    end
+    return found
 end
 
-local function rule_key(object)
-    return ("%s %s %s"):format(plain(object.family), plain(object.table), plain(object.handle))
+local function table_of(tree, object)
+    return child(child(tree, plain(object.family)), plain(object.table))
 end
 
 -- ---- collecting ---------------------------------------------------------------------------
 
+-- Chains of different tables may have the same name.
 local function chain_of(ruleset, object)
-    local key = chain_key(object)
-    local chain = ruleset.chains[key]
-    if not chain then
-        chain = { title = key, rules = {} }
-        ruleset.chains[key] = chain
+    local name = plain(object.chain or object.name)
+    local chain = child(table_of(ruleset.tree, object), name)
+    if not chain.rules then
+        chain.rules, chain.family, chain.table = {}, plain(object.family), plain(object.table)
+        chain.title = ("%s %s %s"):format(chain.family, chain.table, name)
         ruleset.chains[#ruleset.chains + 1] = chain
     end
     return chain
@@ -58,45 +68,6 @@ local function count_other(ruleset, kind)
     ruleset.others[kind] = (ruleset.others[kind] or 0) + 1
 end
 
-local collect = {
-    metainfo = function() end,
-    table = function(ruleset) ruleset.tables = ruleset.tables + 1 end,
-    chain = function(ruleset, chain) chain_of(ruleset, chain).hook = hook(chain) end,
-    rule = function(ruleset, rule)
-        local rules = chain_of(ruleset, rule).rules
-        rules[#rules + 1] = rule
-        ruleset.rules = ruleset.rules + 1
-    end,
-    counter = function(ruleset, counter) table.insert(ruleset.counters, counter) end,
-    profile = function(ruleset, profile)
-        ruleset.profile = { milliseconds = profile.milliseconds, ticks = profile.ticks, rules = {} }
-        for _, rule in ipairs(as_table(profile.rules)) do
-            rule = as_table(rule)
-            ruleset.profile.rules[rule.family and rule_key(rule) or plain(rule.handle)] = rule
-        end
-    end,
-}
-
-local function read(objects)
-    local ruleset = { tables = 0, rules = 0, chains = {}, counters = {}, others = {} }
-    for _, object in ipairs(objects) do
-        local kind, value = next(as_table(object))
-        if type(kind) == "string" and type(value) == "table" then
-            local take = collect[kind]
-            if take then take(ruleset, value) else count_other(ruleset, kind) end
-        end
-    end
-    return ruleset
-end
-
--- ---- rendering ----------------------------------------------------------------------------
-
-local function profiled(ruleset, rule)
-    if not ruleset.profile then return {} end
-    local rules = ruleset.profile.rules
-    return rules[rule_key(rule)] or rules[plain(rule.handle)] or {}
-end
-
 local function counter_of(rule)
     for _, statement in ipairs(as_table(rule.expr)) do
         local counter = as_table(statement).counter
@@ -105,15 +76,73 @@ local function counter_of(rule)
     return {}
 end
 
--- handle, packets, bytes, what was counted while profiling, the rule
-local function row(ruleset, rule)
-    local counter, since = counter_of(rule), profiled(ruleset, rule)
-    local cells = { whole(rule.handle), whole(counter.packets), whole(counter.bytes) }
-    if ruleset.profile then
-        cells[4], cells[5] = whole(since.packets), whole(since.bytes)
+local function add_rule(ruleset, rule)
+    local rules, counter = chain_of(ruleset, rule).rules, counter_of(rule)
+    rules[#rules + 1] = { whole(rule.handle), whole(counter.packets), whole(counter.bytes),
+                          rule_text.render(rule) }
+    ruleset.rules = ruleset.rules + 1
+end
+
+-- What was counted, by family, table and handle; a rule without a family is known by its
+-- handle alone.
+local function add_profile(ruleset, profile)
+    local tree, by_handle = {}, {}
+    for _, rule in ipairs(as_table(profile.rules)) do
+        rule = as_table(rule)
+        local handles = rule.family and table_of(tree, rule) or by_handle
+        if type(rule.handle) == "number" then
+            handles[whole(rule.handle)] = { whole(rule.packets), whole(rule.bytes) }
+        end
     end
-    cells[#cells + 1] = rule_text.render(rule)
-    return cells
+    ruleset.profile = { milliseconds = profile.milliseconds, ticks = profile.ticks,
+                        tree = tree, by_handle = by_handle }
+end
+
+local collect = {
+    metainfo = function() end,
+    table = function(ruleset) ruleset.tables = ruleset.tables + 1 end,
+    chain = function(ruleset, chain) chain_of(ruleset, chain).hook = hook(chain) end,
+    rule = add_rule,
+    counter = function(ruleset, counter)
+        table.insert(ruleset.counters, { whole(counter.packets), whole(counter.bytes),
+            ("%s %s %s"):format(plain(counter.family), plain(counter.table),
+                plain(counter.name)) })
+    end,
+    profile = add_profile,
+}
+
+local function take(ruleset, object)
+    local kind, value = next(as_table(object))
+    if type(kind) ~= "string" or type(value) ~= "table" then return end
+    if collect[kind] then collect[kind](ruleset, value) else count_other(ruleset, kind) end
+end
+
+local OBJECT = { __jsontype = "object" }  -- shows an empty object as {}
+
+-- Takes each object of the listing; false where the payload is not a listing.
+local function read(vxa, payload, ruleset)
+    local at, object = payload:match('^%s*{%s*"nftables"%s*:%s*%[%s*()'), nil
+    while at and payload:sub(at, at) ~= "]" do
+        interruption.check(vxa)
+        at, object = vxa.parse_json(payload, at, json.null, OBJECT)
+        if not at then return false end
+        take(ruleset, object)
+        at = payload:match("^%s*,%s*()", at) or payload:match("^%s*()%]", at)
+    end
+    return at and payload:find("^]%s*}%s*$", at) ~= nil
+end
+
+-- ---- rendering ----------------------------------------------------------------------------
+
+local NOT_COUNTED = { "-", "-" }
+
+-- Puts what was counted while profiling between the rule's counter and its text.
+local function add_profiled(profile, chain)
+    local handles = table_of(profile.tree, chain)
+    for _, rule in ipairs(chain.rules) do
+        local counted = handles[rule[1]] or profile.by_handle[rule[1]] or NOT_COUNTED
+        rule[4], rule[5], rule[6] = counted[1], counted[2], rule[4]
+    end
 end
 
 local function header(ruleset)
@@ -122,16 +151,18 @@ local function header(ruleset)
 end
 
 -- All rows share their columns, so the titles of the chains are put in between afterwards.
-local function rule_lines(ruleset)
+local function rule_lines(vxa, ruleset)
     local rows, titles = { header(ruleset) }, {}
     for _, chain in ipairs(ruleset.chains) do
         titles[#rows + 1] = chain.title .. (chain.hook or "")
         if #chain.rules == 0 then titles[#rows + 1] = nil end
-        for _, rule in ipairs(chain.rules) do rows[#rows + 1] = row(ruleset, rule) end
+        if ruleset.profile then add_profiled(ruleset.profile, chain) end
+        for _, rule in ipairs(chain.rules) do rows[#rows + 1] = rule end
     end
     local right = { true, true, true, ruleset.profile ~= nil, ruleset.profile ~= nil }
     local lines = {}
-    for i, line in ipairs(text.columns(rows, right)) do
+    local function proceed() interruption.check(vxa) end
+    for i, line in ipairs(text.columns(rows, right, proceed)) do
         if titles[i] then lines[#lines + 1] = titles[i] end
         lines[#lines + 1] = line
     end
@@ -140,13 +171,8 @@ end
 
 local function counter_lines(ruleset)
     if #ruleset.counters == 0 then return {} end
-    local rows = { { "packets", "bytes", "named counter" } }
-    for i, counter in ipairs(ruleset.counters) do
-        rows[i + 1] = { whole(counter.packets), whole(counter.bytes),
-                        ("%s %s %s"):format(plain(counter.family), plain(counter.table),
-                            plain(counter.name)) }
-    end
-    return text.columns(rows, { true, true })
+    table.insert(ruleset.counters, 1, { "packets", "bytes", "named counter" })
+    return text.columns(ruleset.counters, { true, true })
 end
 
 local function profiled_for(profile)
@@ -170,18 +196,15 @@ local function summary(ruleset)
     return table.concat(parts, ", ") .. "; " .. profiled_for(ruleset.profile)
 end
 
--- The profile as text, or nil and what is wrong with it.
+-- The profile as lines of text; nil where the payload is not a listing of rules.
 function rule_profile.render(vxa, payload)
-    local ok, message, line, column = vxa.check_json(payload)
-    if not ok then return nil, ("line %d, column %d: %s"):format(line, column, message) end
-    local objects = as_table(json.decode(payload, 1, json.null)).nftables
-    if type(objects) ~= "table" then return nil, "no listing of rules" end
-    local ruleset = read(objects)
+    local ruleset = { tables = 0, rules = 0, tree = {}, chains = {}, counters = {}, others = {} }
+    if not read(vxa, payload, ruleset) then return nil end
     local lines = { summary(ruleset) }
     if ruleset.rules > 0 then
-        for _, text_line in ipairs(rule_lines(ruleset)) do lines[#lines + 1] = text_line end
+        for _, line in ipairs(rule_lines(vxa, ruleset)) do lines[#lines + 1] = line end
     end
-    for _, text_line in ipairs(counter_lines(ruleset)) do lines[#lines + 1] = text_line end
+    for _, line in ipairs(counter_lines(ruleset)) do lines[#lines + 1] = line end
     return table.concat(lines, "\n")
 end
 

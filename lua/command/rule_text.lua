@@ -25,11 +25,12 @@ local function list(values, separator)
 end
 
 local function words(...)
-    local parts = {}
-    for _, value in ipairs { ... } do
-        if value ~= "" then parts[#parts + 1] = word(value) end
+    local line
+    for i = 1, select("#", ...) do
+        local value = select(i, ...)
+        if value ~= "" then line = line and line .. " " .. word(value) or word(value) end
     end
-    return table.concat(parts, " ")
+    return line or ""
 end
 
 local expressions = {

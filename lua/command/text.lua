@@ -55,25 +55,44 @@ function text.crossed(metric)
         relation, text.number(metric.threshold), units[metric.name])
 end
 
--- In characters, of which UTF-8 has one for every byte that continues none.
+-- In characters: UTF-8 has one byte for each that does not continue another.
 local function length(cell)
+    if not cell:find("[\128-\191]") then return #cell end
     return #cell - select(2, cell:gsub("[\128-\191]", ""))
 end
 
--- `rows` of texts with the same columns; `right` marks right-aligned ones by index.
-function text.columns(rows, right, gap)
+-- The last column of a row is never padded on its right.
+local function widths(rows, right)
     local width = {}
     for _, row in ipairs(rows) do
-        for i, cell in ipairs(row) do width[i] = math.max(width[i] or 0, length(cell)) end
-    end
-    local lines = {}
-    for n, row in ipairs(rows) do
-        local cells = {}
-        for i, cell in ipairs(row) do
-            local padding = (" "):rep(width[i] - length(cell))
-            cells[i] = right[i] and padding .. cell or i == #row and cell or cell .. padding
+        for i = 1, right[#row] and #row or #row - 1 do
+            local needed = length(row[i])
+            if needed > (width[i] or 0) then width[i] = needed end
         end
-        lines[n] = table.concat(cells, gap or "  "):gsub("%s+$", "")
+    end
+    return width
+end
+
+local function pad(cell, width, right)
+    local missing = (width or 0) - length(cell)
+    if missing <= 0 then return cell end
+    local padding = (" "):rep(missing)
+    return right and padding .. cell or cell .. padding
+end
+
+-- `rows` of strings with the same columns; `right` marks right-aligned ones by index. Calls
+-- `proceed`, if given, for each row: with very many it can raise an error to stop.
+function text.columns(rows, right, proceed)
+    local width, lines = widths(rows, right), {}
+    for n, row in ipairs(rows) do
+        if proceed then proceed() end
+        local cells, last = {}, #row
+        while last > 1 and row[last] == "" do last = last - 1 end
+        for i = 1, last do
+            local is_end = i == last and not right[i]
+            cells[i] = is_end and row[i] or pad(row[i], width[i], right[i])
+        end
+        lines[n] = table.concat(cells, "  ")
     end
     return lines
 end

@@ -14,7 +14,9 @@ void open_archive(lua_State* L);   // Archive.cpp: ZipOutputStream, zip_entries,
 void open_handle(lua_State* L);    // Handle.cpp: open, and the handle's methods
 void open_engine(lua_State* L);    // Engine.cpp: engine, engines, fault, simulate...
 void open_log(lua_State* L);       // Log.cpp: trace, verbose, log_to, capture, captured
-void open_system(lua_State* L);    // System.cpp: clock, files, environment, check_json
+void open_json(lua_State* L);      // Json.cpp: check_json, parse_json
+void open_system(lua_State* L);    // System.cpp: clock, files, environment
+void open_text(lua_State* L);      // Text.cpp: printable, hexdump
 void open_signals(lua_State* L);   // Signals.cpp: sleep, catch_signals, interrupted
 
 // The open handle that is argument 1; an argument error when there is none. [-0, +0, v]

@@ -9,7 +9,6 @@
 #include "LuaBoundary.h"
 #include "Module.h"
 #include "vxa_core/files.h"
-#include "vxa_core/json.h"
 
 namespace vxa {
 
@@ -113,27 +112,10 @@ int effective_user(lua_State* L)
     return 1;
 }
 
-int check_json(lua_State* L)
-{
-    size_t length = 0;
-    const char* text = luaL_checklstring(L, 1, &length);
-    VxaCore::Host::JsonProblem problem;
-    if (VxaCore::Host::CheckJson({text, length}, problem)) {
-        lua_pushboolean(L, 1);
-        return 1;
-    }
-    lua_pushnil(L);
-    lua_pushstring(L, problem.message);
-    lua_pushnumber(L, problem.line);
-    lua_pushnumber(L, problem.column);
-    return 4;
-}
-
 constexpr luaL_Reg kFunctions[] = {
     {"clock", clock},        {"setenv", set_environment},   {"mkdir", make_directory},
     {"rename", rename_file}, {"temporary", make_temporary}, {"file_kind", file_kind},
-    {"isatty", is_terminal}, {"euid", effective_user},      {"check_json", check_json},
-    {nullptr, nullptr},
+    {"isatty", is_terminal}, {"euid", effective_user},     {nullptr, nullptr},
 };
 
 }  // namespace

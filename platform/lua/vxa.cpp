@@ -42,7 +42,9 @@ int open_module(lua_State* L)
     open_handle(L);
     open_engine(L);
     open_log(L);
+    open_json(L);
     open_system(L);
+    open_text(L);
     open_signals(L);
     lua_pushliteral(L, VXA_VERSION);
     lua_setfield(L, -2, "version");

@@ -2,14 +2,17 @@
 
 #include <time.h>
 
+#include <algorithm>
 #include <cstdio>
 
 #include "vxa_core/files.h"
+#include "vxa_core/text.h"
 
 namespace VxaCore {
 
 namespace {
 
+constexpr size_t kHexRowBytes = 16;
 constexpr char kReplacement[] = "\xEF\xBF\xBD";  // U+FFFD
 
 void AppendCodePoint(std::string& out, char32_t c)
@@ -57,9 +60,53 @@ bool IsControl(char c)
 
 void AppendEscaped(std::string& out, const char* prefix, char c)
 {
-    char digits[3];
-    std::snprintf(digits, sizeof digits, "%02x", static_cast<unsigned>(c) & 0xFF);
-    out.append(prefix).append(digits);
+    constexpr char digits[] = "0123456789abcdef";
+    const auto byte = static_cast<unsigned char>(c);
+    ((out += prefix) += digits[byte >> 4]) += digits[byte & 0xF];
+}
+
+// C1 controls; marks, embeddings and isolates of direction with the characters of no
+// width beside them, and the deprecated ones that shape what follows; separators of lines.
+bool IsUnsafe(char32_t c)
+{
+    static constexpr char32_t kRanges[][2] = {{0x80, 0x9F},     {0x61C, 0x61C},   {0x200B, 0x200F},
+                                              {0x2028, 0x202E}, {0x2066, 0x206F}, {0xFEFF, 0xFEFF}};
+    return std::any_of(std::begin(kRanges), std::end(kRanges),
+                       [c](const auto& range) { return c >= range[0] && c <= range[1]; });
+}
+
+// `sequence` must be well formed and of more than one byte.
+char32_t CodePoint(std::string_view sequence)
+{
+    char32_t value = static_cast<unsigned char>(sequence[0]) & (0x7Fu >> sequence.size());
+    for (size_t i = 1; i < sequence.size(); ++i)
+        value = value << 6 | (static_cast<unsigned char>(sequence[i]) & 0x3Fu);
+    return value;
+}
+
+// Whether a terminal may get this well-formed sequence.
+bool IsPrintable(std::string_view sequence, bool multiline)
+{
+    const char first = sequence[0];
+    if (IsControl(first)) return multiline && (first == '\n' || first == '\t');
+    return sequence.size() == 1 || !IsUnsafe(CodePoint(sequence));
+}
+
+void AppendHexRow(std::string& out, std::string_view row, std::uint64_t offset)
+{
+    char place[20];
+    out.append(place, static_cast<size_t>(std::snprintf(
+                          place, sizeof place, "%08llx  ", static_cast<unsigned long long>(offset))));
+    for (size_t i = 0; i < kHexRowBytes; ++i) {
+        if (i < row.size())
+            AppendEscaped(out, "", row[i]);
+        else
+            out += "  ";
+        out += ' ';
+    }
+    out += ' ';
+    for (const char c : row) out += c >= 0x20 && c < 0x7F ? c : '.';
+    out += '\n';
 }
 
 }  // namespace
@@ -135,6 +182,30 @@ void AppendTime(std::string& out, double time_s)
     const auto total_us = static_cast<long long>(time_s * 1e6 + 0.5);
     std::snprintf(digits, sizeof digits, "%lld.%06lld", total_us / 1000000, total_us % 1000000);
     out += digits;
+}
+
+std::string Host::Printable(std::string_view bytes, bool multiline)
+{
+    std::string out;
+    out.reserve(bytes.size());
+    while (!bytes.empty()) {
+        const size_t length = SequenceLength(bytes);
+        const std::string_view taken = bytes.substr(0, std::max<size_t>(length, 1));
+        if (length > 0 && IsPrintable(taken, multiline))
+            out += taken;
+        else
+            for (const char c : taken) AppendEscaped(out, "\\x", c);
+        bytes.remove_prefix(taken.size());
+    }
+    return out;
+}
+
+std::string Host::HexDump(std::string_view bytes, std::uint64_t offset)
+{
+    std::string out;
+    for (size_t at = 0; at < bytes.size(); at += kHexRowBytes)
+        AppendHexRow(out, bytes.substr(at, kHexRowBytes), offset + at);
+    return out;
 }
 
 bool Host::IsDocumentText(std::string_view bytes)

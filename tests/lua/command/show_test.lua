@@ -5,6 +5,7 @@ local printable = require "command.printable"
 local rule_profile = require "command.rule_profile"
 local rule_text = require "command.rule_text"
 local json = require "dkjson"
+local vxa = require "vxa"
 
 -- Bytes, and what a terminal gets.
 local texts = {
@@ -62,8 +63,6 @@ for _, row in ipairs(rules) do
     end)
 end
 
-local accepting = { check_json = function() return true end }
-
 local function listing(objects)
     return '{"nftables": [{"metainfo": {}}, {"table": {"family": "ip", "name": "t"}}, ' ..
         '{"chain": {"family": "ip", "table": "t", "name": "c", "type": "filter", "hook": "input", ' ..
@@ -94,7 +93,7 @@ local profiles = {
 
 for i, row in ipairs(profiles) do
     cases.case("profile " .. i, function()
-        local shown, line = rule_profile.render(accepting, listing(row[1])), 0
+        local shown, line = rule_profile.render(vxa, listing(row[1])), 0
         for text in (shown .. "\n"):gmatch("(.-)\n") do
             line = line + 1
             cases.matches(text, row[2][line] or "no such line", "line " .. line)
@@ -104,8 +103,9 @@ for i, row in ipairs(profiles) do
 end
 
 cases.case("what is no listing", function()
-    cases.equal({ rule_profile.render(accepting, "[1]") }, { nil, "no listing of rules" }, "list")
-    cases.equal({ rule_profile.render(accepting, "7") }, { nil, "no listing of rules" }, "number")
+    for _, payload in ipairs { "[1]", "7", '{"nftables": 7}', listing ", {]", listing("") .. "x" } do
+        cases.equal(rule_profile.render(vxa, payload), nil, payload)
+    end
 end)
 
 cases.finish()

@@ -205,6 +205,13 @@ for _, case in ipairs {
     same({ message, line, column }, { case[2], case[3], case[4] }, case[1])
 end
 
+local object = { __jsontype = "object" }
+local after, parsed = vxa.parse_json('[7, {"a": [null, "b"]}]', 5, "none", object)
+same({ after, parsed, getmetatable(parsed) }, { 23, { a = { "none", "b" } }, object }, "parse_json")
+same(vxa.parse_json("[7, }]", 5, "none", object), nil, "no value")
+same(vxa.parse_json("", 1, "none", object), nil, "end of the text")
+same(vxa.hexdump(("a"):rep(17) .. "\0", 255), "000000ff  " .. ("61 "):rep(16) .. " "
+    .. ("a"):rep(16) .. "\n0000010f  61 00 " .. (" "):rep(43) .. "a.\n", "hexdump")
 same(vxa.mkdir(scratch .. "/a/b/c/"), true, "mkdir")
 same(vxa.mkdir(scratch .. "/a/b"), true, "mkdir of what stands")
 refused(log .. " is not a directory", vxa.mkdir(log .. "/x"))

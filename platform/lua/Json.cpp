@@ -1,0 +1,122 @@
+// JSON for scripts: checking a text, and reading values out of a long one piece by piece.
+#include "vxa_core/json.h"
+
+#include <cjson/cJSON.h>
+
+#include <memory>
+
+#include "LuaBoundary.h"
+#include "Module.h"
+
+namespace vxa {
+
+namespace {
+
+struct DeleteJson {
+    void operator()(cJSON* item) const { cJSON_Delete(item); }
+};
+using Json = std::unique_ptr<cJSON, DeleteJson>;
+
+int check_json(lua_State* L)
+{
+    size_t length = 0;
+    const char* text = luaL_checklstring(L, 1, &length);
+    VxaCore::Host::JsonProblem problem;
+    if (VxaCore::Host::CheckJson({text, length}, problem)) {
+        lua_pushboolean(L, 1);
+        return 1;
+    }
+    lua_pushnil(L);
+    lua_pushstring(L, problem.message);
+    lua_pushnumber(L, problem.line);
+    lua_pushnumber(L, problem.column);
+    return 4;
+}
+
+// Where parse_json has its arguments.
+constexpr int kText = 1;
+constexpr int kPosition = 2;
+constexpr int kNull = 3;
+constexpr int kObjectMetatable = 4;
+
+void push_json(lua_State* L, const cJSON* item);
+
+// [-0, +1, m]
+void push_array(lua_State* L, const cJSON* array)
+{
+    lua_newtable(L);
+    int index = 0;
+    for (const cJSON* element = array->child; element; element = element->next) {
+        push_json(L, element);
+        lua_rawseti(L, -2, ++index);
+    }
+}
+
+// [-0, +1, m]
+void push_object(lua_State* L, const cJSON* object)
+{
+    lua_newtable(L);
+    for (const cJSON* member = object->child; member; member = member->next) {
+        lua_pushstring(L, member->string);
+        push_json(L, member);
+        lua_rawset(L, -3);
+    }
+    lua_pushvalue(L, kObjectMetatable);
+    lua_setmetatable(L, -2);
+}
+
+// The parser nests values 1000 deep at most. [-0, +1, m]
+void push_json(lua_State* L, const cJSON* item)
+{
+    luaL_checkstack(L, 4, "JSON is nested too deeply");
+    if (cJSON_IsArray(item))
+        push_array(L, item);
+    else if (cJSON_IsObject(item))
+        push_object(L, item);
+    else if (cJSON_IsString(item))
+        lua_pushstring(L, item->valuestring);
+    else if (cJSON_IsNumber(item))
+        lua_pushnumber(L, item->valuedouble);
+    else if (cJSON_IsBool(item))
+        lua_pushboolean(L, cJSON_IsTrue(item));
+    else
+        lua_pushvalue(L, kNull);
+}
+
+// The position after the value at `position`, and the value; nil when there is none.
+int parse_json(lua_State* L)
+{
+    size_t length = 0;
+    const char* text = luaL_checklstring(L, kText, &length);
+    const double position = luaL_checknumber(L, kPosition);
+    luaL_argcheck(L, position >= 1 && position <= static_cast<double>(length) + 1, kPosition,
+                  "a position in the text expected");
+    luaL_checkany(L, kNull);
+    luaL_checktype(L, kObjectMetatable, LUA_TTABLE);
+    lua_settop(L, kObjectMetatable);
+    auto* item = new_holder<Json>(L);
+    const char* end = nullptr;
+    const size_t skipped = static_cast<size_t>(position) - 1;
+    item->reset(cJSON_ParseWithLengthOpts(text + skipped, length - skipped, &end, false));
+    if (!*item) return 0;
+    lua_pushnumber(L, static_cast<lua_Number>(end - text + 1));
+    push_json(L, item->get());
+    item->reset();  // before the collector would: a long text has many values
+    return 2;
+}
+
+constexpr luaL_Reg kFunctions[] = {
+    {"check_json", check_json},
+    {"parse_json", parse_json},
+    {nullptr, nullptr},
+};
+
+}  // namespace
+
+void open_json(lua_State* L)
+{
+    register_holder<Json>(L);
+    luaL_setfuncs(L, kFunctions, 0);
+}
+
+}  // namespace vxa
