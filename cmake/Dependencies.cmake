@@ -27,6 +27,7 @@ target_link_libraries(wx_base INTERFACE ${wx_libs})
 
 add_library(slb3 INTERFACE)
 target_link_libraries(slb3 INTERFACE lua_headers)
+target_link_libraries(slb3 INTERFACE ${FC_SLB3_LIBRARY})
 if(FC_SLB3_INCLUDE_DIR)
     target_include_directories(slb3 SYSTEM INTERFACE ${FC_SLB3_INCLUDE_DIR})
 else()
@@ -45,6 +46,13 @@ foreach(import vxi vxa_core)
         set_target_properties(${import} PROPERTIES IMPORTED_LOCATION ${${given}})
     endif()
 endforeach()
+
+# The library exports what its exports.map lists, and nothing else.
+function(limit_exports target)
+    set(list ${CMAKE_CURRENT_SOURCE_DIR}/exports.map)
+    target_link_options(${target} PRIVATE -Wl,--version-script=${list})
+    set_target_properties(${target} PROPERTIES LINK_DEPENDS ${list})
+endfunction()
 
 # The host modules of a preset, loaded by Lua as NAME.so from its lib folder.
 function(add_lua_module name)

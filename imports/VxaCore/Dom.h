@@ -63,6 +63,6 @@ private:
 }  // namespace VxaCore
 
 SLB3_DECLARATION(VxaCore::CDom, "SLB.Dom", policy::NoDelete)
-// One instance for all libraries, in the library that owns the class: SLB3 tells
+// One instance for all libraries, exported by the library that owns the class: SLB3 tells
 // classes apart by a function's address.
-extern template struct SLB3::policy::NoDelete::Implementation<VxaCore::CDom>;
+extern template struct VXA_CORE_API SLB3::policy::NoDelete::Implementation<VxaCore::CDom>;

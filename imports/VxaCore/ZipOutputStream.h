@@ -39,4 +39,5 @@ private:
 }  // namespace VxaCore
 
 SLB3_DECLARATION(VxaCore::CZipOutputStream, "SLB.wx.ZipOutputStream", policy::NoDelete)
-extern template struct SLB3::policy::NoDelete::Implementation<VxaCore::CZipOutputStream>;
+extern template struct VXA_CORE_API
+    SLB3::policy::NoDelete::Implementation<VxaCore::CZipOutputStream>;

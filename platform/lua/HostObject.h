@@ -73,10 +73,14 @@ Owner<T>* push_host_object(lua_State* L)
     return owner;
 }
 
-// The object at `index`; an argument error unless it is a live T. [-0, +0, v]
+// The object at `index`; an argument error unless it is a live T. The metatable is checked
+// first, because SLB3 may take any userdata for an object of its own. [-0, +0, v]
 template <typename T>
 T& check_host_object(lua_State* L, int index, const char* expected)
 {
+    if (!luaL_testudata(L, index, SLB3::Wrapper<T>::GetName()) ||
+        lua_rawlen(L, index) < kSlbPointerOffset + sizeof(void*))
+        luaL_argerror(L, index, expected);
     const auto found = SLB3::internal::GetOrConvertPtr<T>(L, index);
     if (!found.first || found.second) luaL_argerror(L, index, expected);
     return *found.first;

@@ -7,9 +7,35 @@
 namespace fc {
 namespace {
 
+constexpr std::size_t kSlbHeaderBytes = 24;
+
+// Whether the metatable on top is the one that the registry has for its own `__class`: a
+// class of SLB3. Raw accesses, because the metatable may come from a script. [-0, +0, m]
+bool IsClassMetatable(lua_State* L)
+{
+    lua_pushliteral(L, "__class");
+    lua_rawget(L, -2);
+    if (lua_type(L, -1) == LUA_TSTRING) lua_rawget(L, LUA_REGISTRYINDEX);
+    const bool is_class = lua_rawequal(L, -1, -2) != 0;
+    lua_pop(L, 1);
+    return is_class;
+}
+
+// Checked before SLB3 is asked, which may take any userdata for an object of its own: a
+// script that swaps two arguments must not end the process. [-0, +0, m]
+bool IsSlbObject(lua_State* L, int arg)
+{
+    if (lua_type(L, arg) != LUA_TUSERDATA || lua_rawlen(L, arg) < kSlbHeaderBytes) return false;
+    if (!lua_getmetatable(L, arg)) return false;
+    const bool is_object = IsClassMetatable(L);
+    lua_pop(L, 1);
+    return is_object;
+}
+
 template <typename T>
 T* TestHostObject(lua_State* L, int arg)
 {
+    if (!IsSlbObject(L, arg)) return nullptr;
     const std::pair<T*, bool> object = SLB3::internal::GetOrConvertPtr<T>(L, arg);
     return object.second ? nullptr : object.first;
 }

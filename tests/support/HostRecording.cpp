@@ -56,6 +56,7 @@ bool CZipOutputStream::AddFromStream(wxInputStream& in, bool text, const wxStrin
 }  // namespace VxaCore
 
 template struct SLB3::policy::NoDelete::Implementation<VxaCore::CDom>;
+template struct SLB3::policy::NoDelete::Implementation<VxaCore::CZipOutputStream>;
 
 namespace {
 

@@ -26,7 +26,7 @@ Found Convert(lua_State* L)
 void PushOfOtherHeaders(lua_State* L, Dog* dog)
 {
     SLB3::Value<Dog*>::Push(L, dog);
-    auto* object = static_cast<SLB3::internal::Object*>(lua_touserdata(L, -1));
+    auto* object = static_cast<SLB3::internal::ObjHeader*>(lua_touserdata(L, -1));
     object->flags = 1;
     object->parents = reinterpret_cast<const SLB3::internal::ParentRef*>(1);
 }
@@ -123,6 +123,26 @@ TEST_F(Conversion, IsIndependentOfWhoMadeTheObject)
                                   "maker.take(taker.make()) .. taker.take(taker.make()) .. "
                                   "tostring(pcall(taker.take, io.stdout))";
         EXPECT_EQ(Evaluate(fresh.L, chunk), "makermakertakertakerfalse") << order;
+    }
+}
+
+// The product, the stand-ins and a library built with the original, in both load orders.
+TEST_F(Conversion, IsIndependentOfWhichLibraryMadeTheObject)
+{
+    const char* const load_original = "original = require 'slb3_original' theirs = original.make()";
+    const char* const load_ours = "require 'fc' vxa = require 'vxa' ours = vxa.Dom()";
+    for (const bool first : {true, false}) {
+        LuaHost fresh;
+        ASSERT_EQ(fresh.Run("package.cpath = package.cpath .. ';" SLB3_MODULES "'"), "");
+        ASSERT_EQ(fresh.Run(first ? load_original : load_ours), "");
+        ASSERT_EQ(fresh.Run(first ? load_ours : load_original), "");
+        EXPECT_EQ(fresh.Run("local check = SLB.filter.CheckSystemHealthMetrics "
+                            "assert(check(theirs, 'Deactivated', '').action ~= 6) "
+                            "assert(check(ours, 'Deactivated', '').action ~= 6) "
+                            "assert(original.take(ours)) "
+                            "if SLB.Dom then assert(SLB.Dom.set(theirs, 'key', 1)) end "
+                            "assert(not pcall(original.take, vxa.ZipOutputStream('/dev/null')))"),
+                  "");
     }
 }
 

@@ -16,7 +16,6 @@ SLB3_IMPLEMENTATION(VxaCore::CZipOutputStream, binding)
 {
     (void)binding;
 }
-template struct SLB3::policy::NoDelete::Implementation<VxaCore::CZipOutputStream>;
 
 namespace {
 

@@ -25,6 +25,3 @@ extern "C" {
 // On templates with static records: exported, these would be process-wide unique
 // symbols, which keep the library that holds them from ever being unloaded.
 #define SLB3_INTERNAL_LOCAL __attribute__((visibility("hidden")))
-
-// What the library that owns a class defines for others that link with it.
-#define SLB3_INTERNAL_PUBLIC __attribute__((visibility("default")))

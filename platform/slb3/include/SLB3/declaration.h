@@ -8,14 +8,15 @@
 //
 // In a header shared between libraries add
 //
-//     extern template struct SLB3::policy::NoDelete::Implementation<Dom>;
+//     extern template struct API SLB3::policy::NoDelete::Implementation<Dom>;
 //
-// and in one source of the library that owns the class
+// where API gives default visibility, and in one source of the library that owns the class
 //
 //     template struct SLB3::policy::NoDelete::Implementation<Dom>;
 //
 // These headers recognise a class by its metatable and work without the two lines; the
-// original library tells classes apart by the address of a function in there.
+// original library tells classes apart by the address of a function in there, which must
+// be one in the whole process.
 #pragma once
 
 #include "SLB3/objectheader.h"
@@ -44,10 +45,11 @@ namespace policy {
 // Scripts may own instances, which the collector destroys; pointers are never deleted.
 struct Default {
     template <typename T>
-    struct SLB3_INTERNAL_PUBLIC Implementation {
-        static void* Unpack(const internal::Object& object)
+    struct Implementation {
+        static void* Unpack(const Object& object)
         {
-            if (object.type == internal::kInstance) return internal::InstanceAddress<T>(object);
+            if (object.header->type == internal::kInstance)
+                return internal::InstanceAddress<T>(object.data);
             return internal::StoredPointer(object);
         }
         static void Destroy(void* instance) { static_cast<T*>(instance)->~T(); }
@@ -58,11 +60,8 @@ struct Default {
 // Scripts hold pointers only; the objects belong to someone else.
 struct NoDelete {
     template <typename T>
-    struct SLB3_INTERNAL_PUBLIC Implementation {
-        static void* Unpack(const internal::Object& object)
-        {
-            return internal::StoredPointer(object);
-        }
+    struct Implementation {
+        static void* Unpack(const Object& object) { return internal::StoredPointer(object); }
     };
     static constexpr bool kInstances = false;
 };
@@ -70,15 +69,15 @@ struct NoDelete {
 }  // namespace policy
 }  // namespace SLB3
 
-#define SLB3_INTERNAL_DECLARATION(Type, Name, Policy_, Parents_)                      \
-    namespace SLB3 {                                                                  \
-    template <>                                                                       \
-    struct Wrapper<Type> {                                                            \
-        typedef Policy_ Policy;                                                       \
-        typedef Parents_ Parents;                                                     \
-        static const char* GetName() { return Name; }                                 \
-        SLB3_INTERNAL_PUBLIC static void Register(internal::Class<Type>& registered); \
-    };                                                                                \
+#define SLB3_INTERNAL_DECLARATION(Type, Name, Policy_, Parents_) \
+    namespace SLB3 {                                             \
+    template <>                                                  \
+    struct Wrapper<Type> {                                       \
+        typedef Policy_ Policy;                                  \
+        typedef Parents_ Parents;                                \
+        static const char* GetName() { return Name; }            \
+        static void Register(internal::Class<Type>& registered); \
+    };                                                           \
     }
 
 #define SLB3_DECLARATION(Type, Name, Policy_) \

@@ -19,22 +19,22 @@ namespace internal {
 // `__gc` and `__eq` carry the class's metatable as their upvalue: scripts can call
 // them with anything, and finding the metatable by name would need memory just when
 // an instance is to be freed. [-0, +0, -]
-inline Object* OwnObject(lua_State* L, int index)
+inline ObjHeader* OwnObject(lua_State* L, int index)
 {
     if (lua_type(L, index) != LUA_TUSERDATA || !lua_getmetatable(L, index)) return nullptr;
     const bool own = lua_rawequal(L, -1, lua_upvalueindex(1)) != 0;
     lua_pop(L, 1);
-    if (!own || lua_rawlen(L, index) < sizeof(Object)) return nullptr;
-    return static_cast<Object*>(lua_touserdata(L, index));
+    if (!own || lua_rawlen(L, index) < sizeof(ObjHeader)) return nullptr;
+    return static_cast<ObjHeader*>(lua_touserdata(L, index));
 }
 
 template <typename T>
 int CollectObject(lua_State* L)
 {
     typedef typename Wrapper<T>::Policy::template Implementation<T> Implementation;
-    Object* object = OwnObject(L, 1);
+    ObjHeader* object = OwnObject(L, 1);
     if (object != nullptr && object->type == kInstance) {
-        void* instance = object->unpack(*object);
+        void* instance = Unpack(*object);
         object->type = kInvalid;
         Implementation::Destroy(instance);
     }
@@ -43,11 +43,11 @@ int CollectObject(lua_State* L)
 
 inline int SameObject(lua_State* L)
 {
-    const Object* left = OwnObject(L, 1);
-    const Object* right = OwnObject(L, 2);
-    const void* object = left != nullptr ? left->unpack(*left) : nullptr;
+    ObjHeader* left = OwnObject(L, 1);
+    ObjHeader* right = OwnObject(L, 2);
+    const void* object = left != nullptr ? Unpack(*left) : nullptr;
     // What is gone, or was null from the start, is the same as nothing else.
-    lua_pushboolean(L, object != nullptr && right != nullptr && object == right->unpack(*right));
+    lua_pushboolean(L, object != nullptr && right != nullptr && object == Unpack(*right));
     return 1;
 }
 

@@ -15,6 +15,16 @@ template <typename T>
 struct Wrapper;
 
 namespace internal {
+struct ObjHeader;
+}
+
+// An object as its class's function takes it: made for the call from a userdata block.
+struct Object {
+    internal::ObjHeader* header;
+    void* data;  // right after the header
+};
+
+namespace internal {
 
 enum ObjectType : unsigned {
     kInvalid = 0,       // no object yet, or destroyed
@@ -31,15 +41,21 @@ struct ParentRef {
 
 // The head of every object's userdata block; the data follow it. The layout is shared
 // with the original library: an object made there is understood here.
-struct Object {
+struct ObjHeader {
     unsigned type : 2;
     unsigned flags : 30;
     void* (*unpack)(const Object& object);
     const ParentRef* parents;
 };
-static_assert(sizeof(Object) == 24 && offsetof(Object, unpack) == 8 &&
-                  offsetof(Object, parents) == 16,
+static_assert(sizeof(ObjHeader) == 24 && offsetof(ObjHeader, unpack) == 8 &&
+                  offsetof(ObjHeader, parents) == 16 && sizeof(Object) == 16,
               "objects cross shared libraries: their layout is fixed");
+
+// What the object's own class finds in the block, whichever library that is of.
+inline void* Unpack(ObjHeader& header)
+{
+    return header.unpack(Object{&header, &header + 1});
+}
 
 // In `flags`: `parents` points to a list of this layout. Objects made elsewhere may
 // keep something else there.
@@ -47,16 +63,16 @@ constexpr unsigned kParentsReadable = 0x15AB3F0D;
 
 inline void* StoredPointer(const Object& object)
 {
-    return object.type == kPointer || object.type == kConstPointer
-               ? *reinterpret_cast<void* const*>(&object + 1)
+    return object.header->type == kPointer || object.header->type == kConstPointer
+               ? *static_cast<void**>(object.data)
                : nullptr;
 }
 
 // Lua aligns a block to 8 bytes only; the room for more is reserved by NewInstance.
 template <typename T>
-void* InstanceAddress(const Object& object)
+void* InstanceAddress(void* data)
 {
-    const std::uintptr_t start = reinterpret_cast<std::uintptr_t>(&object + 1);
+    const std::uintptr_t start = reinterpret_cast<std::uintptr_t>(data);
     return reinterpret_cast<void*>((start + alignof(T) - 1) / alignof(T) * alignof(T));
 }
 
@@ -110,11 +126,11 @@ inline bool IsClassMetatable(lua_State* L, int index)
 
 // The object at `index` with its metatable pushed, or null with nothing pushed for
 // everything else, other libraries' userdata included. [-0, +(0|1), m]
-inline Object* PushMetatableOfObject(lua_State* L, int index)
+inline ObjHeader* PushMetatableOfObject(lua_State* L, int index)
 {
-    if (lua_type(L, index) != LUA_TUSERDATA || lua_rawlen(L, index) < sizeof(Object))
+    if (lua_type(L, index) != LUA_TUSERDATA || lua_rawlen(L, index) < sizeof(ObjHeader))
         return nullptr;
-    Object* object = static_cast<Object*>(lua_touserdata(L, index));
+    ObjHeader* object = static_cast<ObjHeader*>(lua_touserdata(L, index));
     if (!lua_getmetatable(L, index)) return nullptr;
     if (IsClassMetatable(L, -1)) return object;
     lua_pop(L, 1);
@@ -122,7 +138,7 @@ inline Object* PushMetatableOfObject(lua_State* L, int index)
 }
 
 // The entry of the object's list of base classes with this name, or null.
-inline const ParentRef* FindParent(const Object& object, const char* name)
+inline const ParentRef* FindParent(const ObjHeader& object, const char* name)
 {
     if (object.flags != kParentsReadable || object.parents == nullptr) return nullptr;
     const ParentRef* parent = object.parents;
@@ -133,14 +149,14 @@ inline const ParentRef* FindParent(const Object& object, const char* name)
 // GetOrConvertPtr for the class of this name. [-0, +0, m]
 inline std::pair<void*, bool> GetOrConvert(lua_State* L, int index, const char* name)
 {
-    const Object* object = PushMetatableOfObject(L, index);
+    ObjHeader* object = PushMetatableOfObject(L, index);
     if (object == nullptr) return std::pair<void*, bool>(nullptr, true);
     PushRegistered(L, name);
     const bool exact = lua_rawequal(L, -1, -2) != 0;
     lua_pop(L, 2);
     const ParentRef* parent = exact ? nullptr : FindParent(*object, name);
     if (!exact && parent == nullptr) return std::pair<void*, bool>(nullptr, false);
-    void* instance = object->unpack(*object);
+    void* instance = Unpack(*object);
     if (parent != nullptr && instance != nullptr) instance = parent->adjust(instance);
     return std::pair<void*, bool>(instance, object->type == kConstPointer);
 }

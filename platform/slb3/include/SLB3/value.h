@@ -52,9 +52,9 @@ void PushRAWFunc(lua_State* L, T function, lua_CFunction call)
 
 // Constructs the object of a holder from `make()`. [-0, +0, v]
 template <typename T, typename Make>
-void FillInstance(lua_State* L, Object* object, Make&& make)
+void FillInstance(lua_State* L, ObjHeader* object, Make&& make)
 {
-    Guarded(L, [&] { new (InstanceAddress<T>(*object)) T(make()); });
+    Guarded(L, [&] { new (InstanceAddress<T>(object + 1)) T(make()); });
     object->type = kInstance;
 }
 
