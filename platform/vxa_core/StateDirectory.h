@@ -12,8 +12,7 @@ namespace VxaCore {
 // texts, empty for success.
 class StateDirectory {
 public:
-    // Makes, locks and opens it. Throws std::runtime_error, before anything is written
-    // where one of the files could be another file of the system.
+    // Makes, locks and opens it. Throws std::runtime_error.
     explicit StateDirectory(const std::string& path);
     ~StateDirectory();
 
@@ -32,13 +31,10 @@ public:
 
 private:
     void Lock();
-    void WriteHolder();
-    void MendEvents();
+    void OpenEvents();
     std::string Failure(const char* what, const char* name) const;
     std::string Failure(const char* what, const char* name, const std::string& reason) const;
-    FileDescriptor Open(const char* name, int flags, std::string& reason) const;
     FileDescriptor OpenForWriting(const char* name, int flags) const;
-    FileDescriptor OpenDocument() const;
     std::string WriteTemporary(const std::string& text);
 
     std::string m_path;

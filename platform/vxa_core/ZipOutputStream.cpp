@@ -80,21 +80,37 @@ private:
     int m_errno = 0;
 };
 
-// The open file and its compressor, a quarter of a megabyte of buffers.
-struct Writer {
-    explicit Writer(FileDescriptor file) : sink(std::move(file)), zip(sink, kCompressionLevel, utf8)
+}  // namespace
+
+struct CZipOutputStream::Archive::Content {
+    Content(const std::string& path_, FileDescriptor file)
+        : path(path_), sink(std::move(file)), zip(sink, kCompressionLevel, utf8)
     {
     }
 
     // Copies to the input's end; false when either side fails.
     bool Copy(wxInputStream& in);
+    void Fail(const std::string& reason)
+    {
+        if (problem.empty()) problem = reason;
+    }
+    // The reason of a write failure: the file's, else the zip writer's.
+    std::string WriteProblem() const
+    {
+        return "cannot write " + path + ": " +
+               (sink.error_number() ? ErrorText(sink.error_number()) : "zip writer failed");
+    }
 
+    std::string path;
     FileSink sink;
     wxMBConvUTF8 utf8;  // the shared one is set up on first use, without a lock
     wxZipOutputStream zip;
+    std::string problem;  // the first
+    bool broken = false;  // the file cannot be written: no further entries
+    bool closed = false;
 };
 
-bool Writer::Copy(wxInputStream& in)
+bool CZipOutputStream::Archive::Content::Copy(wxInputStream& in)
 {
     std::vector<char> chunk(kChunkBytes);
     for (;;) {
@@ -106,26 +122,6 @@ bool Writer::Copy(wxInputStream& in)
     }
 }
 
-}  // namespace
-
-struct CZipOutputStream::Archive::Content {
-    void Fail(const std::string& reason)
-    {
-        if (problem.empty()) problem = reason;
-    }
-    // With the file's reason, else the zip writer's.
-    void FailToWrite(const FileSink& sink)
-    {
-        Fail("cannot write " + path + ": " +
-             (sink.error_number() ? ErrorText(sink.error_number()) : "zip writer failed"));
-    }
-
-    std::string path;
-    std::unique_ptr<Writer> writer;  // null once closed
-    std::string problem;             // the first
-    bool broken = false;             // the file cannot be written: no further entries
-};
-
 CZipOutputStream::Archive::Archive(std::unique_ptr<Content> content) : m_content(std::move(content))
 {
 }
@@ -135,17 +131,14 @@ std::unique_ptr<CZipOutputStream::Archive> CZipOutputStream::Archive::Create(
 {
     FileDescriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     if (!file) throw std::runtime_error("cannot write " + path + ": " + ErrorText(errno));
-    auto content = std::make_unique<Content>();
-    content->path = path;
-    content->writer = std::make_unique<Writer>(std::move(file));
-    return std::unique_ptr<Archive>(new Archive(std::move(content)));
+    return std::unique_ptr<Archive>(new Archive(std::make_unique<Content>(path, std::move(file))));
 }
 
 CZipOutputStream::Archive::~Archive()
 {
     try {
         std::string error;
-        if (m_content->writer && !Close(error))
+        if (!m_content->closed && !Close(error))
             wxLogError("archive: %s", wxString::FromUTF8(CleanUtf8(error.c_str()).c_str()));
     } catch (const std::exception& failure) {
         ReportLostRecord(failure.what());
@@ -156,17 +149,15 @@ bool CZipOutputStream::Archive::Add(wxInputStream& in, bool text, const wxString
                                     const wxString& comment)
 {
     Content& to = *m_content;
-    if (!to.writer) to.Fail("the archive is closed");
-    if (!to.writer || to.broken) return false;
-    Writer& writer = *to.writer;
+    if (to.closed || to.broken) return false;
     auto entry = std::make_unique<wxZipEntry>(name);
     entry->SetIsText(text);
     entry->SetComment(comment);
-    const bool copied = writer.zip.PutNextEntry(entry.release()) && writer.Copy(in);
-    const bool ended = writer.zip.CloseEntry() && writer.zip.IsOk();
-    to.broken = !ended || writer.sink.error_number() != 0;
+    const bool copied = to.zip.PutNextEntry(entry.release()) && to.Copy(in);
+    const bool ended = to.zip.CloseEntry() && to.zip.IsOk();
+    to.broken = !ended || to.sink.error_number() != 0;
     if (to.broken)
-        to.FailToWrite(writer.sink);
+        to.Fail(to.WriteProblem());
     else if (!copied)
         to.Fail(to.path + ": entry " + ToUtf8(name) + " is incomplete: its input failed");
     return copied && !to.broken;
@@ -174,12 +165,14 @@ bool CZipOutputStream::Archive::Add(wxInputStream& in, bool text, const wxString
 
 bool CZipOutputStream::Archive::Close(std::string& error)
 {
-    if (const auto writer = std::move(m_content->writer)) {
-        const bool complete = writer->zip.Close();
-        const bool stored = writer->sink.Finish();
-        if (!complete || !stored) m_content->FailToWrite(writer->sink);
+    Content& to = *m_content;
+    if (!to.closed) {
+        to.closed = true;
+        const bool complete = to.zip.Close();
+        const bool stored = to.sink.Finish();
+        if (!complete || !stored) to.Fail(to.WriteProblem());
     }
-    error = m_content->problem;
+    error = to.problem;
     return error.empty();
 }
 

@@ -213,6 +213,11 @@ same(vxa.parse_json("", 1, "none", object), nil, "end of the text")
 same(vxa.hexdump(("a"):rep(17) .. "\0", 255), "000000ff  " .. ("61 "):rep(16) .. " "
     .. ("a"):rep(16) .. "\n0000010f  61 00 " .. (" "):rep(43) .. "a.\n", "hexdump")
 same(vxa.mkdir(scratch .. "/a/b/c/"), true, "mkdir")
+for _, umask in ipairs { "000", "077" } do
+    local made = scratch .. "/umask" .. umask
+    os.execute(("umask %s; %s -e \"require('vxa').mkdir('%s')\""):format(umask, arg[-1], made))
+    check(os.execute(("test $(stat -c %%a %s) = 755"):format(made)), made)
+end
 same(vxa.mkdir(scratch .. "/a/b"), true, "mkdir of what stands")
 refused(log .. " is not a directory", vxa.mkdir(log .. "/x"))
 same(vxa.rename(log, scratch .. "/a/renamed"), true, "rename")

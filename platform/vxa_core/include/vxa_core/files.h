@@ -8,8 +8,8 @@
 
 namespace VxaCore::Host {
 
-// Makes a directory and those above it; one that stands already is fine. Empty for
-// success, else what was wrong.
+// Makes a directory and those above it, of mode 0755 whatever the umask; one that exists
+// already is left as it is. Returns empty for success, else what was wrong.
 VXA_CORE_API std::string MakeDirectories(const std::string& path);
 
 // What stands at the new name when a file is renamed.
