@@ -1,16 +1,16 @@
-// Traces of the module: ask the category first, format only then.
+// Traces of the module, and its lines in the host's general log.
 //
-// The source file given to the host is a fixed text per area, whatever file the code
-// sits in, and some lines and function names are fixed too: log filters of the agent
-// select on them.
+// A trace asks its category first and is composed only then. The source file given to the
+// host is a fixed string per area, whatever file the code is in, and some lines and function
+// names are fixed too: log filters of the agent select on them.
+//
+// A line that cannot be composed for want of memory is replaced by one that says so: what a
+// function logs must not decide what it does.
 #pragma once
 
-#include <type_traits>
+#include <cstdarg>
 
-#include <wx/strconv.h>
 #include <wx/string.h>
-
-#include "VxaCore/LogTrace.h"
 
 namespace fc {
 
@@ -20,28 +20,17 @@ struct TracePoint {
     const char* function;
 };
 
-// A text from outside for a log line. Bytes that the locale cannot decode are read as
-// UTF-8 or else one by one: a message about a broken text must still show it.
-inline wxString Decode(const char* text)
-{
-    return text != nullptr ? wxString(text, wxConvWhateverWorks) : wxString("(null)");
-}
+// Strings among the arguments may hold any bytes; see Decode.
+void Trace(const wxString& category, const TracePoint& at, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+void TraceV(const wxString& category, const TracePoint& at, const char* format, va_list arguments)
+    __attribute__((format(printf, 3, 0)));
 
-template <typename T>
-decltype(auto) Printable(const T& value)
-{
-    if constexpr (std::is_convertible_v<std::decay_t<const T&>, const char*> && !std::is_class_v<T>)
-        return Decode(value);
-    else
-        return (value);
-}
+// A fault that needs attention, at error level.
+void LogError(const TracePoint& at, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-template <typename... Args>
-void Trace(const wxString& category, const TracePoint& at, const char* format, const Args&... args)
-{
-    if (VxaCore::LogTraceIsEnabled(category))
-        VxaCore::LogTrace(category, at.file, at.line, at.function,
-                          wxString::Format(format, Printable(args)...));
-}
+// At informational level, and only while verbose logging is on.
+void LogVerbose(const TracePoint& at, const char* format, ...)
+    __attribute__((format(printf, 2, 3)));
 
 }  // namespace fc

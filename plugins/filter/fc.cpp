@@ -1,5 +1,7 @@
 // Module entry, function table and the bridge for the driver library's messages.
 
+#include <new>
+
 #include <wx/dynlib.h>
 #include <wx/thread.h>
 #include <lua.hpp>
@@ -12,6 +14,7 @@
 #include "SLB3/slb.h"
 #include "SystemHealth/SystemHealth.h"
 #include "Trace.h"
+#include "VxaCore/LogTrace.h"
 #include "vxi/vxi.h"
 
 extern "C" {
@@ -28,7 +31,7 @@ FC_PUBLIC int tb_trace_handler(int number, const char* text, const char* place, 
 namespace {
 
 constexpr const char* kSource = "plugins/filter/fc";
-const wxString s_Trace("filter");
+const wxString s_Trace(L"filter");
 
 // The driver library's levels: everything, nothing.
 constexpr int kTraceOn = 3;
@@ -57,16 +60,20 @@ void InstallProfilerHooksOnce()
     }
 }
 
-wxString VxiCategory()
+// Throws one exception while there is memory. Where the C++ runtime was loaded together with the
+// module, a thread's first exception takes memory from the loader, which ends the process when it
+// has none.
+void SetUpExceptions()
 {
-    return wxString("VXI", wxConvLibc);
+    try {
+        throw std::bad_alloc();
+    } catch (const std::bad_alloc&) {
+    }
 }
 
-void FormatDriverMessage(int number, const char* text, const char* place, int place_number,
-                         const char* message)
+wxString VxiCategory()
 {
-    fc::Trace(VxiCategory(), {kSource, 109, "tb_trace_handler"}, "%s/%d  | %s | %s:%d\n", text,
-              number, message, place, place_number);
+    return wxString(L"VXI");
 }
 
 }  // namespace
@@ -105,9 +112,10 @@ int tb_trace_handler(int number, const char* text, const char* place, int place_
                      char* message)
 {
     try {
-        FormatDriverMessage(number, text, place, place_number, message);
+        fc::Trace(VxiCategory(), {kSource, 109, "tb_trace_handler"}, "%s/%d  | %s | %s:%d\n", text,
+                  number, message, place, place_number);
     } catch (const std::exception&) {
-        // No memory for the line: the library's call goes on without it.
+        // Not even the category could be made: the library's call goes on without the line.
     }
     return 0;
 }
@@ -129,6 +137,7 @@ int setup_tbtrace(lua_State* L)
 
 int luaopen_fc(lua_State* L)
 {
+    SetUpExceptions();
     fc::Guarded(L, InstallProfilerHooksOnce);
     SLB3::Namespace(L, "SLB.filter")
         .set("EnableNativeFirewall", EnableNativeFirewall)

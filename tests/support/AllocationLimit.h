@@ -1,12 +1,18 @@
-// operator new that runs out of memory, for programs that link "allocation_limit".
+// Memory that runs out, for programs that link "allocation_limit".
 #pragma once
 
 namespace allocations {
 
-// From now on `count` allocations succeed and all that follow fail; -1: none fails.
+// From now on `count` allocations by operator new succeed and all that follow fail; -1: none
+// fails.
 void Allow(long count);
 
 // Lifts the limit; whether an allocation failed under it.
 bool LiftLimit();
+
+// The same for malloc and its kin, which operator new takes its memory from. False where the
+// program has a sanitizer's malloc.
+bool AllowMalloc(long count);
+bool LiftMallocLimit();
 
 }  // namespace allocations

@@ -69,8 +69,8 @@ void* LuaHost::Allocate(void* self, void* block, std::size_t old_size, std::size
     auto& host = *static_cast<LuaHost*>(self);
     const std::size_t held = block != nullptr ? old_size : 0;
     if (size > held && host.Refuses()) return nullptr;
-    host.m_bytes += size - held;
-    if (size != 0) return std::realloc(block, size);
-    std::free(block);
-    return nullptr;
+    void* const moved = size != 0 ? std::realloc(block, size) : nullptr;
+    if (size == 0) std::free(block);
+    if (size == 0 || moved != nullptr) host.m_bytes += size - held;
+    return moved;
 }

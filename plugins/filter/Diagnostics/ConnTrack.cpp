@@ -2,6 +2,8 @@
 
 #include <netinet/in.h>
 
+#include <algorithm>
+
 #include "TextEntry.h"
 
 namespace Filter::Diagnostics {
@@ -26,26 +28,40 @@ int Request(Query* query, vxa_dump_conntrack_s* section, std::size_t size, bool*
     return rc;
 }
 
+// What the traces of one protocol show.
+struct SectionTraces {
+    const char* name;
+    int failure_line;
+    int count_line;
+};
+
 // The table changes while it is read: a protocol that fails leaves its section empty and
-// does not cost the other one. A driver that claims more than the capacity is held to it.
+// does not cost the other one.
+void QuerySection(Query* query, vxa_dump_conntrack_s* section, int failure_line)
+{
+    bool succeeded = false;
+    const int rc =
+        Request(query, section, kHeaderSize + kEntrySize * section->entry_ct, &succeeded);
+    if (succeeded) return;
+    TraceLine(failure_line, kQuery, "rc = %d", rc);
+    section->entry_ct = 0;
+}
+
+// A driver that claims more than the capacity is held to it; the trace shows its own number.
 void FillSection(Query* query, vxa_dump_conntrack_s* section, std::uint8_t protocol,
-                 std::uint16_t capacity, int failure_line)
+                 std::uint16_t capacity, const SectionTraces& traces)
 {
     *section = {};
     section->request = VXA_CONNTRACK_REQUEST_TABLE;
     section->entry_ct = capacity;
     section->protocol = protocol;
-    if (capacity == 0) return;
-    bool succeeded = false;
-    const int rc = Request(query, section, kHeaderSize + kEntrySize * capacity, &succeeded);
-    if (!succeeded) {
-        TraceLine(failure_line, kQuery, "rc = %d", rc);
-        section->entry_ct = 0;
-    }
-    if (section->entry_ct > capacity) section->entry_ct = capacity;
+    if (capacity != 0) QuerySection(query, section, traces.failure_line);
+    TraceLine(traces.count_line, kQuery, "%s->entry_ct = %u", traces.name,
+              static_cast<unsigned int>(section->entry_ct));
+    section->entry_ct = std::min(section->entry_ct, capacity);
 }
 
-vxa_dump_conntrack_s* SectionBehind(vxa_dump_conntrack_s* section)
+vxa_dump_conntrack_s* SectionAfter(vxa_dump_conntrack_s* section)
 {
     auto* bytes = reinterpret_cast<unsigned char*>(section);
     return reinterpret_cast<vxa_dump_conntrack_s*>(bytes + kHeaderSize +
@@ -54,11 +70,10 @@ vxa_dump_conntrack_s* SectionBehind(vxa_dump_conntrack_s* section)
 
 void FillTable(Query* query, vxa_dump_conntrack_s* udp, std::uint16_t count)
 {
-    FillSection(query, udp, IPPROTO_UDP, count, 293);
-    TraceLine(296, kQuery, "udpConn->entry_ct = %u", static_cast<unsigned int>(udp->entry_ct));
-    vxa_dump_conntrack_s* tcp = SectionBehind(udp);
-    FillSection(query, tcp, IPPROTO_TCP, static_cast<std::uint16_t>(count - udp->entry_ct), 311);
-    TraceLine(315, kQuery, "tcpConn->entry_ct = %u", static_cast<unsigned int>(tcp->entry_ct));
+    FillSection(query, udp, IPPROTO_UDP, count, {"udpConn", 293, 296});
+    vxa_dump_conntrack_s* tcp = SectionAfter(udp);
+    FillSection(query, tcp, IPPROTO_TCP, static_cast<std::uint16_t>(count - udp->entry_ct),
+                {"tcpConn", 311, 315});
 }
 
 }  // namespace
@@ -95,7 +110,7 @@ bool AddDriverConnTrack(VxaCore::CDom* dom, vxi_handle_ops_s* handle,
     // No driver, no connections or no memory: nothing to write is no failure.
     if (table == nullptr) return true;
     Block<vxa_dump_conntrack_s> block(table);
-    return AddTextEntry(zip, "vxa_conn_track.txt", [&block](tb_dump_s* sink) {
+    return AddTextEntry(zip, L"vxa_conn_track.txt", [&block](tb_dump_s* sink) {
         tb_dump_all_conn_track(sink, block.get());
         block.reset();
     });

@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include <wx/stream.h>
-
 #include "TextEntry.h"
 
 namespace Filter::Diagnostics {
@@ -29,6 +27,9 @@ Block<Profile> ReadProfile(VxaCore::CDom* dom, vxi_handle_ops_s* handle)
     block->size = size;
     const int rc = vxi_get_profile_stats(handle, block.get());
     if (!ShowErrors(dom, handle, L"vxi_get_profile_stats()", rc)) return nullptr;
+    if (block->size > size)
+        TraceLine(190, "AddDriverRuleStats", "driver reported %u bytes, room for %u", block->size,
+                  size);
     block->size = std::min(block->size, size);
     return block;
 }
@@ -41,25 +42,20 @@ void StopProfiling(vxi_handle_ops_s* handle)
         vxi_set_var(handle, kProfilingSwitch, 0);
 }
 
-void WriteProfile(const Profile& profile, wxMemoryOutputStream& memory)
-{
-    wxBufferedOutputStream buffered(memory);
-    buffered.Write(profile.payload, profile.size);
-}
-
 }  // namespace
 
 bool AddDriverRuleStats(VxaCore::CDom* dom, vxi_handle_ops_s* handle,
                         VxaCore::CZipOutputStream& zip)
 {
     TraceLine(164, "AddDriverRuleStats", "AddDriverRuleStats()");
-    wxMemoryOutputStream memory;
-    if (const Block<Profile> profile = ReadProfile(dom, handle)) {
-        WriteProfile(*profile, memory);
+    const Block<Profile> profile = ReadProfile(dom, handle);
+    std::string_view payload("");
+    if (profile) {
+        payload = {reinterpret_cast<const char*>(profile->payload), profile->size};
         StopProfiling(handle);
     }
-    // No text: the entry's bytes are the driver's own format.
-    return AddEntry(zip, "vxa.tpf", false, memory);
+    // Not text: the entry's bytes are the driver's own format.
+    return AddEntry(zip, L"vxa.tpf", false, payload);
 }
 
 }  // namespace Filter::Diagnostics

@@ -60,6 +60,9 @@ bool getDriverBlacklist(VxaCore::CDom* dom, vxi_handle_ops_s* handle,
     std::memcpy(list, &header, sizeof header);
     if (!ShowErrors(dom, handle, operation, vxi_get_blacklist(handle, list)))
         return false;  // the block is freed; callers do not look at the list
+    if (list->entries_size > header.entries_size)
+        TraceLine(245, "getDriverBlacklist", "driver reported %u bytes, room for %u",
+                  list->entries_size, header.entries_size);
     list->entries_size = std::min(list->entries_size, header.entries_size);
     block.release();
     return true;
@@ -72,7 +75,7 @@ bool AddDriverBlacklist(VxaCore::CDom* dom, vxi_handle_ops_s* handle,
     vxa_blacklist_get_addrs_s* list = nullptr;
     if (!getDriverBlacklist(dom, handle, list)) return false;
     Block<vxa_blacklist_get_addrs_s> block(list);
-    return AddTextEntry(zip, "vxa_blacklist.txt", [&block](tb_dump_s* sink) {
+    return AddTextEntry(zip, L"vxa_blacklist.txt", [&block](tb_dump_s* sink) {
         tb_dump_blacklist(sink, block.get());
         block.reset();
     });
@@ -94,7 +97,7 @@ bool AddDriverConnStates(VxaCore::CDom* dom, vxi_handle_ops_s* handle,
     TraceLine(37, "AddDriverConnStates", "AddDriverConnStates()");
     vxa_get_conn_states_s states;
     if (!getDriverConnStates(dom, handle, &states)) return false;
-    return AddTextEntry(zip, "vxa_conn_states.txt",
+    return AddTextEntry(zip, L"vxa_conn_states.txt",
                         [&](tb_dump_s* sink) { tb_dump_conn_states(sink, &states); });
 }
 
@@ -120,7 +123,7 @@ bool AddDriverVariables(VxaCore::CDom* dom, vxi_handle_ops_s* handle,
     vxa_filter_variable_s vars[kVariableCount] = {};
     for (unsigned int i = 0; i < kVariableCount; ++i) vars[i].number = i;
     if (!getDriverVariables(dom, handle, vars, kVariableCount)) return false;
-    return AddTextEntry(zip, "vxa_variables.txt", [&](tb_dump_s* sink) {
+    return AddTextEntry(zip, L"vxa_variables.txt", [&](tb_dump_s* sink) {
         for (auto& variable : vars) tb_dump_filter_variable(sink, &variable, 0);
     });
 }
@@ -148,7 +151,7 @@ bool AddDriverStatistics(VxaCore::CDom* dom, vxi_handle_ops_s* handle,
     TraceLine(107, self, "AddDriverStatistics() - about to get stats");
     if (!QueryStatistics(dom, handle, stats.get())) return false;
     TraceLine(124, self, "AddDriverStatistics() - got stats");
-    return AddTextEntry(zip, "vxa_stats.txt", [&stats, self](tb_dump_s* sink) {
+    return AddTextEntry(zip, L"vxa_stats.txt", [&stats, self](tb_dump_s* sink) {
         tb_dump_stats(sink, stats.get());
         TraceLine(126, self, "AddDriverStatistics() - dumped stats");
         stats.reset();

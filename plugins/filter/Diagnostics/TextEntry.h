@@ -3,6 +3,9 @@
 
 #include <cstdlib>
 #include <memory>
+#include <new>
+#include <string>
+#include <string_view>
 
 #include <wx/mstream.h>
 #include <wx/txtstrm.h>
@@ -19,28 +22,40 @@ struct FreeBlock {
 template <typename Record>
 using Block = std::unique_ptr<Record, FreeBlock>;
 
-// The lines are fixed: log filters select on them, wherever the code now stands.
-template <typename... Args>
-void TraceLine(int line, const char* function, const char* format, const Args&... args)
-{
-    fc::Trace(s_Trace, {"plugins/filter/Diagnostics", line, function}, format, args...);
-}
+// The lines are fixed: log filters select on them, whatever file the code is in.
+void TraceLine(int line, const char* function, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
 
-// Adds an entry of what the stream collected.
-bool AddEntry(VxaCore::CZipOutputStream& zip, const char* name, bool text,
-              const wxMemoryOutputStream& memory);
+// What an entry is collected in. The driver library prints into it, and nothing may be thrown
+// through that library's frames: without memory the stream fails and takes nothing more.
+class EntryBytes : public wxOutputStream {
+public:
+    std::string_view bytes() const { return m_bytes; }
 
-// Adds an entry of the text that print(sink) writes.
+protected:
+    size_t OnSysWrite(const void* bytes, size_t size) override;
+
+private:
+    std::string m_bytes;
+};
+
+// Adds an entry of these bytes.
+bool AddEntry(VxaCore::CZipOutputStream& zip, const wchar_t* name, bool text,
+              std::string_view bytes);
+
+// Adds an entry of the text that print(sink) writes. Raises std::bad_alloc when it did not fit
+// into memory.
 template <typename Print>
-bool AddTextEntry(VxaCore::CZipOutputStream& zip, const char* name, Print print)
+bool AddTextEntry(VxaCore::CZipOutputStream& zip, const wchar_t* name, Print print)
 {
-    wxMemoryOutputStream memory;
+    EntryBytes entry;
     {
-        wxTextOutputStream text(memory, wxEOL_NATIVE);
+        wxTextOutputStream text(entry, wxEOL_NATIVE);
         tb_dump_s sink{tosprintf, &text};
         print(&sink);
     }
-    return AddEntry(zip, name, true, memory);
+    if (!entry.IsOk()) throw std::bad_alloc();
+    return AddEntry(zip, name, true, entry.bytes());
 }
 
 }  // namespace Filter::Diagnostics

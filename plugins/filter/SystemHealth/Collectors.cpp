@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "SystemHealth.h"
+#include "Text.h"
 
 VmstatTable vxa_syshealth_vmstat_metrics = {{
     // No heading is ever "null": physical memory comes from the configuration line.
@@ -41,9 +42,10 @@ Pipe Run(const char* command)
     return Pipe(popen(command, "re"));
 }
 
-void Complain(const fc::TracePoint& at, const char* message)
+bool Complain(const fc::TracePoint& at, const char* message)
 {
     fc::Trace(s_TraceEngine, at, "%s", message);
+    return false;
 }
 
 // ---- run queue -------------------------------------------------------------------------
@@ -51,16 +53,18 @@ void Complain(const fc::TracePoint& at, const char* message)
 // The one-minute load average from the line of uptime. Positions are 32-bit, and the
 // text ends one character before the comma: the last digit is dropped, so that the
 // figure is the load in tenths that the thresholds were tuned with.
-const char* ParseRunQueue(const char* line, double* out, wxString* text)
+bool ParseRunQueue(const char* line, double* out)
 {
+    const fc::TracePoint at = SYSHEALTH_AT("queryRunQueueLength");
     const char* average = std::strstr(line, "average:");
-    if (average == nullptr) return "no match on average:";
-    const std::string rest(average + std::strlen("average:"));
+    if (average == nullptr) return Complain(at, "no match on average:");
+    const std::string_view rest(average + std::strlen("average:"));
     const std::size_t comma = rest.find(',');
-    if (comma == std::string::npos) return "no match on comma";
-    const auto length = static_cast<std::uint32_t>(comma) - 1u;
-    *text = fc::Decode(rest.substr(0, length).c_str());
-    return text->ToDouble(out) ? nullptr : "failed to convert runqueue length string %s";
+    if (comma == std::string_view::npos) return Complain(at, "no match on comma");
+    const std::string length(rest.substr(0, static_cast<std::uint32_t>(comma) - 1u));
+    if (fc::Decode(length).ToDouble(out)) return true;
+    fc::Trace(s_TraceEngine, at, "failed to convert runqueue length string %s", length.c_str());
+    return false;
 }
 
 // ---- memory ----------------------------------------------------------------------------
@@ -196,13 +200,8 @@ int queryRunQueueLength(double* out)
         Complain(SYSHEALTH_AT(self), "could not retrieve command output, failing");
         return 1;
     }
-    wxString text;
     double length = 0;
-    const char* fault = ParseRunQueue(line, &length, &text);
-    if (fault != nullptr) {
-        fc::Trace(s_TraceEngine, SYSHEALTH_AT(self), fault, text);
-        return 1;
-    }
+    if (!ParseRunQueue(line, &length)) return 1;
     *out = length;
     return 0;
 }

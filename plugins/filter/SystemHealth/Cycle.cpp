@@ -4,8 +4,6 @@
 
 #include <cstring>
 
-#include <wx/log.h>
-
 #include "FailOpen.h"
 #include "LuaArgs.h"
 #include "LuaBoundary.h"
@@ -87,7 +85,7 @@ bool DecodeState(const char* text, int* activated)
 {
     const bool is_activated = std::strncmp(text, "Activated", 9) == 0;
     if (!is_activated && std::strncmp(text, "Deactivated", 11) != 0) {
-        wxLogError("incorrect state value %s for state string", fc::Decode(text));
+        fc::LogError(SYSHEALTH_AT(kSelf), "incorrect state value %s for state string", text);
         return false;
     }
     *activated = is_activated ? 1 : 0;
@@ -109,7 +107,8 @@ int ReadConfiguration(const Arguments& args, int activated)
     const int count = args.policy_length == 0
                           ? readSystemHealthConfig(args.dom, activated)
                           : readSystemHealthPolicy(args.dom, activated, args.policy);
-    if (!outputCloudConfig()) wxLogError("Failed to output cloud config");
+    if (!outputCloudConfig())
+        fc::LogError(SYSHEALTH_AT(kSelf), "Failed to output cloud config");
     return count;
 }
 
@@ -122,7 +121,7 @@ bool RejectWithoutPort(ConfigRow row, const char* message)
         if (setting.set == 0 || vxa_syshealth_config[kConfPort].set != 0) return false;
         setting.set = 0;
     }
-    wxLogError("%s", message);
+    fc::LogError(SYSHEALTH_AT(kSelf), "%s", message);
     return true;
 }
 
@@ -230,26 +229,22 @@ unsigned long long SecondsInFailOpen(const Cycle& cycle)
     return cycle.activated == 1 ? (cycle.now_us - cycle.activated_us) / kUsPerSecond : 0;
 }
 
-wxString MetricsText(const MetricTable& metrics)
-{
-    wxString text;
-    for (const auto& metric : metrics)
-        text +=
-            wxString::Format(" %s=%.3f(%.3f)", metric.short_name, metric.value, metric.threshold);
-    return text;
-}
-
 void LogStatusLine(const Cycle& cycle, int action)
 {
-    if (!wxLog::GetVerbose()) return;
     const unsigned long long seconds = cycle.now_us / kUsPerSecond;
     const unsigned long long microseconds = cycle.now_us % kUsPerSecond;
-    wxLogVerbose(
-        "SysHealth: rc=%d tval=%10llu.%06llu delta_t=%4.3f startSt=%s endSt=%s "
-        "min_dur=%llu act_dur=%llu port=%d%s",
+    const MetricTable& m = cycle.metrics;
+    fc::LogVerbose(
+        SYSHEALTH_AT(kSelf),
+        "SysHealth: rc=%d tval=%10llu.%06llu delta_t=%4.3f startSt=%s endSt=%s min_dur=%llu "
+        "act_dur=%llu port=%d %s=%.3f(%.3f) %s=%.3f(%.3f) %s=%.3f(%.3f) %s=%.3f(%.3f) "
+        "%s=%.3f(%.3f) %s=%.3f(%.3f)",
         action, seconds, microseconds, cycle.delta_s, StateText(cycle.activated == 1),
         StateText(cycle.end_activated), cycle.min_duration_minutes * 60, SecondsInFailOpen(cycle),
-        cycle.port, MetricsText(cycle.metrics));
+        cycle.port, m[0].short_name, m[0].value, m[0].threshold, m[1].short_name, m[1].value,
+        m[1].threshold, m[2].short_name, m[2].value, m[2].threshold, m[3].short_name, m[3].value,
+        m[3].threshold, m[4].short_name, m[4].value, m[4].threshold, m[5].short_name, m[5].value,
+        m[5].threshold);
 }
 
 // ---- the cycle -------------------------------------------------------------------------
@@ -272,14 +267,17 @@ int CheckHealth(const Arguments& args, Cycle* cycle)
     return EvaluateMachine(cycle);
 }
 
-// Whatever path led here, the next cycle's interval starts at this one.
-void EndCycle(std::uint64_t now_us, int action)
+// The next cycle's interval starts at this one, whatever path led here. The state first: the
+// host's log may raise.
+void EndCycle(std::uint64_t now_us, bool disabled)
 {
+    {
+        wxCriticalSectionLocker lock(g_syshealth_cs);
+        t_prev = now_us;
+        syshealth_enabled = disabled ? 0 : 1;
+    }
     fc::Trace(s_TraceEngine, SYSHEALTH_AT(kSelf), "Setting status: %s",
-              action == fc::kActionDisabled ? "disabled" : "enabled");
-    wxCriticalSectionLocker lock(g_syshealth_cs);
-    t_prev = now_us;
-    syshealth_enabled = action == fc::kActionDisabled ? 0 : 1;
+              disabled ? "disabled" : "enabled");
 }
 
 int RunCycle(const Arguments& args)
@@ -288,8 +286,14 @@ int RunCycle(const Arguments& args)
     cycle.now_us = WallClock_us();
     cycle.delta_s = SecondsSincePrevious(cycle.now_us);
     cycle.activated = 0;
-    const int action = CheckHealth(args, &cycle);
-    EndCycle(cycle.now_us, action);
+    int action = fc::kActionBadCall;
+    try {
+        action = CheckHealth(args, &cycle);
+    } catch (...) {
+        EndCycle(cycle.now_us, false);
+        throw;
+    }
+    EndCycle(cycle.now_us, action == fc::kActionDisabled);
     return action;
 }
 
@@ -310,9 +314,13 @@ Arguments TakeArguments(lua_State* L)
 int CheckSystemHealthMetrics(lua_State* L)
 {
     const Arguments args = TakeArguments(L);
+    // The result first: storing the action into it afterwards needs no memory, so an action that
+    // has taken effect always reaches the script.
+    lua_createtable(L, 0, 1);
+    lua_pushboolean(L, 0);
+    lua_setfield(L, -2, "action");
     int action = fc::kActionBadCall;
     fc::Guarded(L, [&] { action = RunCycle(args); });
-    lua_createtable(L, 0, 1);
     lua_pushinteger(L, action);
     lua_setfield(L, -2, "action");
     return 1;

@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <memory>
 
-#include <wx/log.h>
-
 #include "LuaBoundary.h"
 #include "SystemHealth.h"
 
@@ -23,13 +21,12 @@ struct CloseHandle {
 };
 using Handle = std::unique_ptr<vxi_handle_ops_s, CloseHandle>;
 
-// One byte more than the driver is told of, for a driver that forgets the terminator.
-wxString ErrorText(vxi_handle_ops_s* handle)
-{
+// The driver's last error. One byte more than the driver knows of, for one that forgets the
+// terminator.
+struct ErrorText {
     char text[kErrorTextSize + 1] = {};
-    vxi_get_error(handle, text, kErrorTextSize);
-    return fc::Decode(text);
-}
+    explicit ErrorText(vxi_handle_ops_s* handle) { vxi_get_error(handle, text, kErrorTextSize); }
+};
 
 int ConfiguredPort(const ConfigTable& config)
 {
@@ -64,7 +61,9 @@ void set_scan_metrics_config(vxi_handle_ops_s* handle, int port, int outbound)
     auto& bitmap = outbound == 1 ? config.outbound : config.inbound;
     bitmap[port / 32] = UINT32_C(1) << (port % 32);
     const int rc = vxi_set_scan_monitoring(handle, &config);
-    if (rc != 0) wxLogError("vxi_set_scan_monitoring failed rc= %d buf{%s}", rc, ErrorText(handle));
+    if (rc != 0)
+        fc::LogError(SYSHEALTH_AT("set_scan_metrics_config"),
+                     "vxi_set_scan_monitoring failed rc= %d buf{%s}", rc, ErrorText(handle).text);
     wxCriticalSectionLocker lock(g_syshealth_cs);
     initial_monitored_port = port;
 }
@@ -79,8 +78,19 @@ int get_scan_metrics(vxi_handle_ops_s* handle, int outbound, scan_metrics_reques
     request->counters = VXI_SCAN_COUNTERS;
     request->entries = kEntriesAsked;
     const int rc = vxi_get_scan_metrics(handle, request, sizeof *request);
-    if (rc != 0) wxLogError("vxi_get_scan_metrics failed rc= %d, buf{%s}", rc, ErrorText(handle));
+    if (rc != 0)
+        fc::LogError(SYSHEALTH_AT("get_scan_metrics"),
+                     "vxi_get_scan_metrics failed rc= %d, buf{%s}", rc, ErrorText(handle).text);
     return rc;
+}
+
+// What a driver claims beyond the room is not looked at; the trace shows its own numbers.
+void TraceExcess(const scan_metrics_request& request)
+{
+    if (request.counters > VXI_SCAN_COUNTERS || request.entries > kEntriesAsked)
+        fc::Trace(s_TraceScan, SYSHEALTH_AT("get_scan_metrics"),
+                  "driver reported %u counters, %u entries, room for %u, %u", request.counters,
+                  request.entries, static_cast<unsigned int>(VXI_SCAN_COUNTERS), kEntriesAsked);
 }
 
 // A counter that ran backwards was restarted by the driver and has no rate this time.
@@ -104,8 +114,12 @@ bool FetchScanMetrics(const ConfigTable& config, scan_metrics_request* request)
     if (NeedsConfiguration())
         set_scan_metrics_config(handle.get(), ConfiguredPort(config), outbound);
     const int rc = get_scan_metrics(handle.get(), outbound, request);
-    if (rc == 0) return true;
-    wxLogError("get_scan_metrics() failed rc=%d, exiting, buf{%s}", rc, ErrorText(handle.get()));
+    if (rc == 0) {
+        TraceExcess(*request);
+        return true;
+    }
+    fc::LogError(SYSHEALTH_AT("FetchScanMetrics"), "get_scan_metrics() failed rc=%d, exiting, buf{%s}",
+                 rc, ErrorText(handle.get()).text);
     DisableScanMetric();
     return false;
 }

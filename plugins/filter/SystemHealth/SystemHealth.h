@@ -5,9 +5,10 @@
 // counts those beyond their thresholds (Metrics.cpp), and decides about fail-open
 // (FailOpen.h). Scripts look at the outcome through Queries.cpp.
 //
-// Threads. Every global below is read and written under g_syshealth_cs only. Driver
-// calls, collectors and files are used outside of it: they work on local copies that
-// are committed in one step. The lock is never held while another is taken.
+// Threads. Every global below is read and written under g_syshealth_cs only. The cycle calls
+// the driver, runs the collectors and uses files without it, on local copies that are committed
+// in one step. One query, GetSysHealthMetrics, runs queryCpuCount while it holds the lock; a
+// cycle may have to wait for that. The lock is never held while another is taken.
 #pragma once
 
 #include <array>
@@ -71,15 +72,17 @@ extern ConfigTable vxa_syshealth_config;
 
 ConfigTable CopyConfig();
 
-// Rebuild the table, from the local file or from the policy's JSON text, and tell the
+// Rebuild the table, from the local file or from the policy's JSON text, and set in the
 // document whether the driver is to be unloaded in fail-open. `state` is 1 while the
 // caller is in fail-open: the thresholds that need the port are off then. Return the
 // number of settings accepted; 0 also when the source cannot be read, and then the
-// document is left alone.
+// document is left alone. Raise std::bad_alloc, with the table unchanged, when memory runs
+// out: that is not a source that cannot be read.
 FC_PUBLIC int readSystemHealthConfig(VxaCore::CDom* dom, int state);
 FC_PUBLIC int readSystemHealthPolicy(VxaCore::CDom* dom, int state, const char* json);
 
-// Writes the settings in force as JSON to the diagnostic file. False when it could not.
+// Writes the settings in force as JSON to the diagnostic file, which must be a regular file with
+// one name or not exist. False when it could not.
 FC_PUBLIC bool outputCloudConfig();
 
 // Clears the set flag of the three thresholds that need the port's counters. Returns 0.

@@ -1,9 +1,14 @@
 // Both configuration readers and the JSON log of what is in force.
 
 #include <cjson/cJSON.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <functional>
 #include <iomanip>
 #include <sstream>
 
@@ -224,19 +229,52 @@ TEST_F(ConfigTest, LogHoldsWhatIsSetInThePolicysShape)
 
 constexpr const char* kLogComplaint = "SysHealth.eng outputCloudConfig: ";
 
-TEST_F(ConfigTest, LogFailuresAreTracedAndReported)
+TEST_F(ConfigTest, LogIsWrittenOnlyIntoAFileOfItsOwn)
 {
     const fs::path log = sandbox::kConfigLog;
-    fs::remove(log);
-    fs::create_symlink("/dev/full", log);
-    EXPECT_FALSE(outputCloudConfig());
-    fs::remove_all(log.parent_path());
-    EXPECT_FALSE(outputCloudConfig());
-    EXPECT_EQ(TakeMessages(kLogComplaint),
-              (Lines{"Failed to write json config to file",
-                     "Failed to open file of json config for writing."}));
+    const fs::path victim = log.parent_path() / "victim";
+    std::ofstream(victim) << "kept";
+    const std::function<void()> in_its_place[] = {
+        [&] { fs::create_symlink(victim, log); },  [&] { fs::create_symlink("/dev/null", log); },
+        [&] { fs::create_hard_link(victim, log); }, [&] { mkfifo(log.c_str(), 0600); },
+        [&] { fs::create_directory(log); },         [&] { fs::remove_all(log.parent_path()); }};
+    for (const auto& put : in_its_place) {
+        fs::remove(log);
+        put();
+        EXPECT_FALSE(outputCloudConfig());
+        EXPECT_EQ(TakeMessages(kLogComplaint),
+                  Lines{"Failed to open file of json config for writing."});
+        if (fs::exists(victim)) {
+            EXPECT_EQ(sandbox::Read(victim), "kept");
+        }
+    }
     fs::create_directories(log.parent_path());
+    const mode_t mask = umask(0);
     EXPECT_TRUE(outputCloudConfig());
+    umask(mask);
+    EXPECT_EQ(fs::status(log).permissions(), fs::perms(0644));
+}
+
+TEST_F(ConfigTest, LogReplacesLongerContents)
+{
+    for (const std::size_t size : {5, 5000, 100000}) {
+        std::ofstream(sandbox::kConfigLog) << std::string(size, 'x');
+        EXPECT_TRUE(outputCloudConfig());
+        EXPECT_EQ(sandbox::Read(sandbox::kConfigLog), "{\n}\n") << size;
+    }
+}
+
+TEST_F(ConfigTest, AFailingWriteIsTracedAndReported)
+{
+    std::signal(SIGXFSZ, SIG_IGN);
+    rlimit before{};
+    getrlimit(RLIMIT_FSIZE, &before);
+    fs::remove(sandbox::kConfigLog);
+    const rlimit none{0, before.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &none);
+    EXPECT_FALSE(outputCloudConfig());
+    setrlimit(RLIMIT_FSIZE, &before);
+    EXPECT_EQ(TakeMessages(kLogComplaint), Lines{"Failed to write json config to file"});
 }
 
 int s_json_allocations_left = 0;
