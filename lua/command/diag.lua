@@ -42,31 +42,24 @@ local function check_target(vxa, path, force)
     if not force then fail(2, "%s is there already; --force replaces it", path) end
 end
 
--- The user knows the package by the name that it was to get.
-local function name_target(message, temporary, path)
-    local from, to = message:find(temporary, 1, true)
-    return from and message:sub(1, from - 1) .. path .. message:sub(to + 1) or message
-end
-
--- Lets `build` fill a file beside the target, then gives it the target's name. Whatever
--- goes wrong, the unfinished file goes away. Nothing may be written to the standard
--- streams meanwhile: a reader of theirs that is gone would end the process at once.
+-- Lets `build` fill a file that gets its name only when it is complete: whatever goes wrong,
+-- nothing is left behind. Nothing may be written to the standard streams meanwhile: a reader
+-- of theirs that is gone would end the process at once.
 local function write_file(vxa, options, build)
-    local path = options.archive
-    local temporary, message = vxa.temporary(path)
-    if not temporary then fail(1, "%s", message) end
-    local ok, result, reason = pcall(build, temporary)
+    local file, message = vxa.temporary(options.archive)
+    if not file then fail(1, "%s", message) end
+    local ok, result, reason = pcall(build, file)
     if ok and result and vxa.interrupted() then
         result, reason = nil, "ended by " .. vxa.interrupted() .. ": no package was made"
     end
     if ok and result then
-        local renamed
-        renamed, reason = vxa.rename(temporary, path, not options.force)
-        if renamed then return result end
+        local published
+        published, reason = file:publish(options.force)
+        if published then return result end
     end
-    os.remove(temporary)
+    file:close()
     if not ok then error(result, 0) end
-    fail(1, "%s", name_target(reason, temporary, path))
+    fail(1, "%s", reason)
 end
 
 -- ---- what happened ------------------------------------------------------------------------
@@ -174,10 +167,10 @@ local function events_since(dom, count)
 end
 
 -- Fills the archive. Returns {entries, list, records, events}, or nil and what is wrong.
-local function build(attached, handle, path)
+local function build(attached, handle, file)
     local vxa, dom = attached.vxa, attached.dom
     local _, events_before = events_since(dom, 0)
-    local archive, message = vxa.ZipOutputStream(path)
+    local archive, message = vxa.ZipOutputStream(file)
     if not archive then return nil, message end
     attached.messages:take()
     SLB.filter.AddDriverDiagnostics(dom, handle, archive)
@@ -186,7 +179,7 @@ local function build(attached, handle, path)
     closed, message = archive:close()
     if not closed then return nil, message end
     local list
-    list, message = vxa.zip_entries(path)
+    list, message = vxa.zip_entries(file)
     if not list then return nil, message end
     return { list = list, entries = by_name(list), records = records, driver_error = driver_error,
              events = events_since(dom, events_before), capabilities = by_name(handle:capabilities()) }
@@ -267,7 +260,7 @@ return function(options)
     profile_rules(vxa, handle, options.profile)
 
     local started = vxa.clock()
-    local built = write_file(vxa, options, function(path) return build(attached, handle, path) end)
+    local built = write_file(vxa, options, function(file) return build(attached, handle, file) end)
     local seconds = vxa.clock() - started
     handle:close()
     attached.messages:show()

@@ -27,11 +27,14 @@ CZipOutputStream& check_archive(lua_State* L)
 
 int make_archive(lua_State* L)
 {
-    const char* path = check_path(L, 1);
+    using Archive = CZipOutputStream::Archive;
+    const auto* file = test_pending_file(L, 1);
+    const char* path = file ? nullptr : check_path(L, 1);
     auto* owner = push_host_object<CZipOutputStream>(L);
     Failure failure;
-    const bool made =
-        guarded(failure, [&] { owner->make(CZipOutputStream::Archive::Create(path)); });
+    const bool made = guarded(failure, [&] {
+        owner->make(file ? Archive::Create(*file) : Archive::Create(path));
+    });
     return made ? 1 : push_failure(L, failure);
 }
 
@@ -58,10 +61,13 @@ void push_entry(lua_State* L, const ArchiveEntry& entry)
 
 int zip_entries(lua_State* L)
 {
-    const char* path = check_path(L, 1);
+    const auto* file = test_pending_file(L, 1);
+    const char* path = file ? nullptr : check_path(L, 1);
     auto* list = new_holder<EntryList>(L);
     Failure failure;
-    if (!guarded(failure, [&] { *list = VxaCore::Host::ListArchive(path); }))
+    if (!guarded(failure, [&] {
+            *list = file ? VxaCore::Host::ListArchive(*file) : VxaCore::Host::ListArchive(path);
+        }))
         return push_failure(L, failure);
     lua_createtable(L, static_cast<int>(list->size()), 0);
     int row = 0;

@@ -4,6 +4,7 @@
 
 #include <lua.hpp>
 
+#include "vxa_core/pending_file.h"
 #include "vxi/vxi.h"
 
 namespace vxa {
@@ -15,12 +16,17 @@ void open_handle(lua_State* L);    // Handle.cpp: open, and the handle's methods
 void open_engine(lua_State* L);    // Engine.cpp: engine, engines, fault, simulate...
 void open_log(lua_State* L);       // Log.cpp: trace, verbose, log_to, capture, captured
 void open_json(lua_State* L);      // Json.cpp: check_json, parse_json
+void open_pending_file(lua_State* L);  // PendingFile.cpp: temporary, and the file's methods
 void open_system(lua_State* L);    // System.cpp: clock, files, environment
 void open_text(lua_State* L);      // Text.cpp: printable, hexdump
 void open_signals(lua_State* L);   // Signals.cpp: sleep, catch_signals, interrupted
 
 // The open handle that is argument 1; an argument error when there is none. [-0, +0, v]
 vxi_handle_ops_s* check_handle(lua_State* L);
+
+// The file that vxa.temporary has made, if the argument is one: else null. An argument error
+// when it is closed. [-0, +0, v]
+const VxaCore::Host::PendingFile* test_pending_file(lua_State* L, int index);
 
 // What a method whose driver call failed returns: nil and the driver's text. [-0, +2, m]
 int push_driver_error(lua_State* L, vxi_handle_ops_s* handle);

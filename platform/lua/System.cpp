@@ -58,28 +58,6 @@ int make_directory(lua_State* L)
     return push_call(L, [&] { return VxaCore::Host::MakeDirectories(path); });
 }
 
-int rename_file(lua_State* L)
-{
-    const char* from = check_path(L, 1);
-    const char* to = check_path(L, 2);
-    const auto existing =
-        lua_toboolean(L, 3) ? VxaCore::Host::Existing::kKept : VxaCore::Host::Existing::kReplaced;
-    return push_call(L, [&] { return VxaCore::Host::RenameDurably(from, to, existing); });
-}
-
-// The file exists before Lua has its name; the name's holder is made first, and without
-// memory for the text the file stays behind, empty.
-int make_temporary(lua_State* L)
-{
-    const char* path = check_path(L, 1);
-    auto* made = new_holder<std::string>(L);
-    Failure failure;
-    if (!guarded(failure, [&] { failure.set(VxaCore::Host::MakeTemporary(path, *made)); }))
-        return push_failure(L, failure);
-    lua_pushlstring(L, made->data(), made->size());
-    return 1;
-}
-
 int file_kind(lua_State* L)
 {
     const char* path = check_path(L, 1);
@@ -113,16 +91,15 @@ int effective_user(lua_State* L)
 }
 
 constexpr luaL_Reg kFunctions[] = {
-    {"clock", clock},        {"setenv", set_environment},   {"mkdir", make_directory},
-    {"rename", rename_file}, {"temporary", make_temporary}, {"file_kind", file_kind},
-    {"isatty", is_terminal}, {"euid", effective_user},     {nullptr, nullptr},
+    {"clock", clock},         {"setenv", set_environment}, {"mkdir", make_directory},
+    {"file_kind", file_kind}, {"isatty", is_terminal},     {"euid", effective_user},
+    {nullptr, nullptr},
 };
 
 }  // namespace
 
 void open_system(lua_State* L)
 {
-    register_holder<std::string>(L);
     luaL_setfuncs(L, kFunctions, 0);
 }
 

@@ -43,6 +43,7 @@ int open_module(lua_State* L)
     open_engine(L);
     open_log(L);
     open_json(L);
+    open_pending_file(L);
     open_system(L);
     open_text(L);
     open_signals(L);

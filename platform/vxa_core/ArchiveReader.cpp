@@ -30,8 +30,11 @@ using EntryPointer = std::unique_ptr<wxZipEntry>;
 
 class Reader {
 public:
-    explicit Reader(const std::string& path)
-        : m_path(path), m_file(Open(path)), m_stream(m_file.get()), m_zip(m_stream, m_utf8)
+    explicit Reader(const std::string& path) : Reader(path, Open(path)) {}
+
+    // Reads from the file's current position.
+    Reader(const std::string& path, FileDescriptor file)
+        : m_path(path), m_file(std::move(file)), m_stream(m_file.get()), m_zip(m_stream, m_utf8)
     {
         // Reads the directory's own record, which tells an archive from other files.
         m_count = m_zip.GetTotalEntries();
@@ -124,11 +127,8 @@ std::uint64_t Size(wxFileOffset size)
     return static_cast<std::uint64_t>(std::max<wxFileOffset>(size, 0));
 }
 
-}  // namespace
-
-std::vector<ArchiveEntry> ListArchive(const std::string& path)
+std::vector<ArchiveEntry> List(Reader& reader)
 {
-    Reader reader(path);
     std::vector<ArchiveEntry> entries;
     while (const EntryPointer entry = reader.Next()) {
         std::string name = NameOf(*entry);
@@ -137,6 +137,23 @@ std::vector<ArchiveEntry> ListArchive(const std::string& path)
                            Size(entry->GetCompressedSize()), entry->IsText()});
     }
     return entries;
+}
+
+}  // namespace
+
+std::vector<ArchiveEntry> ListArchive(const std::string& path)
+{
+    Reader reader(path);
+    return List(reader);
+}
+
+std::vector<ArchiveEntry> ListArchive(const PendingFile& file)
+{
+    FileDescriptor own(fcntl(file.descriptor(), F_DUPFD_CLOEXEC, 0));
+    if (!own || lseek(own.get(), 0, SEEK_SET) != 0)
+        throw std::runtime_error("cannot read " + file.path() + ": " + ErrorText(errno));
+    Reader reader(file.path(), std::move(own));
+    return List(reader);
 }
 
 std::string ReadArchiveEntry(const std::string& path, const std::string& name,

@@ -112,57 +112,6 @@ std::string MakeDirectories(const std::string& path)
     return {};
 }
 
-namespace {
-
-// Where a file system cannot rename without replacing, a second name must do.
-bool RenameKeeping(const char* from, const char* to)
-{
-    if (renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE) == 0) return true;
-    return (errno == EINVAL || errno == ENOSYS) && link(from, to) == 0 && unlink(from) == 0;
-}
-
-bool Rename(const char* from, const char* to, Existing existing)
-{
-    return existing == Existing::kKept ? RenameKeeping(from, to) : rename(from, to) == 0;
-}
-
-// The folder that holds a path; empty with errno set when it cannot be read.
-FileDescriptor OpenFolder(const std::string& path)
-{
-    const size_t slash = path.rfind('/');
-    const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-    return FileDescriptor(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-}
-
-}  // namespace
-
-std::string RenameDurably(const std::string& from, const std::string& to, Existing existing)
-{
-    const auto failure = [&](const std::string& reason) {
-        return "cannot rename " + from + " to " + to + ": " + reason;
-    };
-    std::string reason;
-    const FileDescriptor file = OpenRegular(AT_FDCWD, from.c_str(), O_RDONLY, reason);
-    if (!file) return failure(reason);
-    // Opened first: once the name has changed, a lack of descriptors must not stop it.
-    const FileDescriptor folder = OpenFolder(to);
-    if (!folder && errno != EACCES) return failure(ErrorText(errno));
-    if (fsync(file.get()) != 0 || !Rename(from.c_str(), to.c_str(), existing))
-        return failure(ErrorText(errno));
-    // The file has its new name now, and a failure would tell the opposite.
-    if (folder) (void)fsync(folder.get());
-    return {};
-}
-
-std::string MakeTemporary(const std::string& path, std::string& made)
-{
-    std::string name = path + ".XXXXXX";
-    const FileDescriptor file(mkostemp(name.data(), O_CLOEXEC));
-    if (!file) return "cannot write " + path + ": " + ErrorText(errno);
-    made = std::move(name);
-    return {};
-}
-
 const char* FileKind(const std::string& path)
 {
     struct stat status;

@@ -134,6 +134,15 @@ std::unique_ptr<CZipOutputStream::Archive> CZipOutputStream::Archive::Create(
     return std::unique_ptr<Archive>(new Archive(std::make_unique<Content>(path, std::move(file))));
 }
 
+std::unique_ptr<CZipOutputStream::Archive> CZipOutputStream::Archive::Create(
+    const Host::PendingFile& file)
+{
+    FileDescriptor own(fcntl(file.descriptor(), F_DUPFD_CLOEXEC, 0));
+    if (!own) throw std::runtime_error("cannot write " + file.path() + ": " + ErrorText(errno));
+    return std::unique_ptr<Archive>(
+        new Archive(std::make_unique<Content>(file.path(), std::move(own))));
+}
+
 CZipOutputStream::Archive::~Archive()
 {
     try {

@@ -220,20 +220,23 @@ for _, umask in ipairs { "000", "077" } do
 end
 same(vxa.mkdir(scratch .. "/a/b"), true, "mkdir of what stands")
 refused(log .. " is not a directory", vxa.mkdir(log .. "/x"))
-same(vxa.rename(log, scratch .. "/a/renamed"), true, "rename")
-check(#read_file(scratch .. "/a/renamed") > 0, "renamed file")
-refused("No such file or directory", vxa.rename(log, scratch .. "/b"))
-os.execute(("ln -s renamed '%s/a/link'"):format(scratch))
-refused("it is a symbolic link", vxa.rename(scratch .. "/a/link", scratch .. "/b"))
-local made = assert(vxa.temporary(scratch .. "/b"))
-same(made:sub(1, #scratch + 3), scratch .. "/b.", "name beside the path")
-refused("File exists", vxa.rename(made, scratch .. "/a/renamed", true))
-same(vxa.rename(made, scratch .. "/b", true), true, "rename to a free name")
-same(vxa.rename(scratch .. "/b", scratch .. "/a/renamed"), true, "rename over another")
-refused("No such file or directory", vxa.temporary("/nonexistent/a"))
-same(#read_file(scratch .. "/a/renamed"), 0, "replaced file")
+local function temporary(name)
+    local file = assert(vxa.temporary(scratch .. name))
+    assert(vxa.ZipOutputStream(file)):close()
+    same(#vxa.zip_entries(file), 0, "entries of a file without a name")
+    return file
+end
+local made, again = temporary("/a/z"), temporary("/a/z")
+same(vxa.file_kind(scratch .. "/a/z"), "none", "before it is published")
+same(made:publish(), true, "publish")
+refused("File exists", again:publish())
+t.raises("(the file is closed)", again.publish, again)
+t.raises("(the file is closed)", vxa.ZipOutputStream, again)
+same(temporary("/a/z"):publish(true), true, "publish over another")
+refused("cannot write /nonexistent/a: No such file or directory", vxa.temporary("/nonexistent/a"))
+refused("cannot write /: Is a directory", vxa.temporary("/"))
 for path, kind in pairs { ["/"] = "directory", ["/dev/null"] = "other", ["/nonexistent"] = "none",
-                          [scratch .. "/a/renamed"] = "file" } do
+                          [scratch .. "/a/z"] = "file" } do
     same(vxa.file_kind(path), kind, path)
 end
 refused("Not a directory", vxa.file_kind("/dev/null/x"))

@@ -169,27 +169,6 @@ TEST(Document, ReplacesALeftoverWithoutFollowingIt)
     EXPECT_EQ(ReadText(scratch.path("other")), "untouched");
 }
 
-TEST(Rename, NeedsNoFolderThatCanBeRead)
-{
-    constexpr uid_t nobody = 65534;  // root may read every folder
-    const ScratchDirectory scratch;
-    const std::string folder = scratch.path("");
-    WriteText(scratch.path("from"), "kept");
-    ASSERT_EQ(chmod(scratch.path("from").c_str(), 0644), 0);
-    ASSERT_EQ(chmod(folder.c_str(), 0300), 0);
-    ASSERT_TRUE(geteuid() != 0 || chown(folder.c_str(), nobody, nobody) == 0);
-    const pid_t child = fork();
-    if (child == 0) {
-        if (geteuid() == 0 && seteuid(nobody) != 0) _exit(2);
-        _exit(!VxaCore::Host::RenameDurably(scratch.path("from"), scratch.path("to")).empty());
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
-    ASSERT_EQ(chmod(folder.c_str(), 0700), 0);
-    EXPECT_EQ(ReadText(scratch.path("to")), "kept");
-}
-
 TEST(Document, KeepsWhatOthersWroteIntoTheFile)
 {
     const ScratchDirectory scratch;

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "VxaCore/ZipOutputStream.h"
+#include "vxa_core/pending_file.h"
 
 namespace VxaCore {
 
@@ -15,6 +16,9 @@ public:
     // Creates or truncates the file, readable by its owner only: it tells what the
     // machine talks to. Throws std::runtime_error with the reason.
     static std::unique_ptr<Archive> Create(const std::string& path);
+
+    // Writes into a new file that gets its name later. Throws as above.
+    static std::unique_ptr<Archive> Create(const Host::PendingFile& file);
 
     // Finishes the archive when Close has not; a failure then goes to the error log.
     ~Archive();

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "VxaCore/Export.h"
+#include "vxa_core/pending_file.h"
 
 namespace VxaCore::Host {
 
@@ -20,6 +21,9 @@ struct ArchiveEntry {
 // The archive's directory, in its order. At most 10000 entries. Throws
 // std::runtime_error with the reason, the path in front.
 VXA_CORE_API std::vector<ArchiveEntry> ListArchive(const std::string& path);
+
+// The same for an archive that was written into the file and closed.
+VXA_CORE_API std::vector<ArchiveEntry> ListArchive(const PendingFile& file);
 
 // The bytes of the first entry of that name, complete and with the right checksum; never
 // more than `most_bytes`. Throws as above; also when there is no such entry.

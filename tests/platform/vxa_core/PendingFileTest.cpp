@@ -1,0 +1,135 @@
+#include "vxa_core/pending_file.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <filesystem>
+#include <set>
+
+#include "ScratchDirectory.h"
+
+namespace {
+
+bool file_system_has_nameless_files = true;
+
+}  // namespace
+
+// In the place of the C library's, also for vxa_core.
+extern "C" __attribute__((visibility("default"))) int openat(int folder, const char* path, int flags, ...)
+{
+    va_list more;
+    va_start(more, flags);
+    const auto mode = va_arg(more, mode_t);
+    va_end(more);
+    if ((flags & O_TMPFILE) == O_TMPFILE && !file_system_has_nameless_files) {
+        errno = EOPNOTSUPP;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_openat, folder, path, flags, mode));
+}
+
+namespace {
+
+using VxaCore::Host::Existing;
+using VxaCore::Host::PendingFile;
+using Names = std::set<std::string>;
+
+class Pending : public testing::TestWithParam<bool> {
+protected:
+    Pending() { file_system_has_nameless_files = GetParam(); }
+    ~Pending() override { file_system_has_nameless_files = true; }
+
+    std::string path(const std::string& name) const { return m_scratch.path("folder/" + name); }
+    Names Folder() const
+    {
+        Names names;
+        for (const auto& entry : std::filesystem::directory_iterator(path("")))
+            names.insert(entry.path().filename());
+        return names;
+    }
+    // Writes "new" and publishes; what was wrong.
+    std::string Write(const std::string& name, Existing existing) const
+    {
+        PendingFile file(path(name));
+        EXPECT_EQ(write(file.descriptor(), "new", 3), 3);
+        return file.Publish(existing);
+    }
+
+    const ScratchDirectory m_scratch;
+    const bool m_made = std::filesystem::create_directory(path(""));
+};
+
+TEST_P(Pending, GetsItsNameWhenItIsComplete)
+{
+    EXPECT_EQ(Write("a", Existing::kKept), "");
+    EXPECT_EQ(ReadText(path("a")), "new");
+    struct stat status;
+    ASSERT_EQ(stat(path("a").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0600U);
+    WriteText(path("a"), "old");
+    EXPECT_NE(Write("a", Existing::kKept).find("a: File exists"), std::string::npos);
+    EXPECT_EQ(ReadText(path("a")), "old");
+    EXPECT_EQ(Write("a", Existing::kReplaced), "");
+    EXPECT_EQ(ReadText(path("a")), "new");
+    WriteText(m_scratch.path("victim"), "kept");
+    std::filesystem::create_symlink(m_scratch.path("victim"), path("link"));
+    EXPECT_NE(Write("link", Existing::kReplaced), "");
+    EXPECT_EQ(ReadText(m_scratch.path("victim")), "kept");
+    { const PendingFile forgotten(path("b")); }
+    EXPECT_EQ(Folder(), (Names{"a", "link"}));
+}
+
+TEST_P(Pending, RemovesWhatKilledProcessesLeft)
+{
+    for (const char* name : {"a.part1", "a.part2", "a.part4", "a.partx", "b.part1"})
+        WriteText(path(name), "left");
+    std::filesystem::create_directory(path("a.part3"));
+    const int used = open(path("a.part4").c_str(), O_RDONLY);
+    ASSERT_EQ(flock(used, LOCK_EX), 0);
+    EXPECT_EQ(Write("a", Existing::kKept), "");
+    EXPECT_EQ(Write("a", Existing::kReplaced), "");
+    close(used);
+    EXPECT_EQ(Folder(), (Names{"a", "a.part3", "a.part4", "a.partx", "b.part1"}));
+}
+
+// Somebody else owns the folder, and has all that appears there swapped for links.
+TEST_P(Pending, NeverWritesWhereALinkLeads)
+{
+    WriteText(m_scratch.path("victim"), "kept");
+    PendingFile file(path("a"));
+    for (const std::string& name : Folder()) {
+        std::filesystem::rename(path(name), path("moved"));
+        std::filesystem::create_symlink(m_scratch.path("victim"), path(name));
+    }
+    EXPECT_EQ(write(file.descriptor(), "new", 3), 3);
+    EXPECT_EQ(file.Publish(Existing::kReplaced).empty(), GetParam());
+    EXPECT_EQ(ReadText(m_scratch.path("victim")), "kept");
+}
+
+TEST_P(Pending, NeedsNoFolderThatCanBeRead)
+{
+    constexpr uid_t nobody = 65534;  // root may read every folder
+    ASSERT_EQ(chmod(m_scratch.path("").c_str(), 0755), 0);
+    ASSERT_EQ(chmod(path("").c_str(), 0300), 0);
+    ASSERT_TRUE(geteuid() != 0 || chown(path("").c_str(), nobody, nobody) == 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        if (geteuid() == 0 && seteuid(nobody) != 0) _exit(2);
+        _exit(!Write("a", Existing::kKept).empty());
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    ASSERT_EQ(chmod(path("").c_str(), 0700), 0);
+    EXPECT_EQ(ReadText(path("a")), "new");
+}
+
+INSTANTIATE_TEST_SUITE_P(FileSystems, Pending, testing::Bool());
+
+}  // namespace
