@@ -73,6 +73,25 @@ int simulate(lua_State* L)
     return configure(L, "simulation settings", vxi_sim_configure);
 }
 
+int check_environment(lua_State* L)
+{
+    const char* error = vxi_check_environment();
+    if (!*error) {
+        lua_pushboolean(L, 1);
+        return 1;
+    }
+    lua_pushnil(L);
+    lua_pushstring(L, error);
+    return 2;
+}
+
+// What fetching the counters of a monitored port does, for machines without one.
+int simulated_tick(lua_State*)
+{
+    vxi_sim_tick();
+    return 0;
+}
+
 int simulated_machine(lua_State* L)
 {
     vxi_sim_machine_s machine{};
@@ -91,7 +110,9 @@ constexpr luaL_Reg kFunctions[] = {
     {"engines", engines},
     {"fault", fault},
     {"simulate", simulate},
+    {"check_environment", check_environment},
     {"simulated_machine", simulated_machine},
+    {"simulated_tick", simulated_tick},
     {nullptr, nullptr},
 };
 

@@ -19,7 +19,9 @@ void open_json(lua_State* L);      // Json.cpp: check_json, parse_json
 void open_pending_file(lua_State* L);  // PendingFile.cpp: temporary, and the file's methods
 void open_system(lua_State* L);    // System.cpp: clock, files, environment
 void open_text(lua_State* L);      // Text.cpp: printable, hexdump
-void open_signals(lua_State* L);   // Signals.cpp: sleep, catch_signals, interrupted
+void open_signals(lua_State* L);   // Signals.cpp: sleep, catch_signals, interrupted, reloads
+void open_settings_file(lua_State* L);     // SettingsFile.cpp: read_file, conf_line
+void open_simulated_memory(lua_State* L);  // SimulatedMemory.cpp: simulate_memory
 
 // The open handle that is argument 1; an argument error when there is none. [-0, +0, v]
 vxi_handle_ops_s* check_handle(lua_State* L);

@@ -29,14 +29,19 @@ constexpr struct {
 constexpr double kLongestSleep_s = 1e9;  // keeps the sum with the clock in range
 
 std::atomic<int> s_caught_signal{0};
-std::atomic<int> s_wake_fd{-1};  // made once a process, readable for good after a signal
+std::atomic<bool> s_hangup_reloads{false};  // SIGHUP asks for a reload, not for the end
+std::atomic<bool> s_reload_asked{false};
+std::atomic<int> s_wake_fd{-1};  // made once a process, readable after a signal
 static_assert(std::atomic<int>::is_always_lock_free, "used in a signal handler");
 
 void note_signal(int signal_number)
 {
     const int saved_errno = errno;
     const std::uint64_t one = 1;
-    s_caught_signal.store(signal_number);
+    if (signal_number == SIGHUP && s_hangup_reloads.load())
+        s_reload_asked.store(true);
+    else
+        s_caught_signal.store(signal_number);
     (void)!write(s_wake_fd.load(), &one, sizeof one);
     errno = saved_errno;
 }
@@ -83,6 +88,30 @@ int catch_signals(lua_State* L)
     if (!make_wake_fd() || !install_handlers())
         return luaL_error(L, "cannot catch signals: %s", std::strerror(errno));
     return 0;
+}
+
+// A reload must not cut short what the process is doing: only sleep() ends at once.
+int reload_on_hangup(lua_State* L)
+{
+    if (is_left_ignored(SIGHUP)) return 0;
+    struct sigaction action = {};
+    action.sa_handler = note_signal;
+    action.sa_flags = SA_RESTART;
+    sigemptyset(&action.sa_mask);
+    s_hangup_reloads.store(true);
+    if (!make_wake_fd() || sigaction(SIGHUP, &action, nullptr) != 0)
+        return luaL_error(L, "cannot catch SIGHUP: %s", std::strerror(errno));
+    return 0;
+}
+
+// Whether a reload was asked for since the last call. The descriptor is emptied after the
+// flag: a signal in between is found by its flag, before the next poll.
+int reload_asked(lua_State* L)
+{
+    std::uint64_t count = 0;
+    lua_pushboolean(L, s_reload_asked.exchange(false));
+    (void)!read(s_wake_fd.load(), &count, sizeof count);
+    return 1;
 }
 
 const char* caught_signal_name()
@@ -155,7 +184,8 @@ bool sleep_until(lua_State* main_state, timespec moment)
     const SignalsHeldBack held_back;
     const lua_Hook hook = lua_gethook(main_state);
     pollfd wake = {s_wake_fd.load(), POLLIN, 0};  // -1 is passed over
-    while (s_caught_signal.load() == 0 && lua_gethook(main_state) == hook) {
+    while (s_caught_signal.load() == 0 && !s_reload_asked.load() &&
+           lua_gethook(main_state) == hook) {
         const timespec left = moment - monotonic_now();
         if (left.tv_sec < 0 || (left.tv_sec == 0 && left.tv_nsec == 0)) return true;
         ppoll(&wake, 1, &left, &held_back.before);
@@ -178,6 +208,8 @@ constexpr luaL_Reg kFunctions[] = {
     {"sleep", sleep},
     {"catch_signals", catch_signals},
     {"interrupted", interrupted},
+    {"reload_on_hangup", reload_on_hangup},
+    {"reload_asked", reload_asked},
     {nullptr, nullptr},
 };
 

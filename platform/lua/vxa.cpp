@@ -47,6 +47,8 @@ int open_module(lua_State* L)
     open_system(L);
     open_text(L);
     open_signals(L);
+    open_settings_file(L);
+    open_simulated_memory(L);
     lua_pushliteral(L, VXA_VERSION);
     lua_setfield(L, -2, "version");
     return 1;

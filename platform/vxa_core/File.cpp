@@ -128,6 +128,29 @@ const char* FileKind(const std::string& path)
     }
 }
 
+std::string ReadFile(const std::string& path, std::size_t most_bytes, std::string& bytes)
+{
+    const auto fail = [&](int cause, const std::string& reason) {
+        errno = cause;
+        return path + ": " + reason;
+    };
+    const FileDescriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat status;
+    if (!file || fstat(file.get(), &status) != 0) return fail(errno, ErrorText(errno));
+    if (S_ISDIR(status.st_mode)) return fail(EISDIR, ErrorText(EISDIR));
+    if (!S_ISREG(status.st_mode)) return fail(EINVAL, "not a regular file");
+    // Files of the kernel declare no size, and one may grow while it is read.
+    bytes.clear();
+    char chunk[16384];
+    while (bytes.size() <= most_bytes) {
+        const ssize_t got = read(file.get(), chunk, sizeof chunk);
+        if (got < 0 && errno != EINTR) return fail(errno, ErrorText(errno));
+        if (got == 0) return "";
+        bytes.append(chunk, got > 0 ? static_cast<std::size_t>(got) : 0);
+    }
+    return fail(EFBIG, "has more than " + std::to_string(most_bytes) + " bytes");
+}
+
 }  // namespace Host
 
 }  // namespace VxaCore

@@ -342,3 +342,10 @@ void vxi_sim_machine(vxi_sim_machine_s* machine)
         *machine = vxi::sim::machine_at(view.world->settings, view.tick);
     }
 }
+
+void vxi_sim_tick(void)
+{
+    vxi::sim::Process& machine = vxi::sim::process();
+    const std::lock_guard<std::mutex> lock(machine.mutex);
+    vxi::sim::next_tick(machine.view);
+}

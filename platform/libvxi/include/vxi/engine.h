@@ -75,6 +75,10 @@ typedef struct vxi_sim_machine_s {
 
 VXI_API void vxi_sim_machine(vxi_sim_machine_s* machine);
 
+/* Lets the simulated machine go on by a tick, as vxi_get_scan_metrics does, for hosts
+ * that monitor no port. */
+VXI_API void vxi_sim_tick(void);
+
 #ifdef __cplusplus
 }
 #endif
