@@ -1,6 +1,5 @@
 -- Where a run's health policy comes from, and what it sets.
 
-local json = require "dkjson"
 local fail = require "command.fail"
 local health_policy = require "health_policy"
 
@@ -19,34 +18,26 @@ local port_defaults = {
     SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU = 500,
 }
 
-local key_order = {}
-for i, setting in ipairs(policy.settings) do key_order[i] = setting.key end
-
+-- As JSON, with digits enough for the module to read the same numbers.
 local function render(values)
-    local object = {}
+    local members = {}
     for _, setting in ipairs(policy.settings) do
-        local number = values[setting.key]
-        if number and setting.threshold then number = { value = number } end
-        object[setting.key] = number
+        if values[setting.key] then
+            members[#members + 1] = ((setting.threshold and '"%s":{"value":%.17g}' or '"%s":%.17g'))
+                :format(setting.key, values[setting.key])
+        end
     end
-    return json.encode(object, { keyorder = key_order })
+    return "{" .. table.concat(members, ",") .. "}"
 end
 
-local function read_file(path, what)
-    local file, message, code = io.open(path, "rb")
-    if not file then return nil, message, code end
-    local text
-    text, message = file:read("*a")
-    file:close()
-    if not text then fail(2, "%s %s: %s", what, path, message) end
-    return text
-end
+-- ---- policy file ------------------------------------------------------------------------
 
-local function from_json_file(options)
-    local path = options.policy
-    local text, message = read_file(path, "policy")
+local MOST_BYTES = 1048576
+
+local function from_json_file(vxa, path, lenient)
+    local text, message = vxa.read_file(path, MOST_BYTES)
     if not text then fail(2, "policy %s", message) end
-    local values, warnings = health_policy.check(text, options.lenient)
+    local values, warnings = health_policy.check(text, lenient)
     if not values then
         fail(2, "policy %s: %s%s", path, warnings, warnings:find("^line ") and ""
             or " (--lenient takes it as the module does)")
@@ -56,48 +47,51 @@ end
 
 -- ---- configuration file -----------------------------------------------------------------
 
-local function setting_of_line(line)
-    for _, setting in ipairs(policy.settings) do
-        local prefix = setting.conf .. "="
-        if line:sub(1, #prefix) == prefix then return setting, line:sub(#prefix + 1) end
-    end
-end
-
-local function leading_number(text)
-    return tonumber(text:match("^%s*([+-]?[%d.]+[eE][+-]?%d+)") or text:match("^%s*([+-]?[%d.]+)"))
-end
+local by_conf_name = {}
+for _, setting in ipairs(policy.settings) do by_conf_name[setting.conf] = setting end
 
 -- Zero and below are refused here, for every setting: unlike in a policy.
-local function conf_remark(setting, number)
-    if not number then return "has no number; the line is ignored" end
-    if number <= 0 or number > setting.max then
-        return ("%.14g is out of bounds (above 0 to %d); the line is ignored"):format(number,
-            setting.max)
+local function conf_setting(setting, number, values, warnings, place)
+    if not number then
+        warnings:add("%s%s has no number; the line is ignored", place, setting.conf)
+    elseif number > 0 and number <= setting.max then
+        values[setting.key] = number
+    else
+        warnings:add("%s%s %.14g is out of bounds (above 0 to %d); the line is ignored", place,
+            setting.conf, number, setting.max)
     end
 end
 
--- The name that a line was meant to set, however it is written; nil for other lines.
-local function intended_name(line)
-    return line:match("^%s*([%w_]+)%s*=")
+-- A line that the module passes over, though its author meant to set something.
+local function conf_other(line, warnings, place)
+    local name = line:match("^%s*([%w_]+)%s*=")
+    if line:find('^%s*{?%s*"[%w_]+"%s*:') then
+        warnings:add("%sJSON is for --policy; this file has lines NAME=NUMBER", place)
+    elseif name and by_conf_name[name:upper()] then
+        warnings:add("%s%s= must begin the line, in capitals and without blanks; it is ignored",
+            place, name:upper())
+    elseif name then
+        warnings:add_unknown(place, name, "conf")
+    end
 end
 
 -- The module reads the file itself, at every cycle; this is what it makes of it now.
-local function from_conf_text(text)
-    local values, warnings, line_number = {}, {}, 0
-    for line in text:gmatch("([^\n]*)\n?") do
-        line_number = line_number + 1
-        local setting, rest = setting_of_line(line)
-        local number = setting and leading_number(rest)
-        local remark = setting and conf_remark(setting, number)
-            or not setting and intended_name(line) and "is no setting; the line is ignored"
-        if remark then
-            warnings[#warnings + 1] = ("line %d: %s %s"):format(line_number, intended_name(line),
-                remark)
-        elseif setting then
-            values[setting.key] = number
+local function from_conf_text(vxa, text)
+    local values, warnings = {}, health_policy.complaints()
+    local at, line_number = 1, 1
+    while at <= #text do
+        local line, number, next_at = vxa.conf_line(text, at)
+        local setting = by_conf_name[line:match("^([%u_]+)=")]
+        local place = ("line %d: "):format(line_number)
+        if setting then
+            conf_setting(setting, number, values, warnings, place)
+        else
+            conf_other(line, warnings, place)
         end
+        if text:byte(next_at - 1) == 10 then line_number = line_number + 1 end
+        at = next_at
     end
-    return { text = "", source = policy.CONF_PATH, values = values, warnings = warnings }
+    return { text = "", source = policy.CONF_PATH, values = values, warnings = warnings:close() }
 end
 
 -- ---- default ----------------------------------------------------------------------------
@@ -150,9 +144,9 @@ end
 
 local ENOENT = 2
 
-local function without_policy_file(cpus)
-    local text, message, code = read_file(policy.CONF_PATH, "configuration")
-    if text then return from_conf_text(text) end
+local function without_policy_file(vxa, cpus)
+    local text, message, code = vxa.read_file(policy.CONF_PATH, MOST_BYTES)
+    if text then return from_conf_text(vxa, text) end
     if code ~= ENOENT then fail(2, "configuration %s", message) end
     return built_in(cpus())
 end
@@ -161,8 +155,8 @@ end
 -- top. `cpus` is a function: asking costs a command, and only the default needs it.
 -- Returns {text, source, values, warnings}; an empty text leaves the reading to the module.
 function policy.choose(options, vxa, cpus)
-    local chosen = options.policy and from_json_file(options)
-        or without_policy_file(cpus)
+    local chosen = options.policy and from_json_file(vxa, options.policy, options.lenient)
+        or without_policy_file(vxa, cpus)
     if options.port then return with_port(chosen, options.port, options.outbound) end
     return chosen
 end

@@ -2,28 +2,9 @@
 
 local cases = require "cases"
 local health_policy = require "health_policy"
-local json = require "dkjson"
 local policy = require "command.policy"
-
-local accepting = { check_json = function() return true end }
-
-local function two_cpus()
-    return 2
-end
-
-local function with_file(text, body)
-    local path = os.tmpname()
-    local file = assert(io.open(path, "wb"))
-    file:write(text)
-    file:close()
-    local ok, message = pcall(body, path)
-    os.remove(path)
-    if not ok then error(message, 0) end
-end
-
-local function warnings_in(chosen)
-    return table.concat(chosen.warnings, "\n")
-end
+local testing = require "testing"
+local vxa = require "vxa"
 
 -- Policy, settings in force, pattern of its warnings ("" for none).
 local policies = {
@@ -111,90 +92,72 @@ for _, row in ipairs(broken) do
     end)
 end
 
+-- ---- where it comes from ----------------------------------------------------------------
+
+local function choose(options, conf)
+    policy.CONF_PATH = conf and os.tmpname() or "/nonexistent/vx_filter.conf"
+    if conf then testing.write(policy.CONF_PATH, conf) end
+    local chosen = policy.choose(options, vxa, function() return options.cpus or 2 end)
+    os.remove(policy.CONF_PATH)
+    return chosen
+end
+
 -- Configuration file, settings in force, pattern of its warnings.
 local files = {
-    { "SYSTEM_RUNQ_PCT_THRESHOLD=8\n", { SYS_THR_RUNQ = 8 }, "^$" },
-    { "# remark\n\nSYSTEM_RUNQ_PCT_THRESHOLD= 1.5e1x", { SYS_THR_RUNQ = 15 }, "^$" },
     { "SYSTEM_RUNQ_PCT_THRESHOLD=8\nSYSTEM_RUNQ_PCT_THRESHOLD=9\n", { SYS_THR_RUNQ = 9 }, "^$" },
+    { "# remark\n\nSYSTEM_RUNQ_PCT_THRESHOLD= 1.5e1x", { SYS_THR_RUNQ = 15 }, "^$" },
     { "SYSTEM_RUNQ_PCT_THRESHOLD=8\nSYSTEM_RUNQ_PCT_THRESHOLD=250\n", { SYS_THR_RUNQ = 8 },
       "^line 2: SYSTEM_RUNQ_PCT_THRESHOLD 250 is out of bounds %(above 0 to 200%)" },
-    { "SYSTEM_MIN_ACT_DURATION=0\n", {}, "^line 1: SYSTEM_MIN_ACT_DURATION 0 is out of bounds" },
-    { " SYSTEM_RUNQ_PCT_THRESHOLD=8\n", {}, "is no setting; the line is ignored" },
-    { "SYSTEM_RUNQ_PCT_THRESHOLD =8\n", {}, "is no setting; the line is ignored" },
-    { "SYSTEM_RUNQ_PCT_THRESHOLD=many\n", {}, "has no number" },
+    { ("x"):rep(1023) .. "SYSTEM_MIN_ACT_DURATION=0\n\nSYSTEM_MIN_ACT_DURATION=-", {},
+      "^line 1: SYSTEM_MIN_ACT_DURATION 0 is out .*\nline 3: .* has no number; the line is ignored$" },
+    { " system_runq_pct_threshold =8\n", {}, "^line 1: SYSTEM_RUNQ_PCT_THRESHOLD= must begin the" },
+    { "SYSTEM_RUNQ=8\nSYS_THR_FREE_MEM=2", {}, "1: 'SYSTEM_RUNQ' is not .* 'SYSTEM_RUNQ_PCT_THRESHOLD'%?"
+      .. ".*2: 'SYS_THR_FREE_MEM' is not .* 'SYSTEM_MIN_FREE_MEM_PCT'%?" },
+    { '{"SYS_THR_RUNQ": 8}', {}, "^line 1: JSON is for %-%-policy; this file has lines NAME=NUMBER$" },
+    { ("x=1\n"):rep(100), {}, "\nand 80 more$" },
 }
 
 for _, row in ipairs(files) do
-    local text, values, warnings = table.unpack(row)
-    cases.case(("%q"):format(text), function()
-        with_file(text, function(path)
-            policy.CONF_PATH = path
-            local chosen = policy.choose({}, accepting, two_cpus)
-            cases.equal(chosen.values, values, "settings")
-            cases.equal(chosen.text, "", "text")
-            cases.matches(warnings_in(chosen), warnings, "warnings")
-        end)
+    cases.case(("%q"):format(row[1]), function()
+        local chosen = choose({}, row[1])
+        cases.equal({ chosen.values, chosen.text }, { row[2], "" }, "settings, text")
+        cases.matches(table.concat(chosen.warnings, "\n"), row[3], "warnings")
     end)
 end
 
-local MISSING = "/nonexistent/vx_filter.conf"
-
--- The module takes the first of repeated members; dkjson the last. So the text with --port
--- is judged by its members in order.
-local function first_members(text)
-    local found = {}
-    for key, number in text:gmatch('"(SYS_[%u_]+)"%s*:%s*{?[^%d}]*([%d.]+)') do
-        found[key] = found[key] or tonumber(number)
-    end
-    return found
-end
-
--- Policy text (nil: the default), direction, and members of the result.
+-- With --port: the policy or file that it goes on top of, direction, and settings in force
+-- (false: absent). They are also what the module finds in the text.
 local ports = {
-    { nil, false, { SYS_CONF_CONN_REFUSAL_PORT = 443, SYS_CONF_CONN_REFUSAL_OUTBOUND = 0,
-                    SYS_THR_CONN_REFUSAL_PCT = 50, SYS_THR_RUNQ = 8 } },
-    { "{ }", true, { SYS_CONF_CONN_REFUSAL_PORT = 443, SYS_CONF_CONN_REFUSAL_OUTBOUND = 1,
-                     SYS_THR_CONN_EST_PER_CPU = 5000 } },
-    { '\n{"SYS_CONF_CONN_REFUSAL_PORT": 80, "SYS_CONF_CONN_REFUSAL_OUTBOUND": 1}', false,
-      { SYS_CONF_CONN_REFUSAL_PORT = 443, SYS_CONF_CONN_REFUSAL_OUTBOUND = 0,
-        SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU = 500 } },
-    { '{"SYS_THR_CONN_REFUSAL_PCT": {"value": 7}, "SYS_THR_FREE_MEM": {"value": 2}}', false,
-      { SYS_THR_CONN_REFUSAL_PCT = 7, SYS_THR_FREE_MEM = 2 }, "SYS_THR_CONN_EST_PER_CPU" },
+    { nil, nil, false, { SYS_CONF_CONN_REFUSAL_OUTBOUND = 0, SYS_THR_CONN_REFUSAL_PCT = 50,
+                         SYS_THR_RUNQ = 8 } },
+    { nil, "# nothing set\n", true, { SYS_THR_CONN_EST_PER_CPU = 5000, SYS_THR_RUNQ = false } },
+    { nil, "SYSTEM_MIN_FREE_MEM_PCT=0.3\nSYSTEM_UNLOAD_DRIVER=1\n", false,
+      { SYS_THR_FREE_MEM = 0.30000001192092896, SYS_CONF_UNLOAD_DRIVER = 1, SYS_THR_RUNQ = false } },
+    { "{ }", nil, true, { SYS_CONF_CONN_REFUSAL_OUTBOUND = 1, SYS_THR_CONN_EST_PER_CPU = 5000 } },
+    { '\n{"SYS_CONF_CONN_REFUSAL_PORT": 80, "SYS_CONF_CONN_REFUSAL_OUTBOUND": 1}', nil, false,
+      { SYS_CONF_CONN_REFUSAL_OUTBOUND = 0, SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU = 500 } },
+    { '{"SYS_THR_CONN_REFUSAL_PCT": {"value": 7}, "SYS_THR_FREE_MEM": {"value": 2}}', nil, false,
+      { SYS_THR_CONN_REFUSAL_PCT = 7, SYS_THR_FREE_MEM = 2, SYS_THR_CONN_EST_PER_CPU = false } },
 }
 
 for i, row in ipairs(ports) do
-    local text, outbound, expected, absent = table.unpack(row, 1, 4)
-    cases.case("--port on policy " .. i, function()
-        policy.CONF_PATH = MISSING
-        with_file(text or "", function(path)
-            local options = { policy = text and path, port = 443, outbound = outbound }
-            local chosen = policy.choose(options, accepting, two_cpus)
-            assert(json.decode(chosen.text), "not JSON: " .. chosen.text)
-            local found = first_members(chosen.text)
-            for key, value in pairs(expected) do
-                cases.equal(found[key], value, key .. " in the text")
-                cases.equal(chosen.values[key], value, key)
-            end
-            if absent then cases.equal(found[absent], nil, absent) end
-        end)
+    local text, conf, outbound, expected = table.unpack(row, 1, 4)
+    cases.case("--port " .. i, function()
+        local path = text and os.tmpname()
+        if path then testing.write(path, text) end
+        local chosen = choose({ policy = path, port = 443, outbound = outbound }, conf)
+        if path then os.remove(path) end
+        cases.equal(health_policy.check(chosen.text), chosen.values, "settings in the text")
+        expected.SYS_CONF_CONN_REFUSAL_PORT = 443
+        for key, value in pairs(expected) do cases.equal(chosen.values[key] or false, value, key) end
     end)
 end
-
-cases.case("--port on a configuration file carries its settings over", function()
-    with_file("SYSTEM_MIN_FREE_MEM_PCT=3\nSYSTEM_UNLOAD_DRIVER=1\n", function(path)
-        policy.CONF_PATH = path
-        local found = first_members(policy.choose({ port = 443 }, accepting, two_cpus).text)
-        cases.equal({ found.SYS_THR_FREE_MEM, found.SYS_CONF_UNLOAD_DRIVER, found.SYS_THR_RUNQ },
-            { 3, 1, nil }, "members")
-    end)
-end)
 
 -- Processors, and the default's run-queue threshold.
 for _, row in ipairs { { 0, 4 }, { 1, 4 }, { 8, 32 }, { 256, 200 } } do
     cases.case(row[1] .. " processors", function()
-        policy.CONF_PATH = MISSING
-        local chosen = policy.choose({}, accepting, function() return row[1] end)
-        cases.equal(json.decode(chosen.text).SYS_THR_RUNQ.value, row[2], "threshold")
+        local chosen = choose { cpus = row[1] }
+        cases.equal(health_policy.check(chosen.text).SYS_THR_RUNQ, row[2], "threshold")
     end)
 end
 
