@@ -57,6 +57,11 @@ function Messages:tell_once(text)
     console.complain(cost and ("%s (%s)"):format(text, cost) or text)
 end
 
+-- From now on faults count as new again.
+function Messages:forget()
+    self.told = {}
+end
+
 local is_fault = { error = true, warning = true }
 
 -- The texts of all faults among the records taken last.

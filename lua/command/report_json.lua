@@ -13,7 +13,7 @@ local KEY_ORDER = {
     "interval_s", "publication_interval_s", "cycle", "sample",
     "action", "action_text", "state", "measured", "metrics", "name", "available", "value",
     "threshold", "unit", "enabled", "over", "transition", "min_fail_open_s", "in_fail_open_s",
-    "port", "direction", "errors", "capabilities", "detail", "cycles", "entered",
+    "port", "direction", "error", "errors", "capabilities", "detail", "cycles", "entered",
     "flows", "new", "beyond", "published", "services", "protocol", "dst_addr", "dst_port",
     "flags", "cf_ssl_connection", "cf_start_tls", "cf_udp_connection", "cf_outbound_connection",
     "cf_rsa_key_imported", "cf_qoagent_key_imported", "cf_qoagent_key_not_found",
@@ -82,6 +82,16 @@ function Report:start()
         engine = monitored.engine, policy_source = monitored.policy.source,
         settings = report_json.settings(monitored.policy.values),
         interval_s = self.options.interval,
+    })
+end
+
+-- `fault`: why the policy in force stays.
+function Report:reloaded(fault)
+    local policy_in_force = self.monitored.policy
+    console.line("%s", report_json.encode {
+        record = "policy", time = report_json.time(os.time()),
+        policy_source = policy_in_force.source,
+        settings = report_json.settings(policy_in_force.values), error = fault or json.null,
     })
 end
 

@@ -26,6 +26,13 @@ function Report:start()
     console.line("policy: %s", printable(self.monitored.policy.source))
 end
 
+-- `fault`: why the policy in force stays; it is on standard error already.
+function Report:reloaded(fault)
+    if not fault then
+        console.line("policy reloaded: %s", printable(self.monitored.policy.source))
+    end
+end
+
 local ACTION_WIDTH, STATE_WIDTH = 15, 11
 
 local function cell(metric)

@@ -80,6 +80,29 @@ local function publish(monitored, report, totals)
     report:connections(published)
 end
 
+local function has_terminal(vxa)
+    return vxa.isatty(0) or vxa.isatty(1) or vxa.isatty(2)
+end
+
+-- Waits for the next cycle and reloads the policy whenever a SIGHUP asks for it. False when
+-- the run ends instead: by another signal, or because SIGHUP came with the end of the
+-- terminal.
+local function wait(monitored, options, report, totals, due)
+    local vxa = monitored.vxa
+    while true do
+        local awake = vxa.sleep(math.max(due - vxa.clock(), 0))
+        if vxa.reload_asked() then
+            if monitored.has_terminal and not has_terminal(vxa) then
+                totals.interrupted = "SIGHUP"
+                return false
+            end
+            report:reloaded(session.reload(monitored, options))
+        else
+            return awake
+        end
+    end
+end
+
 local function run_cycles(monitored, options, report, totals)
     local vxa = monitored.vxa
     local due, awake = vxa.clock(), true
@@ -94,20 +117,22 @@ local function run_cycles(monitored, options, report, totals)
         publish(monitored, report, totals)
         if totals.cycles == options.cycles then return end
         due = pace.next(vxa, due, options.interval)
-        awake = vxa.sleep(math.max(due - vxa.clock(), 0))
+        awake = wait(monitored, options, report, totals, due)
     end
 end
 
 return function(options)
     local monitored = session.start(options)
     local vxa = monitored.vxa
+    monitored.has_terminal = has_terminal(vxa)
+    vxa.reload_on_hangup()
     local report = require(reports[options.json == true]).new(monitored, options)
     local totals = { cycles = 0, measured = 0, disabled = 0, entered = 0, observations = 0,
                      reported = 0, started = vxa.clock(), state = monitored.monitor.state }
     report:start()
     run_cycles(monitored, options, report, totals)
     totals.seconds = vxa.clock() - totals.started
-    totals.interrupted = vxa.interrupted()
+    totals.interrupted = totals.interrupted or vxa.interrupted()
     totals.rest = monitored.feedback:rest()
     report:finish(totals)
     session.finish(monitored)

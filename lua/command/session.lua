@@ -6,6 +6,7 @@ local fail = require "command.fail"
 local interruption = require "command.interruption"
 local messages = require "command.messages"
 local policy = require "command.policy"
+local simulation = require "command.simulation"
 
 local session = {}
 
@@ -87,10 +88,20 @@ local function cpu_count()
     return rows[#rows].cpu_count
 end
 
+local function choose_policy(options, vxa)
+    local chosen = policy.choose(options, vxa, cpu_count)
+    for _, warning in ipairs(chosen.warnings) do
+        console.complain(("warning: %s: %s"):format(chosen.source, warning))
+    end
+    return chosen
+end
+
 -- What every command that asks the driver needs: {vxa, engine}, the module `fc` loaded.
 function session.attach(options)
     local vxa = session.host()
     local engine = choose_engine(vxa, options.engine)
+    local usable, fault = vxa.check_environment()
+    if not usable then fail(2, "%s", fault) end
     load_module "fc"
     return { vxa = vxa, engine = engine }
 end
@@ -117,10 +128,8 @@ end
 -- For health monitoring. Returns {vxa, engine, policy, dom, messages, monitor, feedback}.
 function session.start(options)
     local started = session.attach(options)
-    started.policy = policy.choose(options, started.vxa, cpu_count)
-    for _, warning in ipairs(started.policy.warnings) do
-        console.complain(("warning: %s: %s"):format(started.policy.source, warning))
-    end
+    if started.engine == "sim" then simulation.start(started.vxa) end
+    started.policy = choose_policy(options, started.vxa)
     session.listen(started, options)
     started.vxa.verbose(true)
     started.vxa.mkdir(DIAGNOSTICS_FOLDER)  -- where it cannot be made, the module says so
@@ -135,6 +144,7 @@ end
 
 -- One cycle, with the time at which it began.
 function session.cycle(monitored)
+    simulation.update(monitored.vxa)
     local time = os.time()
     local result = monitored.monitor:cycle()
     result.time = time
@@ -142,6 +152,32 @@ function session.cycle(monitored)
         monitored.messages:tell_once("the host document cannot be kept: " .. result.unpublished)
     end
     return result
+end
+
+-- Where the module would go on with the port of the earlier policy.
+local function warn_of_port(before, now)
+    local old, new = before.values, now.values
+    local changed = old.SYS_CONF_CONN_REFUSAL_PORT ~= new.SYS_CONF_CONN_REFUSAL_PORT
+        or (old.SYS_CONF_CONN_REFUSAL_OUTBOUND == 1) ~= (new.SYS_CONF_CONN_REFUSAL_OUTBOUND == 1)
+    if old.SYS_CONF_CONN_REFUSAL_PORT and new.SYS_CONF_CONN_REFUSAL_PORT and changed then
+        console.complain(("warning: port %d stays monitored until vxa is started again")
+            :format(old.SYS_CONF_CONN_REFUSAL_PORT))
+    end
+end
+
+-- Reads the policy again, in force from the next cycle on; returns what was wrong when the
+-- old one stays.
+function session.reload(monitored, options)
+    local ok, chosen = pcall(choose_policy, options, monitored.vxa)
+    if not ok then
+        if type(chosen) ~= "table" then error(chosen, 0) end
+        console.complain(chosen.message .. "; the policy in force stays")
+        return chosen.message
+    end
+    warn_of_port(monitored.policy, chosen)
+    monitored.policy = chosen
+    monitored.monitor:set_policy(chosen.text)
+    monitored.messages:forget()
 end
 
 function session.finish(monitored)
