@@ -111,17 +111,6 @@ end
 
 -- ---- members ----------------------------------------------------------------------------
 
--- Sorts the members that count from those that repeat an earlier one.
-local function first_of_each(members)
-    local firsts, repeated, seen = {}, {}, {}
-    for _, member in ipairs(members) do
-        local name = member.key:lower()
-        table.insert(seen[name] and repeated or firsts, member)
-        seen[name] = true
-    end
-    return firsts, repeated
-end
-
 -- The member "value" that counts, and whether there are several.
 local function value_of(threshold)
     local found, again = nil, false
@@ -145,14 +134,18 @@ local function wanted(setting, value)
     return setting.threshold and ('{"value": %s}'):format(text or "NUMBER") or text or "a number"
 end
 
-local NAMES = { object = 'an object without "value"', array = "an array" }
+local NAMES = { object = "an object", array = "an array" }
 
 local function shown(value)
-    local inner = value_of(value)
-    if inner then return ('{"value": %s}'):format(shown(inner)) end
     if value.type == "number" then return ("%.14g"):format(value.value) end
     if value.type == "string" then return '"' .. shorten(value.value) .. '"' end
     return NAMES[value.type] or value.type
+end
+
+local function shown_whole(value)
+    local inner = value_of(value)
+    if inner then return ('{"value": %s}'):format(shown(inner)) end
+    return shown(value) .. (value.type == "object" and ' without "value"' or "")
 end
 
 function health_policy.in_bounds(setting, number)
@@ -160,14 +153,16 @@ function health_policy.in_bounds(setting, number)
     return number >= 0 and number <= setting.max
 end
 
--- Returns the number that the module takes for this setting, or nil.
+-- Returns the number that the module takes for this setting, or nil. Without `faults`, a
+-- member of the wrong type gets a warning with what the module makes of it.
 local function check_member(setting, value, faults, warnings)
     local source, again = value, false
     if setting.threshold then source, again = value_of(value) end
     if not source or source.type ~= "number" then
-        faults:add("%s must be %s, not %s%s", setting.key, wanted(setting, value), shown(value),
-            faults == warnings
-                and (setting.threshold and "; it is ignored" or "; it counts as 0") or "")
+        local effect = setting.threshold and "; it is ignored" or "; it counts as 0"
+        local list = faults or warnings
+        list:add("%s must be %s, not %s%s", setting.key, wanted(setting, value),
+            shown_whole(value), faults and "" or effect)
         return not setting.threshold and 0 or nil
     end
     if again then warnings:add("%s has its value repeated; the first counts", setting.key) end
@@ -177,19 +172,18 @@ local function check_member(setting, value, faults, warnings)
 end
 
 local function check_members(members, lenient)
-    local settings, warnings = {}, health_policy.complaints()
-    local faults = lenient and warnings or health_policy.complaints()
-    local firsts, repeated = first_of_each(members)
-    for _, member in ipairs(firsts) do
+    local settings, seen, warnings = {}, {}, health_policy.complaints()
+    local faults = not lenient and health_policy.complaints() or nil
+    for _, member in ipairs(members) do
         local setting = by_lower_key[member.key:lower()]
-        if setting then
-            settings[setting.key] = check_member(setting, member.value, faults, warnings)
-        else
+        if not setting then
             warnings:add_unknown("", member.key, "key")
+        elseif seen[setting] then
+            warnings:add("'%s' is repeated; the first counts", member.key)
+        else
+            seen[setting] = true
+            settings[setting.key] = check_member(setting, member.value, faults, warnings)
         end
-    end
-    for _, member in ipairs(repeated) do
-        warnings:add("'%s' is repeated; the first counts", shorten(member.key))
     end
     if lenient or faults.count == 0 then return settings, warnings:close() end
     return nil, faults[1] .. (faults.count > 1 and (" (and %d more)"):format(faults.count - 1) or "")

@@ -125,11 +125,18 @@ function session.open(vxa)
     return handle, message
 end
 
+local function port_of(values)
+    local port = values.SYS_CONF_CONN_REFUSAL_PORT
+    local direction = values.SYS_CONF_CONN_REFUSAL_OUTBOUND == 1 and "outbound" or "inbound"
+    return port and ("port %d, %s,"):format(port, direction)
+end
+
 -- For health monitoring. Returns {vxa, engine, policy, dom, messages, monitor, feedback}.
 function session.start(options)
     local started = session.attach(options)
     if started.engine == "sim" then simulation.start(started.vxa) end
     started.policy = choose_policy(options, started.vxa)
+    started.first_port = port_of(started.policy.values)
     session.listen(started, options)
     started.vxa.verbose(true)
     started.vxa.mkdir(DIAGNOSTICS_FOLDER)  -- where it cannot be made, the module says so
@@ -154,14 +161,13 @@ function session.cycle(monitored)
     return result
 end
 
--- Where the module would go on with the port of the earlier policy.
-local function warn_of_port(before, now)
-    local old, new = before.values, now.values
-    local changed = old.SYS_CONF_CONN_REFUSAL_PORT ~= new.SYS_CONF_CONN_REFUSAL_PORT
-        or (old.SYS_CONF_CONN_REFUSAL_OUTBOUND == 1) ~= (new.SYS_CONF_CONN_REFUSAL_OUTBOUND == 1)
-    if old.SYS_CONF_CONN_REFUSAL_PORT and new.SYS_CONF_CONN_REFUSAL_PORT and changed then
-        console.complain(("warning: port %d stays monitored until vxa is started again")
-            :format(old.SYS_CONF_CONN_REFUSAL_PORT))
+-- The module goes on with the port that it gave the driver first.
+local function check_port(monitored)
+    local port = port_of(monitored.policy.values)
+    monitored.first_port = monitored.first_port or port
+    if port and port ~= monitored.first_port then
+        console.complain(("warning: %s stays monitored until vxa is started again")
+            :format(monitored.first_port))
     end
 end
 
@@ -170,12 +176,12 @@ end
 function session.reload(monitored, options)
     local ok, chosen = pcall(choose_policy, options, monitored.vxa)
     if not ok then
-        if type(chosen) ~= "table" then error(chosen, 0) end
+        if type(chosen) ~= "table" or not chosen.message then error(chosen, 0) end
         console.complain(chosen.message .. "; the policy in force stays")
         return chosen.message
     end
-    warn_of_port(monitored.policy, chosen)
     monitored.policy = chosen
+    check_port(monitored)
     monitored.monitor:set_policy(chosen.text)
     monitored.messages:forget()
 end

@@ -23,7 +23,7 @@ local policies = {
     { '{"SYS_THR_RUNQUEUE": {"value": 8}, "SYSTEM_UNLOAD_DRIVER": 1, "x": 1}', {},
       "^'SYS_THR_RUNQUEUE' is not a setting; it is ignored %(did you mean 'SYS_THR_RUNQ'%?%)\n"
       .. "'SYSTEM_UNLOAD_DRIVER' .* 'SYS_CONF_UNLOAD_DRIVER'%?%)\n'x' is not a setting; it is ignored$" },
-    { "{" .. ('"x": 1, '):rep(100) .. '"x": 1}', {}, "first counts\nand 81 more$" },
+    { "{" .. ('"x": 1, '):rep(100) .. '"x": 1}', {}, "it is ignored\nand 81 more$" },
 }
 
 for _, row in ipairs(policies) do
@@ -44,6 +44,7 @@ local mistyped = {
     { '{"SYS_THR_RUNQ": null}', '{"value": NUMBER}, not null', nil },
     { '{"SYS_CONF_MIN_ACT_DURATION": "30"}', '30, not "30"', 0 },
     { '{"SYS_CONF_MIN_ACT_DURATION": {"value": 30}}', '30, not {"value": 30}', 0 },
+    { '{"SYS_THR_RUNQ": {"value": {"value": 8}}}', '{"value": NUMBER}, not {"value": an object}', nil },
     { '{"SYS_CONF_MIN_ACT_DURATION": true}', "a number, not true", 0 },
 }
 
