@@ -31,19 +31,20 @@ for _, name in ipairs { "uptime", "nproc" } do
     outside.write(name, "#!/bin/sh\necho run >hostile\n")
     outside.shell("chmod +x " .. outside.SCRATCH .. "/" .. name)
 end
+outside.shell(("ln -s %s/bin/vxa '/var/opt/it is'"):format(ROOT))
 local HOSTILE = "PATH=.:$PATH LUA_INIT='error()' LUA_PATH='./?.lua' LUA_CPATH='/nonexistent/?.so'"
 
 -- `hook`: code to run in the interpreter first.
 function outside.vxa(arguments, environment, hook)
     if hook then testing.write(outside.SCRATCH .. "/hook.lua", hook) end
     local text, status = outside.shell(
-        ("cd %s && env %s VXI_ENGINE=sim %s %s %s/bin/vxa %s 2>err")
+        ("cd %s && env %s VXI_ENGINE=sim %s %s '/var/opt/it is' %s 2>err")
             :format(outside.SCRATCH, HOSTILE, environment or "",
-                hook and [[lua5.2 -E -e "dofile('hook.lua')"]] or "", ROOT, arguments))
+                hook and [[lua5.2 -E -e "dofile('hook.lua')"]] or "", arguments))
     return text, status, testing.read(outside.SCRATCH .. "/err")
 end
 
--- Each pattern behind the one before; one that begins with ^ at the very start.
+-- Each pattern after the one before; one that begins with ^ at the very start.
 function outside.match_in_order(text, patterns, what)
     local from = 1
     for _, pattern in ipairs(patterns) do
