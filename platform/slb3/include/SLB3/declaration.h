@@ -42,48 +42,28 @@ void Register(lua_State* L);
 
 namespace policy {
 
-// Scripts may own instances, which the collector destroys; pointers are never deleted.
-struct Default {
-    template <typename T>
-    struct Implementation {
-        static void* Unpack(const Object& object)
-        {
-            if (object.header->type == internal::kInstance)
-                return internal::InstanceAddress<T>(object.data);
-            return internal::StoredPointer(object);
-        }
-        static void Destroy(void* instance) { static_cast<T*>(instance)->~T(); }
-    };
-    static constexpr bool kInstances = true;
-};
-
 // Scripts hold pointers only; the objects belong to someone else.
 struct NoDelete {
     template <typename T>
     struct Implementation {
-        static void* Unpack(const Object& object) { return internal::StoredPointer(object); }
+        static void* Unpack(const Object& object)
+        {
+            const unsigned type = object.header->type;
+            const bool stored = type == internal::kPointer || type == internal::kConstPointer;
+            return stored ? *static_cast<void**>(object.data) : nullptr;
+        }
     };
-    static constexpr bool kInstances = false;
 };
 
 }  // namespace policy
 }  // namespace SLB3
 
-#define SLB3_INTERNAL_DECLARATION(Type, Name, Policy_, Parents_) \
+#define SLB3_DECLARATION(Type, Name, Policy_)                    \
     namespace SLB3 {                                             \
     template <>                                                  \
     struct Wrapper<Type> {                                       \
         typedef Policy_ Policy;                                  \
-        typedef Parents_ Parents;                                \
         static const char* GetName() { return Name; }            \
         static void Register(internal::Class<Type>& registered); \
     };                                                           \
     }
-
-#define SLB3_DECLARATION(Type, Name, Policy_) \
-    SLB3_INTERNAL_DECLARATION(Type, Name, Policy_, internal::NoParents)
-
-// A class with one direct base class, itself declared before: an object of the class
-// is then taken wherever the base class is asked for. The spelling is this subset's.
-#define SLB3_DECLARATION_WITH_PARENT(Type, Name, Policy_, Parent) \
-    SLB3_INTERNAL_DECLARATION(Type, Name, Policy_, internal::OneParent<Parent>)

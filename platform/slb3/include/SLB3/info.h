@@ -1,10 +1,7 @@
-// What a type is, at run time: mostly for functions registered with Lua.
+// What a function registered with Lua is, at run time.
 #pragma once
 
-#include <string>
-
 #include "SLB3/config.h"
-#include "SLB3/declaration.h"
 
 namespace SLB3 {
 
@@ -18,110 +15,47 @@ struct BaseInfo {
         kType_function,
     };
     virtual Type type() const { return kType_unknown; }
-    // "int", "const char*", a class's GetName(); "function" for functions.
+    // "int"; "function" for functions.
     virtual const char* name() const { return "unknown"; }
-    // Functions only; -1 for everything else. A method's object is not counted.
+    // Functions only; -1 for everything else.
     virtual int num_args() const { return -1; }
     // `num_args()` records; null when there are none.
     virtual const BaseInfo* const* args() const { return nullptr; }
-    // Null for void and for everything that is no function.
+    // Null for everything that is not a function.
     virtual const BaseInfo* type_returned() const { return nullptr; }
 
 protected:
     ~BaseInfo() = default;
 };
 
-// The record's class for T; references and top-level const do not count.
+// The record's class for T.
 template <typename T>
 struct Info;
 
+template <>
+struct Info<int> final : BaseInfo {
+    Type type() const override { return kType_primitive_value; }
+    const char* name() const override { return "int"; }
+};
+
 namespace internal {
 
-template <typename T>
-struct InfoType {
-    typedef typename std::remove_cv<typename std::remove_reference<T>::type>::type type;
-};
-template <typename T>
-struct InfoType<T*> {
-    // A pointer to an object is described by the object's class.
-    typedef typename std::remove_cv<T>::type Plain;
-    typedef typename std::conditional<std::is_class<Plain>::value, Plain, T*>::type type;
-};
-
-// The shared record of T; null for void.
+// The shared record of T.
 template <typename T>
 SLB3_INTERNAL_LOCAL const BaseInfo* InfoOf()
 {
-    if constexpr (std::is_void<T>::value) {
-        return nullptr;
-    } else {
-        static const Info<typename InfoType<T>::type> record;
-        return &record;
-    }
+    static const Info<T> record;
+    return &record;
 }
-
-template <typename R, typename... Args>
-struct FunctionInfo : BaseInfo {
-    Type type() const override { return kType_function; }
-    const char* name() const override { return "function"; }
-    int num_args() const override { return static_cast<int>(sizeof...(Args)); }
-    SLB3_INTERNAL_LOCAL const BaseInfo* const* args() const override
-    {
-        static const BaseInfo* const list[] = {InfoOf<Args>()..., nullptr};
-        return sizeof...(Args) == 0 ? nullptr : list;
-    }
-    const BaseInfo* type_returned() const override { return InfoOf<R>(); }
-
-protected:
-    ~FunctionInfo() = default;
-};
 
 }  // namespace internal
 
-template <typename T>
-struct Info final : BaseInfo {
-    Type type() const override { return kType_class; }
-    const char* name() const override { return Wrapper<T>::GetName(); }
-};
-
-template <>
-struct Info<void> final : BaseInfo {
-    Type type() const override { return kType_void; }
-    const char* name() const override { return "void"; }
-};
-
-#define SLB3_INTERNAL_PRIMITIVE_INFO(Type_)                          \
-    template <>                                                      \
-    struct Info<Type_> final : BaseInfo {                            \
-        Type type() const override { return kType_primitive_value; } \
-        const char* name() const override { return #Type_; }         \
-    };
-SLB3_INTERNAL_PRIMITIVE_INFO(bool)
-SLB3_INTERNAL_PRIMITIVE_INFO(char)
-SLB3_INTERNAL_PRIMITIVE_INFO(signed char)
-SLB3_INTERNAL_PRIMITIVE_INFO(unsigned char)
-SLB3_INTERNAL_PRIMITIVE_INFO(short)
-SLB3_INTERNAL_PRIMITIVE_INFO(unsigned short)
-SLB3_INTERNAL_PRIMITIVE_INFO(int)
-SLB3_INTERNAL_PRIMITIVE_INFO(unsigned int)
-SLB3_INTERNAL_PRIMITIVE_INFO(long)
-SLB3_INTERNAL_PRIMITIVE_INFO(unsigned long)
-SLB3_INTERNAL_PRIMITIVE_INFO(long long)
-SLB3_INTERNAL_PRIMITIVE_INFO(unsigned long long)
-SLB3_INTERNAL_PRIMITIVE_INFO(float)
-SLB3_INTERNAL_PRIMITIVE_INFO(double)
-SLB3_INTERNAL_PRIMITIVE_INFO(const char*)
-SLB3_INTERNAL_PRIMITIVE_INFO(std::string)
-#undef SLB3_INTERNAL_PRIMITIVE_INFO
-
-template <typename R, typename... Args>
-struct Info<R (*)(Args...)> final : internal::FunctionInfo<R, Args...> {
-};
-template <typename C, typename R, typename... Args>
-struct Info<R (C::*)(Args...)> final : internal::FunctionInfo<R, Args...> {
-};
-template <typename C, typename R, typename... Args>
-struct Info<R (C::*)(Args...) const> final : internal::FunctionInfo<R, Args...> {
+template <typename R>
+struct Info<R (*)()> final : BaseInfo {
+    Type type() const override { return kType_function; }
+    const char* name() const override { return "function"; }
+    int num_args() const override { return 0; }
+    const BaseInfo* type_returned() const override { return internal::InfoOf<R>(); }
 };
 
 // The record of the function at a stack index when it was registered by these headers

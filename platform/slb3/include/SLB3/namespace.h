@@ -50,13 +50,7 @@ inline void PushNamespace(lua_State* L, const char* name)
 // components are skipped. "" and "_G" are the globals. [-0, +0, m]
 class Namespace : public Table {
 public:
-    Namespace(lua_State* L, const char* name) : Table(L) { open(L, name); }
-
-protected:
-    // Not opened yet.
-    explicit Namespace(lua_State* L) : Table(L) {}
-
-    void open(lua_State* L, const char* name)
+    Namespace(lua_State* L, const char* name) : Table(L)
     {
         internal::PushNamespace(L, name);
         hold(L);

@@ -29,31 +29,20 @@ int RunProtected(lua_State* L, Body& body)
     return lua_pcall(L, 1, LUA_MULTRET, 0);
 }
 
-// The text of a C++ exception, copied out so that nothing is alive when Lua raises.
-struct ExceptionText {
-    char text[256];
-};
-
-// Runs `body`; false and the text when it threw a std::exception. Nothing else is
-// caught: where Lua is built as C++ a catch-all would swallow Lua's own errors.
-template <typename Body>
-bool Try(ExceptionText& thrown, Body&& body)
-{
-    try {
-        body();
-        return true;
-    } catch (const std::exception& e) {
-        std::snprintf(thrown.text, sizeof thrown.text, "%s", e.what());
-        return false;
-    }
-}
-
-// Runs `body`; a std::exception becomes a Lua error with its text. [-0, +0, v]
+// Runs `body`; a std::exception becomes a Lua error with its text. Nothing else is caught:
+// where Lua is built as C++ a catch-all would swallow Lua's own errors. [-0, +0, v]
 template <typename Body>
 void Guarded(lua_State* L, Body&& body)
 {
-    ExceptionText thrown;
-    if (!Try(thrown, body)) luaL_error(L, "%s", thrown.text);
+    char message[256];
+    try {
+        body();
+        return;
+    } catch (const std::exception& e) {
+        std::snprintf(message, sizeof message, "%s", e.what());
+    }
+    // The exception is gone by now: nothing is alive when Lua jumps.
+    luaL_error(L, "%s", message);
 }
 
 }  // namespace internal
