@@ -22,6 +22,9 @@ local explained = {
     { pattern = "^vxi_get_scan_metrics failed.-buf{(.*)}$", cost = messages.SCAN_COST },
     -- The module reports a failed fetch twice.
     { pattern = "^get_scan_metrics%(%) failed.-buf{(.*)}$", cost = messages.SCAN_COST },
+    -- How many they were differs from cycle to cycle; what follows the last colon does not.
+    { pattern = "^(port %d+: %d+ new connections are not counted: .*)$",
+      cost = "estab is too low" },
 }
 
 -- What identifies a fault, and what it costs. The driver's texts name engine and operation

@@ -157,7 +157,23 @@ int set_scan_monitoring(vxi_handle_ops_s* handle, scan_monitor_config* config)
     if (!scan_target(*config, target)) {
         return fail(handle, -EINVAL, "exactly one port must be set");
     }
+    remember_scan_target(target);
     return handle->operations->set_scan_monitoring(handle, config);
+}
+
+// Callers configure a process once. A child of a fork, and an engine that was chosen since, have
+// not seen that: for them it is done here.
+int read_scan_metrics(vxi_handle_ops_s* handle, scan_metrics_request* request, unsigned int length)
+{
+    const Operations& operations = *handle->operations;
+    const int status = operations.get_scan_metrics(handle, request, length);
+    const ScanTarget target = scan_target(*request);
+    if (status != -ENOENT || !(target == remembered_scan_target())) {
+        return status;
+    }
+    scan_monitor_config config = scan_config(target);
+    const int configured = operations.set_scan_monitoring(handle, &config);
+    return configured == 0 ? operations.get_scan_metrics(handle, request, length) : configured;
 }
 
 int get_scan_metrics(vxi_handle_ops_s* handle, scan_metrics_request* request, unsigned int length)
@@ -179,7 +195,7 @@ int get_scan_metrics(vxi_handle_ops_s* handle, scan_metrics_request* request, un
     request->entries = std::min<std::uint32_t>(request->entries, 1);
     request->counters =
         request->entries ? std::min({request->counters, room, 0U + VXI_SCAN_COUNTERS}) : 0;
-    return handle->operations->get_scan_metrics(handle, request, length);
+    return read_scan_metrics(handle, request, length);
 }
 
 // Closes through the engine's own table, half-built handles too.

@@ -2,6 +2,7 @@
 #include "Message.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -18,6 +19,8 @@ constexpr std::size_t text_size = 512;
 
 // Plain characters, so that a thread that ends has nothing to destroy.
 thread_local char open_error[text_size];
+
+std::atomic<vxi_message_handler> message_handler{nullptr};
 
 }  // namespace
 
@@ -77,6 +80,16 @@ void set_open_error(std::string_view engine, std::string_view cause)
     text.escaped(cause);
 }
 
+void report(const std::string& message)
+{
+    const vxi_message_handler handler = message_handler;
+    if (handler) {
+        char text[text_size];
+        BoundedText(text).escaped(message);
+        handler(text);
+    }
+}
+
 int fail(vxi_handle_ops_s* handle, int status, const char* format, ...)
 {
     char cause[text_size];
@@ -107,6 +120,11 @@ void trace(vxi_handle_ops_s* handle, int level, const char* source, const char* 
 }
 
 }  // namespace vxi
+
+void vxi_set_message_handler(vxi_message_handler handler)
+{
+    vxi::message_handler = handler;
+}
 
 const char* vxi_open_error(void)
 {

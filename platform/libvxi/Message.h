@@ -51,6 +51,9 @@ private:
     const char* words_;
 };
 
+// Hands the host a problem for which no call fails; see vxi_set_message_handler.
+void report(const std::string& message);
+
 inline std::string describe_status(int status)
 {
     return StatusWords(status).text();

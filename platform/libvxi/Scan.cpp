@@ -1,5 +1,7 @@
 #include "Scan.h"
 
+#include <atomic>
+
 namespace vxi {
 
 namespace {
@@ -20,6 +22,9 @@ unsigned bits_in(const std::uint32_t (&bitmap)[words], std::uint16_t& last_port)
     return bits;
 }
 
+// Direction and port in one, so that a fork never finds half of it.
+std::atomic<std::uint32_t> remembered{0};
+
 }  // namespace
 
 bool scan_target(const scan_monitor_config& config, ScanTarget& target)
@@ -33,6 +38,26 @@ bool scan_target(const scan_monitor_config& config, ScanTarget& target)
     target.direction = inbound ? VXI_SCAN_INBOUND : VXI_SCAN_OUTBOUND;
     target.port = port;
     return true;
+}
+
+scan_monitor_config scan_config(const ScanTarget& target)
+{
+    scan_monitor_config config{};
+    config.version = 1;
+    auto& bitmap = target.direction == VXI_SCAN_INBOUND ? config.inbound : config.outbound;
+    bitmap[target.port / 32] = UINT32_C(1) << target.port % 32;
+    return config;
+}
+
+void remember_scan_target(const ScanTarget& target)
+{
+    remembered = target.direction << 16 | target.port;
+}
+
+ScanTarget remembered_scan_target()
+{
+    const std::uint32_t both = remembered;
+    return {both >> 16, static_cast<std::uint16_t>(both)};
 }
 
 }  // namespace vxi

@@ -21,6 +21,14 @@ struct ScanTarget {
 // False unless exactly one bit of the two bitmaps is set.
 bool scan_target(const scan_monitor_config& config, ScanTarget& target);
 
+// The other way round.
+scan_monitor_config scan_config(const ScanTarget& target);
+
+// The port that was configured last, whichever engine it was given to. A child of a fork
+// inherits it; the monitoring itself it does not.
+void remember_scan_target(const ScanTarget& target);
+ScanTarget remembered_scan_target();
+
 inline ScanTarget scan_target(const scan_metrics_request& request)
 {
     return {request.direction, request.port};

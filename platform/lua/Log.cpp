@@ -1,9 +1,12 @@
 // Switches of the trace log and the general log.
+#include <wx/log.h>
+
 #include <vector>
 
 #include "LuaBoundary.h"
 #include "Module.h"
 #include "vxa_core/host.h"
+#include "vxi/engine.h"
 
 namespace vxa {
 
@@ -93,6 +96,13 @@ int captured(lua_State* L)
     return 2;
 }
 
+// Problems for which no driver call fails belong to the cycle in whose log they are.
+void log_driver_problem(const char* message)
+{
+    Failure lost;
+    guarded(lost, [&] { wxLogError("%s", message); });
+}
+
 constexpr luaL_Reg kFunctions[] = {
     {"trace", trace},     {"verbose", verbose},   {"log_to", log_to},
     {"capture", capture}, {"captured", captured}, {nullptr, nullptr},
@@ -103,6 +113,7 @@ constexpr luaL_Reg kFunctions[] = {
 void open_log(lua_State* L)
 {
     register_holder<Captured>(L);
+    vxi_set_message_handler(log_driver_problem);
     luaL_setfuncs(L, kFunctions, 0);
 }
 

@@ -30,16 +30,21 @@ void Start()
     ASSERT_EQ(driver::Monitor(handle, VXI_SCAN_INBOUND, port), 0) << driver::Error(handle);
 }
 
-void ExpectOpened(uint64_t connections)
+void ExpectCounter(unsigned counter, uint64_t expected)
 {
     driver::Counters counters = {};
     network::Eventually([&] {
         const driver::Handle handle = driver::Open();
         EXPECT_EQ(driver::Fetch(handle, VXI_SCAN_INBOUND, port, counters), 0)
             << driver::Error(handle);
-        return counters[VXI_SCAN_NEW] == connections;
+        return counters[counter] == expected;
     });
-    EXPECT_EQ(counters[VXI_SCAN_NEW], connections);
+    EXPECT_EQ(counters[counter], expected);
+}
+
+void ExpectOpened(uint64_t connections)
+{
+    ExpectCounter(VXI_SCAN_NEW, connections);
 }
 
 // Also with a child that only lives on, and never calls the library.
@@ -71,7 +76,7 @@ TEST(ScanLife, TableGoesWithAKilledProcess)
 }
 
 // Fork handlers do not run in a bare one: the process number alone tells.
-TEST(ScanLife, ForkedChildStartsAnew)
+TEST(ScanLife, ForkedChildCountsThePortInATableOfItsOwn)
 {
     REQUIRE_NETWORK("nft");
     for (const auto fork_now : {fork, _Fork}) {
@@ -79,23 +84,43 @@ TEST(ScanLife, ForkedChildStartsAnew)
             Start();
             traffic::BeRefused(local, 3);
             const std::string parents = TableOf(getpid());
-            const auto start_anew = [&] {
-                driver::Counters unused;
-                const driver::Handle handle = driver::Open();
-                EXPECT_EQ(driver::Fetch(handle, VXI_SCAN_INBOUND, port, unused), -ENOENT);
-                EXPECT_EQ(driver::Error(handle),
-                          "engine linux: vxi_get_scan_metrics: no port is monitored");
+            const auto count_alone = [&] {
                 EXPECT_EQ(network::Tables(), parents);
-                Start();
+                ExpectOpened(0);
                 EXPECT_EQ(network::Tables(), parents + " " + TableOf(getpid()));
                 traffic::BeRefused(local, 2);
                 ExpectOpened(2);
             };
-            network::Child(start_anew, fork_now).ExpectGood();
+            network::Child(count_alone, fork_now).ExpectGood();
             EXPECT_TRUE(network::Eventually([&] { return network::Tables() == parents; }));
             ExpectOpened(5);
         });
     }
+}
+
+NETWORK_TEST(ScanLife, EngineChosenLaterCountsTheSamePort)
+{
+    driver::Counters counters;
+    ASSERT_EQ(vxi_engine_select("sim"), 0);
+    const driver::Handle simulated(vxi_open());
+    EXPECT_EQ(driver::Fetch(simulated, VXI_SCAN_INBOUND, port, counters), -ENOENT);
+    ASSERT_EQ(driver::Monitor(simulated, VXI_SCAN_INBOUND, port), 0);
+    ExpectOpened(0);
+    EXPECT_EQ(network::Tables(), TableOf(getpid()));
+    EXPECT_EQ(driver::Fetch(driver::Open(), VXI_SCAN_OUTBOUND, port, counters), -ENOENT);
+}
+
+NETWORK_TEST(ScanLife, CountsRefusalsAfterOthersResetTheCounters)
+{
+    const auto be_refused = [](unsigned count) {
+        traffic::BeRefused(local, count);
+        ExpectCounter(VXI_SCAN_HALF_OPEN_CLOSED, count);
+    };
+    Start();
+    be_refused(9);
+    network::Run("nft reset counters");
+    ExpectCounter(VXI_SCAN_HALF_OPEN_CLOSED, 0);
+    be_refused(4);
 }
 
 NETWORK_TEST(ScanLife, SaysThatPrivilegeWasGivenUp)

@@ -5,6 +5,7 @@
 #include "Driver.h"
 #include "Network.h"
 #include "Traffic.h"
+#include "engines/linux/ScanTable.h"
 
 using traffic::Ending;
 using traffic::Local;
@@ -210,6 +211,44 @@ NETWORK_TEST(ScanMetricsOnce, RestartWithAnotherPortOrDirectionOnly)
     Start(VXI_SCAN_INBOUND, port + 1);
     EXPECT_EQ(Exact(Read(VXI_SCAN_INBOUND, port + 1)), Figures{});
     EXPECT_EQ(network::Tables(), "vxi_scan_" + std::to_string(getpid()));
+}
+
+uint64_t Uncounted()
+{
+    Statistics stats;
+    EXPECT_EQ(vxi_get_stats(driver::Open().get(), &stats, sizeof stats), 0);
+    return stats.area2[29];
+}
+
+NETWORK_TEST(ScanMetricsOnce, CountConnectionsBesideAFloodOfOpenings)
+{
+    static std::string reported;
+    vxi_set_message_handler([](const char* message) { reported = message; });
+    Start(VXI_SCAN_INBOUND);
+    const auto listener = traffic::Listen(Local(4, port));
+    unsigned flooded = 70000;
+    traffic::Flood(port, flooded);
+    traffic::Converse(listener, Local(4, port), 50);
+    EXPECT_TRUE(network::Eventually([] { return Read(VXI_SCAN_INBOUND)[VXI_SCAN_CLOSED] >= 50; }));
+    driver::Counters counters = Read(VXI_SCAN_INBOUND);
+    EXPECT_EQ(counters[VXI_SCAN_NEW], flooded + 50);
+    EXPECT_EQ(counters[VXI_SCAN_ESTABLISHED], 50u);
+    EXPECT_EQ(reported, "");
+    // Most of them are given up long before the last repetition of an answer.
+    EXPECT_TRUE(network::Eventually([&] {
+        return Read(VXI_SCAN_INBOUND)[VXI_SCAN_HALF_OPEN_CLOSED] >=
+               flooded - vxi::half_open_lasting_max;
+    }));
+
+    // What finds no room at all is in no counter, and is not passed over in silence.
+    for (int i = 0; i < 10 && reported.empty(); ++i, flooded += 70000) {
+        traffic::Flood(port, 70000);
+        counters = Read(VXI_SCAN_INBOUND);
+    }
+    EXPECT_EQ(counters[VXI_SCAN_NEW] + Uncounted(), flooded + 50);
+    EXPECT_EQ(reported, "port 8443: " + std::to_string(Uncounted()) +
+                            " new connections are not counted: more than 131072 were half-open at "
+                            "once");
 }
 
 // Scanners send what no connection begins with.

@@ -44,6 +44,18 @@ Socket Open(const Address& address, int type = SOCK_STREAM)
     return Socket(fd);
 }
 
+tcphdr Segment(uint16_t source_port, uint16_t port, uint8_t flags)
+{
+    tcphdr segment = {};
+    segment.th_sport = htons(source_port);
+    segment.th_dport = htons(port);
+    segment.th_seq = htonl(1000);
+    segment.th_off = sizeof segment / 4;
+    segment.th_flags = flags;
+    segment.th_win = htons(1000);
+    return segment;
+}
+
 void PassByte(const Socket& from, const Socket& to)
 {
     char byte = 'x';
@@ -128,13 +140,7 @@ std::vector<Socket> Attempt(const Place& place, unsigned count)
 
 void SendSegment(uint16_t port, uint8_t flags)
 {
-    tcphdr segment = {};
-    segment.th_sport = htons(2000);
-    segment.th_dport = htons(port);
-    segment.th_seq = htonl(1000);
-    segment.th_off = sizeof segment / 4;
-    segment.th_flags = flags;
-    segment.th_win = htons(1000);
+    const tcphdr segment = Segment(2000, port, flags);
     const Socket raw(socket(AF_INET6, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_TCP));
     const int sum_at = offsetof(tcphdr, th_sum);  // the kernel fills it in
     EXPECT_EQ(setsockopt(raw.fd(), IPPROTO_IPV6, IPV6_CHECKSUM, &sum_at, sizeof sum_at), 0);
@@ -142,6 +148,25 @@ void SendSegment(uint16_t port, uint8_t flags)
     EXPECT_EQ(sendto(raw.fd(), &segment, sizeof segment, 0, address.get(), address.size),
               static_cast<ssize_t>(sizeof segment))
         << strerror(errno);
+}
+
+// Without a checksum: counted on the way in, and answered by nothing.
+void Flood(uint16_t port, unsigned count)
+{
+    constexpr unsigned ports = 50000;
+    static unsigned place = 0;
+    const Address target(Local(4, 0));
+    const Socket raw(socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_TCP));
+    for (unsigned i = 0; i < count; ++i, ++place) {
+        if (i == 0 || place % ports == 0) {
+            const Address source({"127.1.0." + std::to_string(1 + place / ports), 0});
+            ASSERT_EQ(bind(raw.fd(), source.get(), source.size), 0) << strerror(errno);
+        }
+        const tcphdr opening = Segment(static_cast<uint16_t>(1024 + place % ports), port, TH_SYN);
+        ASSERT_EQ(sendto(raw.fd(), &opening, sizeof opening, 0, target.get(), target.size),
+                  static_cast<ssize_t>(sizeof opening))
+            << strerror(errno);
+    }
 }
 
 Datagrams Exchange(const Place& place, unsigned count, unsigned answers)

@@ -57,6 +57,9 @@ std::vector<Socket> Attempt(const Place& place, unsigned count);
 // One TCP segment without data from ::1 to ::1, made by hand.
 void SendSegment(uint16_t port, uint8_t flags);
 
+// `count` openings of connections that nobody goes on with, each from another place.
+void Flood(uint16_t port, unsigned count);
+
 struct Datagrams {
     Socket near;  // connected to far, which is bound
     Socket far;

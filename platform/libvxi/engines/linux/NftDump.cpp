@@ -64,6 +64,32 @@ uint8_t nft_family(const nlmsghdr& message)
     return static_cast<const nfgenmsg*>(mnl_nlmsg_get_payload(&message))->nfgen_family;
 }
 
+std::optional<NftCounts> counts_of(const nlattr* counter)
+{
+    if (!counter) {
+        return std::nullopt;
+    }
+    const Attributes attributes(*counter);
+    const auto packets = be64_of(attributes.find(NFTA_COUNTER_PACKETS));
+    const auto bytes = be64_of(attributes.find(NFTA_COUNTER_BYTES));
+    return packets && bytes ? std::optional(NftCounts{*packets, *bytes}) : std::nullopt;
+}
+
+std::optional<NftCounts> rule_counts(const Attributes& rule)
+{
+    const nlattr* expressions = rule.find(NFTA_RULE_EXPRESSIONS);
+    if (!expressions) {
+        return std::nullopt;
+    }
+    for (const nlattr& expression : Attributes(*expressions)) {
+        const Attributes attributes(expression);
+        if (text_of(attributes.find(NFTA_EXPR_NAME)) == "counter") {
+            return counts_of(attributes.find(NFTA_EXPR_DATA));
+        }
+    }
+    return std::nullopt;
+}
+
 std::string nft_family_name(uint8_t family)
 {
     switch (family) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "engines/linux/Netlink.h"
@@ -21,6 +22,17 @@ nlmsghdr* nft_dump(void* buffer, uint16_t type, uint8_t family);
 // nf_tables messages of one kind (NFT_MSG_NEW..), and the family one speaks of.
 bool is_nft(const nlmsghdr& message, uint16_t type);
 uint8_t nft_family(const nlmsghdr& message);
+
+struct NftCounts {
+    uint64_t packets;
+    uint64_t bytes;
+};
+
+// What a counter's attributes hold; empty when one is missing.
+std::optional<NftCounts> counts_of(const nlattr* counter);
+
+// What the counter of a rule itself has counted, of several the first.
+std::optional<NftCounts> rule_counts(const Attributes& rule);
 
 // As nft calls it; "family N" for one that it does not know.
 std::string nft_family_name(uint8_t family);

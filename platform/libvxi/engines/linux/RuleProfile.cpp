@@ -39,13 +39,6 @@ void start_anew_in_child()
     switch_profiling(false);
 }
 
-const nlattr* counter_of(const nlattr& expression)
-{
-    const Attributes attributes(expression);
-    return text_of(attributes.find(NFTA_EXPR_NAME)) == "counter" ? attributes.find(NFTA_EXPR_DATA)
-                                                                 : nullptr;
-}
-
 void append_field(std::string& out, const char* name, std::string_view text)
 {
     out.append("\"").append(name).append("\": ");
@@ -119,24 +112,10 @@ void take_rule(const nlmsghdr& message, RuleCounts& counts)
     }
     const Attributes rule(message, sizeof(nfgenmsg));
     const auto handle = be64_of(rule.find(NFTA_RULE_HANDLE));
-    const nlattr* expressions = rule.find(NFTA_RULE_EXPRESSIONS);
-    if (!handle || !expressions) {
-        return;
-    }
-    for (const nlattr& expression : Attributes(*expressions)) {
-        const nlattr* counter = counter_of(expression);
-        if (!counter) {
-            continue;
-        }
-        const Attributes figures(*counter);
-        const auto packets = be64_of(figures.find(NFTA_COUNTER_PACKETS));
-        const auto bytes = be64_of(figures.find(NFTA_COUNTER_BYTES));
-        if (packets && bytes) {
-            counts[{nft_family(message), std::string(text_of(rule.find(NFTA_RULE_TABLE))),
-                    *handle}] = {std::string(text_of(rule.find(NFTA_RULE_CHAIN))), *packets,
-                                 *bytes};
-        }
-        return;
+    const auto counted = rule_counts(rule);
+    if (handle && counted) {
+        counts[{nft_family(message), std::string(text_of(rule.find(NFTA_RULE_TABLE))), *handle}] = {
+            std::string(text_of(rule.find(NFTA_RULE_CHAIN))), counted->packets, counted->bytes};
     }
 }
 

@@ -1,5 +1,6 @@
-#include <algorithm>
+#include <string>
 
+#include "Message.h"
 #include "Scan.h"
 #include "engines/linux/ProcessMonitor.h"
 #include "engines/linux/Slots.h"
@@ -12,16 +13,24 @@ constexpr const char* trace_source = "platform/libvxi/engines/linux";
 
 enum TraceLevel { Problems = 1, Changes = 2, Everything = 3 };
 
-void trace_reading(vxi_handle_ops_s* handle, const ScanReading& reading)
+// For the host's log, because the call succeeds, and for the handle's trace.
+void report_problem(vxi_handle_ops_s* handle, const std::string& message)
 {
+    report(message);
+    VXI_TRACE(handle, Problems, trace_source, "%s", message.c_str());
+}
+
+void report_reading(vxi_handle_ops_s* handle, const ScanTarget& target, const ScanReading& reading)
+{
+    const std::string port = "port " + std::to_string(target.port) + ": ";
     if (reading.rebuilt) {
-        VXI_TRACE(handle, Problems, trace_source,
-                  "the table had been removed: built anew, counters restart");
+        report_problem(handle, port + "the nf_tables table had been removed and was built again: "
+                                      "all counters restart at 0");
     }
-    if (reading.untracked) {
-        VXI_TRACE(handle, Problems, trace_source,
-                  "%llu connections not counted: %u were half-open at once",
-                  static_cast<unsigned long long>(reading.untracked), half_open_max);
+    if (reading.uncounted) {
+        report_problem(handle, port + std::to_string(reading.uncounted) +
+                                   " new connections are not counted: more than " +
+                                   std::to_string(half_open_max) + " were half-open at once");
     }
     VXI_TRACE(handle, Everything, trace_source, "%llu connections are half-open",
               static_cast<unsigned long long>(reading.half_open));
@@ -47,11 +56,12 @@ int set_scan_monitoring(vxi_handle_ops_s* handle, scan_monitor_config* config)
 int get_scan_metrics(vxi_handle_ops_s* handle, scan_metrics_request* request, unsigned int)
 {
     ScanReading reading;
-    const Outcome outcome = process_scan_monitor().get(scan_target(*request), reading);
+    const ScanTarget target = scan_target(*request);
+    const Outcome outcome = process_scan_monitor().get(target, reading);
     if (outcome.failed()) {
         return fail(handle, outcome.status, "%s", outcome.text.c_str());
     }
-    trace_reading(handle, reading);
+    report_reading(handle, target, reading);
     deliver_counters(reading.figures, *request);
     return 0;
 }

@@ -8,16 +8,13 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "engines/linux/NftDump.h"
+
 namespace vxi {
 
 namespace {
 
 constexpr size_t request_size = 512;  // two names and a number
-
-constexpr uint16_t nft_reply(uint16_t type)
-{
-    return NFNL_SUBSYS_NFTABLES << 8 | type;
-}
 
 int count_elements(Netlink& netlink, const std::string& table, const char* set, uint64_t& elements)
 {
@@ -34,6 +31,46 @@ int count_elements(Netlink& netlink, const std::string& table, const char* set, 
     });
 }
 
+int read_named(Netlink& netlink, const std::string& table, ScanCounterValues& values)
+{
+    return retry_interrupted([&] {
+        alignas(nlmsghdr) char buffer[request_size];
+        nlmsghdr* request = nft_request(buffer, NFT_MSG_GETOBJ, NLM_F_DUMP);
+        mnl_attr_put_strz(request, NFTA_OBJ_TABLE, table.c_str());
+        mnl_attr_put_u32(request, NFTA_OBJ_TYPE, htonl(NFT_OBJECT_COUNTER));
+        return netlink.request(
+            *request, [&](const nlmsghdr& message) { return take_counter(message, values); });
+    });
+}
+
+int read_chain(Netlink& netlink, const std::string& table, const char* chain,
+               ScanCounterValues& values)
+{
+    return retry_interrupted([&] {
+        alignas(nlmsghdr) char buffer[request_size];
+        nlmsghdr* request = nft_request(buffer, NFT_MSG_GETRULE, NLM_F_DUMP);
+        mnl_attr_put_strz(request, NFTA_RULE_TABLE, table.c_str());
+        mnl_attr_put_strz(request, NFTA_RULE_CHAIN, chain);
+        return netlink.request(*request, [&](const nlmsghdr& message) {
+            take_chain(message, values);
+            return 0;
+        });
+    });
+}
+
+bool any_fell(const ScanCounterValues& earlier, const ScanCounterValues& later)
+{
+    return !std::equal(earlier.values.begin(), earlier.values.end(), later.values.begin(),
+                       [](const auto& was, const auto& is) { return was.packets <= is.packets; });
+}
+
+int64_t closed_since_start(const ScanCounterValues& before, uint64_t half_open,
+                           const ScanCounterValues& after)
+{
+    return static_cast<int64_t>(before[ScanCounter::New].packets -
+                                after[ScanCounter::Established].packets - half_open);
+}
+
 }  // namespace
 
 bool ScanCounterValues::complete() const
@@ -43,7 +80,7 @@ bool ScanCounterValues::complete() const
 
 int take_counter(const nlmsghdr& message, ScanCounterValues& values)
 {
-    if (message.nlmsg_type != nft_reply(NFT_MSG_NEWOBJ)) {
+    if (!is_nft(message, NFT_MSG_NEWOBJ)) {
         return 0;
     }
     const Attributes object(message, sizeof(nfgenmsg));
@@ -52,22 +89,32 @@ int take_counter(const nlmsghdr& message, ScanCounterValues& values)
     if (known == scan_counter_names.end()) {
         return 0;
     }
-    const nlattr* data = object.find(NFTA_OBJ_DATA);
-    if (!data) {
+    const auto counts = counts_of(object.find(NFTA_OBJ_DATA));
+    if (!counts) {
         return -EPROTO;
     }
-    const auto packets = be64_of(Attributes(*data).find(NFTA_COUNTER_PACKETS));
-    const auto bytes = be64_of(Attributes(*data).find(NFTA_COUNTER_BYTES));
-    if (!packets || !bytes) {
-        return -EPROTO;
-    }
-    values.values[known - scan_counter_names.begin()] = {*packets, *bytes, true};
+    values.values[known - scan_counter_names.begin()] = {counts->packets, counts->bytes, true};
     return 0;
+}
+
+void take_chain(const nlmsghdr& message, ScanCounterValues& values)
+{
+    if (!is_nft(message, NFT_MSG_NEWRULE)) {
+        return;
+    }
+    const Attributes rule(message, sizeof(nfgenmsg));
+    const auto counts = rule_counts(rule);
+    const auto chain = text_of(rule.find(NFTA_RULE_CHAIN));
+    if (counts && (chain == scan_forward_chain || chain == scan_backward_chain)) {
+        const auto counter =
+            chain == scan_forward_chain ? ScanCounter::Forward : ScanCounter::Backward;
+        values.values[static_cast<size_t>(counter)] = {counts->packets, counts->bytes, true};
+    }
 }
 
 uint64_t elements_in(const nlmsghdr& message)
 {
-    if (message.nlmsg_type != nft_reply(NFT_MSG_NEWSETELEM)) {
+    if (!is_nft(message, NFT_MSG_NEWSETELEM)) {
         return 0;
     }
     const nlattr* list = Attributes(message, sizeof(nfgenmsg)).find(NFTA_SET_ELEM_LIST_ELEMENTS);
@@ -83,20 +130,15 @@ uint64_t elements_in(const nlmsghdr& message)
 
 int read_scan_counters(Netlink& netlink, const std::string& table, ScanCounterValues& values)
 {
-    const int status = retry_interrupted([&] {
-        alignas(nlmsghdr) char buffer[request_size];
-        nlmsghdr* request = nft_request(buffer, NFT_MSG_GETOBJ, NLM_F_DUMP);
-        mnl_attr_put_strz(request, NFTA_OBJ_TABLE, table.c_str());
-        mnl_attr_put_u32(request, NFTA_OBJ_TYPE, htonl(NFT_OBJECT_COUNTER));
-        values = {};
-        return netlink.request(
-            *request, [&](const nlmsghdr& message) { return take_counter(message, values); });
-    });
-    if (status < 0) {
-        return status;
+    values = {};
+    int status = read_named(netlink, table, values);
+    for (const char* chain : {scan_forward_chain, scan_backward_chain}) {
+        if (status == 0) {
+            status = read_chain(netlink, table, chain, values);
+        }
     }
     // A dump of a table that is gone is an empty one.
-    return values.complete() ? 0 : -ENOENT;
+    return status == 0 && !values.complete() ? -ENOENT : status;
 }
 
 int count_half_open(Netlink& netlink, const std::string& table, uint64_t& half_open)
@@ -111,12 +153,19 @@ int count_half_open(Netlink& netlink, const std::string& table, uint64_t& half_o
     return status;
 }
 
-uint64_t half_open_closed(const ScanCounterValues& before, uint64_t half_open,
-                          const ScanCounterValues& after, uint64_t previous)
+uint64_t HalfOpenClosed::update(const ScanCounterValues& before, uint64_t half_open,
+                                const ScanCounterValues& after)
 {
-    const uint64_t opened = before[ScanCounter::New].packets;
-    const uint64_t elsewhere = after[ScanCounter::Established].packets + half_open;
-    return opened > elsewhere ? std::max(previous, opened - elsewhere) : previous;
+    const bool restarted = any_fell(last_, before) || any_fell(before, after);
+    last_ = after;
+    if (restarted) {
+        offset_ = closed_since_start(after, half_open, after);
+        closed_ = 0;
+        return closed_;
+    }
+    const int64_t closed = closed_since_start(before, half_open, after) - offset_;
+    closed_ = std::max(closed_, static_cast<uint64_t>(std::max<int64_t>(closed, 0)));
+    return closed_;
 }
 
 void scan_figures(const ScanCounterValues& values, uint64_t half_open_closed,

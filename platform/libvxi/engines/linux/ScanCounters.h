@@ -10,7 +10,7 @@
 
 namespace vxi {
 
-// The table's counters at about one moment.
+// The counters at about one moment.
 struct ScanCounterValues {
     struct Value {
         uint64_t packets = 0;
@@ -31,16 +31,27 @@ struct ScanCounterValues {
 int read_scan_counters(Netlink& netlink, const std::string& table, ScanCounterValues& values);
 int count_half_open(Netlink& netlink, const std::string& table, uint64_t& half_open);
 
-// What one message of such an answer says.
+// What one message of such an answer says: a named counter, the rule that counts all packets of a
+// chain, elements of a set.
 int take_counter(const nlmsghdr& message, ScanCounterValues& values);
+void take_chain(const nlmsghdr& message, ScanCounterValues& values);
 uint64_t elements_in(const nlmsghdr& message);
 
-// Connections that were opened and ended without being established: everything opened,
-// less what was established, less what is still half-open. `before` was read before
-// `half_open`, `after` after it: a connection that moves on between the readings makes the
-// figure too small by one, never too large, and `previous` keeps it from falling.
-uint64_t half_open_closed(const ScanCounterValues& before, uint64_t half_open,
-                          const ScanCounterValues& after, uint64_t previous);
+// Connections that were opened and ended without being established: everything opened, less what
+// was established, less what is still half-open.
+class HalfOpenClosed {
+public:
+    // `before` was read before `half_open`, `after` after it: a connection that moves on between
+    // the readings makes the count too small by one, never too large. The count never falls, but
+    // restarts at 0 when a counter has fallen (`nft reset counters`).
+    uint64_t update(const ScanCounterValues& before, uint64_t half_open,
+                    const ScanCounterValues& after);
+
+private:
+    ScanCounterValues last_;
+    int64_t offset_ = 0;  // what was half-open when the counters restarted is in none of them
+    uint64_t closed_ = 0;
+};
 
 // The counters as callers get them, by VXI_SCAN_*.
 void scan_figures(const ScanCounterValues& values, uint64_t half_open_closed,

@@ -130,7 +130,7 @@ ScanStatus ScanMonitor::status() const
     if (!running_) {
         return {};
     }
-    return {wanted_, spec_.half_open_timeout_s, half_open_};
+    return {wanted_, spec_.half_open_timeout_s, half_open_, uncounted_};
 }
 
 std::string ScanMonitor::description() const
@@ -196,7 +196,8 @@ Outcome ScanMonitor::build()
     } while (loaded.owner_unknown || (loaded.name_taken && attempt < names_max));
     running_ = !loaded.outcome.failed();
     half_open_ = 0;
-    half_open_closed_ = 0;
+    uncounted_ = 0;
+    half_open_closed_ = {};
     return loaded.outcome;
 }
 
@@ -239,10 +240,12 @@ int ScanMonitor::read_table(ScanReading& reading)
     if (status < 0) {
         return status;
     }
-    half_open_closed_ = half_open_closed(before, reading.half_open, after, half_open_closed_);
+    scan_figures(after, half_open_closed_.update(before, reading.half_open, after),
+                 reading.figures);
     half_open_ = reading.half_open;
-    scan_figures(after, half_open_closed_, reading.figures);
-    reading.untracked = after[ScanCounter::Untracked].packets;
+    const uint64_t uncounted = after[ScanCounter::Uncounted].packets;
+    reading.uncounted = uncounted - (uncounted < uncounted_ ? 0 : uncounted_);
+    uncounted_ = uncounted;
     return 0;
 }
 

@@ -23,14 +23,15 @@ enum class TableLife {
 struct ScanReading {
     uint64_t figures[VXI_SCAN_COUNTERS] = {};
     uint64_t half_open = 0;
-    uint64_t untracked = 0;  // opened while the half-open set was full: in no counter
-    bool rebuilt = false;    // the table had been removed: all figures start from 0
+    uint64_t uncounted = 0;  // opened since the last reading while the half-open set was full
+    bool rebuilt = false;    // the table had been removed: all counters restart at 0
 };
 
 struct ScanStatus {
     std::optional<ScanTarget> target;  // empty while nothing is counted
     uint32_t half_open_timeout_s = 0;
     uint64_t half_open = 0;  // at the last reading
+    uint64_t uncounted = 0;  // until the last reading: connections that are in no counter
 };
 
 // Safe from any thread. Belongs to the process that made it.
@@ -87,7 +88,8 @@ private:
     std::optional<ScanTarget> wanted_;
     ScanTableSpec spec_ = {};
     uint64_t half_open_ = 0;
-    uint64_t half_open_closed_ = 0;
+    uint64_t uncounted_ = 0;
+    HalfOpenClosed half_open_closed_;
     Netlink netlink_;
 };
 

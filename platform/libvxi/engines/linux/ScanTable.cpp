@@ -22,10 +22,9 @@
 
 namespace vxi {
 
-const std::array<const char*, scan_counter_count> scan_counter_names = {
-    // "reset", "fwd" and the like are keywords of nft, hence the prefix.
-    "c_new", "c_estab",     "c_refused", "c_reset", "c_synrtx",
-    "c_fin", "c_untracked", "c_fwd",     "c_bwd",
+const std::array<const char*, scan_named_count> scan_counter_names = {
+    // "reset" and the like are keywords of nft, hence the prefix.
+    "c_new", "c_estab", "c_refused", "c_reset", "c_synrtx", "c_fin", "c_uncounted",
 };
 
 namespace {
@@ -43,48 +42,52 @@ enum class Opener { Unused, IsSource, IsDestination };
 
 enum class SetUse {
     None,
-    Known,        // goes on only for a connection that is half-open
-    KnownRemove,  // and ends that after counting
-    Enter,        // goes on only when there was room
+    Known,         // goes on only for a connection that is half-open
+    KnownRemove,   // and ends that after counting
+    EnterLasting,  // goes on only within half_open_lasting_max, when there was room
+    EnterBrief,    // goes on only when there was room
 };
 
-// Evaluated in this order: flags, set, counter, removal, verdict. A row with a set stands
-// for two rules, one a family.
+// Evaluated in this order: flags, set, counter, removal, verdict. A row with a set makes two
+// rules, one for each family.
 struct RuleRow {
     const char* chain;
     FlagTest flags;
     SetUse set;
     Opener opener;
-    const char* counter;  // may be null
+    const char* counter;  // by its name, own_counter, or null
     const char* verdict;  // chain to go to, "return", or null to go on
 };
 
+constexpr const char* own_counter = "";
+
 constexpr FlagTest any_flags = {};
-constexpr FlagTest ack_only = {Ack | Syn | Rst, Ack, true};
+constexpr FlagTest plain_ack = {Ack | Syn | Rst | Fin, Ack, true};
+constexpr FlagTest ack_with_fin = {Ack | Syn | Rst | Fin, Ack | Fin, true};
 constexpr FlagTest syn_only = {Ack | Syn | Rst | Fin, Syn, true};
 constexpr FlagTest with_rst = {Rst, 0, false};
-constexpr FlagTest with_fin = {Fin, 0, false};
 
 // Reading the counters between any two of these steps must never make a connection look
 // closed that is not: an established one is counted before it leaves the set, a new one
 // after it has entered.
 constexpr RuleRow rule_rows[] = {
-    {"f", any_flags, SetUse::None, Opener::Unused, "c_fwd", nullptr},
-    {"f", ack_only, SetUse::None, Opener::Unused, nullptr, "acked"},  // by far the most frequent
+    {"f", any_flags, SetUse::None, Opener::Unused, own_counter, nullptr},
+    {"f", plain_ack, SetUse::None, Opener::Unused, nullptr, "acked"},  // nearly every packet
     {"f", syn_only, SetUse::None, Opener::Unused, nullptr, "opening"},
     {"f", with_rst, SetUse::None, Opener::Unused, nullptr, "frst"},
+    {"f", ack_with_fin, SetUse::None, Opener::Unused, "c_fin", "acked"},
 
     {"opening", any_flags, SetUse::Known, Opener::IsSource, "c_synrtx", "return"},
-    {"opening", any_flags, SetUse::Enter, Opener::IsSource, "c_new", "return"},
-    {"opening", any_flags, SetUse::None, Opener::Unused, "c_untracked", nullptr},
+    {"opening", any_flags, SetUse::EnterLasting, Opener::IsSource, "c_new", "return"},
+    {"opening", any_flags, SetUse::EnterBrief, Opener::IsSource, "c_new", "return"},
+    {"opening", any_flags, SetUse::None, Opener::Unused, "c_uncounted", nullptr},
 
-    {"acked", with_fin, SetUse::None, Opener::Unused, "c_fin", nullptr},
     {"acked", any_flags, SetUse::KnownRemove, Opener::IsSource, "c_estab", "return"},
 
     {"frst", any_flags, SetUse::KnownRemove, Opener::IsSource, "c_refused", "return"},
     {"frst", any_flags, SetUse::None, Opener::Unused, "c_reset", nullptr},
 
-    {"b", any_flags, SetUse::None, Opener::Unused, "c_bwd", nullptr},
+    {"b", any_flags, SetUse::None, Opener::Unused, own_counter, nullptr},
     {"b", with_rst, SetUse::None, Opener::Unused, nullptr, "brst"},
 
     {"brst", any_flags, SetUse::KnownRemove, Opener::IsDestination, "c_refused", "return"},
@@ -113,11 +116,12 @@ struct Family {
 
 // nft's numbers: 7 IPv4 address, 8 IPv6 address, 13 port; 6 bits each in a joined key.
 constexpr Family families[] = {
-    {NFPROTO_IPV4, half_open_set_v4, 1, 12, 16, 4, 7 << 12 | 13 << 6 | 7},
-    {NFPROTO_IPV6, half_open_set_v6, 2, 8, 24, 16, 8 << 12 | 13 << 6 | 8},
+    {NFPROTO_IPV4, half_open_set_v4, 1, 12, 16, 4, 7 << 12 | 7 << 6 | 13},
+    {NFPROTO_IPV6, half_open_set_v6, 2, 8, 24, 16, 8 << 12 | 8 << 6 | 13},
 };
 
 constexpr uint32_t register_size = 4;
+constexpr uint64_t ms_per_s = 1000;
 
 template <auto Free>
 struct Freed {
@@ -184,17 +188,23 @@ public:
         compare(test.equal ? NFT_CMP_EQ : NFT_CMP_NEQ, &test.value, sizeof test.value);
     }
 
-    // The key of a half-open connection: opener's address, opener's port, owner's address.
+    // The key of a half-open connection: opener's address, owner's address, opener's port.
     void load_key(const Family& family, Opener opener)
     {
-        const bool source = opener == Opener::IsSource;
         const uint32_t words = family.address_size / register_size;
-        load(NFT_PAYLOAD_NETWORK_HEADER, source ? family.source_offset : family.destination_offset,
-             family.address_size, NFT_REG32_00);
+        const bool source = opener == Opener::IsSource;
+        if (source) {
+            // Source and destination stand side by side: one load instead of two.
+            load(NFT_PAYLOAD_NETWORK_HEADER, family.source_offset, 2 * family.address_size,
+                 NFT_REG32_00);
+        } else {
+            load(NFT_PAYLOAD_NETWORK_HEADER, family.destination_offset, family.address_size,
+                 NFT_REG32_00);
+            load(NFT_PAYLOAD_NETWORK_HEADER, family.source_offset, family.address_size,
+                 NFT_REG32_00 + words);
+        }
         load(NFT_PAYLOAD_TRANSPORT_HEADER, source ? source_port_offset : destination_port_offset,
-             sizeof(uint16_t), NFT_REG32_00 + words);
-        load(NFT_PAYLOAD_NETWORK_HEADER, source ? family.destination_offset : family.source_offset,
-             family.address_size, NFT_REG32_00 + words + 1);
+             sizeof(uint16_t), NFT_REG32_00 + 2 * words);
     }
 
     void find_key(const Family& family)
@@ -205,17 +215,37 @@ public:
         nftnl_expr_set_u32(lookup, NFTNL_EXPR_LOOKUP_SET_ID, family.set_id);
     }
 
-    void change_set(const Family& family, uint32_t operation)
+    void limit_rate(uint64_t per_s, uint32_t burst)
+    {
+        nftnl_expr* limit = append("limit");
+        nftnl_expr_set_u64(limit, NFTNL_EXPR_LIMIT_RATE, per_s);
+        nftnl_expr_set_u64(limit, NFTNL_EXPR_LIMIT_UNIT, 1);
+        nftnl_expr_set_u32(limit, NFTNL_EXPR_LIMIT_BURST, burst);
+        nftnl_expr_set_u32(limit, NFTNL_EXPR_LIMIT_TYPE, NFT_LIMIT_PKTS);
+    }
+
+    void enter_set(const Family& family, uint32_t timeout_s)
+    {
+        nftnl_expr_set_u64(change_set(family, NFT_DYNSET_OP_ADD), NFTNL_EXPR_DYNSET_TIMEOUT,
+                           timeout_s * ms_per_s);
+    }
+
+    nftnl_expr* change_set(const Family& family, uint32_t operation)
     {
         nftnl_expr* change = append("dynset");
         nftnl_expr_set_u32(change, NFTNL_EXPR_DYNSET_SREG_KEY, NFT_REG32_00);
         nftnl_expr_set_u32(change, NFTNL_EXPR_DYNSET_OP, operation);
         stored(nftnl_expr_set_str(change, NFTNL_EXPR_DYNSET_SET_NAME, family.set));
         nftnl_expr_set_u32(change, NFTNL_EXPR_DYNSET_SET_ID, family.set_id);
+        return change;
     }
 
     void count(const char* counter)
     {
+        if (*counter == '\0') {
+            append("counter");
+            return;
+        }
         nftnl_expr* reference = append("objref");
         nftnl_expr_set_u32(reference, NFTNL_EXPR_OBJREF_IMM_TYPE, NFT_OBJECT_COUNTER);
         stored(nftnl_expr_set_str(reference, NFTNL_EXPR_OBJREF_IMM_NAME, counter));
@@ -272,20 +302,37 @@ private:
         owned<nftnl_rule_free>(nftnl_rule_alloc());
 };
 
-void add_rule(NftBatch& batch, const std::string& table, const RuleRow& row, const Family* family)
+// So many a second that no more than half_open_lasting_max last at a time.
+uint64_t lasting_per_s(const ScanTableSpec& spec)
 {
-    Rule rule(table, row.chain);
+    return std::max(1U, (half_open_lasting_max - half_open_burst) / spec.half_open_timeout_s);
+}
+
+void use_set(Rule& rule, const ScanTableSpec& spec, const RuleRow& row, const Family& family)
+{
+    rule.match_meta(NFT_META_NFPROTO, family.protocol);
+    rule.load_key(family, row.opener);
+    switch (row.set) {
+        case SetUse::EnterLasting:
+            rule.limit_rate(lasting_per_s(spec), half_open_burst);
+            rule.enter_set(family, spec.half_open_timeout_s);
+            break;
+        case SetUse::EnterBrief:
+            rule.enter_set(family, std::min(half_open_brief_s, spec.half_open_timeout_s));
+            break;
+        default:
+            rule.find_key(family);
+    }
+}
+
+void add_rule(NftBatch& batch, const ScanTableSpec& spec, const RuleRow& row, const Family* family)
+{
+    Rule rule(spec.name, row.chain);
     if (row.flags.mask) {
         rule.match_flags(row.flags);
     }
     if (family) {
-        rule.match_meta(NFT_META_NFPROTO, family->protocol);
-        rule.load_key(*family, row.opener);
-        if (row.set == SetUse::Enter) {
-            rule.change_set(*family, NFT_DYNSET_OP_ADD);
-        } else {
-            rule.find_key(*family);
-        }
+        use_set(rule, spec, row, *family);
     }
     if (row.counter) {
         rule.count(row.counter);
@@ -299,14 +346,14 @@ void add_rule(NftBatch& batch, const std::string& table, const RuleRow& row, con
     rule.add_to(batch, row.chain);
 }
 
-void add_rules(NftBatch& batch, const std::string& table, const RuleRow& row)
+void add_rules(NftBatch& batch, const ScanTableSpec& spec, const RuleRow& row)
 {
     if (row.set == SetUse::None) {
-        add_rule(batch, table, row, nullptr);
+        add_rule(batch, spec, row, nullptr);
         return;
     }
     for (const Family& family : families) {
-        add_rule(batch, table, row, &family);
+        add_rule(batch, spec, row, &family);
     }
 }
 
@@ -343,7 +390,6 @@ void add_counter(NftBatch& batch, const std::string& table, const char* name)
 
 void add_set(NftBatch& batch, const ScanTableSpec& spec, const Family& family)
 {
-    constexpr uint64_t ms_per_s = 1000;
     auto set = owned<nftnl_set_free>(nftnl_set_alloc());
     stored(nftnl_set_set_str(set.get(), NFTNL_SET_TABLE, spec.name.c_str()));
     stored(nftnl_set_set_str(set.get(), NFTNL_SET_NAME, family.set));
@@ -385,8 +431,9 @@ void add_hook(NftBatch& batch, const ScanTableSpec& spec, const HookRow& row)
 {
     add_chain(batch, spec.name, row.chain, &row.hook);
     Rule rule(spec.name, row.chain);
-    rule.match_meta(NFT_META_L4PROTO, IPPROTO_TCP);
+    // The port first: what is not meant fails there, at the least cost.
     rule.match_port(row.port_offset, spec.target.port);
+    rule.match_meta(NFT_META_L4PROTO, IPPROTO_TCP);
     rule.finish(row.target);
     rule.add_to(batch, row.chain);
 }
@@ -436,7 +483,7 @@ uint32_t add_scan_table(NftBatch& batch, const ScanTableSpec& spec)
         add_chain(batch, spec.name, chain, nullptr);
     }
     for (const RuleRow& row : rule_rows) {
-        add_rules(batch, spec.name, row);
+        add_rules(batch, spec, row);
     }
     add_hook(batch, spec,
              {"cf", inbound ? NF_INET_LOCAL_IN : NF_INET_LOCAL_OUT, destination_port_offset, "f"});

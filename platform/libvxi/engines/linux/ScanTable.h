@@ -14,7 +14,8 @@
 
 namespace vxi {
 
-// The table's named counters, in the order of scan_counter_names.
+// What the table counts. The first are named counters, in the order of scan_counter_names; the two
+// that every packet meets are those of a rule, which cost it half as much.
 enum class ScanCounter {
     New,            // opened: bare SYN that entered a half-open set
     Established,    // half-open, then acknowledged
@@ -22,19 +23,31 @@ enum class ScanCounter {
     Reset,          // RST outside a handshake
     Retransmitted,  // bare SYN of a connection that is half-open already
     Finished,       // FIN from the side that opened
-    Untracked,      // bare SYN while the half-open set was full
+    Uncounted,      // bare SYN while the half-open set was full
     Forward,        // everything towards the port's owner
     Backward,
     Count
 };
 
 constexpr size_t scan_counter_count = static_cast<size_t>(ScanCounter::Count);
-extern const std::array<const char*, scan_counter_count> scan_counter_names;
+constexpr size_t scan_named_count = static_cast<size_t>(ScanCounter::Forward);
+extern const std::array<const char*, scan_named_count> scan_counter_names;
 
-// Half-open connections by opener's address and port and owner's address.
+// The chains whose first rule counts Forward and Backward.
+constexpr const char* scan_forward_chain = "f";
+constexpr const char* scan_backward_chain = "b";
+
+// Half-open connections by opener's address, owner's address and opener's port.
 constexpr const char* half_open_set_v4 = "h4";
 constexpr const char* half_open_set_v6 = "h6";
-constexpr uint32_t half_open_max = 65536;  // in each of the two
+constexpr uint32_t half_open_max = 131072;  // in each of the two
+
+// Of these, how many at most stay for the whole time that a handshake can take: a flood of
+// openings that nobody completes must leave room for those that somebody does. What comes in
+// faster stays long enough for a handshake that gets along with one repetition.
+constexpr uint32_t half_open_lasting_max = 32768;
+constexpr uint32_t half_open_burst = 8192;
+constexpr uint32_t half_open_brief_s = 3;
 
 struct ScanTableSpec {
     std::string name;

@@ -122,6 +122,7 @@ void put_scan(AreaWriter& area)
     area.put_one(own_slot, "scan.on", scan.target.has_value());
     area.put_one(own_slot + 1, "scan.port", scan.target ? scan.target->port : 0);
     area.put_one(own_slot + 2, "scan.pending", scan.half_open);
+    area.put_one(own_slot + 4, "scan.uncounted", scan.uncounted);
 }
 
 SlotNames fill_filter(Tables& tables, const std::string& netfilter, uint64_t* slots, Outcome& rules)

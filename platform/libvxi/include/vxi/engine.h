@@ -40,6 +40,15 @@ VXI_API const char* vxi_open_error(void);
  * thread and lives until its next call of this function. */
 VXI_API const char* vxi_check_environment(void);
 
+/* Receives problems for which no call fails, such as connections that could not be
+ * counted: one line of ASCII without a newline, which lives for the call. Called on the
+ * thread whose call to the library met the problem, with no lock held; must not throw. */
+typedef void (*vxi_message_handler)(const char* message);
+
+/* One handler for the process; null removes it. A thread that is in a call of the library
+ * meanwhile may still call the one before. */
+VXI_API void vxi_set_message_handler(vxi_message_handler handler);
+
 /* What an engine can deliver on this machine, one row a facility. */
 typedef struct vxi_capability_s {
     const char* name; /* "scan-metrics", "statistics", "variables", "conntrack",

@@ -31,7 +31,7 @@ Message CounterAnswer(const char* name)
 
 TEST(TakeCounter, KeepsCountersOfTheTable)
 {
-    for (size_t i = 0; i < vxi::scan_counter_count; ++i) {
+    for (size_t i = 0; i < vxi::scan_named_count; ++i) {
         vxi::ScanCounterValues values;
         const Message answer = CounterAnswer(vxi::scan_counter_names[i]);
         EXPECT_EQ(vxi::take_counter(answer.header(), values), 0);
@@ -88,26 +88,31 @@ vxi::ScanCounterValues Values(uint64_t opened, uint64_t established)
     return values;
 }
 
-TEST(HalfOpenClosed, NeverRunsAheadAndNeverFalls)
+TEST(HalfOpenClosed, NeverRunsAheadAndFallsOnlyWithTheCounters)
 {
+    vxi::HalfOpenClosed closed;
     const struct {
         const char* what;
-        uint64_t opened, half_open, established, previous, expected;
-    } cases[] = {
-        {"nothing yet", 0, 0, 0, 0, 0},
-        {"all established", 1050, 0, 1050, 0, 0},
-        {"some refused", 1150, 0, 1050, 0, 100},
-        {"some pending", 100, 100, 0, 0, 0},
-        {"each kind", 100, 20, 50, 10, 30},
-        {"established between the readings", 100, 5, 96, 3, 3},
-        {"opened and established between the readings", 100, 0, 101, 0, 0},
-        {"smaller than before", 100, 0, 98, 4, 4},
+        uint64_t opened, established, half_open, opened_after, established_after, expected;
+    } readings[] = {
+        {"nothing yet", 0, 0, 0, 0, 0, 0},
+        {"all established", 1050, 1050, 0, 1050, 1050, 0},
+        {"each kind", 1150, 1100, 20, 1150, 1100, 30},
+        {"established between the readings", 1150, 1100, 5, 1150, 1116, 30},
+        {"opened and established between them", 1150, 1120, 0, 1160, 1130, 30},
+        {"more refused", 1200, 1130, 30, 1200, 1130, 40},
+        {"counters were reset: 30 half-open ones are in none", 5, 3, 25, 5, 3, 0},
+        {"what comes after counts at once", 25, 3, 25, 25, 3, 20},
+        {"reset between the readings", 40, 10, 15, 0, 0, 0},
+        {"refused after that", 10, 0, 15, 10, 0, 10},
+        {"some established", 30, 8, 15, 30, 8, 22},
+        {"established ones alone were reset", 40, 2, 15, 40, 2, 0},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(vxi::half_open_closed(Values(c.opened, 0), c.half_open, Values(0, c.established),
-                                        c.previous),
-                  c.expected)
-            << c.what;
+    for (const auto& r : readings) {
+        EXPECT_EQ(closed.update(Values(r.opened, r.established), r.half_open,
+                                Values(r.opened_after, r.established_after)),
+                  r.expected)
+            << r.what;
     }
 }
 
