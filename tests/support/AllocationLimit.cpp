@@ -86,6 +86,11 @@ bool allocations::LiftMallocLimit()
     return false;
 }
 
+bool allocations::RefuseFrom(std::size_t)
+{
+    return false;
+}
+
 #else
 
 extern "C" {
@@ -94,9 +99,12 @@ void* __libc_calloc(std::size_t count, std::size_t size);
 void* __libc_realloc(void* block, std::size_t size);
 }
 
-static bool MallocFails()
+static std::size_t s_refused_from = 0;
+
+static bool MallocFails(std::size_t size)
 {
-    if (!s_malloc.Refuses()) return false;
+    const bool too_large = s_refused_from != 0 && size >= s_refused_from;
+    if (!s_malloc.Refuses() && !too_large) return false;
     errno = ENOMEM;
     return true;
 }
@@ -112,21 +120,27 @@ bool allocations::LiftMallocLimit()
     return Lift(s_malloc);
 }
 
+bool allocations::RefuseFrom(std::size_t size)
+{
+    s_refused_from = size;
+    return true;
+}
+
 extern "C" void* malloc(std::size_t size)
 {
-    return MallocFails() ? nullptr : __libc_malloc(size);
+    return MallocFails(size) ? nullptr : __libc_malloc(size);
 }
 
 extern "C" void* calloc(std::size_t count, std::size_t size)
 {
-    return MallocFails() ? nullptr : __libc_calloc(count, size);
+    return MallocFails(count * size) ? nullptr : __libc_calloc(count, size);
 }
 
 // Lua relies on it that a block can be made smaller.
 extern "C" void* realloc(void* block, std::size_t size)
 {
     const bool fits = block != nullptr && malloc_usable_size(block) >= size;
-    return !fits && MallocFails() ? nullptr : __libc_realloc(block, size);
+    return !fits && MallocFails(size) ? nullptr : __libc_realloc(block, size);
 }
 
 #endif

@@ -1,6 +1,8 @@
 // Memory that runs out, for programs that link "allocation_limit".
 #pragma once
 
+#include <cstddef>
+
 namespace allocations {
 
 // From now on `count` allocations by operator new succeed and all that follow fail; -1: none
@@ -14,5 +16,8 @@ bool LiftLimit();
 // program has a sanitizer's malloc.
 bool AllowMalloc(long count);
 bool LiftMallocLimit();
+
+// From now on malloc and its kin refuse blocks of at least this size; 0: none. False likewise.
+bool RefuseFrom(std::size_t size);
 
 }  // namespace allocations

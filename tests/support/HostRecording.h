@@ -1,46 +1,31 @@
-// The host core library for unit tests: keeps traces, log lines, document settings, agent
-// events and archive entries instead of writing them. Linked in place of libvxa_core.
+// The host core library for unit tests: what the module gives it is kept and handed out.
 #pragma once
 
 #include <memory>
-#include <set>
+#include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "VxaCore/Dom.h"
 #include "VxaCore/ZipOutputStream.h"
+#include "vxa_core/host.h"
 
 namespace host {
 
-struct Trace {
-    std::string category;
-    std::string file;
-    int line;
-    std::string function;
-    std::string message;
-};
+using Record = VxaCore::Host::LogRecord;
+using Lines = std::vector<std::string>;
 
-// Traces of the categories that are on, and log lines as "error: TEXT" or "info: TEXT",
-// since the last call.
-std::vector<Trace> TakeTraces();
-std::vector<std::string> TakeLog();
+// What was traced or logged since the last call: traces whole and as "CATEGORY FUNCTION:
+// MESSAGE", lines of the general log as "LEVEL: MESSAGE".
+std::vector<Record> TakeTraces();
+Lines TakeTraceLines();
+Lines TakeLog();
 
-// The traces as "CATEGORY FUNCTION: MESSAGE".
-std::vector<std::string> TakeTraceLines();
+void EnableTraces(bool on);  // of all categories; off at first
 
-// All categories are on from the start.
-void EnableTraces(bool on);
-
-// From now on log lines are kept.
-void CatchLog();
-
-// A document with the settings written to it.
 std::unique_ptr<VxaCore::CDom> MakeDocument();
-std::vector<std::pair<std::string, bool>> TakeSettings(VxaCore::CDom& document);
-
-// The events as "ID TEXT"; those whose format was given in UTF-8 as "ID utf8 TEXT".
-std::vector<std::string> TakeEvents(VxaCore::CDom& document);
+std::optional<bool> TakeSetting(VxaCore::CDom& document, const std::string& key);
+Lines Events(VxaCore::CDom& document);  // "ID TEXT"; "ID utf8 TEXT" if given in UTF-8
 
 struct Entry {
     std::string name;
@@ -49,8 +34,9 @@ struct Entry {
     std::string bytes;
 };
 
-// An archive that does not take entries of these names.
-std::unique_ptr<VxaCore::CZipOutputStream> MakeArchive(const std::set<std::string>& refused = {});
-std::vector<Entry> TakeEntries(VxaCore::CZipOutputStream& archive);
+// An archive whose entries go where TakeEntries finds them, or are refused.
+std::unique_ptr<VxaCore::CZipOutputStream> MakeArchive();
+void RefuseEntries(bool refuse);
+std::vector<Entry> TakeEntries();
 
 }  // namespace host

@@ -1,9 +1,8 @@
-// Fixture of the diagnostics' tests: a driver that answers as told, a document and an
-// archive that remember.
+// Fixture of the diagnostics' tests: a driver that answers as configured, a document, and an
+// archive whose entries are kept.
 #pragma once
 
 #include <memory>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -24,30 +23,30 @@ protected:
     }
     void TearDown() override { vxi_close(m_handle); }
 
-    // From here on the driver answers so, and nothing is remembered of before.
-    void Start(const driver::Answers& answers, const std::set<std::string>& refused = {})
+    // From here on the driver answers so, and what came before is forgotten.
+    void Start(const driver::Answers& answers, bool archive_refuses = false)
     {
         driver::SetAnswers(answers);
         driver::TakeCalls();
         host::TakeTraces();
+        host::TakeEntries();
+        host::RefuseEntries(archive_refuses);
         m_document = host::MakeDocument();
-        m_archive = host::MakeArchive(refused);
     }
 
     VxaCore::CDom* dom() const { return m_document.get(); }
     VxaCore::CZipOutputStream& zip() const { return *m_archive; }
     vxi_handle_ops_s* handle() const { return m_handle; }
 
-    Lines Events() const { return host::TakeEvents(*m_document); }
-    std::vector<host::Entry> Entries() const { return host::TakeEntries(*m_archive); }
+    Lines Events() const { return host::Events(*m_document); }
 
     // "LINE FUNCTION: MESSAGE", but for those of the availability query. All must be of this
     // area.
     static Lines Traces()
     {
         Lines lines;
-        for (const host::Trace& trace : host::TakeTraces()) {
-            EXPECT_EQ(trace.category, "diagnostics");
+        for (const host::Record& trace : host::TakeTraces()) {
+            EXPECT_EQ(trace.label, "diagnostics");
             EXPECT_EQ(trace.file, "plugins/filter/Diagnostics");
             if (trace.function != "IsDriverOpen")
                 lines.push_back(std::to_string(trace.line) + " " + trace.function + ": " +
@@ -69,5 +68,5 @@ protected:
 private:
     vxi_handle_ops_s* m_handle = vxi_open();
     std::unique_ptr<VxaCore::CDom> m_document;
-    std::unique_ptr<VxaCore::CZipOutputStream> m_archive;
+    std::unique_ptr<VxaCore::CZipOutputStream> m_archive = host::MakeArchive();
 };

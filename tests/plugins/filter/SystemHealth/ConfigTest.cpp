@@ -36,10 +36,8 @@ protected:
     std::string Outcome(int count)
     {
         std::string text = std::to_string(count) + ":" + InForce();
-        for (const auto& [key, value] : host::TakeSettings(*document)) {
-            EXPECT_EQ(key, "vxp.filter.FailOpenUnloadDriver");
-            text += value ? ", unload" : ", keep";
-        }
+        const auto unload = host::TakeSetting(*document, "vxp.filter.FailOpenUnloadDriver");
+        if (unload) text += *unload ? ", unload" : ", keep";
         for (const std::string& line : host::TakeLog()) text += "\n" + line;
         return text;
     }
@@ -125,8 +123,8 @@ TEST_F(ConfigTest, PolicyCases)
     for (const auto& c : cases) {
         EXPECT_EQ(FromPolicy(c.json), c.outcome) << c.json;
         int out_of_bounds = 0;
-        for (const host::Trace& trace : host::TakeTraces())
-            out_of_bounds += trace.category == "SysHealth.eng";
+        for (const host::Record& trace : host::TakeTraces())
+            out_of_bounds += trace.label == "SysHealth.eng";
         EXPECT_EQ(out_of_bounds, c.out_of_bounds) << c.json;
     }
 }

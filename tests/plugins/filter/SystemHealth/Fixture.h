@@ -26,7 +26,6 @@ protected:
         health_metrics = initial_metrics;
         scan_rates = {};
         syshealth_enabled = 0;
-        host::CatchLog();
         host::EnableTraces(true);
         host::TakeTraces();
         host::TakeLog();
@@ -37,8 +36,8 @@ protected:
     static Lines TakeMessages(const std::string& front)
     {
         Lines messages;
-        for (const host::Trace& trace : host::TakeTraces()) {
-            EXPECT_EQ(trace.category + " " + trace.function + ": ", front);
+        for (const host::Record& trace : host::TakeTraces()) {
+            EXPECT_EQ(trace.label + " " + trace.function + ": ", front);
             EXPECT_EQ(trace.file, "plugins/filter/SystemHealth");
             messages.push_back(trace.message);
         }
