@@ -3,6 +3,7 @@
 #include <malloc.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <new>
 
@@ -15,19 +16,24 @@ struct Limit {
     bool Refuses()
     {
         failed |= left == 0;
-        if (left > 0) return left-- == 0;
-        return left == 0;
+        return left > 0 ? left-- == 0 : left == 0;
+    }
+    bool Lift()
+    {
+        left = -1;
+        return failed;
     }
 };
 
-Limit s_new;
-Limit s_malloc;
+thread_local Limit s_new;
+thread_local Limit s_malloc;
+thread_local std::size_t s_refused_from = SIZE_MAX;
 
-bool Lift(Limit& limit)
-{
-    limit.left = -1;
-    return limit.failed;
-}
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kMallocIsOurs = false;
+#else
+constexpr bool kMallocIsOurs = true;
+#endif
 
 }  // namespace
 
@@ -38,7 +44,24 @@ void allocations::Allow(long count)
 
 bool allocations::LiftLimit()
 {
-    return Lift(s_new);
+    return s_new.Lift();
+}
+
+bool allocations::AllowMalloc(long count)
+{
+    s_malloc = {count, false};
+    return kMallocIsOurs;
+}
+
+bool allocations::LiftMallocLimit()
+{
+    return s_malloc.Lift();
+}
+
+bool allocations::RefuseFrom(std::size_t size)
+{
+    s_refused_from = size != 0 ? size : SIZE_MAX;
+    return kMallocIsOurs;
 }
 
 // Inlined, the pairs look mismatched to the compiler.
@@ -74,73 +97,38 @@ bool allocations::LiftLimit()
     std::free(block);
 }
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-
-bool allocations::AllowMalloc(long)
-{
-    return false;  // the sanitizer's own must stay
-}
-
-bool allocations::LiftMallocLimit()
-{
-    return false;
-}
-
-bool allocations::RefuseFrom(std::size_t)
-{
-    return false;
-}
-
-#else
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 
 extern "C" {
+
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
 void* __libc_realloc(void* block, std::size_t size);
-}
 
-static std::size_t s_refused_from = 0;
-
-static bool MallocFails(std::size_t size)
+static bool IsRefused(std::size_t size)
 {
-    const bool too_large = s_refused_from != 0 && size >= s_refused_from;
-    if (!s_malloc.Refuses() && !too_large) return false;
+    if (!s_malloc.Refuses() && size < s_refused_from) return false;
     errno = ENOMEM;
     return true;
 }
 
-bool allocations::AllowMalloc(long count)
+void* malloc(std::size_t size)
 {
-    s_malloc = {count, false};
-    return true;
+    return IsRefused(size) ? nullptr : __libc_malloc(size);
 }
 
-bool allocations::LiftMallocLimit()
+void* calloc(std::size_t count, std::size_t size)
 {
-    return Lift(s_malloc);
-}
-
-bool allocations::RefuseFrom(std::size_t size)
-{
-    s_refused_from = size;
-    return true;
-}
-
-extern "C" void* malloc(std::size_t size)
-{
-    return MallocFails(size) ? nullptr : __libc_malloc(size);
-}
-
-extern "C" void* calloc(std::size_t count, std::size_t size)
-{
-    return MallocFails(count * size) ? nullptr : __libc_calloc(count, size);
+    return IsRefused(count * size) ? nullptr : __libc_calloc(count, size);
 }
 
 // Lua relies on it that a block can be made smaller.
-extern "C" void* realloc(void* block, std::size_t size)
+void* realloc(void* block, std::size_t size)
 {
     const bool fits = block != nullptr && malloc_usable_size(block) >= size;
-    return !fits && MallocFails(size) ? nullptr : __libc_realloc(block, size);
+    return !fits && IsRefused(size) ? nullptr : __libc_realloc(block, size);
 }
+
+}  // extern "C"
 
 #endif

@@ -1,4 +1,5 @@
-// Memory that runs out, for programs that link "allocation_limit".
+// Memory that runs out, for programs that link "allocation_limit". Limits are the calling
+// thread's own.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +14,7 @@ void Allow(long count);
 bool LiftLimit();
 
 // The same for malloc and its kin, which operator new takes its memory from. False where the
-// program has a sanitizer's malloc.
+// program has a sanitizer's malloc, which never fails.
 bool AllowMalloc(long count);
 bool LiftMallocLimit();
 
