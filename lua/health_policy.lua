@@ -99,7 +99,8 @@ function Complaints:add_unknown(place, name, field)
         for _, setting in ipairs(health_policy.settings) do
             for _, candidate in ipairs { setting.key, setting.conf } do
                 local changes = distance(name:upper(), candidate)
-                if changes <= math.max(#name, #candidate) / 4 and changes < (nearest or math.huge) then
+                local most = math.min(math.max(#name, #candidate) / 4, (nearest or 100) - 1)
+                if changes <= most then
                     best, nearest = setting[field], changes
                 end
             end
@@ -186,7 +187,8 @@ local function check_members(members, lenient)
         end
     end
     if lenient or faults.count == 0 then return settings, warnings:close() end
-    return nil, faults[1] .. (faults.count > 1 and (" (and %d more)"):format(faults.count - 1) or "")
+    local rest = faults.count > 1 and (" (and %d more)"):format(faults.count - 1) or ""
+    return nil, faults[1] .. rest
 end
 
 -- ---- the whole policy -------------------------------------------------------------------

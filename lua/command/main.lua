@@ -24,6 +24,8 @@ end
 local function describe(fault)
     if type(fault) == "table" then return fault.status, fault.message end
     if interruption.is_cause(fault) then return 130 end
+    -- The caller names the package of a Lua module that is missing.
+    if tostring(fault):find("module '%w+' not found") then error(fault, 0) end
     return 1, "internal error: " .. tostring(fault)
 end
 

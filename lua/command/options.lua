@@ -171,6 +171,7 @@ function options.parse(arguments)
     local ok, parsed = parser:pparse(bind_negative_numbers(arguments))
     if not ok then return nil, (parsed:gsub("\nDid you mean", "; did you mean")) end
     if parsed.outbound and not parsed.port then return nil, "--outbound needs --port" end
+    if parsed.lenient and not parsed.policy then return nil, "--lenient needs --policy" end
     if parsed.raw and not parsed.entry then return nil, "--raw needs an entry" end
     if not parsed.version and not parsed.command then
         return nil, "no command given: use 'vxa run', 'vxa status', 'vxa connections', 'vxa diag' "

@@ -20,7 +20,7 @@ end
 -- The whole text is shown when the pattern is not in it.
 function cases.matches(actual, pattern, what)
     if actual:find(pattern) then actual = pattern end
-    testing.equal(actual, pattern, current .. ": " .. what)
+    testing.equal(actual, pattern, current and current .. ": " .. what or what)
 end
 
 return cases

@@ -52,6 +52,7 @@ local refused = {
     { "run --port 0x1BB", 2, "not '0x1BB'" },
     { "run --port 443.0", 2, "not '443.0'" },
     { "run --outbound", 2, "%-%-outbound needs %-%-port" },
+    { "run --lenient", 2, "%-%-lenient needs %-%-policy" },
     { "run --interval 0", 2, "%-%-interval must be seconds above 0" },
     { "run --interval -1", 2, "not '%-1'" },
     { "run --interval nan", 2, "not 'nan'" },
@@ -91,6 +92,16 @@ for _, row in ipairs(refused) do
     end)
 end
 
+cases.case("Lua modules that are missing", function()
+    for _, name in ipairs { "argparse", "dkjson" } do
+        local err = shell(("unshare -m sh -c 'mount --bind %s/lib /usr/share/lua/5.2; %s/bin/vxa "
+            .. "status' 2>&1"):format(SCRATCH, ROOT))
+        cases.matches(err, ("^vxa: the Lua module '%s' is missing: Debian's package lua%%-%s has")
+            :format(name, name), "standard error")
+        shell(("cp -L /usr/share/lua/5.2/%s.lua %s/lib"):format(name, SCRATCH))
+    end
+end)
+
 -- ---- what a run prints --------------------------------------------------------------
 
 write_file("runq.json", '{"SYS_THR_RUNQ": {"value": 8}, "SYS_CONF_MIN_ACT_DURATION": 2}')
@@ -109,7 +120,8 @@ local runs = {
     { "help of connections", "connections --help", "", { "61 seconds" } },
     { "help of run", "run --help", "",
       { "%-%-policy FILE", "%-%-lenient", "%-%-port N", "%-%-outbound", "%-%-engine NAME",
-        "%-%-trace CATEGORY", "%-%-json", "%-%-interval SECONDS", "%-%-cycles N", "%-%-state DIR" } },
+        "%-%-trace CATEGORY", "%-%-json", "%-%-interval SECONDS", "%-%-cycles N",
+        "%-%-state DIR" } },
     { "the built-in default", "run --cycles 2 --interval 0.01", "",
       { "engine sim", "policy: built%-in default %(no %-%-policy, no /etc/vx_filter.conf%)",
         "time +action +state +rqpct +frepct +delta_t +over",
@@ -165,14 +177,15 @@ local runs = {
     { "values that cannot be had", "run --engine linux --cycles 2 --interval 0.01", "FAKE_CPUS=",
       { "no load figures +Deactivated  uptime or nproc", "2 cycles .* 0 measured" },
       { "^vxa: not one cycle could sample this machine\n$" }, 1 },
-    { "status without values", "status --engine linux", "FAKE_CPUS=", { "this cycle failed: no load" },
+    { "status without values", "status --engine linux", "FAKE_CPUS=", { "cycle failed: no load" },
       { "^vxa: the cycle failed: no load figures\n$" }, 1 },
     { "a reader that goes away", "run --interval 0.01 --cycles 100000 | head -n 1", "",
       { "^vxa [^\n]*\n$" } },
 }
 
 for _, row in ipairs(runs) do
-    local name, arguments, environment, out_patterns, err_patterns, expected = table.unpack(row, 1, 6)
+    local name, arguments, environment, out_patterns, err_patterns, expected =
+        table.unpack(row, 1, 6)
     cases.case(name, function()
         local out, status, err = vxa(arguments, environment)
         cases.equal(status, expected or 0, "exit status (" .. err .. ")")
@@ -192,9 +205,11 @@ local function records_of(out)
     return records
 end
 
--- What strtof and fgets make of it is in force, and logged in a folder made for it. Both outputs have 14 digits or more.
+-- What strtof and fgets make of it is in force, and logged in a folder made for it. Both
+-- outputs have 14 digits or more.
 cases.case("the command reads the configuration file as the module does", function()
-    write_file(CONF, table.concat({ "SYSTEM_RUNQ_PCT_THRESHOLD=0x10", "SYSTEM_MIN_FREE_MEM_PCT=5.5.5",
+    write_file(CONF, table.concat({
+        "SYSTEM_RUNQ_PCT_THRESHOLD=0x10", "SYSTEM_MIN_FREE_MEM_PCT=5.5.5",
         "SYSTEM_MAX_ITERATION_INTERVAL=60.000001", "SYSTEM_MIN_ACT_DURATION=\t+2e0min",
         ("x"):rep(1023) .. "SYSTEM_RECOVERY_FACTOR=.3", "SYSTEM_RECOVERY_FACTOR=inf",
         "SYSTEM_UNLOAD_DRIVER=1\0009", "SYSTEM_MIN_FREE_MEM_PCT=nan" }, "\n"))
@@ -280,7 +295,9 @@ end)
 local function during_a_run(command)
     return shell(([[cd %s; rm -f out; cp runq.json changing.json
         VXI_ENGINE=sim %s/bin/vxa run --policy changing.json --interval 40 >out 2>&1 & pid=$!
-        wait_for() { n=0; until grep -q "$1" out || [ $n -ge 400 ]; do sleep 0.05; n=$((n + 1)); done; }
+        wait_for() {
+            n=0; until grep -q "$1" out || [ $n -ge 400 ]; do sleep 0.05; n=$((n + 1)); done
+        }
         wait_for Deactivated
         %s; wait $pid; echo "status $?"; cat out]]):format(SCRATCH, ROOT, command))
 end
@@ -295,7 +312,7 @@ end
 cases.case("SIGHUP reloads the policy, and a fault in the new one keeps the old", function()
     local out = during_a_run([[cp mistyped.json changing.json; kill -HUP $pid; wait_for stays
         cp instant.json changing.json; kill -HUP $pid; wait_for reloaded; kill -TERM $pid]])
-    match_in_order(out, { "^status 0\n", "vxa: policy changing.json: .*; the policy in force stays\n",
+    match_in_order(out, { "^status 0\n", "vxa: policy changing.json: .*; the policy in force",
         "\npolicy reloaded: changing.json\n", "\n1 cycle in " }, "output")
 end)
 

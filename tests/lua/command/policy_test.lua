@@ -10,56 +10,34 @@ local vxa = require "vxa"
 local policies = {
     { "{}", {}, "^$" },
     { '{"SYS_THR_RUNQ": {"value": 8}}', { SYS_THR_RUNQ = 8 }, "^$" },
-    { '{"sys_thr_\\u0072unq": {"VALUE": 8}, "a": [1, {}, []]}', { SYS_THR_RUNQ = 8 }, "^'a' is not" },
-    { '{"SYS_THR_RUNQ": {"value": 0}}', {}, "^SYS_THR_RUNQ: 0 is out of bounds %(above 0 to 200%)" },
+    { '{"sys_thr_\\u0072unq": {"VALUE": 8}, "a": [1, {}, []]}', { SYS_THR_RUNQ = 8 }, "^'a' is" },
+    { '{"SYS_THR_RUNQ": {"value": 0}}', {}, "^SYS_THR_RUNQ: 0 is out of bounds %(above 0 to" },
     { '{"SYS_THR_FREE_MEM": {"value": 25.1}}', {}, "^SYS_THR_FREE_MEM: 25.1 is out of bounds" },
     { '{"SYS_CONF_MIN_ACT_DURATION": 0}', { SYS_CONF_MIN_ACT_DURATION = 0 }, "^$" },
     { '{"SYS_CONF_MIN_ACT_DURATION": -1e0}', {}, "is out of bounds %(0 to 60%)" },
-    { '\239\187\191{ "SYS_THR_RUNQ" : {"x": {}, "value": 8, "VALUE": 9} ,"sys_thr_runq":{"value":150}}',
+    { '\239\187\191{ "SYS_THR_RUNQ" : {"x": {}, "value": 8, "VALUE": 9} ,"sys_thr_runq":{}}',
       { SYS_THR_RUNQ = 8 }, "^SYS_THR_RUNQ has its value repeated; the first counts\n"
       .. "'sys_thr_runq' is repeated; the first counts$" },
     { '{"SYS_CONF_RECOVER_FACTOR": 300, "SYS_CONF_RECOVER_FACTOR": 3}', {},
       "out of bounds .*\n'SYS_CONF_RECOVER_FACTOR' is repeated" },
     { '{"SYS_THR_RUNQUEUE": {"value": 8}, "SYSTEM_UNLOAD_DRIVER": 1, "x": 1}', {},
       "^'SYS_THR_RUNQUEUE' is not a setting; it is ignored %(did you mean 'SYS_THR_RUNQ'%?%)\n"
-      .. "'SYSTEM_UNLOAD_DRIVER' .* 'SYS_CONF_UNLOAD_DRIVER'%?%)\n'x' is not a setting; it is ignored$" },
+      .. "'SYSTEM_UNLOAD_DRIVER' .* 'SYS_CONF_UNLOAD_DRIVER'%?%)\n'x' is not .* ignored$" },
     { "{" .. ('"x": 1, '):rep(100) .. '"x": 1}', {}, "it is ignored\nand 81 more$" },
 }
 
-for _, row in ipairs(policies) do
-    local text, values, pattern = table.unpack(row)
-    cases.case(text, function()
-        local settings, warnings = health_policy.check(text)
-        cases.equal(settings, values, "settings")
-        cases.matches(table.concat(warnings, "\n"), pattern, "warnings")
-    end)
-end
-
 -- Members of the wrong type: what must be there instead, and what the module takes.
 local mistyped = {
-    { '{"SYS_THR_RUNQ": 16}', '{"value": 16}, not 16', nil },
-    { '{"SYS_THR_RUNQ": "8"}', '{"value": 8}, not "8"', nil },
-    { '{"SYS_THR_RUNQ": {"value": "8"}}', '{"value": 8}, not {"value": "8"}', nil },
-    { '{"SYS_THR_RUNQ": {}}', '{"value": NUMBER}, not an object without "value"', nil },
-    { '{"SYS_THR_RUNQ": null}', '{"value": NUMBER}, not null', nil },
+    { '{"SYS_THR_RUNQ": 16}', '{"value": 16}, not 16' },
+    { '{"SYS_THR_RUNQ": "8"}', '{"value": 8}, not "8"' },
+    { '{"SYS_THR_RUNQ": {"value": "8"}}', '{"value": 8}, not {"value": "8"}' },
+    { '{"SYS_THR_RUNQ": {}}', '{"value": NUMBER}, not an object without "value"' },
+    { '{"SYS_THR_RUNQ": null}', '{"value": NUMBER}, not null' },
     { '{"SYS_CONF_MIN_ACT_DURATION": "30"}', '30, not "30"', 0 },
     { '{"SYS_CONF_MIN_ACT_DURATION": {"value": 30}}', '30, not {"value": 30}', 0 },
-    { '{"SYS_THR_RUNQ": {"value": {"value": 8}}}', '{"value": NUMBER}, not {"value": an object}', nil },
+    { '{"SYS_THR_RUNQ": {"value": {"value": 8}}}', '{"value": NUMBER}, not {"value": an object}' },
     { '{"SYS_CONF_MIN_ACT_DURATION": true}', "a number, not true", 0 },
 }
-
-for _, row in ipairs(mistyped) do
-    local text, wanted, number = table.unpack(row, 1, 3)
-    cases.case(text, function()
-        local key = text:match("[%u_]+")
-        local expected = key .. " must be " .. wanted
-        cases.equal({ health_policy.check(text) }, { nil, expected }, "strict")
-        local settings, warnings = health_policy.check(text, true)
-        cases.equal(settings, { [key] = number }, "settings")
-        cases.equal(warnings, { expected .. (number and "; it counts as 0" or "; it is ignored") },
-            "warnings")
-    end)
-end
 
 -- What is not JSON, and what is said of it.
 local broken = {
@@ -86,11 +64,24 @@ local broken = {
     { '{"a": ' .. ("["):rep(1000) .. ("]"):rep(1000) .. "}", "1, column 1006: nested too deeply" },
 }
 
+for _, row in ipairs(policies) do
+    local settings, warnings = health_policy.check(row[1])
+    testing.equal(settings, row[2], row[1])
+    cases.matches(table.concat(warnings, "\n"), row[3], row[1])
+end
+
+for _, row in ipairs(mistyped) do
+    local text, wanted, number = table.unpack(row, 1, 3)
+    local key = text:match("[%u_]+")
+    local expected = key .. " must be " .. wanted
+    testing.equal({ health_policy.check(text) }, { nil, expected }, text)
+    local warning = expected .. (number and "; it counts as 0" or "; it is ignored")
+    testing.equal({ health_policy.check(text, true) }, { { [key] = number }, { warning } }, text)
+end
+
 for _, row in ipairs(broken) do
-    cases.case(row[1], function()
-        local settings, fault = health_policy.check(row[1])
-        cases.equal({ settings, fault:sub(1, #row[2] + 5) }, { nil, "line " .. row[2] }, "fault")
-    end)
+    local settings, fault = health_policy.check(row[1])
+    testing.equal({ settings, fault:sub(1, #row[2] + 5) }, { nil, "line " .. row[2] }, row[1])
 end
 
 -- ---- where it comes from ----------------------------------------------------------------
@@ -110,20 +101,19 @@ local files = {
     { "SYSTEM_RUNQ_PCT_THRESHOLD=8\nSYSTEM_RUNQ_PCT_THRESHOLD=250\n", { SYS_THR_RUNQ = 8 },
       "^line 2: SYSTEM_RUNQ_PCT_THRESHOLD 250 is out of bounds %(above 0 to 200%)" },
     { ("x"):rep(1023) .. "SYSTEM_MIN_ACT_DURATION=0\n\nSYSTEM_MIN_ACT_DURATION=-", {},
-      "^line 1: SYSTEM_MIN_ACT_DURATION 0 is out .*\nline 3: .* has no number; the line is ignored$" },
+      "^line 1: SYSTEM_MIN_ACT_DURATION 0 is out .*\nline 3: .* has no number; the line is" },
     { " system_runq_pct_threshold =8\n", {}, "^line 1: SYSTEM_RUNQ_PCT_THRESHOLD= must begin the" },
-    { "SYSTEM_RUNQ=8\nSYS_THR_FREE_MEM=2", {}, "1: 'SYSTEM_RUNQ' is not .* 'SYSTEM_RUNQ_PCT_THRESHOLD'%?"
-      .. ".*2: 'SYS_THR_FREE_MEM' is not .* 'SYSTEM_MIN_FREE_MEM_PCT'%?" },
-    { '{"SYS_THR_RUNQ": 8}', {}, "^line 1: JSON is for %-%-policy; this file has lines NAME=NUMBER$" },
+    { "SYSTEM_RUNQ=8\nSYS_THR_FREE_MEM=2", {},
+      "^line 1: 'SYSTEM_RUNQ' is not .* 'SYSTEM_RUNQ_PCT_THRESHOLD'%?"
+      .. ".*\nline 2: 'SYS_THR_FREE_MEM' is not .* 'SYSTEM_MIN_FREE_MEM_PCT'%?" },
+    { '{"SYS_THR_RUNQ": 8}', {}, "^line 1: JSON is for %-%-policy; this file has lines NAME=" },
     { ("x=1\n"):rep(100), {}, "\nand 80 more$" },
 }
 
 for _, row in ipairs(files) do
-    cases.case(("%q"):format(row[1]), function()
-        local chosen = choose({}, row[1])
-        cases.equal({ chosen.values, chosen.text }, { row[2], "" }, "settings, text")
-        cases.matches(table.concat(chosen.warnings, "\n"), row[3], "warnings")
-    end)
+    local chosen = choose({}, row[1])
+    testing.equal({ chosen.values, chosen.text }, { row[2], "" }, row[1])
+    cases.matches(table.concat(chosen.warnings, "\n"), row[3], row[1])
 end
 
 -- With --port: the policy or file that it goes on top of, direction, and settings in force
@@ -133,7 +123,8 @@ local ports = {
                          SYS_THR_RUNQ = 8 } },
     { nil, "# nothing set\n", true, { SYS_THR_CONN_EST_PER_CPU = 5000, SYS_THR_RUNQ = false } },
     { nil, "SYSTEM_MIN_FREE_MEM_PCT=0.3\nSYSTEM_UNLOAD_DRIVER=1\n", false,
-      { SYS_THR_FREE_MEM = 0.30000001192092896, SYS_CONF_UNLOAD_DRIVER = 1, SYS_THR_RUNQ = false } },
+      { SYS_THR_FREE_MEM = 0.30000001192092896, SYS_CONF_UNLOAD_DRIVER = 1, SYS_THR_RUNQ = false },
+    },
     { "{ }", nil, true, { SYS_CONF_CONN_REFUSAL_OUTBOUND = 1, SYS_THR_CONN_EST_PER_CPU = 5000 } },
     { '\n{"SYS_CONF_CONN_REFUSAL_PORT": 80, "SYS_CONF_CONN_REFUSAL_OUTBOUND": 1}', nil, false,
       { SYS_CONF_CONN_REFUSAL_OUTBOUND = 0, SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU = 500 } },
@@ -143,23 +134,20 @@ local ports = {
 
 for i, row in ipairs(ports) do
     local text, conf, outbound, expected = table.unpack(row, 1, 4)
-    cases.case("--port " .. i, function()
-        local path = text and os.tmpname()
-        if path then testing.write(path, text) end
-        local chosen = choose({ policy = path, port = 443, outbound = outbound }, conf)
-        if path then os.remove(path) end
-        cases.equal(health_policy.check(chosen.text), chosen.values, "settings in the text")
-        expected.SYS_CONF_CONN_REFUSAL_PORT = 443
-        for key, value in pairs(expected) do cases.equal(chosen.values[key] or false, value, key) end
-    end)
+    local path = text and os.tmpname()
+    if path then testing.write(path, text) end
+    local chosen = choose({ policy = path, port = 443, outbound = outbound }, conf)
+    if path then os.remove(path) end
+    testing.equal(health_policy.check(chosen.text), chosen.values, "settings in text " .. i)
+    expected.SYS_CONF_CONN_REFUSAL_PORT = 443
+    for key, value in pairs(expected) do
+        testing.equal(chosen.values[key] or false, value, key .. " " .. i)
+    end
 end
 
 -- Processors, and the default's run-queue threshold.
-for _, row in ipairs { { 0, 4 }, { 1, 4 }, { 8, 32 }, { 256, 200 } } do
-    cases.case(row[1] .. " processors", function()
-        local chosen = choose { cpus = row[1] }
-        cases.equal(health_policy.check(chosen.text).SYS_THR_RUNQ, row[2], "threshold")
-    end)
+for cpus, threshold in pairs { [0] = 4, [1] = 4, [8] = 32, [256] = 200 } do
+    testing.equal(health_policy.check(choose({ cpus = cpus }).text).SYS_THR_RUNQ, threshold, cpus)
 end
 
-cases.finish()
+testing.finish()
