@@ -44,6 +44,7 @@ extern "C" {
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
 void* __libc_realloc(void* block, std::size_t size);
+void* __libc_memalign(std::size_t alignment, std::size_t size);
 void __libc_free(void* block);
 }
 
@@ -62,6 +63,11 @@ BENCH_EXPORT void* realloc(void* block, std::size_t size)
     Discount(block);
     void* const moved = __libc_realloc(block, size);
     return Count(moved != nullptr || size == 0 ? moved : block) == moved ? moved : nullptr;
+}
+
+BENCH_EXPORT void* aligned_alloc(std::size_t alignment, std::size_t size)
+{
+    return Count(__libc_memalign(alignment, size));
 }
 
 BENCH_EXPORT void free(void* block)

@@ -1,6 +1,10 @@
 #include "KeyIndex.h"
 
+#include <sys/random.h>
+
 #include <algorithm>
+#include <chrono>
+#include <cstddef>
 #include <cstring>
 
 namespace fc {
@@ -27,40 +31,80 @@ bool IsPlainAscii(std::string_view key)
     return ascii && !key.empty() && std::memchr(key.data(), '\0', key.size()) == nullptr;
 }
 
-KeyIndex::Slot* KeyIndex::Find(std::string_view key, std::uint32_t hash)
+// Where the kernel has no random numbers yet, the moment and the place in memory must do.
+KeyHash::KeyHash()
 {
+    if (getrandom(m_secret, sizeof m_secret, GRND_NONBLOCK) == sizeof m_secret) return;
+    const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
+    m_secret[0] = static_cast<std::uint64_t>(now) * UINT64_C(0x9e3779b97f4a7c15);
+    m_secret[1] = reinterpret_cast<std::uintptr_t>(this) * UINT64_C(0xd6e8feb86659fd93);
+}
+
+std::size_t KeyIndex::CellsFor(std::size_t length)
+{
+    return (offsetof(Cell, bytes) + length + sizeof(Cell) - 1) / sizeof(Cell);
+}
+
+char* KeyIndex::BytesOf(std::size_t cell)
+{
+    return reinterpret_cast<char*>(&m_cells[cell]) + offsetof(Cell, bytes);
+}
+
+bool KeyIndex::Holds(const Slot& slot, std::uint32_t tag, std::string_view key)
+{
+    return slot.tag == tag && m_cells[slot.record - 1].length == key.size() &&
+           std::memcmp(BytesOf(slot.record - 1), key.data(), key.size()) == 0;
+}
+
+KeyIndex::Slot& KeyIndex::Find(std::string_view key, std::uint64_t hash)
+{
+    const auto tag = static_cast<std::uint32_t>(hash >> 32);
     std::size_t at = hash & (kSlots - 1);
-    while (m_slots[at].key != nullptr) {
-        Slot& slot = m_slots[at];
-        if (slot.hash == hash && slot.key->bytes == key) return &slot;
-        at = (at + 1) & (kSlots - 1);
-    }
-    return &m_slots[at];
+    while (m_slots[at].record != 0 && !Holds(m_slots[at], tag, key)) at = (at + 1) & (kSlots - 1);
+    return m_slots[at];
+}
+
+bool KeyIndex::Count(std::string_view key, std::uint32_t count)
+{
+    if (m_slots.empty()) return false;
+    const Slot& slot = Find(key, m_hash(key));
+    if (slot.record == 0) return false;
+    m_cells[slot.record - 1].pending += count;
+    return true;
 }
 
 void KeyIndex::Insert(std::string_view key, std::uint32_t* total)
 {
+    if (m_totals.size() >= kMostKeys || key.size() > UINT32_MAX) return;
     if (m_slots.empty()) m_slots.resize(kSlots);
-    const std::uint32_t hash = Hash(key);
-    Slot* slot = Find(key, hash);
-    if (slot->key != nullptr || m_keys.size() >= kMostKeys) return;
-    m_keys.push_back({std::string(key), total});
-    *slot = {hash, 0, &m_keys.back()};
+    const std::uint64_t hash = m_hash(key);
+    Slot& slot = Find(key, hash);
+    if (slot.record != 0) return;
+    const std::size_t cell = m_cells.size();
+    m_cells.reserve(kMostKeys);
+    m_totals.reserve(kMostKeys);
+    m_cells.resize(cell + CellsFor(key.size()));
+    m_totals.push_back(total);
+    m_cells[cell].length = static_cast<std::uint32_t>(key.size());
+    std::memcpy(BytesOf(cell), key.data(), key.size());
+    slot = {static_cast<std::uint32_t>(hash >> 32), static_cast<std::uint32_t>(cell + 1)};
 }
 
 void KeyIndex::Flush()
 {
-    for (Slot& slot : m_slots)
-        if (slot.pending != 0) {
-            *slot.key->total += slot.pending;
-            slot.pending = 0;
-        }
+    std::size_t cell = 0;
+    for (std::uint32_t* total : m_totals) {
+        *total += m_cells[cell].pending;
+        m_cells[cell].pending = 0;
+        cell += CellsFor(m_cells[cell].length);
+    }
 }
 
 void KeyIndex::Clear()
 {
-    std::fill(m_slots.begin(), m_slots.end(), Slot{});
-    m_keys.clear();
+    m_slots = {};
+    m_cells = {};
+    m_totals = {};
 }
 
 }  // namespace fc

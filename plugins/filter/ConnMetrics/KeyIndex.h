@@ -1,13 +1,17 @@
-// Byte index in front of the working store, for keys of plain ASCII without NUL: these
-// mean the same text in every locale, so their bytes stand for the converted key.
+// Byte index in front of the working store, for keys of plain ASCII without NUL: those
+// decode to the same key in every locale, so comparing their bytes is enough.
+//
+// Feeding a known key reads a slot, and a record that holds the key's count next to its
+// bytes. The slots are few enough to stay in the cache, and the record of a key of up to 56
+// bytes is one cache line.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
-#include <string>
 #include <string_view>
 #include <vector>
+
+#include "KeyHash.h"
 
 namespace fc {
 
@@ -17,45 +21,44 @@ bool IsPlainAscii(std::string_view key);
 class KeyIndex {
 public:
     // Adds to the count kept for the key. False when the key is not in the index.
-    bool Count(std::string_view key, std::uint32_t count)
-    {
-        Slot* slot = m_slots.empty() ? nullptr : Find(key, Hash(key));
-        if (slot == nullptr || slot->key == nullptr) return false;
-        slot->pending += count;
-        return true;
-    }
+    bool Count(std::string_view key, std::uint32_t count);
 
-    // Lets the key stand for the entry whose count is at `total`, which must stay where it
-    // is until Clear. A key that is in already, or for which there is no room, is left.
+    // Adds a key whose entry has its count at `total`, which must stay valid until Clear.
+    // Ignores keys that are known, and all keys once the index is full.
     void Insert(std::string_view key, std::uint32_t* total);
 
     // Adds what was counted to the entries' totals.
     void Flush();
 
+    // Forgets all keys and releases their memory.
     void Clear();
 
-    std::size_t size() const { return m_keys.size(); }
+    std::size_t size() const { return m_totals.size(); }
 
 private:
-    struct Key {
-        std::string bytes;
-        std::uint32_t* total;
-    };
     struct Slot {
-        std::uint32_t hash;
-        std::uint32_t pending;
-        Key* key;
+        std::uint32_t tag;     // upper half of the hash
+        std::uint32_t record;  // number of its first cell, plus 1; 0: the slot is free
     };
+    // A record fills as many successive cells as its key needs: beyond the first, all 64
+    // bytes of a cell are the key's.
+    struct alignas(64) Cell {
+        std::uint32_t pending;
+        std::uint32_t length;
+        char bytes[56];
+    };
+    static_assert(sizeof(Cell) == 64, "one cache line");
 
-    static std::uint32_t Hash(std::string_view key)
-    {
-        return static_cast<std::uint32_t>(std::hash<std::string_view>{}(key));
-    }
+    static std::size_t CellsFor(std::size_t length);
+    char* BytesOf(std::size_t cell);
+    bool Holds(const Slot& slot, std::uint32_t tag, std::string_view key);
     // The key's slot, or the free one where it belongs.
-    Slot* Find(std::string_view key, std::uint32_t hash);
+    Slot& Find(std::string_view key, std::uint64_t hash);
 
+    KeyHash m_hash;
     std::vector<Slot> m_slots;  // a power of two; never full
-    std::deque<Key> m_keys;     // elements do not move
+    std::vector<Cell> m_cells;
+    std::vector<std::uint32_t*> m_totals;  // by record, in the order of the cells
 };
 
 }  // namespace fc

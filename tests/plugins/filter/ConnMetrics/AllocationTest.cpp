@@ -79,10 +79,16 @@ bool IsRefused()
 extern "C" {
 void* __libc_malloc(std::size_t size);
 void* __libc_realloc(void* block, std::size_t size);
+void* __libc_memalign(std::size_t alignment, std::size_t size);
 
 __attribute__((visibility("default"))) void* malloc(std::size_t size)
 {
     return IsRefused() ? nullptr : __libc_malloc(size);
+}
+
+__attribute__((visibility("default"))) void* aligned_alloc(std::size_t alignment, std::size_t size)
+{
+    return IsRefused() ? nullptr : __libc_memalign(alignment, size);
 }
 
 // Lua relies on it that a block can always be made smaller.
