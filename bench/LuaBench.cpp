@@ -33,8 +33,9 @@ void Open(lua_State* state)
     s_lua = state;
     luaL_openlibs(s_lua);
     lua_register(s_lua, "empty", Empty);
-    Run("package.cpath = '" LIBRARY_DIR
-        "/?.so' vxa = require 'vxa' require 'fc' doc, filter = vxa.Dom(), SLB.filter");
+    Run("package.cpath = '" LIBRARY_DIR "/?.so' package.path = '" SCRIPT_DIR
+        "/?.lua;' .. package.path vxa = require 'vxa' require 'fc' doc, filter = vxa.Dom(), "
+        "SLB.filter");
 }
 
 void Close()

@@ -1,12 +1,13 @@
 // diagnostics_bench FLOWS ...: a diagnostic package of the linux engine beside the tools
-// that show the same tables, in a network namespace of its own with so many tracked
-// connections and 1000 blacklisted addresses.
+// that show the same tables, and the processor time of a feedback sample, in a network
+// namespace of its own with so many tracked connections and 1000 blacklisted addresses.
 
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <string>
 
 #include "LuaBench.h"
@@ -87,6 +88,23 @@ void Tools(benchmark::State& state)
         if (std::system(command.c_str()) != 0) return state.SkipWithError("the tools failed");
 }
 
+// A fresh script: all flows are new to it and fed.
+void Sample(benchmark::State& state)
+{
+    if (!s_problem.empty()) return state.SkipWithError(s_problem.c_str());
+    const int prepare = lua_bench::Compile(
+        "script = require('filter').feedback { is_local = function() return false end } "
+        "collectgarbage()");
+    const int sample = lua_bench::Compile("script:sample(assert(handle:connections()))");
+    for (auto _ : state) {
+        lua_bench::Call(prepare);
+        const std::clock_t start = std::clock();
+        lua_bench::Call(sample);
+        state.SetIterationTime(static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC);
+    }
+}
+
+BENCHMARK(Sample)->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(Package)->UseRealTime()->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(Tools)->UseRealTime()->Iterations(1)->Unit(benchmark::kMillisecond);
 

@@ -233,12 +233,13 @@ end
 -- have passed since it did so last, or since it was loaded.
 filter.PUBLICATION_INTERVAL_S = 61
 
--- So many keys the module has room for between two publications.
+-- Maximum number of distinct keys that the module keeps between publications.
 filter.KEYS_KEPT = 10000
 
 -- Bits of an observation's "flags" that the flow table can tell.
 filter.UDP_CONNECTION = 0x2
 filter.OUTBOUND_CONNECTION = 0x4
+local FLAGS_LIMIT = 0x8  -- above their sum
 
 -- What the module is told of a flow: the key under which equal ones are counted, and lines
 -- of a name, a TAB and a value. Equal are flows to the same service, whoever opened them: a
@@ -253,55 +254,112 @@ function filter.observation(flow, outbound)
     return key, text, flags
 end
 
-local function identity(flow)
-    return ("%s %s %d %s %d"):format(flow.protocol, flow.src, flow.sport, flow.dst, flow.dport)
+-- Lua hashes a string of 32 characters or more by some of them only, every second or third:
+-- keys that differ in the others collide, and a table of 60,000 takes seconds or minutes to
+-- fill. So nothing here is kept under a string composed of addresses and ports, but in nested
+-- tables, by address and by number.
+local function branch(tree, key)
+    local found = tree[key]
+    if not found then
+        found = {}
+        tree[key] = found
+    end
+    return found
+end
+
+-- The flow's protocol and destination port in a number.
+local function service(flow)
+    return flow.dport * 2 + (flow.protocol == "udp" and 1 or 0)
+end
+
+-- Notes the flow as present; false when it was there already.
+local function add(tree, flow)
+    local ports = branch(branch(branch(tree, flow.dst), service(flow)), flow.src)
+    local is_new = not ports[flow.sport]
+    ports[flow.sport] = true
+    return is_new
+end
+
+local function contains(tree, flow)
+    local services = tree[flow.dst]
+    local sources = services and services[service(flow)]
+    local ports = sources and sources[flow.src]
+    return ports ~= nil and ports[flow.sport] == true
 end
 
 local Feedback = {}
 Feedback.__index = Feedback
 
--- options.is_local  function(address): whether it is one of this machine's. Without it no
---                   flow counts as outbound.
--- options.observed  function(key, flow, flags), called for every observation that finds room
+-- options.is_local     function(address): whether it is one of this machine's. Without it no
+--                      flow counts as outbound.
+-- options.interrupted  function(), asked while a sample goes through the flows: true ends it
 -- The module must be loaded: the time to the first publication runs from then on.
 function filter.feedback(options)
     options = options or {}
-    return setmetatable({ is_local = options.is_local, observed = options.observed,
-                          present = {}, fed = 0, keys = {}, key_count = 0, refused = 0,
-                          published = os.time() }, Feedback)
+    local feedback = setmetatable({ is_local = options.is_local, present = {} }, Feedback)
+    feedback.interrupted = options.interrupted or function() return false end
+    feedback:start_over(os.time())
+    return feedback
+end
+
+-- Nothing is fed, and the module has room for all keys. `published`: since when.
+function Feedback:start_over(published)
+    self.published = published
+    self.fed, self.refused = 0, 0
+    self.rows, self.keys, self.key_count = {}, {}, 0  -- rows by destination and service
+end
+
+local ROWS_BETWEEN_CHECKS = 1000
+
+-- The flows as a tree, how many they are, and an array of those that the last sample did not
+-- have; nil when interrupted.
+function Feedback:compare(flows)
+    local present, total, new = {}, 0, {}
+    for i, flow in ipairs(flows) do
+        if i % ROWS_BETWEEN_CHECKS == 0 and self.interrupted() then return nil end
+        if add(present, flow) then  -- both ends of a connection within the machine are listed
+            total = total + 1
+            if not contains(self.present, flow) then new[#new + 1] = flow end
+        end
+    end
+    return present, total, new
 end
 
 -- Feeds one observation for each flow that the previous sample did not have. A flow that
 -- lasts is counted once; one that comes and goes between two samples is not seen, unless
 -- the driver still remembers it; one that comes back with the same ports in time for the
--- next sample counts as the same. Returns how many flows there are and how many are new.
+-- next sample counts as the same. Returns how many flows there are and how many are new;
+-- nil and "interrupted" when options.interrupted ended it, with nothing fed.
 function Feedback:sample(flows)
-    local present, total, new = {}, 0, 0
-    for _, flow in ipairs(flows) do
-        local name = identity(flow)
-        if not present[name] then  -- both ends of a connection within the machine are listed
-            present[name] = true
-            total = total + 1
-            if not self.present[name] then
-                new = new + 1
-                self:feed(flow)
-            end
-        end
-    end
+    local present, total, new = self:compare(flows)
+    if not present then return nil, "interrupted" end
+    for _, flow in ipairs(new) do self:feed(flow) end
     self.present = present
-    return total, new
+    return total, #new
 end
 
--- Whether the module keeps an observation with this key; those beyond its room are counted
--- here, because the module drops them without a word.
-function Feedback:finds_room(key)
-    if self.keys[key] then return true end
-    if self.key_count == filter.KEYS_KEPT then
-        self.refused = self.refused + 1
-        return false
+-- The row that the module's report will have for an observation.
+local function row_of(flow, flags)
+    local udp = flow.protocol == "udp"
+    return { protocol = flow.protocol, dst_addr = flow.dst, dst_port = flow.dport, flags = flags,
+             cf_udp_connection = udp and 1 or 0,
+             cf_outbound_connection = flags >= filter.OUTBOUND_CONNECTION and 1 or 0, count = 0 }
+end
+
+-- Keeps count of an observation in the way of the module, which drops those beyond its room
+-- silently.
+function Feedback:count(flow, flags, key)
+    local rows = branch(self.rows, flow.dst)
+    local number = flow.dport * FLAGS_LIMIT + flags
+    if not rows[number] then
+        if self.key_count == filter.KEYS_KEPT then
+            self.refused = self.refused + 1
+            return
+        end
+        rows[number], self.key_count = row_of(flow, flags), self.key_count + 1
+        self.keys[rows[number]] = key
     end
-    self.keys[key], self.key_count = true, self.key_count + 1
-    return true
+    rows[number].count = rows[number].count + 1
 end
 
 function Feedback:feed(flow)
@@ -309,7 +367,7 @@ function Feedback:feed(flow)
     local key, text, flags = filter.observation(flow, outbound)
     SLB.filter.AddToConnMetrics(key, text, 1)
     self.fed = self.fed + 1
-    if self:finds_room(key) and self.observed then self.observed(key, flow, flags) end
+    self:count(flow, flags, key)
 end
 
 -- Seconds until the module can publish; 0 when it can. A clock that was set back prolongs
@@ -344,9 +402,18 @@ function Feedback:report()
     report.refused = self.fed - report.observations
     sort_by_count(report.rows)
     -- Taken after the call, so never before the module's own note of the time.
-    self.fed, self.published = 0, report.time
-    self.keys, self.key_count, self.refused = {}, 0, 0
+    self:start_over(report.time)
     return report
+end
+
+-- What was fed since the last report and is not published yet, in the form of a report.
+function Feedback:rest()
+    local rows, keys = {}, self.keys
+    for row in pairs(keys) do rows[#rows + 1] = row end
+    table.sort(rows, function(a, b) return keys[a] < keys[b] end)
+    sort_by_count(rows)
+    return { rows = rows, observations = self.fed - self.refused, refused = self.refused,
+             since = self.published, time = os.time() }
 end
 
 return filter

@@ -64,14 +64,87 @@ int read(vxi_handle_ops_s* handle, FlowTable& table)
     return fill(handle, table.tcp, kTcp, left);
 }
 
-// TCP_CONNTRACK_* of <linux/netfilter/nf_conntrack_tcp.h>, by their names there.
-const char* state_name(unsigned state)
+// Fields of a row, and strings that they can have: pushed once per call, not once per row.
+enum Name {
+    kProtocol,
+    kFamily,
+    kSource,
+    kDestination,
+    kSourcePort,
+    kDestinationPort,
+    kState,
+    kFlags,
+    kTimeout,
+    kMark,
+    kPacketsForward,
+    kPacketsBackward,
+    kBytesForward,
+    kBytesBackward,
+    kUdpName,
+    kTcpName,
+    kFirstStateName,
+    kUnknownState = kFirstStateName + 10,
+    kNameCount
+};
+// The states are TCP_CONNTRACK_* of <linux/netfilter/nf_conntrack_tcp.h>, by their names there.
+constexpr const char* kNames[] = {"protocol",
+                                  "family",
+                                  "src",
+                                  "dst",
+                                  "sport",
+                                  "dport",
+                                  "state",
+                                  "flags",
+                                  "timeout",
+                                  "mark",
+                                  "packets_forward",
+                                  "packets_backward",
+                                  "bytes_forward",
+                                  "bytes_backward",
+                                  "udp",
+                                  "tcp",
+                                  "NONE",
+                                  "SYN_SENT",
+                                  "SYN_RECV",
+                                  "ESTABLISHED",
+                                  "FIN_WAIT",
+                                  "CLOSE_WAIT",
+                                  "LAST_ACK",
+                                  "TIME_WAIT",
+                                  "CLOSE",
+                                  "SYN_SENT2",
+                                  "UNKNOWN"};
+static_assert(sizeof kNames / sizeof kNames[0] == kNameCount, "one for each");
+
+// Stack while the rows are made.
+constexpr int kHolderIndex = 2;
+constexpr int kFirstNameIndex = kHolderIndex + 1;
+constexpr int kRowsIndex = kFirstNameIndex + kNameCount;
+constexpr int kRowIndex = kRowsIndex + 1;
+
+void push_name(lua_State* L, int name)  // [-0, +1, -]
 {
-    static constexpr const char* kNames[] = {
-        "NONE",       "SYN_SENT", "SYN_RECV",  "ESTABLISHED", "FIN_WAIT",
-        "CLOSE_WAIT", "LAST_ACK", "TIME_WAIT", "CLOSE",       "SYN_SENT2",
-    };
-    return state < sizeof kNames / sizeof kNames[0] ? kNames[state] : "UNKNOWN";
+    lua_pushvalue(L, kFirstNameIndex + name);
+}
+
+void set_name(lua_State* L, Name field, int value)  // [-0, +0, m]
+{
+    push_name(L, field);
+    push_name(L, value);
+    lua_rawset(L, kRowIndex);
+}
+
+void set_number(lua_State* L, Name field, lua_Number value)  // [-0, +0, m]
+{
+    push_name(L, field);
+    lua_pushnumber(L, value);
+    lua_rawset(L, kRowIndex);
+}
+
+int state_name(unsigned state)
+{
+    return state < kUnknownState - kFirstStateName ? kFirstStateName + static_cast<int>(state)
+                                                   : kUnknownState;
 }
 
 unsigned port(const std::uint8_t (&bytes)[2])
@@ -79,46 +152,59 @@ unsigned port(const std::uint8_t (&bytes)[2])
     return bytes[0] * 256u + bytes[1];
 }
 
-void set_address(lua_State* L, const char* name, const vxa_conntrack_entry_s& flow,
-                 const std::uint8_t* address)
+void set_address(lua_State* L, Name field, const vxa_conntrack_entry_s& flow,
+                 const std::uint8_t* address)  // [-0, +0, m]
 {
     char text[INET6_ADDRSTRLEN] = "";
     inet_ntop(flow.family == 6 ? AF_INET6 : AF_INET, address, text, sizeof text);
-    set_text(L, name, text);
+    push_name(L, field);
+    lua_pushstring(L, text);
+    lua_rawset(L, kRowIndex);
 }
 
-void set_counters(lua_State* L, const vxa_conntrack_entry_s& flow)
+void set_counters(lua_State* L, const vxa_conntrack_entry_s& flow)  // [-0, +0, m]
 {
-    set_number(L, "packets_forward", flow.packets_forward);
-    set_number(L, "packets_backward", flow.packets_backward);
-    set_number(L, "bytes_forward", static_cast<lua_Number>(flow.bytes_forward));
-    set_number(L, "bytes_backward", static_cast<lua_Number>(flow.bytes_backward));
+    set_number(L, kPacketsForward, flow.packets_forward);
+    set_number(L, kPacketsBackward, flow.packets_backward);
+    set_number(L, kBytesForward, static_cast<lua_Number>(flow.bytes_forward));
+    set_number(L, kBytesBackward, static_cast<lua_Number>(flow.bytes_backward));
 }
 
-void push_flow(lua_State* L, const vxa_conntrack_entry_s& flow, bool is_tcp)
+void push_flow(lua_State* L, const vxa_conntrack_entry_s& flow, bool is_tcp)  // [-0, +1, m]
 {
     lua_createtable(L, 0, 14);
-    set_text(L, "protocol", is_tcp ? "tcp" : "udp");
-    set_number(L, "family", flow.family);
-    set_address(L, "src", flow, flow.source);
-    set_address(L, "dst", flow, flow.destination);
-    set_number(L, "sport", port(flow.source_port));
-    set_number(L, "dport", port(flow.destination_port));
-    if (is_tcp) set_text(L, "state", state_name(flow.tcp_state));
-    set_number(L, "flags", flow.flags);
-    set_number(L, "timeout", flow.timeout_s);
-    set_number(L, "mark", flow.mark);
+    set_name(L, kProtocol, is_tcp ? kTcpName : kUdpName);
+    set_number(L, kFamily, flow.family);
+    set_address(L, kSource, flow, flow.source);
+    set_address(L, kDestination, flow, flow.destination);
+    set_number(L, kSourcePort, port(flow.source_port));
+    set_number(L, kDestinationPort, port(flow.destination_port));
+    if (is_tcp) set_name(L, kState, state_name(flow.tcp_state));
+    set_number(L, kFlags, flow.flags);
+    set_number(L, kTimeout, flow.timeout_s);
+    set_number(L, kMark, flow.mark);
     if (flow.flags & VXA_FLOW_COUNTERS_VALID) set_counters(L, flow);
 }
 
-// Appends a section's flows to the table on top. [-0, +0, m]
-void append_flows(lua_State* L, Section& section, bool is_tcp)
+constexpr int kRowsBetweenChecks = 256;
+
+// Appends a section's flows to the rows. False when a signal was caught. [-0, +0, m]
+bool append_flows(lua_State* L, Section& section, bool is_tcp)
 {
-    const int before = static_cast<int>(lua_rawlen(L, -1));
+    const int before = static_cast<int>(lua_rawlen(L, kRowsIndex));
     for (int i = 0; i < section.header()->entry_ct; ++i) {
+        if (i % kRowsBetweenChecks == 0 && caught_signal_name()) return false;
         push_flow(L, section.entries()[i], is_tcp);
-        lua_rawseti(L, -2, before + i + 1);
+        lua_rawseti(L, kRowsIndex, before + i + 1);
     }
+    return true;
+}
+
+int push_interrupted(lua_State* L)  // [-0, +2, m]
+{
+    lua_pushnil(L);
+    lua_pushfstring(L, "interrupted by %s", caught_signal_name());
+    return 2;
 }
 
 }  // namespace
@@ -131,15 +217,20 @@ void register_connections(lua_State* L)
 int handle_connections(lua_State* L)
 {
     vxi_handle_ops_s* handle = check_handle(L);
+    lua_settop(L, 1);
+    luaL_checkstack(L, kRowIndex + LUA_MINSTACK, nullptr);
     auto* table = new_holder<FlowTable>(L);
     Failure failure;
     int status = 0;
     if (!guarded(failure, [&] { status = read(handle, *table); })) return push_failure(L, failure);
+    if (caught_signal_name()) return push_interrupted(L);
     if (status != 0) return push_driver_error(L, handle);
     const unsigned existing = table->udp.header()->total + table->tcp.header()->total;
+    for (const char* name : kNames) lua_pushstring(L, name);
     lua_createtable(L, table->udp.header()->entry_ct + table->tcp.header()->entry_ct, 0);
-    append_flows(L, table->udp, false);
-    append_flows(L, table->tcp, true);
+    const bool complete = append_flows(L, table->udp, false) && append_flows(L, table->tcp, true);
+    *table = {};  // some megabytes, of which the collector knows nothing
+    if (!complete) return push_interrupted(L);
     lua_pushnumber(L, existing);
     return 2;
 }

@@ -23,6 +23,9 @@ void open_signals(lua_State* L);   // Signals.cpp: sleep, catch_signals, interru
 void open_settings_file(lua_State* L);     // SettingsFile.cpp: read_file, conf_line
 void open_simulated_memory(lua_State* L);  // SimulatedMemory.cpp: simulate_memory
 
+// Name of the latest signal that catch_signals caught, or null. Signals.cpp
+const char* caught_signal_name();
+
 // The open handle that is argument 1; an argument error when there is none. [-0, +0, v]
 vxi_handle_ops_s* check_handle(lua_State* L);
 

@@ -17,6 +17,7 @@
 
 #include "LuaBoundary.h"
 #include "Module.h"
+#include "vxi/engine.h"
 
 namespace vxa {
 
@@ -44,6 +45,11 @@ void note_signal(int signal_number)
         s_caught_signal.store(signal_number);
     (void)!write(s_wake_fd.load(), &one, sizeof one);
     errno = saved_errno;
+}
+
+int is_signal_caught()
+{
+    return s_caught_signal.load() != 0;
 }
 
 // False with errno set. Two threads may both make a descriptor; one of them stays.
@@ -87,6 +93,7 @@ int catch_signals(lua_State* L)
 {
     if (!make_wake_fd() || !install_handlers())
         return luaL_error(L, "cannot catch signals: %s", std::strerror(errno));
+    vxi_set_cancel_check(is_signal_caught);
     return 0;
 }
 
@@ -112,14 +119,6 @@ int reload_asked(lua_State* L)
     lua_pushboolean(L, s_reload_asked.exchange(false));
     (void)!read(s_wake_fd.load(), &count, sizeof count);
     return 1;
-}
-
-const char* caught_signal_name()
-{
-    const int caught_number = s_caught_signal.load();
-    for (const auto& caught : kCaught)
-        if (caught.number == caught_number) return caught.name;
-    return nullptr;
 }
 
 int interrupted(lua_State* L)
@@ -214,6 +213,14 @@ constexpr luaL_Reg kFunctions[] = {
 };
 
 }  // namespace
+
+const char* caught_signal_name()
+{
+    const int caught_number = s_caught_signal.load();
+    for (const auto& caught : kCaught)
+        if (caught.number == caught_number) return caught.name;
+    return nullptr;
+}
 
 void open_signals(lua_State* L)
 {

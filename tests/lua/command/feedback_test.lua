@@ -33,9 +33,9 @@ local function tcp(src, sport, dst, dport)
     return { protocol = "tcp", src = src, sport = sport, dst = dst, dport = dport }
 end
 
-local function keys(report)
+local function keys(report, field)
     local list = {}
-    for i, row in ipairs(report.rows) do list[i] = row.count .. " " .. row.key end
+    for i, row in ipairs(report.rows) do list[i] = row.count .. " " .. row[field or "key"] end
     return list
 end
 
@@ -74,16 +74,27 @@ cases.case("what finds no room is counted before the report", function()
     local kept = filter.KEYS_KEPT
     filter.KEYS_KEPT = 2
     module(2)
-    local observed = {}
-    local feedback = filter.feedback { observed = function(key) observed[#observed + 1] = key end }
-    local flows = {}
-    for i = 1, 8 do flows[i] = tcp("10.0.0.2", i, "10.0.0.1", i % 4) end
+    local feedback, flows = filter.feedback(), {}
+    for i = 1, 9 do flows[i] = tcp("10.0.0.2", i, "10.0.0.1", i % 4) end
     feedback:sample(flows)
-    cases.equal({ feedback.refused, #observed }, { 4, 4 }, "refused, observed")
+    local rest = feedback:rest()
+    cases.equal({ keys(rest, "dst_port"), rest.observations, rest.refused },
+        { { "3 1", "2 2" }, 5, 4 }, "not published yet")
     now = now + 61
     cases.equal(feedback:report().refused, 4, "refused in the report")
-    cases.equal(feedback.refused, 0, "afterwards")
+    rest = feedback:rest()
+    cases.equal({ #rest.rows, rest.refused }, { 0, 0 }, "afterwards")
     filter.KEYS_KEPT = kept
+end)
+
+cases.case("an interrupted sample feeds nothing, and the next one everything", function()
+    module(100)
+    local asked, flows = 0, {}
+    local feedback = filter.feedback { interrupted = function() asked = asked + 1 return asked == 2 end }
+    for i = 1, 2500 do flows[i] = tcp("10.0.0.2", i, "10.0.0.1", 443) end
+    cases.equal({ feedback:sample(flows) }, { nil, "interrupted" }, "interrupted")
+    cases.equal(#feedback:rest().rows, 0, "fed")
+    cases.equal({ feedback:sample(flows) }, { 2500, 2500 }, "the next one")
 end)
 
 cases.case("a report comes when it is due, and everything is in one", function()

@@ -11,6 +11,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Cancel.h"
+
 namespace vxi {
 
 namespace {
@@ -188,7 +190,7 @@ int read_conntrack(const Dump& dump, FlowSnapshot& flows)
         flows = {};
         return dump([&](const nlmsghdr& message) {
             take_flow(message, flows);
-            return 0;
+            return is_cancelled() ? -ECANCELED : 0;
         });
     });
 }

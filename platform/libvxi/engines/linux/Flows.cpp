@@ -70,6 +70,9 @@ int take_snapshot(vxi_handle_ops_s* handle, FlowSnapshot& flows)
     if (status == 0 && expected > 0) {
         status = read_conntrack(dump_conntrack, flows);
     }
+    if (status == -ECANCELED) {
+        return fail(handle, status, "ctnetlink: %s", describe_status(status).c_str());
+    }
     const bool tracked = flows.udp.total + flows.tcp.total > 0;
     if (status == -EINTR || (status == 0 && tracked)) {
         note_conntrack(flows, status == -EINTR);

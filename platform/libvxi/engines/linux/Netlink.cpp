@@ -65,7 +65,7 @@ public:
                 return -ENOBUFS;
             default:
                 show(message);
-                return more;
+                return visited_ == -ECANCELED ? -ECANCELED : more;
         }
     }
 
@@ -201,6 +201,9 @@ int Netlink::request(nlmsghdr& message, Visit visit)
     int status = send(&message, message.nlmsg_len);
     if (status == 0) {
         status = collect([&](const nlmsghdr& part) { return answer.take(part); });
+    }
+    if (status == -ECANCELED) {
+        close();
     }
     return status < 0 ? status : answer.status();
 }

@@ -22,6 +22,7 @@ class Netlink {
 public:
     // Called for each message of an answer; a negative status or an exception stops the
     // calls, but the answer is still read to its end, so that the socket can be used again.
+    // -ECANCELED ends the exchange at once and closes the socket.
     using Visit = FunctionRef<int(const nlmsghdr&)>;
 
     // What became of a batch: the first failure and the message that met it.

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Cancel.h"
 #include "Message.h"
 
 namespace vxi {
@@ -62,7 +63,7 @@ int read_table(const SocketDump& dump, unsigned table, const SocketSink& sink)
         sink.begin(table);
         return dump(socket_tables[table], [&](const nlmsghdr& message) {
             take_socket(message, table, sink);
-            return 0;
+            return is_cancelled() ? -ECANCELED : 0;
         });
     });
 }
@@ -88,6 +89,9 @@ Outcome read_sockets(const SocketDump& dump, const SocketSink& sink, std::string
     shortfall.clear();
     for (unsigned table = 0; table < socket_table_count; ++table) {
         const int status = read_table(dump, table, sink);
+        if (status == -ECANCELED) {
+            return failure(status, "sock_diag: %s", describe_status(status).c_str());
+        }
         if (status == -EINTR) {
             shortfall += std::string(", ") + socket_tables[table].name + " interrupted: incomplete";
         } else if (status < 0) {

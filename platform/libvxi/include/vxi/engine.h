@@ -49,6 +49,12 @@ typedef void (*vxi_message_handler)(const char* message);
  * meanwhile may still call the one before. */
 VXI_API void vxi_set_message_handler(vxi_message_handler handler);
 
+/* While `check` returns nonzero, reading the kernel's tables of flows and sockets, which can
+ * take seconds, fails with -ECANCELED: for hosts that end on a signal. It is called often,
+ * on the reading thread, and must not block or call the library. Null (as at first): reads
+ * are never cancelled. The linux engine only; the others are fast. */
+VXI_API void vxi_set_cancel_check(int (*check)(void));
+
 /* What an engine can deliver on this machine, one row a facility. */
 typedef struct vxi_capability_s {
     const char* name; /* "scan-metrics", "statistics", "variables", "conntrack",
