@@ -27,7 +27,7 @@ public:
     // Adds one entry with everything that `in` yields up to its end. `text` marks the
     // entry as text in the archive's directory; the bytes are stored as they are.
     // `comment` is the entry's comment. False when the archive is closed or could not
-    // be written; it then stays closed to further entries.
+    // be written; it then stays closed to further entries. The host's next close reports it.
     bool AddFromStream(wxInputStream& in, bool text, const wxString& name, const wxString& comment);
 
     Archive& archive() { return *m_archive; }

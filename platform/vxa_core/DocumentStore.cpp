@@ -22,6 +22,7 @@ struct CDom::Store::Content {
     std::vector<Event> events;                  // all of them in memory; else those not yet stored
     bool unwritten = false;                     // the document has changed since it was last stored
     bool closed = false;
+    std::string close_problem;  // what Close returned
 };
 
 namespace {
@@ -74,8 +75,10 @@ JsonItem ReadDocument(const StateDirectory& directory)
     if (!document) {
         Host::JsonProblem problem;
         Host::CheckJson(text, problem);
-        throw std::runtime_error(name + ": line " + std::to_string(problem.line) + ", column " +
-                                 std::to_string(problem.column) + ": " + problem.message);
+        // Nothing of the content: the file may be one that the reader of the message
+        // must not read.
+        throw std::runtime_error(name + ": not valid JSON at line " + std::to_string(problem.line) +
+                                 ", column " + std::to_string(problem.column));
     }
     if (!cJSON_IsObject(document.get())) throw std::runtime_error(name + " holds no JSON object");
     KeepNumbersExact(document.get());
@@ -254,13 +257,14 @@ std::vector<Event> CDom::Store::Events(size_t& unreadable) const
 bool CDom::Store::Close(std::string& error)
 {
     const std::lock_guard<std::mutex> lock(m_content->mutex);
-    error.clear();
-    if (m_content->closed) return true;
-    error = StoreDocument();
-    const std::string events_problem = StoreEvents();
-    if (error.empty()) error = events_problem;
-    m_content->closed = true;
-    m_content->directory.reset();
+    if (!m_content->closed) {
+        const std::string document_problem = StoreDocument();
+        const std::string events_problem = StoreEvents();
+        m_content->close_problem = document_problem.empty() ? events_problem : document_problem;
+        m_content->closed = true;
+        m_content->directory.reset();
+    }
+    error = m_content->close_problem;
     return error.empty();
 }
 

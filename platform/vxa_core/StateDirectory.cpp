@@ -28,9 +28,9 @@ constexpr char kLock[] = "lock";
 // namespace, or not have written its number yet.
 std::string HolderName(int lock_fd)
 {
-    std::string number;
-    if (!ReadFully(lock_fd, number)) return "another process";
-    const long pid = std::strtol(number.c_str(), nullptr, 10);
+    char number[24] = "";
+    if (pread(lock_fd, number, sizeof number - 1, 0) < 0) return "another process";
+    const long pid = std::strtol(number, nullptr, 10);
     if (pid == getpid()) return "this process";
     if (pid <= 0 || (kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH))
         return "another process";
@@ -51,7 +51,10 @@ StateDirectory::StateDirectory(const std::string& path) : m_path(path)
     m_directory = FileDescriptor(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!m_directory) throw std::runtime_error("state directory " + path + ": " + ErrorText(errno));
     Lock();
-    OpenEvents();
+    m_events = OpenForWriting(kEvents, O_RDWR | O_APPEND | O_CREAT);
+    (void)OpenDocument();  // refused now, before the first write
+    WriteHolder();
+    MendEvents();
 }
 
 StateDirectory::~StateDirectory()
@@ -69,15 +72,18 @@ void StateDirectory::Lock()
                                  HolderName(lock.get()));
     }
     m_lock = std::move(lock);
+}
+
+void StateDirectory::WriteHolder()
+{
     if (ftruncate(m_lock.get(), 0) != 0 ||
         !WriteFully(m_lock.get(), std::to_string(getpid()) + "\n"))
         throw std::runtime_error(Failure("cannot write", kLock));
 }
 
 // A record cut short by a kill or a power failure: its call never returned.
-void StateDirectory::OpenEvents()
+void StateDirectory::MendEvents()
 {
-    m_events = OpenForWriting(kEvents, O_RDWR | O_APPEND | O_CREAT);
     if (fsync(m_directory.get()) != 0) throw std::runtime_error(Failure("cannot write", kEvents));
     const std::string text = ReadEvents();
     const size_t complete = text.rfind('\n') + 1;  // 0 without any line feed
@@ -101,20 +107,42 @@ std::string StateDirectory::Failure(const char* what, const char* name,
     return std::string(what) + " " + m_path + "/" + name + ": " + reason;
 }
 
+// Where others may write to the directory, a hard link would make any file of its file
+// system one of this directory's.
+FileDescriptor StateDirectory::Open(const char* name, int flags, std::string& reason) const
+{
+    FileDescriptor file = OpenRegular(m_directory.get(), name, flags, reason);
+    struct stat status;
+    if (!file || (fstat(file.get(), &status) == 0 && status.st_nlink <= 1)) return file;
+    reason = "it has more than one hard link";
+    (void)file.Close();
+    errno = EINVAL;
+    return file;
+}
+
 FileDescriptor StateDirectory::OpenForWriting(const char* name, int flags) const
 {
     std::string reason;
-    FileDescriptor file = OpenRegular(m_directory.get(), name, flags, reason);
+    FileDescriptor file = Open(name, flags, reason);
     if (!file) throw std::runtime_error(Failure("cannot write", name, reason));
+    return file;
+}
+
+// Empty when there is none.
+FileDescriptor StateDirectory::OpenDocument() const
+{
+    std::string reason;
+    FileDescriptor file = Open(kDocument, O_RDONLY, reason);
+    if (!file && errno != ENOENT)
+        throw std::runtime_error(Failure("cannot read", kDocument, reason));
     return file;
 }
 
 std::string StateDirectory::ReadDocument() const
 {
-    std::string text, reason;
-    const FileDescriptor file = OpenRegular(m_directory.get(), kDocument, O_RDONLY, reason);
-    if (!file && errno == ENOENT) return text;
-    if (!file) throw std::runtime_error(Failure("cannot read", kDocument, reason));
+    std::string text;
+    const FileDescriptor file = OpenDocument();
+    if (!file) return text;
     if (!ReadFully(file.get(), text)) throw std::runtime_error(Failure("cannot read", kDocument));
     return text;
 }

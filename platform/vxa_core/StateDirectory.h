@@ -12,7 +12,8 @@ namespace VxaCore {
 // texts, empty for success.
 class StateDirectory {
 public:
-    // Makes, locks and opens it. Throws std::runtime_error.
+    // Makes, locks and opens it. Throws std::runtime_error, before anything is written
+    // where one of the files could be another file of the system.
     explicit StateDirectory(const std::string& path);
     ~StateDirectory();
 
@@ -31,10 +32,13 @@ public:
 
 private:
     void Lock();
-    void OpenEvents();
+    void WriteHolder();
+    void MendEvents();
     std::string Failure(const char* what, const char* name) const;
     std::string Failure(const char* what, const char* name, const std::string& reason) const;
+    FileDescriptor Open(const char* name, int flags, std::string& reason) const;
     FileDescriptor OpenForWriting(const char* name, int flags) const;
+    FileDescriptor OpenDocument() const;
     std::string WriteTemporary(const std::string& text);
 
     std::string m_path;

@@ -80,37 +80,21 @@ private:
     int m_errno = 0;
 };
 
-}  // namespace
-
-struct CZipOutputStream::Archive::Content {
-    Content(const std::string& path_, FileDescriptor file)
-        : path(path_), sink(std::move(file)), zip(sink, kCompressionLevel, utf8)
+// The open file and its compressor, a quarter of a megabyte of buffers.
+struct Writer {
+    explicit Writer(FileDescriptor file) : sink(std::move(file)), zip(sink, kCompressionLevel, utf8)
     {
     }
 
     // Copies to the input's end; false when either side fails.
     bool Copy(wxInputStream& in);
-    void Fail(const std::string& reason)
-    {
-        if (problem.empty()) problem = reason;
-    }
-    // The reason of a write failure: the file's, else the zip writer's.
-    std::string WriteProblem() const
-    {
-        return "cannot write " + path + ": " +
-               (sink.error_number() ? ErrorText(sink.error_number()) : "zip writer failed");
-    }
 
-    std::string path;
     FileSink sink;
     wxMBConvUTF8 utf8;  // the shared one is set up on first use, without a lock
     wxZipOutputStream zip;
-    std::string problem;  // the first
-    bool broken = false;  // the file cannot be written: no further entries
-    bool closed = false;
 };
 
-bool CZipOutputStream::Archive::Content::Copy(wxInputStream& in)
+bool Writer::Copy(wxInputStream& in)
 {
     std::vector<char> chunk(kChunkBytes);
     for (;;) {
@@ -122,6 +106,33 @@ bool CZipOutputStream::Archive::Content::Copy(wxInputStream& in)
     }
 }
 
+}  // namespace
+
+struct CZipOutputStream::Archive::Content {
+    // Throws the reason in errno for a file that could not be opened.
+    Content(const std::string& path_, FileDescriptor file) : path(path_)
+    {
+        if (!file) throw std::runtime_error("cannot write " + path + ": " + ErrorText(errno));
+        writer = std::make_unique<Writer>(std::move(file));
+    }
+
+    void Fail(const std::string& reason)
+    {
+        if (problem.empty()) problem = reason;
+    }
+    // With the file's reason, else the zip writer's.
+    void FailToWrite(const FileSink& sink)
+    {
+        Fail("cannot write " + path + ": " +
+             (sink.error_number() ? ErrorText(sink.error_number()) : "zip writer failed"));
+    }
+
+    std::string path;
+    std::unique_ptr<Writer> writer;  // null once closed
+    std::string problem;             // the first
+    bool broken = false;             // the file cannot be written: no further entries
+};
+
 CZipOutputStream::Archive::Archive(std::unique_ptr<Content> content) : m_content(std::move(content))
 {
 }
@@ -130,7 +141,6 @@ std::unique_ptr<CZipOutputStream::Archive> CZipOutputStream::Archive::Create(
     const std::string& path)
 {
     FileDescriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    if (!file) throw std::runtime_error("cannot write " + path + ": " + ErrorText(errno));
     return std::unique_ptr<Archive>(new Archive(std::make_unique<Content>(path, std::move(file))));
 }
 
@@ -138,7 +148,6 @@ std::unique_ptr<CZipOutputStream::Archive> CZipOutputStream::Archive::Create(
     const Host::PendingFile& file)
 {
     FileDescriptor own(fcntl(file.descriptor(), F_DUPFD_CLOEXEC, 0));
-    if (!own) throw std::runtime_error("cannot write " + file.path() + ": " + ErrorText(errno));
     return std::unique_ptr<Archive>(
         new Archive(std::make_unique<Content>(file.path(), std::move(own))));
 }
@@ -147,7 +156,7 @@ CZipOutputStream::Archive::~Archive()
 {
     try {
         std::string error;
-        if (!m_content->closed && !Close(error))
+        if (m_content->writer && !Close(error))
             wxLogError("archive: %s", wxString::FromUTF8(CleanUtf8(error.c_str()).c_str()));
     } catch (const std::exception& failure) {
         ReportLostRecord(failure.what());
@@ -158,15 +167,17 @@ bool CZipOutputStream::Archive::Add(wxInputStream& in, bool text, const wxString
                                     const wxString& comment)
 {
     Content& to = *m_content;
-    if (to.closed || to.broken) return false;
+    if (!to.writer) to.Fail("the archive is closed");
+    if (!to.writer || to.broken) return false;
+    Writer& writer = *to.writer;
     auto entry = std::make_unique<wxZipEntry>(name);
     entry->SetIsText(text);
     entry->SetComment(comment);
-    const bool copied = to.zip.PutNextEntry(entry.release()) && to.Copy(in);
-    const bool ended = to.zip.CloseEntry() && to.zip.IsOk();
-    to.broken = !ended || to.sink.error_number() != 0;
+    const bool copied = writer.zip.PutNextEntry(entry.release()) && writer.Copy(in);
+    const bool ended = writer.zip.CloseEntry() && writer.zip.IsOk();
+    to.broken = !ended || writer.sink.error_number() != 0;
     if (to.broken)
-        to.Fail(to.WriteProblem());
+        to.FailToWrite(writer.sink);
     else if (!copied)
         to.Fail(to.path + ": entry " + ToUtf8(name) + " is incomplete: its input failed");
     return copied && !to.broken;
@@ -174,14 +185,12 @@ bool CZipOutputStream::Archive::Add(wxInputStream& in, bool text, const wxString
 
 bool CZipOutputStream::Archive::Close(std::string& error)
 {
-    Content& to = *m_content;
-    if (!to.closed) {
-        to.closed = true;
-        const bool complete = to.zip.Close();
-        const bool stored = to.sink.Finish();
-        if (!complete || !stored) to.Fail(to.WriteProblem());
+    if (const auto writer = std::move(m_content->writer)) {
+        const bool complete = writer->zip.Close();
+        const bool stored = writer->sink.Finish();
+        if (!complete || !stored) m_content->FailToWrite(writer->sink);
     }
-    error = to.problem;
+    error = m_content->problem;
     return error.empty();
 }
 

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <wx/mstream.h>
 #include <wx/wfstream.h>
 #include <wx/zipstrm.h>
@@ -66,9 +67,16 @@ TEST(Archive, IsReadBackAsWritten)
     for (const auto& [name, entry] : wanted)
         EXPECT_TRUE(Add(zip, entry.bytes, name, entry.text, entry.comment));
     std::string error;
+    const size_t open_bytes = mallinfo2().uordblks;
     EXPECT_TRUE(zip.archive().Close(error)) << error;
+    const size_t closed_bytes = mallinfo2().uordblks;
+    // Sanitizers keep no such count.
+    EXPECT_TRUE(open_bytes == 0 || closed_bytes + 200000 < open_bytes)
+        << open_bytes << " -> " << closed_bytes;
     EXPECT_TRUE(zip.archive().Close(error)) << error;
     EXPECT_FALSE(Add(zip, "late", "late.txt"));
+    EXPECT_FALSE(zip.archive().Close(error));
+    EXPECT_EQ(error, "the archive is closed");
 
     const auto read = ReadBack(path);
     ASSERT_EQ(read.size(), wanted.size());

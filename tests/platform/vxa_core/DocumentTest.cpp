@@ -110,9 +110,9 @@ TEST(Document, OpenRefusesWhatItWouldDestroyOrCannotUse)
 {
     const ScratchDirectory scratch;
     const std::pair<const char*, const char*> cases[] = {
-        {"{\n \"a\": tru }", "line 2, column 7: unexpected 'tru }'"},
+        {"{\n \"a\": tru }", "document.json: not valid JSON at line 2, column 7"},
         {"[1]", "holds no JSON object"},
-        {" ", "line 1, column 2: the text ends too early"},
+        {" ", "not valid JSON at line 1, column 2"},
     };
     for (const auto& [document, reason] : cases) {
         WriteText(scratch.path("document.json"), document);
@@ -130,22 +130,27 @@ TEST(Document, OpenRefusesWhatItWouldDestroyOrCannotUse)
 TEST(Document, OpenRefusesFilesThatAreNone)
 {
     const ScratchDirectory scratch;
-    WriteText(scratch.path("other"), "untouched");
-    for (const char* name : {"lock", "events.jsonl", "document.json"}) {
-        const std::string file = scratch.path("s/") + name;
-        for (const bool link : {true, false}) {
+    const std::string other = scratch.path("other");
+    WriteText(other, "root:secret");
+    const std::pair<const char*, void (*)(const char*, const char*)> kinds[] = {
+        {": it is a symbolic link", [](auto from, auto to) { ASSERT_EQ(symlink(from, to), 0); }},
+        {": it has more than one hard link",
+         [](auto from, auto to) { ASSERT_EQ(link(from, to), 0); }},
+        {": it is not a regular file", [](auto, auto to) { ASSERT_EQ(mkfifo(to, 0600), 0); }},
+    };
+    for (const char* name : {"lock", "events.jsonl", "document.json"})
+        for (const auto& [reason, make] : kinds) {
+            const std::string file = scratch.path("s/") + name;
             std::filesystem::remove_all(scratch.path("s"));
             std::filesystem::create_directory(scratch.path("s"));
-            if (link)
-                std::filesystem::create_symlink(scratch.path("other"), file);
-            else
-                ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+            make(other.c_str(), file.c_str());
             const std::string problem = OpenProblem(scratch.path("s"));
-            const char* reason = link ? ": it is a symbolic link" : ": it is not a regular file";
             EXPECT_NE(problem.find(file + reason), std::string::npos) << problem;
+            EXPECT_EQ(problem.find("secret"), std::string::npos) << problem;
+            const std::string lock = scratch.path("s/lock");
+            EXPECT_TRUE(file == lock || ReadText(lock).empty()) << "written before";
         }
-    }
-    EXPECT_EQ(ReadText(scratch.path("other")), "untouched");
+    EXPECT_EQ(ReadText(other), "root:secret");
 }
 
 TEST(Document, ReplacesALeftoverWithoutFollowingIt)

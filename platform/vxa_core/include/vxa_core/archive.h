@@ -26,12 +26,13 @@ public:
     Archive& operator=(const Archive&) = delete;
 
     // See CZipOutputStream::AddFromStream. An input that fails leaves an entry with
-    // what could be read; the archive takes further entries, Close reports it.
+    // what could be read; the archive takes further entries, Close reports it. An entry
+    // for a closed archive is lost, and the next Close says so.
     bool Add(wxInputStream& in, bool text, const wxString& name, const wxString& comment);
 
-    // Writes the archive's directory, flushes it to the disk and closes the file. False
-    // and the reason in `error` when anything failed since Create; every later call
-    // gives the same answer.
+    // Writes the archive's directory, flushes it to the disk, closes the file and frees
+    // the buffers. False and the first reason in `error` when anything failed since
+    // Create, also when called again.
     bool Close(std::string& error);
 
 private:

@@ -43,9 +43,10 @@ public:
 
     // Opens a state directory, made when missing (parents too). Throws
     // std::runtime_error with the reason: it cannot be made, read or written, another
-    // opener holds it (the text names the process), one of its files is a symbolic link
-    // or no regular file, or document.json is no JSON object (the text gives line and
-    // column; the file is left alone).
+    // opener holds it (the text names the process), one of its files is a symbolic link,
+    // has more than one hard link or is not a regular file (nothing is written then), or
+    // document.json is not a JSON object (the message has line and column, nothing of the
+    // content; the file is left alone).
     static std::unique_ptr<Store> InDirectory(const std::string& path);
 
     ~Store();
@@ -70,9 +71,10 @@ public:
     // that are no events.
     std::vector<Host::Event> Events(size_t& unreadable) const;
 
-    // Gives the directory free. Every later call but Get fails with a text that says
-    // so; a second Close is harmless. False and the reason in `error` when something
-    // kept in memory still could not be stored.
+    // Releases the directory. Afterwards Get still returns what the document held, Set,
+    // WriteEvent and Events fail with "the document is closed", and Close returns the
+    // same again. False and the reason in `error` when something kept in memory still
+    // could not be stored.
     bool Close(std::string& error);
 
 private:
