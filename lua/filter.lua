@@ -2,8 +2,8 @@
 -- health check cycle whenever it is asked to, and carries out what the cycle decides. In
 -- connection feedback: turns the driver's flows into observations, and fetches the report.
 --
--- An agent can ship this file as it stands. It needs the module `fc` (which fills
--- SLB.filter) and nothing else:
+-- An agent can ship this file as it stands. It needs the module `fc` (which fills SLB.filter),
+-- health_policy.lua and strict_json.lua, and nothing else:
 --
 --     require "fc"
 --     local filter = require "filter"
@@ -15,14 +15,17 @@
 --     local feedback = filter.feedback()
 --     every 10 seconds:
 --         local result = monitor:cycle()
+--         if result.policy_error then log(result.policy_error) end
 --         feedback:sample(assert(handle:connections()))
 --         local report = feedback:report()   -- about once a minute, nil otherwise
 --
--- Who owns what. The module samples the machine, compares six metrics with their
--- thresholds and remembers when fail-open began. The script owns the state: the module
--- believes whatever state it is told, and changes nothing by itself. The module also keeps
--- the observations; the script knows which flows it has fed already. So keep exactly one
--- monitor and one feedback per process, and call them from one thread.
+-- Who owns what. The module samples the machine, compares six metrics with their thresholds
+-- and remembers when fail-open began. The script owns the state: the module believes whatever
+-- state it is given, and changes nothing itself. The module also keeps the observations; the
+-- script knows which flows it has fed already. So keep exactly one monitor and one feedback
+-- per process, and call them from one thread.
+
+local health_policy = require "health_policy"
 
 local filter = {}
 
@@ -37,23 +40,55 @@ filter.NO_LOAD = 5      -- run-queue length or processor count could not be read
 filter.BAD_ARGUMENT = 6 -- document, state or policy is not what the module takes
 filter.NO_MEMORY = 7    -- memory figures could not be read
 
--- The six metrics, in the module's order. `below`: too low is what is bad. `rate`: made
--- from the driver's counters of the monitored port, so it needs a port and, for a first
--- value, a second cycle.
+-- The six metrics, in the module's order. `full_name` is theirs in the module's traces.
+-- `below`: bad when too low. `rate`: calculated from the driver's counters of the monitored
+-- port, so it needs a port and, for a first value, a second cycle. `default` is the threshold
+-- without a setting.
 filter.metrics = {
     { name = "rqpct", setting = "SYS_THR_RUNQ", unit = "processes",
+      full_name = "runnable_processes_per_cpu_pct",
       title = "runnable processes (one-minute load, not divided by processors)" },
     { name = "refusalpct", setting = "SYS_THR_CONN_REFUSAL_PCT", unit = "%", rate = true,
+      full_name = "connections_refused_per_new_conn_pct",
       title = "connections closed half-open, of new ones" },
     { name = "estab", setting = "SYS_THR_CONN_EST_PER_CPU", unit = "/s/CPU", rate = true,
+      full_name = "connections_established_per_cpu",
       title = "connections established per processor" },
     { name = "scanmb", setting = "SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU", unit = "MiB/s/CPU",
-      rate = true, title = "traffic of the port per processor, both directions" },
+      full_name = "total_scan_mbytes_per_cpu", rate = true,
+      title = "traffic of the port per processor, both directions" },
     { name = "frepct", setting = "SYS_THR_FREE_MEM", unit = "%", below = true,
+      full_name = "free_memory_pct",
       title = "memory that nothing uses, caches included in use" },
-    { name = "delta_t", setting = "SYS_THR_MAX_ITERATION_INVL", unit = "s",
-      title = "time since the previous cycle" },
+    { name = "delta_t", setting = "SYS_THR_MAX_ITERATION_INVL", unit = "s", default = 45,
+      full_name = "iteration interval", title = "time since the previous cycle" },
 }
+
+-- ---- options ----------------------------------------------------------------------------
+
+-- Raises an error in the caller's caller unless every option is one of `known`, which has the
+-- Lua type of each.
+local function check_options(options, known)
+    if type(options) ~= "table" then
+        error("a table of options expected, not " .. type(options), 3)
+    end
+    for name, value in pairs(options) do
+        if not known[name] then error(("unknown option '%s'"):format(tostring(name)), 3) end
+        if type(value) ~= known[name] then
+            error(("options.%s must be a %s, not %s"):format(name, known[name], type(value)), 3)
+        end
+    end
+    if not (SLB and SLB.filter and SLB.filter.CheckSystemHealthMetrics) then
+        error("require 'fc' first", 3)
+    end
+end
+
+local function is_document(value)
+    local ok, found = pcall(function() return value.get and value.set and true end)
+    return type(value) == "userdata" and ok and found
+end
+
+-- ---- what the module reports ------------------------------------------------------------
 
 -- What a cycle means in words, by action and by the state it was asked with.
 local words = {
@@ -76,8 +111,8 @@ local function to_number(text)
     return tonumber(text) or not_finite[text]
 end
 
--- Reads the module's verbose status line, which alone has the exact figures:
--- GetSysHealthMetrics cuts values and thresholds to whole numbers.
+-- Reads the module's verbose status line, which has three decimals: GetSysHealthMetrics cuts
+-- values and thresholds to whole numbers.
 function filter.parse_status(text)
     local minimum, active, port =
         text:match("^SysHealth: .* min_dur=(%d+) act_dur=(%d+) port=(%d+)")
@@ -98,34 +133,74 @@ local function status_of(records)
     end
 end
 
-local function whole_figures()
+-- The metrics that the module's own traces name as beyond their thresholds, with six decimals,
+-- by full name.
+local function crossings_of(records)
+    local found = {}
+    for _, record in ipairs(records) do
+        if record.kind == "trace" and record.category == "SysHealth.eng" then
+            local name, value, threshold =
+                record.message:match("^(.-) value of (%S+) .*threshold of (%S+) %(")
+            if name then
+                found[name] = { value = to_number(value), threshold = to_number(threshold) }
+            end
+        end
+    end
+    return found
+end
+
+local function to_thousandths(number)
+    return tonumber(("%.3f"):format(number))
+end
+
+-- Values and thresholds by metric, and how the module has rounded them.
+local function figures_of(status)
+    if status then return status.figures, to_thousandths end
     local figures = {}
     local _, rows = SLB.filter.GetSysHealthMetrics()
     for i = 1, #filter.metrics do figures[rows[i].name] = rows[i] end
-    return figures
+    return figures, math.floor
 end
 
-local function is_over(metric, figure)
-    if metric.below then return figure.value < figure.threshold end
-    return figure.value > figure.threshold
+-- ---- judging ----------------------------------------------------------------------------
+
+local function is_over(metric, value, threshold)
+    if metric.below then return value < threshold end
+    return value > threshold
 end
 
--- A metric that is off has the threshold 0; no enabled one can have it.
-local function judge(figures)
-    local metrics, over = {}, {}
-    for i, metric in ipairs(filter.metrics) do
-        local figure = figures[metric.name]
-        local enabled = figure.threshold ~= 0
-        metrics[i] = { name = metric.name, value = figure.value, threshold = figure.threshold,
-                       enabled = enabled, over = enabled and is_over(metric, figure) }
-        if metrics[i].over then over[#over + 1] = metrics[i] end
-    end
-    return metrics, over
+-- The threshold that was judged by, or nil where the metric is off. A threshold of 0 in the
+-- figures is one that is off, or one too small for their decimals: the policy tells. During
+-- fail-open the module switches off those of the port.
+local function threshold_of(metric, figure, rounded, setting, before)
+    local is_exact = setting and rounded(setting) == figure.threshold
+    if figure.threshold ~= 0 then return is_exact and setting or figure.threshold end
+    if is_exact and not (metric.rate and before == filter.ACTIVATED) then return setting end
 end
 
--- The figures at hand are rounded. Where the module went into fail-open and none of them
--- shows it, the difference is below their precision: then those equal to their thresholds
--- are the cause.
+local Monitor = {}
+Monitor.__index = Monitor
+
+-- A difference that the module shows as 0 although there was nothing to take it from.
+function Monitor:lacks_value(metric, value)
+    if value ~= 0 then return false end
+    return metric.rate and not self.has_counted or metric.name == "delta_t" and not self.has_run
+end
+
+function Monitor:judge(metric, figure, rounded, crossing, before)
+    local setting = self.settings[metric.setting] or metric.default
+    local row = { name = metric.name, over = false, value = figure.value,
+                  threshold = threshold_of(metric, figure, rounded, setting, before) }
+    if crossing then row.value, row.threshold, row.over = crossing.value, crossing.threshold, true end
+    row.enabled = row.threshold ~= nil
+    if not row.enabled or self:lacks_value(metric, row.value) then row.value = nil end
+    row.threshold = row.threshold or 0
+    if row.value and not row.over then row.over = is_over(metric, row.value, row.threshold) end
+    return row
+end
+
+-- The figures at hand are rounded. Where the module went into fail-open and neither they nor
+-- its traces show why, those equal to their thresholds are the cause.
 local function blame_ties(metrics, over)
     for _, metric in ipairs(metrics) do
         if metric.enabled and metric.value == metric.threshold then
@@ -135,37 +210,75 @@ local function blame_ties(metrics, over)
     end
 end
 
-local Monitor = {}
-Monitor.__index = Monitor
+function Monitor:measure(result, records)
+    local status = status_of(records)
+    local figures, rounded = figures_of(status)
+    local crossings, has_counted = crossings_of(records), self.has_counted
+    for i, metric in ipairs(filter.metrics) do
+        local row = self:judge(metric, figures[metric.name], rounded,
+            crossings[metric.full_name], result.before)
+        result.metrics[i] = row
+        if row.over then result.over[#result.over + 1] = row end
+        has_counted = has_counted or metric.rate and row.enabled
+    end
+    self.has_counted = has_counted
+    result.exact = status ~= nil
+    if status then
+        result.min_duration_s = status.min_duration_s
+        result.in_fail_open_s = status.in_fail_open_s
+        result.port = status.port
+    end
+end
 
--- options.dom      the host's document
--- options.policy   policy text (JSON); "" or nil: the module reads /etc/vx_filter.conf
--- options.enforce  function(on, unload_driver), called at each transition before the state
---                  changes; `unload_driver` is the policy's wish for fail-open. When it
---                  raises, the state stays as it was and the error reaches the caller.
---                  Without it, the state is only kept in the document.
--- options.records  function returning the log records since the last cycle; gives exact
---                  figures. Without it they are whole numbers, and a threshold below 1
---                  looks like a metric that is off.
+-- ---- the monitor ------------------------------------------------------------------------
+
+local MONITOR_OPTIONS = { dom = "userdata", policy = "string", settings = "table",
+                          enforce = "function", records = "function" }
+
+-- options.dom       the host's document
+-- options.policy    policy text (JSON); "" or nil: the module reads /etc/vx_filter.conf
+-- options.settings  numbers by policy key that are in force, if the caller knows them; the
+--                   policy is then not checked here
+-- options.enforce   function(on, unload_driver), called at each transition before the state
+--                   changes; `unload_driver` is the policy's wish for fail-open. When it
+--                   raises, the state stays as it was and the error reaches the caller.
+--                   Without it, the state is only kept in the document.
+-- options.records   function returning the log records since the last cycle. With the status
+--                   line among them the values have three decimals, with the trace
+--                   "SysHealth.eng" those beyond their thresholds have six. Without it they
+--                   are whole numbers, and with the configuration file as the policy a
+--                   threshold below 1 looks like a metric that is off.
 function filter.new(options)
-    local monitor = setmetatable({
-        dom = options.dom,
-        policy = options.policy or "",
-        enforce = options.enforce,
-        records = options.records,
-        state = filter.DEACTIVATED,
-    }, Monitor)
+    if type(options) == "table" and not is_document(options.dom) then
+        error("options.dom must be an SLB.Dom, not " .. type(options.dom), 2)
+    end
+    check_options(options, MONITOR_OPTIONS)
+    local monitor = setmetatable({ dom = options.dom, enforce = options.enforce,
+                                   records = options.records, state = filter.DEACTIVATED }, Monitor)
+    monitor:set_policy(options.policy, options.settings)
     monitor:publish()
     return monitor
 end
 
--- A policy pushed by the management side: in force from the next cycle on.
-function Monitor:set_policy(text)
-    self.policy = text or ""
+-- A policy pushed by the management side: in force from the next cycle on. The module itself
+-- does not report what is wrong with a policy, so the first result with it does.
+function Monitor:set_policy(text, settings)
+    if text ~= nil and type(text) ~= "string" then
+        error("the policy must be a string, not " .. type(text), 2)
+    end
+    self.policy, self.settings = text or "", settings or {}
+    self.policy_error, self.policy_warnings = nil, nil
+    if settings or self.policy == "" then return end
+    local found, fault = health_policy.check(self.policy)
+    if found then
+        self.settings, self.policy_warnings = found, #fault > 0 and fault or nil
+    else
+        self.settings, self.policy_error = health_policy.check(self.policy, true) or {}, fault
+    end
 end
 
--- Other scripts read here whether the filter enforces. A document that cannot be written
--- must not keep the filter from acting: it is reported, no more.
+-- Other scripts read here whether the filter enforces. A document that cannot be written must
+-- not keep the filter from acting: it is reported, no more.
 function Monitor:publish()
     local stored, message = self.dom:set("vxp.filter.FailOpenState", self.state)
     self.unpublished = not stored and message or nil
@@ -180,38 +293,33 @@ function Monitor:change(state)
     self:publish()
 end
 
-local function measure(result, records)
-    local status = status_of(records)
-    local figures = status and status.figures or whole_figures()
-    result.exact = status ~= nil
-    result.metrics, result.over = judge(figures)
-    if status then
-        result.min_duration_s = status.min_duration_s
-        result.in_fail_open_s = status.in_fail_open_s
-        result.port = status.port
-    end
-end
-
 -- Runs one cycle and returns
 --   action, text        the code and its meaning in words
 --   before, state       the state the module was asked with, and the state held now
 --   transition          "entered" or "left" where this cycle changed the state
 --   unpublished         why the document does not show the state, where it does not
+--   policy_error        what is wrong with the policy, in its first cycle only: it is not JSON,
+--                       or a member has the wrong type
+--   policy_warnings     likewise, an array: members that are ignored
 --   measured            true when metrics were judged; only then:
---   metrics             six rows {name, value, threshold, enabled, over}
+--   metrics             six rows {name, value, threshold, enabled, over}; without a value where
+--                       the metric is off, or a difference to a cycle that there was not
 --   over                the rows beyond their thresholds
---   exact               true when the figures come from the status line; only then:
+--   exact               true when the values come from the status line; only then:
 --   min_duration_s      how long fail-open lasts at least
---   in_fail_open_s      for how long it has lasted
+--   in_fail_open_s      how long it has lasted
 --   port                the port that the driver counts, 0 for none
 function Monitor:cycle()
     local before = self.state
     local action = SLB.filter.CheckSystemHealthMetrics(self.dom, before, self.policy).action
     local records = self.records and self.records() or {}
     local result = { action = action, text = action_text(action, before), before = before,
-                     over = {}, metrics = {} }
+                     over = {}, metrics = {}, policy_error = self.policy_error,
+                     policy_warnings = self.policy_warnings }
+    self.policy_error, self.policy_warnings = nil, nil
     result.measured = action == filter.NORMAL or action == filter.FAIL_OPEN
-    if result.measured then measure(result, records) end
+    if result.measured then self:measure(result, records) end
+    self.has_run = true
 
     -- Any other action decides nothing: the state stays, fail-open included, so that a
     -- failing sample cannot switch enforcement on a machine under stress.

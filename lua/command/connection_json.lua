@@ -30,7 +30,7 @@ end
 
 function Report:start()
     console.line("%s", report_json.encode {
-        record = "start", time = report_json.time(os.time()),
+        record = "start", time = report_json.now(),
         version = self.attached.vxa.version, engine = self.attached.engine,
         interval_s = self.options.interval,
         publication_interval_s = filter.PUBLICATION_INTERVAL_S,
@@ -55,7 +55,7 @@ end
 
 function Report:finish(totals)
     console.line("%s", report_json.encode {
-        record = "end", time = report_json.time(os.time()), samples = totals.samples,
+        record = "end", time = report_json.now(), samples = totals.samples,
         observations = totals.observations, reported = totals.reported,
         seconds = tonumber(("%.3f"):format(totals.seconds)), interrupted = totals.interrupted,
     })

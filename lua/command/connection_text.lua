@@ -4,12 +4,9 @@ local console = require "command.console"
 local filter = require "filter"
 local printable = require "command.printable"
 local text = require "command.text"
+local timestamps = require "command.timestamps"
 
 local connection_text = {}
-
-local function clock(seconds)
-    return os.date("%H:%M:%S", seconds)
-end
 
 local function destination(row)
     local address = tostring(row.dst_addr or "-")
@@ -32,9 +29,9 @@ end
 
 -- "231 connections to 5 services since 07:11:03"
 function connection_text.summary(report)
-    if #report.rows == 0 then return "no new connection since " .. clock(report.since) end
+    if #report.rows == 0 then return "no new connection since " .. timestamps.moment(report.since) end
     return ("%s to %s since %s"):format(text.count(report.observations, "new connection"),
-        text.count(#report.rows, "service"), clock(report.since))
+        text.count(#report.rows, "service"), timestamps.moment(report.since))
 end
 
 function connection_text.refused(report)
@@ -45,7 +42,7 @@ end
 
 -- When the next report can come, for somebody who waits for it.
 function connection_text.next(feedback)
-    return clock(os.time() + feedback:due())
+    return timestamps.moment(os.time() + feedback:due())
 end
 
 -- ---- vxa connections ----------------------------------------------------------------------
@@ -55,7 +52,8 @@ Report.__index = Report
 
 function connection_text.new(attached, options)
     return setmetatable({ attached = attached, options = options,
-                          colours = console.colours(attached.vxa) }, Report)
+                          colours = console.colours(attached.vxa),
+                          times = timestamps.new(attached.vxa) }, Report)
 end
 
 function Report:start()
@@ -63,19 +61,19 @@ function Report:start()
     console.line("%svxa %s%s, engine %s, flows read every %s%s", colours.bold,
         self.attached.vxa.version, colours.off, self.attached.engine,
         text.duration(options.interval), options.cycles and "" or "; Ctrl-C ends")
-    console.line("The module publishes what it was fed once in %d seconds: first report at %s.",
+    console.line("The module publishes once in %d seconds: first report at %s.",
         filter.PUBLICATION_INTERVAL_S, connection_text.next(self.attached.feedback))
 end
 
 function Report:sample(seen)
-    console.line("%s%s  %s, %d new%s%s", self.colours.dim, clock(seen.time),
+    console.line("%s%s  %s, %d new%s%s", self.colours.dim, self.times:line(seen.time),
         text.count(seen.flows, "flow"), seen.new,
         seen.beyond > 0 and ("; %d more found no room in the table"):format(seen.beyond) or "",
         self.colours.off)
 end
 
 function Report:report(report)
-    console.line("%s%s  report: %s%s", self.colours.bold, clock(report.time),
+    console.line("%s%s  report: %s%s", self.colours.bold, self.times:line(report.time),
         connection_text.summary(report), self.colours.off)
     connection_text.rows(report.rows)
     connection_text.refused(report)
@@ -83,7 +81,7 @@ function Report:report(report)
 end
 
 function Report:rest(rest)
-    console.line("%s%s  not published yet: %s%s", self.colours.bold, clock(rest.time),
+    console.line("%s%s  not published yet: %s%s", self.colours.bold, self.times:line(rest.time),
         connection_text.summary(rest), self.colours.off)
     connection_text.rows(rest.rows)
     connection_text.refused(rest)

@@ -104,8 +104,8 @@ local function add_diag(parser)
     diag:argument("OUT.zip", "The package to write."):target("archive")
         :convert(named("the package"))
     diag:flag("--force", "Replace the file if there is one.")
-    diag:option("--profile", "Profile the rules for so long: the package then tells what each "
-        .. "of them counted meanwhile."):argname("SECONDS"):convert(seconds("--profile"))
+    diag:option("--profile", "Profile the rules for SECONDS and include per-rule counters in "
+        .. "the package."):argname("SECONDS"):convert(seconds("--profile"))
     add_driver(diag)
     add_state(diag)
 end
@@ -139,7 +139,7 @@ local function build()
             .. "health and says when a network filter should stop enforcing, reports "
             .. "connections, and packs up the driver's tables.")
         :epilog("Exit status: 0 done; 1 the run failed; 2 the call or the policy is wrong.")
-        :help_max_width(90):usage_max_width(90):command_target("command")
+        :help_max_width(80):usage_max_width(80):command_target("command")
     parser:flag("--version", "Show the version and exit.")
     parser:require_command(false)
     add_run(parser)

@@ -30,14 +30,22 @@ function report_json.encode(record)
     return json.encode(record, { keyorder = KEY_ORDER })
 end
 
+-- UTC, with milliseconds.
 function report_json.time(seconds)
-    return os.date("!%Y-%m-%dT%H:%M:%SZ", seconds)
+    local whole = math.floor(seconds)
+    return ("%s.%03dZ"):format(os.date("!%Y-%m-%dT%H:%M:%S", whole),
+        math.floor((seconds - whole) * 1000))
+end
+
+function report_json.now()
+    return report_json.time(require("vxa").time())
 end
 
 local function metric_rows(metrics)
     local rows = report_json.array {}
     for i, metric in ipairs(metrics) do
-        rows[i] = { name = metric.name, value = metric.value, threshold = metric.threshold,
+        rows[i] = { name = metric.name, value = metric.value or json.null,
+                    threshold = metric.enabled and metric.threshold or json.null,
                     unit = filter.metrics[i].unit, enabled = metric.enabled, over = metric.over }
     end
     return rows
@@ -51,13 +59,14 @@ end
 
 -- The members of a cycle, the same for `run` and `status`.
 function report_json.cycle(result, errors)
+    local is_open = result.before == filter.ACTIVATED or result.state == filter.ACTIVATED
     return {
         time = report_json.time(result.time), action = result.action, action_text = result.text,
         state = result.state, measured = result.measured,
         metrics = metric_rows(result.metrics), over = names(result.over),
         transition = result.transition or json.null,
         min_fail_open_s = result.min_duration_s or json.null,
-        in_fail_open_s = result.in_fail_open_s or json.null,
+        in_fail_open_s = is_open and result.in_fail_open_s or json.null,
         port = result.port or json.null, errors = report_json.array(errors),
     }
 end
@@ -78,7 +87,7 @@ end
 function Report:start()
     local monitored = self.monitored
     console.line("%s", report_json.encode {
-        record = "start", time = report_json.time(os.time()), version = monitored.vxa.version,
+        record = "start", time = report_json.now(), version = monitored.vxa.version,
         engine = monitored.engine, policy_source = monitored.policy.source,
         settings = report_json.settings(monitored.policy.values),
         interval_s = self.options.interval,
@@ -89,7 +98,7 @@ end
 function Report:reloaded(fault)
     local policy_in_force = self.monitored.policy
     console.line("%s", report_json.encode {
-        record = "policy", time = report_json.time(os.time()),
+        record = "policy", time = report_json.now(),
         policy_source = policy_in_force.source,
         settings = report_json.settings(policy_in_force.values), error = fault or json.null,
     })
@@ -109,7 +118,7 @@ end
 
 function Report:finish(totals)
     console.line("%s", report_json.encode {
-        record = "end", time = report_json.time(os.time()), cycles = totals.cycles,
+        record = "end", time = report_json.now(), cycles = totals.cycles,
         measured = totals.measured, entered = totals.entered,
         observations = totals.observations, reported = totals.reported,
         seconds = tonumber(("%.3f"):format(totals.seconds)), state = totals.state,

@@ -5,6 +5,7 @@ local console = require "command.console"
 local filter = require "filter"
 local printable = require "command.printable"
 local text = require "command.text"
+local timestamps = require "command.timestamps"
 
 local Report = {}
 Report.__index = Report
@@ -14,7 +15,8 @@ local report_text = {}
 function report_text.new(monitored, options)
     return setmetatable({
         monitored = monitored, options = options, colours = console.colours(monitored.vxa),
-        columns = {}, width = {},
+        times = timestamps.new(monitored.vxa), thresholds = {}, width = {},
+        columns = monitored.vxa.terminal_columns() or math.huge,
     }, Report)
 end
 
@@ -33,62 +35,56 @@ function Report:reloaded(fault)
     end
 end
 
-local ACTION_WIDTH, STATE_WIDTH = 15, 11
-
-local function cell(metric)
-    if not metric.enabled then return "off" end
-    return text.number(metric.value) .. "/" .. text.number(metric.threshold)
-end
-
 -- A metric keeps its column once it was judged: in fail-open, and while the driver cannot
--- deliver, the metrics of the port are off.
-function Report:missing_column(metrics)
+-- deliver, the metrics of the port are off. The thresholds are in the heading.
+function Report:has_news(metrics)
     for i, metric in ipairs(metrics) do
-        if metric.enabled and not self.columns[i] then return true end
+        if metric.enabled and metric.threshold ~= self.thresholds[i] then return true end
     end
-    return false
+    return not self.has_heading
 end
 
--- Room for a value as long as the threshold, and a decimal.
-function Report:add_columns(metrics)
+local function bound(i, threshold)
+    return (filter.metrics[i].below and "<" or ">") .. text.number(threshold)
+end
+
+local NARROWEST = 5  -- "12.34"
+
+function Report:set_columns(metrics)
     for i, metric in ipairs(metrics) do
-        if metric.enabled and not self.columns[i] then
-            self.columns[i] = metric.name
-            local longest = 2 * math.max(#text.number(metric.threshold), 3) + 3
-            self.width[i] = math.max(#metric.name, longest)
+        if metric.enabled then
+            self.thresholds[i] = metric.threshold
+            self.width[i] = math.max(#metric.name, #bound(i, metric.threshold), NARROWEST)
         end
     end
 end
 
-function Report:header()
-    local names = {}
+-- A line of the table. `cell(i)` returns the string in a metric's column, and whether to mark
+-- it as beyond its threshold.
+function Report:row(time, action, cell)
+    local cells = { ("%-" .. self.times:width() .. "s  %-15s"):format(time, action) }
     for i in ipairs(filter.metrics) do
-        if self.columns[i] then
-            names[#names + 1] = ("%" .. self.width[i] .. "s"):format(self.columns[i])
+        if self.thresholds[i] then
+            local content, is_over = cell(i)
+            content = ("%" .. self.width[i] .. "s"):format(content)
+            cells[#cells + 1] = is_over and self.colours.red .. content .. "!" .. self.colours.off
+                or content .. " "
         end
     end
-    names[#names + 1] = "over"
-    return ("%-8s  %-" .. ACTION_WIDTH .. "s  %-" .. STATE_WIDTH .. "s  %s")
-        :format("time", "action", "state", table.concat(names, "  "))
+    return (table.concat(cells, " "):gsub(" +$", ""))
 end
 
-function Report:show_header(metrics)
-    if self.has_header and not self:missing_column(metrics) then return end
-    self:add_columns(metrics)
-    self.has_header = true
-    console.line("%s%s%s", self.colours.bold, self:header(), self.colours.off)
-end
-
-function Report:cells(metrics)
-    local cells = {}
-    for i, metric in ipairs(metrics) do
-        if self.columns[i] then
-            local padded = ("%" .. self.width[i] .. "s"):format(cell(metric))
-            cells[#cells + 1] = metric.over and self.colours.red .. padded .. self.colours.off
-                or padded
-        end
+function Report:show_heading(metrics)
+    if not self:has_news(metrics) then return end
+    self:set_columns(metrics)
+    self.has_heading = true
+    local colours = self.colours
+    local function name(i) return filter.metrics[i].name end
+    local function threshold(i) return bound(i, self.thresholds[i]) end
+    console.line("%s%s%s", colours.bold, self:row("time", "action", name), colours.off)
+    if next(self.thresholds) then
+        console.line("%s%s%s", colours.bold, self:row("", "", threshold), colours.off)
     end
-    return cells
 end
 
 local why_not = {
@@ -101,19 +97,27 @@ local why_not = {
 -- How much of its minimum fail-open still lasts, for a cycle that stays in it.
 local function remaining(result)
     if result.action ~= filter.FAIL_OPEN or result.before ~= filter.ACTIVATED then return "" end
-    return (" (%s to go)"):format(text.duration(result.min_duration_s - result.in_fail_open_s))
+    return ("  %s to go"):format(text.duration(result.min_duration_s - result.in_fail_open_s))
+end
+
+local function shown(metric)
+    if not metric.enabled then return "off" end
+    return metric.value and text.number(metric.value) or "-", metric.over
+end
+
+function Report:measured_line(time, result)
+    local line = self:row(time, result.text, function(i) return shown(result.metrics[i]) end)
+    local rest = remaining(result)
+    -- Colours are in lines with a metric that is over, and take no room.
+    local length = #line:gsub("\27%[%d*m", "")
+    return length + #rest <= self.columns and line .. rest or line
 end
 
 function Report:line(result)
-    local cells
-    if result.measured then
-        cells = self:cells(result.metrics)
-        cells[#cells + 1] = text.names(result.over) .. remaining(result)
-    else
-        cells = { why_not[result.action] or "" }
-    end
-    console.line(("%%s  %%-%ds  %%-%ds  %%s"):format(ACTION_WIDTH, STATE_WIDTH),
-        os.date("%H:%M:%S", result.time), result.text, result.state, table.concat(cells, "  "))
+    local time = self.times:line(result.time)
+    if result.measured then return console.line("%s", self:measured_line(time, result)) end
+    console.line("%s  %-15s  %s; %s", time, result.text, why_not[result.action] or "nothing judged",
+        result.state == filter.ACTIVATED and "still in fail-open" or "the filter enforces")
 end
 
 -- The module's figure is an unsigned difference of times: absurd after a step backwards.
@@ -134,13 +138,14 @@ function Report:transition(result)
     end
     local causes = {}
     for i, metric in ipairs(result.over) do causes[i] = text.crossed(metric) end
-    console.line("%s>> fail-open entered%s: %s; it lasts at least %s, until %s", colours.bold,
-        colours.off, table.concat(causes, "; "), text.duration(result.min_duration_s),
-        os.date("%H:%M:%S", result.time + result.min_duration_s))
+    console.line("%s>> fail-open entered%s: %s", colours.bold, colours.off,
+        table.concat(causes, "; "))
+    console.line("   it lasts at least %s, until %s", text.duration(result.min_duration_s),
+        timestamps.moment(result.time + result.min_duration_s))
 end
 
 function Report:cycle(result)
-    self:show_header(result.metrics)
+    self:show_heading(result.metrics)
     self:line(result)
     if result.transition then self:transition(result) end
 end
@@ -156,8 +161,8 @@ end
 
 function Report:finish(totals)
     if totals.rest then
-        console.line("== connections: %s, not published yet (the module publishes at %s)",
-            connection_text.summary(totals.rest),
+        console.line("== connections: %s", connection_text.summary(totals.rest))
+        console.line("   not published yet: the module publishes at %s",
             connection_text.next(self.monitored.feedback))
         connection_text.refused(totals.rest)
     end

@@ -138,11 +138,14 @@ function session.start(options)
     started.policy = choose_policy(options, started.vxa)
     started.first_port = port_of(started.policy.values)
     session.listen(started, options)
+    -- What the monitor reads its values from: three decimals in the status line, six in the
+    -- traces about metrics beyond their thresholds.
     started.vxa.verbose(true)
+    started.vxa.trace("SysHealth.eng", true)
     started.vxa.mkdir(DIAGNOSTICS_FOLDER)  -- where it cannot be made, the module says so
     session.document(started, options)
     started.monitor = require("filter").new {
-        dom = started.dom, policy = started.policy.text,
+        dom = started.dom, policy = started.policy.text, settings = started.policy.values,
         records = function() return started.messages:take() end,
     }
     started.feedback = require("command.feedback").new(started)
@@ -152,7 +155,7 @@ end
 -- One cycle, with the time at which it began.
 function session.cycle(monitored)
     simulation.update(monitored.vxa)
-    local time = os.time()
+    local time = monitored.vxa.time()
     local result = monitored.monitor:cycle()
     result.time = time
     if result.unpublished then
@@ -182,7 +185,7 @@ function session.reload(monitored, options)
     end
     monitored.policy = chosen
     check_port(monitored)
-    monitored.monitor:set_policy(chosen.text)
+    monitored.monitor:set_policy(chosen.text, chosen.values)
     monitored.messages:forget()
 end
 

@@ -32,11 +32,6 @@ local function inspect(monitored)
     }
 end
 
--- Rates are differences: the one cycle of a status has none.
-local function has_value(i, metric)
-    return metric.enabled and not filter.metrics[i].rate and metric.name ~= "delta_t"
-end
-
 -- ---- text -------------------------------------------------------------------------------
 
 local function monitoring_line(seen)
@@ -72,7 +67,7 @@ local function metric_row(i, metric)
     local bound = (description.below and "below " or "above ") .. text.number(metric.threshold)
     return {
         metric.name,
-        has_value(i, metric) and text.number(metric.value) or "-",
+        metric.value and text.number(metric.value) or "-",
         metric.enabled and bound or "off",
         description.unit,
         (metric.over and "OVER: " or "") .. description.title,
@@ -115,9 +110,6 @@ end
 
 local function show_json(seen, vxa)
     local record = report_json.cycle(seen.result, seen.faults)
-    for i, metric in ipairs(record.metrics) do
-        if not has_value(i, metric) then metric.value = json.null end
-    end
     record.record = "status"
     record.version = vxa.version
     record.monitoring = seen.monitoring

@@ -7,16 +7,19 @@ local text = {}
 local units = {}
 for _, metric in ipairs(filter.metrics) do units[metric.name] = metric.unit end
 
--- At most two decimals, none where they say nothing. The module's figures go to 0.001,
--- and small thresholds need them all.
+local function decimals(size)
+    if size >= 1000 then return 0 end
+    if size >= 1 then return 2 end
+    return size >= 0.001 and 3 or 6  -- the module's own traces have no more
+end
+
+-- As many decimals as say something.
 function text.number(value)
     if value ~= value or value == math.huge or value == -math.huge then
         return (("%f"):format(value):gsub("^-nan", "nan"))
     end
-    local size = math.abs(value)
-    local decimals = size >= 1000 and 0 or size >= 1 and 2 or 3
-    local digits = ("%%.%df"):format(decimals):format(value)
-    if decimals > 0 then digits = digits:gsub("%.?0+$", "") end
+    local digits = ("%%.%df"):format(decimals(math.abs(value))):format(value)
+    if digits:find(".", 1, true) then digits = digits:gsub("%.?0+$", "") end
     return (digits:gsub("^-0$", "0"))
 end
 
@@ -37,13 +40,6 @@ function text.size(bytes)
     local unit = bytes < 1e6 and "kB" or bytes < 1e9 and "MB" or "GB"
     local size = bytes / (unit == "kB" and 1e3 or unit == "MB" and 1e6 or 1e9)
     return (size < 99.95 and "%.1f %s" or "%.0f %s"):format(size, unit)
-end
-
--- The names of metrics beyond their thresholds.
-function text.names(over)
-    local names = {}
-    for i, metric in ipairs(over) do names[i] = metric.name end
-    return #names > 0 and table.concat(names, " ") or "-"
 end
 
 -- "rqpct 9.1 exceeds the threshold of 8 processes"; figures that are equal as far as they

@@ -1,5 +1,6 @@
 // What scripts need of the system and stock Lua does not have.
 #include <errno.h>
+#include <sys/ioctl.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -14,10 +15,11 @@ namespace vxa {
 
 namespace {
 
-int clock(lua_State* L)
+template <clockid_t kClock>
+int read_clock(lua_State* L)
 {
     timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
+    clock_gettime(kClock, &now);
     lua_pushnumber(
         L, static_cast<lua_Number>(now.tv_sec) + static_cast<lua_Number>(now.tv_nsec) / 1e9);
     return 1;
@@ -84,6 +86,15 @@ int is_terminal(lua_State* L)
     return 1;
 }
 
+// Of the terminal that is standard output.
+int terminal_columns(lua_State* L)
+{
+    winsize size{};
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return 0;
+    lua_pushnumber(L, size.ws_col);
+    return 1;
+}
+
 int effective_user(lua_State* L)
 {
     lua_pushnumber(L, geteuid());
@@ -91,8 +102,14 @@ int effective_user(lua_State* L)
 }
 
 constexpr luaL_Reg kFunctions[] = {
-    {"clock", clock},         {"setenv", set_environment}, {"mkdir", make_directory},
-    {"file_kind", file_kind}, {"isatty", is_terminal},     {"euid", effective_user},
+    {"clock", read_clock<CLOCK_MONOTONIC>},
+    {"time", read_clock<CLOCK_REALTIME>},
+    {"setenv", set_environment},
+    {"mkdir", make_directory},
+    {"file_kind", file_kind},
+    {"isatty", is_terminal},
+    {"terminal_columns", terminal_columns},
+    {"euid", effective_user},
     {nullptr, nullptr},
 };
 
