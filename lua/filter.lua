@@ -78,9 +78,7 @@ local function check_options(options, known)
             error(("options.%s must be a %s, not %s"):format(name, known[name], type(value)), 3)
         end
     end
-    if not (SLB and SLB.filter and SLB.filter.CheckSystemHealthMetrics) then
-        error("require 'fc' first", 3)
-    end
+    if not (SLB and SLB.filter) then error("require 'fc' first", 3) end
 end
 
 local function is_document(value)
@@ -398,12 +396,15 @@ end
 local Feedback = {}
 Feedback.__index = Feedback
 
+local FEEDBACK_OPTIONS = { is_local = "function", interrupted = "function" }
+
 -- options.is_local     function(address): whether it is one of this machine's. Without it no
 --                      flow counts as outbound.
 -- options.interrupted  function(), asked while a sample goes through the flows: true ends it
 -- The module must be loaded: the time to the first publication runs from then on.
 function filter.feedback(options)
     options = options or {}
+    check_options(options, FEEDBACK_OPTIONS)
     local feedback = setmetatable({ is_local = options.is_local, present = {} }, Feedback)
     feedback.interrupted = options.interrupted or function() return false end
     feedback:start_over(os.time())

@@ -26,6 +26,7 @@ cases.case("wrong options", function()
     } do
         testing.raises(row[1], filter.new, row[2])
     end
+    testing.raises("unknown option 'islocal'", filter.feedback, { islocal = print })
     testing.raises("the policy must be a string, not table", filter.new { dom = dom }.set_policy, {}, {})
 end)
 
