@@ -123,6 +123,7 @@ int get_conntrack(vxi_handle_ops_s* handle, vxa_dump_conntrack_s* section, unsig
     }
     const std::size_t room = (size - sizeof *section) / sizeof(vxa_conntrack_entry_s);
     section->entry_ct = static_cast<std::uint16_t>(std::min<std::size_t>(section->entry_ct, room));
+    note_flow_details(*section, {});
     return handle->operations->get_conntrack(handle, section, size, extra);
 }
 

@@ -29,6 +29,21 @@ Names& names()
 
 thread_local Source sources[table_count];
 
+struct DetailedSection {
+    const vxa_dump_conntrack_s* section = nullptr;
+    std::uint16_t entries = 0;
+    FlowDetails details;
+};
+
+// UDP's and everything else's.
+thread_local DetailedSection detailed_sections[2];
+
+DetailedSection& detailed(const vxa_dump_conntrack_s& section)
+{
+    constexpr std::uint8_t udp = 17;
+    return detailed_sections[section.protocol != udp];
+}
+
 Source& source_of(Table table)
 {
     return sources[static_cast<unsigned>(table)];
@@ -57,6 +72,19 @@ void note_source(Table table, const char* format, ...)
     va_start(arguments, format);
     vsnprintf_safe(source.text, sizeof source.text, format, arguments);
     va_end(arguments);
+}
+
+void note_flow_details(const vxa_dump_conntrack_s& section, FlowDetails details)
+{
+    detailed(section) = {&section, section.entry_ct, std::move(details)};
+}
+
+const FlowDetails& flow_details(const vxa_dump_conntrack_s& section)
+{
+    static const FlowDetails none;
+    const DetailedSection& known = detailed(section);
+    const bool same = known.section == &section && known.entries == section.entry_ct;
+    return same ? known.details : none;
 }
 
 void begin_fetch(Table table, const char* engine)

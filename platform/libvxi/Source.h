@@ -2,18 +2,27 @@
 // what its slots are called.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "vxi/records.h"
 
 namespace vxi {
 
 enum class Table : unsigned { statistics, conntrack, blacklist, conn_states };
 inline constexpr unsigned table_count = 4;
 
-// What has slots with names: the areas of a statistics record, and the sets of a blacklist by
-// their index.
-enum class Area : unsigned { statistics1, statistics2, statistics3, blacklist_sets };
+// What has slots with names: the areas of a statistics record, the sets of a blacklist by their
+// index, and the sets that were left out of it, each with the reason.
+enum class Area : unsigned {
+    statistics1,
+    statistics2,
+    statistics3,
+    blacklist_sets,
+    blacklist_skipped
+};
 
 struct SlotNames {
     std::vector<std::string> names;  // by slot; empty for a slot without a name
@@ -32,6 +41,27 @@ std::shared_ptr<const SlotNames> slot_names(const char* engine, Area area);
 // in it ("/proc/net/snmp", "ctnetlink, incomplete: interrupted 5 times"). Kept by thread:
 // a record is rendered on the thread that fetched it.
 void note_source(Table table, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+// What a row of the connection table shows and its entry has no room for.
+struct FlowDetail {
+    std::uint32_t index;    // of the entry in its section
+    std::uint16_t zone;     // of connection tracking; 0: the default
+    const char* zone_name;  // "zone", or "zone-orig" or "zone-reply" for that of one direction
+    bool translated;        // what follows is set: the entry's two ends after translation
+    std::uint8_t source[16];
+    std::uint8_t destination[16];
+    std::uint8_t source_port[2];
+    std::uint8_t destination_port[2];
+};
+
+using FlowDetails = std::vector<FlowDetail>;  // by index
+
+// An engine hands them over when it has filled a section. Kept by thread like the source, and for
+// this section in this place; a later fill of the same protocol replaces them.
+void note_flow_details(const vxa_dump_conntrack_s& section, FlowDetails details);
+
+// Those of a section that this thread filled; empty for any other.
+const FlowDetails& flow_details(const vxa_dump_conntrack_s& section);
 
 struct Source {
     const char* engine = nullptr;  // null before this thread's first fetch of the table

@@ -172,14 +172,36 @@ void print_counts(Lines& lines, const vxa_conntrack_entry_s& entry)
     lines.text(" ").number(entry.packets_backward).text("/").number(entry.bytes_backward);
 }
 
-void print_flags(Lines& lines, const vxa_conntrack_entry_s& entry)
+// The detail of an entry that has one; `next` moves on through the details of its section.
+const FlowDetail* detail_of(const FlowDetails& details, std::uint32_t index, std::size_t& next)
+{
+    const bool has = next < details.size() && details[next].index == index;
+    return has ? &details[next++] : nullptr;
+}
+
+void print_translation(Lines& lines, const vxa_conntrack_entry_s& entry, const FlowDetail* detail)
+{
+    const bool known = detail && detail->translated;
+    if (entry.flags & VXA_FLOW_SNAT) {
+        lines.text(known ? " snat=" : " snat");
+        if (known) {
+            print_end(lines, detail->source, entry.family, detail->source_port);
+        }
+    }
+    if (entry.flags & VXA_FLOW_DNAT) {
+        lines.text(known ? " dnat=" : " dnat");
+        if (known) {
+            print_end(lines, detail->destination, entry.family, detail->destination_port);
+        }
+    }
+}
+
+void print_flags(Lines& lines, const vxa_conntrack_entry_s& entry, const FlowDetail* detail)
 {
     static constexpr struct {
         unsigned flag;
         const char* word;
     } words[] = {{VXA_FLOW_ASSURED, " assured"},
-                 {VXA_FLOW_SNAT, " snat"},
-                 {VXA_FLOW_DNAT, " dnat"},
                  {VXA_FLOW_OFFLOADED, " offloaded"},
                  {VXA_FLOW_FROM_SOCK_DIAG, " socket"}};
     for (const auto& each : words) {
@@ -194,10 +216,14 @@ void print_flags(Lines& lines, const vxa_conntrack_entry_s& entry)
     if (entry.mark != 0) {
         lines.text(" mark=").number(entry.mark);
     }
+    print_translation(lines, entry, detail);
+    if (detail && detail->zone != 0) {
+        lines.text(" ").text(detail->zone_name).text("=").number(detail->zone);
+    }
 }
 
 void print_flow(Lines& lines, std::string_view name, std::uint8_t protocol,
-                const vxa_conntrack_entry_s& entry)
+                const vxa_conntrack_entry_s& entry, const FlowDetail* detail)
 {
     lines.text(name).text(" ");
     print_end(lines, entry.source, entry.family, entry.source_port);
@@ -206,7 +232,7 @@ void print_flow(Lines& lines, std::string_view name, std::uint8_t protocol,
     print_state(lines, protocol, entry.tcp_state);
     print_timeout(lines, entry);
     print_counts(lines, entry);
-    print_flags(lines, entry);
+    print_flags(lines, entry, detail);
     lines.end_line();
 }
 
@@ -236,8 +262,11 @@ const vxa_dump_conntrack_s* print_section(Lines& lines, const vxa_dump_conntrack
     }
     lines.end_line();
     const auto* const entries = reinterpret_cast<const vxa_conntrack_entry_s*>(section + 1);
+    const FlowDetails& details = flow_details(*section);
+    std::size_t next = 0;
     for (std::uint32_t i = 0; i < count; ++i) {
-        print_flow(lines, name, section->protocol, entries[i]);
+        const FlowDetail* const detail = detail_of(details, i, next);
+        print_flow(lines, name, section->protocol, entries[i], detail);
     }
     return reinterpret_cast<const vxa_dump_conntrack_s*>(entries + count);
 }
@@ -263,6 +292,10 @@ void print_set_names(Lines& lines, const char* engine)
     const auto sets = slot_names(engine, Area::blacklist_sets);
     for (std::size_t i = 0; sets && i < sets->names.size(); ++i) {
         lines.text("# set ").number(i).text(": ").escaped(sets->names[i], true).end_line();
+    }
+    const auto skipped = slot_names(engine, Area::blacklist_skipped);
+    for (std::size_t i = 0; skipped && i < skipped->names.size(); ++i) {
+        lines.text("# skipped ").escaped(skipped->names[i], true).end_line();
     }
 }
 

@@ -91,6 +91,9 @@ const Case cases[] = {
      4,
      "4 sets\n# set 0: ip a blacklist\n# set 1: inet a blacklist\n"
      "# set 2: inet b blacklisted-hosts.v4\n# set 3: bridge c blacklist\n"
+     "# skipped ip a blacklist_map: a map\n"
+     "# skipped ip a blacklist_ports: its elements are not of type ipv4_addr or ipv6_addr\n"
+     "# skipped ip a blacklist_pairs: its elements are not of type ipv4_addr or ipv6_addr\n"
      "1.1.1.1 set 0\n1::1 set 1\n2.2.2.2 set 2\n3.3.3.3 set 3\n"},
 };
 

@@ -83,7 +83,7 @@ TEST(Flows, AreWhatConntrackLists)
     }
 }
 
-FLOWS_TEST(TellTranslatedAndMarkedOnes)
+FLOWS_TEST(ShowTranslationMarkAndZone)
 {
     network::Run(
         "nft 'table ip t {\n"
@@ -92,17 +92,23 @@ FLOWS_TEST(TellTranslatedAndMarkedOnes)
         "chain p { type nat hook postrouting priority 100;"
         " meta l4proto tcp ct original proto-dst {7001, 7002} snat to 127.0.0.9; }\n"
         "chain m { type filter hook output priority 0; tcp dport 7002 ct mark set 77; }\n"
+        "chain z { type filter hook output priority raw; tcp dport 7003 ct zone set 5;"
+        " tcp dport 7004 ct original zone set 6; }\n"
         "}'");
     const auto listener = traffic::Listen(Local(4, port));
     const auto other = traffic::Listen(Local(4, 7002));
+    const auto zone = traffic::Listen(Local(4, 7003));
+    const auto half_zone = traffic::Listen(Local(4, 7004));
     const struct {
         uint16_t to;
         int translated;
         const char* ends;
     } rows[] = {{port, 0, ""},
-                {7000, VXA_FLOW_DNAT, " dnat"},
-                {7001, VXA_FLOW_SNAT | VXA_FLOW_DNAT, " snat dnat"},
-                {7002, VXA_FLOW_SNAT, " snat mark=77"}};
+                {7000, VXA_FLOW_DNAT, " dnat=127.0.0.2:8443"},
+                {7001, VXA_FLOW_SNAT | VXA_FLOW_DNAT, " snat=127.0.0.9:\\d+ dnat=127.0.0.2:8443"},
+                {7002, VXA_FLOW_SNAT, " mark=77 snat=127.0.0.9:\\d+"},
+                {7003, 0, "( unreplied)? zone=5"},
+                {7004, 0, "( unreplied)? zone-orig=6"}};
     for (const auto& row : rows) {
         const auto client = traffic::Connect(Local(4, row.to));
         const flows::Table table = Fetch();

@@ -115,7 +115,7 @@ TEST(Text, Connections)
         "# tcp: showing 3 of 70000 flows\n"
         "tcp [2001:db8::1]:256 > [::ffff:10.0.0.1]:80 ESTABLISHED 7s 1/20 "
         "3/18446744073709551615 assured mark=4294967295\n"
-        "tcp 1.2.3.4:256 > 5.6.7.8:80 SYN_SENT 7s - - snat dnat offloaded unreplied\n"
+        "tcp 1.2.3.4:256 > 5.6.7.8:80 SYN_SENT 7s - - offloaded unreplied snat dnat\n"
         "tcp ?:256 > ?:80 state200 7s - - socket\n",
         connections(block));
 }

@@ -29,6 +29,17 @@ constexpr size_t entries_max =
     (std::numeric_limits<uint32_t>::max() - sizeof(vxa_blacklist_get_addrs_s)) /
     sizeof(vxa_blacklist_entry_s);
 
+const char* why_skipped(uint32_t key_type, uint32_t flags)
+{
+    // Its keys select a value, they are not a list of addresses.
+    if (flags & (NFT_SET_MAP | NFT_SET_OBJECT)) {
+        return "a map";
+    }
+    return key_type == key_type_ipv4 || key_type == key_type_ipv6
+               ? nullptr
+               : "its elements are not of type ipv4_addr or ipv6_addr";
+}
+
 bool starts_with(std::string_view text, std::string_view start)
 {
     return text.substr(0, start.size()) == start;
@@ -165,6 +176,11 @@ bool usable(int status, BlacklistSnapshot& snapshot)
 
 int read_set(Netlink& netlink, const BlacklistSet& set, BlacklistSnapshot& snapshot)
 {
+    const std::string name = nft_family_name(set.nft_family) + " " + set.table + " " + set.name;
+    if (set.skipped) {
+        snapshot.skipped.push_back(name + ": " + set.skipped);
+        return 0;
+    }
     constexpr size_t index_max = std::numeric_limits<uint16_t>::max();
     std::vector<BlacklistElement> elements;
     uint64_t unreadable = 0;
@@ -178,7 +194,7 @@ int read_set(Netlink& netlink, const BlacklistSet& set, BlacklistSnapshot& snaps
     const auto index = static_cast<uint16_t>(std::min(snapshot.sets.size(), index_max));
     append(entries_of(set, index, std::move(elements)), snapshot);
     snapshot.unreadable += unreadable;
-    snapshot.sets.push_back(nft_family_name(set.nft_family) + " " + set.table + " " + set.name);
+    snapshot.sets.push_back(name);
     return 0;
 }
 
@@ -189,9 +205,9 @@ Outcome read_failure(int status)
 
 void tell_source(const vxi_handle_ops_s* handle, const BlacklistSnapshot& snapshot)
 {
-    SlotNames names;
-    names.names = snapshot.sets;
-    set_slot_names(handle->operations->engine, Area::blacklist_sets, std::move(names));
+    const char* const engine = handle->operations->engine;
+    set_slot_names(engine, Area::blacklist_sets, {snapshot.sets});
+    set_slot_names(engine, Area::blacklist_skipped, {snapshot.skipped});
     std::string text = "nf_tables sets named blacklist*";
     if (snapshot.interrupted) {
         text += ", incomplete: they changed during each of six readings";
@@ -236,9 +252,7 @@ std::optional<BlacklistSet> blacklist_set(const nlmsghdr& message)
     const auto name = text_of(attributes.find(NFTA_SET_NAME));
     const auto flags = be32_of(attributes.find(NFTA_SET_FLAGS)).value_or(0);
     const auto type = be32_of(attributes.find(NFTA_SET_KEY_TYPE)).value_or(0);
-    // A map's keys are looked up to find something else than their being listed.
-    if (!starts_with(name, "blacklist") || (flags & (NFT_SET_MAP | NFT_SET_OBJECT)) ||
-        (type != key_type_ipv4 && type != key_type_ipv6)) {
+    if (!starts_with(name, "blacklist")) {
         return {};
     }
     BlacklistSet set;
@@ -248,6 +262,7 @@ std::optional<BlacklistSet> blacklist_set(const nlmsghdr& message)
     set.family = type == key_type_ipv4 ? 4 : 6;
     set.intervals = flags & NFT_SET_INTERVAL;
     set.timeout_ms = be64_of(attributes.find(NFTA_SET_TIMEOUT)).value_or(0);
+    set.skipped = why_skipped(type, flags);
     return set;
 }
 

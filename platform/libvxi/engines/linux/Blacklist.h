@@ -21,6 +21,7 @@ struct BlacklistSet {
     uint8_t family;       // of its addresses: 4 or 6
     bool intervals;       // elements come as starts and ends
     uint64_t timeout_ms;  // of elements that name none
+    const char* skipped = nullptr;  // why it is no list of addresses; null when it is
 
     size_t address_size() const { return family == 4 ? 4 : 16; }
 };
@@ -39,6 +40,7 @@ struct BlacklistElement {
 struct BlacklistSnapshot {
     std::vector<vxa_blacklist_entry_s> entries;  // by set, then by address
     std::vector<std::string> sets;               // "inet TABLE NAME", as the kernel spells it
+    std::vector<std::string> skipped;            // "inet TABLE NAME: REASON"
     uint64_t unreadable = 0;                     // elements that the kernel described oddly
     uint64_t beyond = 0;                         // entries that a 32-bit size cannot tell
     bool interrupted = false;                    // sets changed during every one of six readings
@@ -47,7 +49,7 @@ struct BlacklistSnapshot {
 // Opens the socket itself. No set at all is an empty blacklist.
 Outcome read_blacklist(Netlink& netlink, BlacklistSnapshot& snapshot);
 
-// The set that one message of a dump of sets describes, if it is a blacklist.
+// The set that one message of a dump of sets describes, if its name is that of a blacklist.
 std::optional<BlacklistSet> blacklist_set(const nlmsghdr& message);
 
 // Appends the elements in one message of a dump of a set; returns how many had no key of

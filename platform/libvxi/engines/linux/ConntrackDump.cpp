@@ -144,6 +144,42 @@ void take_both_counters(const nlattr* forward, const nlattr* backward, vxa_connt
     }
 }
 
+void take_zone(const nlattr* attribute, const char* name, FlowDetail& detail)
+{
+    uint16_t zone = 0;
+    if (copy_whole(attribute, &zone, sizeof zone) && zone != 0) {
+        detail.zone = ntohs(zone);
+        detail.zone_name = name;
+    }
+}
+
+// The answer's tuple has the ends as they are after translation, the other way round.
+void take_translation(const nlattr& reply, uint8_t family, FlowDetail& detail)
+{
+    vxa_conntrack_entry_s answer = {};
+    uint8_t protocol = 0;
+    detail.translated = take_tuple(reply, answer, protocol) && answer.family == family;
+    memcpy(detail.source, answer.destination, sizeof detail.source);
+    memcpy(detail.destination, answer.source, sizeof detail.destination);
+    memcpy(detail.source_port, answer.destination_port, sizeof detail.source_port);
+    memcpy(detail.destination_port, answer.source_port, sizeof detail.destination_port);
+}
+
+// False for most flows: they are in the default zone and not translated.
+bool take_detail(const nlattr* const* found, const vxa_conntrack_entry_s& entry, FlowDetail& detail)
+{
+    const nlattr* const reply = found[CTA_TUPLE_REPLY];
+    take_zone(found[CTA_ZONE], "zone", detail);
+    take_zone(Attributes(*found[CTA_TUPLE_ORIG]).find(CTA_TUPLE_ZONE), "zone-orig", detail);
+    if (reply) {
+        take_zone(Attributes(*reply).find(CTA_TUPLE_ZONE), "zone-reply", detail);
+        if (entry.flags & (VXA_FLOW_SNAT | VXA_FLOW_DNAT)) {
+            take_translation(*reply, entry.family, detail);
+        }
+    }
+    return detail.zone != 0 || detail.translated;
+}
+
 }  // namespace
 
 int dump_conntrack(const Netlink::Visit& visit)
@@ -181,7 +217,8 @@ void take_flow(const nlmsghdr& message, FlowSnapshot& flows)
         entry.tcp_state = tcp_state_of(*found[CTA_PROTOINFO]);
     }
     take_both_counters(found[CTA_COUNTERS_ORIG], found[CTA_COUNTERS_REPLY], entry);
-    list->add(entry);
+    FlowDetail detail = {};
+    list->add(entry, take_detail(found, entry, detail) ? &detail : nullptr);
 }
 
 int read_conntrack(const Dump& dump, FlowSnapshot& flows)

@@ -4,14 +4,19 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "FlowRoom.h"
 
 namespace vxi {
 
-void FlowList::add(const vxa_conntrack_entry_s& entry)
+void FlowList::add(const vxa_conntrack_entry_s& entry, const FlowDetail* detail)
 {
     if (entries.size() < most_flows) {
+        if (detail) {
+            details.push_back(*detail);
+            details.back().index = static_cast<uint32_t>(entries.size());
+        }
         entries.push_back(entry);
     }
     ++total;
@@ -59,6 +64,7 @@ bool fetch_flows(FlowSnapshot& snapshot, vxa_dump_conntrack_s& section)
     }
     section.entry_ct = static_cast<uint16_t>(count);
     section.total = list->total;
+    note_flow_details(section, std::move(list->details));
     *list = {};
     return true;
 }

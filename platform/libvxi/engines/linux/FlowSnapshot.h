@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "Source.h"
 #include "vxi/records.h"
 
 namespace vxi {
@@ -11,10 +12,12 @@ namespace vxi {
 // The flows of one protocol: all are counted, those that a section has room for are kept.
 struct FlowList {
     std::vector<vxa_conntrack_entry_s> entries;
+    FlowDetails details;  // of those entries that have some
     uint32_t total = 0;
     bool fetched = true;
 
-    void add(const vxa_conntrack_entry_s& entry);
+    // `detail` may be null; its index is set here.
+    void add(const vxa_conntrack_entry_s& entry, const FlowDetail* detail = nullptr);
     void append(const FlowList& other);
 };
 

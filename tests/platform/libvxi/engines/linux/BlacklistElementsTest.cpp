@@ -14,7 +14,7 @@ using vxi::BlacklistSet;
 
 BlacklistSet Set(bool intervals)
 {
-    return {NFPROTO_INET, "t", "blacklist", 4, intervals, 0};
+    return {NFPROTO_INET, "t", "blacklist", 4, intervals, 0, nullptr};
 }
 
 struct Row {
@@ -125,16 +125,23 @@ TEST(BlacklistSets, AreKnownByNameAndKey)
         uint32_t type;
         uint32_t flags;
         bool taken;
-    } rows[] = {{"blacklist", 7, 0, true},           {"blacklist_v6", 8, NFT_SET_INTERVAL, true},
-                {"blacklis", 7, 0, false},           {"Blacklist", 7, 0, false},
-                {"my_blacklist", 7, 0, false},       {"blacklist", 13, 0, false},
-                {"blacklist", 7, NFT_SET_MAP, false}};
+        const char* skipped;
+    } rows[] = {
+        {"blacklist", 7, 0, true, nullptr},
+        {"blacklist_v6", 8, NFT_SET_INTERVAL, true, nullptr},
+        {"blacklis", 7, 0, false, nullptr},
+        {"Blacklist", 7, 0, false, nullptr},
+        {"my_blacklist", 7, 0, false, nullptr},
+        {"blacklist", 13, 0, true, "its elements are not of type ipv4_addr or ipv6_addr"},
+        {"blacklist", 7, NFT_SET_MAP, true, "a map"},
+    };
     for (const auto& row : rows) {
         const auto set = vxi::blacklist_set(SetAnswer(row.name, row.type, row.flags).header());
         ASSERT_EQ(set.has_value(), row.taken) << row.name << row.type;
         if (set) {
+            EXPECT_STREQ(set->skipped, row.skipped);
             EXPECT_EQ(set->nft_family, NFPROTO_BRIDGE);
-            EXPECT_EQ(set->family, row.type == 7 ? 4 : 6);
+            EXPECT_TRUE(set->skipped || set->family == (row.type == 7 ? 4 : 6));
             EXPECT_EQ(set->intervals, row.flags == NFT_SET_INTERVAL);
         }
     }
