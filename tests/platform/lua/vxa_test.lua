@@ -58,22 +58,18 @@ end
 
 -- ---- documents -------------------------------------------------------------------------
 
-for _, value in ipairs { true, false, 1.5, -2 ^ 53, "", "ü\n" } do
-    same(document:set("key", value), true, "set")
-    same(document:get("key"), value, "value")
-end
-document:set("key", nil)
-same(document:get("key"), nil, "removed key")
-document:close()
-same(document:close(), true, "second close")
-refused("the document is closed", document:set("key", 1))
-refused("the document is closed", document:events())
-
 local state = scratch .. "/state/of/agent"
 local kept = assert(vxa.Dom(state))
-same(kept:set("a", "b"), true, "set")
+local values = { on = true, off = false, number = 0.1, big = 2 ^ 53 + 2, Case = 1, case = 2,
+                 empty = "", text = 'ü "q"\n' }
+kept:set("gone", 1)
+for key, value in pairs(values) do same(kept:set(key, value), true, key) end
+same(kept:set("gone", nil), true, "removal")
 refused("is in use by this process", vxa.Dom(state))
-kept:close()
+same({ kept:close(), kept:close() }, { true, true }, "closed twice")
+for key, value in pairs(values) do same(kept:get(key), value, key .. " of a closed document") end
+refused("the document is closed", kept:set("key", 1))
+refused("the document is closed", kept:events())
 do
     local file = assert(io.open(state .. "/events.jsonl", "a"))
     file:write('{"time":1.25,"id":1001,"text":"GET_STATS"}\n{"tim')
@@ -93,7 +89,8 @@ check(math.abs(records[1].time - os.time()) < 60, "time of a record")
 check(read_file(log):find('"kind":"log","level":"warning"', 1, true), "record in the file")
 same(#vxa.captured(), 0, "captured twice")
 same(vxa.log_to(nil), true, "log_to nil")
-same(kept:get("a"), "b", "value kept")
+for key, value in pairs(values) do same(kept:get(key), value, key .. " read again") end
+same(kept:get("gone"), nil, "removed key")
 local events, unreadable = kept:events()
 same({ #events, unreadable }, { 1, 0 }, "events kept, unreadable lines")
 same(events[1].id .. events[1].text .. events[1].time, "1001GET_STATS1.25", "event")
