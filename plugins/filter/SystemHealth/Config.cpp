@@ -223,8 +223,8 @@ bool WriteAll(int file, const std::string& text)
 // not hold up the cycle, and nothing is changed that also has another name.
 int OpenConfigLog()
 {
-    const int file = open(
-        kConfigLog, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0644);
+    const int file =
+        open(kConfigLog, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0644);
     struct stat status {};
     if (file < 0 || (fstat(file, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 1))
         return file;

@@ -107,8 +107,7 @@ int ReadConfiguration(const Arguments& args, int activated)
     const int count = args.policy_length == 0
                           ? readSystemHealthConfig(args.dom, activated)
                           : readSystemHealthPolicy(args.dom, activated, args.policy);
-    if (!outputCloudConfig())
-        fc::LogError(SYSHEALTH_AT(kSelf), "Failed to output cloud config");
+    if (!outputCloudConfig()) fc::LogError(SYSHEALTH_AT(kSelf), "Failed to output cloud config");
     return count;
 }
 

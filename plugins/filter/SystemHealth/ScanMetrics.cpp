@@ -118,8 +118,9 @@ bool FetchScanMetrics(const ConfigTable& config, scan_metrics_request* request)
         TraceExcess(*request);
         return true;
     }
-    fc::LogError(SYSHEALTH_AT("FetchScanMetrics"), "get_scan_metrics() failed rc=%d, exiting, buf{%s}",
-                 rc, ErrorText(handle.get()).text);
+    fc::LogError(SYSHEALTH_AT("FetchScanMetrics"),
+                 "get_scan_metrics() failed rc=%d, exiting, buf{%s}", rc,
+                 ErrorText(handle.get()).text);
     DisableScanMetric();
     return false;
 }

@@ -77,28 +77,4 @@ TEST(Host, ProfilerHooksAreInstalledOnceForManyStatesAtOnce)
     EXPECT_EQ(driver::ProfilerCalls(), 1);
 }
 
-// What hosts may call by itself is found by name, the connection states among it.
-TEST(Host, TheDiagnosticsAreExported)
-{
-    void* const module = dlopen(LIBRARY_DIR "/fc.so", RTLD_NOW);
-    ASSERT_NE(module, nullptr) << dlerror();
-    const std::string arguments = "PN7VxaCore4CDomEP16vxi_handle_ops_sRNS1_16CZipOutputStreamE";
-    const std::string space = "_ZN6Filter11Diagnostics";
-    for (const char* name :
-         {"19AddDriverConnStatesE", "16AddDriverContentE", "19AddDriverStatisticsE",
-          "18AddDriverVariablesE", "18AddDriverConnTrackE", "18AddDriverBlacklistE",
-          "18AddDriverRuleStatsE"})
-        EXPECT_NE(dlsym(module, (space + name + arguments).c_str()), nullptr) << dlerror();
-    for (const char* rest :
-         {"18getDriverBlacklistEPN7VxaCore4CDomEP16vxi_handle_ops_sRP25vxa_blacklist_get_addrs_s",
-          "19getDriverConnStatesEPN7VxaCore4CDomEP16vxi_handle_ops_sP21vxa_get_conn_states_s",
-          "18getDriverVariablesEPN7VxaCore4CDomEP16vxi_handle_ops_sP21vxa_filter_variable_sj",
-          "18getDriverConnTrackEPN7VxaCore4CDomEP16vxi_handle_ops_sRP20vxa_dump_conntrack_s",
-          "19getDriverStatisticsEPN7VxaCore4CDomEP16vxi_handle_ops_sP14vxa_stats_v2_sj",
-          "12IsDriverOpenEP16vxi_handle_ops_s",
-          "10ShowErrorsEPN7VxaCore4CDomEP16vxi_handle_ops_sPKwi", "9tosprintfEP9tb_dump_sPKcz"})
-        EXPECT_NE(dlsym(module, (space + rest).c_str()), nullptr) << dlerror();
-    dlclose(module);
-}
-
 }  // namespace

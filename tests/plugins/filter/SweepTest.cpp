@@ -60,9 +60,9 @@ protected:
     {
         REQUIRE_SANDBOX();
         sandbox::FakeMachine();
-        ASSERT_EQ(m_other.Run(std::string(kLoadModules) +
-                              "vxa.log_to('/dev/null') vxa.verbose(true)"),
-                  "");
+        ASSERT_EQ(
+            m_other.Run(std::string(kLoadModules) + "vxa.log_to('/dev/null') vxa.verbose(true)"),
+            "");
         // A lock that stays held would hang this program: it is ended then.
         alarm(60);
     }

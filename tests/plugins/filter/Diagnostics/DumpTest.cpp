@@ -90,6 +90,21 @@ Answer Word(unsigned int offset, std::uint16_t word)
 
 // ---- cases -----------------------------------------------------------------------------
 
+Lines Total(int count)
+{
+    return {"273 getDriverConnTrack: totConn.entry_ct was " + std::to_string(count)};
+}
+
+Lines Udp(int count)
+{
+    return {"296 getDriverConnTrack: udpConn->entry_ct = " + std::to_string(count)};
+}
+
+Lines Tcp(int count)
+{
+    return {"315 getDriverConnTrack: tcpConn->entry_ct = " + std::to_string(count)};
+}
+
 // A dump that succeeds without an entry, an event or further traces.
 struct Case {
     std::string what;
@@ -108,6 +123,14 @@ struct Case {
         bytes = text;
         return *this;
     }
+    Case& Sections(int udp, int tcp)
+    {
+        const auto section = [](int protocol, int entries) {
+            return std::to_string(protocol) + ": " + std::to_string(entries) + " entries, " +
+                   std::to_string(72 * entries) + " bytes\n";
+        };
+        return Entry(section(17, udp) + section(6, tcp));
+    }
     Case& Fails()
     {
         result = false;
@@ -123,6 +146,10 @@ struct Case {
         traces.insert(traces.end(), lines.begin(), lines.end());
         return *this;
     }
+    Case& Counts(int total, int udp, int tcp)
+    {
+        return Trace(Total(total)).Trace(Udp(udp)).Trace(Tcp(tcp));
+    }
     Case& Event(const std::string& text)
     {
         events.push_back("1001 " + text);
@@ -130,35 +157,20 @@ struct Case {
     }
 };
 
-Case Statistics(const std::string& what, Answer answer = {})
-{
-    return {"statistics " + what, AddDriverStatistics, std::move(answer)};
-}
+struct CaseOf {
+    Add add;
+    Case operator()(const std::string& what, Answer answer = {}) const
+    {
+        return {DumpOf(add).entry + (": " + what), add, std::move(answer)};
+    }
+};
 
-Case Variables(const std::string& what, Answer answer = {})
-{
-    return {"variables " + what, AddDriverVariables, std::move(answer)};
-}
-
-Case States(const std::string& what, Answer answer = {})
-{
-    return {"states " + what, AddDriverConnStates, std::move(answer)};
-}
-
-Case Connections(const std::string& what, Answer answer = {})
-{
-    return {"connections " + what, AddDriverConnTrack, std::move(answer)};
-}
-
-Case Blacklist(const std::string& what, Answer answer = {})
-{
-    return {"blacklist " + what, AddDriverBlacklist, std::move(answer)};
-}
-
-Case Rules(const std::string& what, Answer answer = {})
-{
-    return {"rules " + what, AddDriverRuleStats, std::move(answer)};
-}
+constexpr CaseOf Statistics{AddDriverStatistics};
+constexpr CaseOf Variables{AddDriverVariables};
+constexpr CaseOf States{AddDriverConnStates};
+constexpr CaseOf Connections{AddDriverConnTrack};
+constexpr CaseOf Blacklist{AddDriverBlacklist};
+constexpr CaseOf Rules{AddDriverRuleStats};
 
 std::string AllVariables(const std::string& after = "")
 {
@@ -175,33 +187,9 @@ std::string Payload(unsigned int size)
     return bytes;
 }
 
-std::string Sections(int udp, int tcp)
-{
-    const auto section = [](int protocol, int entries) {
-        return std::to_string(protocol) + ": " + std::to_string(entries) + " entries, " +
-               std::to_string(72 * entries) + " bytes\n";
-    };
-    return section(17, udp) + section(6, tcp);
-}
-
 std::string Filled(int bytes)
 {
     return std::to_string(bytes) + " bytes, " + std::to_string(bytes) + " filled\n";
-}
-
-Lines Total(int count)
-{
-    return {"273 getDriverConnTrack: totConn.entry_ct was " + std::to_string(count)};
-}
-
-Lines Udp(int count)
-{
-    return {"296 getDriverConnTrack: udpConn->entry_ct = " + std::to_string(count)};
-}
-
-Lines Tcp(int count)
-{
-    return {"315 getDriverConnTrack: tcpConn->entry_ct = " + std::to_string(count)};
 }
 
 const char* const kStats = "1000 1207 2000 2029 3000 3554\n";
@@ -211,7 +199,6 @@ const Lines kCalling = {kAboutToGet[0], kAboutToGet[1],
                         "338 getDriverStatistics: driver is opened calling vxi_get_stats"};
 const Lines kDumped = {"124 AddDriverStatistics: AddDriverStatistics() - got stats",
                        "126 AddDriverStatistics: AddDriverStatistics() - dumped stats"};
-const Lines kNoMemoryForRules = {"182 AddDriverRuleStats: malloc() failed"};
 
 const std::string kEcho = "GET_STATS|ffffffff (E)";
 const std::string kTrackFailed = "GET_CONN_TRACK|fffffffb (E)";
@@ -220,8 +207,10 @@ const std::string kListFailed = "BLACKLIST_ADD|fffffffb (E)";
 const Case kCases[] = {
     Statistics("").Entry(kStats).Trace(kCalling).Trace(kDumped),
     Statistics("not available", NotAvailable).Fails().Trace(kAboutToGet),
-    Statistics("fail", FailAt("get_stats", 0, -5)).Fails().Trace(kCalling).Event(
-        "GET_STATS|fffffffb (E)"),
+    Statistics("fail", FailAt("get_stats", 0, -5))
+        .Fails()
+        .Trace(kCalling)
+        .Event("GET_STATS|fffffffb (E)"),
     Statistics("word at 24", Word(24, 276)).Fails().Trace(kCalling).Event(kEcho),
     Statistics("word at 26", Word(26, 31)).Fails().Trace(kCalling).Event(kEcho),
     Statistics("word at 28", Word(28, 0)).Fails().Trace(kCalling).Event(kEcho),
@@ -238,39 +227,46 @@ const Case kCases[] = {
     States("not available", NotAvailable).Fails(),
     States("fail", FailAt("get_conn_states", 0, -5)).Fails().Event("GET_CONN_STATES|fffffffb (E)"),
 
-    Connections("", Flows(1000, 300, 500))
-        .Entry(Sections(300, 500)).Trace(Total(1000)).Trace(Udp(300)).Trace(Tcp(500)),
+    Connections("", Flows(1000, 300, 500)).Sections(300, 500).Counts(1000, 300, 500),
     Connections("not available", NotAvailable),
     Connections("none").Trace(Total(0)),
-    Connections("UDP alone", Flows(7, 7, 9))
-        .Entry(Sections(7, 0)).Trace(Total(7)).Trace(Udp(7)).Trace(Tcp(0)),
-    Connections("neither", Flows(1, 0, 0))
-        .Entry(Sections(0, 0)).Trace(Total(1)).Trace(Udp(0)).Trace(Tcp(0)),
-    Connections("the most", Flows(65535, 1, 65534))
-        .Entry(Sections(1, 65534)).Trace(Total(65535)).Trace(Udp(1)).Trace(Tcp(65534)),
+    Connections("UDP alone", Flows(7, 7, 9)).Sections(7, 0).Counts(7, 7, 0),
+    Connections("neither", Flows(1, 0, 0)).Sections(0, 0).Counts(1, 0, 0),
+    Connections("the most", Flows(65535, 1, 65534)).Sections(1, 65534).Counts(65535, 1, 65534),
     // Held to the room; the traces show the driver's own number.
     Connections("more UDP than asked for", Flows(3, 65535, 65535))
-        .Entry(Sections(3, 0)).Trace(Total(3)).Trace(Udp(65535)).Trace(Tcp(0)),
-    Connections("more TCP than asked for", Flows(3, 1, 65535))
-        .Entry(Sections(1, 2)).Trace(Total(3)).Trace(Udp(1)).Trace(Tcp(65535)),
+        .Sections(3, 0)
+        .Counts(3, 65535, 0),
+    Connections("more TCP than asked for", Flows(3, 1, 65535)).Sections(1, 2).Counts(3, 1, 65535),
     Connections("count fails", Flows(3, 1, 2, {-5})).Fails().Event(kTrackFailed),
     Connections("UDP fails", Flows(3, 65535, 3, {0, -5}))
-        .Entry(Sections(0, 3)).Trace(Total(3)).Event(kTrackFailed)
-        .Trace({"293 getDriverConnTrack: rc = -5"}).Trace(Udp(0)).Trace(Tcp(3)),
+        .Sections(0, 3)
+        .Trace(Total(3))
+        .Event(kTrackFailed)
+        .Trace({"293 getDriverConnTrack: rc = -5"})
+        .Trace(Udp(0))
+        .Trace(Tcp(3)),
     Connections("both fail", Flows(3, 1, 65535, {0, -5, -6}))
-        .Entry(Sections(0, 0)).Trace(Total(3)).Event(kTrackFailed)
-        .Trace({"293 getDriverConnTrack: rc = -5"}).Trace(Udp(0))
+        .Sections(0, 0)
+        .Trace(Total(3))
+        .Event(kTrackFailed)
+        .Trace({"293 getDriverConnTrack: rc = -5"})
+        .Trace(Udp(0))
         .Event("GET_CONN_TRACK|fffffffa (E)")
-        .Trace({"311 getDriverConnTrack: rc = -6"}).Trace(Tcp(0)),
-    Connections("no memory", Flows(1000, 1, 1)).NoMemory().Trace(Total(1000)).Trace(
-        {"318 getDriverConnTrack: malloc 72032 bytes failed."}),
+        .Trace({"311 getDriverConnTrack: rc = -6"})
+        .Trace(Tcp(0)),
+    Connections("no memory", Flows(1000, 1, 1))
+        .NoMemory()
+        .Trace(Total(1000))
+        .Trace({"318 getDriverConnTrack: malloc 72032 bytes failed."}),
 
     Blacklist("", List(96, 96)).Entry(Filled(96)),
     Blacklist("not available", NotAvailable).Fails(),
     Blacklist("empty", List(0, 0)).Entry(Filled(0)),
     Blacklist("shrinks", List(96, 48)).Entry(Filled(48)),
-    Blacklist("claims everything", List(48, kHuge)).Entry(Filled(48)).Trace(
-        {"245 getDriverBlacklist: driver reported 4294967295 bytes, room for 48"}),
+    Blacklist("claims everything", List(48, kHuge))
+        .Entry(Filled(48))
+        .Trace({"245 getDriverBlacklist: driver reported 4294967295 bytes, room for 48"}),
     Blacklist("size fails", List(96, 96, {-5})).Fails().Event(kListFailed),
     Blacklist("fill fails", List(96, 96, {0, -5})).Fails().Event(kListFailed),
     Blacklist("beyond 32 bits", List(kHuge - 43, 96)).Fails(),
@@ -283,13 +279,18 @@ const Case kCases[] = {
     Rules("long", Profile(5000, 5000)).Entry(Payload(5000)),
     Rules("none", Profile(0, 0)).Entry(""),
     Rules("size fails", Profile(40, 40, {-5})).Entry(""),
-    Rules("fill fails", Profile(40, 40, {0, -5})).Entry("").Event(
-        "vxi_get_profile_stats()|fffffffb (E)"),
+    Rules("fill fails", Profile(40, 40, {0, -5}))
+        .Entry("")
+        .Event("vxi_get_profile_stats()|fffffffb (E)"),
     Rules("fewer than announced", Profile(40, 7)).Entry(Payload(7)),
     Rules("none after all", Profile(40, 0)).Entry(""),
-    Rules("more than asked for", Profile(40, kHuge)).Entry(Payload(40)).Trace(
-        {"190 AddDriverRuleStats: driver reported 4294967295 bytes, room for 40"}),
-    Rules("no memory", Profile(kHuge, 1)).NoMemory().Entry("").Trace(kNoMemoryForRules),
+    Rules("more than asked for", Profile(40, kHuge))
+        .Entry(Payload(40))
+        .Trace({"190 AddDriverRuleStats: driver reported 4294967295 bytes, room for 40"}),
+    Rules("no memory", Profile(kHuge, 1))
+        .NoMemory()
+        .Entry("")
+        .Trace({"182 AddDriverRuleStats: malloc() failed"}),
 };
 
 class DumpTest : public DiagnosticsTest {

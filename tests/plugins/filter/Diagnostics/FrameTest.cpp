@@ -105,11 +105,12 @@ TEST_F(Frame, APrintIsCutAt1023Characters)
         tosprintf(&sink, "%s", "");
         tosprintf(&sink, "%s", long_text.c_str());
         tosprintf(&sink, "%s", long_text.substr(0, 1023).c_str());
-        tosprintf(&sink, "\n\nend");
+        tosprintf(&sink, "\n\n\xe9nd");
     }
     std::string bytes(memory.GetLength(), '\0');
     memory.CopyTo(bytes.data(), bytes.size());
-    EXPECT_EQ(bytes, "-5 five|%\n" + std::string(2046, 'x') + "\n\nend");
+    EXPECT_EQ(bytes, "-5 five|%\n" + std::string(2046, 'x') + "\n\n\xc3\xa9nd")
+        << "Latin-1 becomes UTF-8";
 }
 
 }  // namespace
