@@ -1,11 +1,13 @@
 #include <cerrno>
 #include <memory>
+#include <mutex>
 #include <utility>
 
 #include "Message.h"
 #include "Source.h"
 #include "engines/linux/ConntrackDump.h"
 #include "engines/linux/HandleState.h"
+#include "engines/linux/NetNamespace.h"
 #include "engines/linux/Slots.h"
 #include "engines/linux/SocketFlows.h"
 
@@ -47,15 +49,40 @@ void note_conntrack(const FlowSnapshot& flows, bool interrupted)
     note_source(Table::conntrack, "%s", source.c_str());
 }
 
+// The waiting ports of the process's latest reading, for the namespace that it was made in.
+class LastWaitingPorts {
+public:
+    WaitingPorts get(uint64_t network)
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return network == network_ ? ports_ : WaitingPorts();
+    }
+    void set(uint64_t network, const WaitingPorts& ports)
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        network_ = network;
+        ports_ = ports;
+    }
+
+private:
+    std::mutex mutex_;
+    uint64_t network_ = 0;
+    WaitingPorts ports_;
+};
+LastWaitingPorts last_waiting_ports;
+
 int read_from_sockets(vxi_handle_ops_s* handle, int conntrack_status, FlowSnapshot& flows)
 {
     const std::string why = why_sockets(conntrack_status);
     std::string shortfall;
+    const uint64_t network = network_namespace();
+    WaitingPorts waiting = last_waiting_ports.get(network);
     const Outcome outcome =
-        read_socket_flows(kernel_sockets({flow_socket_states, true}), flows, shortfall);
+        read_socket_flows(kernel_sockets({flow_socket_states, true}), flows, shortfall, waiting);
     if (outcome.failed()) {
         return fail(handle, outcome.status, "%s; %s", why.c_str(), outcome.text.c_str());
     }
+    last_waiting_ports.set(network, waiting);
     note_source(Table::conntrack, "sock_diag, %s%s", why.c_str(), shortfall.c_str());
     return 0;
 }

@@ -7,7 +7,6 @@
 #include <sys/socket.h>
 
 #include <array>
-#include <bitset>
 #include <cstring>
 #include <utility>
 
@@ -17,8 +16,6 @@ namespace {
 
 constexpr uint32_t ms_per_s = 1000;
 constexpr uint8_t time_wait_timer = 3;  // idiag_timer: idiag_expires ends the socket
-
-using Ports = std::bitset<65536>;
 
 // The nearest state of a tracked flow.
 uint8_t tracked_state_of(uint8_t socket_state)
@@ -104,6 +101,7 @@ void turn_round(vxa_conntrack_entry_s& entry)
 struct TableSockets {
     FlowList flows;
     Ports waiting;  // of sockets without a peer
+    Ports in_use;   // of sockets with one
 };
 
 void take_socket(uint8_t protocol, const inet_diag_msg& socket, const Attributes& details,
@@ -112,6 +110,7 @@ void take_socket(uint8_t protocol, const inet_diag_msg& socket, const Attributes
     if (socket.id.idiag_dport == 0) {
         table.waiting.set(ntohs(socket.id.idiag_sport));
     } else {
+        table.in_use.set(ntohs(socket.id.idiag_sport));
         table.flows.add(socket_flow(protocol, socket, details));
     }
 }
@@ -130,12 +129,16 @@ void hand_over(const Ports& waiting, FlowList& from, FlowList& to)
 using AllSockets = std::array<TableSockets, socket_table_count>;
 
 // A socket of IPv6 can wait for IPv4 as well, so the ports of both tables count for both.
-void hand_over(uint8_t protocol, AllSockets& tables, FlowList& to)
+void hand_over(uint8_t protocol, AllSockets& tables, Ports& waiting, FlowList& to)
 {
-    Ports waiting;
+    Ports now, in_use;
     for (unsigned i = 0; i < socket_table_count; ++i) {
-        waiting |= socket_tables[i].protocol == protocol ? tables[i].waiting : Ports();
+        if (socket_tables[i].protocol == protocol) {
+            now |= tables[i].waiting;
+            in_use |= tables[i].in_use;
+        }
     }
+    waiting = now | (waiting & in_use);
     for (unsigned i = 0; i < socket_table_count; ++i) {
         if (socket_tables[i].protocol == protocol) {
             hand_over(waiting, tables[i].flows, to);
@@ -166,7 +169,8 @@ vxa_conntrack_entry_s socket_flow(uint8_t protocol, const inet_diag_msg& socket,
     return entry;
 }
 
-Outcome read_socket_flows(const SocketDump& dump, FlowSnapshot& flows, std::string& shortfall)
+Outcome read_socket_flows(const SocketDump& dump, FlowSnapshot& flows, std::string& shortfall,
+                          WaitingPorts& waiting)
 {
     const auto tables = std::make_unique<AllSockets>();
     const SocketSink sink = {
@@ -177,8 +181,8 @@ Outcome read_socket_flows(const SocketDump& dump, FlowSnapshot& flows, std::stri
     flows = {};
     const Outcome outcome = read_sockets(dump, sink, shortfall);
     if (!outcome.failed()) {
-        hand_over(IPPROTO_UDP, *tables, flows.udp);
-        hand_over(IPPROTO_TCP, *tables, flows.tcp);
+        hand_over(IPPROTO_UDP, *tables, waiting.udp, flows.udp);
+        hand_over(IPPROTO_TCP, *tables, waiting.tcp, flows.tcp);
     }
     return outcome;
 }

@@ -1,6 +1,8 @@
 // Flows as the sockets of this host show them, for where the kernel tracks none.
 #pragma once
 
+#include <bitset>
+
 #include "engines/linux/FlowSnapshot.h"
 #include "engines/linux/SocketDump.h"
 
@@ -13,9 +15,19 @@ constexpr uint32_t flow_socket_states = ~0u & ~(1u << SocketBound);
 vxa_conntrack_entry_s socket_flow(uint8_t protocol, const inet_diag_msg& socket,
                                   const Attributes& details);
 
-// One flow a socket with a peer, from who opened it to who was waiting: a socket whose port
-// another one waits on was opened by its peer. A connection within this host is two flows.
-// Outcome and shortfall as read_sockets has them.
-Outcome read_socket_flows(const SocketDump& dump, FlowSnapshot& flows, std::string& shortfall);
+using Ports = std::bitset<65536>;
+
+// Ports on which sockets wait for peers, or waited when the flows were last read and still
+// have flows: accepted connections outlive their listener, if only in TIME_WAIT.
+struct WaitingPorts {
+    Ports udp;
+    Ports tcp;
+};
+
+// One flow per socket with a peer, from the end that opened it to the end that waited: the
+// peer opened those on a waiting port. A connection within this host is two flows. `waiting`
+// is what the previous reading left there. Outcome and shortfall as for read_sockets.
+Outcome read_socket_flows(const SocketDump& dump, FlowSnapshot& flows, std::string& shortfall,
+                          WaitingPorts& waiting);
 
 }  // namespace vxi

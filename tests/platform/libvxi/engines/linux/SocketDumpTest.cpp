@@ -85,7 +85,8 @@ TEST(ReadSockets, FailOnlyWhenNoTableCanBeRead)
         EXPECT_EQ(states.tcp4[vxi::SocketEstablished], row.tables.status[0] == 0);
 
         vxi::FlowSnapshot flows;
-        EXPECT_EQ(vxi::read_socket_flows(row.tables, flows, shortfall).status, row.status);
+        vxi::WaitingPorts waiting;
+        EXPECT_EQ(vxi::read_socket_flows(row.tables, flows, shortfall, waiting).status, row.status);
         EXPECT_EQ(flows.udp.total + flows.tcp.total, row.count);
     }
 }
@@ -105,7 +106,8 @@ vxi::FlowSnapshot Flows(const Sample& sample)
 {
     vxi::FlowSnapshot flows;
     std::string shortfall;
-    EXPECT_FALSE(vxi::read_socket_flows(Tables{{}, sample}, flows, shortfall).failed());
+    vxi::WaitingPorts waiting;
+    EXPECT_FALSE(vxi::read_socket_flows(Tables{{}, sample}, flows, shortfall, waiting).failed());
     return flows;
 }
 
@@ -152,15 +154,51 @@ TEST(SocketFlows, HaveTheNearestTrackedState)
     }
 }
 
+// From the peer to the port while a socket waits there, and for as long as flows are left.
+TEST(SocketFlows, KeepTheirDirectionAfterTheListener)
+{
+    const Sample listener = {vxi::SocketListen, 443, 0};
+    const Sample accepted = {vxi::SocketTimeWait, 443, 40000};
+    const struct {
+        std::vector<Sample> sockets;
+        bool inbound;
+    } readings[] = {{{accepted}, false},
+                    {{accepted, listener}, true},
+                    {{accepted}, true},
+                    {{accepted}, true},
+                    {{}, false},
+                    {{accepted}, false}};
+    vxi::WaitingPorts waiting;
+    for (const auto& reading : readings) {
+        const auto dump = [&](const vxi::SocketTable& table, vxi::Netlink::Visit visit) {
+            for (const Sample& sample : reading.sockets) {
+                if (table.family == AF_INET && table.protocol == IPPROTO_TCP) {
+                    visit(Socket(sample).header());
+                }
+            }
+            return 0;
+        };
+        vxi::FlowSnapshot flows;
+        std::string shortfall;
+        vxi::read_socket_flows(dump, flows, shortfall, waiting);
+        EXPECT_EQ(flows.tcp.entries.size(), reading.sockets.empty() ? 0u : 1u);
+        for (const auto& entry : flows.tcp.entries) {
+            EXPECT_EQ(entry.destination_port[0] * 256 + entry.destination_port[1],
+                      reading.inbound ? 443 : 40000);
+        }
+    }
+}
+
 TEST(SocketFlows, StayInsideDamagedMessages)
 {
     const Message whole = Socket({});
     const auto read = [](const Message& message) {
         vxi::FlowSnapshot flows;
         std::string shortfall;
+        vxi::WaitingPorts waiting;
         vxi::read_socket_flows([&](const vxi::SocketTable&,
                                    vxi::Netlink::Visit visit) { return visit(message.header()); },
-                               flows, shortfall);
+                               flows, shortfall, waiting);
         ASSERT_LE(flows.udp.total + flows.tcp.total, vxi::socket_table_count);
     };
     for (size_t size = sizeof(nlmsghdr); size <= whole.size(); ++size) {
