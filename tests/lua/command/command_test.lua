@@ -138,7 +138,7 @@ local runs = {
     { "and out again", "run --policy instant.json --cycles 4 --interval 0.01", PEAK,
       { "enter fail%-open", "leave fail%-open +0.2 ", "<< fail%-open left after 0 s",
         "normal", "entered 1 time; ends enforcing" } },
-    { "a monitored port", "run --port 443 --cycles 2 --interval 0.01", "",
+    { "a monitored port", "run --port 443 --cycles 2 --interval 0.2", "",
       { "%-%-port 443\n", "rqpct +refusalpct +estab +scanmb +frepct +delta_t",
         " >50 +>5000 +>500 ", "normal +2.8 +%- +%- +%- +43.81 +%-\n", "normal +2.9 +1.36 " } },
     { "a threshold without a port", "run --policy portless.json --cycles 2 --interval 0.01", "",
