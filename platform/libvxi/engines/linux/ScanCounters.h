@@ -23,12 +23,15 @@ struct ScanCounterValues {
     {
         return values[static_cast<size_t>(counter)];
     }
-    bool complete() const;
+    // All of those from `first` up to `end` are present.
+    bool complete(ScanCounter first, ScanCounter end) const;
 };
 
-// Each is 0, or a negated errno: -ENOENT when the table or a part of it is gone, -EPROTO
-// for an answer that does not hold what it must.
+// Named counters, packets and bytes of both directions, half-open connections. Each is 0, or a
+// negated errno: -ENOENT when the table or a part of it is gone, -EPROTO for an answer that does
+// not hold what it must.
 int read_scan_counters(Netlink& netlink, const std::string& table, ScanCounterValues& values);
+int read_scan_traffic(Netlink& netlink, const std::string& table, ScanCounterValues& values);
 int count_half_open(Netlink& netlink, const std::string& table, uint64_t& half_open);
 
 // What one message of such an answer says: a named counter, the rule that counts all packets of a

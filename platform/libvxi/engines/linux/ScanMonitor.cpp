@@ -237,6 +237,9 @@ int ScanMonitor::read_table(ScanReading& reading)
     if (status == 0) {
         status = read_scan_counters(netlink_, spec_.name, after);
     }
+    if (status == 0) {
+        status = read_scan_traffic(netlink_, spec_.name, after);
+    }
     if (status < 0) {
         return status;
     }

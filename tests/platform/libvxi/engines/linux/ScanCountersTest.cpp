@@ -37,7 +37,7 @@ TEST(TakeCounter, KeepsCountersOfTheTable)
         EXPECT_EQ(vxi::take_counter(answer.header(), values), 0);
         EXPECT_EQ(values.values[i].packets, packets);
         EXPECT_EQ(values.values[i].bytes, bytes);
-        EXPECT_FALSE(values.complete());
+        EXPECT_FALSE(values.complete(ScanCounter::New, ScanCounter::Forward));
     }
     vxi::ScanCounterValues values;
     EXPECT_EQ(vxi::take_counter(CounterAnswer("c_other").header(), values), 0);
@@ -83,8 +83,8 @@ TEST(ElementsIn, CountsTheListOnly)
 vxi::ScanCounterValues Values(uint64_t opened, uint64_t established)
 {
     vxi::ScanCounterValues values;
-    values.values[static_cast<size_t>(ScanCounter::New)].packets = opened;
-    values.values[static_cast<size_t>(ScanCounter::Established)].packets = established;
+    values.values[static_cast<size_t>(ScanCounter::New)] = {opened, 0, true};
+    values.values[static_cast<size_t>(ScanCounter::Established)] = {established, 0, true};
     return values;
 }
 
