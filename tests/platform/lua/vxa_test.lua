@@ -88,6 +88,16 @@ check(records[1].message:find("unfinished last record of 5 bytes", 1, true), rec
 check(math.abs(records[1].time - os.time()) < 60, "time of a record")
 check(read_file(log):find('"kind":"log","level":"warning"', 1, true), "record in the file")
 same(#vxa.captured(), 0, "captured twice")
+require "fc"
+vxa.capture(true)
+vxa.trace("SysHealth.eng", true)
+for _ = 1, 5003 do SLB.filter.GetSysHealthEnabled() end  -- two records each
+vxa.trace("*", false)
+vxa.capture(false)
+records, dropped = vxa.captured()
+same({ #records, dropped, select(2, vxa.captured()) }, { 10000, 6, 0 }, "the newest are kept")
+same(records[1].message .. records[10000].message,
+    "GetSysHealthEnabled() calledGetSysHealthEnabled() returning 0", "oldest and newest")
 same(vxa.log_to(nil), true, "log_to nil")
 for key, value in pairs(values) do same(kept:get(key), value, key .. " read again") end
 same(kept:get("gone"), nil, "removed key")
@@ -98,7 +108,55 @@ kept = nil
 collectgarbage()
 collectgarbage()
 check(vxa.Dom(state), "a collected document gives its directory free")
-refused("/proc/nothing", vxa.Dom("/proc/nothing/here"))
+
+-- The document in `state` after these shell commands in the empty directory.
+local function open_with(commands)
+    kept = nil
+    collectgarbage()
+    collectgarbage()
+    check(os.execute(("rm -rf %s && mkdir %s && cd %s && %s"):format(state, state, state, commands)),
+        commands, 1)
+    return vxa.Dom(state)
+end
+
+-- Refused with nothing written and nothing of the content in the message.
+t.write(scratch .. "/other", "root:secret")
+for commands, reason in pairs {
+    ["printf '{\\n \"a\": tru }' >document.json"] = ": not valid JSON at line 2, column 7",
+    ["printf ' ' >document.json"] = ": not valid JSON at line 1, column 2",
+    ["printf '[1]' >document.json"] = " holds no JSON object",
+} do
+    same(select(2, open_with(commands)), state .. "/document.json" .. reason, commands)
+end
+for _, name in ipairs { "lock", "events.jsonl", "document.json" } do
+    for command, reason in pairs {
+        ["ln -s ../../../other "] = ": it is a symbolic link",
+        ["ln ../../../other "] = ": it has more than one hard link",
+        ["mkfifo "] = ": it is not a regular file",
+    } do
+        refused(state .. "/" .. name .. reason, open_with(command .. name))
+        check(name == "lock" or read_file(state .. "/lock") == "", "written before")
+    end
+end
+same(read_file(scratch .. "/other"), "root:secret", "linked file")
+refused("/other is not a directory", vxa.Dom(scratch .. "/other/state"))
+refused("cannot make directory /proc/nothing", vxa.Dom("/proc/nothing/here"))
+
+-- A leftover is replaced without following it.
+for _, command in ipairs { "ln -s ../../../other ", "mkfifo ", "mkdir " } do
+    kept = assert(open_with(command .. "document.json.tmp"))
+    same(kept:set("a", 1), true, command)
+    same(vxa.file_kind(state .. "/document.json.tmp"), "none", command)
+    same(vxa.file_kind(state .. "/document.json"), "file", command)
+end
+same(read_file(scratch .. "/other"), "root:secret", "link that was a leftover")
+
+-- What others wrote into the document is kept.
+kept = assert(open_with [[printf '{"list":[0.1,{"x":12345678901234567}],"a":1}' >document.json]])
+refused("the value is a list or an object", kept:get("list"))
+same(kept:set("a", 2), true, "set")
+check(read_file(state .. "/document.json"):find("%[0.1, {.*12345678901234568"), "list")
+kept = nil
 
 -- Objects live as long as scripts can reach them, and no longer.
 local weak = setmetatable({}, { __mode = "k" })

@@ -47,11 +47,6 @@ std::vector<std::string> Lines(const std::string& path)
     return lines;
 }
 
-std::string LogLine(const std::string& level, const std::string& message)
-{
-    return "\"kind\":\"log\",\"level\":\"" + level + "\",\"message\":\"" + message + "\"}";
-}
-
 std::vector<std::string> Words(const char* text)
 {
     std::istringstream in(text);
@@ -104,7 +99,7 @@ TEST_F(LogTest, LatestMatchingSwitchDecides)
     EXPECT_FALSE(outsider.enabled_before_main);
 }
 
-TEST_F(LogTest, EveryMessageBecomesAJsonLine)
+TEST_F(LogTest, EveryRecordIsAJsonLine)
 {
     const std::string longest(20000, 'x');
     const std::pair<wxString, std::string> cases[] = {
@@ -126,13 +121,6 @@ TEST_F(LogTest, EveryMessageBecomesAJsonLine)
             written + "\"}");
     }
     LogTrace("off", "file", 1, "function", "not written");
-    EXPECT_EQ(Lines(m_path), expected);
-    LogTrace("SysHealth.eng", nullptr, 1, nullptr, "no names");
-    EXPECT_EQ(Lines(m_path).size(), expected.size() + 1);
-}
-
-TEST_F(LogTest, GeneralLogKeepsLevels)
-{
     wxLogError("error %d", 1);
     wxLogWarning("warning");
     wxLogMessage("message");
@@ -143,12 +131,18 @@ TEST_F(LogTest, GeneralLogKeepsLevels)
         wxLogVerbose("verbose %d", verbose);
         wxLogGeneric(wxLOG_Debug, "debug %d", verbose);
     }
-    const std::vector<std::string> expected = {
-        LogLine("error", "error 1"), LogLine("warning", "warning"), LogLine("message", "message"),
-        LogLine("info", "info"),     LogLine("message", "status"),  LogLine("info", "verbose 1"),
-        LogLine("debug", "debug 1"),
-    };
+    for (const auto& [level, message] : {std::pair("error", "error 1"),
+                                         {"warning", "warning"},
+                                         {"message", "message"},
+                                         {"info", "info"},
+                                         {"message", "status"},
+                                         {"info", "verbose 1"},
+                                         {"debug", "debug 1"}})
+        expected.push_back(R"("kind":"log","level":")" + std::string(level) + R"(","message":")" +
+                           message + "\"}");
     EXPECT_EQ(Lines(m_path), expected);
+    LogTrace("SysHealth.eng", nullptr, 1, nullptr, "no names");
+    EXPECT_EQ(Lines(m_path).size(), expected.size() + 1);
 }
 
 // A record must be in the file when the call returns, on every thread.
@@ -215,41 +209,16 @@ TEST_F(LogTest, ManyWritersAndSwitchersAtOnce)
     Host::TakeCaptured(dropped);
 }
 
-TEST_F(LogTest, CaptureKeepsTheNewest)
+// Runs the calls and returns what they write to standard error.
+template <typename Calls>
+std::string StandardError(Calls&& calls)
 {
-    Host::CaptureLog(true);
-    Host::SwitchTrace("c", true);
-    for (int i = 0; i < 10005; ++i) LogTrace("c", "file", i, "function", "m");
-    wxLogWarning("last");
-    std::uint64_t dropped = 0;
-    const auto records = Host::TakeCaptured(dropped);
-    ASSERT_EQ(records.size(), 10000u);
-    EXPECT_EQ(dropped, 6u);
-    EXPECT_EQ(records.front().line, 6);
-    EXPECT_TRUE(records.front().trace);
-    EXPECT_EQ(records.back().message, "last");
-    EXPECT_EQ(records.back().label, "warning");
-    EXPECT_TRUE(Host::TakeCaptured(dropped).empty());
-    EXPECT_EQ(dropped, 0u);
-    EXPECT_EQ(Lines(m_path).size(), 10006u);
-}
-
-TEST_F(LogTest, WithoutAFileReadableLinesGoToStandardError)
-{
-    std::string error;
-    ASSERT_TRUE(Host::LogTo("", error));
-    Host::SwitchTrace("VXI", true);
     testing::internal::CaptureStderr();
-    LogTrace("VXI", "plugins/filter/fc", 109, "tb_trace_handler", "A/2  | M\x1b | B:10\n");
-    wxLogError("broken");
-    const std::string seen = testing::internal::GetCapturedStderr();
-    EXPECT_NE(seen.find(" VXI plugins/filter/fc:109 tb_trace_handler: A/2  | M\\x1b | B:10\n"),
-              std::string::npos)
-        << seen;
-    EXPECT_NE(seen.find(" error: broken\n"), std::string::npos) << seen;
+    calls();
+    return testing::internal::GetCapturedStderr();
 }
 
-TEST_F(LogTest, AFileThatTakesNothingLosesNothing)
+TEST_F(LogTest, WhatNoFileTakesGoesToStandardError)
 {
     std::string error;
     EXPECT_FALSE(Host::LogTo("/nonexistent/log", error));
@@ -257,11 +226,13 @@ TEST_F(LogTest, AFileThatTakesNothingLosesNothing)
     wxLogError("to the former file");
     EXPECT_EQ(Lines(m_path).size(), 1u);
     ASSERT_TRUE(Host::LogTo("/dev/full", error)) << error;
-    testing::internal::CaptureStderr();
-    wxLogError("does not fit");
-    const std::string seen = testing::internal::GetCapturedStderr();
+    std::string seen = StandardError([] { wxLogError("does not fit"); });
     EXPECT_NE(seen.find("not in log file /dev/full (No space left on device)"), std::string::npos);
     EXPECT_NE(seen.find("error: does not fit\n"), std::string::npos) << seen;
+    ASSERT_TRUE(Host::LogTo("", error));
+    Host::SwitchTrace("VXI", true);
+    seen = StandardError([] { LogTrace("VXI", "fc", 109, "handler", "A/2  | M\x1b | B:10\n"); });
+    EXPECT_NE(seen.find(" VXI fc:109 handler: A/2  | M\\x1b | B:10\n"), std::string::npos) << seen;
     // A torn last line spoils no other.
     WriteText(m_path, "{\"time\":1,\"ki");
     ASSERT_TRUE(Host::LogTo(m_path, error));
