@@ -270,7 +270,8 @@ same(vxa.hexdump(("a"):rep(17) .. "\0", 255), "000000ff  " .. ("61 "):rep(16) ..
 same(vxa.mkdir(scratch .. "/a/b/c/"), true, "mkdir")
 for _, umask in ipairs { "000", "077" } do
     local made = scratch .. "/umask" .. umask
-    os.execute(("umask %s; %s -e \"require('vxa').mkdir('%s')\""):format(umask, arg[-1], made))
+    os.execute(("umask %s; LD_PRELOAD='%s' %s -e \"require('vxa').mkdir('%s')\"")
+        :format(umask, sanitizer, arg[-1], made))
     check(os.execute(("test $(stat -c %%a %s) = 755"):format(made)), made)
 end
 same(vxa.mkdir(scratch .. "/a/b"), true, "mkdir of what stands")
