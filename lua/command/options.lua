@@ -48,8 +48,9 @@ end
 local function add_policy(command)
     command:option("--policy", "Health policy, a JSON file. Without it: /etc/vx_filter.conf, "
         .. "or the built-in default where that does not exist."):argname("FILE")
-    command:option("--port", "Monitor the connections of this port. Takes the place of the "
-        .. "policy's port and adds connection thresholds to a policy that has none.")
+    command:option("--port", "Monitor the connections of this port: where redirected (DNAT), the "
+        .. "one they are redirected to; what is forwarded to containers does not count. Takes "
+        .. "the place of the policy's port and adds connection thresholds to a policy without.")
         :argname("N"):convert(whole("--port", 1, 65535))
     command:flag("--lenient", "Take members of the wrong type as the module does, and warn.")
     command:flag("--outbound", "The port is that of remote servers; without it, of servers here.")
