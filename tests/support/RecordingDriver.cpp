@@ -273,7 +273,7 @@ void tb_dump_filter_variable(tb_dump_s* sink, vxa_filter_variable_s* variable, i
 {
     const driver::Reply reply =
         Record("dump_filter_variable", nullptr, variable, sizeof *variable, style);
-    sink->print(sink, "%u %u\n", variable->number, variable->value);
+    sink->print(sink, "%u %u %d\n", variable->number, variable->value, style);
     sink->print(sink, "%s", reply.text.c_str());
 }
 

@@ -176,7 +176,7 @@ std::string AllVariables(const std::string& after = "")
 {
     std::string text;
     for (int i = 0; i < 173; ++i)
-        text += std::to_string(i) + " " + std::to_string(3 * i) + "\n" + after;
+        text += std::to_string(i) + " " + std::to_string(3 * i) + " 0\n" + after;
     return text;
 }
 

@@ -56,11 +56,19 @@ TEST_F(Frame, SuccessIsSilent)
 TEST_F(Frame, EventsAreUtf8WhereTheLocaleIs)
 {
     ASSERT_NE(std::setlocale(LC_ALL, "C.UTF-8"), nullptr);
-    host::EnableTraces(false);
+    // The ends of every length; overlong, surrogate and lone bytes are taken as Latin-1.
+    const std::string valid =
+        "\xc2\x80\xdf\xbf\xe0\xa0\x80\xef\xbf\xbf\xf0\x90\x80\x80\xf4\x8f\xbf\xbf";
+    driver::Answers answers;
+    answers.error = valid + "\xc1\xbf|\xe0\x9f\xbf|\xed\xa0\x80|\xf4\x90\x80\x80|\xc3";
+    Start(answers);
     EXPECT_FALSE(ShowErrors(dom(), handle(), L"GET_STATS", -5));
     std::setlocale(LC_ALL, "C");
-    EXPECT_EQ(Events(), Lines{"1001 utf8 GET_STATS|fffffffb ()"});
-    EXPECT_EQ(Traces(), Lines{});
+    const std::string text = "GET_STATS|fffffffb (" + valid +
+                             "\xc3\x81\xc2\xbf|\xc3\xa0\xc2\x9f\xc2\xbf|\xc3\xad\xc2\xa0\xc2\x80|"
+                             "\xc3\xb4\xc2\x90\xc2\x80\xc2\x80|\xc3\x83)";
+    EXPECT_EQ(Events(), Lines{"1001 utf8 " + text});
+    EXPECT_EQ(Traces(), Lines{"408 ShowErrors: AgentWrite 1001 " + text});
 }
 
 TEST_F(Frame, TheDriverIsAskedOnceMoreForTheTrace)
