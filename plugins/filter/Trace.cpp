@@ -44,8 +44,8 @@ void Log(wxLogLevel level, const TracePoint& at, const char* format, va_list arg
     const Message message(format, arguments);
     try {
         wxLog::OnLog(level, message.text(), {at.file, at.line, at.function, wxLOG_COMPONENT});
-    } catch (const std::bad_alloc&) {
-        // The host's log has no memory for it.
+    } catch (const std::exception&) {
+        // The host's log has no memory for it. wxWidgets may raise std::logic_error then.
     }
 }
 
