@@ -104,6 +104,7 @@ extern "C" {
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
 void* __libc_realloc(void* block, std::size_t size);
+void* __libc_memalign(std::size_t alignment, std::size_t size);
 
 static bool IsRefused(std::size_t size)
 {
@@ -120,6 +121,11 @@ void* malloc(std::size_t size)
 void* calloc(std::size_t count, std::size_t size)
 {
     return IsRefused(count * size) ? nullptr : __libc_calloc(count, size);
+}
+
+void* aligned_alloc(std::size_t alignment, std::size_t size)
+{
+    return IsRefused(size) ? nullptr : __libc_memalign(alignment, size);
 }
 
 // Lua relies on it that a block can be made smaller.

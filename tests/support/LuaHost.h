@@ -32,6 +32,9 @@ public:
     // Calls what stands on the stack under FailAfter; the error's text, or empty.
     std::string CallFailing(int arguments, long allowed, bool for_good);
 
+    // What the state holds.
+    std::size_t Bytes() const { return m_bytes; }
+
     // Closes the state and tells how many bytes it still held.
     std::size_t Close();
 

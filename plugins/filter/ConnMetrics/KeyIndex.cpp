@@ -102,9 +102,7 @@ void KeyIndex::Flush()
 
 void KeyIndex::Clear()
 {
-    m_slots = {};
-    m_cells = {};
-    m_totals = {};
+    *this = KeyIndex();
 }
 
 }  // namespace fc
