@@ -17,15 +17,11 @@ end
 publish()
 get()
 
--- The row of one text.
-local function row(text, count)
-    t.equal(select("#", add("k", text, count or 1)), 0, "feeding returns nothing")
-    publish()
-    local rows = table.pack(get())
-    t.equal(rows.n, 1)
-    t.equal(#rows[1], 1)
-    t.equal(get(), {}, "a report is given once")
-    return rows[1][1]
+-- Texts and the fields of their rows; without a count in them, it is 1.
+local cases = {}
+local function case(text, fields)
+    fields.count = fields.count or 1
+    cases[#cases + 1] = { text, fields }
 end
 
 -- ---- flags -----------------------------------------------------------------------------
@@ -36,29 +32,28 @@ local bits = {
     cf_qoagent_key_not_found = 0x40, cf_qoagent_key_error = 0x80, cf_qoagent_fail_open = 0x200,
     cf_qoagent_throttled = 0x400, cf_qoagent_banned = 0x800, cf_do_dpi = 0x20,
 }
+local all = {}
+for name in pairs(bits) do all[name] = 1 end
 
 local function flags(value, set)
-    local fields = {flags = value, count = 1}
+    local fields = { flags = value }
     for name in pairs(bits) do fields[name] = set[name] or 0 end
     return fields
 end
 
-for name, bit in pairs(bits) do t.equal(row("flags\t" .. bit), flags(bit, {[name] = 1}), name) end
-local all = {}
-for name in pairs(bits) do all[name] = 1 end
-t.equal(row("flags\t4095"), flags(4095, all))
-t.equal(row("flags\t-1"), flags(-1, all))
-t.equal(row("flags\t61440"), flags(61440, {}), "bits that have no field")
-t.equal(row("flags\t9223372036854775807"), flags(2^63, all))
-t.equal(row("flags\t-9223372036854775808"), flags(-2^63, {}))
-t.equal(row("flags\t4294967297"), flags(4294967297, {cf_ssl_connection = 1}))
-for _, none in ipairs {"flags", "flags\t", "flags\tx1"} do t.equal(row(none), flags(0, {}), none) end
+for name, bit in pairs(bits) do case("flags\t" .. bit, flags(bit, { [name] = 1 })) end
+case("flags\t4095", flags(4095, all))
+case("flags\t-1", flags(-1, all))
+case("flags\t61440", flags(61440, {}))  -- bits that have no field
+case("flags\t9223372036854775807", flags(2^63, all))
+case("flags\t-9223372036854775808", flags(-2^63, {}))
+case("flags\t4294967297", flags(4294967297, { cf_ssl_connection = 1 }))
+for _, none in ipairs { "flags", "flags\t", "flags\tx1" } do case(none, flags(0, {})) end
 
 -- A later line of the name overwrites what the earlier one set, all of it.
-t.equal(row "flags\t3\nflags\t4", flags(4, {cf_outbound_connection = 1}))
-local last = flags(2, {cf_udp_connection = 1})
-last.cf_ssl_connection = "text"
-t.equal(row "cf_udp_connection\ttext\nflags\t2\ncf_ssl_connection\ttext", last)
+case("flags\t3\nflags\t4", flags(4, { cf_outbound_connection = 1 }))
+case("cf_udp_connection\ttext\nflags\t2\ncf_ssl_connection\ttext",
+    flags(2, { cf_udp_connection = 1, cf_ssl_connection = "text" }))
 
 -- ---- numbers ---------------------------------------------------------------------------
 
@@ -71,98 +66,115 @@ local values = {
     ["-99999999999999999999999999"] = -2^63, ["4503599627370497"] = 4503599627370497,
     ["99999999999999999999x"] = 2^63,
 }
+local numbers = { "pid", "dst_port", "tls_version", "cipher", "container_type" }
 for text, number in pairs(values) do
-    for _, name in ipairs {"pid", "dst_port", "tls_version", "cipher", "container_type"} do
-        t.equal(row(name .. "\t" .. text), {[name] = number, count = 1}, ("%s %q"):format(name, text))
-    end
+    for _, name in ipairs(numbers) do case(name .. "\t" .. text, { [name] = number }) end
 end
 
 -- ---- names and lines -------------------------------------------------------------------
 
-local texts = {
+for text, fields in pairs {
     [""] = {},
     ["\n\n"] = {},
-    ["\n\na\tb\n\n\nc\td\n"] = {a = "b", c = "d"},
-    ["alone"] = {alone = ""},
-    ["a\t"] = {a = ""},
-    ["\tb"] = {[""] = "b"},
-    ["\t"] = {[""] = ""},
-    ["a\tb\tc"] = {a = "b\tc"},
-    ["a\t1\na\t2"] = {a = "2"},
-    ["a\t1\na"] = {a = ""},
-    [" a \t b "] = {[" a "] = " b "},
-    ["a\tb\r\nc\td\r"] = {a = "b\r", c = "d\r"},
+    ["\n\na\tb\n\n\nc\td\n"] = { a = "b", c = "d" },
+    ["alone"] = { alone = "" },
+    ["a\t"] = { a = "" },
+    ["\tb"] = { [""] = "b" },
+    ["\t"] = { [""] = "" },
+    ["a\tb\tc"] = { a = "b\tc" },
+    ["a\t1\na\t2"] = { a = "2" },
+    ["a\t1\na"] = { a = "" },
+    [" a \t b "] = { [" a "] = " b " },
+    ["a\tb\r\nc\td\r"] = { a = "b\r", c = "d\r" },
     ["Pid\t5\nPID\t6\npid \t7\ncipherx\t1\nciphe\t1\nflag\t1\nflagsx\t1"] = {
-        Pid = "5", PID = "6", ["pid "] = "7", cipherx = "1", ciphe = "1", flag = "1", flagsx = "1"},
+        Pid = "5", PID = "6", ["pid "] = "7", cipherx = "1", ciphe = "1", flag = "1", flagsx = "1" },
     ["count\t17"] = {},
-    ["1\tone"] = {["1"] = "one"},
-    ["pid\nname\tx"] = {pid = 0, name = "x"},
-    ["a\tb\0c\td"] = {a = "b"},
+    ["1\tone"] = { ["1"] = "one" },
+    ["pid\nname\tx"] = { pid = 0, name = "x" },
+    ["a\tb\0c\td"] = { a = "b" },
     ["\0a\tb"] = {},
-    ["v\t" .. ("x"):rep(511)] = {v = ("x"):rep(511)},
-    ["v\t" .. ("x"):rep(512)] = {v = ("x"):rep(512)},
-    ["v\t" .. ("x"):rep(513)] = {v = ("x"):rep(513)},
-    ["v\t" .. ("x"):rep(2 ^ 20)] = {v = ("x"):rep(2 ^ 20)},
-    [("n"):rep(600) .. "\t1"] = {[("n"):rep(600)] = "1"},
-    ["%s%n\t%d\x7f\x01"] = {["%s%n"] = "%d\x7f\x01"},
-}
-for text, fields in pairs(texts) do
-    fields.count = 3
-    t.equal(row(text, 3), fields, ("%q"):format(text:sub(1, 80)))
+    ["v\t" .. ("x"):rep(512)] = { v = ("x"):rep(512) },
+    ["v\t" .. ("x"):rep(2 ^ 20)] = { v = ("x"):rep(2 ^ 20) },
+    [("n"):rep(600) .. "\t1"] = { [("n"):rep(600)] = "1" },
+    ["%s%n\t%d\x7f\x01"] = { ["%s%n"] = "%d\x7f\x01" },
+} do
+    case(text, fields)
 end
 
-local everything = row("flags\t257\ndst_port\t443", 3)
-local expected = flags(257, {cf_ssl_connection = 1, cf_start_tls = 1})
-expected.dst_port, expected.count = 443, 3
-t.equal(everything, expected)
+-- More lines than the report keeps names for, twice, with another value in the last.
+for _, last in ipairs { "one", "other" } do
+    local lines, fields = {}, {}
+    for i = 1, 20 do
+        fields["n" .. i] = i < 20 and "v" .. i or last
+        lines[i] = ("n%d\t%s"):format(i, fields["n" .. i])
+    end
+    case(table.concat(lines, "\n"), fields)
+end
+
+-- ---- one report of all, forwards and backwards --------------------------------------------
+
+-- Rows share what the row before them had in the same line.
+for _, first in ipairs { 0, #cases + 1 } do
+    for i, c in ipairs(cases) do add(("%05d"):format(math.abs(first - i)), c[1], c[2].count) end
+    publish()
+    local results = table.pack(get())
+    t.equal({ results.n, #results[1] }, { 1, #cases })
+    t.equal(get(), {}, "a report is given once")
+    for i, c in ipairs(cases) do
+        t.equal(results[1][math.abs(first - i)], c[2], ("%q"):format(c[1]:sub(1, 80)))
+    end
+end
 
 -- ---- encodings -------------------------------------------------------------------------
 
 -- Fed in one locale, reported in another: what cannot be told is empty, what can stays.
-local utf8 = "name\t\xc3\xbc\n\xe2\x82\xac\tplain\nascii\tkept\nlong\t\xc3\xa4" .. ("y"):rep(600)
-local function fed_and_reported(fed, reported, text)
+local function fed_and_reported(fed, reported, ...)
     assert(os.setlocale(fed))
-    add("k", text, 1)
+    for i, text in ipairs { ... } do add("k" .. i, text, 1) end
     publish()
     assert(os.setlocale(reported))
     local rows = get()
     assert(os.setlocale "C")
     return rows
 end
-t.equal(fed_and_reported("C.UTF-8", "C.UTF-8", utf8), {{
-    name = "\xc3\xbc", ["\xe2\x82\xac"] = "plain", ascii = "kept",
-    long = "\xc3\xa4" .. ("y"):rep(600), count = 1}})
-t.equal(fed_and_reported("C.UTF-8", "C", utf8), {{
-    name = "", [""] = "plain", ascii = "kept", long = "", count = 1}})
-t.equal(fed_and_reported("C", "C.UTF-8", utf8), {{count = 1}}, "no text at all")
-t.equal(fed_and_reported("C.UTF-8", "C.UTF-8", "a\t\xff\nb\t1"), {{count = 1}}, "no text at all")
+local long = "\xc3\xa4" .. ("y"):rep(600)
+local utf8 = "name\t\xc3\xbc\n\xe2\x82\xac\tplain\nascii\tkept\nlong\t" .. long
+local decoded = { name = "\xc3\xbc", ["\xe2\x82\xac"] = "plain", ascii = "kept", long = long,
+                  count = 1 }
+t.equal(fed_and_reported("C.UTF-8", "C.UTF-8", utf8, (utf8:gsub("\xbc", "\xa4")), utf8),
+    { decoded, { name = "\xc3\xa4", ["\xe2\x82\xac"] = "plain", ascii = "kept", long = long,
+                 count = 1 }, decoded })
+t.equal(fed_and_reported("C.UTF-8", "C", utf8), { {
+    name = "", [""] = "plain", ascii = "kept", long = "", count = 1 } })
+t.equal(fed_and_reported("C", "C.UTF-8", utf8), { { count = 1 } }, "no text at all")
+t.equal(fed_and_reported("C.UTF-8", "C.UTF-8", "a\t\xff\nb\t1"), { { count = 1 } }, "no text at all")
 -- Full-width digits are no digits.
 t.equal(fed_and_reported("C.UTF-8", "C.UTF-8", "pid\t\xef\xbc\x91\ncipher\t5\xef\xbc\x91"),
-    {{pid = 0, cipher = 5, count = 1}})
+    { { pid = 0, cipher = 5, count = 1 } })
 
 -- ---- order, and counts -----------------------------------------------------------------
 
-local keys = {"b", "a", "B", "", "aa", "a b", "10", "9", "~", "a\1", "A"}
-for i, key in ipairs(keys) do add(key, "key\t" .. key, i) end
-publish()
-local sorted = {table.unpack(keys)}
-table.sort(sorted)
-local reported = {}
-for i, fields in ipairs(get()) do reported[i] = fields.key end
-t.equal(reported, sorted, "by key, by the code of its characters")
-
-for count, times in pairs {[2.9] = 2, [-1] = 4294967295, [4294967297] = 1, [-4294967295] = 1} do
-    t.equal(row("a\tb", count), {a = "b", count = times})
+local keys = { "b", "a", "B", "", "aa", "a b", "10", "9", "~", "a\1", "A" }
+for i, key in ipairs(keys) do
+    t.equal(select("#", add(key, "key\t" .. key, i)), 0, "feeding returns nothing")
 end
-for _, nothing in ipairs {0, 0.9, -0.9, 4294967296, 2 ^ 63, -2 ^ 64, 0 / 0, 1 / 0, -1 / 0} do
+publish()
+table.sort(keys)
+for i, row in ipairs(get()) do t.equal(row.key, keys[i], "by the codes of the characters") end
+
+for count, times in pairs { [2.9] = 2, [-1] = 4294967295, [4294967297] = 1, [-4294967295] = 1 } do
+    add("k", "a\tb", count)
+    publish()
+    t.equal(get(), { { a = "b", count = times } })
+end
+for _, nothing in ipairs { 0, 0.9, -0.9, 4294967296, 2 ^ 63, -2 ^ 64, 0 / 0, 1 / 0, -1 / 0 } do
     add("k", "a\tb", nothing)
     publish()
     t.equal(get(), {}, tostring(nothing))
 end
 
 -- A text whose lines repeat costs what its one field costs.
-local repeated = ("flags\t\n"):rep(150000)
-add("k", repeated, 1)
+add("k", ("flags\t\n"):rep(150000), 1)
 publish()
 collectgarbage()
 collectgarbage "stop"
