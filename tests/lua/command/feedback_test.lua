@@ -1,96 +1,81 @@
--- The filter script's feedback against a module that keeps what it is told, and the
--- command's side of it: what is not published yet, whose addresses are whose.
+-- The filter script's feedback with the module on a clock of the test's, and the command's side
+-- of it: whose addresses are whose.
+
+local folder = arg[0]:match("^(.*)/")
+package.path = folder .. "/?.lua;" .. folder .. "/../../../lua/?.lua;" .. package.path
 
 local cases = require "cases"
 local addresses = require "command.addresses"
-local filter = require "filter"
+local recorder = require "recorder"
 local testing = require "testing"
+require "fc"
+local filter = require "filter"
 
-local now = 1000
-os.time = function() return now end
+local function pass(seconds)
+    recorder.clock((os.time() + seconds) * 1e6)
+end
 
--- The module: publishes more than 60 seconds after it did so last, keeps `room` keys.
-local function module(room)
-    local working, published, last = {}, {}, now
-    SLB = { filter = {} }
-    function SLB.filter.AddToConnMetrics(key, text, count)
-        for _, row in ipairs(working) do
-            if row.key == key then row.count = row.count + count return end
-        end
-        if #working < room then working[#working + 1] = { key = key, text = text, count = count } end
-    end
-    function SLB.filter.UpdateConnMetrics()
-        if now - last > 60 then working, published, last = {}, working, now end
-    end
-    function SLB.filter.GetConnMetrics()
-        local rows = published
-        published = {}
-        return rows
-    end
+-- With the module empty, and its next publication 61 seconds away.
+local function start(options)
+    pass(100)
+    SLB.filter.UpdateConnMetrics()
+    SLB.filter.GetConnMetrics()
+    return filter.feedback(options)
 end
 
 local function tcp(src, sport, dst, dport)
     return { protocol = "tcp", src = src, sport = sport, dst = dst, dport = dport }
 end
 
-local function keys(report, field)
+-- The module's rows, and those made of what it has not published, are the same.
+local function rows(report)
     local list = {}
-    for i, row in ipairs(report.rows) do list[i] = row.count .. " " .. row[field or "key"] end
+    for i, row in ipairs(report.rows) do
+        list[i] = ("%d %s %s:%d %d %d%d"):format(row.count, row.protocol, row.dst_addr, row.dst_port,
+            row.flags, row.cf_udp_connection, row.cf_outbound_connection)
+    end
     return list
 end
 
--- A flow, whether its source is local, the observation.
-local observations = {
-    { tcp("10.0.0.2", 40000, "10.0.0.1", 443), false, "tcp 10.0.0.1 443 0",
-      "protocol\ttcp\ndst_addr\t10.0.0.1\ndst_port\t443\nflags\t0\n" },
-    { { protocol = "udp", src = "::1", sport = 1, dst = "2001:db8::1", dport = 53 }, true,
-      "udp 2001:db8::1 53 6", "protocol\tudp\ndst_addr\t2001:db8::1\ndst_port\t53\nflags\t6\n" },
-}
-
-for _, row in ipairs(observations) do
-    cases.case(row[3], function()
-        cases.equal({ filter.observation(row[1], row[2]) },
-            { row[3], row[4], tonumber(row[3]:match("%d+$")) }, "observation")
-    end)
-end
-
 cases.case("a flow is fed once while it lasts, and again when it comes back", function()
-    module(100)
-    local feedback = filter.feedback { is_local = function(a) return a == "10.0.0.1" end }
+    local feedback = start { is_local = function(a) return a == "10.0.0.1" or a == "::1" end }
     local a, b = tcp("10.0.0.2", 1, "10.0.0.1", 443), tcp("10.0.0.2", 2, "10.0.0.1", 443)
-    local out = tcp("10.0.0.1", 3, "10.0.0.9", 80)
-    local samples = { { { a, b, a }, 2, 2 }, { { a, b, out }, 3, 1 }, { { b }, 1, 0 }, { { a }, 1, 1 } }
+    local out = { protocol = "udp", src = "::1", sport = 3, dst = "2001:db8::1", dport = 443 }
+    local also = tcp("::1", 3, "2001:db8::1", 443)
+    local samples = { { { a, b, a }, 2, 2 }, { { a, b, out }, 3, 1 }, { { b, also }, 2, 1 },
+                      { { a }, 1, 1 } }
     for i, sample in ipairs(samples) do
         cases.equal({ feedback:sample(sample[1]) }, { sample[2], sample[3] }, "sample " .. i)
     end
-    now = now + 61
+    local expected = { "3 tcp 10.0.0.1:443 0 00", "1 tcp 2001:db8::1:443 4 01",
+                       "1 udp 2001:db8::1:443 6 11" }
+    cases.equal(rows(feedback:rest()), expected, "not published yet")
+    cases.equal(feedback:report(), nil, "before it is due")
+    pass(61)
     local report = feedback:report()
-    cases.equal(keys(report), { "3 tcp 10.0.0.1 443 0", "1 tcp 10.0.0.9 80 4" }, "rows")
-    cases.equal({ report.observations, report.refused, report.time - report.since }, { 4, 0, 61 },
+    cases.equal(rows(report), expected, "rows")
+    cases.equal({ report.observations, report.refused, report.time - report.since }, { 5, 0, 61 },
         "totals")
 end)
 
 cases.case("what finds no room is counted before the report", function()
-    local kept = filter.KEYS_KEPT
-    filter.KEYS_KEPT = 2
-    module(2)
-    local feedback, flows = filter.feedback(), {}
-    for i = 1, 9 do flows[i] = tcp("10.0.0.2", i, "10.0.0.1", i % 4) end
+    local feedback, flows = start(), {}
+    for i = 1, 20002 do flows[i] = tcp("10.0.0.2", i, "10.0.0." .. i % 2, math.ceil(i / 2)) end
     feedback:sample(flows)
+    feedback:sample { tcp("10.0.0.3", 1, "10.0.0.1", 1), tcp("10.0.0.3", 1, "10.0.0.1", 10001) }
     local rest = feedback:rest()
-    cases.equal({ keys(rest, "dst_port"), rest.observations, rest.refused },
-        { { "3 1", "2 2" }, 5, 4 }, "not published yet")
-    now = now + 61
-    cases.equal(feedback:report().refused, 4, "refused in the report")
+    cases.equal({ #rest.rows, rest.observations, rest.refused }, { 10000, 10001, 10003 }, "rest")
+    pass(61)
+    local report = feedback:report()
+    cases.equal(rows(report), rows(rest), "rows")
+    cases.equal({ report.observations, report.refused }, { 10001, 10003 }, "report")
     rest = feedback:rest()
     cases.equal({ #rest.rows, rest.refused }, { 0, 0 }, "afterwards")
-    filter.KEYS_KEPT = kept
 end)
 
 cases.case("an interrupted sample feeds nothing, and the next one everything", function()
-    module(100)
     local asked, flows = 0, {}
-    local feedback = filter.feedback { interrupted = function() asked = asked + 1 return asked == 2 end }
+    local feedback = start { interrupted = function() asked = asked + 1 return asked == 2 end }
     for i = 1, 2500 do flows[i] = tcp("10.0.0.2", i, "10.0.0.1", 443) end
     cases.equal({ feedback:sample(flows) }, { nil, "interrupted" }, "interrupted")
     cases.equal(#feedback:rest().rows, 0, "fed")
@@ -98,22 +83,16 @@ cases.case("an interrupted sample feeds nothing, and the next one everything", f
 end)
 
 cases.case("a report comes when it is due, and everything is in one", function()
-    module(2)
-    local feedback = filter.feedback()
-    local fed, told = 0, 0
-    for second = 1, 200 do
-        now = now + (second == 100 and -30 or 1)
+    local feedback = start()
+    local fed, reported, reports = 0, 0, 0
+    for second = 1, 300 do
+        pass(second == 100 and -30 or 1)
         fed = fed + select(2, feedback:sample { tcp("10.0.0.2", second, "10.0.0.1", second % 3) })
-        local report = feedback:report()
-        if report then told = told + report.observations + report.refused end
+        local due, report = feedback:due(), feedback:report()
+        cases.equal(report ~= nil, due == 0, "due in " .. due)
+        if report then reports, reported = reports + 1, reported + report.observations end
     end
-    cases.equal(feedback:due() > 0, true, "not due")
-    now = now + feedback:due()
-    cases.equal(feedback:due(), 0, "due")
-    local last = feedback:report()
-    cases.equal(last.refused > 0, true, "refused")
-    cases.equal(told + last.observations + last.refused, fed, "fed")
-    cases.equal(feedback:report(), nil, "a second report")
+    cases.equal({ reports, reported + feedback:rest().observations }, { 4, fed }, "reports")
 end)
 
 -- The kernel's two files, and addresses that are this machine's or not.
