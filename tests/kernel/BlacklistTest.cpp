@@ -19,12 +19,12 @@ std::string Fetch(const driver::Handle& handle = driver::Open())
     auto* filled = reinterpret_cast<vxa_blacklist_get_addrs_s*>(block.data());
     EXPECT_EQ(vxi_get_blacklist(handle.get(), filled), 0) << driver::Error(handle);
     EXPECT_EQ(filled->entries_size, header.entries_size);
-    return driver::Text(tb_dump_blacklist, filled);
+    return text_of(tb_dump_blacklist, filled);
 }
 
-void Load(const std::string& rules, const std::string& options = "")
+void Load(const std::string& rules)
 {
-    FILE* nft = popen(("nft " + options + " -f -").c_str(), "we");
+    FILE* nft = popen("nft -f -", "we");
     ASSERT_NE(nft, nullptr);
     fwrite(rules.data(), 1, rules.size(), nft);
     ASSERT_EQ(pclose(nft), 0) << rules.substr(0, 400);
@@ -39,33 +39,18 @@ struct Case {
 
 // Elements that expire do so within the next ten minutes; in the text as after these minutes.
 const Case cases[] = {
-    {"no table", "", 0, "0 sets\n"},
     {"no set by that name",
      "table inet t { set white { type ipv4_addr; elements = { 1.1.1.1 }; }; }", 0, "0 sets\n"},
-    {"an empty set", "table ip t { set blacklist { type ipv4_addr; }; }", 0,
-     "1 sets\n# set 0: ip t blacklist\n"},
-    {"single addresses",
-     "table inet t { set blacklist { type ipv4_addr; elements = { 1.2.3.4, 0.0.0.0, "
-     "255.255.255.255 }; }; }",
-     3, "1 sets\n# set 0: inet t blacklist\n0.0.0.0 set 0\n1.2.3.4 set 0\n255.255.255.255 set 0\n"},
     {"intervals that touch and reach both ends",
      "table inet t { set blacklist { type ipv4_addr; flags interval; elements = { 0.0.0.0/8, "
-     "1.0.0.0/24, 1.0.1.0/24, 9.9.9.9, 10.0.0.1-10.0.2.7, 224.0.0.0/3 }; }; }",
-     6,
-     "1 sets\n# set 0: inet t blacklist\n0.0.0.0-0.255.255.255 set 0\n1.0.0.0-1.0.0.255 set 0\n"
+     "1.0.0.0/24, 1.0.1.0/24, 9.9.9.9, 10.0.0.1-10.0.2.7, 224.0.0.0/3 }; }; "
+     "set blacklist6 { type ipv6_addr; flags interval; elements = { ::1, ff00::/8 }; }; }",
+     8,
+     "2 sets\n# set 0: inet t blacklist\n# set 1: inet t blacklist6\n"
+     "0.0.0.0-0.255.255.255 set 0\n1.0.0.0-1.0.0.255 set 0\n"
      "1.0.1.0-1.0.1.255 set 0\n9.9.9.9 set 0\n10.0.0.1-10.0.2.7 set 0\n"
-     "224.0.0.0-255.255.255.255 set 0\n"},
-    {"everything",
-     "table inet t { set blacklist { type ipv4_addr; flags interval; elements = { 0.0.0.0/0 }; }; "
-     "}",
-     1, "1 sets\n# set 0: inet t blacklist\n0.0.0.0-255.255.255.255 set 0\n"},
-    {"IPv6 intervals",
-     "table ip6 t { set blacklist { type ipv6_addr; flags interval; elements = { ::1, fe80::/10, "
-     "2001:db8::ffff-2001:db8::1:0, ff00::/8 }; }; }",
-     4,
-     "1 sets\n# set 0: ip6 t blacklist\n::1 set 0\n2001:db8::ffff-2001:db8::1:0 set 0\n"
-     "fe80::-febf:ffff:ffff:ffff:ffff:ffff:ffff:ffff set 0\n"
-     "ff00::-ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff set 0\n"},
+     "224.0.0.0-255.255.255.255 set 0\n::1 set 1\n"
+     "ff00::-ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff set 1\n"},
     {"timeouts of sets, of elements and none",
      "table inet t { set blacklist4 { type ipv4_addr; flags timeout; elements = { 1.1.1.1 timeout "
      "2h expires 10m, 2.2.2.2 }; };"
@@ -144,21 +129,6 @@ NETWORK_TEST(Blacklist, HoldsTenThousandAsNftListsThem)
     EXPECT_EQ(ours.size(), 10000u);
     EXPECT_EQ(ours, Matches(network::Run("nft list ruleset"),
                             "[ \t]([0-9a-f]+[.:][0-9a-f.:]+(-[0-9.]+)?)"));
-}
-
-// The kernel takes any bytes but NUL for a name.
-NETWORK_TEST(Blacklist, EscapesWhatTheKernelNames)
-{
-    const std::string name = R"(t\u001b[31m)";
-    const std::string set = R"(blacklist\n# set 9: \"\\xü)" + std::string(200, 'z');
-    Load(R"({"nftables": [{"add": {"table": {"family": "inet", "name": ")" + name +
-             R"("}}}, {"add": {"set": {"family": "inet", "table": ")" + name + R"(", "name": ")" +
-             set + R"(", "type": "ipv4_addr"}}}]})",
-         "-j");
-    EXPECT_EQ(Fetch(),
-              R"(# blacklist: nf_tables sets named blacklist* (engine linux), 0 entries, 1 sets
-# set 0: inet t\x1b[31m blacklist\x0a# set 9: "\x5cx\xc3\xbc)" +
-                  std::string(200, 'z') + "\n");
 }
 
 NETWORK_TEST(Blacklist, FillIsServedFromTheSnapshotOnce)

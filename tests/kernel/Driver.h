@@ -2,8 +2,6 @@
 #pragma once
 
 #include <array>
-#include <cstdarg>
-#include <cstdio>
 
 #include "platform/libvxi/Fixture.h"
 
@@ -41,26 +39,6 @@ inline int Fetch(const Handle& handle, uint32_t direction, uint16_t port, Counte
         memcpy(counters.data(), request.counter, sizeof counters);
     }
     return status;
-}
-
-inline void Append(tb_dump_s* sink, const char* format, ...)
-{
-    char text[1024];
-    va_list arguments;
-    va_start(arguments, format);
-    vsnprintf(text, sizeof text, format, arguments);
-    va_end(arguments);
-    *static_cast<std::string*>(sink->context) += text;
-}
-
-// What a text routine prints of a record.
-template <typename Record>
-std::string Text(void (*routine)(tb_dump_s*, Record*), Record* record)
-{
-    std::string text;
-    tb_dump_s sink = {Append, &text};
-    routine(&sink, record);
-    return text;
 }
 
 }  // namespace driver

@@ -52,7 +52,7 @@ Table Fetch(const driver::Handle& handle)
     Request(handle, block, sizeof count + 72u * taken, IPPROTO_TCP,
             static_cast<uint16_t>(count.entry_ct - taken), table.tcp);
     table.text =
-        driver::Text(tb_dump_all_conn_track, reinterpret_cast<vxa_dump_conntrack_s*>(block.data()));
+        text_of(tb_dump_all_conn_track, reinterpret_cast<vxa_dump_conntrack_s*>(block.data()));
     return table;
 }
 

@@ -21,7 +21,7 @@ std::string StatisticsText(const driver::Handle& handle)
 {
     Statistics stats;
     EXPECT_EQ(vxi_get_stats(handle.get(), &stats, sizeof stats), 0) << driver::Error(handle);
-    return driver::Text<vxa_stats_v2_s>(tb_dump_stats, &stats);
+    return text_of<vxa_stats_v2_s>(tb_dump_stats, &stats);
 }
 
 // "NAME VALUE" lines; the heading is left out, a name that occurs twice fails the test.

@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -117,6 +119,31 @@ inline constexpr Call calls[] = {
 };
 
 inline void drop(tb_dump_s*, const char*, ...) {}
+
+// Takes what one call may bring, and no more.
+inline void print(tb_dump_s* dump, const char* format, ...)
+{
+    char call[1024];
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = std::vsnprintf(call, sizeof call, format, arguments);
+    va_end(arguments);
+    EXPECT_TRUE(length > 0 && length < 1024) << length;
+    EXPECT_EQ('\n', call[std::strlen(call) - 1]) << "a line was torn";
+    for (const char c : std::string(call)) {
+        EXPECT_TRUE(c == '\n' || (c >= ' ' && c < 0x7f)) << int{c};
+    }
+    *static_cast<std::string*>(dump->context) += call;
+}
+
+template <typename Record, typename... More>
+std::string text_of(void (*dump)(tb_dump_s*, Record*, More...), Record* record, More... more)
+{
+    std::string text;
+    tb_dump_s sink{print, &text};
+    dump(&sink, record, more...);
+    return text;
+}
 
 struct Malformed {
     const char* text;

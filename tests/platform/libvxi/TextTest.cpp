@@ -2,37 +2,11 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
-#include <cstdarg>
 
 #include "Fixture.h"
 #include "Source.h"
 
 namespace {
-
-// Takes what one call may bring, and no more.
-void print(tb_dump_s* dump, const char* format, ...)
-{
-    char call[1024];
-    va_list arguments;
-    va_start(arguments, format);
-    const int length = std::vsnprintf(call, sizeof call, format, arguments);
-    va_end(arguments);
-    EXPECT_TRUE(length > 0 && length < 1024) << length;
-    EXPECT_EQ('\n', call[std::strlen(call) - 1]) << "a line was torn";
-    for (const char c : std::string(call)) {
-        EXPECT_TRUE(c == '\n' || (c >= ' ' && c < 0x7f)) << int{c};
-    }
-    *static_cast<std::string*>(dump->context) += call;
-}
-
-template <typename Record, typename... More>
-std::string text_of(void (*dump)(tb_dump_s*, Record*, More...), Record* record, More... more)
-{
-    std::string text;
-    tb_dump_s sink{print, &text};
-    dump(&sink, record, more...);
-    return text;
-}
 
 void begin(vxi::Table table, const char* engine, const char* source = "a test")
 {
