@@ -1,6 +1,4 @@
-// JSON for scripts: checking a text, and reading values out of a long one piece by piece.
-#include "vxa_core/json.h"
-
+// JSON for scripts: reading the values of a long text one by one.
 #include <cjson/cJSON.h>
 
 #include <memory>
@@ -16,22 +14,6 @@ struct DeleteJson {
     void operator()(cJSON* item) const { cJSON_Delete(item); }
 };
 using Json = std::unique_ptr<cJSON, DeleteJson>;
-
-int check_json(lua_State* L)
-{
-    size_t length = 0;
-    const char* text = luaL_checklstring(L, 1, &length);
-    VxaCore::Host::JsonProblem problem;
-    if (VxaCore::Host::CheckJson({text, length}, problem)) {
-        lua_pushboolean(L, 1);
-        return 1;
-    }
-    lua_pushnil(L);
-    lua_pushstring(L, problem.message);
-    lua_pushnumber(L, problem.line);
-    lua_pushnumber(L, problem.column);
-    return 4;
-}
 
 // Where parse_json has its arguments.
 constexpr int kText = 1;
@@ -106,7 +88,6 @@ int parse_json(lua_State* L)
 }
 
 constexpr luaL_Reg kFunctions[] = {
-    {"check_json", check_json},
     {"parse_json", parse_json},
     {nullptr, nullptr},
 };

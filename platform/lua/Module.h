@@ -15,7 +15,7 @@ void open_archive(lua_State* L);   // Archive.cpp: ZipOutputStream, zip_entries,
 void open_handle(lua_State* L);    // Handle.cpp: open, and the handle's methods
 void open_engine(lua_State* L);    // Engine.cpp: engine, engines, fault, simulate...
 void open_log(lua_State* L);       // Log.cpp: trace, verbose, log_to, capture, captured
-void open_json(lua_State* L);      // Json.cpp: check_json, parse_json
+void open_json(lua_State* L);      // Json.cpp: parse_json
 void open_pending_file(lua_State* L);  // PendingFile.cpp: temporary, and the file's methods
 void open_system(lua_State* L);    // System.cpp: clock, files, environment
 void open_text(lua_State* L);      // Text.cpp: printable, hexdump

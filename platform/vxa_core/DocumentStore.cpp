@@ -8,7 +8,6 @@
 #include "StateDirectory.h"
 #include "Text.h"
 #include "vxa_core/document.h"
-#include "vxa_core/json.h"
 
 namespace VxaCore {
 
@@ -73,12 +72,11 @@ JsonItem ReadDocument(const StateDirectory& directory)
     size_t stop = 0;
     JsonItem document = ParseJson(text, stop);
     if (!document) {
-        Host::JsonProblem problem;
-        Host::CheckJson(text, problem);
+        const JsonPlace place = PlaceOf(text, stop);
         // Nothing of the content: the file may be one that the reader of the message
         // must not read.
-        throw std::runtime_error(name + ": not valid JSON at line " + std::to_string(problem.line) +
-                                 ", column " + std::to_string(problem.column));
+        throw std::runtime_error(name + ": not valid JSON at line " + std::to_string(place.line) +
+                                 ", column " + std::to_string(place.column));
     }
     if (!cJSON_IsObject(document.get())) throw std::runtime_error(name + " holds no JSON object");
     KeepNumbersExact(document.get());

@@ -27,7 +27,8 @@ cases.case("wrong options", function()
         testing.raises(row[1], filter.new, row[2])
     end
     testing.raises("unknown option 'islocal'", filter.feedback, { islocal = print })
-    testing.raises("the policy must be a string, not table", filter.new { dom = dom }.set_policy, {}, {})
+    testing.raises("the policy must be a string, not table", filter.new { dom = dom }.set_policy,
+        {}, {})
 end)
 
 -- ---- cycles -----------------------------------------------------------------------------
@@ -63,7 +64,8 @@ vxa.trace("SysHealth.eng", true)
 
 -- In each cycle: load, free memory in %, text of the action, state, transition. The minimum
 -- time of fail-open is 0, so the second cycle leaves it.
-local POLICY = '{"SYS_CONF_MIN_ACT_DURATION":0,"SYS_THR_RUNQ":{"value":8},"SYS_THR_FREE_MEM":{"value":5}}'
+local POLICY = '{"SYS_CONF_MIN_ACT_DURATION":0,"SYS_THR_RUNQ":{"value":8},'
+    .. '"SYS_THR_FREE_MEM":{"value":5}}'
 local sequences = {
     { "stays out", { "0.5", 50, "normal", "Deactivated" }, { "8.0", 5, "normal", "Deactivated" } },
     { "goes in and leaves", { "9.0", 50, "enter fail-open", "Activated", "entered" },
@@ -85,11 +87,11 @@ for _, sequence in ipairs(sequences) do
             local load, free, text, state, transition = table.unpack(sequence[i], 1, 5)
             set_machine(load, free)
             local result = monitor:cycle()
-            cases.equal({ result.text, result.state, result.transition }, { text, state, transition },
-                "cycle " .. i - 1)
-            cases.equal(dom:get("vxp.filter.FailOpenState"), state, "document")
-            cases.equal(switched[1], transition and { state == "Deactivated", false }, "enforcement")
-            switched = {}
+            cases.equal({ result.text, result.state, dom:get("vxp.filter.FailOpenState"),
+                          result.transition },
+                { text, state, state, transition }, "cycle " .. i - 1)
+            cases.equal(table.remove(switched), transition and { state == "Deactivated", false },
+                "enforcement")
         end
     end)
 end
@@ -100,7 +102,8 @@ local judgements = {
     { '{"SYS_THR_RUNQ":{"value":8}}', nil, "" },
     { '{"SYS_THR_RUNQ":{"value":7.9999}}', nil, "rqpct", 8, 7.9999 },
     { '{"SYS_THR_RUNQ":{"value":0.0004}}', nil, "rqpct", 8, 0.0004 },
-    { '{"SYS_THR_RUNQ":{"value":0.0004},"SYS_THR_FREE_MEM":{"value":25}}', {}, "rqpct frepct", 8, 0.0004 },
+    { '{"SYS_THR_RUNQ":{"value":0.0004},"SYS_THR_FREE_MEM":{"value":25}}', {}, "rqpct frepct",
+      8, 0.0004 },
     { '{"SYS_THR_FREE_MEM":{"value":4}}', nil, "" },
     { '{"SYS_THR_FREE_MEM":{"value":0.0004}}', nil, "" },
 }
@@ -111,10 +114,10 @@ for _, row in ipairs(judgements) do
         set_machine("8.0", 4)
         local result = monitor_of { policy = policy, settings = settings }:cycle()
         local first = result.over[1] or {}
-        cases.equal({ names(result.over), first.value, first.threshold }, { over, value, threshold },
-            "over")
-        cases.equal({ result.exact, result.min_duration_s, result.port }, { true, 1800, 0 }, "status")
-        cases.equal(result.metrics[5].enabled, policy:find("FREE_MEM") ~= nil, "enabled")
+        cases.equal({ names(result.over), first.value, first.threshold },
+            { over, value, threshold }, "over")
+        cases.equal({ result.exact, result.min_duration_s, result.port, result.metrics[5].enabled },
+            { true, 1800, 0, policy:find("FREE_MEM") ~= nil }, "status")
     end)
 end
 
@@ -180,19 +183,15 @@ cases.case("what is wrong with a policy is reported once", function()
     monitor:set_policy('{"SYS_THR_RUNQUE":{"value":8},"SYS_THR_FREE_MEM":{"value":1}}')
     local unknown = monitor:cycle()
     cases.equal({ unknown.policy_error, #unknown.policy_warnings }, { nil, 1 }, "warnings")
-    monitor:set_policy(POLICY)
-    local right = monitor:cycle()
-    cases.equal({ right.policy_error, right.policy_warnings, right.text }, { nil, nil, "normal" },
-        "right")
+    cases.equal(monitor:cycle().policy_warnings, nil, "warnings of the next cycle")
 end)
 
 cases.case("numbers of the status line", function()
     local status = filter.parse_status("SysHealth: rc=0 tval=1 delta_t=1 startSt=Deact endSt=Deact "
         .. "min_dur=60 act_dur=7 port=443 estab=inf(50.000) scanmb=-nan(1.000)")
-    cases.equal({ status.in_fail_open_s, status.figures.estab.value, status.figures.estab.threshold },
-        { 7, math.huge, 50 }, "read")
-    local value = status.figures.scanmb.value
-    cases.equal(value == value, false, "not a number")
+    local estab, value = status.figures.estab, status.figures.scanmb.value
+    cases.equal({ status.in_fail_open_s, estab.value, estab.threshold, value == value },
+        { 7, math.huge, 50, false }, "read")
 end)
 
 cases.finish()

@@ -111,7 +111,7 @@ const char* const kScripts[] = {
     "vxa.log_to(dir .. '.log') vxa.log_to()",
     "vxa.log_to('/nonexistent/a')",
     "vxa.capture(true) vxa.captured() vxa.capture(false)",
-    "vxa.check_json('{') vxa.check_json('{}')",
+    "vxa.parse_json('{\"a\":[1,\"b\"]}', 1, false, {}) vxa.hexdump(vxa.printable('\\0'))",
     "vxa.conf_line('A=1', 1) vxa.read_file('/etc/passwd', 1e6) vxa.read_file('/', 1)",
     "vxa.check_environment() vxa.simulated_tick() vxa.reload_asked()",
     "vxa.mkdir(dir .. '/a/b') vxa.setenv('A', 'b')",

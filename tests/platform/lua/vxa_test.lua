@@ -239,27 +239,6 @@ vxa.fault()
 
 -- ---- texts, files, environment ---------------------------------------------------------
 
-for _, case in ipairs {
-    { '{"a":1}' }, { ' [1, 2]\n' }, { "\239\187\191{}" },
-    { '{"a":1,}', "unexpected '}'", 1, 8 },
-    { '{"a":1} x', "unexpected 'x'", 1, 9 },
-    { '', "the text ends too early", 1, 1 },
-    { '{"a":1', "the text ends too early", 1, 7 },
-    { '{\n "ü": [1,\n "ä" 3]}', "unexpected '3]}'", 3, 6 },
-    { '{"a":"b', "the text in quotes does not end", 1, 6 },
-    { '{a:1}', "unexpected 'a:1}'", 1, 2 },
-    { '[1, ,2]', "unexpected ',2]'", 1, 5 },
-    { '{"a":"x\\q"}', "unexpected '\\q\"}'", 1, 8 },
-    { '[{},1x]', "unexpected 'x]'", 1, 6 },
-    { '{"a":[1, 2x]}', "unexpected 'x]}'", 1, 11 },
-    { '{}\0', "unexpected byte 0x00", 1, 3 },
-    { ("["):rep(2000), "unexpected '[[[[[[[[[[[[[[[[[[[['", 1, 1001 },
-} do
-    local ok, message, line, column = vxa.check_json(case[1])
-    same(ok, #case == 1 and true or nil, case[1])
-    same({ message, line, column }, { case[2], case[3], case[4] }, case[1])
-end
-
 local object = { __jsontype = "object" }
 local after, parsed = vxa.parse_json('[7, {"a": [null, "b"]}]', 5, "none", object)
 same({ after, parsed, getmetatable(parsed) }, { 23, { a = { "none", "b" } }, object }, "parse_json")
