@@ -16,7 +16,6 @@
 #include "RecordingDriver.h"
 #include "Sandbox.h"
 #include "VxaCore/LogTrace.h"
-#include "VxaCore/ZipOutputStream.h"
 
 namespace {
 
@@ -108,6 +107,11 @@ const Memory kMemories[] = {
     {"malloc_memory", [](LuaHost&, long count) { return allocations::AllowMalloc(count); },
      [](LuaHost&) { return allocations::LiftMallocLimit(); }},
 };
+
+void PrintTo(const Memory& memory, std::ostream* out)
+{
+    *out << memory.name;
+}
 
 class AllocatorSweep : public Sweep, public ::testing::WithParamInterface<Memory> {
 protected:
@@ -248,14 +252,5 @@ bool LogTraceIsEnabled(const wxString&)
 }
 
 void LogTrace(const wxString&, const char*, int, const char*, const wxString&) {}
-
-// In place of the core library's: wxWidgets' zip writer takes its memory without checking.
-bool CZipOutputStream::AddFromStream(wxInputStream& in, bool, const wxString&, const wxString&)
-{
-    char chunk[4096];
-    while (in.Read(chunk, sizeof chunk).LastRead() != 0) {
-    }
-    return in.Eof();
-}
 
 }  // namespace VxaCore

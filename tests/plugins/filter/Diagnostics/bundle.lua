@@ -84,25 +84,6 @@ end
 t.equal(select(2, entry "vxa_variables.txt":gsub("\n", "")), 173, "a line a variable")
 t.equal(entry "vxa_blacklist.txt":match "^# [^\n]*\n" ~= nil, true, "a heading")
 
-if os.execute "command -v python3 >/dev/null" then
-    local text, ok = output(([[python3 -c '
-import sys, zipfile
-archive = zipfile.ZipFile(sys.argv[1])
-assert archive.testzip() is None
-for i in archive.infolist():
-    print(i.filename, i.internal_attr & 1, i.file_size, len(archive.read(i)), repr(i.comment))
-' %s]]):format(path))
-    t.equal(ok, true, text)
-    local expected = {}
-    for i, name in ipairs(all_names) do
-        local size = listed[name].size
-        expected[i] = ("%s %d %d %d b''\n"):format(name, listed[name].text and 1 or 0, size, size)
-    end
-    t.equal(text, table.concat(expected), "another reader sees the same")
-else
-    print "python3 is not installed: read back by unzip alone"
-end
-
 -- ---- every combination -----------------------------------------------------------------
 
 vxa.trace("diagnostics", true)
@@ -213,11 +194,8 @@ closed:close()
 local dump = SLB.filter.AddDriverDiagnostics
 t.records(logs)
 local refused = {
-    {"CDom object expected"}, {"CDom object expected", nil, handle, zip},
-    {"CDom object expected", zip, handle, zip}, {"CDom object expected", 1, 2, 3},
-    {"vxi handle expected", dom}, {"vxi handle expected", dom, dom, zip},
-    {"vxi handle expected", dom, 1, 2}, {"vxi handle already closed", dom, closed, zip},
-    {"vxi handle already closed", dom, closed}, {"CZipOutputStream object expected", dom, handle},
+    {"CDom object expected"}, {"CDom object expected", zip, handle, zip},
+    {"vxi handle expected", dom, dom, zip}, {"vxi handle already closed", dom, closed, zip},
     {"CZipOutputStream object expected", dom, handle, dom},
 }
 for _, case in ipairs(refused) do
@@ -233,10 +211,10 @@ t.records(logs)
 t.equal(dump(dom, handle, zip), true)
 local lines = {}
 for _, trace in ipairs(t.records(logs).trace) do
-    if trace.message:find "diagnostics failed$" then lines[#lines + 1] = trace.line .. trace.message end
+    local failed = trace.message:match "^AddDriver(%a+) diagnostics failed$"
+    lines[#lines + 1] = failed and trace.line .. failed
 end
-t.equal(lines, {"77AddDriverStatistics diagnostics failed", "80AddDriverVariables diagnostics failed",
-    "86AddDriverBlacklist diagnostics failed", "89AddDriverRuleStats diagnostics failed"},
+t.equal(lines, {"77Statistics", "80Variables", "86Blacklist", "89RuleStats"},
     "the sim has no connections: that dump succeeds")
 
 assert(os.execute("rm -r " .. folder))
