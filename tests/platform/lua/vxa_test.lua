@@ -114,8 +114,8 @@ local function open_with(commands)
     kept = nil
     collectgarbage()
     collectgarbage()
-    check(os.execute(("rm -rf %s && mkdir %s && cd %s && %s"):format(state, state, state, commands)),
-        commands, 1)
+    local prepare = ("d=%s; rm -rf $d && mkdir $d && cd $d && %s"):format(state, commands)
+    check(os.execute(prepare), commands, 1)
     return vxa.Dom(state)
 end
 
