@@ -318,11 +318,11 @@ int vxi_get_error(vxi_handle_ops_s* handle, char* buffer, unsigned int size)
 int vxi_get_stats(vxi_handle_ops_s* handle, vxa_stats_v2_s* stats, unsigned int size)
 {
     return fetch(handle, Call::get_stats, Table::statistics, [&] {
+        if (stats && size < sizeof *stats) {
+            return fail(handle, -EINVAL, "size %u is less than a statistics record", size);
+        }
         if (!stats || !stats->area1 || !stats->area2 || !stats->area3) {
             return null_record(handle);
-        }
-        if (size < sizeof *stats) {
-            return fail(handle, -EINVAL, "size %u is less than a statistics record", size);
         }
         return handle->operations->get_stats(handle, stats, size);
     });

@@ -37,8 +37,7 @@ TEST_F(Dispatch, BadArgumentsAreNamed)
 {
     scan_monitor_config two_ports = scan_config(1);
     two_ports.outbound[7] = 4;
-    scan_monitor_config no_port = scan_config(1);
-    no_port.inbound[0] = 0;
+    scan_monitor_config no_port{1, 0, {}, {}};
     scan_monitor_config other_version = scan_config(1);
     other_version.version = 2;
     vxa_stats_v2_s no_areas{};
@@ -51,6 +50,7 @@ TEST_F(Dispatch, BadArgumentsAreNamed)
     } cases[] = {
         {[&] { return vxi_get_stats(h, nullptr, 6408); }, -EINVAL, "get_stats: no record given"},
         {[&] { return vxi_get_stats(h, &no_areas, 6408); }, -EINVAL, "get_stats: no record given"},
+        {[&] { return vxi_get_stats(h, &no_areas, 6407); }, -EINVAL, "size 6407 is less"},
         {[&] { return vxi_get_conntrack(h, nullptr, 16, nullptr); }, -EINVAL, "conntrack: no rec"},
         {[&] { return vxi_get_blacklist(h, nullptr); }, -EINVAL, "vxi_get_blacklist: no record"},
         {[&] { return vxi_get_conn_states(h, nullptr); }, -EINVAL, "conn_states: no record"},
