@@ -123,9 +123,22 @@ int ReadFileSetting(const char* line, vxa_syshealth_config_s& row)
     return 0;
 }
 
-// A key on several lines counts each time and the last one wins.
+// Neither a FIFO nor a device holds up the cycle. Null with the reason in errno.
+File OpenConfigFile()
+{
+    const int descriptor = open(kConfigFile, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (descriptor < 0) return nullptr;
+    File file(fdopen(descriptor, "r"));
+    if (!file) close(descriptor);
+    return file;
+}
+
+// A key on several lines counts each time and the last one wins. What is no regular file has
+// no settings.
 int ReadFileSettings(FILE* file, ConfigTable& table)
 {
+    struct stat status {};
+    if (fstat(fileno(file), &status) != 0 || !S_ISREG(status.st_mode)) return 0;
     char line[1024] = {};
     int count = 0;
     while (std::fgets(line, sizeof line, file) != nullptr)
@@ -270,7 +283,7 @@ int DisableScanMetric()
 
 int readSystemHealthConfig(VxaCore::CDom* dom, int state)
 {
-    const File file(std::fopen(kConfigFile, "re"));
+    const File file = OpenConfigFile();
     // A missing file switches monitoring off; a lack of memory must not.
     if (!file && errno == ENOMEM) throw std::bad_alloc();
     ConfigTable table = UnsetConfig();

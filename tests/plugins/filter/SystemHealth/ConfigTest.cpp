@@ -93,6 +93,8 @@ TEST_F(ConfigTest, FileCases)
     for (const auto& [text, outcome] : cases) EXPECT_EQ(FromFile(text), outcome) << text;
     sandbox::SetConfigFile(nullptr);
     EXPECT_EQ(Outcome(readSystemHealthConfig(document.get(), 0)), "0:");
+    ASSERT_EQ(mkfifo("/etc/vx_filter.conf", 0600), 0);
+    EXPECT_EQ(Outcome(readSystemHealthConfig(document.get(), 0)), "0:, keep");
 }
 
 TEST_F(ConfigTest, PolicyCases)
