@@ -140,7 +140,10 @@ CZipOutputStream::Archive::Archive(std::unique_ptr<Content> content) : m_content
 std::unique_ptr<CZipOutputStream::Archive> CZipOutputStream::Archive::Create(
     const std::string& path)
 {
-    FileDescriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    // A FIFO without a reader fails instead of holding us up.
+    constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    FileDescriptor file(open(path.c_str(), flags, 0600));
+    if (file) fcntl(file.get(), F_SETFL, 0);
     return std::unique_ptr<Archive>(new Archive(std::make_unique<Content>(path, std::move(file))));
 }
 
