@@ -149,10 +149,11 @@ bool LogTo(const std::string& path, std::string& error)
 {
     int fd = -1;
     if (!path.empty()) {
+        // A pipe that nobody reads loses records, to standard error, but holds up nobody.
+        constexpr int flags = O_APPEND | O_CREAT | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
         // Readable as well, to see how the last line ends; a pipe or terminal may not be.
-        fd = open(path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0640);
-        if (fd < 0)
-            fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0640);
+        fd = open(path.c_str(), O_RDWR | flags, 0640);
+        if (fd < 0) fd = open(path.c_str(), O_WRONLY | flags, 0640);
         if (fd < 0) {
             error = "cannot write log file " + path + ": " + ErrorText(errno);
             return false;
