@@ -154,6 +154,13 @@ function health_policy.in_bounds(setting, number)
     return number >= 0 and number <= setting.max
 end
 
+-- What the module makes of a number within bounds: plain numbers lose their fraction.
+function health_policy.effective(setting, number, warnings, name)
+    if setting.threshold or number == math.floor(number) then return number end
+    warnings:add("%s: %.14g counts as %d", name, number, math.floor(number))
+    return math.floor(number)
+end
+
 -- Returns the number that the module takes for this setting, or nil. Without `faults`, a
 -- member of the wrong type gets a warning with what the module makes of it.
 local function check_member(setting, value, faults, warnings)
@@ -167,7 +174,9 @@ local function check_member(setting, value, faults, warnings)
         return not setting.threshold and 0 or nil
     end
     if again then warnings:add("%s has its value repeated; the first counts", setting.key) end
-    if health_policy.in_bounds(setting, source.value) then return source.value end
+    if health_policy.in_bounds(setting, source.value) then
+        return health_policy.effective(setting, source.value, warnings, setting.key)
+    end
     warnings:add("%s: %.14g is out of bounds (%s to %d); it is ignored", setting.key, source.value,
         setting.threshold and "above 0" or "0", setting.max)
 end

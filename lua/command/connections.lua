@@ -17,7 +17,7 @@ local function sample(attached, report, totals)
     end
     totals.samples = totals.samples + 1
     totals.observations = totals.observations + new
-    report:sample { time = os.time(), flows = flows, new = new, beyond = beyond }
+    report:sample { time = attached.vxa.time(), flows = flows, new = new, beyond = beyond }
 end
 
 local function publish(attached, report, totals)

@@ -48,6 +48,7 @@ end
 local function add_policy(command)
     command:option("--policy", "Health policy, a JSON file. Without it: /etc/vx_filter.conf, "
         .. "or the built-in default where that does not exist."):argname("FILE")
+        :convert(named("the file of --policy"))
     command:option("--port", "Monitor the connections of this port: where redirected (DNAT), the "
         .. "one they are redirected to; what is forwarded to containers does not count. Takes "
         .. "the place of the policy's port and adds connection thresholds to a policy without.")

@@ -55,7 +55,8 @@ local function conf_setting(setting, number, values, warnings, place)
     if not number then
         warnings:add("%s%s has no number; the line is ignored", place, setting.conf)
     elseif number > 0 and number <= setting.max then
-        values[setting.key] = number
+        values[setting.key] = health_policy.effective(setting, number, warnings,
+            place .. setting.conf)
     else
         warnings:add("%s%s %.14g is out of bounds (above 0 to %d); the line is ignored", place,
             setting.conf, number, setting.max)

@@ -63,12 +63,21 @@ local function write_text(vxa, bytes)
     if bytes:sub(-1) ~= "\n" then console.write("\n") end
 end
 
+-- Whether there are bytes that no text has.
+local function is_data(vxa, bytes)
+    for at = 1, #bytes, PIECE_BYTES do
+        interruption.check(vxa)
+        local piece = bytes:sub(at, at + PIECE_BYTES - 1)
+        if piece:find("[%z\1-\8\14-\26\28-\31\127]") then return true end
+    end
+    return false
+end
+
 -- In the form that suits the entry; nothing in it can harm a terminal.
 local function write_readable(vxa, name, bytes)
     local profile = name:find("%.tpf$") and rule_profile.render(vxa, bytes)
     if profile then return console.line("%s", profile) end
-    local is_data = bytes:find("[%z\1-\8\14-\26\28-\31\127]")
-    return (is_data and write_hexadecimal or write_text)(vxa, bytes)
+    return (is_data(vxa, bytes) and write_hexadecimal or write_text)(vxa, bytes)
 end
 
 local function show(vxa, options)

@@ -13,9 +13,9 @@ local text = require "command.text"
 local function capabilities(vxa)
     local handle, message = vxa.open()
     if not handle then return {}, message end
-    local rows = handle:capabilities()
+    local rows, fault = handle:capabilities()
     handle:close()
-    return rows
+    return rows or {}, fault
 end
 
 -- Everything that is shown, in text or as JSON.
@@ -86,7 +86,7 @@ end
 local function show_capabilities(seen)
     console.line("")
     if seen.driver_fault then
-        console.line("engine %s cannot be opened: %s", seen.engine, seen.driver_fault)
+        console.line("engine %s cannot be asked: %s", seen.engine, printable(seen.driver_fault))
         return
     end
     console.line("engine %s delivers here", seen.engine)

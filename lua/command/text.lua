@@ -18,6 +18,7 @@ function text.number(value)
     if value ~= value or value == math.huge or value == -math.huge then
         return (("%f"):format(value):gsub("^-nan", "nan"))
     end
+    if value ~= 0 and math.abs(value) < 0.000001 then return ("%.3g"):format(value) end
     local digits = ("%%.%df"):format(decimals(math.abs(value))):format(value)
     if digits:find(".", 1, true) then digits = digits:gsub("%.?0+$", "") end
     return (digits:gsub("^-0$", "0"))

@@ -70,11 +70,12 @@ void push_capability(lua_State* L, const vxi_capability_s& row)
 int capabilities(lua_State* L)
 {
     vxi_handle_ops_s* handle = check_handle(L);
-    vxi_capability_s rows[kCapabilityRows];
+    vxi_capability_s rows[kCapabilityRows] = {};
     const int count = vxi_capabilities(handle, rows, kCapabilityRows);
     if (count < 0) return push_driver_error(L, handle);
     lua_newtable(L);
-    for (int i = 0; i < count && i < static_cast<int>(kCapabilityRows); ++i) {
+    // A scripted failure may be any number, and fills no row.
+    for (int i = 0; i < count && i < static_cast<int>(kCapabilityRows) && rows[i].name; ++i) {
         push_capability(L, rows[i]);
         lua_rawseti(L, -2, i + 1);
     }

@@ -73,6 +73,7 @@ bool is_left_ignored(int signal_number)
 void note_nothing(int) {}
 
 // System calls are not restarted, so that a read from a command or terminal ends too.
+// Whoever started the process may have left them blocked, which would make it unstoppable.
 // A write beyond the limit of file sizes fails with EFBIG when SIGXFSZ does not end the
 // process, one to a closed pipe with EPIPE. Handled, not ignored: commands started later
 // get the default back.
@@ -81,10 +82,14 @@ bool install_handlers()
     struct sigaction action = {};
     action.sa_handler = note_signal;
     sigemptyset(&action.sa_mask);
+    sigset_t unblocked;
+    sigemptyset(&unblocked);
     for (const auto& caught : kCaught) {
         if (is_left_ignored(caught.number)) continue;
         if (sigaction(caught.number, &action, nullptr) != 0) return false;
+        sigaddset(&unblocked, caught.number);
     }
+    if (pthread_sigmask(SIG_UNBLOCK, &unblocked, nullptr) != 0) return false;
     action.sa_handler = note_nothing;
     return sigaction(SIGXFSZ, &action, nullptr) == 0 && sigaction(SIGPIPE, &action, nullptr) == 0;
 }

@@ -31,10 +31,16 @@ bool WriteFully(int fd, std::string_view bytes)
 
 bool ReadFully(int fd, std::string& bytes)
 {
+    // A sparse file costs nobody anything, and its bytes would cost us the machine's memory.
+    constexpr size_t most_bytes = 64 << 20;
     char chunk[16384];
     bytes.clear();
     for (;;) {
         const ssize_t got = pread(fd, chunk, sizeof chunk, static_cast<off_t>(bytes.size()));
+        if (got > 0 && bytes.size() >= most_bytes) {
+            errno = EFBIG;
+            return false;
+        }
         if (got > 0)
             bytes.append(chunk, static_cast<size_t>(got));
         else if (got == 0)

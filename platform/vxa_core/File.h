@@ -13,7 +13,7 @@ std::string ErrorText(int error_number);
 // Writes all of it, or false with errno set; how much got out is unknown then.
 bool WriteFully(int fd, std::string_view bytes);
 
-// Reads from offset 0 to the end, or false with errno set.
+// Reads from offset 0 to the end, or false with errno set; EFBIG where that is more than 64 MiB.
 bool ReadFully(int fd, std::string& bytes);
 
 // Owns a descriptor.

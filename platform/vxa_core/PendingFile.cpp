@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -74,7 +75,12 @@ struct PendingFile::State {
     bool Has(const std::string& some_name) const;
     bool Name(Existing existing);
     bool Replace();
-    std::string PartName(int number) const { return name + ".part" + std::to_string(number); }
+    // A name that fills the file system's limit loses its end.
+    std::string PartName(int number) const
+    {
+        const std::string suffix = ".part" + std::to_string(number);
+        return name.substr(0, NAME_MAX - suffix.size()) + suffix;
+    }
     std::string Failure() const;
     void RemovePart();
 };

@@ -13,7 +13,8 @@ local policies = {
     { '{"sys_thr_\\u0072unq": {"VALUE": 8}, "a": [1, {}, []]}', { SYS_THR_RUNQ = 8 }, "^'a' is" },
     { '{"SYS_THR_RUNQ": {"value": 0}}', {}, "^SYS_THR_RUNQ: 0 is out of bounds %(above 0 to" },
     { '{"SYS_THR_FREE_MEM": {"value": 25.1}}', {}, "^SYS_THR_FREE_MEM: 25.1 is out of bounds" },
-    { '{"SYS_CONF_MIN_ACT_DURATION": 0}', { SYS_CONF_MIN_ACT_DURATION = 0 }, "^$" },
+    { '{"SYS_CONF_MIN_ACT_DURATION": 0, "SYS_CONF_UNLOAD_DRIVER": 0.9}',
+      { SYS_CONF_MIN_ACT_DURATION = 0, SYS_CONF_UNLOAD_DRIVER = 0 }, "^SYS[^:]*: 0.9 counts as 0$" },
     { '{"SYS_CONF_MIN_ACT_DURATION": -1e0}', {}, "is out of bounds %(0 to 60%)" },
     { '\239\187\191{ "SYS_THR_RUNQ" : {"x": {}, "value": 8, "VALUE": 9} ,"sys_thr_runq":{}}',
       { SYS_THR_RUNQ = 8 }, "^SYS_THR_RUNQ has its value repeated; the first counts\n"

@@ -137,6 +137,7 @@ for _, name in ipairs { "lock", "events.jsonl", "document.json" } do
         refused(state .. "/" .. name .. reason, open_with(command .. name))
         check(name == "lock" or read_file(state .. "/lock") == "", "written before")
     end
+    check(name == "lock" or select(2, open_with("truncate -s 1T " .. name)):find("too large"), name)
 end
 same(read_file(scratch .. "/other"), "root:secret", "linked file")
 refused("/other is not a directory", vxa.Dom(scratch .. "/other/state"))

@@ -83,6 +83,8 @@ TEST_P(Pending, GetsItsNameWhenItIsComplete)
     EXPECT_EQ(ReadText(m_scratch.path("victim")), "kept");
     { const PendingFile forgotten(path("b")); }
     EXPECT_EQ(Folder(), (Names{"a", "link"}));
+    for (const Existing existing : {Existing::kKept, Existing::kReplaced})
+        EXPECT_EQ(Write(std::string(255, 'n'), existing), "");
 }
 
 TEST_P(Pending, RemovesWhatKilledProcessesLeft)
