@@ -46,7 +46,7 @@ std::string FormatV(const char* format, va_list arguments)
     va_copy(measured, arguments);
     const int length = std::vsnprintf(buffer, sizeof buffer, format, measured);
     va_end(measured);
-    // For want of memory, or because the result would be longer than an int can tell.
+    // No memory, or a result longer than an int can count.
     if (length < 0) throw std::bad_alloc();
     const auto size = static_cast<std::size_t>(length);
     if (size < sizeof buffer) return {buffer, size};

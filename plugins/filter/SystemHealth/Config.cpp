@@ -154,8 +154,8 @@ constexpr const char* kPolicyReader = "readSystemHealthPolicy";
 // cJSON_GetErrorPtr gives, but this call's own, not one shared by all threads.
 //
 // cJSON reports a lack of memory in the same way, and a policy must not be dropped for that.
-// Only malloc leaves ENOMEM. It can do so although it succeeded in the end, by mmap after brk
-// was refused, but not twice in a row: it then has room left.
+// Only malloc sets ENOMEM. It can do so even when it succeeds, by mmap after brk was refused, but
+// not twice in a row: it then has room left.
 Json ParsePolicy(const char* json, const char** error)
 {
     for (int attempts_left = 2; attempts_left > 0; --attempts_left) {
@@ -232,8 +232,8 @@ bool WriteAll(int file, const std::string& text)
     return true;
 }
 
-// The folder or the file may be somebody else's: links are not followed, a FIFO or a lease does
-// not hold up the cycle, and nothing is changed that also has another name.
+// Another user may own the folder or the file: links are not followed, a FIFO or a lease does not
+// hold up the cycle, and a file that also has another name is left alone.
 int OpenConfigLog()
 {
     const int file =
