@@ -14,7 +14,7 @@ local function destination(row)
         :format(printable(address), row.dst_port or 0)
 end
 
--- The rows of a report, at most so many.
+-- Prints the rows of a report, at most `most`.
 function connection_text.rows(rows, most)
     if #rows == 0 then return end
     local cells = { { " count", "protocol", "direction", "destination" } }
@@ -40,7 +40,7 @@ function connection_text.refused(report)
         text.count(report.refused, "connection"))
 end
 
--- When the next report can come, for somebody who waits for it.
+-- Returns when the next report can come.
 function connection_text.next(feedback)
     return timestamps.moment(os.time() + feedback:due())
 end

@@ -7,8 +7,8 @@ local EINTR, EPIPE = 4, 32
 
 local console = {}
 
--- Every line is out before the command goes on: a reader behind a pipe sees each cycle
--- when it happens. A reader that went away ends the command without a word.
+-- Flushes every line, so that a reader of a pipe sees each cycle when it happens. On EPIPE,
+-- exits quietly.
 function console.write(text)
     local done, message, code = io.stdout:write(text)
     if done then done, message, code = io.stdout:flush() end
@@ -22,7 +22,7 @@ function console.line(format, ...)
     console.write(select("#", ...) == 0 and format .. "\n" or format:format(...) .. "\n")
 end
 
--- Whatever was in the text: one line.
+-- Prints one line, whatever is in the message.
 function console.complain(text)
     io.stderr:write("vxa: ", printable((text:gsub("%s*\n%s*", " "))), "\n")
 end
@@ -30,7 +30,7 @@ end
 local plain = { red = "", bold = "", dim = "", off = "" }
 local coloured = { red = "\27[31m", bold = "\27[1m", dim = "\27[2m", off = "\27[0m" }
 
--- Colours for a terminal; empty texts for everything else.
+-- Colours for a terminal; empty strings for everything else.
 function console.colours(vxa)
     local wanted = vxa.isatty(1) and not os.getenv("NO_COLOR") and os.getenv("TERM") ~= "dumb"
     return wanted and coloured or plain

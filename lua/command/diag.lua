@@ -1,7 +1,7 @@
 -- vxa diag: a diagnostic package with the driver's tables, and what it lacks.
 --
 -- The module adds all entries in one call, and its result says nothing of failures. Its
--- traces tell when each table began, so how long it took, and why one that raised no
+-- traces show when each table began, so how long it took, and why one that raised no
 -- event is missing; sizes are read from the finished package itself.
 
 local console = require "command.console"
@@ -10,7 +10,7 @@ local printable = require "command.printable"
 local session = require "command.session"
 local text = require "command.text"
 
--- In the order in which the module adds them. `operation` begins the text of an event,
+-- In the order in which the module adds them. `operation` begins the event's message,
 -- `capability` is the engine's row about the table. Tables that can fail without an event
 -- have the driver's `call` and what its silence means.
 local TABLES = {
@@ -30,10 +30,10 @@ local TABLES = {
 
 -- ---- the file -----------------------------------------------------------------------------
 
-local in_the_way = { directory = "a directory", link = "a symbolic link", other = "no file" }
+local in_the_way = { directory = "a directory", link = "a symbolic link", other = "not a regular file" }
 
--- Only a file that is in the way may be replaced: not a device, which a rename would take
--- away from everybody else.
+-- Only a regular file may be replaced: not a device, which a rename would take away from all
+-- others.
 local function check_target(vxa, path, force)
     local kind, message = vxa.file_kind(path)
     if not kind then fail(1, "cannot write %s", message) end
@@ -94,7 +94,7 @@ local function has_line(traced, pattern)
     return false
 end
 
--- "GET_STATS|fffffffb (engine sim: vxi_get_stats: …)" in words; texts of another form as
+-- "GET_STATS|fffffffb (engine sim: vxi_get_stats: …)" in words; events of another form as
 -- they are.
 local function describe_event(event)
     local operation, code, cause = event.text:match("^(.-)|(%x%x%x%x%x%x%x%x) %((.*)%)$")
@@ -104,7 +104,7 @@ local function describe_event(event)
     return ("%s failed with %d: %s"):format(operation, status, cause)
 end
 
--- What the table's events say, each text once.
+-- The causes in the table's events, each once.
 local function events_of(events, table_)
     local causes, times = {}, {}
     for _, event in ipairs(events) do
@@ -120,7 +120,7 @@ local function events_of(events, table_)
     return causes
 end
 
--- The driver's text about its last failed call, where that was one of this table's.
+-- The driver's message about its last failed call, where that was one of this table's.
 local function driver_text(table_, built)
     return table_.call and built.driver_error:find(table_.call, 1, true) and built.driver_error
 end
@@ -188,7 +188,7 @@ end
 -- ---- telling ------------------------------------------------------------------------------
 
 local function milliseconds(seconds)
-    -- Taken from the system's clock: setting it back leaves no figure.
+    -- From the system's clock: no number when it was set back.
     return seconds and seconds >= 0 and ("%.1f"):format(seconds * 1000) or "-"
 end
 
@@ -214,7 +214,7 @@ local function show_problems(rows)
     for _, line in ipairs(text.columns(cells, {})) do console.line("%s", line) end
 end
 
--- Each is told above; but for those of some other operation.
+-- Lists the events that the table above does not explain: those of another operation.
 local function show_events(events, folder)
     if #events == 0 then return end
     console.line("%s in the host document%s", text.count(#events, "event"),

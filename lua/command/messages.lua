@@ -1,7 +1,7 @@
--- What the module says while it works: its log and trace records.
+-- What the module logs while it works: its log and trace records.
 --
 -- A fault that lasts is reported by the module at every cycle. The user reads each fault
--- once, with what it costs; the records of every cycle go into the JSON output complete.
+-- once, with what it costs; the JSON output has the faults of every cycle.
 
 local console = require "command.console"
 local printable = require "command.printable"
@@ -14,8 +14,8 @@ messages.SCAN_COST = "refusalpct, estab and scanmb are not judged"
 local LOG_COST = "/var/opt/vx_agent/diag cannot be written: the settings in force are not "
     .. "logged there"
 
--- Faults that need more than their own words. A pattern with a capture quotes the driver:
--- its calls fail together, in the same way, and are told together.
+-- Faults that need an explanation. A pattern with a capture quotes the driver:
+-- its calls fail together, in the same way, and are reported together.
 local explained = {
     { pattern = "^Failed to output cloud config", cost = LOG_COST },
     { pattern = "^vxi_set_scan_monitoring failed.-buf{(.*)}$", cost = messages.SCAN_COST },
@@ -27,8 +27,8 @@ local explained = {
       cost = "estab is too low" },
 }
 
--- What identifies a fault, and what it costs. The driver's texts name engine and operation
--- before the cause; the same cause behind another operation is no news.
+-- What identifies a fault, and what it costs. The driver's messages name engine and operation
+-- before the cause; the same cause in another operation is not news.
 local function identify(text)
     for _, fault in ipairs(explained) do
         local cause = text:match(fault.pattern)
@@ -67,7 +67,7 @@ end
 
 local is_fault = { error = true, warning = true }
 
--- The texts of all faults among the records taken last.
+-- The messages of all faults among the records taken last.
 function Messages:faults()
     local faults = {}
     for _, record in ipairs(self.records) do

@@ -88,8 +88,8 @@ function Report:show_heading(metrics)
 end
 
 local why_not = {
-    [filter.NO_LOAD] = "uptime or nproc gave no figure",
-    [filter.NO_MEMORY] = "/proc/meminfo gave no figures",
+    [filter.NO_LOAD] = "uptime or nproc gave no number",
+    [filter.NO_MEMORY] = "/proc/meminfo gave no numbers",
     [filter.BAD_ARGUMENT] = "the module refused document, state or policy",
     [filter.DISABLED] = "no settings to judge by",
 }
@@ -120,7 +120,7 @@ function Report:line(result)
         result.state == filter.ACTIVATED and "still in fail-open" or "the filter enforces")
 end
 
--- The module's figure is an unsigned difference of times: absurd after a step backwards.
+-- The module's value is an unsigned difference of times: absurd once the clock was set back.
 local LONGEST_FAIL_OPEN_S = 10 * 365 * 86400
 
 local function lasted(result)

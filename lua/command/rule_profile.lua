@@ -136,7 +136,7 @@ end
 
 local NOT_COUNTED = { "-", "-" }
 
--- Puts what was counted while profiling between the rule's counter and its text.
+-- Puts what was counted while profiling between the rule's counter and its line.
 local function add_profiled(profile, chain)
     local handles = table_of(profile.tree, chain)
     for _, rule in ipairs(chain.rules) do
@@ -196,7 +196,7 @@ local function summary(ruleset)
     return table.concat(parts, ", ") .. "; " .. profiled_for(ruleset.profile)
 end
 
--- The profile as lines of text; nil where the payload is not a listing of rules.
+-- Returns the profile as text, or nil if the payload is not a listing of rules.
 function rule_profile.render(vxa, payload)
     local ruleset = { tables = 0, rules = 0, tree = {}, chains = {}, counters = {}, others = {} }
     if not read(vxa, payload, ruleset) then return nil end

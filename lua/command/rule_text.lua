@@ -1,5 +1,5 @@
--- A rule of the JSON listing in a line, close to how nft itself writes it. What this does
--- not know stands as the JSON it is, so nothing is left out.
+-- A rule of the JSON listing in a line, close to how nft itself writes it. What has no short
+-- form here stays JSON, so nothing is left out.
 
 local json = require "dkjson"
 
@@ -9,7 +9,7 @@ local rule_text = {}
 
 local expression
 
--- What has no short form stands as JSON, what is missing as a question mark.
+-- JSON for what has no short form, a question mark for what is missing.
 local function word(value)
     if value == nil then return "?" end
     return type(value) == "table" and json.encode(value) or tostring(value)
@@ -48,7 +48,7 @@ local expressions = {
     map = function(x) return ("%s map %s"):format(expression(x.key), expression(x.data)) end,
     fib = function(x) return ("fib %s %s"):format(list(x.flags, " . "), word(x.result)) end,
 }
--- Several flags of one operand stand in brackets.
+-- Puts several flags of one operand in brackets.
 local function operand(value)
     if type(value) == "table" and #value > 1 then return "(" .. list(value, " | ") .. ")" end
     return expression(value)
@@ -122,7 +122,7 @@ local statements = {
     snat = translation "snat", dnat = translation "dnat",
 }
 
--- A counter of the rule's own has columns of its own; one that it shares has a name.
+-- A rule's anonymous counter has columns; one that it shares with others has a name.
 local function statement(kind, content)
     if kind == "counter" then
         return type(content) == "string" and "counter name " .. content or ""

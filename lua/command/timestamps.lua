@@ -1,5 +1,5 @@
 -- Times of day in lines of text. On a terminal the date has a line to itself when it changes;
--- elsewhere, where nobody sees when a line appears, every line has it.
+-- elsewhere every line has it, because files and pipes do not show when a line appeared.
 
 local console = require "command.console"
 

@@ -45,7 +45,7 @@ int set_environment(lua_State* L)
     return 0;
 }
 
-// Calls a function on files that tells what was wrong: true, or nil and that.
+// Calls a function that returns what was wrong: true, or nil and that.
 template <typename Call>
 int push_call(lua_State* L, Call&& call)
 {

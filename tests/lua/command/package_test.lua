@@ -131,7 +131,7 @@ local refused = {
     { "diag other.zip", 2, "other.zip is there already; %-%-force replaces it" },
     { "diag folder --force", 2, "folder is a directory: it is not replaced" },
     { "diag link --force", 2, "link is a symbolic link: it is not replaced" },
-    { "diag pipe --force", 2, "pipe is no file: it is not replaced" },
+    { "diag pipe --force", 2, "pipe is not a regular file: it is not replaced" },
     { "diag none/a.zip", 1, "cannot write none/a.zip: No such file" },
     { "diag other.zip/a.zip", 1, "cannot write other.zip/a.zip: Not a directory" },
     { "diag small/a.zip", 1, "cannot write small/a.zip: No space left on device" },
