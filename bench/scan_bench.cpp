@@ -79,8 +79,7 @@ using Times = std::vector<double>;
 // A listener with one connection, in the namespace in which it was made.
 class Place {
 public:
-    Place(int network, int family, std::uint16_t port)
-        : m_network(network), m_address(family, port)
+    Place(int network, int family, std::uint16_t port) : m_network(network), m_address(family, port)
     {
         Enter();
         m_listener = Socket(family);

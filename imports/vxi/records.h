@@ -196,7 +196,9 @@ static_assert(sizeof(scan_monitor_config) == 16392, "scan configuration");
 static_assert(offsetof(scan_monitor_config, outbound) == 8200, "scan configuration");
 
 /* Index of each counter in an entry of scan_metrics_request. All are totals
- * since the configuration was set and never decrease until it is set anew. */
+ * since the configuration was set. They never decrease, except when they restart
+ * at 0: with another configuration, or when the counting rules were removed or
+ * reset by others. */
 enum {
     VXI_SCAN_NEW = 0,              /* connections opened (first SYN) */
     VXI_SCAN_CLOSED = 1,           /* FIN and RST segments; approximate */

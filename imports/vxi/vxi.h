@@ -14,7 +14,8 @@
  * process's signal mask, locale or working directory.
  *
  * Forks. State set up before a fork belongs to the parent; a child that calls
- * the library starts anew.
+ * the library begins without it. The monitored port alone is inherited: see
+ * vxi_get_scan_metrics.
  */
 #ifndef VXI_VXI_H
 #define VXI_VXI_H
@@ -103,9 +104,10 @@ VXI_API int vxi_get_profile_stats(vxi_handle_ops_s* handle, void* record);
 VXI_API int vxi_set_scan_monitoring(vxi_handle_ops_s* handle, scan_monitor_config* config);
 
 /* Reads the counters of the port and direction named in the request, which must
- * be the monitored ones (-ENOENT otherwise). `length` is the size of the whole
- * request; no more counters are written than the request asks for and has room
- * for. */
+ * be those that were configured last (-ENOENT otherwise). Where that happened
+ * before a fork or with another engine, they are configured again first and
+ * count from 0. `length` is the size of the whole request; no more counters are
+ * written than the request asks for and has room for. */
 VXI_API int vxi_get_scan_metrics(vxi_handle_ops_s* handle, scan_metrics_request* request,
                                  unsigned int length);
 

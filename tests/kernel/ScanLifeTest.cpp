@@ -210,20 +210,7 @@ NETWORK_TEST(ScanLife, WithoutOwnerRebuildsATableThatWasRemoved)
     EXPECT_FALSE(Read(monitor).rebuilt);
 }
 
-NETWORK_TEST(ScanLife, WithoutOwnerRemovesItsTableAtTheEnd)
-{
-    vxi::ScanMonitor monitor(vxi::TableLife::RemovedByUs);
-    ASSERT_EQ(monitor.set(inbound).status, 0);
-    EXPECT_EQ(network::Tables(), TableOf(getpid()));
-    network::Child child([&] { monitor.stop(); });
-    child.ExpectGood();
-    EXPECT_EQ(network::Tables(), TableOf(getpid())) << "a child took its parent's table";
-    monitor.stop();
-    EXPECT_TRUE(NoTables());
-    EXPECT_EQ(monitor.set(inbound).status, -ESHUTDOWN);
-}
-
-NETWORK_TEST(ScanLife, WithoutOwnerRemovesTablesOfTheDead)
+NETWORK_TEST(ScanLife, WithoutOwnerRemovesItsTableAndThoseOfTheDead)
 {
     network::Signal ready;
     network::Child killed([&] {
@@ -241,12 +228,14 @@ NETWORK_TEST(ScanLife, WithoutOwnerRemovesTablesOfTheDead)
         network::Run("nft add table inet " + table);
     }
     EXPECT_EQ(network::Tables(), dead + " " + alive + " vxi_scan_ " + own);
-    {
-        vxi::ScanMonitor monitor(vxi::TableLife::RemovedByUs);
-        EXPECT_EQ(monitor.set(inbound).status, 0);
-        EXPECT_EQ(network::Tables(), alive + " vxi_scan_ " + own);
-    }
+    vxi::ScanMonitor monitor(vxi::TableLife::RemovedByUs);
+    EXPECT_EQ(monitor.set(inbound).status, 0);
+    EXPECT_EQ(network::Tables(), alive + " vxi_scan_ " + own);
+    network::Child([&] { monitor.stop(); }).ExpectGood();
+    EXPECT_EQ(network::Tables(), alive + " vxi_scan_ " + own) << "a child took its parent's table";
+    monitor.stop();
     EXPECT_EQ(network::Tables(), alive + " vxi_scan_");
+    EXPECT_EQ(monitor.set(inbound).status, -ESHUTDOWN);
 }
 
 }  // namespace

@@ -205,7 +205,8 @@ State::State()
     if (!reader.read(script)) {
         script.clear();
         environment_error = "VXI_FAULT cannot be read at character " +
-                            std::to_string(reader.position() + 1) + ": expected " + reader.expected();
+                            std::to_string(reader.position() + 1) + ": expected " +
+                            reader.expected();
     }
     environment_broken = !environment_error.empty();
     scripted = !script.empty();

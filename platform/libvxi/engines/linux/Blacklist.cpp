@@ -62,7 +62,7 @@ Address highest(size_t size)
     return address;
 }
 
-// Of an address above the lowest.
+// Returns address - 1; address must not be zero.
 Address before(Address address, size_t size)
 {
     size_t i = size;
@@ -116,7 +116,7 @@ vxa_blacklist_entry_s entry_of(const BlacklistSet& set, uint16_t set_index,
 
 using ElementsAt = std::vector<BlacklistElement>::const_iterator;
 
-// Of the element at `at`; those behind it have the same address or higher ones.
+// Last address of the element at `at`; those after it have the same address or higher ones.
 Address last_of(const BlacklistSet& set, ElementsAt at, ElementsAt end)
 {
     if (at->last || !set.intervals) {

@@ -18,9 +18,9 @@ struct BlacklistSet {
     uint8_t nft_family;  // NFPROTO_* of its table
     std::string table;
     std::string name;
-    uint8_t family;       // of its addresses: 4 or 6
-    bool intervals;       // elements come as starts and ends
-    uint64_t timeout_ms;  // of elements that name none
+    uint8_t family;                 // of its addresses: 4 or 6
+    bool intervals;                 // elements come as starts and ends
+    uint64_t timeout_ms;            // of elements that name none
     const char* skipped = nullptr;  // why it is no list of addresses; null when it is
 
     size_t address_size() const { return family == 4 ? 4 : 16; }

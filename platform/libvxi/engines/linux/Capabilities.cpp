@@ -51,7 +51,7 @@ void conn_states(vxi_capability_s& row)
     describe(row, status == 0, status == 0 ? "sock_diag" : "sock_diag: " + describe_status(status));
 }
 
-// Sockets stand in for tracked flows.
+// Sockets take the place of tracked flows.
 void conntrack(vxi_capability_s& row)
 {
     uint32_t tracked = 0;

@@ -19,7 +19,7 @@ int dump_conntrack(const Netlink::Visit& visit);
 // Adds the flow in one message of that dump.
 void take_flow(const nlmsghdr& message, FlowSnapshot& flows);
 
-// Reads the table anew while the dump is interrupted, five times at most. -EINTR when the
+// Reads the table again while the dump is interrupted, five times at most. -EINTR when the
 // last one was, too: what it brought is in `flows`.
 int read_conntrack(const Dump& dump, FlowSnapshot& flows);
 

@@ -31,7 +31,7 @@ std::atomic<RuleProfiler*> current{nullptr};
 std::atomic<RuleProfiler*> inherited{nullptr};
 
 // What a thread of the parent did with its lock stays as it was for good.
-void start_anew_in_child()
+void begin_again_in_child()
 {
     if (RuleProfiler* const parents = current.exchange(nullptr)) {
         inherited = parents;
@@ -230,7 +230,7 @@ Outcome RuleProfiler::report(std::string& json) const
 
 RuleProfiler& process_rule_profiler()
 {
-    static const int registered = pthread_atfork(nullptr, nullptr, start_anew_in_child);
+    static const int registered = pthread_atfork(nullptr, nullptr, begin_again_in_child);
     (void)registered;
     RuleProfiler* profiler = current.load();
     if (!profiler) {

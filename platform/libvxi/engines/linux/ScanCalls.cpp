@@ -24,8 +24,9 @@ void report_reading(vxi_handle_ops_s* handle, const ScanTarget& target, const Sc
 {
     const std::string port = "port " + std::to_string(target.port) + ": ";
     if (reading.rebuilt) {
-        report_problem(handle, port + "the nf_tables table had been removed and was built again: "
-                                      "all counters restart at 0");
+        report_problem(handle, port +
+                                   "the nf_tables table had been removed and was built again: "
+                                   "all counters restart at 0");
     }
     if (reading.uncounted) {
         report_problem(handle, port + std::to_string(reading.uncounted) +

@@ -83,10 +83,9 @@ int read_chain(Netlink& netlink, const std::string& table, const char* chain,
 
 bool any_fell(const ScanCounterValues& earlier, const ScanCounterValues& later)
 {
-    return !std::equal(earlier.values.begin(), earlier.values.end(), later.values.begin(),
-                       [](const auto& was, const auto& is) {
-                           return !is.present || was.packets <= is.packets;
-                       });
+    return !std::equal(
+        earlier.values.begin(), earlier.values.end(), later.values.begin(),
+        [](const auto& was, const auto& is) { return !is.present || was.packets <= is.packets; });
 }
 
 int64_t closed_since_start(const ScanCounterValues& before, uint64_t half_open,

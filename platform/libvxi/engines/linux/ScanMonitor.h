@@ -14,7 +14,7 @@
 
 namespace vxi {
 
-// By which means the table ends with its process.
+// How the table is removed when its process ends.
 enum class TableLife {
     WithSocket,   // the kernel removes it; where it cannot (before 5.12), the other is taken
     RemovedByUs,  // at the end, or by the next process when this one was killed
@@ -43,7 +43,7 @@ public:
     // Counts this port from now on; keeps the counters when it is counted already.
     Outcome set(const ScanTarget& target);
 
-    // -ENOENT when `target` is not the one set last. After a failed set it is tried anew.
+    // -ENOENT when `target` is not the one set last. Tries again what a failed set left undone.
     Outcome get(const ScanTarget& target, ScanReading& reading);
 
     // Whether set would succeed, without changing anything.

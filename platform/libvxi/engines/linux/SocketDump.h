@@ -57,7 +57,7 @@ struct SocketSink {
     std::function<void(unsigned table, const inet_diag_msg&, const Attributes&)> take;
 };
 
-// Reads all tables, each anew while it is interrupted, five times at most. Fails only when
+// Reads all tables, each again while it is interrupted, five times at most. Fails only when
 // none can be read; otherwise says in `shortfall` what is missing, empty when nothing is.
 Outcome read_sockets(const SocketDump& dump, const SocketSink& sink, std::string& shortfall);
 

@@ -107,7 +107,7 @@ Outcome put_rules(AreaWriter& area)
     for (unsigned i = 0; i < std::size(kinds) && !opened.failed(); ++i) {
         uint64_t count = 0;
         const int status = count_nft(netlink, kinds[i].get_type, count);
-        // Rules that change all the time are still about so many.
+        // Where rules change all the time, about this many is close enough.
         if (status < 0 && status != -EINTR) {
             return failure(status, "%s: %s", kinds[i].name, describe_status(status).c_str());
         }

@@ -1,4 +1,4 @@
-// The statistics block: which of the kernel's figures stands in which slot.
+// The statistics block: which of the kernel's counters is in which slot.
 #pragma once
 
 #include <cstdint>

@@ -104,7 +104,7 @@ Traffic traffic_at(const Settings& settings, std::uint64_t tick)
     return traffic;
 }
 
-// Packets of one direction: so many bare ones, and the payload's full segments.
+// Packets of one direction: those without payload, and full segments for the payload.
 void add_packets(Counters& counters, unsigned packet_counter, unsigned byte_counter,
                  std::uint64_t bare, double payload_bytes)
 {
