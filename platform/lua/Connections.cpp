@@ -1,9 +1,11 @@
 // The connections() of a driver handle: the flow table as rows.
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
+#include "AlikeAddresses.h"
 #include "LuaBoundary.h"
 #include "Module.h"
 #include "vxi/vxi.h"
@@ -26,9 +28,9 @@ struct Section {
         words.assign((size + 7) / 8, 0);
     }
     vxa_dump_conntrack_s* header() { return reinterpret_cast<vxa_dump_conntrack_s*>(words.data()); }
-    const vxa_conntrack_entry_s* entries()
+    vxa_conntrack_entry_s* entries()
     {
-        return reinterpret_cast<const vxa_conntrack_entry_s*>(header() + 1);
+        return reinterpret_cast<vxa_conntrack_entry_s*>(header() + 1);
     }
 };
 
@@ -52,6 +54,27 @@ int fill(vxi_handle_ops_s* handle, Section& section, unsigned char protocol, siz
     return status;
 }
 
+const char* address_text(const vxa_conntrack_entry_s& flow, const std::uint8_t* address,
+                         char (&text)[INET6_ADDRSTRLEN])
+{
+    text[0] = '\0';
+    inet_ntop(flow.family == 6 ? AF_INET6 : AF_INET, address, text, sizeof text);
+    return text;
+}
+
+// Removes flows that rows can only be made of slowly. They still count in the total.
+void drop_alike(Section& section, AlikeAddresses& addresses)
+{
+    vxa_conntrack_entry_s* const begin = section.entries();
+    const auto is_refused = [&](const vxa_conntrack_entry_s& flow) {
+        char text[INET6_ADDRSTRLEN];
+        return flow.family == 6 && !(addresses.Admit(address_text(flow, flow.source, text)) &&
+                                     addresses.Admit(address_text(flow, flow.destination, text)));
+    };
+    const auto end = std::remove_if(begin, begin + section.header()->entry_ct, is_refused);
+    section.header()->entry_ct = static_cast<std::uint16_t>(end - begin);
+}
+
 int read(vxi_handle_ops_s* handle, FlowTable& table)
 {
     vxa_dump_conntrack_s count{};
@@ -61,7 +84,12 @@ int read(vxi_handle_ops_s* handle, FlowTable& table)
     const int udp_status = fill(handle, table.udp, kUdp, count.entry_ct);
     if (udp_status != 0) return udp_status;
     const size_t left = count.entry_ct - size_t{table.udp.header()->entry_ct};
-    return fill(handle, table.tcp, kTcp, left);
+    const int tcp_status = fill(handle, table.tcp, kTcp, left);
+    if (tcp_status != 0) return tcp_status;
+    AlikeAddresses addresses;
+    drop_alike(table.udp, addresses);
+    drop_alike(table.tcp, addresses);
+    return 0;
 }
 
 // Fields of a row, and strings that they can have: pushed once per call, not once per row.
@@ -155,10 +183,9 @@ unsigned port(const std::uint8_t (&bytes)[2])
 void set_address(lua_State* L, Name field, const vxa_conntrack_entry_s& flow,
                  const std::uint8_t* address)  // [-0, +0, m]
 {
-    char text[INET6_ADDRSTRLEN] = "";
-    inet_ntop(flow.family == 6 ? AF_INET6 : AF_INET, address, text, sizeof text);
+    char text[INET6_ADDRSTRLEN];
     push_name(L, field);
-    lua_pushstring(L, text);
+    lua_pushstring(L, address_text(flow, address, text));
     lua_rawset(L, kRowIndex);
 }
 

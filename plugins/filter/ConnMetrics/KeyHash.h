@@ -27,7 +27,7 @@ public:
 private:
     __extension__ using Product = unsigned __int128;
 
-    // Both halves of the product: the upper bits of each depend on all bits of the factors.
+    // Mixes every bit of the factors into both halves of the result.
     static std::uint64_t Fold(std::uint64_t a, std::uint64_t b)
     {
         const Product product = static_cast<Product>(a) * b;

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "AlikeAddresses.h"
 #include "LuaHost.h"
 #include "ScratchDirectory.h"
 #include "vxa_core/host.h"
@@ -245,6 +246,24 @@ TEST(Threads, StatesDoNotDisturbEachOther)
     first.join();
     second.join();
     for (const std::string& error : errors) EXPECT_EQ(error, "");
+}
+
+TEST(AlikeAddresses, ThousandsThatAgreeInWhatLuaHashesAreRefused)
+{
+    vxa::AlikeAddresses addresses;
+    std::size_t admitted = 0;
+    for (const int again : {0, 1}) {
+        char address[] = "2001:1db8:1111:2222:3333:4444:5555:6666";
+        for (int i = 0; i < 2000; ++i) {
+            const int skipped[] = {37, 33, 31};  // every second character from the end is hashed
+            for (int digit = 0, rest = i; digit < 3; ++digit, rest /= 16)
+                address[skipped[digit]] = "0123456789abcdef"[rest % 16];
+            admitted += addresses.Admit(address);
+        }
+        EXPECT_EQ(admitted, 1000u * (again + 1)) << "known ones are admitted again";
+    }
+    EXPECT_TRUE(addresses.Admit("2001:1db8:1111:2222:3333:4444:5555:0007"));
+    EXPECT_TRUE(addresses.Admit("::1"));
 }
 
 }  // namespace
