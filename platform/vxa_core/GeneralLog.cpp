@@ -1,4 +1,5 @@
 // The general log: what wxLogError and its like write.
+#include <wx/debug.h>
 #include <wx/log.h>
 #include <wx/thread.h>
 
@@ -49,6 +50,11 @@ protected:
 // needs one gets its own object.
 bool InstallAtLoad()
 {
+#ifdef NDEBUG
+    // Without memory the report of a failed assertion in wxWidgets crashes, where the caller
+    // would have got std::bad_alloc.
+    wxDisableAsserts();
+#endif
     if (wxLog* chosen_by_host = wxLog::SetActiveTarget(new GeneralLog))
         delete wxLog::SetActiveTarget(chosen_by_host);
     return true;
