@@ -32,7 +32,9 @@ bool scripted(vxi_handle_ops_s* handle, Call call, int& status)
         return false;
     }
     status = answer.status;
-    if (status <= 0) {
+    // Callers take any other status than 0 for a failure, and then ask for the text.
+    const bool is_answer = call == Call::driver_available && status > 0;
+    if (!is_answer) {
         fail(handle, status, "%s", answer.text[0] ? answer.text : StatusWords(status).text());
     }
     return true;

@@ -1,5 +1,9 @@
 #include "Source.h"
 
+#include <limits.h>
+#include <netinet/in.h>
+#include <pthread.h>
+
 #include <cstdarg>
 #include <map>
 #include <mutex>
@@ -36,12 +40,35 @@ struct DetailedSection {
 };
 
 // UDP's and everything else's.
-thread_local DetailedSection detailed_sections[2];
+struct DetailedSections {
+    DetailedSection udp;
+    DetailedSection other;
+};
 
-DetailedSection& detailed(const vxa_dump_conntrack_s& section)
+// Not thread_local: the process ends where memory runs out for registering a destructor.
+pthread_key_t sections_key()
 {
-    constexpr std::uint8_t udp = 17;
-    return detailed_sections[section.protocol != udp];
+    static const pthread_key_t key = [] {
+        pthread_key_t made = PTHREAD_KEYS_MAX;  // has no value and takes none
+        (void)pthread_key_create(
+            &made, [](void* all) { delete static_cast<DetailedSections*>(all); });
+        return made;
+    }();
+    return key;
+}
+
+DetailedSection* detailed(const vxa_dump_conntrack_s& section)
+{
+    auto* all = static_cast<DetailedSections*>(pthread_getspecific(sections_key()));
+    if (!all) return nullptr;
+    return section.protocol == IPPROTO_UDP ? &all->udp : &all->other;
+}
+
+void make_sections()
+{
+    auto all = std::make_unique<DetailedSections>();
+    if (pthread_setspecific(sections_key(), all.get()) != 0) throw std::bad_alloc();
+    (void)all.release();
 }
 
 Source& source_of(Table table)
@@ -76,15 +103,18 @@ void note_source(Table table, const char* format, ...)
 
 void note_flow_details(const vxa_dump_conntrack_s& section, FlowDetails details)
 {
-    detailed(section) = {&section, section.entry_ct, std::move(details)};
+    if (!details.empty() && !detailed(section)) make_sections();
+    if (DetailedSection* known = detailed(section))
+        *known = {&section, section.entry_ct, std::move(details)};
 }
 
 const FlowDetails& flow_details(const vxa_dump_conntrack_s& section)
 {
     static const FlowDetails none;
-    const DetailedSection& known = detailed(section);
-    const bool same = known.section == &section && known.entries == section.entry_ct;
-    return same ? known.details : none;
+    const DetailedSection* known = detailed(section);
+    const bool same =
+        known && known->section == &section && known->entries == section.entry_ct;
+    return same ? known->details : none;
 }
 
 void begin_fetch(Table table, const char* engine)

@@ -94,6 +94,7 @@ int zip_read(lua_State* L)
         }))
         return push_failure(L, failure);
     lua_pushlstring(L, bytes->data(), bytes->size());
+    std::string().swap(*bytes);  // not when the collector comes to it
     return 1;
 }
 

@@ -25,11 +25,14 @@ bool set_locale()
 }
 
 // A process may start without its standard streams. The next file opened would take
-// their place and receive what is written to them: traces in a document's event log.
+// their place and receive what is written to them: traces in a document's event log. Writing
+// to standard output fails as before: its loss must not pass for success.
 bool occupy_standard_descriptors()
 {
     for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream)
-        if (fcntl(stream, F_GETFD) < 0 && open("/dev/null", O_RDWR) < 0) return false;
+        if (fcntl(stream, F_GETFD) < 0 &&
+            open("/dev/null", stream == STDOUT_FILENO ? O_RDONLY : O_RDWR) < 0)
+            return false;
     return true;
 }
 

@@ -87,37 +87,6 @@ FileDescriptor OpenRegular(int directory, const char* name, int flags, std::stri
 
 namespace Host {
 
-namespace {
-
-// Mode 0755 whatever the umask: tools of other users read in there, and only the owner writes.
-bool MakeDirectory(const char* path)
-{
-    if (mkdir(path, 0755) != 0) return errno == EEXIST;
-    struct stat status;
-    const FileDescriptor made(open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    return made && fstat(made.get(), &status) == 0 &&
-           ((status.st_mode & 0777) == 0755 || fchmod(made.get(), 0755) == 0);
-}
-
-}  // namespace
-
-std::string MakeDirectories(const std::string& path)
-{
-    for (size_t end = 0; end != std::string::npos;) {
-        end = path.find('/', end + 1);
-        const std::string part = path.substr(0, end);
-        struct stat status;
-        // The system's own order of complaints hides the useful one: a read-only file
-        // system says so even for a directory that exists.
-        if (stat(part.c_str(), &status) == 0) {
-            if (!S_ISDIR(status.st_mode)) return part + " is not a directory";
-        } else if (!MakeDirectory(part.c_str())) {
-            return "cannot make directory " + part + ": " + ErrorText(errno);
-        }
-    }
-    return {};
-}
-
 const char* FileKind(const std::string& path)
 {
     struct stat status;

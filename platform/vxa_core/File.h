@@ -43,4 +43,11 @@ private:
 // that is missing, EINVAL for one of another kind.
 FileDescriptor OpenRegular(int directory, const char* name, int flags, std::string& reason);
 
+enum class Missing { kMade, kRefused };
+
+// Opens a directory for names only (O_PATH). Follows a symbolic link only if root or the caller
+// owns it, anywhere in the path. Directories it makes get mode 0755 whatever the umask. When it
+// fails the descriptor is empty, and `problem` names the component and the reason.
+FileDescriptor OpenDirectory(const std::string& path, Missing missing, std::string& problem);
+
 }  // namespace VxaCore

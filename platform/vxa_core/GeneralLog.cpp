@@ -73,11 +73,14 @@ void SetVerbose(bool on)
 
 void TakeGeneralLog()
 {
-    static thread_local GeneralLog this_thread;
-    if (!wxThread::IsMain())
-        wxLog::SetThreadActiveTarget(&this_thread);
-    else if (!dynamic_cast<GeneralLog*>(wxLog::GetActiveTarget()))
+    if (!wxThread::IsMain()) {
+        // Never destroyed: a destructor for each thread can fail to be registered without
+        // memory, which ends the process. wxWidgets does not delete the targets of threads.
+        static GeneralLog& other_threads = *new GeneralLog;
+        wxLog::SetThreadActiveTarget(&other_threads);
+    } else if (!dynamic_cast<GeneralLog*>(wxLog::GetActiveTarget())) {
         delete wxLog::SetActiveTarget(new GeneralLog);
+    }
 }
 
 }  // namespace Host

@@ -89,11 +89,10 @@ void PendingFile::State::OpenFolder()
 {
     const size_t slash = path.rfind('/');
     name = path.substr(slash + 1);  // all of it without a slash
-    errno = EISDIR;
     const std::string where = slash == path.npos ? "." : path.substr(0, slash + 1);
-    if (!name.empty())
-        folder = FileDescriptor(open(where.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!folder) throw std::runtime_error("cannot write " + path + ": " + ErrorText(errno));
+    std::string problem = ErrorText(EISDIR);
+    if (!name.empty()) folder = OpenDirectory(where, Missing::kRefused, problem);
+    if (!folder) throw std::runtime_error("cannot write " + path + ": " + problem);
 }
 
 bool PendingFile::State::Exists(const std::string& some_name) const
@@ -151,6 +150,8 @@ void PendingFile::State::Create()
         (void)flock(file.get(), LOCK_EX | LOCK_NB);
     else if (!TakePart(&State::CreatePart))
         throw std::runtime_error("cannot write " + path + ": " + ErrorText(errno));
+    // The umask may have taken even the owner's access. Some file systems have no modes.
+    (void)fchmod(file.get(), kMode);
 }
 
 std::string PendingFile::State::Failure() const

@@ -13,7 +13,6 @@
 #include <wx/log.h>
 
 #include "Text.h"
-#include "vxa_core/files.h"
 
 namespace VxaCore {
 
@@ -42,13 +41,23 @@ std::string HolderName(int lock_fd)
     return "process " + std::to_string(pid) + name;
 }
 
+// The next process must be able to open what this one made, whatever the umask. Some file
+// systems have no modes.
+void KeepForOwner(int file, const struct stat& status)
+{
+    constexpr mode_t owner = S_IRUSR | S_IWUSR;
+    if (status.st_uid == geteuid() && (status.st_mode & owner) != owner)
+        (void)fchmod(file, (status.st_mode & 07777) | owner);
+}
+
 }  // namespace
 
 StateDirectory::StateDirectory(const std::string& path) : m_path(path)
 {
-    const std::string problem = Host::MakeDirectories(path);
-    if (!problem.empty()) throw std::runtime_error("state directory " + path + ": " + problem);
-    m_directory = FileDescriptor(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    std::string problem;
+    const FileDescriptor found = OpenDirectory(path, Missing::kMade, problem);
+    if (!found) throw std::runtime_error("state directory " + path + ": " + problem);
+    m_directory = FileDescriptor(openat(found.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!m_directory) throw std::runtime_error("state directory " + path + ": " + ErrorText(errno));
     Lock();
     m_events = OpenForWriting(kEvents, O_RDWR | O_APPEND | O_CREAT);
@@ -113,7 +122,11 @@ FileDescriptor StateDirectory::Open(const char* name, int flags, std::string& re
 {
     FileDescriptor file = OpenRegular(m_directory.get(), name, flags, reason);
     struct stat status;
-    if (!file || (fstat(file.get(), &status) == 0 && status.st_nlink <= 1)) return file;
+    if (!file) return file;
+    if (fstat(file.get(), &status) == 0 && status.st_nlink <= 1) {
+        KeepForOwner(file.get(), status);
+        return file;
+    }
     reason = "it has more than one hard link";
     (void)file.Close();
     errno = EINVAL;
@@ -154,8 +167,7 @@ std::string StateDirectory::WriteTemporary(const std::string& text)
     if (unlinkat(m_directory.get(), kTemporary, 0) != 0 && errno == EISDIR)
         (void)unlinkat(m_directory.get(), kTemporary, AT_REMOVEDIR);
     std::string reason;
-    FileDescriptor file =
-        OpenRegular(m_directory.get(), kTemporary, O_WRONLY | O_CREAT | O_EXCL, reason);
+    FileDescriptor file = Open(kTemporary, O_WRONLY | O_CREAT | O_EXCL, reason);
     if (!file) return Failure("cannot write", kTemporary, reason);
     if (!WriteFully(file.get(), text) || fsync(file.get()) != 0 || !file.Close())
         return Failure("cannot write", kTemporary);

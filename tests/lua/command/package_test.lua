@@ -132,7 +132,7 @@ local refused = {
     { "diag folder --force", 2, "folder is a directory: it is not replaced" },
     { "diag link --force", 2, "link is a symbolic link: it is not replaced" },
     { "diag pipe --force", 2, "pipe is not a regular file: it is not replaced" },
-    { "diag none/a.zip", 1, "cannot write none/a.zip: No such file" },
+    { "diag none/a.zip", 1, "cannot write none/a.zip: none: No such file" },
     { "diag other.zip/a.zip", 1, "cannot write other.zip/a.zip: Not a directory" },
     { "diag small/a.zip", 1, "cannot write small/a.zip: No space left on device" },
     { "diag a.zip --state other.zip", 1, "other.zip" },

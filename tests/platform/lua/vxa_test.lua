@@ -142,6 +142,12 @@ end
 same(read_file(scratch .. "/other"), "root:secret", "linked file")
 refused("/other is not a directory", vxa.Dom(scratch .. "/other/state"))
 refused("cannot make directory /proc/nothing", vxa.Dom("/proc/nothing/here"))
+if os.execute(("cd %s && mkdir linked && ln -s linked theirs && chown -h 65534 theirs 2>&-")
+        :format(scratch)) then
+    local why = "/theirs is a symbolic link that another user (uid 65534) made"
+    refused(why, vxa.Dom(scratch .. "/theirs/state"))
+    refused(why, vxa.temporary(scratch .. "/theirs/a.zip"))
+end
 
 -- A leftover is replaced without following it.
 for _, command in ipairs { "ln -s ../../../other ", "mkfifo ", "mkdir " } do
@@ -197,6 +203,7 @@ end
 do -- without standard streams, logs must not end up in the next file opened
     local script = ([[local vxa = require "vxa" local dom = vxa.Dom("%s/streams")
         vxa.trace("*", true) vxa.verbose(true) vxa.log_to(nil)
+        assert(not (io.stdout:write("lost") and io.stdout:flush()))
         dom:set("a", 1) io.stderr:write("stray") dom:close()]]):format(scratch)
     check(os.execute(("LD_PRELOAD='%s' exec lua5.2 -e '%s' <&- >&- 2>&-"):format(sanitizer, script)),
         "script without standard streams")
@@ -269,7 +276,7 @@ refused("File exists", again:publish())
 t.raises("(the file is closed)", again.publish, again)
 t.raises("(the file is closed)", vxa.ZipOutputStream, again)
 same(temporary("/a/z"):publish(true), true, "publish over another")
-refused("cannot write /nonexistent/a: No such file or directory", vxa.temporary("/nonexistent/a"))
+refused("cannot write /nonexistent/a: /nonexistent: No such file or directory", vxa.temporary("/nonexistent/a"))
 refused("cannot write /: Is a directory", vxa.temporary("/"))
 for path, kind in pairs { ["/"] = "directory", ["/dev/null"] = "other", ["/nonexistent"] = "none",
                           [scratch .. "/a/z"] = "file" } do

@@ -6,7 +6,8 @@
 //   lock            locked (flock(2)) by the process that has the directory open
 // The process may be killed at any moment: document.json is the old or the new one,
 // never a part, and an event whose call has returned is there. An unfinished last line
-// of events.jsonl is cut off when the directory is next opened.
+// of events.jsonl is cut off when the directory is next opened. The owner can read and write
+// the files whatever the umask.
 //
 // All calls are safe from any thread. std::bad_alloc may leave any of them.
 #pragma once
@@ -43,7 +44,8 @@ public:
 
     // Opens a state directory, made when missing (parents too). Throws
     // std::runtime_error with the reason: it cannot be made, read or written, another
-    // opener holds it (the text names the process), one of its files is a symbolic link,
+    // opener holds it (the text names the process), a symbolic link in the path belongs
+    // to another user than root and the caller, one of its files is a symbolic link,
     // has more than one hard link or is not a regular file (nothing is written then), or
     // document.json is not a JSON object (the message has line and column, nothing of the
     // content; the file is left alone).

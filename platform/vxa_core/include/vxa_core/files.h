@@ -10,7 +10,8 @@
 namespace VxaCore::Host {
 
 // Makes a directory and those above it, of mode 0755 whatever the umask; one that exists
-// already is left as it is. Returns empty for success, else what was wrong.
+// already is left as it is. A symbolic link in the path is followed only if root or the caller
+// owns it. Returns empty for success, else what was wrong.
 VXA_CORE_API std::string MakeDirectories(const std::string& path);
 
 // "file", "directory", "link" (not followed) or "other"; null with errno set.

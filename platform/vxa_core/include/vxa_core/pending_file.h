@@ -16,7 +16,8 @@ enum class Existing { kReplaced, kKept };
 //
 // The folder may belong to somebody else, who renames, replaces and links there at will:
 // folder and file are opened once and never again by name, so nothing outside the folder
-// is touched and the content is what was written here. Where the file system can do it,
+// is touched and the content is what was written here. On the way to the folder, a symbolic
+// link is followed only if root or the caller owns it. Where the file system can do it,
 // the file has no name until Publish, so nothing is left behind if the process is killed.
 // Elsewhere it is PATH.part1 (or the next free number) until then, and the next
 // PendingFile for the same path removes those that killed processes left behind.

@@ -156,9 +156,8 @@ for _, call in ipairs(calls) do
         local events, traces = bundle(("%s=%d:after=%d:100 %%s%%n broke:once"):format(
             call[1], status, call[2]))
         local silent = not call[4] or call[1] == "vxi_get_varv" and status == -10017
-        -- The library keeps a text for its own failures only, and those are negative.
-        local error = status < 0 and ("engine sim: %s: 100 %%s%%n broke"):format(call[1]) or ""
-        local text = silent or ("%s|%s (%s)"):format(call[4], code, error)
+        local text = silent
+            or ("%s|%s (engine sim: %s: 100 %%s%%n broke)"):format(call[4], code, call[1])
         t.equal(events, silent and {} or {text}, what)
         t.equal(with(":408 ShowErrors: AgentWrite 1001 " .. tostring(text), traces), not silent, what)
         if call[5] then t.equal(with(call[5]:format(status), traces), true, what) end
