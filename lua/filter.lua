@@ -151,6 +151,10 @@ local function to_thousandths(number)
     return tonumber(("%.3f"):format(number))
 end
 
+local function to_millionths(number)
+    return tonumber(("%.6f"):format(number))
+end
+
 -- Values and thresholds by metric, and how the module has rounded them.
 local function figures_of(status)
     if status then return status.figures, to_thousandths end
@@ -190,6 +194,10 @@ function Monitor:judge(metric, figure, rounded, crossing, before)
     local row = { name = metric.name, over = false, value = figure.value,
                   threshold = threshold_of(metric, figure, rounded, setting, before) }
     if crossing then row.value, row.threshold, row.over = crossing.value, crossing.threshold, true end
+    -- The trace has six decimals, and 0 for a threshold of 1e-9.
+    if crossing and setting and to_millionths(setting) == crossing.threshold then
+        row.threshold = setting
+    end
     row.enabled = row.threshold ~= nil
     if not row.enabled or self:lacks_value(metric, row.value) then row.value = nil end
     row.threshold = row.threshold or 0

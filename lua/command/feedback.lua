@@ -37,14 +37,20 @@ function Feedback:due()
     return self.script:due()
 end
 
+-- The script's clock has whole seconds.
+local function with_time(self, report)
+    if report then report.time = self.vxa.time() end
+    return report
+end
+
 function Feedback:report()
-    return self.script:report()
+    return with_time(self, self.script:report())
 end
 
 -- What was fed since the last report, in the form of a report; nil when that is nothing.
 function Feedback:rest()
     local rest = self.script:rest()
-    return #rest.rows > 0 and rest or nil
+    return #rest.rows > 0 and with_time(self, rest) or nil
 end
 
 return feedback

@@ -167,10 +167,16 @@ local function bind_negative_numbers(arguments)
     return bound
 end
 
+-- "vxa help [COMMAND]" is "vxa [COMMAND] --help".
+local function with_help_option(arguments)
+    if arguments[1] ~= "help" then return arguments end
+    return { arguments[2] or "--help", arguments[2] and "--help" }
+end
+
 -- The options as a table, or nil and what is wrong. Help ends the process.
 function options.parse(arguments)
     local parser = build()
-    local ok, parsed = parser:pparse(bind_negative_numbers(arguments))
+    local ok, parsed = parser:pparse(bind_negative_numbers(with_help_option(arguments)))
     if not ok then return nil, (parsed:gsub("\nDid you mean", "; did you mean")) end
     if parsed.outbound and not parsed.port then return nil, "--outbound needs --port" end
     if parsed.lenient and not parsed.policy then return nil, "--lenient needs --policy" end

@@ -11,9 +11,9 @@ local report_json = {}
 local KEY_ORDER = {
     "record", "time", "since", "version", "engine", "monitoring", "policy_source", "settings",
     "interval_s", "publication_interval_s", "cycle", "sample",
-    "action", "action_text", "state", "measured", "metrics", "name", "available", "value",
+    "action", "action_text", "state", "cycles", "measured", "metrics", "name", "available", "value",
     "threshold", "unit", "enabled", "over", "transition", "min_fail_open_s", "in_fail_open_s",
-    "port", "direction", "error", "errors", "capabilities", "detail", "cycles", "entered",
+    "port", "direction", "error", "errors", "capabilities", "detail", "entered",
     "flows", "new", "beyond", "published", "services", "protocol", "dst_addr", "dst_port",
     "flags", "cf_ssl_connection", "cf_start_tls", "cf_udp_connection", "cf_outbound_connection",
     "cf_rsa_key_imported", "cf_qoagent_key_imported", "cf_qoagent_key_not_found",

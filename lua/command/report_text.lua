@@ -49,6 +49,7 @@ local function bound(i, threshold)
 end
 
 local NARROWEST = 5  -- "12.34"
+local ACTION = "%-17s"  -- "no memory figures"
 
 function Report:set_columns(metrics)
     for i, metric in ipairs(metrics) do
@@ -62,7 +63,7 @@ end
 -- A line of the table. `cell(i)` returns the string in a metric's column, and whether to mark
 -- it as beyond its threshold.
 function Report:row(time, action, cell)
-    local cells = { ("%-" .. self.times:width() .. "s  %-15s"):format(time, action) }
+    local cells = { ("%-" .. self.times:width() .. "s  " .. ACTION):format(time, action) }
     for i in ipairs(filter.metrics) do
         if self.thresholds[i] then
             local content, is_over = cell(i)
@@ -116,7 +117,7 @@ end
 function Report:line(result)
     local time = self.times:line(result.time)
     if result.measured then return console.line("%s", self:measured_line(time, result)) end
-    console.line("%s  %-15s  %s; %s", time, result.text, why_not[result.action] or "nothing judged",
+    console.line("%s  " .. ACTION .. "  %s; %s", time, result.text, why_not[result.action] or "nothing judged",
         result.state == filter.ACTIVATED and "still in fail-open" or "the filter enforces")
 end
 

@@ -19,11 +19,14 @@ local function as_table(value)
     return type(value) == "table" and value or {}
 end
 
+-- The kernel's numbers have at most 64 bits.
 local function whole(value)
-    return type(value) == "number" and ("%.0f"):format(value) or "-"
+    if type(value) ~= "number" then return "-" end
+    return (math.abs(value) <= 2 ^ 64 and "%.0f" or "%.3g"):format(value)
 end
 
 local function plain(value)
+    if value == nil then return "?" end
     if type(value) == "string" then return printable(value) end
     return printable(type(value) == "table" and json.encode(value) or tostring(value))
 end

@@ -217,7 +217,7 @@ cases.case("connections that were not published yet are told as such", function(
     local out, status, err = vxa("connections --cycles 2 --interval 0.01", "VXI_SIM=flows=100")
     cases.equal({ status, err }, { 0, "" }, "exit status and errors")
     match_in_order(out, { "^vxa [%d.]+, engine sim, flows read every 0.01 s\n",
-        "once in 61 seconds: first report at %d%d:%d%d:%d%d%.\n", "  100 flows, 100 new\n",
+        "once in 61 seconds: first report at [%d -]-%d%d:%d%d:%d%d%.\n", "  100 flows, 100 new\n",
         "  100 flows, 0 new\n", "  not published yet: 100 new connections to %d services since ",
         "\n count  protocol  direction  destination\n    %d%d  tcp       in         10.0.0.1:443\n",
         "  in         %[2001:db8::1%]:443\n",

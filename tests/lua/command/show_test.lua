@@ -86,13 +86,13 @@ local profiles = {
         "^ip t c", "^     4       12    345         7      99  accept", "^     5 .* %- +%-$" } },
     { ', {"profile": {"ticks": 3, "rules": [{"handle": 5, "packets": 1e300, "bytes": "\\u001b"}, '
       .. '7]}}',
-      { "profiled for 3 ticks", "", "", "     4       12    345 +%- +%-  accept", "1000000000" } },
+      { "profiled for 3 ticks", "", "", "     4       12    345 +%- +%-  accept", " 1e%+300 " } },
     { ', {"profile": {"milliseconds": 1e300, "rules": [{"handle": "milliseconds"}, {"handle": {}}, '
       .. '{"handle": "rules", "packets": []}]}}, {"rule": {"handle": "milliseconds"}}',
-      { "profiled for %- ticks", "", "", "", "", "^nil nil nil$", "^ +%- +%-" } },
+      { "profiled for %- ticks", "", "", "", "", "^%? %? %?$", "^ +%- +%-" } },
     { ', 5, "x", {"rule": 7}, {"counter": {"name": "n", "packets": 3}}',
       { "2 rules; ", "", "", "", "", "packets  bytes  named counter",
-        "      3      %-  nil nil n" } },
+        "      3      %-  %? %? n" } },
 }
 
 for i, row in ipairs(profiles) do
