@@ -115,8 +115,8 @@ local OVERLOADED = "VXI_SIM=scenario=overloaded"
 -- error in order (none: it is empty), exit status (none: 0).
 local runs = {
     { "version", "--version", "", { "^vxa %d+%.%d+%.%d+ .*linux.*sim" } },
-    { "help of all", "--help", "", { "Usage: vxa", "run", "status", "Exit status" } },
-    { "help of connections", "connections --help", "", { "61 seconds" } },
+    { "help of all", "help", "", { "Usage: vxa", "run", "status", "Exit status" } },
+    { "help of connections", "help connections", "", { "61 seconds" } },
     { "help of run", "run --help", "",
       { "%-%-policy FILE", "%-%-lenient", "%-%-port N", "%-%-outbound", "%-%-engine NAME",
         "%-%-trace CATEGORY", "%-%-json", "%-%-interval SECONDS", "%-%-cycles N",
