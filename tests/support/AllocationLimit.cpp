@@ -9,24 +9,9 @@
 
 namespace {
 
-struct Limit {
-    long left = -1;
-    bool failed = false;
-
-    bool Refuses()
-    {
-        failed |= left == 0;
-        return left > 0 ? left-- == 0 : left == 0;
-    }
-    bool Lift()
-    {
-        left = -1;
-        return failed;
-    }
-};
-
-thread_local Limit s_new;
-thread_local Limit s_malloc;
+thread_local long s_left = -1;
+thread_local bool s_failed = false;
+thread_local bool s_limits_malloc = false;
 thread_local std::size_t s_refused_from = SIZE_MAX;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -35,27 +20,34 @@ constexpr bool kMallocIsOurs = false;
 constexpr bool kMallocIsOurs = true;
 #endif
 
+bool IsRefused(std::size_t size)
+{
+    s_failed |= s_left == 0;
+    const bool refused = s_left == 0 || size >= s_refused_from;
+    if (s_left > 0) --s_left;
+    return refused;
+}
+
 }  // namespace
 
 void allocations::Allow(long count)
 {
-    s_new = {count, false};
-}
-
-bool allocations::LiftLimit()
-{
-    return s_new.Lift();
+    s_left = count;
+    s_failed = false;
+    s_limits_malloc = false;
 }
 
 bool allocations::AllowMalloc(long count)
 {
-    s_malloc = {count, false};
+    Allow(count);
+    s_limits_malloc = kMallocIsOurs;
     return kMallocIsOurs;
 }
 
-bool allocations::LiftMallocLimit()
+bool allocations::LiftLimit()
 {
-    return s_malloc.Lift();
+    s_left = -1;
+    return s_failed;
 }
 
 bool allocations::RefuseFrom(std::size_t size)
@@ -67,7 +59,8 @@ bool allocations::RefuseFrom(std::size_t size)
 // Inlined, the pairs look mismatched to the compiler.
 [[gnu::noinline]] void* operator new(std::size_t size)
 {
-    void* const block = s_new.Refuses() ? nullptr : std::malloc(size != 0 ? size : 1);
+    const bool refused = !s_limits_malloc && IsRefused(size);
+    void* const block = refused ? nullptr : std::malloc(size != 0 ? size : 1);
     return block != nullptr ? block : throw std::bad_alloc();
 }
 
@@ -106,33 +99,33 @@ void* __libc_calloc(std::size_t count, std::size_t size);
 void* __libc_realloc(void* block, std::size_t size);
 void* __libc_memalign(std::size_t alignment, std::size_t size);
 
-static bool IsRefused(std::size_t size)
+static bool IsMallocRefused(std::size_t size)
 {
-    if (!s_malloc.Refuses() && size < s_refused_from) return false;
+    if (s_limits_malloc ? !IsRefused(size) : size < s_refused_from) return false;
     errno = ENOMEM;
     return true;
 }
 
 void* malloc(std::size_t size)
 {
-    return IsRefused(size) ? nullptr : __libc_malloc(size);
+    return IsMallocRefused(size) ? nullptr : __libc_malloc(size);
 }
 
 void* calloc(std::size_t count, std::size_t size)
 {
-    return IsRefused(count * size) ? nullptr : __libc_calloc(count, size);
+    return IsMallocRefused(count * size) ? nullptr : __libc_calloc(count, size);
 }
 
 void* aligned_alloc(std::size_t alignment, std::size_t size)
 {
-    return IsRefused(size) ? nullptr : __libc_memalign(alignment, size);
+    return IsMallocRefused(size) ? nullptr : __libc_memalign(alignment, size);
 }
 
 // Lua relies on it that a block can be made smaller.
 void* realloc(void* block, std::size_t size)
 {
     const bool fits = block != nullptr && malloc_usable_size(block) >= size;
-    return !fits && IsRefused(size) ? nullptr : __libc_realloc(block, size);
+    return !fits && IsMallocRefused(size) ? nullptr : __libc_realloc(block, size);
 }
 
 }  // extern "C"

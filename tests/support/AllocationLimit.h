@@ -6,19 +6,17 @@
 
 namespace allocations {
 
-// From now on `count` allocations by operator new succeed and all that follow fail; -1: none
-// fails.
+// From now on `count` allocations by operator new succeed and all that follow fail.
 void Allow(long count);
+
+// Instead by malloc and its kin, which operator new takes its memory from. False in a program
+// with a sanitizer, whose malloc never fails: then the limit is operator new's.
+bool AllowMalloc(long count);
 
 // Lifts the limit; whether an allocation failed under it.
 bool LiftLimit();
 
-// The same for malloc and its kin, which operator new takes its memory from. False where the
-// program has a sanitizer's malloc, which never fails.
-bool AllowMalloc(long count);
-bool LiftMallocLimit();
-
-// From now on malloc and its kin refuse blocks of at least this size; 0: none. False likewise.
+// From now on malloc and its kin refuse blocks of at least this size; 0: none. False with a sanitizer.
 bool RefuseFrom(std::size_t size);
 
 }  // namespace allocations

@@ -2,15 +2,10 @@
 
 #include <utility>
 
-#include "vxa_core/archive.h"
-#include "vxa_core/document.h"
-
 namespace {
 
 std::vector<host::Record> s_traces;
 host::Lines s_log;
-bool s_refuse = false;
-std::vector<host::Entry> s_entries;
 
 void Sort()
 {
@@ -25,27 +20,11 @@ void Sort()
 
 }  // namespace
 
-// These two come before the core library's own.
-namespace VxaCore {
-
-void CDom::DoAgentEventWriteUtf8(int id, const char* format)
+// Before the core library's own.
+void VxaCore::CDom::DoAgentEventWriteUtf8(int id, const char* format)
 {
     DoAgentEventWrite(id, wxString("utf8 ") + wxString::FromUTF8(format));
 }
-
-bool CZipOutputStream::AddFromStream(wxInputStream& in, bool text, const wxString& name,
-                                     const wxString& comment)
-{
-    if (s_refuse) return false;
-    host::Entry entry{name.ToStdString(), text, comment.ToStdString(), ""};
-    char chunk[4096];
-    while (const std::size_t got = in.Read(chunk, sizeof chunk).LastRead())
-        entry.bytes.append(chunk, got);
-    s_entries.push_back(std::move(entry));
-    return in.Eof();
-}
-
-}  // namespace VxaCore
 
 namespace host {
 
@@ -96,22 +75,6 @@ Lines Events(VxaCore::CDom& document)
     for (const auto& event : document.store().Events(unreadable))
         lines.push_back(std::to_string(event.id) + " " + event.text);
     return lines;
-}
-
-std::unique_ptr<VxaCore::CZipOutputStream> MakeArchive()
-{
-    return std::make_unique<VxaCore::CZipOutputStream>(
-        VxaCore::CZipOutputStream::Archive::Create("/dev/null"));
-}
-
-void RefuseEntries(bool refuse)
-{
-    s_refuse = refuse;
-}
-
-std::vector<Entry> TakeEntries()
-{
-    return std::exchange(s_entries, {});
 }
 
 }  // namespace host

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "VxaCore/Dom.h"
-#include "VxaCore/ZipOutputStream.h"
+#include "vxa_core/document.h"
 #include "vxa_core/host.h"
 
 namespace host {
@@ -26,17 +26,5 @@ void EnableTraces(bool on);  // of all categories; off at first
 std::unique_ptr<VxaCore::CDom> MakeDocument();
 std::optional<bool> TakeSetting(VxaCore::CDom& document, const std::string& key);
 Lines Events(VxaCore::CDom& document);  // "ID TEXT"; "ID utf8 TEXT" if given in UTF-8
-
-struct Entry {
-    std::string name;
-    bool text;
-    std::string comment;
-    std::string bytes;
-};
-
-// An archive whose entries go where TakeEntries finds them, or are refused.
-std::unique_ptr<VxaCore::CZipOutputStream> MakeArchive();
-void RefuseEntries(bool refuse);
-std::vector<Entry> TakeEntries();
 
 }  // namespace host

@@ -27,24 +27,20 @@ std::string LuaHost::Run(const std::string& chunk)
     return error;
 }
 
-void LuaHost::FailAfter(long allowed, bool for_good)
+void LuaHost::FailAfter(long allowed)
 {
     m_failing = true;
     m_failed = false;
-    m_for_good = for_good;
     m_allowed = allowed;
 }
 
-std::string LuaHost::CallFailing(int arguments, long allowed, bool for_good)
+std::string LuaHost::CallFailing(int arguments, long allowed)
 {
-    // The collector makes Lua try a refused allocation again, after a collection.
-    if (!for_good) lua_gc(L, LUA_GCSTOP, 0);
-    FailAfter(allowed, for_good);
+    FailAfter(allowed);
     const int status = lua_pcall(L, arguments, LUA_MULTRET, 0);
     StopFailing();
     const std::string error = status != LUA_OK ? lua_tostring(L, -1) : "";
     lua_settop(L, 0);
-    lua_gc(L, LUA_GCRESTART, 0);
     return error;
 }
 
@@ -58,7 +54,6 @@ std::size_t LuaHost::Close()
 bool LuaHost::Refuses()
 {
     if (!m_failing || m_allowed-- > 0) return false;
-    m_failing = m_for_good;
     if (!m_failed && on_failure) on_failure();
     m_failed = true;
     return true;

@@ -21,8 +21,8 @@ public:
     // Runs a chunk; the error's text, or empty.
     std::string Run(const std::string& chunk);
 
-    // From now on `allowed` allocations succeed; then one fails, or all that follow.
-    void FailAfter(long allowed, bool for_good);
+    // From now on `allowed` allocations succeed and all that follow fail.
+    void FailAfter(long allowed);
     void StopFailing() { m_failing = false; }
     bool HasFailed() const { return m_failed; }
 
@@ -30,7 +30,7 @@ public:
     std::function<void()> on_failure;
 
     // Calls what stands on the stack under FailAfter; the error's text, or empty.
-    std::string CallFailing(int arguments, long allowed, bool for_good);
+    std::string CallFailing(int arguments, long allowed);
 
     // What the state holds.
     std::size_t Bytes() const { return m_bytes; }
@@ -45,7 +45,6 @@ private:
     std::size_t m_bytes = 0;
     bool m_failing = false;
     bool m_failed = false;
-    bool m_for_good = false;
     long m_allowed = 0;
 };
 

@@ -25,27 +25,18 @@ struct Call {
 };
 
 struct Answers {
-    bool opens = true;
-    int set_status = 0;
-    int get_status = 0;
+    // By a call's name: what the first, the second ... returns, the last from then on. 0 where
+    // there is nothing; 1 of "open", which 0 makes fail, and of "driver_available".
+    std::map<std::string, std::vector<int>> statuses;
+    // Likewise the counts, sizes or values that it tells, true or not. It fills the room that it
+    // is given. Of "get_stats": 65536 * an offset in the record + the 16-bit word to stand there.
+    std::map<std::string, std::vector<std::uint32_t>> counts;
     std::string error;
+
+    // Of "get_scan_metrics".
     std::uint32_t counters = VXI_SCAN_COUNTERS;
     std::uint32_t entries = 1;
     std::array<std::uint64_t, VXI_SCAN_COUNTERS> values{};
-
-    int available = 1;
-    // By a call's name: what the first, the second ... returns; 0 beyond. Not for the scan
-    // calls.
-    std::map<std::string, std::vector<int>> statuses;
-    // Counts as the driver tells them, true or not. It fills the room that it is given.
-    std::uint16_t flows = 0;
-    std::uint16_t udp_flows = 0;
-    std::uint16_t tcp_flows = 0;
-    std::uint32_t list_sizes[2] = {0, 0};               // of the size request, of the fill request
-    std::uint32_t profile_sizes[2] = {0, 0};            // likewise
-    std::map<unsigned int, std::uint16_t> stats_words;  // by offset in the record: rewritten
-    std::uint32_t profiling = 0;                        // value of variable 62
-    std::string text;                                   // printed behind every table, in one call
 };
 
 void SetAnswers(const Answers& answers);
@@ -58,8 +49,7 @@ void SetClock(std::uint64_t now_us);
 using TraceHandler = int (*)(int, const char*, const char*, int, char*);
 TraceHandler InstalledTraceHandler();
 
-// How often vxi_set_profiler was called with the library's own two hooks, and in all.
+// How often vxi_set_profiler was called, with the library's own two hooks: with others, -1.
 int ProfilerInstallations();
-int ProfilerCalls();
 
 }  // namespace driver

@@ -11,20 +11,16 @@ namespace {
 
 // Plain data only beside the Lua calls that can raise: scripts own the process here, and a
 // memory error ends it.
-void SetText(lua_State* L, const char* field, const std::string& text)
-{
-    lua_pushlstring(L, text.data(), text.size());
-    lua_setfield(L, -2, field);
-}
-
 int TakeCalls(lua_State* L)
 {
     lua_newtable(L);
     int index = 0;
     for (const driver::Call& call : driver::TakeCalls()) {
         lua_newtable(L);
-        SetText(L, "name", call.name);
-        SetText(L, "bytes", call.bytes);
+        lua_pushlstring(L, call.name.data(), call.name.size());
+        lua_setfield(L, -2, "name");
+        lua_pushlstring(L, call.bytes.data(), call.bytes.size());
+        lua_setfield(L, -2, "bytes");
         lua_pushnumber(L, static_cast<lua_Number>(call.number));
         lua_setfield(L, -2, "number");
         lua_pushboolean(L, call.null_handle);
@@ -34,39 +30,26 @@ int TakeCalls(lua_State* L)
     return 1;
 }
 
-double Number(lua_State* L, const char* field, double otherwise)
+int SetAnswers(lua_State* L)
 {
-    lua_getfield(L, 1, field);
-    const double number = luaL_optnumber(L, -1, otherwise);
-    lua_pop(L, 1);
-    return number;
-}
-
-// Lua numbers: counters are exact up to 2^53.
-void ReadValues(lua_State* L, driver::Answers& answers)
-{
+    const auto number = [L](const char* field, double otherwise) {
+        lua_getfield(L, 1, field);
+        return luaL_optnumber(L, -1, otherwise);
+    };
+    driver::Answers answers;
+    answers.statuses["open"] = {static_cast<int>(number("opens", 1))};
+    answers.statuses["set_scan_monitoring"] = {static_cast<int>(number("set_status", 0))};
+    answers.statuses["get_scan_metrics"] = {static_cast<int>(number("get_status", 0))};
+    answers.counters = static_cast<std::uint32_t>(number("counters", VXI_SCAN_COUNTERS));
+    answers.entries = static_cast<std::uint32_t>(number("entries", 1));
+    lua_getfield(L, 1, "error");
+    answers.error = luaL_optstring(L, -1, "");
     lua_getfield(L, 1, "values");
     for (std::size_t j = 0; j < answers.values.size() && lua_istable(L, -1); ++j) {
         lua_rawgeti(L, -1, static_cast<int>(j + 1));
         answers.values[j] = static_cast<std::uint64_t>(lua_tonumber(L, -1));
         lua_pop(L, 1);
     }
-    lua_pop(L, 1);
-}
-
-int SetAnswers(lua_State* L)
-{
-    luaL_checktype(L, 1, LUA_TTABLE);
-    driver::Answers answers;
-    answers.opens = Number(L, "opens", 1) != 0;
-    answers.set_status = static_cast<int>(Number(L, "set_status", 0));
-    answers.get_status = static_cast<int>(Number(L, "get_status", 0));
-    answers.counters = static_cast<std::uint32_t>(Number(L, "counters", VXI_SCAN_COUNTERS));
-    answers.entries = static_cast<std::uint32_t>(Number(L, "entries", 1));
-    lua_getfield(L, 1, "error");
-    answers.error = luaL_optstring(L, -1, "");
-    lua_pop(L, 1);
-    ReadValues(L, answers);
     driver::SetAnswers(answers);
     return 0;
 }
@@ -99,8 +82,7 @@ int Emit(lua_State* L)
 int ProfilerInstallations(lua_State* L)
 {
     lua_pushinteger(L, driver::ProfilerInstallations());
-    lua_pushinteger(L, driver::ProfilerCalls());
-    return 2;
+    return 1;
 }
 
 }  // namespace

@@ -131,7 +131,7 @@ int Sweep(const std::string& before, const std::string& script, const char* afte
             state.Run("dir = '" + dir + "' events = '" + s_scratch.path("events") + "' " + before),
             "");
         EXPECT_EQ(luaL_loadstring(state.L, script.c_str()), LUA_OK) << script;
-        const std::string error = state.CallFailing(0, failing, true);
+        const std::string error = state.CallFailing(0, failing);
         if (error.empty()) return failing;
         EXPECT_NE(error.find("not enough memory"), std::string::npos) << script << ": " << error;
         EXPECT_EQ(state.Run(after), "") << script;

@@ -215,7 +215,7 @@ TEST(Slb3, RunningOutOfMemoryLeavesNothingBehind)
     for (long allowed = 0, failed = 1; failed; ++allowed) {
         LuaHost host;
         lua_pushcfunction(host.L, PushRock);
-        const std::string error = host.CallFailing(0, allowed, true);
+        const std::string error = host.CallFailing(0, allowed);
         failed = host.HasFailed();
         EXPECT_EQ(error, failed ? "not enough memory" : "");
         EXPECT_TRUE(failed || allowed > 20) << "nothing failed";

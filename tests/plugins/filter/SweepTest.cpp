@@ -97,7 +97,7 @@ struct Memory {
 const Memory kMemories[] = {
     {"lua_memory",
      [](LuaHost& host, long count) {
-         host.FailAfter(count, true);
+         host.FailAfter(count);
          return true;
      },
      [](LuaHost& host) {
@@ -105,7 +105,7 @@ const Memory kMemories[] = {
          return host.HasFailed();
      }},
     {"malloc_memory", [](LuaHost&, long count) { return allocations::AllowMalloc(count); },
-     [](LuaHost&) { return allocations::LiftMallocLimit(); }},
+     [](LuaHost&) { return allocations::LiftLimit(); }},
 };
 
 void PrintTo(const Memory& memory, std::ostream* out)
@@ -228,7 +228,7 @@ TEST_F(Sweep, ModuleEntry)
         ASSERT_EQ(luaL_dostring(host.L, "return assert(package.loadlib('" LIBRARY_DIR
                                         "/fc.so', 'luaopen_fc'))"),
                   0);
-        const std::string error = host.CallFailing(0, n, true);
+        const std::string error = host.CallFailing(0, n);
         failed = host.HasFailed();
         EXPECT_EQ(error.find("not enough memory") != std::string::npos, failed) << error;
         // Whatever was reached: the next attempt finds the whole module.

@@ -60,7 +60,7 @@ TEST(Threads, CyclesAndQueriesAtOnce)
     // While fetches fail, every cycle configures the port again and switches thresholds off.
     for (const int fetch_status : {-5, 0}) {
         driver::Answers answers;
-        answers.get_status = fetch_status;
+        answers.statuses["get_scan_metrics"] = {fetch_status};
         driver::SetAnswers(answers);
         std::string errors[3];
         std::thread first([&] { errors[0] = cycles.Run(kCycles); });

@@ -9,7 +9,7 @@ vxa.log_to(logs)
 t.equal(require "fc", true)
 t.equal(package.loaded.fc, true)
 t.equal(t.records(logs).log, {}, "it finds itself without complaint")
-t.equal({recorder.profiler_installations()}, {1, 1}, "hooks: the library's own, once")
+t.equal(recorder.profiler_installations(), 1, "hooks: the library's own, once")
 
 -- Plain closures have no upvalues; raw functions have the pointer and its type's record.
 local upvalues = {
@@ -38,7 +38,7 @@ t.equal(require "fc", true)
 t.equal(SLB.filter, before)
 t.equal(type(SLB.filter.GetSysHealthEnabled), "function")
 t.equal(SLB.filter.of_the_host, 1, "what others put there stays")
-t.equal({recorder.profiler_installations()}, {1, 1}, "hooks are installed once")
+t.equal(recorder.profiler_installations(), 1, "hooks are installed once")
 
 for _, name in ipairs {"EnableNativeFirewall", "DisableNativeFirewall"} do
     t.equal({SLB.filter[name]()}, {0}, name)

@@ -96,7 +96,7 @@ protected:
         EXPECT_EQ(luaL_loadstring(host.L, chunk), 0);
         allocations::AllowMalloc(n);
         const int status = lua_pcall(host.L, 0, 0, 0);
-        m_failed = allocations::LiftMallocLimit();
+        m_failed = allocations::LiftLimit();
         const std::string error = status != LUA_OK ? lua_tostring(host.L, -1) : "";
         lua_settop(host.L, 0);
         EXPECT_TRUE(status == LUA_OK || m_failed) << error;
@@ -137,7 +137,7 @@ protected:
             if (!RunLimited(host, kReport, n)) return -1;
         } else {
             EXPECT_EQ(luaL_loadstring(host.L, kReport), 0);
-            const bool raised = !host.CallFailing(0, n, true).empty();
+            const bool raised = !host.CallFailing(0, n).empty();
             m_failed = host.HasFailed();
             if (raised) return -1;
         }

@@ -1,502 +1,528 @@
-// Each dump by itself: what it asks of the driver byte for byte, and what becomes of every
-// answer: entry, event, trace and result.
+// Each dump by itself: what it asks of the driver, and what becomes of every answer: entry,
+// event, trace and result.
 
 #include <algorithm>
+#include <clocale>
 #include <cstring>
-#include <functional>
+#include <memory>
+#include <optional>
+
+#include <gtest/gtest.h>
+#include <wx/mstream.h>
+#include <wx/txtstrm.h>
 
 #include "AllocationLimit.h"
-#include "Fixture.h"
+#include "Diagnostics/Diagnostics.h"
+#include "HostRecording.h"
+#include "RecordingDriver.h"
+#include "vxa_core/archive.h"
 
 namespace {
 
 using namespace Filter::Diagnostics;
+using Lines = host::Lines;
+using Statuses = std::vector<int>;
+using Counts = std::vector<std::uint32_t>;
 
-using Add = bool (*)(VxaCore::CDom*, vxi_handle_ops_s*, VxaCore::CZipOutputStream&);
-using Answer = std::function<void(driver::Answers&)>;
+struct Entry {
+    std::string name;
+    bool text;
+    std::string comment;
+    std::string bytes;
+};
+
+std::vector<Entry> s_entries;
+bool s_archive_refuses = false;
 
 constexpr std::uint32_t kHuge = 0xffffffff;
 constexpr std::size_t kLargeBlock = 5000;
 
-const struct Dump {
-    Add add;
+struct Dump {
+    bool (*add)(VxaCore::CDom*, vxi_handle_ops_s*, VxaCore::CZipOutputStream&);
     const char* entry;
-    bool text;
+    const char* call;
     const char* trace;
-} kDumps[] = {
-    {AddDriverStatistics, "vxa_stats.txt", true, "100 AddDriverStatistics: AddDriverStatistics()"},
-    {AddDriverVariables, "vxa_variables.txt", true, "141 AddDriverVariables: AddDriverVariables()"},
-    {AddDriverConnTrack, "vxa_conn_track.txt", true, "55 AddDriverConnTrack: AddDriverConnTrack()"},
-    {AddDriverBlacklist, "vxa_blacklist.txt", true, "17 AddDriverBlacklist: AddDriverBlacklist()"},
-    {AddDriverConnStates, "vxa_conn_states.txt", true,
-     "37 AddDriverConnStates: AddDriverConnStates()"},
-    {AddDriverRuleStats, "vxa.tpf", false, "164 AddDriverRuleStats: AddDriverRuleStats()"},
+    bool without_driver;  // the result
 };
 
-const Dump& DumpOf(Add add)
-{
-    return *std::find_if(std::begin(kDumps), std::end(kDumps),
-                         [add](const Dump& dump) { return dump.add == add; });
-}
+constexpr Dump kStatistics{AddDriverStatistics, "vxa_stats.txt", "get_stats",
+                           "100 AddDriverStatistics: AddDriverStatistics()", false};
+constexpr Dump kVariables{AddDriverVariables, "vxa_variables.txt", "get_varv",
+                          "141 AddDriverVariables: AddDriverVariables()", false};
+constexpr Dump kStates{AddDriverConnStates, "vxa_conn_states.txt", "get_conn_states",
+                       "37 AddDriverConnStates: AddDriverConnStates()", false};
+constexpr Dump kConnections{AddDriverConnTrack, "vxa_conn_track.txt", "get_conntrack",
+                            "55 AddDriverConnTrack: AddDriverConnTrack()", true};
+constexpr Dump kBlacklist{AddDriverBlacklist, "vxa_blacklist.txt", "get_blacklist",
+                          "17 AddDriverBlacklist: AddDriverBlacklist()", false};
+constexpr Dump kRules{AddDriverRuleStats, "vxa.tpf", "get_profile_stats",
+                      "164 AddDriverRuleStats: AddDriverRuleStats()", true};
 
-// ---- answers of the driver -------------------------------------------------------------
+class DumpTest : public ::testing::Test {
+protected:
+    void SetUp() override { Start({}); }
+    void TearDown() override { s_archive_refuses = false; }
 
-void NotAvailable(driver::Answers& answers)
-{
-    answers.available = 0;
-}
-
-// A driver that fails may have written anything before.
-Answer Flows(std::uint16_t total, std::uint16_t udp, std::uint16_t tcp, std::vector<int> rc = {})
-{
-    return [=](driver::Answers& answers) {
-        answers.flows = total;
-        answers.udp_flows = udp;
-        answers.tcp_flows = tcp;
-        answers.statuses["get_conntrack"] = rc;
-    };
-}
-
-Answer List(std::uint32_t first, std::uint32_t second, std::vector<int> rc = {})
-{
-    return [=](driver::Answers& answers) {
-        answers.list_sizes[0] = first;
-        answers.list_sizes[1] = second;
-        answers.statuses["get_blacklist"] = rc;
-    };
-}
-
-Answer Profile(std::uint32_t first, std::uint32_t second, std::vector<int> rc = {})
-{
-    return [=](driver::Answers& answers) {
-        answers.profile_sizes[0] = first;
-        answers.profile_sizes[1] = second;
-        answers.statuses["get_profile_stats"] = rc;
-    };
-}
-
-Answer FailAt(const std::string& call, std::size_t nth, int status)
-{
-    return [=](driver::Answers& answers) {
-        answers.statuses[call].assign(nth + 1, 0);
-        answers.statuses[call][nth] = status;
-    };
-}
-
-Answer Word(unsigned int offset, std::uint16_t word)
-{
-    return [=](driver::Answers& answers) { answers.stats_words[offset] = word; };
-}
-
-// ---- cases -----------------------------------------------------------------------------
-
-Lines Total(int count)
-{
-    return {"273 getDriverConnTrack: totConn.entry_ct was " + std::to_string(count)};
-}
-
-Lines Udp(int count)
-{
-    return {"296 getDriverConnTrack: udpConn->entry_ct = " + std::to_string(count)};
-}
-
-Lines Tcp(int count)
-{
-    return {"315 getDriverConnTrack: tcpConn->entry_ct = " + std::to_string(count)};
-}
-
-// A dump that succeeds without an entry, an event or further traces.
-struct Case {
-    std::string what;
-    Add add;
-    Answer answer;
-    bool result = true;
-    bool has_entry = false;
-    bool without_memory = false;  // for large blocks
-    std::string bytes = "";
-    Lines events = {};
-    Lines traces = {DumpOf(add).trace};
-
-    Case& Entry(const std::string& text)
+    // From here on the driver answers so, and what came before is forgotten.
+    void Start(const driver::Answers& answers, bool traced = true)
     {
-        has_entry = true;
-        bytes = text;
-        return *this;
+        driver::SetAnswers(answers);
+        driver::TakeCalls();
+        host::EnableTraces(traced);
+        host::TakeTraces();
+        s_entries.clear();
+        m_document = host::MakeDocument();
     }
-    Case& Sections(int udp, int tcp)
+
+    bool Add(const Dump& dump) { return dump.add(m_document.get(), m_handle, m_archive); }
+
+    Lines Events() const { return host::Events(*m_document); }
+
+    // "LINE FUNCTION: MESSAGE", but for those of the availability query.
+    static Lines Traces()
     {
-        const auto section = [](int protocol, int entries) {
-            return std::to_string(protocol) + ": " + std::to_string(entries) + " entries, " +
-                   std::to_string(72 * entries) + " bytes\n";
-        };
-        return Entry(section(17, udp) + section(6, tcp));
+        Lines lines;
+        for (const host::Record& trace : host::TakeTraces()) {
+            EXPECT_EQ(trace.label + trace.file, "diagnosticsplugins/filter/Diagnostics");
+            if (trace.function != "IsDriverOpen")
+                lines.push_back(std::to_string(trace.line) + " " + trace.function + ": " +
+                                trace.message);
+        }
+        return lines;
     }
-    Case& Fails()
+
+    static std::vector<driver::Call> CallsOf(const std::string& name)
     {
-        result = false;
-        return *this;
+        std::vector<driver::Call> calls;
+        for (driver::Call& call : driver::TakeCalls())
+            if (call.name == name) calls.push_back(std::move(call));
+        return calls;
     }
-    Case& NoMemory()
-    {
-        without_memory = true;
-        return *this;
-    }
-    Case& Trace(const Lines& lines)
-    {
-        traces.insert(traces.end(), lines.begin(), lines.end());
-        return *this;
-    }
-    Case& Counts(int total, int udp, int tcp)
-    {
-        return Trace(Total(total)).Trace(Udp(udp)).Trace(Tcp(tcp));
-    }
-    Case& Event(const std::string& text)
-    {
-        events.push_back("1001 " + text);
-        return Trace({"408 ShowErrors: AgentWrite 1001 " + text});
-    }
+
+    vxi_handle_ops_s* m_handle = vxi_open();
+    std::unique_ptr<VxaCore::CDom> m_document;
+    VxaCore::CZipOutputStream m_archive{VxaCore::CZipOutputStream::Archive::Create("/dev/null")};
 };
 
-struct CaseOf {
-    Add add;
-    Case operator()(const std::string& what, Answer answer = {}) const
-    {
-        return {DumpOf(add).entry + (": " + what), add, std::move(answer)};
-    }
+// ---- every answer of the driver --------------------------------------------------------
+
+struct Outcome {
+    bool result;
+    std::optional<std::string> entry;
 };
 
-constexpr CaseOf Statistics{AddDriverStatistics};
-constexpr CaseOf Variables{AddDriverVariables};
-constexpr CaseOf States{AddDriverConnStates};
-constexpr CaseOf Connections{AddDriverConnTrack};
-constexpr CaseOf Blacklist{AddDriverBlacklist};
-constexpr CaseOf Rules{AddDriverRuleStats};
+const Outcome kFails{false, std::nullopt};
+const Outcome kNothing{true, std::nullopt};
 
-std::string AllVariables(const std::string& after = "")
+Outcome Text(const std::string& bytes)
+{
+    return {true, bytes};
+}
+
+Outcome Sections(int udp, int tcp)
+{
+    const auto section = [](int protocol, int entries) {
+        return std::to_string(protocol) + ": " + std::to_string(entries) + " entries, " +
+               std::to_string(72 * entries) + " bytes\n";
+    };
+    return Text(section(17, udp) + section(6, tcp));
+}
+
+Outcome Filled(int bytes)
+{
+    return Text(std::to_string(bytes) + " bytes, " + std::to_string(bytes) + " filled\n");
+}
+
+Outcome Payload(int size)
+{
+    std::string bytes;
+    for (int i = 1; i <= size; ++i) bytes.push_back(static_cast<char>(i));
+    return Text(bytes);
+}
+
+Outcome AllVariables()
 {
     std::string text;
     for (int i = 0; i < 173; ++i)
-        text += std::to_string(i) + " " + std::to_string(3 * i) + " 0\n" + after;
-    return text;
+        text += std::to_string(i) + " " + std::to_string(3 * i) + " 0\n";
+    return Text(text);
 }
 
-std::string Payload(unsigned int size)
+// The nth call, from 0, fails.
+Statuses FailAt(std::size_t nth, int status)
 {
-    std::string bytes;
-    for (unsigned int i = 0; i < size; ++i) bytes.push_back(static_cast<char>(i + 1));
-    return bytes;
+    Statuses statuses(nth + 2);
+    statuses[nth] = status;
+    return statuses;
 }
 
-std::string Filled(int bytes)
+constexpr std::uint32_t WordAt(std::uint32_t offset, std::uint16_t word)
 {
-    return std::to_string(bytes) + " bytes, " + std::to_string(bytes) + " filled\n";
+    return offset << 16 | word;
 }
 
-const char* const kStats = "1000 1207 2000 2029 3000 3554\n";
-const Lines kAboutToGet = {"107 AddDriverStatistics: AddDriverStatistics() - about to get stats",
-                           "333 getDriverStatistics: getDriverStatistics()"};
-const Lines kCalling = {kAboutToGet[0], kAboutToGet[1],
-                        "338 getDriverStatistics: driver is opened calling vxi_get_stats"};
-const Lines kDumped = {"124 AddDriverStatistics: AddDriverStatistics() - got stats",
-                       "126 AddDriverStatistics: AddDriverStatistics() - dumped stats"};
+const std::string kEvent = "408 ShowErrors: AgentWrite ";
 
-const std::string kEcho = "GET_STATS|ffffffff (E)";
-const std::string kTrackFailed = "GET_CONN_TRACK|fffffffb (E)";
-const std::string kListFailed = "BLACKLIST_ADD|fffffffb (E)";
+std::string Failed(const std::string& operation)
+{
+    return kEvent + "1001 " + operation + " (E)";
+}
 
-const Case kCases[] = {
-    Statistics("").Entry(kStats).Trace(kCalling).Trace(kDumped),
-    Statistics("not available", NotAvailable).Fails().Trace(kAboutToGet),
-    Statistics("fail", FailAt("get_stats", 0, -5))
-        .Fails()
-        .Trace(kCalling)
-        .Event("GET_STATS|fffffffb (E)"),
-    Statistics("word at 24", Word(24, 276)).Fails().Trace(kCalling).Event(kEcho),
-    Statistics("word at 26", Word(26, 31)).Fails().Trace(kCalling).Event(kEcho),
-    Statistics("word at 28", Word(28, 0)).Fails().Trace(kCalling).Event(kEcho),
-    Statistics("word at 30", Word(30, 0)).Entry(kStats).Trace(kCalling).Trace(kDumped),
-    Statistics("no memory").NoMemory().Fails(),
+std::string Total(int count)
+{
+    return "273 getDriverConnTrack: totConn.entry_ct was " + std::to_string(count);
+}
 
-    Variables("").Entry(AllVariables()),
-    Variables("not available", NotAvailable).Fails(),
-    Variables("5 unknown", FailAt("get_varv", 5, -10017)).Fails(),
-    Variables("the last unknown", FailAt("get_varv", 172, -10017)).Fails(),
-    Variables("5 fails", FailAt("get_varv", 5, -5)).Fails().Event("GET_VARIABLE|fffffffb (E)"),
+std::string Udp(int count)
+{
+    return "296 getDriverConnTrack: udpConn->entry_ct = " + std::to_string(count);
+}
 
-    States("").Entry("1010101 1010101\n"),
-    States("not available", NotAvailable).Fails(),
-    States("fail", FailAt("get_conn_states", 0, -5)).Fails().Event("GET_CONN_STATES|fffffffb (E)"),
+std::string Tcp(int count)
+{
+    return "315 getDriverConnTrack: tcpConn->entry_ct = " + std::to_string(count);
+}
 
-    Connections("", Flows(1000, 300, 500)).Sections(300, 500).Counts(1000, 300, 500),
-    Connections("not available", NotAvailable),
-    Connections("none").Trace(Total(0)),
-    Connections("UDP alone", Flows(7, 7, 9)).Sections(7, 0).Counts(7, 7, 0),
-    Connections("neither", Flows(1, 0, 0)).Sections(0, 0).Counts(1, 0, 0),
-    Connections("the most", Flows(65535, 1, 65534)).Sections(1, 65534).Counts(65535, 1, 65534),
+const Outcome kStats = Text("1000 1207 2000 2029 3000 3554\n");
+const std::string kAbout =
+    "107 AddDriverStatistics: AddDriverStatistics() - about to get stats";
+const std::string kGet = "333 getDriverStatistics: getDriverStatistics()";
+const std::string kCall = "338 getDriverStatistics: driver is opened calling vxi_get_stats";
+const std::string kGot = "124 AddDriverStatistics: AddDriverStatistics() - got stats";
+const std::string kDumped = "126 AddDriverStatistics: AddDriverStatistics() - dumped stats";
+const std::string kNotEchoed = Failed("GET_STATS|ffffffff");
+const std::string kTrackFailed = Failed("GET_CONN_TRACK|fffffffb");
+const std::string kUdpFailed = "293 getDriverConnTrack: rc = -5";
+const std::string kTcpFailed = "311 getDriverConnTrack: rc = -6";
+const std::string kListFailed = Failed("BLACKLIST_ADD|fffffffb");
+const std::string kRulesFailed = Failed("vxi_get_profile_stats()|fffffffb");
+
+const struct Case {
+    const Dump& dump;
+    Counts counts;      // that the first, the second ... call tells; see RecordingDriver.h
+    Statuses statuses;  // likewise
+    Outcome outcome;
+    Lines traces = {};  // after the dump's own
+    bool without_memory = false;
+} kCases[] = {
+    {kStatistics, {}, {}, kStats, {kAbout, kGet, kCall, kGot, kDumped}},
+    {kStatistics, {}, {-5}, kFails, {kAbout, kGet, kCall, Failed("GET_STATS|fffffffb")}},
+    {kStatistics, {WordAt(24, 276)}, {}, kFails, {kAbout, kGet, kCall, kNotEchoed}},
+    {kStatistics, {WordAt(26, 31)}, {}, kFails, {kAbout, kGet, kCall, kNotEchoed}},
+    {kStatistics, {WordAt(28, 0)}, {}, kFails, {kAbout, kGet, kCall, kNotEchoed}},
+    {kStatistics, {WordAt(30, 0)}, {}, kStats, {kAbout, kGet, kCall, kGot, kDumped}},
+    {kStatistics, {}, {}, kFails, {}, true},
+
+    {kVariables, {}, {}, AllVariables()},
+    {kVariables, {}, FailAt(172, -10017), kFails},
+    {kVariables, {}, FailAt(5, -5), kFails, {Failed("GET_VARIABLE|fffffffb")}},
+
+    {kStates, {}, {}, Text("1010101 1010101\n")},
+    {kStates, {}, {-5}, kFails, {Failed("GET_CONN_STATES|fffffffb")}},
+
+    {kConnections, {1000, 300, 500}, {}, Sections(300, 500), {Total(1000), Udp(300), Tcp(500)}},
+    {kConnections, {0}, {}, kNothing, {Total(0)}},
+    {kConnections, {7, 7, 9}, {}, Sections(7, 0), {Total(7), Udp(7), Tcp(0)}},
+    {kConnections, {65535, 1, 65534}, {}, Sections(1, 65534), {Total(65535), Udp(1), Tcp(65534)}},
     // Held to the room; the traces show the driver's own number.
-    Connections("more UDP than asked for", Flows(3, 65535, 65535))
-        .Sections(3, 0)
-        .Counts(3, 65535, 0),
-    Connections("more TCP than asked for", Flows(3, 1, 65535)).Sections(1, 2).Counts(3, 1, 65535),
-    Connections("count fails", Flows(3, 1, 2, {-5})).Fails().Event(kTrackFailed),
-    Connections("UDP fails", Flows(3, 65535, 3, {0, -5}))
-        .Sections(0, 3)
-        .Trace(Total(3))
-        .Event(kTrackFailed)
-        .Trace({"293 getDriverConnTrack: rc = -5"})
-        .Trace(Udp(0))
-        .Trace(Tcp(3)),
-    Connections("both fail", Flows(3, 1, 65535, {0, -5, -6}))
-        .Sections(0, 0)
-        .Trace(Total(3))
-        .Event(kTrackFailed)
-        .Trace({"293 getDriverConnTrack: rc = -5"})
-        .Trace(Udp(0))
-        .Event("GET_CONN_TRACK|fffffffa (E)")
-        .Trace({"311 getDriverConnTrack: rc = -6"})
-        .Trace(Tcp(0)),
-    Connections("no memory", Flows(1000, 1, 1))
-        .NoMemory()
-        .Trace(Total(1000))
-        .Trace({"318 getDriverConnTrack: malloc 72032 bytes failed."}),
+    {kConnections, {3, 65535}, {}, Sections(3, 0), {Total(3), Udp(65535), Tcp(0)}},
+    {kConnections, {3, 1, 65535}, {}, Sections(1, 2), {Total(3), Udp(1), Tcp(65535)}},
+    {kConnections, {3, 1, 2}, {-5}, kFails, {kTrackFailed}},
+    // A driver that fails may have written anything before.
+    {kConnections, {3, 65535, 3}, {0, -5, 0}, Sections(0, 3),
+     {Total(3), kTrackFailed, kUdpFailed, Udp(0), Tcp(3)}},
+    {kConnections, {3, 1, 65535}, {0, 0, -6}, Sections(1, 0),
+     {Total(3), Udp(1), Failed("GET_CONN_TRACK|fffffffa"), kTcpFailed, Tcp(0)}},
+    {kConnections, {1000}, {}, kNothing,
+     {Total(1000), "318 getDriverConnTrack: malloc 72032 bytes failed."}, true},
 
-    Blacklist("", List(96, 96)).Entry(Filled(96)),
-    Blacklist("not available", NotAvailable).Fails(),
-    Blacklist("empty", List(0, 0)).Entry(Filled(0)),
-    Blacklist("shrinks", List(96, 48)).Entry(Filled(48)),
-    Blacklist("claims everything", List(48, kHuge))
-        .Entry(Filled(48))
-        .Trace({"245 getDriverBlacklist: driver reported 4294967295 bytes, room for 48"}),
-    Blacklist("size fails", List(96, 96, {-5})).Fails().Event(kListFailed),
-    Blacklist("fill fails", List(96, 96, {0, -5})).Fails().Event(kListFailed),
-    Blacklist("beyond 32 bits", List(kHuge - 43, 96)).Fails(),
-    Blacklist("far beyond 32 bits", List(kHuge, 96)).Fails(),
-    Blacklist("no memory", List(kLargeBlock, kLargeBlock)).NoMemory().Fails(),
+    {kBlacklist, {96}, {}, Filled(96)},
+    {kBlacklist, {0}, {}, Filled(0)},
+    {kBlacklist, {96, 48}, {}, Filled(48)},
+    {kBlacklist, {48, kHuge}, {}, Filled(48),
+     {"245 getDriverBlacklist: driver reported 4294967295 bytes, room for 48"}},
+    {kBlacklist, {96}, {-5}, kFails, {kListFailed}},
+    {kBlacklist, {96}, {0, -5}, kFails, {kListFailed}},
+    {kBlacklist, {kHuge - 43, 96}, {}, kFails},
+    {kBlacklist, {kHuge, 96}, {}, kFails},
+    {kBlacklist, {kLargeBlock}, {}, kFails, {}, true},
 
-    // This dump does not ask whether the driver is available.
-    Rules("", [](driver::Answers& answers) { Profile(40, 40)(answers), NotAvailable(answers); })
-        .Entry(Payload(40)),
-    Rules("long", Profile(5000, 5000)).Entry(Payload(5000)),
-    Rules("none", Profile(0, 0)).Entry(""),
-    Rules("size fails", Profile(40, 40, {-5})).Entry(""),
-    Rules("fill fails", Profile(40, 40, {0, -5}))
-        .Entry("")
-        .Event("vxi_get_profile_stats()|fffffffb (E)"),
-    Rules("fewer than announced", Profile(40, 7)).Entry(Payload(7)),
-    Rules("none after all", Profile(40, 0)).Entry(""),
-    Rules("more than asked for", Profile(40, kHuge))
-        .Entry(Payload(40))
-        .Trace({"190 AddDriverRuleStats: driver reported 4294967295 bytes, room for 40"}),
-    Rules("no memory", Profile(kHuge, 1))
-        .NoMemory()
-        .Entry("")
-        .Trace({"182 AddDriverRuleStats: malloc() failed"}),
-};
-
-class DumpTest : public DiagnosticsTest {
-protected:
-    void Run(const Case& c, bool traced)
-    {
-        SCOPED_TRACE(c.what);
-        driver::Answers answers;
-        answers.error = "E";
-        if (c.answer) c.answer(answers);
-        Start(answers);
-        host::EnableTraces(traced);
-        if (c.without_memory && !allocations::RefuseFrom(kLargeBlock)) return;
-        const bool result = c.add(dom(), handle(), zip());
-        allocations::RefuseFrom(0);
-        EXPECT_EQ(result, c.result);
-        EXPECT_EQ(Events(), c.events);
-        EXPECT_EQ(Traces(), traced ? c.traces : Lines{});
-        const auto entries = host::TakeEntries();
-        ASSERT_EQ(entries.size(), c.has_entry ? 1u : 0u);
-        if (entries.empty()) return;
-        EXPECT_EQ(entries[0].name, DumpOf(c.add).entry);
-        EXPECT_EQ(entries[0].text, DumpOf(c.add).text);
-        EXPECT_EQ(entries[0].comment, "");
-        EXPECT_EQ(entries[0].bytes, c.bytes);
-    }
+    {kRules, {5000}, {}, Payload(5000)},
+    {kRules, {0}, {}, Payload(0)},
+    {kRules, {40}, {-5}, Payload(0)},
+    {kRules, {40}, {0, -5}, Payload(0), {kRulesFailed}},
+    {kRules, {40, 7}, {}, Payload(7)},
+    {kRules, {40, kHuge}, {}, Payload(40),
+     {"190 AddDriverRuleStats: driver reported 4294967295 bytes, room for 40"}},
+    {kRules, {kHuge, 1}, {}, Payload(0), {"182 AddDriverRuleStats: malloc() failed"}, true},
 };
 
 TEST_F(DumpTest, EveryAnswerOfTheDriver)
 {
-    for (const bool traced : {true, false})
-        for (const Case& c : kCases) Run(c, traced);
-}
-
-TEST_F(DumpTest, AnArchiveThatRefuses)
-{
-    driver::Answers answers;
-    Flows(1, 0, 1)(answers);
-    for (const Dump& dump : kDumps) {
-        Start(answers, true);
-        EXPECT_FALSE(dump.add(dom(), handle(), zip())) << dump.entry;
-        EXPECT_EQ(Events(), Lines{});
+    for (std::size_t i = 0; i < 2 * std::size(kCases); ++i) {
+        const bool traced = i % 2 == 0;
+        const Case& c = kCases[i / 2];
+        SCOPED_TRACE(c.dump.entry + (": " + ::testing::PrintToString(c.counts)) + ", " +
+                     ::testing::PrintToString(c.statuses));
+        driver::Answers answers;
+        answers.error = "E";
+        answers.counts[c.dump.call] = c.counts;
+        answers.statuses[c.dump.call] = c.statuses;
+        Start(answers, traced);
+        if (c.without_memory && !allocations::RefuseFrom(kLargeBlock)) continue;
+        const bool result = Add(c.dump);
+        allocations::RefuseFrom(0);
+        EXPECT_EQ(result, c.outcome.result);
+        Lines traces{c.dump.trace};
+        Lines events;
+        for (const std::string& trace : c.traces)
+            if (trace.rfind(kEvent, 0) == 0) events.push_back(trace.substr(kEvent.size()));
+        EXPECT_EQ(Events(), events);
+        traces.insert(traces.end(), c.traces.begin(), c.traces.end());
+        EXPECT_EQ(Traces(), traced ? traces : Lines{});
+        ASSERT_EQ(s_entries.size(), c.outcome.entry ? 1u : 0u);
+        if (s_entries.empty()) continue;
+        EXPECT_EQ(s_entries[0].name, c.dump.entry);
+        EXPECT_EQ(s_entries[0].text, c.dump.add != AddDriverRuleStats);
+        EXPECT_EQ(s_entries[0].comment, "");
+        EXPECT_EQ(s_entries[0].bytes, *c.outcome.entry);
     }
 }
 
-TEST_F(DumpTest, ThePrintedTextIsTheEntry)
+TEST_F(DumpTest, WithoutDriverOrArchive)
 {
-    for (const Dump& dump : kDumps) {
-        if (!dump.text) continue;
+    for (const Dump& dump :
+         {kStatistics, kVariables, kStates, kConnections, kBlacklist, kRules}) {
         SCOPED_TRACE(dump.entry);
         driver::Answers answers;
-        Flows(1, 0, 1)(answers);
+        answers.counts[dump.call] = {1};
+        s_archive_refuses = true;
         Start(answers);
-        ASSERT_TRUE(dump.add(dom(), handle(), zip()));
-        const std::string plain = host::TakeEntries().at(0).bytes;
-        // A long last line without an end; one print is cut.
-        answers.text = "a\n\n\tb" + std::string(2000, 'y');
-        const std::string after = answers.text.substr(0, 1023);
+        EXPECT_FALSE(Add(dump));
+        s_archive_refuses = false;
+        answers.statuses["driver_available"] = {0};
         Start(answers);
-        ASSERT_TRUE(dump.add(dom(), handle(), zip()));
-        EXPECT_EQ(host::TakeEntries().at(0).bytes,
-                  dump.add == AddDriverVariables ? AllVariables(after) : plain + after);
+        EXPECT_EQ(Add(dump), dump.without_driver);
+        EXPECT_EQ(Events(), Lines{});
+        // The rules do not ask whether the driver is available.
+        EXPECT_EQ(s_entries.size(), dump.add == AddDriverRuleStats ? 1u : 0u);
+        EXPECT_EQ(CallsOf(dump.call).size(), dump.add == AddDriverRuleStats ? 2u : 0u);
     }
 }
 
 // ---- requests --------------------------------------------------------------------------
 
-std::uint32_t Unsigned(const std::string& bytes, std::size_t offset, std::size_t size)
-{
-    std::uint32_t value = 0;
-    std::memcpy(&value, bytes.data() + offset, size);
-    return value;
-}
-
 TEST_F(DumpTest, StatisticsRequest)
 {
-    ASSERT_TRUE(AddDriverStatistics(dom(), handle(), zip()));
-    const auto queries = Queries();
-    ASSERT_EQ(queries.size(), 1u);
-    const driver::Call& call = queries[0];
-    EXPECT_EQ(call.number, 6408);
-    ASSERT_EQ(call.bytes.size(), 6408u);
-    const std::uint32_t words[] = {12, 6, 0, 6444, 1, 64};
-    for (std::size_t i = 0; i < 6; ++i) EXPECT_EQ(Unsigned(call.bytes, 4 * i, 4), words[i]) << i;
-    const std::uint32_t halves[] = {275, 30, 1, 32};
-    for (std::size_t i = 0; i < 4; ++i)
-        EXPECT_EQ(Unsigned(call.bytes, 24 + 2 * i, 2), halves[i]) << i;
-    EXPECT_EQ(call.bytes.substr(32, 8), std::string(8, '\0'));
-    const std::ptrdiff_t areas[] = {64, 1728, 1968};
-    for (std::size_t i = 0; i < 3; ++i) {
-        const char* area = nullptr;
-        std::memcpy(&area, call.bytes.data() + 40 + 8 * i, sizeof area);
-        EXPECT_EQ(area - static_cast<const char*>(call.record), areas[i]) << i;
-    }
-    EXPECT_EQ(call.bytes.substr(64), std::string(6344, '\0'));
+    ASSERT_TRUE(Add(kStatistics));
+    const auto calls = CallsOf("get_stats");
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_EQ(calls[0].number, 6408);
+    ASSERT_EQ(calls[0].bytes.size(), 6408u);
+    vxa_stats_v2_s expected{12, 6, 0, 6444, 1, 64, {275, 30, 1}, 32, 0, {}, {}, {}, {}, {}, {}};
+    const char* const at = static_cast<const char*>(calls[0].record);
+    for (const auto& [area, offset] : {std::pair(&expected.area1, 64),
+                                       std::pair(&expected.area2, 1728),
+                                       std::pair(&expected.area3, 1968)})
+        std::memcpy(area, &static_cast<const void* const&>(at + offset), sizeof *area);
+    EXPECT_EQ(std::memcmp(calls[0].bytes.data(), &expected, sizeof expected), 0);
 }
 
 TEST_F(DumpTest, VariableRequests)
 {
-    ASSERT_TRUE(AddDriverVariables(dom(), handle(), zip()));
-    const auto queries = Queries();
-    ASSERT_EQ(queries.size(), 173u);
-    for (std::size_t i = 0; i < queries.size(); ++i)
-        EXPECT_EQ(Unsigned(queries[i].bytes, 0, 4), i) << i;
+    ASSERT_TRUE(Add(kVariables));
+    const auto calls = CallsOf("get_varv");
+    ASSERT_EQ(calls.size(), 173u);
+    for (std::size_t i = 0; i < calls.size(); ++i)
+        EXPECT_EQ(calls[i].number, static_cast<long>(i));
     // A failure ends the dump there.
     driver::Answers answers;
-    FailAt("get_varv", 5, -10017)(answers);
+    answers.statuses["get_varv"] = FailAt(5, -10017);
     Start(answers);
-    EXPECT_FALSE(AddDriverVariables(dom(), handle(), zip()));
-    EXPECT_EQ(Queries().size(), 6u);
-    EXPECT_FALSE(getDriverVariables(dom(), handle(), nullptr, 0)) << "no records";
+    EXPECT_FALSE(Add(kVariables));
+    EXPECT_EQ(CallsOf("get_varv").size(), 6u);
+    EXPECT_FALSE(getDriverVariables(m_document.get(), m_handle, nullptr, 0)) << "no records";
 }
 
 TEST_F(DumpTest, ConnectionRequests)
 {
     const struct {
-        std::uint16_t udp;
-        std::vector<int> statuses;
+        std::uint32_t udp;
+        Statuses statuses;
+        std::uint16_t tcp_capacity;
         std::ptrdiff_t tcp_at;  // in the block
-        std::uint32_t tcp_capacity;
     } cases[] = {
-        {300, {}, 16 + 72 * 300, 700}, {0, {}, 16, 1000}, {999, {}, 16 + 72 * 999, 1},
-        {65535, {0, -5}, 16, 1000},    {1000, {}, 0, 0},
+        {300, {}, 700, 16 + 72 * 300},
+        {999, {}, 1, 16 + 72 * 999},
+        {65535, {0, -5, 0}, 1000, 16},
+        {1000, {}, 0, 0},
     };
     for (const auto& c : cases) {
         driver::Answers answers;
-        Flows(1000, c.udp, 1, c.statuses)(answers);
+        answers.counts["get_conntrack"] = {1000, c.udp, 1};
+        answers.statuses["get_conntrack"] = c.statuses;
         Start(answers);
-        ASSERT_TRUE(AddDriverConnTrack(dom(), handle(), zip()));
-        const auto queries = Queries();
-        ASSERT_EQ(queries.size(), c.tcp_capacity != 0 ? 3u : 2u);
-        EXPECT_EQ(queries[0].bytes, std::string("\3", 1) + std::string(15, '\0'));
-        EXPECT_EQ(queries[0].number, 16);
-        EXPECT_EQ(queries[1].number, 72016);
-        EXPECT_EQ(queries[1].bytes, std::string("\3\0\0\0\xe8\3\0\0\0\0\0\0\x11\0\0\0", 16));
-        for (const driver::Call& call : queries) {
-            EXPECT_NE(call.extra, nullptr);
-            EXPECT_EQ(call.extra, queries[0].extra);
+        ASSERT_TRUE(Add(kConnections));
+        const auto calls = CallsOf("get_conntrack");
+        ASSERT_EQ(calls.size(), c.tcp_capacity != 0 ? 3u : 2u);
+        const vxa_dump_conntrack_s sections[] = {
+            {3, 0, 0, 0, 0, {}}, {3, 1000, 0, 0, 17, {}}, {3, c.tcp_capacity, 0, 0, 6, {}}};
+        for (std::size_t i = 0; i < calls.size(); ++i) {
+            EXPECT_EQ(std::memcmp(calls[i].bytes.data(), &sections[i], sizeof sections[i]), 0);
+            EXPECT_EQ(calls[i].number, 16 + 72 * sections[i].entry_ct);
+            EXPECT_NE(calls[i].extra, nullptr);
+            EXPECT_EQ(calls[i].extra, calls[0].extra);
         }
-        if (queries.size() < 3) continue;
-        EXPECT_EQ(static_cast<const char*>(queries[2].record) -
-                      static_cast<const char*>(queries[1].record),
-                  c.tcp_at);
-        EXPECT_EQ(queries[2].number, static_cast<long>(16 + 72 * c.tcp_capacity));
-        EXPECT_EQ(Unsigned(queries[2].bytes, 0, 4), 3u);
-        EXPECT_EQ(Unsigned(queries[2].bytes, 4, 4), c.tcp_capacity);
-        EXPECT_EQ(Unsigned(queries[2].bytes, 8, 4), 0u);
-        EXPECT_EQ(Unsigned(queries[2].bytes, 12, 1), 6u);
+        if (c.tcp_capacity == 0) continue;
+        EXPECT_EQ(static_cast<const char*>(calls[2].record),
+                  static_cast<const char*>(calls[1].record) + c.tcp_at);
     }
 }
 
 TEST_F(DumpTest, BlacklistRequests)
 {
-    driver::Answers answers;
-    List(0, 0)(answers);
-    Start(answers);
-    ASSERT_TRUE(AddDriverBlacklist(dom(), handle(), zip()));
-    const auto queries = Queries();
-    ASSERT_EQ(queries.size(), 2u);
-    EXPECT_EQ(queries[0].bytes, std::string(44, '\0'));
+    ASSERT_TRUE(Add(kBlacklist));
+    const auto calls = CallsOf("get_blacklist");
+    ASSERT_EQ(calls.size(), 2u);
+    EXPECT_EQ(calls[0].bytes, std::string(44, '\0'));
     // The header goes back as it came, with the driver's own marks.
     std::string second(44, '\0');
     second[32] = 77;
-    EXPECT_EQ(queries[1].bytes, second);
-    EXPECT_NE(queries[1].record, queries[0].record);
+    EXPECT_EQ(calls[1].bytes, second);
+    EXPECT_NE(calls[1].record, calls[0].record);
 }
 
 TEST_F(DumpTest, RuleRequestsAndTheEndOfProfiling)
 {
+    const Lines asked{"get_profile_stats 0 0", "get_profile_stats 0 40", "get_var 62 0"};
+    const Lines failed(asked.begin(), asked.begin() + 2);
+    const Lines stopped{asked[0], asked[1], asked[2], "set_var 62 0"};
     const struct {
         std::uint32_t profiling;
         int get_status;
-        std::vector<int> profile_statuses;
-        bool asked;
-        bool stopped;
+        Statuses profile_statuses;
+        Lines calls;
     } cases[] = {
-        {1, 0, {}, true, true},   {0, 0, {}, true, false},       {2, 0, {}, true, false},
-        {1, -5, {}, true, false}, {1, 0, {0, -5}, false, false}, {1, 0, {-5}, false, false},
+        {1, 0, {}, stopped}, {0, 0, {}, asked},       {2, 0, {}, asked},
+        {1, -5, {}, asked},  {1, 0, {0, -5}, failed}, {1, 0, {-5}, {asked[0]}},
     };
     for (const auto& c : cases) {
         driver::Answers answers;
-        Profile(40, 40, c.profile_statuses)(answers);
-        answers.profiling = c.profiling;
-        answers.statuses["get_var"] = {c.get_status};
-        answers.statuses["set_var"] = {-5};  // nobody looks
+        answers.counts = {{"get_profile_stats", {40}}, {"get_var", {c.profiling}}};
+        answers.statuses = {{"get_profile_stats", c.profile_statuses},
+                            {"get_var", {c.get_status}},
+                            {"set_var", {-5}}};  // nobody looks
         Start(answers);
-        EXPECT_TRUE(AddDriverRuleStats(dom(), handle(), zip()));
-        int asked = 0;
-        int stopped = 0;
-        Lines sizes;
+        EXPECT_TRUE(Add(kRules));
+        Lines calls;
         for (const driver::Call& call : driver::TakeCalls()) {
-            if (call.name == "get_profile_stats") sizes.push_back(call.bytes);
-            if (call.name != "get_var" && call.name != "set_var") continue;
-            EXPECT_EQ(call.number, 62);
-            (call.name == "get_var" ? asked : stopped) += 1;
-            EXPECT_EQ(call.bytes, std::string(call.name == "get_var" ? 8 : 4, '\0'));
+            if (call.name == "get_error") continue;
+            std::uint32_t word = 0;
+            std::memcpy(&word, call.bytes.data(), sizeof word);
+            calls.push_back(call.name + " " + std::to_string(call.number) + " " +
+                            std::to_string(word));
         }
-        EXPECT_EQ(asked, c.asked ? 1 : 0);
-        EXPECT_EQ(stopped, c.stopped ? 1 : 0);
-        EXPECT_EQ(sizes.at(0), std::string(4, '\0'));
-        if (sizes.size() > 1) {
-            EXPECT_EQ(sizes[1], std::string("\x28\0\0\0", 4));
-        }
-        const bool event = c.profile_statuses.size() > 1;
-        EXPECT_EQ(Events().size(), event ? 1u : 0u);
+        EXPECT_EQ(calls, c.calls);
     }
 }
 
+// ---- availability, failed calls as events, the print function --------------------------
+
+TEST_F(DumpTest, AFailedCallIsOneEventAndOneTrace)
+{
+    const std::wstring long_name(70, L'N');
+    const std::string error(79, 'e');
+    // The ends of every length; overlong, surrogate and lone bytes are taken as Latin-1.
+    const std::string valid =
+        "\xc2\x80\xdf\xbf\xe0\xa0\x80\xef\xbf\xbf\xf0\x90\x80\x80\xf4\x8f\xbf\xbf";
+    const struct {
+        std::wstring operation;
+        int rc;
+        std::string error;
+        std::string text;
+        const char* locale = "C";
+    } cases[] = {
+        {L"GET_VARIABLE", -10017, "", "GET_VARIABLE|ffffd8df ()"},
+        {L"BLACKLIST_ADD", 5, "100 %s %n %", "BLACKLIST_ADD|00000005 (100 %s %n %)"},
+        {L"GET_STATS", 0x7fffffff, error + "cut off", "GET_STATS|7fffffff (" + error + ")"},
+        {long_name, INT32_MIN, "x", std::string(64, 'N') + "|80000000 (x)"},
+        {L"GET_STATS", -5, valid + "\xc1\xbf|\xe0\x9f\xbf|\xed\xa0\x80|\xf4\x90\x80\x80|\xc3",
+         "GET_STATS|fffffffb (" + valid +
+             "\xc3\x81\xc2\xbf|\xc3\xa0\xc2\x9f\xc2\xbf|\xc3\xad\xc2\xa0\xc2\x80|"
+             "\xc3\xb4\xc2\x90\xc2\x80\xc2\x80|\xc3\x83)",
+         "C.UTF-8"},
+    };
+    for (const auto& c : cases) {
+        driver::Answers answers;
+        answers.error = c.error;
+        Start(answers);
+        ASSERT_NE(std::setlocale(LC_ALL, c.locale), nullptr);
+        EXPECT_FALSE(ShowErrors(m_document.get(), m_handle, c.operation.c_str(), c.rc));
+        std::setlocale(LC_ALL, "C");
+        const std::string written = c.locale == std::string("C") ? "1001 " : "1001 utf8 ";
+        EXPECT_EQ(Events(), Lines{written + c.text});
+        EXPECT_EQ(Traces(), Lines{kEvent + "1001 " + c.text});
+        const auto calls = driver::TakeCalls();
+        ASSERT_EQ(calls.size(), 1u);
+        EXPECT_EQ(calls[0].bytes, std::string(80, '\0')) << "an empty buffer of 80 bytes";
+    }
+    Start({});
+    EXPECT_TRUE(ShowErrors(m_document.get(), m_handle, L"GET_STATS", 0));
+    EXPECT_EQ(Events(), Lines{});
+    EXPECT_TRUE(Traces().empty() && driver::TakeCalls().empty()) << "success is silent";
+}
+
+TEST_F(DumpTest, TheDriverIsAskedOnceMoreForTheTrace)
+{
+    const struct {
+        Statuses available;
+        Lines traces;
+        bool open;
+    } cases[] = {
+        {{1, 0}, {"diagnostics IsDriverOpen: IsDriverOpen 1"}, false},
+        {{0, 7}, {"diagnostics IsDriverOpen: IsDriverOpen 0"}, true},
+        {{1, 0}, {}, true},
+        {{INT32_MIN}, {}, false},
+    };
+    for (const auto& c : cases) {
+        driver::Answers answers;
+        answers.statuses["driver_available"] = c.available;
+        Start(answers, !c.traces.empty());
+        EXPECT_EQ(IsDriverOpen(m_handle), c.open);
+        EXPECT_EQ(driver::TakeCalls().size(), 1 + c.traces.size());
+        EXPECT_EQ(host::TakeTraceLines(), c.traces);
+    }
+}
+
+TEST_F(DumpTest, APrintIsCutAt1023Characters)
+{
+    wxMemoryOutputStream memory;
+    {
+        wxTextOutputStream text(memory, wxEOL_NATIVE);
+        tb_dump_s sink{tosprintf, &text};
+        const std::string long_text(3000, 'x');
+        tosprintf(&sink, "%d %s|%%\n", -5, "five");
+        tosprintf(&sink, "%s", "");
+        tosprintf(&sink, "%s", long_text.c_str());
+        tosprintf(&sink, "%s", long_text.substr(0, 1023).c_str());
+        tosprintf(&sink, "\n\n\xe9nd");
+    }
+    std::string bytes(memory.GetLength(), '\0');
+    memory.CopyTo(bytes.data(), bytes.size());
+    EXPECT_EQ(bytes, "-5 five|%\n" + std::string(2046, 'x') + "\n\n\xc3\xa9nd")
+        << "Latin-1 becomes UTF-8";
+}
+
 }  // namespace
+
+// Before the core library's own.
+bool VxaCore::CZipOutputStream::AddFromStream(wxInputStream& in, bool text, const wxString& name,
+                                              const wxString& comment)
+{
+    Entry entry{name.ToStdString(), text, comment.ToStdString(), ""};
+    char chunk[4096];
+    while (const std::size_t got = in.Read(chunk, sizeof chunk).LastRead())
+        entry.bytes.append(chunk, got);
+    s_entries.push_back(std::move(entry));
+    return !s_archive_refuses;
+}
