@@ -16,7 +16,8 @@ bool AllowMalloc(long count);
 // Lifts the limit; whether an allocation failed under it.
 bool LiftLimit();
 
-// From now on malloc and its kin refuse blocks of at least this size; 0: none. False with a sanitizer.
+// From now on malloc and its kin refuse blocks of at least this size; 0: none. False with a
+// sanitizer.
 bool RefuseFrom(std::size_t size);
 
 }  // namespace allocations

@@ -1,13 +1,9 @@
-// The host core library for unit tests: what the module gives it is kept and handed out.
+// What the module traces through the host core library, for unit tests that link vxa_core.
 #pragma once
 
-#include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
-#include "VxaCore/Dom.h"
-#include "vxa_core/document.h"
 #include "vxa_core/host.h"
 
 namespace host {
@@ -15,16 +11,28 @@ namespace host {
 using Record = VxaCore::Host::LogRecord;
 using Lines = std::vector<std::string>;
 
-// What was traced or logged since the last call: traces whole and as "CATEGORY FUNCTION:
-// MESSAGE", lines of the general log as "LEVEL: MESSAGE".
-std::vector<Record> TakeTraces();
-Lines TakeTraceLines();
-Lines TakeLog();
+inline void EnableTraces(bool on)  // of all categories; off at first
+{
+    VxaCore::Host::CaptureLog(true);
+    VxaCore::Host::SwitchTrace("*", on);
+}
 
-void EnableTraces(bool on);  // of all categories; off at first
+// What was traced since the last call, and the same as "CATEGORY FUNCTION: MESSAGE".
+inline std::vector<Record> TakeTraces()
+{
+    std::uint64_t dropped = 0;
+    std::vector<Record> traces;
+    for (Record& record : VxaCore::Host::TakeCaptured(dropped))
+        if (record.trace) traces.push_back(std::move(record));
+    return traces;
+}
 
-std::unique_ptr<VxaCore::CDom> MakeDocument();
-std::optional<bool> TakeSetting(VxaCore::CDom& document, const std::string& key);
-Lines Events(VxaCore::CDom& document);  // "ID TEXT"; "ID utf8 TEXT" if given in UTF-8
+inline Lines TakeTraceLines()
+{
+    Lines lines;
+    for (const Record& trace : TakeTraces())
+        lines.push_back(trace.label + " " + trace.function + ": " + trace.message);
+    return lines;
+}
 
 }  // namespace host

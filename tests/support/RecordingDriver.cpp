@@ -24,8 +24,6 @@ struct State {
     Answers answers;
     std::map<std::string, std::size_t> made;  // since the answers were set
     std::vector<Call> calls;
-    TraceHandler handler = nullptr;
-    int profiler_installations = 0;
     vxi_handle_ops_s handle{};
 };
 
@@ -81,18 +79,6 @@ std::vector<Call> TakeCalls()
 void SetClock(std::uint64_t now_us)
 {
     s_now_us = now_us;
-}
-
-TraceHandler InstalledTraceHandler()
-{
-    const std::lock_guard<std::mutex> lock(state().mutex);
-    return state().handler;
-}
-
-int ProfilerInstallations()
-{
-    const std::lock_guard<std::mutex> lock(state().mutex);
-    return state().profiler_installations;
 }
 
 }  // namespace driver
@@ -263,16 +249,13 @@ void vxi_set_trace_level(vxi_handle_ops_s* handle, int level)
 void vxi_set_trace_handler(vxi_handle_ops_s* handle, driver::TraceHandler handler)
 {
     Record("set_trace_handler", handle);
-    const std::lock_guard<std::mutex> lock(state().mutex);
-    state().handler = handler;
+    driver::installed_trace_handler = handler;
 }
 
 void vxi_set_profiler(vxi_profiler_blockfilter blockfilter, vxi_profiler_running running)
 {
-    const std::lock_guard<std::mutex> lock(state().mutex);
     const bool own = blockfilter == profiler_blockfilter && running == profiler_running;
-    int& installations = state().profiler_installations;
-    installations = own && installations >= 0 ? installations + 1 : -1;
+    driver::profiler_installations += own ? 1 : 100;
 }
 
 extern "C" __attribute__((visibility("default"))) int gettimeofday(struct timeval* now,

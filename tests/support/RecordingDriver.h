@@ -6,6 +6,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -47,9 +48,10 @@ void SetClock(std::uint64_t now_us);
 
 // What the last vxi_set_trace_handler installed.
 using TraceHandler = int (*)(int, const char*, const char*, int, char*);
-TraceHandler InstalledTraceHandler();
+inline std::atomic<TraceHandler> installed_trace_handler{nullptr};
 
-// How often vxi_set_profiler was called, with the library's own two hooks: with others, -1.
-int ProfilerInstallations();
+// How often vxi_set_profiler was called, with the library's own two hooks; with others it
+// counts a hundredfold.
+inline std::atomic<int> profiler_installations{0};
 
 }  // namespace driver

@@ -19,7 +19,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kFolder = "/var/opt/sandbox";
-constexpr const char* kConfigFile = "/etc/vx_filter.conf";
 constexpr const char* kOriginalEtc = "/var/opt/etc";
 
 [[noreturn]] void Fail(const std::string& what)
@@ -108,12 +107,6 @@ const std::string& Enter()
 std::string Path(const std::string& name)
 {
     return std::string(kFolder) + "/" + name;
-}
-
-void SetConfigFile(const char* text)
-{
-    fs::remove(kConfigFile);
-    if (text != nullptr) Write(kConfigFile, text);
 }
 
 // Written in place: the mount holds on to the file.

@@ -15,7 +15,6 @@ const std::string& Enter();
 
 // Each replaces what the product will find; null removes the file, or makes the command
 // fail without output.
-void SetConfigFile(const char* text);
 void SetOutput(const std::string& command, const char* text);
 void SetMeminfo(const std::string& text);
 

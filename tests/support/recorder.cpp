@@ -60,18 +60,12 @@ int SetClock(lua_State* L)
     return 0;
 }
 
-int HasTraceHandler(lua_State* L)
-{
-    lua_pushboolean(L, driver::InstalledTraceHandler() != nullptr);
-    return 1;
-}
-
 // emit(number, text, place, place_number, message) as the driver library would.
 int Emit(lua_State* L)
 {
     char message[256];
     std::snprintf(message, sizeof message, "%s", luaL_checkstring(L, 5));
-    const int result = driver::InstalledTraceHandler()(
+    const int result = driver::installed_trace_handler.load()(
         static_cast<int>(luaL_checkinteger(L, 1)), luaL_checkstring(L, 2), luaL_checkstring(L, 3),
         static_cast<int>(luaL_checkinteger(L, 4)), message);
     lua_pushinteger(L, result);
@@ -79,21 +73,15 @@ int Emit(lua_State* L)
     return 2;
 }
 
-int ProfilerInstallations(lua_State* L)
-{
-    lua_pushinteger(L, driver::ProfilerInstallations());
-    return 1;
-}
-
 }  // namespace
 
 extern "C" __attribute__((visibility("default"))) int luaopen_recorder(lua_State* L)
 {
-    const luaL_Reg functions[] = {
-        {"calls", TakeCalls}, {"answer", SetAnswers},
-        {"clock", SetClock},  {"has_trace_handler", HasTraceHandler},
-        {"emit", Emit},       {"profiler_installations", ProfilerInstallations},
-        {nullptr, nullptr}};
+    const luaL_Reg functions[] = {{"calls", TakeCalls},
+                                  {"answer", SetAnswers},
+                                  {"clock", SetClock},
+                                  {"emit", Emit},
+                                  {nullptr, nullptr}};
     luaL_newlib(L, functions);
     return 1;
 }

@@ -51,15 +51,15 @@ TEST(Host, StaysMappedWithItsStateWhenItsLuaStateCloses)
     EXPECT_EXIT(ExitByReferenceLeft(), testing::ExitedWithCode(0), "");
     LuaHost next;
     EXPECT_EQ(next.Run("require 'fc'; assert(SLB.filter.GetSysHealthEnabled() == true)"), "");
-    EXPECT_EQ(driver::ProfilerInstallations(), 1);
+    EXPECT_EQ(driver::profiler_installations, 1);
 }
 
 TEST(Host, ProfilerHooksAreInstalledOnceForManyStatesAtOnce)
 {
-    const int before = driver::ProfilerInstallations();
+    const int before = driver::profiler_installations;
     // Mapped beforehand: what the loader does under its own lock, the race detector cannot see.
     ASSERT_NE(dlopen(LIBRARY_DIR "/fc.so", RTLD_NOW), nullptr) << dlerror();
-    EXPECT_EQ(driver::ProfilerInstallations(), before) << "by the mere loading";
+    EXPECT_EQ(driver::profiler_installations, before) << "by the mere loading";
     constexpr int states = 8;
     std::vector<std::string> errors(states);
     std::vector<std::thread> threads;
@@ -72,7 +72,7 @@ TEST(Host, ProfilerHooksAreInstalledOnceForManyStatesAtOnce)
         });
     for (std::thread& thread : threads) thread.join();
     for (const std::string& error : errors) EXPECT_EQ(error, "");
-    EXPECT_EQ(driver::ProfilerInstallations(), 1);
+    EXPECT_EQ(driver::profiler_installations, 1);
 }
 
 }  // namespace

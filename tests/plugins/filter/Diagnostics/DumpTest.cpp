@@ -16,6 +16,7 @@
 #include "HostRecording.h"
 #include "RecordingDriver.h"
 #include "vxa_core/archive.h"
+#include "vxa_core/document.h"
 
 namespace {
 
@@ -71,12 +72,20 @@ protected:
         host::EnableTraces(traced);
         host::TakeTraces();
         s_entries.clear();
-        m_document = host::MakeDocument();
+        m_document = std::make_unique<VxaCore::CDom>(VxaCore::CDom::Store::InMemory());
     }
 
     bool Add(const Dump& dump) { return dump.add(m_document.get(), m_handle, m_archive); }
 
-    Lines Events() const { return host::Events(*m_document); }
+    // "ID TEXT"; "ID utf8 TEXT" if given in UTF-8.
+    Lines Events() const
+    {
+        Lines lines;
+        std::size_t unreadable = 0;
+        for (const auto& event : m_document->store().Events(unreadable))
+            lines.push_back(std::to_string(event.id) + " " + event.text);
+        return lines;
+    }
 
     // "LINE FUNCTION: MESSAGE", but for those of the availability query.
     static Lines Traces()
@@ -516,6 +525,11 @@ TEST_F(DumpTest, APrintIsCutAt1023Characters)
 }  // namespace
 
 // Before the core library's own.
+void VxaCore::CDom::DoAgentEventWriteUtf8(int id, const char* format)
+{
+    DoAgentEventWrite(id, wxString("utf8 ") + wxString::FromUTF8(format));
+}
+
 bool VxaCore::CZipOutputStream::AddFromStream(wxInputStream& in, bool text, const wxString& name,
                                               const wxString& comment)
 {
@@ -525,4 +539,15 @@ bool VxaCore::CZipOutputStream::AddFromStream(wxInputStream& in, bool text, cons
         entry.bytes.append(chunk, got);
     s_entries.push_back(std::move(entry));
     return !s_archive_refuses;
+}
+
+// What scripts see of the host's objects: nothing here.
+SLB3_IMPLEMENTATION(VxaCore::CDom, binding)
+{
+    (void)binding;
+}
+
+SLB3_IMPLEMENTATION(VxaCore::CZipOutputStream, binding)
+{
+    (void)binding;
 }
