@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -118,8 +119,6 @@ inline constexpr Call calls[] = {
     {"vxi_capabilities", [](Handle h, Records&) { return vxi_capabilities(h, nullptr, 0); }},
 };
 
-inline void drop(tb_dump_s*, const char*, ...) {}
-
 // Takes what one call may bring, and no more.
 inline void print(tb_dump_s* dump, const char* format, ...)
 {
@@ -145,22 +144,6 @@ std::string text_of(void (*dump)(tb_dump_s*, Record*, More...), Record* record, 
     return text;
 }
 
-struct Malformed {
-    const char* text;
-    unsigned position;
-};
-
-// Settings that are refused at their position, whether the caller asks for it or not.
-inline void expect_refused(int (*read)(const char*, unsigned*), const std::vector<Malformed>& cases)
-{
-    for (const auto& each : cases) {
-        unsigned position = 999;
-        EXPECT_EQ(-EINVAL, read(each.text, &position)) << each.text;
-        EXPECT_EQ(each.position, position) << each.text;
-        EXPECT_EQ(-EINVAL, read(each.text, nullptr)) << each.text;
-    }
-}
-
 class SimulatedMachine : public testing::Test {
 protected:
     static constexpr std::uint16_t port = 8080;
@@ -177,16 +160,7 @@ protected:
 
     static void configure(const std::string& settings)
     {
-        unsigned position = 0;
-        ASSERT_EQ(0, vxi_sim_configure(settings.c_str(), &position)) << settings << position;
-    }
-    void monitor() { ASSERT_EQ(0, monitor_port(handle(), port)); }
-    std::vector<std::uint64_t> tick()
-    {
-        scan_metrics_request request = scan_request(port);
-        EXPECT_EQ(0, vxi_get_scan_metrics(handle(), &request, sizeof request))
-            << error_text(handle());
-        return {request.counter, request.counter + VXI_SCAN_COUNTERS};
+        ASSERT_EQ(0, vxi_sim_configure(settings.c_str(), nullptr)) << settings;
     }
     Handle handle() const { return handle_.get(); }
 

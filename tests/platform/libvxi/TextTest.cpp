@@ -2,7 +2,9 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <random>
 
+#include "Address.h"
 #include "Fixture.h"
 #include "Source.h"
 
@@ -14,21 +16,16 @@ void begin(vxi::Table table, const char* engine, const char* source = "a test")
     vxi::note_source(table, "%s", source);
 }
 
-void put(std::uint8_t (&field)[16], const char* address)
-{
-    const int family = std::strchr(address, ':') ? AF_INET6 : AF_INET;
-    ASSERT_EQ(1, inet_pton(family, address, field)) << address;
-}
-
-vxa_conntrack_entry_s entry(const char* source, const char* destination, std::uint8_t state,
-                            std::uint8_t flags)
+vxa_conntrack_entry_s entry(std::uint8_t family, std::uint8_t state, std::uint8_t flags)
 {
     vxa_conntrack_entry_s made{};
-    put(made.source, source);
-    put(made.destination, destination);
+    inet_pton(family == 6 ? AF_INET6 : AF_INET, family == 6 ? "2001:db8::1" : "10.0.0.1",
+              made.source);
+    inet_pton(family == 6 ? AF_INET6 : AF_INET, family == 6 ? "::ffff:10.0.0.2" : "10.0.0.2",
+              made.destination);
     made.source_port[0] = 1;
     made.destination_port[1] = 80;
-    made.family = std::strchr(source, ':') ? 6 : 4;
+    made.family = family;
     made.tcp_state = state;
     made.flags = flags;
     made.timeout_s = 7;
@@ -39,36 +36,27 @@ vxa_conntrack_entry_s entry(const char* source, const char* destination, std::ui
     return made;
 }
 
-// A block of exactly the right size, so that reading past it is seen by AddressSanitizer.
-std::unique_ptr<unsigned char[]> sections(const std::vector<vxa_conntrack_entry_s>& udp,
-                                          std::uint32_t udp_total,
-                                          const std::vector<vxa_conntrack_entry_s>& tcp,
-                                          std::uint32_t tcp_total, std::uint8_t second = 6)
+struct Section {
+    std::uint8_t protocol;
+    std::uint32_t total;
+    std::vector<vxa_conntrack_entry_s> rows;
+};
+
+// From a block of exactly the right size, so that reading past it is seen by AddressSanitizer.
+std::string connections(const Section& first, const Section& second)
 {
-    auto block = std::make_unique<unsigned char[]>(32 + 72 * (udp.size() + tcp.size()));
+    const std::size_t rows = first.rows.size() + second.rows.size();
+    const auto block = std::make_unique<unsigned char[]>(32 + 72 * rows);
     unsigned char* at = block.get();
-    const auto append = [&at](const std::vector<vxa_conntrack_entry_s>& rows, std::uint32_t total,
-                              std::uint8_t protocol) {
-        vxa_dump_conntrack_s header{};
-        header.request = VXA_CONNTRACK_REQUEST_TABLE;
-        header.entry_ct = static_cast<std::uint16_t>(rows.size());
-        header.total = total;
-        header.protocol = protocol;
+    for (const Section* section : {&first, &second}) {
+        vxa_dump_conntrack_s header = conntrack_request(section->protocol);
+        header.entry_ct = static_cast<std::uint16_t>(section->rows.size());
+        header.total = section->total;
         std::memset(header.unused, 0xee, sizeof header.unused);  // callers leave it as it is
         std::memcpy(at, &header, sizeof header);
-        at += sizeof header;
-        for (const auto& row : rows) {
-            std::memcpy(at, &row, sizeof row);
-            at += sizeof row;
-        }
-    };
-    append(udp, udp_total, 17);
-    append(tcp, tcp_total, second);
-    return block;
-}
-
-std::string connections(const std::unique_ptr<unsigned char[]>& block)
-{
+        std::memcpy(at + sizeof header, section->rows.data(), 72 * section->rows.size());
+        at += sizeof header + 72 * section->rows.size();
+    }
     return text_of(tb_dump_all_conn_track, reinterpret_cast<vxa_dump_conntrack_s*>(block.get()));
 }
 
@@ -76,82 +64,61 @@ TEST(Text, Connections)
 {
     begin(vxi::Table::conntrack, "made", "a test, 100%");
     constexpr std::uint8_t seen = VXA_FLOW_SEEN_REPLY | VXA_FLOW_COUNTERS_VALID;
-    auto marked = entry("2001:db8::1", "::ffff:10.0.0.1", 3, seen | VXA_FLOW_ASSURED);
+    auto marked = entry(6, 3, seen | VXA_FLOW_ASSURED);
     marked.mark = 4294967295U;
-    auto alien = entry("10.0.0.1", "10.0.0.2", 200, VXA_FLOW_FROM_SOCK_DIAG);
-    alien.family = 99;
-    const auto block = sections({entry("10.0.0.1", "10.0.0.2", 0, seen)}, 1,
-                                {marked, entry("1.2.3.4", "5.6.7.8", 1, 4 | 8 | 16), alien}, 70000);
+    const auto alien = entry(99, 200, VXA_FLOW_FROM_SOCK_DIAG);
     EXPECT_EQ(
         "# connections: a test, 100% (engine made)\n"
         "# udp: 1 flows\n"
         "udp 10.0.0.1:256 > 10.0.0.2:80 - 7s 1/20 3/18446744073709551615\n"
         "# tcp: showing 3 of 70000 flows\n"
-        "tcp [2001:db8::1]:256 > [::ffff:10.0.0.1]:80 ESTABLISHED 7s 1/20 "
+        "tcp [2001:db8::1]:256 > [::ffff:10.0.0.2]:80 ESTABLISHED 7s 1/20 "
         "3/18446744073709551615 assured mark=4294967295\n"
-        "tcp 1.2.3.4:256 > 5.6.7.8:80 SYN_SENT 7s - - offloaded unreplied snat dnat\n"
+        "tcp 10.0.0.1:256 > 10.0.0.2:80 SYN_SENT 7s - - offloaded unreplied snat dnat\n"
         "tcp ?:256 > ?:80 state200 7s - - socket\n",
-        connections(block));
-}
-
-TEST(Text, ConnectionsOfOddSections)
-{
-    vxi::begin_fetch(vxi::Table::conntrack, "odd");
-    const auto row = entry("10.0.0.1", "10.0.0.2", 3, VXA_FLOW_SEEN_REPLY);
-    EXPECT_EQ("# connections: source unknown (engine odd)\n# udp: 0 flows\n# tcp: 0 flows\n",
-              connections(sections({}, 0, {}, 0)));
+        connections({17, 1, {entry(4, 0, seen)}}, {6, 70000, {marked, entry(4, 1, 28), alien}}));
     EXPECT_EQ(
-        "# connections: source unknown (engine odd)\n# udp: showing 0 of 5 flows\n"
-        "# protocol47: 1 flows, total unknown\nprotocol47 10.0.0.1:256 > 10.0.0.2:80 - 7s - -\n",
-        connections(sections({}, 5, {row}, 0, 47)));
-    const std::vector<vxa_conntrack_entry_s> many(65535, row);
-    const std::string text = connections(sections({}, 0, many, 65535));
+        "# connections: a test, 100% (engine made)\n# udp: showing 0 of 5 flows\n# protocol47: 1 "
+        "flows, total unknown\nprotocol47 10.0.0.1:256 > 10.0.0.2:80 - 7s - -\n",
+        connections({17, 5, {}}, {47, 0, {entry(4, 3, VXA_FLOW_SEEN_REPLY)}}));
+    const std::string text =
+        connections({17, 0, {}}, {6, 65535, {65535, entry(4, 3, VXA_FLOW_SEEN_REPLY)}});
     EXPECT_EQ(65535U + 3, std::count(text.begin(), text.end(), '\n'));
 }
 
 TEST(Text, Blacklist)
 {
-    vxi::set_slot_names("made", vxi::Area::blacklist_sets,
-                        {{"inet t blacklist", "ip x\n blacklist\\\xff"}, 0});
-    begin(vxi::Table::blacklist, "made", "two sets\n\x1b[31m");
-    vxa_blacklist_entry_s rows[3] = {};
-    put(rows[0].address, "10.1.2.3");
-    rows[0].family = 4;
-    put(rows[1].address, "2001:db8::");
-    put(rows[1].last, "2001:db8::ff");
-    rows[1].family = 6;
-    rows[1].flags = VXA_BLACKLIST_RANGE | VXA_BLACKLIST_TIMEOUT;
-    rows[1].set_index = 65535;
-    rows[1].timeout_s = 60;
-    rows[1].expires_s = 4;
+    vxi::set_slot_names("made", vxi::Area::blacklist_sets, {{"ip x\n blacklist\\\xff"}, 0});
+    begin(vxi::Table::blacklist, "made", "a set\n\x1b[31m");
+    vxa_blacklist_entry_s rows[2] = {};
+    inet_pton(AF_INET6, "2001:db8::", rows[0].address);
+    inet_pton(AF_INET6, "2001:db8::ff", rows[0].last);
+    rows[0].family = 6;
+    rows[0].flags = VXA_BLACKLIST_RANGE | VXA_BLACKLIST_TIMEOUT;
+    rows[0].set_index = 65535;
+    rows[0].timeout_s = 60;
+    rows[0].expires_s = 4;
     const struct {
         std::uint32_t bytes;
-        const char* tail;
-        const char* lines;
+        const char *tail, *lines;
     } cases[] = {
-        {0, "0 entries, 2 sets", ""},
-        {144, "3 entries, 2 sets",
-         "10.1.2.3 set 0\n2001:db8::-2001:db8::ff set 65535 expires 4s of 60s\n? set 0\n"},
-        {49, "1 entries, 2 sets; the last entry is cut", "10.1.2.3 set 0\n"},
+        {0, "0 entries, 1 sets", ""},
+        {96, "2 entries, 1 sets", "2001:db8::-2001:db8::ff set 65535 expires 4s of 60s\n? set 0\n"},
+        {49, "1 entries, 1 sets; the last entry is cut",
+         "2001:db8::-2001:db8::ff set 65535 expires 4s of 60s\n"},
     };
     for (const auto& each : cases) {
         const auto block = std::make_unique<unsigned char[]>(44 + each.bytes);
         vxa_blacklist_get_addrs_s header{};
         header.entries_size = each.bytes;
-        header.set_count = 2;
+        header.set_count = 1;
         std::memcpy(block.get(), &header, sizeof header);
         std::memcpy(block.get() + 44, rows, each.bytes);
         EXPECT_EQ(
-            std::string("# blacklist: two sets\\x0a\\x1b[31m (engine made), ") + each.tail +
-                "\n# set 0: inet t blacklist\n"
-                "# set 1: ip x\\x0a blacklist\\x5c\\xff\n" +
-                each.lines,
+            std::string("# blacklist: a set\\x0a\\x1b[31m (engine made), ") + each.tail +
+                "\n# set 0: ip x\\x0a blacklist\\x5c\\xff\n" + each.lines,
             text_of(tb_dump_blacklist, reinterpret_cast<vxa_blacklist_get_addrs_s*>(block.get())));
     }
-    begin(vxi::Table::blacklist, "other");
-    vxa_blacklist_get_addrs_s empty{};
-    EXPECT_EQ("# blacklist: a test (engine other), 0 entries, 0 sets\n",
-              text_of(tb_dump_blacklist, &empty));
 }
 
 TEST(Text, Sockets)
@@ -196,36 +163,48 @@ TEST(Text, Statistics)
     begin(vxi::Table::statistics, "second");
     const std::string other = text_of<vxa_stats_v2_s>(tb_dump_stats, &stats);
     EXPECT_NE(std::string::npos, other.find("(engine second), showing 2 of 238")) << other;
-    EXPECT_NE(std::string::npos, other.find("\n2/1 -1\n")) << other;
 }
 
 TEST(Text, Variables)
 {
-    const struct {
-        vxa_filter_variable_s variable;
-        const char* line;
-    } cases[] = {
+    std::pair<vxa_filter_variable_s, const char*> cases[] = {
         {{62, 1}, "62 vxi.rule_profiling 1\n"},
         {{16, 0xffffffff}, "16 net.netfilter.nf_conntrack_acct absent\n"},
         {{172, 0xfffffffe}, "172 net.core.optmem_max 4294967294 or more\n"},
         {{173, 5}, "173 variable/173 5\n"},
     };
-    for (auto each : cases) {
-        EXPECT_EQ(each.line, text_of(tb_dump_filter_variable, &each.variable, 0));
+    for (auto& [variable, line] : cases) {
+        EXPECT_EQ(line, text_of(tb_dump_filter_variable, &variable, 0));
     }
 }
 
 TEST(Text, NothingToPrintWithOrOn)
 {
-    EXPECT_EQ("", text_of<vxa_stats_v2_s>(tb_dump_stats, nullptr));
     EXPECT_EQ("", text_of<vxa_dump_conntrack_s>(tb_dump_all_conn_track, nullptr));
-    EXPECT_EQ("", text_of<vxa_blacklist_get_addrs_s>(tb_dump_blacklist, nullptr));
-    EXPECT_EQ("", text_of<vxa_get_conn_states_s>(tb_dump_conn_states, nullptr));
-    EXPECT_EQ("", text_of<vxa_filter_variable_s>(tb_dump_filter_variable, nullptr, 0));
     vxa_get_conn_states_s states{};
     tb_dump_s without_print{};
     tb_dump_conn_states(nullptr, &states);
     tb_dump_conn_states(&without_print, &states);
+}
+
+TEST(Address, LikeTheLibraryOnRandomOnes)
+{
+    std::mt19937 random(1);
+    for (int round = 0; round < 30000; ++round) {
+        std::uint8_t address[16];
+        for (unsigned i = 0; i < 16; i += 2) {
+            const unsigned group = random() % 3 ? 0 : random() >> random() % 16;
+            address[i] = static_cast<std::uint8_t>(group >> 8);
+            address[i + 1] = static_cast<std::uint8_t>(group);
+        }
+        address[0] |= 1;  // the library writes IPv4-compatible addresses its own way
+        char expected[INET6_ADDRSTRLEN], text[vxi::address_text_size];
+        for (const int family : {4, 6}) {
+            inet_ntop(family == 4 ? AF_INET : AF_INET6, address, expected, sizeof expected);
+            *vxi::put_address(text, address, static_cast<std::uint8_t>(family)) = '\0';
+            ASSERT_STREQ(expected, text);
+        }
+    }
 }
 
 }  // namespace

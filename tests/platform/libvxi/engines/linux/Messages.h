@@ -1,7 +1,9 @@
-// A whole message of each kind that the engine reads.
+// Kernel answers made to order, each in a heap block of exactly its size, so that a sanitizer sees
+// every read beyond it; and a whole one of each kind that the engine reads.
 #pragma once
 
 #include <arpa/inet.h>
+#include <libmnl/libmnl.h>
 #include <linux/netfilter.h>
 #include <linux/netfilter/nf_conntrack_common.h>
 #include <linux/netfilter/nf_conntrack_tcp.h>
@@ -12,10 +14,91 @@
 #include <linux/tcp.h>
 #include <sys/socket.h>
 
-#include "Message.h"
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
 #include "engines/linux/SocketDump.h"
 
-// ---- ctnetlink -------------------------------------------------------------
+class Message {
+public:
+    explicit Message(const std::string& bytes) : size_(bytes.size()), bytes_(new char[size_])
+    {
+        memcpy(bytes_.get(), bytes.data(), size_);
+        header().nlmsg_len = static_cast<uint32_t>(size_);
+    }
+
+    // The first `size` bytes, whose header says so.
+    Message Cut(size_t size) const { return Message({bytes_.get(), size}); }
+
+    nlmsghdr& header() const { return *reinterpret_cast<nlmsghdr*>(bytes_.get()); }
+    char* bytes() const { return bytes_.get(); }
+    size_t size() const { return size_; }
+
+private:
+    size_t size_;
+    std::unique_ptr<char[]> bytes_;
+};
+
+template <class Plain>
+std::string BytesOf(const Plain& plain)
+{
+    return {reinterpret_cast<const char*>(&plain), sizeof plain};
+}
+
+// An attribute with bytes, or with others in it.
+struct Attribute {
+    uint16_t type;
+    std::string bytes;
+    std::vector<Attribute> nested = {};
+};
+using AttributeList = std::vector<Attribute>;
+
+inline Attribute Nest(uint16_t type, AttributeList nested)
+{
+    return {type, "", std::move(nested)};
+}
+
+inline std::string Serialize(const AttributeList& attributes)
+{
+    std::string all;
+    for (const Attribute& each : attributes) {
+        std::string body = each.bytes + Serialize(each.nested);
+        all += BytesOf(nlattr{static_cast<uint16_t>(MNL_ATTR_HDRLEN + body.size()), each.type});
+        body.resize(MNL_ALIGN(body.size()));
+        all += body;
+    }
+    return all;
+}
+
+// `head` is what stands between the netlink header and the attributes.
+inline Message Compose(uint16_t type, const std::string& head, const AttributeList& attributes)
+{
+    nlmsghdr header = {};
+    header.nlmsg_type = type;
+    return Message(BytesOf(header) + head + Serialize(attributes));
+}
+
+// The attribute that a path of types leads to gets another size, or goes away with -1.
+inline AttributeList Resized(AttributeList attributes, const std::vector<uint16_t>& path, int size)
+{
+    AttributeList* level = &attributes;
+    auto at = level->end();
+    for (const uint16_t type : path) {
+        level = at == level->end() ? level : &at->nested;
+        at = level->begin();
+        while (at->type != type) {
+            ++at;
+        }
+    }
+    if (size < 0) {
+        level->erase(at);
+    } else {
+        at->bytes.resize(static_cast<size_t>(size));
+    }
+    return attributes;
+}
 
 constexpr uint16_t new_flow = NFNL_SUBSYS_CTNETLINK << 8 | IPCTNL_MSG_CT_NEW;
 
@@ -49,8 +132,6 @@ inline Message Flow(const AttributeList& attributes = FlowAttributes(), uint16_t
     return Compose(type, BytesOf(nfgenmsg{}), attributes);
 }
 
-// ---- sock_diag -------------------------------------------------------------
-
 struct SocketSample {
     uint8_t state = vxi::SocketEstablished;
     uint16_t near_port = 40000;
@@ -76,8 +157,6 @@ inline Message Socket(const SocketSample& sample = {})
                            {INET_DIAG_MARK}, int(sample.mark_size)));
 }
 
-// ---- nf_tables -------------------------------------------------------------
-
 inline Message Nft(uint16_t type, const AttributeList& attributes)
 {
     return Compose(static_cast<uint16_t>(NFNL_SUBSYS_NFTABLES << 8 | type),
@@ -96,20 +175,17 @@ inline Message SetElement(size_t key_size = 4)
                                             {NFTA_SET_ELEM_EXPIRATION, BytesOf(~uint64_t{0})}})})});
 }
 
-inline Message Set(const std::string& name, uint32_t key_type, uint32_t flags)
+inline Message Set(const std::string& name, uint32_t key_type)
 {
     return Nft(NFT_MSG_NEWSET, {{NFTA_SET_TABLE, "t"},
                                 {NFTA_SET_NAME, name},
-                                {NFTA_SET_KEY_TYPE, BytesOf(htonl(key_type))},
-                                {NFTA_SET_FLAGS, BytesOf(htonl(flags))}});
+                                {NFTA_SET_KEY_TYPE, BytesOf(htonl(key_type))}});
 }
-
-constexpr uint64_t counted_packets = 0x0102030405060708, counted_bytes = 0x1112131415161718;
 
 inline AttributeList CounterAttributes()
 {
-    return {{NFTA_COUNTER_BYTES, BytesOf(htobe64(counted_bytes))},
-            {NFTA_COUNTER_PACKETS, BytesOf(htobe64(counted_packets))}};
+    return {{NFTA_COUNTER_BYTES, BytesOf(uint64_t{1})},
+            {NFTA_COUNTER_PACKETS, BytesOf(uint64_t{2})}};
 }
 
 inline Message NamedCounter(const std::string& name)
