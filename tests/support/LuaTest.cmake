@@ -8,6 +8,10 @@ set(TEST_SUPPORT_DIR ${CMAKE_CURRENT_LIST_DIR})
 set(SANITIZER_ENVIRONMENT
     "LSAN_OPTIONS=suppressions=${TEST_SUPPORT_DIR}/lsan.supp:print_suppressions=0:intercept_tls_get_addr=0"
     "TSAN_OPTIONS=halt_on_error=1")
+# The same for gtest_discover_tests, which passes on one value for a property.
+list(GET SANITIZER_ENVIRONMENT 0 lsan_options)
+set(SANITIZER_PROPERTIES ENVIRONMENT ${lsan_options}
+    ENVIRONMENT_MODIFICATION "TSAN_OPTIONS=set:halt_on_error=1")
 
 # add_sandboxed_lua_test(NAME SCRIPT): the script under stock lua5.2 in the sandbox, with
 # the recording driver in the place of libvxi. The preloads are for the interpreter alone.
@@ -40,7 +44,7 @@ endfunction()
 # discover_plugin_tests(TARGET): its GoogleTest cases, with the environment they need.
 function(discover_plugin_tests target)
     gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST
-        PROPERTIES ENVIRONMENT "${SANITIZER_ENVIRONMENT};LC_ALL=C" TIMEOUT 120)
+        PROPERTIES ${SANITIZER_PROPERTIES} TIMEOUT 120)
 endfunction()
 
 # add_lua_host(TARGET BUILD): the target has Lua states of its own, of Lua built as "c" or
