@@ -5,8 +5,7 @@ set -uo pipefail
 root=$1 cmake=$2 cc=$3
 scratch=$(mktemp -d) && trap 'rm -rf "$scratch"' EXIT
 
-options=(FC_IMPORTS_INCLUDE_DIR FC_VXI_LIBRARY FC_VXA_CORE_LIBRARY FC_SLB3_INCLUDE_DIR
-    FC_SLB3_LIBRARY)
+options=(FC_{IMPORTS,SLB3}_INCLUDE_DIR FC_{VXI,VXA_CORE,SLB3}_LIBRARY)
 given=("${options[@]/#/-D}")
 message=$("$cmake" -S "$root" -B "$scratch/build" "${given[@]/%/=/nonexistent}" 2>&1) &&
     { echo "configured with wrong paths"; exit 1; }
