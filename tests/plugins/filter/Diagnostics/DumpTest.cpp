@@ -14,6 +14,7 @@
 #include "AllocationLimit.h"
 #include "Diagnostics/Diagnostics.h"
 #include "HostRecording.h"
+#include "LuaArgs.h"
 #include "RecordingDriver.h"
 #include "vxa_core/archive.h"
 #include "vxa_core/document.h"
@@ -520,6 +521,39 @@ TEST_F(DumpTest, APrintIsCutAt1023Characters)
     memory.CopyTo(bytes.data(), bytes.size());
     EXPECT_EQ(bytes, "-5 five|%\n" + std::string(2046, 'x') + "\n\n\xc3\xa9nd")
         << "Latin-1 becomes UTF-8";
+}
+
+// ---- what passes for a host object -----------------------------------------------------
+
+TEST(HostObjects, ForeignAndConstantOnesAreRefused)
+{
+    static VxaCore::CDom document(VxaCore::CDom::Store::InMemory());
+    void (*const values[])(lua_State*) = {
+        [](lua_State* L) { SLB3::Value<VxaCore::CDom*>::Push(L, &document); },
+        [](lua_State* L) { SLB3::Value<const VxaCore::CDom*>::Push(L, &document); },
+        [](lua_State* L) { lua_newuserdata(L, 64); },
+        [](lua_State* L) {
+            lua_newuserdata(L, 64);
+            luaL_newmetatable(L, "Foreign");
+            lua_setmetatable(L, -2);
+        }};
+    lua_State* const L = luaL_newstate();
+    for (const auto push : values) {
+        lua_settop(L, 0);
+        push(L);
+        EXPECT_EQ(fc::TestDom(L, 1), push == values[0] ? &document : nullptr);
+        luaL_newmetatable(L, "vxi_handle_t*");
+        lua_setmetatable(L, 1);
+        EXPECT_EQ(fc::TestDom(L, 1), nullptr);
+    }
+    lua_pushcfunction(L, [](lua_State* state) {
+        lua_newuserdata(state, 1);
+        luaL_setmetatable(state, "vxi_handle_t*");
+        fc::CheckDriverHandle(state, -1);
+        return 0;
+    });
+    EXPECT_EQ(lua_pcall(L, 0, 0, 0), LUA_ERRRUN) << "too short for a handle";
+    lua_close(L);
 }
 
 }  // namespace
