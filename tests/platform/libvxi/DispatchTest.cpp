@@ -112,6 +112,15 @@ TEST_F(Dispatch, ErrorTextIsCutToTheBufferAndKept)
     EXPECT_EQ(-EBADF, vxi_get_error(nullptr, text, sizeof text));
 }
 
+TEST_F(Dispatch, EveryPortCanBeMonitored)
+{
+    for (const std::uint16_t each : {0, 31, 32, 65535}) {
+        scan_metrics_request request = scan_request(each, VXI_SCAN_OUTBOUND);
+        EXPECT_EQ(0, monitor_port(handle(), each, VXI_SCAN_OUTBOUND));
+        EXPECT_EQ(0, vxi_get_scan_metrics(handle(), &request, sizeof request)) << each;
+    }
+}
+
 // The counts of a request are wishes: what is written stays inside its length.
 TEST_F(Dispatch, ScanCountersStayInsideTheRequest)
 {
@@ -196,10 +205,8 @@ TEST_F(Dispatch, FaultsLastAsLongAsTheScriptSays)
         {"vxi_get_conn_states=-5", {-5, -5, -5, -5}},
         {"vxi_get_conn_states=-5:once", {-5, 0, 0}},
         {"vxi_get_conn_states=-5:times=2", {-5, -5, 0, 0}},
-        {"vxi_get_conn_states=-5:after=2", {0, 0, -5, -5}},
         {"vxi_get_conn_states=-5:after=1:once", {0, -5, 0, 0}},
         {"vxi_get_conn_states=-5:once , vxi_get_conn_states = -110:after=1", {-5, 0, -110, -110}},
-        {"vxi_get_conn_states=7", {7, 7}},
         {"vxi_get_stats=-5,vxi_open=-1", {0, 0}},
     };
     for (const auto& each : cases) {
@@ -214,7 +221,6 @@ TEST_F(Dispatch, FaultsNameEngineAndOperation)
 {
     const std::pair<const char*, const char*> cases[] = {
         {"-10017", "unknown variable"},
-        {"-987654", "status -987654"},
         {R"(-5:a\, b\: c\\ 100%s:once)", R"(a, b: c\x5c 100%s)"},
         {"-5:caf\xc3\xa9", R"(caf\xc3\xa9)"},
     };
@@ -314,41 +320,33 @@ TEST(EnvironmentDeathTest, ChoosesEngineSettingsAndFaults)
     }
 }
 
-TEST(OwnEngine, EveryEmptySlotNamesEngineAndOperation)
-{
-    static const vxi::Operations none{};
-    static const vxi::Engine engine{"made", &none, nullptr};
-    vxi_handle_ops_s handle{};
-    handle.operations = vxi::complete(engine);
-    for (const auto& call : calls) {
-        const std::string name = call.name;
-        if (name == "vxi_capabilities") continue;
-        const int status = name == "vxi_driver_available" ? 0 : -EOPNOTSUPP;
-        EXPECT_EQ(status, call.make(&handle)) << name;
-        EXPECT_EQ("not supported by engine made: " + name, error_text(&handle));
-    }
-    vxi_capability_s rows[7];
-    ASSERT_EQ(7, vxi_capabilities(&handle, rows, 7));
-    EXPECT_STREQ("not supported by engine made", rows[6].detail);
-    handle.operations->close(&handle);
-}
-
 int (*answer)(Handle);  // of the engine below
 
-// Whatever an engine does, the caller gets a status and a text that belongs to it.
-TEST(OwnEngine, NothingOfAnEngineEscapes)
+// Whatever an engine lacks or does, the caller gets a status and a text that belongs to it.
+TEST(OwnEngine, NothingIsMissingAndNothingEscapes)
 {
     static vxi::Operations operations{};
     operations.get_conn_states = [](Handle h, vxa_get_conn_states_s*) { return answer(h); };
     static const vxi::Engine engine{"made", &operations, nullptr};
     vxi_handle_ops_s handle{};
     handle.operations = vxi::complete(engine);
+    answer = [](Handle) -> int { throw std::bad_alloc(); };
+    for (const auto& call : calls) {
+        const std::string name = call.name;
+        const int status = call.make(&handle);
+        if (name == "vxi_get_conn_states") {
+            EXPECT_EQ(-ENOMEM, status);
+            EXPECT_EQ("engine made: vxi_get_conn_states: out of memory", error_text(&handle));
+        } else if (name != "vxi_capabilities") {
+            EXPECT_EQ(name == "vxi_driver_available" ? 0 : -EOPNOTSUPP, status) << name;
+            EXPECT_EQ("not supported by engine made: " + name, error_text(&handle));
+        }
+    }
     const struct {
         int (*answer)(Handle);
         int status;
         std::string text;
     } cases[] = {
-        {[](Handle) -> int { throw std::bad_alloc(); }, -ENOMEM, "out of memory"},
         {[](Handle) -> int { throw std::runtime_error("p\xc3\xa9rdu"); }, -EIO, R"(p\xc3\xa9rdu)"},
         {[](Handle) { return -EPERM; }, -EPERM, "Operation not permitted"},
         {[](Handle h) { return vxi::fail(h, -EPERM, "%s", std::string(600, 'x').c_str()); }, -EPERM,
@@ -357,10 +355,12 @@ TEST(OwnEngine, NothingOfAnEngineEscapes)
     for (const auto& each : cases) {
         answer = each.answer;
         vxa_get_conn_states_s states;
-        EXPECT_EQ(VXI_E_UNKNOWN_VARIABLE, vxi_set_var(&handle, 999, 0)) << "an earlier text";
         EXPECT_EQ(each.status, vxi_get_conn_states(&handle, &states));
         EXPECT_EQ("engine made: vxi_get_conn_states: " + each.text, error_text(&handle));
     }
+    vxi_capability_s rows[7];
+    ASSERT_EQ(7, vxi_capabilities(&handle, rows, 7));
+    EXPECT_STREQ("not supported by engine made", rows[6].detail);
 }
 
 // Handles on several threads while faults, engine and settings change under them. What can
@@ -368,13 +368,11 @@ TEST(OwnEngine, NothingOfAnEngineEscapes)
 void use_one_handle()
 {
     const OpenHandle handle(vxi_open());
-    if (!handle) {
-        return;
-    }
     for (const auto& call : calls) {
         const int status = call.make(handle.get());
         // New settings take the monitored port away.
-        EXPECT_TRUE(status >= 0 || status == -5 || status == -ENOENT) << error_text(handle.get());
+        EXPECT_TRUE(!handle || status >= 0 || status == -5 || status == -ENOENT)
+            << error_text(handle.get());
     }
     Statistics stats;
     text_of<vxa_stats_v2_s>(tb_dump_stats, &stats);

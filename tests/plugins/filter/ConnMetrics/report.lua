@@ -158,6 +158,19 @@ for _, nothing in ipairs { 0, 0.9, -0.9, 4294967296, 2 ^ 63, -2 ^ 64, 0 / 0, 1 /
     t.equal(get(), {}, tostring(nothing))
 end
 
+-- A publication comes when more than a minute has passed, also after an empty one.
+for passed_s, rows in pairs { [0] = 0, [60] = 0, [61] = 1, [-1] = 0, [-1e5] = 0, [1e6] = 1 } do
+    publish()
+    get()
+    add("k", "a\tb", 2)
+    recorder.clock((now_s + passed_s) * 1000000)
+    update()
+    t.equal(#get(), rows, passed_s)
+    now_s = now_s + math.max(passed_s, 0)
+    publish()
+    t.equal(#get(), 1 - rows, "kept until then")
+end
+
 -- Wrong arguments change nothing.
 for position, wrong in pairs {
     { {}, { nil, "t", 1 }, { true, "t", 1 } },

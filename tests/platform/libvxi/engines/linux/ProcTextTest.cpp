@@ -113,29 +113,20 @@ TEST(KernelSettings, NoneReadsAsAbsentWhenItIsThere)
     }
 }
 
-ProcItems Numbered(unsigned count)
-{
-    ProcItems items;
-    for (unsigned i = 0; i < count; ++i) {
-        items.items.push_back({"n" + std::to_string(i), i + 1});
-    }
-    return items;
-}
-
 TEST(AreaWriter, LetsAPartGrowIntoWhatOthersLeave)
 {
-    uint64_t slots[8] = {9, 9, 9, 9, 9, 9, 9, 9};
-    vxi::AreaWriter area(slots, 8);
-    area.put(0, 2, Numbered(4));          // two wait
-    area.put_or_drop(4, 6, Numbered(3));  // one is dropped
-    area.put_one(7, "own", 7);
-    area.put(3, 4, Numbered(2));  // one waits
+    const ProcItems items = {{{"a", 1}, {"b", 2}, {"c", 3}}};
+    uint64_t slots[7] = {9, 9, 9, 9, 9, 9, 9};
+    vxi::AreaWriter area(slots, 7);
+    area.put(0, 1, items);                                        // two wait
+    area.put_or_drop(3, 5, {{{"x", 4}, {"y", 5}, {"z", 6}}, 0});  // one is dropped
+    area.put_one(6, "own", 7);
+    area.put(2, 3, items);  // two wait, and find one slot
     const vxi::SlotNames names = area.finish();
-    const std::vector<std::string> expected = {"n0", "n1", "n2", "n0", "n0", "n1", "n3", "own"};
-    EXPECT_EQ(names.names, expected);
-    EXPECT_EQ(names.dropped, 2u);
-    const uint64_t values[8] = {1, 2, 3, 1, 1, 2, 4, 7};
-    EXPECT_TRUE(std::equal(slots, slots + 8, values));
+    EXPECT_EQ(names.names, (std::vector<std::string>{"a", "b", "a", "x", "y", "c", "own"}));
+    EXPECT_EQ(names.dropped, 3u);
+    EXPECT_EQ(std::vector<uint64_t>(slots, slots + 7),
+              (std::vector<uint64_t>{1, 2, 1, 4, 5, 3, 7}));
 }
 
 TEST(Statistics, WithoutAnyTable)
