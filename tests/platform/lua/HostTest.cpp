@@ -1,8 +1,9 @@
 // What only a host can do to the module: let memory run out anywhere, close states with
-// objects alive.
+// objects alive, put a driver of its own in place.
 #include <gtest/gtest.h>
 #include <malloc.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -10,6 +11,33 @@
 #include "AlikeAddresses.h"
 #include "LuaHost.h"
 #include "ScratchDirectory.h"
+#include "vxi/vxi.h"
+
+namespace {
+
+// The flow table that the module reads in place of the library's: one flow of UDP, two of TCP.
+const vxa_conntrack_entry_s kFlows[] = {
+    {{10, 0, 0, 1}, {127, 0, 0, 1}, {128, 1}, {0, 53}, 4, 0, 0, 0, 30, 0, 0, 0, 0, 0},
+    {{32, 0, 0, 1}, {254, 128}, {128, 2}, {1, 187}, 6, 3, 33, 0, 31, 5, 6, 7, 1ull << 40, 8},
+    {{10, 0, 0, 1}, {127, 0, 0, 1}, {128, 3}, {0, 53}, 4, 200, 0, 0, 30, 0, 0, 0, 0, 0},
+};
+int s_flow_status = 0;
+bool s_report_too_many = false;
+
+}  // namespace
+
+extern "C" int vxi_get_conntrack(vxi_handle_ops_s*, vxa_dump_conntrack_s* section, unsigned int,
+                                 unsigned int*)
+{
+    if (s_flow_status != 0) return s_flow_status;
+    const bool tcp = section->protocol == 6;
+    const uint16_t count =
+        section->protocol == 0 ? 3 : std::min<uint16_t>(tcp ? 2 : 1, section->entry_ct);
+    if (section->protocol != 0) std::memcpy(section + 1, kFlows + tcp, count * sizeof kFlows[0]);
+    section->entry_ct = s_report_too_many && tcp ? 65535 : count;
+    section->total = tcp ? 2 : 1;
+    return 0;
+}
 
 namespace {
 
@@ -19,6 +47,36 @@ struct State : LuaHost {
 };
 
 const ScratchDirectory s_scratch;
+
+TEST(Connections, AreRows)
+{
+    State state;
+    const auto read = [&](bool report_too_many) {
+        s_report_too_many = report_too_many;
+        return state.Run(R"(
+            local vxa = require "vxa"
+            vxa.engine "sim"
+            local rows, total = vxa.open():connections()
+            if not rows then error("failed: " .. total, 0) end
+            for i, r in ipairs(rows) do
+                rows[i] = table.concat({ r.protocol, r.family, r.src, r.sport, r.dst, r.dport,
+                    tostring(r.state), r.flags, r.timeout, r.mark, tostring(r.packets_forward),
+                    tostring(r.packets_backward), tostring(r.bytes_forward),
+                    tostring(r.bytes_backward) }, " ")
+            end
+            local expected = [[
+udp 4 10.0.0.1 32769 127.0.0.1 53 nil 0 30 0 nil nil nil nil
+tcp 6 2000:1:: 32770 fe80:: 443 ESTABLISHED 33 31 5 6 7 1099511627776 8
+tcp 4 10.0.0.1 32771 127.0.0.1 53 UNKNOWN 0 30 0 nil nil nil nil]]
+            rows = table.concat(rows, "\n")
+            assert(total == 3 and rows == expected, rows))");
+    };
+    EXPECT_EQ(read(false), "");
+    EXPECT_EQ(read(true), "");
+    s_flow_status = -1;
+    EXPECT_EQ(read(false).find("failed: "), 0u);
+    s_flow_status = 0;
+}
 
 // Each script starts with everything loaded; `dir` is new in every run.
 const std::string kScripts[] = {
