@@ -52,7 +52,7 @@ bool allocations::LiftLimit()
 
 bool allocations::RefuseFrom(std::size_t size)
 {
-    s_refused_from = size != 0 ? size : SIZE_MAX;
+    if (kMallocIsOurs) s_refused_from = size != 0 ? size : SIZE_MAX;
     return kMallocIsOurs;
 }
 

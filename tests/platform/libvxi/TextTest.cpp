@@ -54,8 +54,11 @@ std::string connections(const Section& first, const Section& second)
         header.total = section->total;
         std::memset(header.unused, 0xee, sizeof header.unused);  // callers leave it as it is
         std::memcpy(at, &header, sizeof header);
-        std::memcpy(at + sizeof header, section->rows.data(), 72 * section->rows.size());
-        at += sizeof header + 72 * section->rows.size();
+        at += sizeof header;
+        for (const auto& row : section->rows) {
+            std::memcpy(at, &row, sizeof row);
+            at += sizeof row;
+        }
     }
     return text_of(tb_dump_all_conn_track, reinterpret_cast<vxa_dump_conntrack_s*>(block.get()));
 }
