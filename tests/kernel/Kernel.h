@@ -35,7 +35,7 @@ Lines Matches(const std::string& text, const char* pattern);
 void BecomeNobody();
 
 // Polls until `done`; returns its last answer.
-bool Eventually(const std::function<bool()>& done, unsigned seconds = 30);
+bool Eventually(const std::function<bool()>& done, unsigned seconds = 10);
 
 // The driver on the engine of this machine.
 OpenHandle Open();
