@@ -93,7 +93,8 @@ constexpr const char* kObservations = R"lua(
             local row = {}
             for line in gmatch(entries[i].text, "[^\n]+") do
                 local tab = find(line, "\t", 1, true)
-                set_field(row, tab and sub(line, 1, tab - 1) or line, tab and sub(line, tab + 1) or "")
+                set_field(row, tab and sub(line, 1, tab - 1) or line,
+                          tab and sub(line, tab + 1) or "")
             end
             row.count = entries[i].count
             rows[i] = row

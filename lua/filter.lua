@@ -193,7 +193,9 @@ function Monitor:judge(metric, figure, rounded, crossing, before)
     local setting = self.settings[metric.setting] or metric.default
     local row = { name = metric.name, over = false, value = figure.value,
                   threshold = threshold_of(metric, figure, rounded, setting, before) }
-    if crossing then row.value, row.threshold, row.over = crossing.value, crossing.threshold, true end
+    if crossing then
+        row.value, row.threshold, row.over = crossing.value, crossing.threshold, true
+    end
     -- The trace has six decimals, and 0 for a threshold of 1e-9.
     if crossing and setting and to_millionths(setting) == crossing.threshold then
         row.threshold = setting

@@ -29,7 +29,9 @@ end
 
 -- "231 connections to 5 services since 07:11:03"
 function connection_text.summary(report)
-    if #report.rows == 0 then return "no new connection since " .. timestamps.moment(report.since) end
+    if #report.rows == 0 then
+        return "no new connection since " .. timestamps.moment(report.since)
+    end
     return ("%s to %s since %s"):format(text.count(report.observations, "new connection"),
         text.count(#report.rows, "service"), timestamps.moment(report.since))
 end

@@ -32,7 +32,8 @@ local function rest_until(attached, due, report, totals)
     local vxa = attached.vxa
     while due > vxa.clock() do
         local left = due - vxa.clock()
-        if not vxa.sleep(math.min(left, math.max(attached.feedback:due(), 0.1))) then return false end
+        local wait = math.min(left, math.max(attached.feedback:due(), 0.1))
+        if not vxa.sleep(wait) then return false end
         publish(attached, report, totals)
     end
     return true

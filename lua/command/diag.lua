@@ -30,7 +30,8 @@ local TABLES = {
 
 -- ---- the file -----------------------------------------------------------------------------
 
-local in_the_way = { directory = "a directory", link = "a symbolic link", other = "not a regular file" }
+local in_the_way = { directory = "a directory", link = "a symbolic link",
+                     other = "not a regular file" }
 
 -- Only a regular file may be replaced: not a device, which a rename would take away from all
 -- others.
@@ -128,7 +129,9 @@ end
 local function silent_reason(table_, built, traced)
     local capability = built.capabilities[table_.capability]
     if has_line(traced, "^IsDriverOpen [%-0]") then return "the driver is not available" end
-    if has_line(traced, "^totConn%.entry_ct was 0$") then return "the driver knows no connection" end
+    if has_line(traced, "^totConn%.entry_ct was 0$") then
+        return "the driver knows no connection"
+    end
     if has_line(traced, "^malloc") then return "out of memory" end
     if capability and not capability.available then return capability.detail end
     return driver_text(table_, built) or table_.silent or "the driver gave nothing"
@@ -182,7 +185,8 @@ local function build(attached, handle, file)
     list, message = vxa.zip_entries(file)
     if not list then return nil, message end
     return { list = list, entries = by_name(list), records = records, driver_error = driver_error,
-             events = events_since(dom, events_before), capabilities = by_name(handle:capabilities()) }
+             events = events_since(dom, events_before),
+             capabilities = by_name(handle:capabilities()) }
 end
 
 -- ---- telling ------------------------------------------------------------------------------
@@ -196,7 +200,8 @@ local function show_entries(rows)
     local cells = { { "entry", "bytes", "ms" } }
     for _, row in ipairs(rows) do
         if row.entry then
-            cells[#cells + 1] = { row.name, ("%.0f"):format(row.entry.bytes), milliseconds(row.seconds) }
+            cells[#cells + 1] = { row.name, ("%.0f"):format(row.entry.bytes),
+                                  milliseconds(row.seconds) }
         end
     end
     for _, line in ipairs(text.columns(cells, { [2] = true, [3] = true })) do
@@ -245,7 +250,9 @@ local function profile_rules(vxa, handle, seconds)
     if not seconds then return end
     local switched, message = handle:set_variable(RULE_PROFILING, 1)
     if not switched then fail(1, "the rules cannot be profiled: %s", message) end
-    if not vxa.sleep(seconds) then fail(1, "ended by %s: no package was made", vxa.interrupted()) end
+    if not vxa.sleep(seconds) then
+        fail(1, "ended by %s: no package was made", vxa.interrupted())
+    end
 end
 
 return function(options)

@@ -117,7 +117,8 @@ end
 function Report:line(result)
     local time = self.times:line(result.time)
     if result.measured then return console.line("%s", self:measured_line(time, result)) end
-    console.line("%s  " .. ACTION .. "  %s; %s", time, result.text, why_not[result.action] or "nothing judged",
+    console.line("%s  " .. ACTION .. "  %s; %s", time, result.text,
+        why_not[result.action] or "nothing judged",
         result.state == filter.ACTIVATED and "still in fail-open" or "the filter enforces")
 end
 

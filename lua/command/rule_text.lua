@@ -72,7 +72,8 @@ function expression(value)
         return tostring(kind)
     end
     if kind == "jump" or kind == "goto" then
-        return ("%s %s"):format(kind, type(content) == "table" and expression(content.target) or "?")
+        local target = type(content) == "table" and expression(content.target) or "?"
+        return ("%s %s"):format(kind, target)
     end
     local render = type(content) == "table" and expressions[kind]
     return render and render(content) or word(value)
@@ -105,7 +106,9 @@ local statements = {
     match = function(x) return words(expression(x.left), relation(x), expression(x.right)) end,
     jump = function(x) return "jump " .. word(x.target) end,
     ["goto"] = function(x) return "goto " .. word(x.target) end,
-    log = function(x) return words("log", x.prefix and ('prefix "%s"'):format(word(x.prefix)) or "") end,
+    log = function(x)
+        return words("log", x.prefix and ('prefix "%s"'):format(word(x.prefix)) or "")
+    end,
     reject = function(x)
         return words("reject", x.type and "with " .. word(x.type) or "",
             x.expr and expression(x.expr) or "")
@@ -144,7 +147,9 @@ function rule_text.render(rule)
             if written ~= "" then parts[#parts + 1] = written end
         end
     end
-    if type(rule.comment) == "string" then parts[#parts + 1] = ('comment "%s"'):format(rule.comment) end
+    if type(rule.comment) == "string" then
+        parts[#parts + 1] = ('comment "%s"'):format(rule.comment)
+    end
     return printable(table.concat(parts, " "))
 end
 

@@ -50,8 +50,8 @@ pthread_key_t sections_key()
 {
     static const pthread_key_t key = [] {
         pthread_key_t made = PTHREAD_KEYS_MAX;  // has no value and takes none
-        (void)pthread_key_create(
-            &made, [](void* all) { delete static_cast<DetailedSections*>(all); });
+        (void)pthread_key_create(&made,
+                                 [](void* all) { delete static_cast<DetailedSections*>(all); });
         return made;
     }();
     return key;
@@ -112,8 +112,7 @@ const FlowDetails& flow_details(const vxa_dump_conntrack_s& section)
 {
     static const FlowDetails none;
     const DetailedSection* known = detailed(section);
-    const bool same =
-        known && known->section == &section && known->entries == section.entry_ct;
+    const bool same = known && known->section == &section && known->entries == section.entry_ct;
     return same ? known->details : none;
 }
 

@@ -32,9 +32,8 @@ int make_archive(lua_State* L)
     const char* path = file ? nullptr : check_path(L, 1);
     auto* owner = push_host_object<CZipOutputStream>(L);
     Failure failure;
-    const bool made = guarded(failure, [&] {
-        owner->make(file ? Archive::Create(*file) : Archive::Create(path));
-    });
+    const bool made = guarded(
+        failure, [&] { owner->make(file ? Archive::Create(*file) : Archive::Create(path)); });
     return made ? 1 : push_failure(L, failure);
 }
 

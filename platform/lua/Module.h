@@ -10,17 +10,17 @@
 namespace vxa {
 
 // Each fills the module's table on top. [-0, +0, m]
-void open_document(lua_State* L);  // Document.cpp: Dom
-void open_archive(lua_State* L);   // Archive.cpp: ZipOutputStream, zip_entries, zip_read
-void open_handle(lua_State* L);    // Handle.cpp: open, and the handle's methods
-void open_engine(lua_State* L);    // Engine.cpp: engine, engines, fault, simulate...
-void open_log(lua_State* L);       // Log.cpp: trace, verbose, log_to, capture, captured
-void open_json(lua_State* L);      // Json.cpp: parse_json
-void open_pending_file(lua_State* L);  // PendingFile.cpp: temporary, and the file's methods
-void open_system(lua_State* L);    // System.cpp: clock, files, environment
-void open_text(lua_State* L);      // Text.cpp: printable, hexdump
-void open_signals(lua_State* L);   // Signals.cpp: sleep, catch_signals, interrupted, reloads
-void open_settings_file(lua_State* L);     // SettingsFile.cpp: read_file, conf_line
+void open_document(lua_State* L);       // Document.cpp: Dom
+void open_archive(lua_State* L);        // Archive.cpp: ZipOutputStream, zip_entries, zip_read
+void open_handle(lua_State* L);         // Handle.cpp: open, and the handle's methods
+void open_engine(lua_State* L);         // Engine.cpp: engine, engines, fault, simulate...
+void open_log(lua_State* L);            // Log.cpp: trace, verbose, log_to, capture, captured
+void open_json(lua_State* L);           // Json.cpp: parse_json
+void open_pending_file(lua_State* L);   // PendingFile.cpp: temporary, and the file's methods
+void open_system(lua_State* L);         // System.cpp: clock, files, environment
+void open_text(lua_State* L);           // Text.cpp: printable, hexdump
+void open_signals(lua_State* L);        // Signals.cpp: sleep, catch_signals, interrupted, reloads
+void open_settings_file(lua_State* L);  // SettingsFile.cpp: read_file, conf_line
 void open_simulated_memory(lua_State* L);  // SimulatedMemory.cpp: simulate_memory
 
 // Name of the latest signal that catch_signals caught, or null. Signals.cpp

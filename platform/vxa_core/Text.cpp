@@ -95,8 +95,8 @@ bool IsPrintable(std::string_view sequence, bool multiline)
 void AppendHexRow(std::string& out, std::string_view row, std::uint64_t offset)
 {
     char place[20];
-    out.append(place, static_cast<size_t>(std::snprintf(
-                          place, sizeof place, "%08llx  ", static_cast<unsigned long long>(offset))));
+    out.append(place, static_cast<size_t>(std::snprintf(place, sizeof place, "%08llx  ",
+                                                        static_cast<unsigned long long>(offset))));
     for (size_t i = 0; i < kHexRowBytes; ++i) {
         if (i < row.size())
             AppendEscaped(out, "", row[i]);

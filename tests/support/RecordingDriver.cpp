@@ -89,9 +89,8 @@ using driver::state;
 
 vxi_handle_ops_s* vxi_open(void)
 {
-    return Record("open", &state().handle, nullptr, 0, 0, nullptr, 1).status != 0
-               ? &state().handle
-               : nullptr;
+    return Record("open", &state().handle, nullptr, 0, 0, nullptr, 1).status != 0 ? &state().handle
+                                                                                  : nullptr;
 }
 
 void vxi_close(vxi_handle_ops_s* handle)
@@ -264,10 +263,9 @@ extern "C" __attribute__((visibility("default"))) int gettimeofday(struct timeva
     timespec real{};
     clock_gettime(CLOCK_REALTIME, &real);
     const std::uint64_t fixed_us = driver::s_now_us;
-    *now = fixed_us == 0
-               ? timeval{real.tv_sec, static_cast<suseconds_t>(real.tv_nsec / 1000)}
-               : timeval{static_cast<time_t>(fixed_us / 1000000),
-                         static_cast<suseconds_t>(fixed_us % 1000000)};
+    *now = fixed_us == 0 ? timeval{real.tv_sec, static_cast<suseconds_t>(real.tv_nsec / 1000)}
+                         : timeval{static_cast<time_t>(fixed_us / 1000000),
+                                   static_cast<suseconds_t>(fixed_us % 1000000)};
     return 0;
 }
 

@@ -45,7 +45,8 @@ TEST(Allocation, FailuresAreToldByStatusAndText)
             static_cast<void>(allocations::AllowMalloc(allowed));
             opened = use_everything(*results);
             failed = allocations::LiftLimit();
-        }).join();
+        })
+            .join();
         ASSERT_EQ(0, vxi_fault_script("", nullptr));
         EXPECT_STREQ(opened ? "" : "std::bad_alloc", results->open_error);
         for (unsigned i = 0; opened && i < std::size(results->statuses); ++i) {

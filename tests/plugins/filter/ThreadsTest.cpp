@@ -21,7 +21,8 @@ constexpr const char* kCycles = R"(
         '{"SYS_THR_CONN_REFUSAL_PCT": {"value": 1}}', '{', ''}
     local state, seen = 'Deactivated', {}
     for i = 1, 20 do
-        local action = filter.CheckSystemHealthMetrics(doc, state, policies[i % #policies + 1]).action
+        local policy = policies[i % #policies + 1]
+        local action = filter.CheckSystemHealthMetrics(doc, state, policy).action
         seen[action] = true
         assert(action == 0 or action == 1 or action == 2, action)
         state = action == 1 and 'Activated' or 'Deactivated'

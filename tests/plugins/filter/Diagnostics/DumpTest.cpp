@@ -153,8 +153,7 @@ Outcome Payload(int size)
 Outcome AllVariables()
 {
     std::string text;
-    for (int i = 0; i < 173; ++i)
-        text += std::to_string(i) + " " + std::to_string(3 * i) + " 0\n";
+    for (int i = 0; i < 173; ++i) text += std::to_string(i) + " " + std::to_string(3 * i) + " 0\n";
     return Text(text);
 }
 
@@ -194,8 +193,7 @@ std::string Tcp(int count)
 }
 
 const Outcome kStats = Text("1000 1207 2000 2029 3000 3554\n");
-const std::string kAbout =
-    "107 AddDriverStatistics: AddDriverStatistics() - about to get stats";
+const std::string kAbout = "107 AddDriverStatistics: AddDriverStatistics() - about to get stats";
 const std::string kGet = "333 getDriverStatistics: getDriverStatistics()";
 const std::string kCall = "338 getDriverStatistics: driver is opened calling vxi_get_stats";
 const std::string kGot = "124 AddDriverStatistics: AddDriverStatistics() - got stats";
@@ -239,17 +237,30 @@ const struct Case {
     {kConnections, {3, 1, 65535}, {}, Sections(1, 2), {Total(3), Udp(1), Tcp(65535)}},
     {kConnections, {3, 1, 2}, {-5}, kFails, {kTrackFailed}},
     // A driver that fails may have written anything before.
-    {kConnections, {3, 65535, 3}, {0, -5, 0}, Sections(0, 3),
+    {kConnections,
+     {3, 65535, 3},
+     {0, -5, 0},
+     Sections(0, 3),
      {Total(3), kTrackFailed, kUdpFailed, Udp(0), Tcp(3)}},
-    {kConnections, {3, 1, 65535}, {0, 0, -6}, Sections(1, 0),
+    {kConnections,
+     {3, 1, 65535},
+     {0, 0, -6},
+     Sections(1, 0),
      {Total(3), Udp(1), Failed("GET_CONN_TRACK|fffffffa"), kTcpFailed, Tcp(0)}},
-    {kConnections, {1000}, {}, kNothing,
-     {Total(1000), "318 getDriverConnTrack: malloc 72032 bytes failed."}, true},
+    {kConnections,
+     {1000},
+     {},
+     kNothing,
+     {Total(1000), "318 getDriverConnTrack: malloc 72032 bytes failed."},
+     true},
 
     {kBlacklist, {96}, {}, Filled(96)},
     {kBlacklist, {0}, {}, Filled(0)},
     {kBlacklist, {96, 48}, {}, Filled(48)},
-    {kBlacklist, {48, kHuge}, {}, Filled(48),
+    {kBlacklist,
+     {48, kHuge},
+     {},
+     Filled(48),
      {"245 getDriverBlacklist: driver reported 4294967295 bytes, room for 48"}},
     {kBlacklist, {96}, {-5}, kFails, {kListFailed}},
     {kBlacklist, {96}, {0, -5}, kFails, {kListFailed}},
@@ -262,7 +273,10 @@ const struct Case {
     {kRules, {40}, {-5}, Payload(0)},
     {kRules, {40}, {0, -5}, Payload(0), {kRulesFailed}},
     {kRules, {40, 7}, {}, Payload(7)},
-    {kRules, {40, kHuge}, {}, Payload(40),
+    {kRules,
+     {40, kHuge},
+     {},
+     Payload(40),
      {"190 AddDriverRuleStats: driver reported 4294967295 bytes, room for 40"}},
     {kRules, {kHuge, 1}, {}, Payload(0), {"182 AddDriverRuleStats: malloc() failed"}, true},
 };
@@ -301,8 +315,7 @@ TEST_F(DumpTest, EveryAnswerOfTheDriver)
 
 TEST_F(DumpTest, WithoutDriverOrArchive)
 {
-    for (const Dump& dump :
-         {kStatistics, kVariables, kStates, kConnections, kBlacklist, kRules}) {
+    for (const Dump& dump : {kStatistics, kVariables, kStates, kConnections, kBlacklist, kRules}) {
         SCOPED_TRACE(dump.entry);
         driver::Answers answers;
         answers.counts[dump.call] = {1};
@@ -331,9 +344,9 @@ TEST_F(DumpTest, StatisticsRequest)
     ASSERT_EQ(calls[0].bytes.size(), 6408u);
     vxa_stats_v2_s expected{12, 6, 0, 6444, 1, 64, {275, 30, 1}, 32, 0, {}, {}, {}, {}, {}, {}};
     const char* const at = static_cast<const char*>(calls[0].record);
-    for (const auto& [area, offset] : {std::pair(&expected.area1, 64),
-                                       std::pair(&expected.area2, 1728),
-                                       std::pair(&expected.area3, 1968)})
+    for (const auto& [area, offset] :
+         {std::pair(&expected.area1, 64), std::pair(&expected.area2, 1728),
+          std::pair(&expected.area3, 1968)})
         std::memcpy(area, &static_cast<const void* const&>(at + offset), sizeof *area);
     EXPECT_EQ(std::memcmp(calls[0].bytes.data(), &expected, sizeof expected), 0);
 }
@@ -343,8 +356,7 @@ TEST_F(DumpTest, VariableRequests)
     ASSERT_TRUE(Add(kVariables));
     const auto calls = CallsOf("get_varv");
     ASSERT_EQ(calls.size(), 173u);
-    for (std::size_t i = 0; i < calls.size(); ++i)
-        EXPECT_EQ(calls[i].number, static_cast<long>(i));
+    for (std::size_t i = 0; i < calls.size(); ++i) EXPECT_EQ(calls[i].number, static_cast<long>(i));
     // A failure ends the dump there.
     driver::Answers answers;
     answers.statuses["get_varv"] = FailAt(5, -10017);
