@@ -7,7 +7,7 @@ scratch=$(mktemp -d) && trap 'rm -rf "$scratch"' EXIT
 
 options=(FC_{IMPORTS,SLB3}_INCLUDE_DIR FC_{VXI,VXA_CORE,SLB3}_LIBRARY)
 given=("${options[@]/#/-D}")
-message=$("$cmake" -S "$root" -B "$scratch/build" "${given[@]/%/=/nonexistent}" 2>&1) &&
+message=$("$cmake" -G Ninja -S "$root" -B "$scratch/build" "${given[@]/%/=/nonexistent}" 2>&1) &&
     { echo "configured with wrong paths"; exit 1; }
 for option in "${options[@]}"; do
     grep -q "$option: /nonexistent" <<<"$message" || { echo "$option: $message"; exit 1; }
