@@ -101,14 +101,14 @@ end
 -- wrong. Four runnable processes a processor is well past busy. Below 0.1 % free memory
 -- the kernel no longer keeps up: it starts to reclaim 0.1 % above its reserve.
 local PROCESSES_PER_CPU = 4
-local LONGEST_QUEUE = 200  -- the bound of SYS_THR_RUNQ
 local FREE_MEMORY_PCT = 0.1
 
 local DEFAULT_SOURCE = "built-in default (no --policy, no " .. policy.CONF_PATH .. ")"
 
 local function built_in(cpus)
+    local longest_queue = by_conf_name.SYSTEM_RUNQ_PCT_THRESHOLD.max
     local values = {
-        SYS_THR_RUNQ = math.min(LONGEST_QUEUE, PROCESSES_PER_CPU * math.max(cpus, 1)),
+        SYS_THR_RUNQ = math.min(longest_queue, PROCESSES_PER_CPU * math.max(cpus, 1)),
         SYS_THR_FREE_MEM = FREE_MEMORY_PCT,
     }
     return { text = render(values), source = DEFAULT_SOURCE, values = values, warnings = {} }
