@@ -129,12 +129,7 @@ int push_driver_error(lua_State* L, vxi_handle_ops_s* handle)
 void open_handle(lua_State* L)
 {
     register_connections(L);
-    luaL_newmetatable(L, kHandleType);
-    luaL_newlib(L, kMethods);
-    lua_setfield(L, -2, "__index");
-    lua_pushcfunction(L, close);
-    lua_setfield(L, -2, "__gc");
-    lua_pop(L, 1);
+    register_class(L, kHandleType, kMethods, close);
     lua_pushcfunction(L, open);
     lua_setfield(L, -2, "open");
 }

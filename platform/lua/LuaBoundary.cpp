@@ -14,6 +14,17 @@ const char* check_path(lua_State* L, int index)
     return path;
 }
 
+void register_class(lua_State* L, const char* type, const luaL_Reg* methods, lua_CFunction close)
+{
+    luaL_newmetatable(L, type);
+    lua_newtable(L);
+    luaL_setfuncs(L, methods, 0);
+    lua_setfield(L, -2, "__index");
+    lua_pushcfunction(L, close);
+    lua_setfield(L, -2, "__gc");
+    lua_pop(L, 1);
+}
+
 void set_number(lua_State* L, const char* name, lua_Number value)
 {
     lua_pushnumber(L, value);

@@ -90,6 +90,10 @@ T* new_holder(lua_State* L)
 // [-0, +0, v]
 const char* check_path(lua_State* L, int index);
 
+// Registers a class of userdata under its name: `methods` as its functions, `close` for the
+// collector. [-0, +0, m]
+void register_class(lua_State* L, const char* type, const luaL_Reg* methods, lua_CFunction close);
+
 // `name` = value in the table on top. [-0, +0, m]
 void set_number(lua_State* L, const char* name, lua_Number value);
 void set_text(lua_State* L, const char* name, const char* text);

@@ -68,12 +68,7 @@ const PendingFile* test_pending_file(lua_State* L, int index)
 
 void open_pending_file(lua_State* L)
 {
-    luaL_newmetatable(L, kType);
-    luaL_newlib(L, kMethods);
-    lua_setfield(L, -2, "__index");
-    lua_pushcfunction(L, close);
-    lua_setfield(L, -2, "__gc");
-    lua_pop(L, 1);
+    register_class(L, kType, kMethods, close);
     lua_pushcfunction(L, make_temporary);
     lua_setfield(L, -2, "temporary");
 }
