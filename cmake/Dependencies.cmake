@@ -31,7 +31,7 @@ target_link_libraries(slb3 INTERFACE ${FC_SLB3_LIBRARY})
 if(FC_SLB3_INCLUDE_DIR)
     target_include_directories(slb3 SYSTEM INTERFACE ${FC_SLB3_INCLUDE_DIR})
 else()
-    target_include_directories(slb3 INTERFACE ${CMAKE_CURRENT_SOURCE_DIR}/platform/slb3/include)
+    target_include_directories(slb3 INTERFACE ${CMAKE_CURRENT_SOURCE_DIR}/imports/slb3)
 endif()
 
 # What the plugin calls: headers of the agent's libraries.

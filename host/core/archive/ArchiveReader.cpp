@@ -1,0 +1,168 @@
+#include "vxa_core/archive_reader.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <memory>
+#include <stdexcept>
+
+#include <wx/log.h>
+#include <wx/wfstream.h>
+#include <wx/zipstrm.h>
+
+#include "files/File.h"
+#include "files/Text.h"
+
+namespace VxaCore::Host {
+
+namespace {
+
+constexpr size_t kMostEntries = 10000;
+constexpr size_t kLongestName = 4096;  // as long as paths get
+constexpr size_t kChunkBytes = 65536;
+constexpr off_t kSmallestArchive = 22;  // the record that ends every archive
+
+constexpr const char* kNoArchive = "no zip archive, or a part of one";
+
+using EntryPointer = std::unique_ptr<wxZipEntry>;
+
+class Reader {
+public:
+    explicit Reader(const std::string& path) : Reader(path, Open(path)) {}
+
+    // Reads from the file's current position.
+    Reader(const std::string& path, FileDescriptor file)
+        : m_path(path), m_file(std::move(file)), m_stream(m_file.get()), m_zip(m_stream, m_utf8)
+    {
+        // Reads the directory's own record, which tells an archive from other files.
+        m_count = m_zip.GetTotalEntries();
+        if (m_zip.GetLastError() != wxSTREAM_NO_ERROR) Fail(kNoArchive);
+        if (m_count < 0 || static_cast<size_t>(m_count) > kMostEntries)
+            Fail("has more than " + std::to_string(kMostEntries) + " entries");
+    }
+
+    // Null after the last one.
+    EntryPointer Next()
+    {
+        if (m_listed == m_count) return nullptr;
+        EntryPointer entry(m_zip.GetNextEntry());
+        if (!entry)
+            Fail("damaged: only " + std::to_string(m_listed) + " of " + std::to_string(m_count) +
+                 " entries can be listed");
+        ++m_listed;
+        return entry;
+    }
+
+    std::string Read(wxZipEntry& entry, std::uint64_t most_bytes);
+
+    [[noreturn]] void Fail(const std::string& reason) const
+    {
+        throw std::runtime_error(m_path + ": " + reason);
+    }
+
+private:
+    // A pipe or device would hold the reader for as long as it likes.
+    static FileDescriptor Open(const std::string& path)
+    {
+        FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+        struct stat status;
+        if (!file || fstat(file.get(), &status) != 0)
+            throw std::runtime_error("cannot read " + path + ": " + ErrorText(errno));
+        if (!S_ISREG(status.st_mode)) throw std::runtime_error(path + " is not a file");
+        // wxWidgets takes what is too short for a record for an archive without entries.
+        if (status.st_size < kSmallestArchive) throw std::runtime_error(path + ": " + kNoArchive);
+        return file;
+    }
+
+    void CheckReadable(const wxZipEntry& entry, const std::string& what,
+                       std::uint64_t most_bytes) const;
+
+    wxLogNull m_quiet;  // the reasons are given here; wxWidgets' own would come on top
+    std::string m_path;
+    FileDescriptor m_file;
+    wxFileInputStream m_stream;
+    wxMBConvUTF8 m_utf8;
+    wxZipInputStream m_zip;
+    int m_count = 0;
+    int m_listed = 0;
+};
+
+std::string NameOf(const wxZipEntry& entry)
+{
+    return ToUtf8(entry.GetName(wxPATH_UNIX));
+}
+
+void Reader::CheckReadable(const wxZipEntry& entry, const std::string& what,
+                           std::uint64_t most_bytes) const
+{
+    if (entry.GetFlags() & wxZIP_ENCRYPTED) Fail(what + " is encrypted");
+    if (entry.GetMethod() != wxZIP_METHOD_STORE && entry.GetMethod() != wxZIP_METHOD_DEFLATE)
+        Fail(what + " is packed in an unknown way (" + std::to_string(entry.GetMethod()) + ")");
+    if (entry.GetSize() < 0 || static_cast<std::uint64_t>(entry.GetSize()) > most_bytes)
+        Fail(what + " has more than " + std::to_string(most_bytes) + " bytes");
+}
+
+// Grows with what is really there: the declared size of a damaged entry costs nothing.
+std::string Reader::Read(wxZipEntry& entry, std::uint64_t most_bytes)
+{
+    const std::string what = "entry " + NameOf(entry);
+    CheckReadable(entry, what, most_bytes);
+    const auto declared = static_cast<std::uint64_t>(entry.GetSize());
+    std::vector<char> chunk(kChunkBytes);
+    std::string bytes;
+    while (const size_t got = m_zip.Read(chunk.data(), chunk.size()).LastRead()) {
+        bytes.append(chunk.data(), got);
+        if (bytes.size() > declared) Fail(what + " is damaged: longer than declared");
+    }
+    // wxWidgets compares size and checksum when it comes to the entry's end.
+    if (m_zip.GetLastError() != wxSTREAM_EOF || bytes.size() != declared)
+        Fail(what + " is damaged");
+    return bytes;
+}
+
+std::uint64_t Size(wxFileOffset size)
+{
+    return static_cast<std::uint64_t>(std::max<wxFileOffset>(size, 0));
+}
+
+std::vector<ArchiveEntry> List(Reader& reader)
+{
+    std::vector<ArchiveEntry> entries;
+    while (const EntryPointer entry = reader.Next()) {
+        std::string name = NameOf(*entry);
+        if (name.size() > kLongestName) reader.Fail("damaged: an entry's name has no end");
+        entries.push_back({std::move(name), Size(entry->GetSize()),
+                           Size(entry->GetCompressedSize()), entry->IsText()});
+    }
+    return entries;
+}
+
+}  // namespace
+
+std::vector<ArchiveEntry> ListArchive(const std::string& path)
+{
+    Reader reader(path);
+    return List(reader);
+}
+
+std::vector<ArchiveEntry> ListArchive(const PendingFile& file)
+{
+    FileDescriptor own(fcntl(file.descriptor(), F_DUPFD_CLOEXEC, 0));
+    if (!own || lseek(own.get(), 0, SEEK_SET) != 0)
+        throw std::runtime_error("cannot read " + file.path() + ": " + ErrorText(errno));
+    Reader reader(file.path(), std::move(own));
+    return List(reader);
+}
+
+std::string ReadArchiveEntry(const std::string& path, const std::string& name,
+                             std::uint64_t most_bytes)
+{
+    Reader reader(path);
+    while (const EntryPointer entry = reader.Next())
+        if (NameOf(*entry) == name) return reader.Read(*entry, most_bytes);
+    reader.Fail("has no entry " + name);
+}
+
+}  // namespace VxaCore::Host

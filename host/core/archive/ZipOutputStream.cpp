@@ -1,0 +1,212 @@
+#include "VxaCore/ZipOutputStream.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <stdexcept>
+#include <vector>
+
+#include <wx/log.h>
+#include <wx/zipstrm.h>
+
+#include "files/File.h"
+#include "log/LogSink.h"
+#include "files/Text.h"
+#include "vxa_core/archive.h"
+
+template struct SLB3::policy::NoDelete::Implementation<VxaCore::CZipOutputStream>;
+
+namespace VxaCore {
+
+namespace {
+
+constexpr size_t kChunkBytes = 65536;
+constexpr int kCompressionLevel = 6;
+
+// The zip writer emits headers a few bytes at a time. wxWidgets' own file streams report
+// failures through the log and forget their cause.
+class FileSink : public wxOutputStream {
+public:
+    explicit FileSink(FileDescriptor file) : m_file(std::move(file))
+    {
+        m_buffer.reserve(kChunkBytes);
+    }
+
+    // All of it on the disk, where the file has one.
+    bool Finish()
+    {
+        const bool flushed = Flush();
+        if (flushed && fsync(m_file.get()) != 0 && errno != EINVAL && errno != EROFS)
+            m_errno = errno;
+        if (!m_file.Close() && m_errno == 0) m_errno = errno;
+        return m_errno == 0;
+    }
+
+    int error_number() const { return m_errno; }
+
+protected:
+    size_t OnSysWrite(const void* bytes, size_t size) override
+    {
+        if (m_buffer.size() + size > kChunkBytes && !Flush()) return Refuse();
+        const auto* first = static_cast<const char*>(bytes);
+        if (size > kChunkBytes) return WriteFully(m_file.get(), {first, size}) ? size : Fail();
+        m_buffer.insert(m_buffer.end(), first, first + size);
+        return size;
+    }
+
+private:
+    bool Flush()
+    {
+        if (m_errno == 0 && !WriteFully(m_file.get(), {m_buffer.data(), m_buffer.size()})) Fail();
+        m_buffer.clear();
+        return m_errno == 0;
+    }
+
+    size_t Fail()
+    {
+        m_errno = errno;
+        return Refuse();
+    }
+
+    size_t Refuse()
+    {
+        m_lasterror = wxSTREAM_WRITE_ERROR;
+        return 0;
+    }
+
+    FileDescriptor m_file;
+    std::vector<char> m_buffer;
+    int m_errno = 0;
+};
+
+// The open file and its compressor, a quarter of a megabyte of buffers.
+struct Writer {
+    explicit Writer(FileDescriptor file) : sink(std::move(file)), zip(sink, kCompressionLevel, utf8)
+    {
+    }
+
+    // Copies to the input's end; false when either side fails.
+    bool Copy(wxInputStream& in);
+
+    FileSink sink;
+    wxMBConvUTF8 utf8;  // the shared one is set up on first use, without a lock
+    wxZipOutputStream zip;
+};
+
+bool Writer::Copy(wxInputStream& in)
+{
+    std::vector<char> chunk(kChunkBytes);
+    for (;;) {
+        const size_t got = in.Read(chunk.data(), chunk.size()).LastRead();
+        if (got > 0 && zip.Write(chunk.data(), got).LastWrite() != got) return false;
+        // Neither bytes nor an end: an input that is stuck must not hold us for ever.
+        if (in.GetLastError() != wxSTREAM_NO_ERROR || got == 0)
+            return in.GetLastError() == wxSTREAM_EOF;
+    }
+}
+
+}  // namespace
+
+struct CZipOutputStream::Archive::Content {
+    // Throws the reason in errno for a file that could not be opened.
+    Content(const std::string& path_, FileDescriptor file) : path(path_)
+    {
+        if (!file) throw std::runtime_error("cannot write " + path + ": " + ErrorText(errno));
+        writer = std::make_unique<Writer>(std::move(file));
+    }
+
+    void Fail(const std::string& reason)
+    {
+        if (problem.empty()) problem = reason;
+    }
+    // With the file's reason, else the zip writer's.
+    void FailToWrite(const FileSink& sink)
+    {
+        Fail("cannot write " + path + ": " +
+             (sink.error_number() ? ErrorText(sink.error_number()) : "zip writer failed"));
+    }
+
+    std::string path;
+    std::unique_ptr<Writer> writer;  // null once closed
+    std::string problem;             // the first
+    bool broken = false;             // the file cannot be written: no further entries
+};
+
+CZipOutputStream::Archive::Archive(std::unique_ptr<Content> content) : m_content(std::move(content))
+{
+}
+
+std::unique_ptr<CZipOutputStream::Archive> CZipOutputStream::Archive::Create(
+    const std::string& path)
+{
+    // A FIFO without a reader fails instead of holding us up.
+    constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    FileDescriptor file(open(path.c_str(), flags, 0600));
+    if (file) fcntl(file.get(), F_SETFL, 0);
+    return std::unique_ptr<Archive>(new Archive(std::make_unique<Content>(path, std::move(file))));
+}
+
+std::unique_ptr<CZipOutputStream::Archive> CZipOutputStream::Archive::Create(
+    const Host::PendingFile& file)
+{
+    FileDescriptor own(fcntl(file.descriptor(), F_DUPFD_CLOEXEC, 0));
+    return std::unique_ptr<Archive>(
+        new Archive(std::make_unique<Content>(file.path(), std::move(own))));
+}
+
+CZipOutputStream::Archive::~Archive()
+{
+    try {
+        std::string error;
+        if (m_content->writer && !Close(error))
+            wxLogError("archive: %s", wxString::FromUTF8(CleanUtf8(error.c_str()).c_str()));
+    } catch (const std::exception& failure) {
+        ReportLostRecord(failure.what());
+    }
+}
+
+bool CZipOutputStream::Archive::Add(wxInputStream& in, bool text, const wxString& name,
+                                    const wxString& comment)
+{
+    Content& to = *m_content;
+    if (!to.writer) to.Fail("the archive is closed");
+    if (!to.writer || to.broken) return false;
+    Writer& writer = *to.writer;
+    auto entry = std::make_unique<wxZipEntry>(name);
+    entry->SetIsText(text);
+    entry->SetComment(comment);
+    const bool copied = writer.zip.PutNextEntry(entry.release()) && writer.Copy(in);
+    const bool ended = writer.zip.CloseEntry() && writer.zip.IsOk();
+    to.broken = !ended || writer.sink.error_number() != 0;
+    if (to.broken)
+        to.FailToWrite(writer.sink);
+    else if (!copied)
+        to.Fail(to.path + ": entry " + ToUtf8(name) + " is incomplete: its input failed");
+    return copied && !to.broken;
+}
+
+bool CZipOutputStream::Archive::Close(std::string& error)
+{
+    if (const auto writer = std::move(m_content->writer)) {
+        const bool complete = writer->zip.Close();
+        const bool stored = writer->sink.Finish();
+        if (!complete || !stored) m_content->FailToWrite(writer->sink);
+    }
+    error = m_content->problem;
+    return error.empty();
+}
+
+CZipOutputStream::CZipOutputStream(std::unique_ptr<Archive> archive) : m_archive(std::move(archive))
+{
+}
+
+CZipOutputStream::~CZipOutputStream() = default;
+
+bool CZipOutputStream::AddFromStream(wxInputStream& in, bool text, const wxString& name,
+                                     const wxString& comment)
+{
+    return m_archive->Add(in, text, name, comment);
+}
+
+}  // namespace VxaCore

@@ -1,0 +1,102 @@
+// The engines, and the choice among them.
+#include "api/Registry.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+namespace vxi {
+
+namespace {
+
+struct Registered {
+    const Engine* engine;
+    const Operations* operations;
+};
+
+constexpr unsigned engine_count = 2;
+
+struct Registry {
+    Registered engines[engine_count];
+    const char* names[engine_count + 1];
+    // Null while the environment names an engine that does not exist.
+    std::atomic<const Registered*> chosen;
+    std::string wanted;
+
+    Registry();
+    const Registered* find(const char* name) const;
+};
+
+Registry::Registry()
+    : engines{{&linux_engine(), complete(linux_engine())}, {&sim_engine(), complete(sim_engine())}},
+      names{engines[0].engine->name, engines[1].engine->name, nullptr}
+{
+    const char* name = std::getenv("VXI_ENGINE");
+    wanted = name && *name ? name : names[0];
+    chosen = find(wanted.c_str());
+}
+
+const Registered* Registry::find(const char* name) const
+{
+    for (const Registered& each : engines) {
+        if (std::strcmp(each.engine->name, name) == 0) {
+            return &each;
+        }
+    }
+    return nullptr;
+}
+
+Registry& registry()
+{
+    // Never destroyed: handles may be opened by other objects' destructors at exit.
+    static Registry& instance = *new Registry;
+    return instance;
+}
+
+std::string unknown_engine(const Registry& known)
+{
+    std::string text = "VXI_ENGINE names no engine: \"" + known.wanted + "\" (known engines:";
+    for (const char* const* name = known.names; *name; ++name) {
+        text += std::string(name == known.names ? " " : ", ") + *name;
+    }
+    return text + ")";
+}
+
+}  // namespace
+
+const Engine* chosen_engine(const Operations*& operations, std::string& error)
+{
+    const Registered* chosen = registry().chosen.load(std::memory_order_acquire);
+    if (!chosen) {
+        error = unknown_engine(registry());
+        return nullptr;
+    }
+    operations = chosen->operations;
+    return chosen->engine;
+}
+
+}  // namespace vxi
+
+const char* vxi_engine_name(void)
+{
+    const vxi::Registry& all = vxi::registry();
+    const vxi::Registered* chosen = all.chosen.load(std::memory_order_acquire);
+    return chosen ? chosen->engine->name : all.wanted.c_str();
+}
+
+int vxi_engine_select(const char* name)
+{
+    vxi::Registry& all = vxi::registry();
+    const vxi::Registered* found = name ? all.find(name) : nullptr;
+    if (!found) {
+        return -EINVAL;
+    }
+    all.chosen.store(found, std::memory_order_release);
+    return 0;
+}
+
+const char* const* vxi_engine_list(void)
+{
+    return vxi::registry().names;
+}

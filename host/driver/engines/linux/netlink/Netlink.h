@@ -1,0 +1,104 @@
+// One netlink socket: requests, dumps and attribute access.
+//
+// Answers come from the kernel, but their shape differs between kernels and nothing in
+// them is taken on trust: every length is checked before it is used, every loop is
+// bounded, and a message from anyone but the kernel is dropped.
+#pragma once
+
+#include <linux/netlink.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string_view>
+
+#include "engines/linux/netlink/FunctionRef.h"
+
+namespace vxi {
+
+class Netlink {
+public:
+    // Called for each message of an answer; a negative status or an exception stops the
+    // calls, but the answer is still read to its end, so that the socket can be used again.
+    // -ECANCELED ends the exchange at once and closes the socket.
+    using Visit = FunctionRef<int(const nlmsghdr&)>;
+
+    // What became of a batch: the first failure and the message that met it.
+    struct BatchResult {
+        int status = 0;
+        uint32_t sequence = 0;
+    };
+
+    Netlink() = default;
+    ~Netlink() { close(); }
+    Netlink(const Netlink&) = delete;
+    Netlink& operator=(const Netlink&) = delete;
+
+    // Opens a close-on-exec socket on one of the kernel's netlink protocols
+    // (NETLINK_NETFILTER..); an open one is closed first. 0 or a negated errno.
+    int open(int protocol);
+    void close();
+    bool is_open() const { return descriptor_.load() >= 0; }
+
+    uint32_t next_sequence() { return ++sequence_; }
+
+    // Sends one request, flagged NLM_F_DUMP or NLM_F_ACK, and passes the answer to `visit`
+    // (the sequence number is set here). -EINTR when the kernel says that the dump is not
+    // consistent. When the exchange itself fails, the socket is closed.
+    int request(nlmsghdr& message, Visit visit);
+
+    // Sends messages `first` to `last` (sequence numbers; `last` asks for an
+    // acknowledgement) as one transaction. After any failure the socket is closed, for
+    // further answers may be queued.
+    BatchResult transact(const void* messages, size_t size, uint32_t first, uint32_t last);
+
+private:
+    int send(const void* data, size_t size);
+    ptrdiff_t receive();
+    int collect(Visit take);
+
+    std::atomic<int> descriptor_{-1};  // read by a fork's child while another thread writes
+    uint32_t sequence_ = 0;
+    std::unique_ptr<char[]> buffer_;
+};
+
+// Calls `attempt` again, five times at most, while it returns -EINTR.
+int retry_interrupted(FunctionRef<int()> attempt);
+
+// The attributes behind a message's header of `header_size` bytes, or inside another
+// attribute. Ends before the first one that does not fit into what contains it.
+class Attributes {
+public:
+    Attributes(const nlmsghdr& message, size_t header_size);
+    explicit Attributes(const nlattr& outer);
+
+    class Iterator {
+    public:
+        Iterator(const char* at, size_t rest);
+        const nlattr& operator*() const { return *reinterpret_cast<const nlattr*>(at_); }
+        Iterator& operator++();
+        bool operator!=(const Iterator& other) const { return at_ != other.at_; }
+
+    private:
+        const char* at_;  // null at the end
+        size_t rest_;
+    };
+    Iterator begin() const { return {first_, size_}; }
+    Iterator end() const { return {nullptr, 0}; }
+
+    // The first one of that type; null when there is none.
+    const nlattr* find(uint16_t type) const;
+
+private:
+    const char* first_;
+    size_t size_;
+};
+
+// Contents of an attribute; empty for a null attribute or one of another length.
+std::optional<uint32_t> be32_of(const nlattr* attribute);
+std::optional<uint64_t> be64_of(const nlattr* attribute);
+std::string_view text_of(const nlattr* attribute);
+
+}  // namespace vxi

@@ -1,0 +1,63 @@
+// Reading a scan table's counters, and the arithmetic on them.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+
+#include "engines/linux/scan/ScanTable.h"
+#include "vxi/records.h"
+
+namespace vxi {
+
+// The counters at about one moment.
+struct ScanCounterValues {
+    struct Value {
+        uint64_t packets = 0;
+        uint64_t bytes = 0;
+        bool present = false;
+    };
+    std::array<Value, scan_counter_count> values;
+
+    const Value& operator[](ScanCounter counter) const
+    {
+        return values[static_cast<size_t>(counter)];
+    }
+    // All of those from `first` up to `end` are present.
+    bool complete(ScanCounter first, ScanCounter end) const;
+};
+
+// Named counters, packets and bytes of both directions, half-open connections. Each is 0, or a
+// negated errno: -ENOENT when the table or a part of it is gone, -EPROTO for an answer that does
+// not hold what it must.
+int read_scan_counters(Netlink& netlink, const std::string& table, ScanCounterValues& values);
+int read_scan_traffic(Netlink& netlink, const std::string& table, ScanCounterValues& values);
+int count_half_open(Netlink& netlink, const std::string& table, uint64_t& half_open);
+
+// What one message of such an answer says: a named counter, the rule that counts all packets of a
+// chain, elements of a set.
+int take_counter(const nlmsghdr& message, ScanCounterValues& values);
+void take_chain(const nlmsghdr& message, ScanCounterValues& values);
+uint64_t elements_in(const nlmsghdr& message);
+
+// Connections that were opened and ended without being established: everything opened, less what
+// was established, less what is still half-open.
+class HalfOpenClosed {
+public:
+    // `before` was read before `half_open`, `after` after it: a connection that moves on between
+    // the readings makes the count too small by one, never too large. The count never falls, but
+    // restarts at 0 when a counter has fallen (`nft reset counters`).
+    uint64_t update(const ScanCounterValues& before, uint64_t half_open,
+                    const ScanCounterValues& after);
+
+private:
+    ScanCounterValues last_;
+    int64_t offset_ = 0;  // what was half-open when the counters restarted is in none of them
+    uint64_t closed_ = 0;
+};
+
+// The counters as callers get them, by VXI_SCAN_*.
+void scan_figures(const ScanCounterValues& values, uint64_t half_open_closed,
+                  uint64_t (&figures)[VXI_SCAN_COUNTERS]);
+
+}  // namespace vxi

@@ -1,0 +1,51 @@
+// The statistics block: which of the kernel's counters is in which slot.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "api/Source.h"
+#include "engines/linux/proc/ProcText.h"
+
+namespace vxi {
+
+// Gives the items of one area their slots. Every part of an area begins at a slot of its
+// own, so that a figure keeps its place while another part grows.
+class AreaWriter {
+public:
+    AreaWriter(uint64_t* slots, unsigned count);
+
+    // From `first` on; what does not fit before `end` waits for `finish`.
+    void put(unsigned first, unsigned end, ProcItems found);
+    // The same, but what does not fit is dropped.
+    void put_or_drop(unsigned first, unsigned end, ProcItems found);
+    void put_one(unsigned slot, const char* name, uint64_t value);
+    void drop(uint64_t items) { names_.dropped += static_cast<unsigned>(items); }
+
+    // Puts what waits into slots that are still free and drops the rest.
+    SlotNames finish();
+
+private:
+    uint64_t* slots_;
+    unsigned count_;
+    SlotNames names_;
+    std::vector<ProcItem> waiting_;
+};
+
+struct StatisticsNames {
+    SlotNames areas[3];
+    std::string source;   // for people: where the figures come from and what is missing
+    unsigned tables = 0;  // files that could be read
+};
+
+// Fills the areas from the tables in the folder `net` and the settings in `netfilter` (both
+// end in "/"), and with what else this process knows.
+struct StatisticsFolders {
+    std::string net = "/proc/thread-self/net/";
+    std::string netfilter = "/proc/sys/net/netfilter/";
+};
+StatisticsNames fill_statistics(const StatisticsFolders& folders, uint64_t* area1, uint64_t* area2,
+                                uint64_t* area3);
+
+}  // namespace vxi

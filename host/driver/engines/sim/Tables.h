@@ -1,0 +1,33 @@
+// The simulated machine's tables at one tick, all from one view and so in agreement.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "api/Scan.h"
+#include "engines/sim/Machine.h"
+#include "engines/sim/World.h"
+
+namespace vxi::sim {
+
+inline constexpr const char* engine_name = "sim";
+
+struct View {
+    std::shared_ptr<const World> world;
+    std::uint64_t tick = 0;
+    Counters counters{};
+    ScanTarget target;
+    std::uint32_t rule_profiling = 0;  // variable 62
+    std::uint64_t profiled_since = 0;  // tick at which it became 1
+};
+
+void name_statistics();
+void fill_statistics(const View& view, vxa_stats_v2_s& stats);
+void fill_conn_states(const View& view, vxa_get_conn_states_s& states);
+std::uint32_t variable_value(const View& view, int trace_level, std::uint32_t number);
+
+// The rules with their counters as JSON, in the form of "nft -j list ruleset".
+std::string rule_profile(const View& view);
+
+}  // namespace vxi::sim

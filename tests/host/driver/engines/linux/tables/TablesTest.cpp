@@ -1,0 +1,346 @@
+// The tables without flows against the kernel's files and nft's listing.
+#include <linux/capability.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+
+#include "support/kernel/Kernel.h"
+#include "support/kernel/Traffic.h"
+#include "api/Variables.h"
+
+using kernel::Run;
+using traffic::Local;
+using traffic::port;
+
+namespace {
+
+// As callers fetch it, though the rules go between their two requests.
+std::string Blacklist(const OpenHandle& handle, uint32_t missing_room = 0)
+{
+    vxa_blacklist_get_addrs_s head = {};
+    EXPECT_EQ(vxi_get_blacklist(handle.get(), &head), 0) << error_text(handle.get());
+    Run("nft flush ruleset");
+    std::vector<char> block(sizeof head + head.entries_size, 0x5a);
+    head.entries_size -= missing_room;
+    memcpy(block.data(), &head, sizeof head);
+    auto* filled = reinterpret_cast<vxa_blacklist_get_addrs_s*>(block.data());
+    EXPECT_EQ(vxi_get_blacklist(handle.get(), filled), 0) << error_text(handle.get());
+    EXPECT_TRUE(missing_room == 0 || block.back() == 0x5a) << "written beyond the room";
+    return text_of(tb_dump_blacklist, filled);
+}
+
+KERNEL_TEST(Blacklist, HasTheElementsOfItsSets)
+{
+    const OpenHandle handle = kernel::Open();
+    EXPECT_EQ(Blacklist(handle),
+              "# blacklist: nf_tables sets named blacklist* (engine linux), "
+              "0 entries, 0 sets\n");
+    Run(R"(nft '
+table ip a { set blacklist { type ipv4_addr; elements = { 1.1.1.1 }; }; }
+table inet a {
+    set blacklist { type ipv4_addr; flags interval; elements = {
+        0.0.0.0/8, 1.0.0.0/24, 1.0.1.0/24, 9.9.9.9, 10.0.0.1-10.0.2.7, 224.0.0.0/3 }; };
+    set blacklist6 { type ipv6_addr; flags interval; elements = { ::1, ff00::/8 }; };
+    set blacklist_t { type ipv6_addr; timeout 1h; elements = {
+        1::1 expires 10m, 1::2 timeout 30m expires 10m }; };
+    set blacklist_i { type ipv4_addr; flags interval,timeout; elements = {
+        1.0.0.0/8 timeout 3d expires 10m, 2.0.0.0/8 }; };
+    map blacklist_map { type ipv4_addr : verdict; elements = { 7.7.7.7 : drop }; };
+    set blacklist_pairs { type ipv4_addr . inet_service; elements = { 1.1.1.1 . 80 }; };
+    set whitelist { type ipv4_addr; elements = { 8.8.8.8 }; }; }
+table inet b { set blacklisted-hosts.v4 { type ipv4_addr; counter; elements = {
+    2.2.2.2 comment "x" }; }; }
+table bridge c { set blacklist { typeof ip saddr; elements = { 3.3.3.3 }; }; }')");
+    vxa_filter_variable_s elements = {61, 0};
+    EXPECT_EQ(vxi_get_varv(handle.get(), &elements), 0);
+    EXPECT_EQ(elements.value, 15u);
+    const std::string shown =
+        Run("sed -E 's/expires (5..|600)s/expires soon/' <<'E'\n" + Blacklist(handle) + "E\n");
+    EXPECT_EQ(shown,
+              R"(# blacklist: nf_tables sets named blacklist* (engine linux), 15 entries, 7 sets
+# set 0: ip a blacklist
+# set 1: inet a blacklist
+# set 2: inet a blacklist6
+# set 3: inet a blacklist_t
+# set 4: inet a blacklist_i
+# set 5: inet b blacklisted-hosts.v4
+# set 6: bridge c blacklist
+# skipped inet a blacklist_map: a map
+# skipped inet a blacklist_pairs: its elements are not of type ipv4_addr or ipv6_addr
+1.1.1.1 set 0
+0.0.0.0-0.255.255.255 set 1
+1.0.0.0-1.0.0.255 set 1
+1.0.1.0-1.0.1.255 set 1
+9.9.9.9 set 1
+10.0.0.1-10.0.2.7 set 1
+224.0.0.0-255.255.255.255 set 1
+::1 set 2
+ff00::-ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff set 2
+1::1 set 3 expires soon of 3600s
+1::2 set 3 expires soon of 1800s
+1.0.0.0-1.255.255.255 set 4 expires soon of 259200s
+2.0.0.0-2.255.255.255 set 4
+2.2.2.2 set 5
+3.3.3.3 set 6
+)");
+}
+
+// Hash sets and interval sets, each larger than one message of the kernel.
+KERNEL_TEST(Blacklist, HoldsTenThousandAsNftListsThem)
+{
+    Run(R"(awk 'BEGIN {
+print "table inet t { set blacklist4 { type ipv4_addr; elements = {"
+for (i = 0; i < 4000; ++i) print "10.0." int(i / 200) "." i % 200 ","
+print "}; }; set blacklist6 { type ipv6_addr; flags timeout; elements = {"
+for (i = 1; i <= 4000; ++i) printf "2001:db8::%x timeout 1d,\n", i
+print "}; }; set blacklist_r { type ipv4_addr; flags interval; elements = {"
+for (i = 0; i < 2000; ++i) {
+    at = "20.1." int(i / 20) "."
+    print at i % 20 * 9 "-" at i % 20 * 9 + 4 ","
+}
+print "}; }; }" }' | nft -f -)");
+    const auto listed =
+        kernel::Matches(Run("nft list ruleset"), "[ \t]([0-9a-f]+[.:][0-9a-f.:]+(?:-[0-9.]+)?)");
+    const OpenHandle handle = kernel::Open();
+    const std::string ours = Blacklist(handle);
+    EXPECT_EQ(kernel::Matches(ours, "\n([^ #]+) set"), listed);
+    EXPECT_EQ(listed.size(), 10000u);
+
+    vxa_blacklist_get_addrs_s served = {};
+    served.entries_size = 1;
+    EXPECT_EQ(vxi_get_blacklist(handle.get(), &served), -ENODATA);
+    EXPECT_EQ(error_text(handle.get()),
+              "engine linux: vxi_get_blacklist: no snapshot: ask for the size first");
+    Run("nft 'table ip t { set blacklist { type ipv4_addr; elements = { 1.1.1.1, 2.2.2.2 }; }; }'");
+    EXPECT_NE(Blacklist(handle, 5).find(", 1 entries, "), ours.npos);
+}
+
+// The numbers of TCP sockets in each state and of UDP sockets, for each family, and of all.
+void CompareSockets(vxa_get_conn_states_s& states)
+{
+    memset(&states, 0x5a, sizeof states);  // callers need not initialise it
+    const OpenHandle handle = kernel::Open();
+    EXPECT_EQ(vxi_get_conn_states(handle.get(), &states), 0) << error_text(handle.get());
+    std::ostringstream ours;
+    for (const auto* tcp : {&states.tcp4, &states.tcp6}) {
+        for (const auto count : *tcp) {
+            ours << count << ' ';
+        }
+    }
+    ours << states.udp4 << ' ' << states.udp6 << ' ' << states.count;
+    EXPECT_EQ(ours.str(), Run(R"(cd /proc/thread-self/net; awk '
+FNR > 1 { ++n[FILENAME ~ /tcp/ ? FILENAME $4 : FILENAME]; ++all }
+END { for (t = 0; t < 2; ++t) for (i = 0; i < 16; ++i)
+    printf "%d ", n[(t ? "tcp6" : "tcp") sprintf("%02X", i)]
+  printf "%d %d %d", n["udp"], n["udp6"], all }' tcp tcp6 udp udp6)"));
+    EXPECT_EQ(states.version, 1u);
+}
+
+KERNEL_TEST(ConnStates, AreThoseOfProc)
+{
+    vxa_get_conn_states_s states;
+    CompareSockets(states);
+    EXPECT_EQ(states.count, 0u);
+    // Answers of the silent port get lost: its clients stay in SYN_SENT, and it sees their
+    // openings half-way.
+    Run("nft 'table inet silence { chain c { type filter hook input priority 0; "
+        "tcp sport 8444 drop; }; }'");
+    const auto v4 = traffic::Listen(Local(4));
+    const auto v6 = traffic::Listen(Local(6));
+    const auto silent = traffic::Listen(Local(4, port + 1));
+    traffic::Converse(v4, Local(4), 7);
+    traffic::Converse(v6, Local(6), 6);
+    const auto open = traffic::Attempt(Local(4), 5);
+    const auto opening = traffic::Attempt(Local(4, port + 1), 4);
+    const auto closing = traffic::Connect(Local(6));
+    ASSERT_EQ(shutdown(*closing, SHUT_WR), 0);
+    const auto datagrams4 = traffic::Exchange(Local(4), 1);
+    const auto datagrams6 = traffic::Exchange(Local(6), 1);
+    const auto more6 = traffic::Exchange(Local(6, port + 1), 1);
+    ASSERT_TRUE(
+        kernel::Eventually([] { return Run("ss -Htn state fin-wait-2 | wc -l") == "1\n"; }));
+
+    CompareSockets(states);
+    EXPECT_EQ(states.tcp4[TCP_SYN_SENT], 4u);
+    EXPECT_EQ(states.tcp4[TCP_SYN_RECV], 4u);
+    EXPECT_EQ(states.tcp4[TCP_TIME_WAIT], 7u);
+    EXPECT_EQ(states.tcp6[TCP_CLOSE_WAIT], 1u);
+    EXPECT_EQ(states.udp6, 4u);
+    kernel::BecomeNobody();
+    CompareSockets(states);
+}
+
+std::string StatisticsText(const OpenHandle& handle)
+{
+    Statistics stats;
+    EXPECT_EQ(vxi_get_stats(handle.get(), &stats, sizeof stats), 0) << error_text(handle.get());
+    return text_of<vxa_stats_v2_s>(tb_dump_stats, &stats);
+}
+
+constexpr const char* figures = "\n([^#\n]+)";
+
+kernel::Lines FromProc()
+{
+    return kernel::Matches(Run(R"(cd /proc/thread-self/net; echo
+paired='{ k = substr($1, 1, length($1) - 1)
+  if (k == last) { for (i = 2; i <= NF; i++) print k "." name[i], $i; last = "" }
+  else { for (i = 2; i <= NF; i++) name[i] = $i; last = k } }'
+grep -v ^IcmpMsg: snmp | awk "$paired"
+awk "$paired" netstat
+grep -Ev 'Icmp6(In|Out)Type[0-9]' snmp6 | awk '{ print $1, $2 }'
+cat sockstat sockstat6 | awk '{ for (i = 2; i < NF; i += 2)
+  print substr($1, 1, length($1) - 1) "." $i, $(i + 1) }'
+awk 'NR == 2 { gsub(/\|/, " | "); side = ""; n = 0
+    for (i = 1; i <= NF; i++) if ($i == "|") side = side == "" ? "rx" : "tx"
+      else if (side != "") name[++n] = side "_" $i }
+  NR > 2 { sub(":", " "); for (i = 2; i <= NF; i++) print $1 "." name[i - 1], $i }' dev)"),
+                           figures);
+}
+
+KERNEL_TEST(Statistics, AreTheKernelsTables)
+{
+    Run(R"(nft 'table ip a { chain c { accept; drop; }; }
+table inet b { chain d { ip saddr { 1.1.1.1, 1.1.1.2 } accept; }; set s { type ipv4_addr; }; }')");
+    traffic::Exchange(Local(4), 7);
+    const OpenHandle handle = kernel::Open();
+    ASSERT_EQ(monitor_port(handle.get(), port), 0);
+    kernel::Lines before, ours, wrong;
+    std::string text;
+    // Again where it differs: a socket that is being freed counts in one reading only.
+    kernel::Eventually([&] {
+        before = FromProc();
+        text = StatisticsText(handle);
+        const kernel::Lines after = FromProc();
+        ours = kernel::Matches(text, figures);
+        wrong.clear();
+        for (const std::string& figure : before) {
+            // Memory in use is counted for the whole machine, not for the namespace.
+            if (after.count(figure) != 0 && ours.count(figure) != 1) wrong.insert(figure);
+        }
+        return wrong.empty();
+    });
+    EXPECT_EQ(wrong, kernel::Lines());
+    ASSERT_GT(before.size(), 200u);
+    for (const char* figure : {"Udp.InDatagrams 7", "rules.tables 3", "rules.chains 10",
+                               "rules.sets 4", "scan.on 1", "scan.port 8443"}) {
+        EXPECT_EQ(ours.count(figure), 1u) << figure;
+    }
+    const char* own = "\n((?:conntrack|rules|scan|softnet)[.]\\S+|\\S+[.]ifindex) ";
+    EXPECT_EQ(ours.size(), before.size() + kernel::Matches(text, own).size());
+}
+
+KERNEL_TEST(Statistics, SayHowManyInterfacesFindNoSlot)
+{
+    Run("for i in 1 2 3 4 5 6 7 8 9; do ip link add a$i type veth peer name b$i; done");
+    const unsigned all = std::stoul(Run("tail -n +3 /proc/thread-self/net/dev | wc -l"));
+    const std::string text = StatisticsText(kernel::Open());
+    EXPECT_EQ(kernel::Matches(text, "(\\S+[.]ifindex) ").size(), 16u);
+    const std::string lost = "; " + std::to_string((all - 16) * 16) + " items found no slot\n";
+    EXPECT_NE(text.find(lost), text.npos) << text.substr(0, text.find('\n'));
+}
+
+uint32_t Value(const OpenHandle& handle, unsigned number)
+{
+    vxa_filter_variable_s variable = {};
+    EXPECT_EQ(vxi_get_var(handle.get(), number, &variable), 0) << error_text(handle.get());
+    EXPECT_EQ(variable.number, number);
+    return variable.value;
+}
+
+// A setting as its file shows it.
+uint32_t FromFile(std::string name)
+{
+    std::replace(name.begin(), name.end(), '.', '/');
+    std::ifstream file("/proc/sys/" + name);
+    long long value = 0;
+    return file >> value ? static_cast<uint32_t>(std::min(value, 0xfffffffeLL))
+                         : VXA_FILTER_VARIABLE_ABSENT;
+}
+
+KERNEL_TEST(Variables, AreTheKernelsSettingsOrTheEngines)
+{
+    Run("echo 11 > /proc/sys/net/ipv4/tcp_retries2");
+    const OpenHandle handle = kernel::Open();
+    ASSERT_EQ(monitor_port(handle.get(), 443, VXI_SCAN_OUTBOUND), 0);
+    unsigned settings = 0;
+    for (unsigned number = 0; number < VXA_FILTER_VARIABLE_COUNT; ++number) {
+        const std::string name = vxi::variable_name(number);
+        const uint32_t value = Value(handle, number);
+        if (name.compare(0, 4, "net.") == 0 && number != vxi::variable_conntrack_count) {
+            EXPECT_EQ(value, FromFile(name)) << name;
+            ++settings;
+        }
+        const bool writable =
+            number == vxi::variable_trace_level || number == vxi::variable_rule_profiling;
+        EXPECT_EQ(vxi_set_var(handle.get(), number, 1), writable ? 0 : -EROFS) << number;
+    }
+    EXPECT_EQ(error_text(handle.get()),
+              "engine linux: vxi_set_var: variable 172 (net.core.optmem_max) is not writable");
+    EXPECT_EQ(settings, 151u);
+
+    struct stat own = {};
+    ASSERT_EQ(stat("/proc/thread-self/ns/net", &own), 0);
+    const std::pair<unsigned, uint64_t> rows[] = {
+        {106, 11},  // net.ipv4.tcp_retries2
+        // A setting of the whole machine has no file in another namespace than the first.
+        {166, VXA_FILTER_VARIABLE_ABSENT},
+        {vxi::variable_process_id, getpid()},
+        {vxi::variable_network_namespace, own.st_ino},
+        {vxi::variable_initial_namespace, 0},
+        {vxi::variable_scan_on, 1},
+        {vxi::variable_scan_port, 443},
+        {vxi::variable_scan_direction, VXI_SCAN_OUTBOUND},
+        {vxi::variable_scan_timeout_s, 130},
+        {vxi::variable_nft_tables, 1}};
+    for (const auto& [number, value] : rows) {
+        EXPECT_EQ(Value(handle, number), value) << number;
+    }
+    EXPECT_EQ(vxi_set_var(handle.get(), vxi::variable_trace_level, 4), -EINVAL);
+    EXPECT_EQ(vxi_set_var(handle.get(), 173, 0), VXI_E_UNKNOWN_VARIABLE);
+}
+
+KERNEL_TEST(Tables, WithoutPrivilege)
+{
+    traffic::Exchange(Local(4), 3);
+    const OpenHandle handle = kernel::Open();
+    ASSERT_EQ(monitor_port(handle.get(), 443), 0);
+    kernel::BecomeNobody();
+    const std::string text = StatisticsText(handle);
+    EXPECT_NE(text.find("\nUdp.InDatagrams 3\n"), text.npos);
+    EXPECT_EQ(text.find("rules.tables"), text.npos);
+    EXPECT_EQ(text.find("# statistics: /proc/net; nf_tables needs CAP_NET_ADMIN (engine linux)"),
+              0u);
+    for (unsigned rules = vxi::variable_nft_tables; rules <= vxi::variable_blacklist_elements;
+         ++rules) {
+        EXPECT_EQ(Value(handle, rules), VXA_FILTER_VARIABLE_ABSENT) << rules;
+    }
+    EXPECT_EQ(Value(handle, vxi::variable_capability_bits) >> CAP_NET_ADMIN & 1, 0u);
+    Records records;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(vxi_get_profile_stats(handle.get(), &records.profile_size), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(records.profile_size, 0u);
+    EXPECT_EQ(vxi_driver_available(handle.get()), 1);
+
+    const auto missing = [&](int status) {
+        EXPECT_EQ(status, -EPERM);
+        const std::string error = error_text(handle.get());
+        EXPECT_NE(error.find(": nf_tables needs CAP_NET_ADMIN"), error.npos) << error;
+    };
+    missing(vxi_get_blacklist(handle.get(), &records.list));
+    records.scan = scan_request(443);
+    missing(vxi_get_scan_metrics(handle.get(), &records.scan, sizeof records.scan));
+    missing(monitor_port(handle.get(), 444));
+    EXPECT_EQ(vxi_set_var(handle.get(), vxi::variable_rule_profiling, 1), -EPERM);
+    EXPECT_EQ(Value(handle, vxi::variable_rule_profiling), 0u);
+    vxi_capability_s row;
+    EXPECT_EQ(vxi_capabilities(handle.get(), &row, 1), 7);
+    EXPECT_EQ(row.available, 0);
+    EXPECT_STREQ(row.detail, "nf_tables needs CAP_NET_ADMIN");
+}
+
+}  // namespace
