@@ -1,0 +1,150 @@
+-- vxa run: health check cycles at a steady pace, with connection reports.
+
+local connection_feedback = require "vxa.feedback"
+local console = require "vxa.output.console"
+local filter = require "filter"
+local messages = require "vxa.messages"
+local policy_source = require "vxa.policy_source"
+local session = require "vxa.session"
+
+local reports = { [true] = "vxa.reports.run_json", [false] = "vxa.reports.run_text" }
+
+-- ---- advice -----------------------------------------------------------------------------
+
+local function check_interval(monitored, interval_s, result)
+    local delta_t = result.metrics[#result.metrics]
+    if delta_t.enabled and interval_s >= delta_t.threshold then
+        monitored.messages:warn_once(("warning: --interval %.14g is not below the threshold of "
+            .. "delta_t (%.14g s): every cycle will count as overloaded")
+            :format(interval_s, delta_t.threshold))
+    end
+end
+
+local function lacks_port_metrics(result, settings)
+    for i, metric in ipairs(filter.metrics) do
+        if metric.rate and settings[metric.setting] and not result.metrics[i].enabled then
+            return true
+        end
+    end
+    return false
+end
+
+-- If the driver cannot be opened, the module switches the port's metrics off without a message.
+local function explain_missing_driver(monitored)
+    local handle, message = monitored.vxa.open()
+    if handle then return handle:close() end
+    monitored.messages:warn_once(("cannot open the driver: %s (%s)")
+        :format(message, messages.NOT_COUNTED))
+end
+
+local function advise(monitored, options, result)
+    if result.measured then
+        check_interval(monitored, options.interval, result)
+        if result.before == filter.DEACTIVATED
+            and lacks_port_metrics(result, monitored.policy.values) then
+            explain_missing_driver(monitored)
+        end
+    elseif result.action == filter.DISABLED then
+        monitored.messages:warn_once("not monitoring: "
+            .. policy_source.why_disabled(monitored.policy))
+    end
+end
+
+-- ---- connections ------------------------------------------------------------------------
+
+-- Call before the cycle, so that its records include the driver's messages from here.
+local function feed(monitored, totals)
+    local flows, new = monitored.feedback:sample()
+    if flows then
+        totals.observations = totals.observations + new
+    elseif not monitored.vxa.interrupted() then
+        monitored.messages:warn_once(("cannot read connections: %s (none are reported)")
+            :format(new))
+    end
+end
+
+local function publish(monitored, report, totals)
+    local published = monitored.feedback:report()
+    if not published then return end
+    totals.reported = totals.reported + published.observations
+    report:connections(published)
+end
+
+-- ---- cycles -----------------------------------------------------------------------------
+
+local function count(totals, result)
+    totals.cycles = totals.cycles + 1
+    if result.measured then totals.measured = totals.measured + 1 end
+    if result.action == filter.DISABLED then totals.disabled = totals.disabled + 1 end
+    if result.transition == "entered" then totals.entered = totals.entered + 1 end
+    totals.state = result.state
+end
+
+-- Ctrl-C also ends the commands that the module runs: a sample that fails then says nothing
+-- about the machine.
+local function was_cut_short(vxa, result)
+    return vxa.interrupted() and not result.measured
+end
+
+local function has_terminal(vxa)
+    return vxa.isatty(0) or vxa.isatty(1) or vxa.isatty(2)
+end
+
+-- Waits for the next cycle, reloading the policy on SIGHUP. Returns false if the run must end:
+-- on another signal, or if the SIGHUP was sent because the terminal closed.
+local function wait(monitored, options, report, totals, due)
+    local vxa = monitored.vxa
+    while true do
+        local awake = vxa.sleep(math.max(due - vxa.clock(), 0))
+        if vxa.reload_asked() then
+            if monitored.has_terminal and not has_terminal(vxa) then
+                totals.interrupted = "SIGHUP"
+                return false
+            end
+            report:reloaded(session.reload_policy(monitored, options))
+        else
+            return awake
+        end
+    end
+end
+
+local function run_cycles(monitored, options, report, totals)
+    local vxa = monitored.vxa
+    local due, awake = vxa.clock(), true
+    while awake and not vxa.interrupted() do
+        feed(monitored, totals)
+        local result = session.run_cycle(monitored)
+        if was_cut_short(vxa, result) then return end
+        count(totals, result)
+        report:cycle(result, monitored.messages:errors())
+        monitored.messages:show()
+        advise(monitored, options, result)
+        publish(monitored, report, totals)
+        if totals.cycles == options.cycles then return end
+        due = session.next_due(vxa, due, options.interval)
+        awake = wait(monitored, options, report, totals, due)
+    end
+end
+
+return function(options)
+    local monitored = session.start_monitoring(options)
+    local vxa = monitored.vxa
+    monitored.feedback = connection_feedback.new(monitored)
+    monitored.has_terminal = has_terminal(vxa)
+    vxa.reload_on_hangup()
+    local report = require(reports[options.json == true]).new(monitored, options)
+    local totals = { cycles = 0, measured = 0, disabled = 0, entered = 0, observations = 0,
+                     reported = 0, started = vxa.clock(), state = monitored.monitor.state }
+    report:start()
+    run_cycles(monitored, options, report, totals)
+    totals.seconds = vxa.clock() - totals.started
+    totals.interrupted = totals.interrupted or vxa.interrupted()
+    totals.unpublished = monitored.feedback:unpublished()
+    report:finish(totals)
+    session.close_document(monitored)
+    if totals.cycles > 0 and totals.measured + totals.disabled == 0 then
+        console.complain("no cycle could sample this machine")
+        return 1
+    end
+    return 0
+end

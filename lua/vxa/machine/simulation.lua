@@ -1,0 +1,36 @@
+-- The simulated engine's machine, as the module sees it, so that an overload can be rehearsed
+-- with the unmodified module: uptime and nproc come from share/simulated, /proc/meminfo is a
+-- file mounted over the real one.
+
+local console = require "vxa.output.console"
+
+local simulation = {}
+
+local machine  -- what the module sees until the next update
+
+local function show_machine(vxa)
+    machine = vxa.simulated_machine()
+    vxa.setenv("VXA_SIMULATED_LOAD", ("%.2f"):format(machine.run_queue_length))
+    vxa.setenv("VXA_SIMULATED_CPUS", ("%d"):format(machine.cpu_count))
+    return vxa.simulate_memory(machine.memory_total_kb, machine.memory_free_kb)
+end
+
+function simulation.start(vxa)
+    local root = package.path:match("^(.-)/lua/%?%.lua;")
+    vxa.setenv("PATH", root .. "/share/simulated:" .. os.getenv("PATH"))
+    local simulated, message = show_machine(vxa)
+    if not simulated then
+        console.complain("warning: memory is this machine's, not simulated: " .. message)
+    end
+end
+
+-- Call before each cycle: simulated time advances by one tick per cycle. When a port is
+-- monitored, the module's own fetch of the counters has already done that.
+function simulation.update(vxa)
+    if not machine then return end
+    if machine.shown and vxa.simulated_machine().tick == machine.tick then vxa.simulated_tick() end
+    show_machine(vxa)
+    machine.shown = true
+end
+
+return simulation

@@ -1,0 +1,37 @@
+-- Local times at the start of output lines. On a terminal, the date is a line of its own when
+-- it changes; in files and pipes every line has it.
+
+local console = require "vxa.output.console"
+
+local timestamps = {}
+
+local Timestamps = {}
+Timestamps.__index = Timestamps
+
+local TIME, DATE = "%H:%M:%S", "%Y-%m-%d"
+
+function timestamps.new(vxa)
+    return setmetatable({ has_date = not vxa.isatty(1) }, Timestamps)
+end
+
+-- The width of what line_start returns.
+function Timestamps:width()
+    return #os.date(self.has_date and DATE .. " " .. TIME or TIME)
+end
+
+-- Returns the start of a line about this time; first prints the date if that is due.
+function Timestamps:line_start(seconds)
+    local date, time = os.date(DATE, seconds), os.date(TIME, seconds)
+    if self.has_date then return date .. " " .. time end
+    if self.date and self.date ~= date then console.line("-- %s", date) end
+    self.date = date
+    return time
+end
+
+-- Returns a time for use within a line, with its date unless that is today's.
+function timestamps.inline(seconds)
+    local is_today = os.date(DATE, seconds) == os.date(DATE)
+    return os.date(is_today and TIME or DATE .. " " .. TIME, seconds)
+end
+
+return timestamps

@@ -1,0 +1,176 @@
+-- Chooses the health policy of a run: --policy, the configuration file or the built-in default.
+
+local exit = require "vxa.exit"
+local health_policy = require "health_policy"
+
+local policy_source = {}
+
+local CONF_PATH = "/etc/vx_filter.conf"
+local MOST_BYTES = 1048576
+
+-- Returns a policy in JSON. %.17g is enough for the module to read the same numbers.
+local function to_json(values)
+    local members = {}
+    for _, setting in ipairs(health_policy.settings) do
+        if values[setting.key] then
+            members[#members + 1] = (setting.threshold and '"%s":{"value":%.17g}' or '"%s":%.17g')
+                :format(setting.key, values[setting.key])
+        end
+    end
+    return "{" .. table.concat(members, ",") .. "}"
+end
+
+-- ---- policy file ------------------------------------------------------------------------
+
+local function from_json_file(vxa, path, lenient)
+    local text, message = vxa.read_file(path, MOST_BYTES)
+    if not text then exit.fail(2, "policy %s", message) end
+    local values, warnings = health_policy.check(text, lenient)
+    if not values then
+        exit.fail(2, "policy %s: %s%s", path, warnings, warnings:find("^line ") and ""
+            or " (--lenient accepts it as the module does)")
+    end
+    return { text = text, source = path, values = values, warnings = warnings }
+end
+
+-- ---- configuration file -----------------------------------------------------------------
+
+local by_conf_name = {}
+for _, setting in ipairs(health_policy.settings) do by_conf_name[setting.conf] = setting end
+
+-- Unlike in a policy, zero is out of bounds for every setting.
+local function read_setting(setting, number, values, warnings, place)
+    if not number then
+        warnings:add("%s%s has no number; the line is ignored", place, setting.conf)
+    elseif number > 0 and number <= setting.max then
+        values[setting.key] = health_policy.effective(setting, number, warnings,
+            place .. setting.conf)
+    else
+        warnings:add("%s%s %.14g is out of bounds (above 0 to %d); the line is ignored", place,
+            setting.conf, number, setting.max)
+    end
+end
+
+-- Warns about a line that the module ignores although its author meant to set something.
+local function check_other_line(line, warnings, place)
+    local name = line:match("^%s*([%w_]+)%s*=")
+    if line:find('^%s*{?%s*"[%w_]+"%s*:') then
+        warnings:add("%sJSON is for --policy; this file has lines NAME=NUMBER", place)
+    elseif name and by_conf_name[name:upper()] then
+        warnings:add("%s%s= must start the line, in capitals and without spaces; it is ignored",
+            place, name:upper())
+    elseif name then
+        warnings:add_unknown(place, name, "conf")
+    end
+end
+
+-- The module itself reads the file, at every cycle; these are the settings it finds now.
+local function from_conf_text(vxa, text)
+    local values, warnings = {}, health_policy.complaints()
+    local at, line_number = 1, 1
+    while at <= #text do
+        local line, number, next_at = vxa.conf_line(text, at)
+        local setting = by_conf_name[line:match("^([%u_]+)=")]
+        local place = ("line %d: "):format(line_number)
+        if setting then
+            read_setting(setting, number, values, warnings, place)
+        else
+            check_other_line(line, warnings, place)
+        end
+        if text:byte(next_at - 1) == 10 then line_number = line_number + 1 end
+        at = next_at
+    end
+    return { text = "", source = CONF_PATH, values = values, warnings = warnings:close() }
+end
+
+-- ---- default ----------------------------------------------------------------------------
+
+-- For a machine without a configuration: fail-open only when something is plainly wrong. Four
+-- runnable processes per processor is far beyond busy. Below 0.1 % free memory the kernel no
+-- longer keeps up: its reclaim aims 0.1 % above its reserve (watermark_scale_factor in the
+-- kernel's Documentation/admin-guide/sysctl/vm.rst).
+local PROCESSES_PER_CPU = 4
+local FREE_MEMORY_PCT = 0.1
+
+local DEFAULT_SOURCE = "built-in default (no --policy, no " .. CONF_PATH .. ")"
+
+local function built_in(cpus)
+    local longest_queue = by_conf_name.SYSTEM_RUNQ_PCT_THRESHOLD.max
+    local values = {
+        SYS_THR_RUNQ = math.min(longest_queue, PROCESSES_PER_CPU * math.max(cpus, 1)),
+        SYS_THR_FREE_MEM = FREE_MEMORY_PCT,
+    }
+    return { text = to_json(values), source = DEFAULT_SOURCE, values = values, warnings = {} }
+end
+
+-- ---- --port -----------------------------------------------------------------------------
+
+-- The thresholds that --port adds to a policy without connection thresholds. Each is far above
+-- what a healthy server shows: half of the new connections dying half-open; more new connections
+-- or bytes than one processor can serve.
+local port_defaults = {
+    SYS_THR_CONN_REFUSAL_PCT = 50,
+    SYS_THR_CONN_EST_PER_CPU = 5000,
+    SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU = 500,
+}
+
+local function has_port_threshold(values)
+    for _, setting in ipairs(health_policy.settings) do
+        if setting.needs_port and values[setting.key] then return true end
+    end
+    return false
+end
+
+-- The module takes the first of repeated members, so members inserted at the front override the
+-- author's and leave the rest of the text unchanged.
+local function insert_at_front(text, additions)
+    local rest = text:match("^[^{]*{%s*(.*)$")
+    return additions:sub(1, -2) .. (rest:sub(1, 1) == "}" and "" or ",") .. rest
+end
+
+local function with_port(chosen, port, outbound)
+    local additions = { SYS_CONF_CONN_REFUSAL_PORT = port,
+                        SYS_CONF_CONN_REFUSAL_OUTBOUND = outbound and 1 or 0 }
+    if not has_port_threshold(chosen.values) then
+        for key, value in pairs(port_defaults) do additions[key] = value end
+    end
+    local text = chosen.text ~= "" and chosen.text or to_json(chosen.values)
+    for key, value in pairs(additions) do chosen.values[key] = value end
+    chosen.text = insert_at_front(text, to_json(additions))
+    chosen.source = ("%s, --port %d"):format(chosen.source, port)
+    return chosen
+end
+
+-- ---- choice -----------------------------------------------------------------------------
+
+local ENOENT = 2  -- errno value
+
+local function without_policy_file(vxa, cpus)
+    local text, message, code = vxa.read_file(CONF_PATH, MOST_BYTES)
+    if text then return from_conf_text(vxa, text) end
+    if code ~= ENOENT then exit.fail(2, "configuration %s", message) end
+    return built_in(cpus())
+end
+
+-- Returns {text, source, values, warnings}: options.policy, else the configuration file, else
+-- the built-in default, with --port on top. An empty text makes the module read its file.
+-- `cpus` is a function because it runs a command, which only the default needs.
+function policy_source.choose(options, vxa, cpus)
+    local chosen = options.policy and from_json_file(vxa, options.policy, options.lenient)
+        or without_policy_file(vxa, cpus)
+    if options.port then return with_port(chosen, options.port, options.outbound) end
+    return chosen
+end
+
+-- Returns why the module does not monitor with this policy, and what to do about it.
+function policy_source.why_disabled(chosen)
+    local values = chosen.values
+    if has_port_threshold(values) and not values.SYS_CONF_CONN_REFUSAL_PORT then
+        return ("%s has a connection threshold but no port; use --port N or set the port there")
+            :format(chosen.source)
+    end
+    return ("%s has no valid setting; add at least one threshold or use another policy")
+        :format(chosen.source)
+end
+
+return policy_source

@@ -1,0 +1,60 @@
+-- What `vxa run --json` prints.
+
+local connections_json = require "vxa.reports.connections_json"
+local json_records = require "vxa.output.json_records"
+
+local run_json = {}
+
+local Report = {}
+Report.__index = Report
+
+function run_json.new(monitored, options)
+    return setmetatable({ monitored = monitored, options = options, number = 0 }, Report)
+end
+
+function Report:now()
+    return json_records.time(self.monitored.vxa.time())
+end
+
+function Report:start()
+    local monitored = self.monitored
+    json_records.print {
+        record = "start", time = self:now(), version = monitored.vxa.version,
+        engine = monitored.engine, policy_source = monitored.policy.source,
+        settings = json_records.settings(monitored.policy.values),
+        interval_s = self.options.interval,
+    }
+end
+
+-- `refusal`: why the policy in force stays.
+function Report:reloaded(refusal)
+    local in_force = self.monitored.policy
+    json_records.print {
+        record = "policy", time = self:now(), policy_source = in_force.source,
+        settings = json_records.settings(in_force.values), error = refusal or json_records.null,
+    }
+end
+
+function Report:cycle(result, errors)
+    self.number = self.number + 1
+    local record = json_records.cycle(result, errors)
+    record.record = "cycle"
+    record.cycle = self.number
+    json_records.print(record)
+end
+
+function Report.connections(_, report)
+    connections_json.print(report, true)
+end
+
+function Report:finish(totals)
+    json_records.print {
+        record = "end", time = self:now(), cycles = totals.cycles,
+        measured = totals.measured, entered = totals.entered,
+        observations = totals.observations, reported = totals.reported,
+        seconds = json_records.duration(totals.seconds), state = totals.state,
+        interrupted = totals.interrupted,
+    }
+end
+
+return run_json
