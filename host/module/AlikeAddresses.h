@@ -21,11 +21,11 @@ public:
     // characters that Lua hashes.
     bool Admit(std::string_view address)
     {
-        constexpr std::size_t all_hashed_below = 32;
-        if (address.size() < all_hashed_below) return true;
+        constexpr std::size_t kAllHashedBelow = 32;
+        if (address.size() < kAllHashedBelow) return true;
         std::string hashed;
         for (std::size_t i = address.size(); i >= 2; i -= 2) hashed += address[i - 1];
-        std::set<std::string, std::less<>>& alike = m_by_hashed[hashed];
+        std::set<std::string, std::less<>>& alike = m_byHashed[hashed];
         if (alike.find(address) != alike.end()) return true;
         if (alike.size() >= kMost) return false;
         alike.emplace(address);
@@ -34,7 +34,7 @@ public:
 
 private:
     // Ordered: hash tables would have the same trouble.
-    std::map<std::string, std::set<std::string, std::less<>>> m_by_hashed;
+    std::map<std::string, std::set<std::string, std::less<>>> m_byHashed;
 };
 
 }  // namespace vxa

@@ -25,93 +25,93 @@ CZipOutputStream& check_archive(lua_State* L)
     return check_host_object<CZipOutputStream>(L, 1, "SLB.wx.ZipOutputStream object expected");
 }
 
-int make_archive(lua_State* L)
+int MakeArchive(lua_State* L)
 {
     using Archive = CZipOutputStream::Archive;
     const auto* file = test_pending_file(L, 1);
     const char* path = file ? nullptr : check_path(L, 1);
-    auto* owner = push_host_object<CZipOutputStream>(L);
+    auto* owner = PushHostObject<CZipOutputStream>(L);
     Failure failure;
-    const bool made = guarded(
-        failure, [&] { owner->make(file ? Archive::Create(*file) : Archive::Create(path)); });
-    return made ? 1 : push_failure(L, failure);
+    const bool made = Guarded(
+        failure, [&] { owner->Make(file ? Archive::Create(*file) : Archive::Create(path)); });
+    return made ? 1 : PushFailure(L, failure);
 }
 
-int archive_close(lua_State* L)
+int ArchiveClose(lua_State* L)
 {
     CZipOutputStream& archive = check_archive(L);
     Failure failure;
-    const bool closed = guarded(failure, [&] {
+    const bool closed = Guarded(failure, [&] {
         std::string error;
-        if (!archive.archive().Close(error)) failure.set(error);
+        if (!archive.archive().Close(error)) failure.Set(error);
     });
-    return push_outcome(L, closed, failure);
+    return PushOutcome(L, closed, failure);
 }
 
-void push_entry(lua_State* L, const ArchiveEntry& entry)
+void PushEntry(lua_State* L, const ArchiveEntry& entry)
 {
     lua_createtable(L, 0, 4);
-    set_text(L, "name", entry.name);
-    set_number(L, "bytes", static_cast<lua_Number>(entry.bytes));
-    set_number(L, "packed_bytes", static_cast<lua_Number>(entry.packed_bytes));
+    SetText(L, "name", entry.name);
+    SetNumber(L, "bytes", static_cast<lua_Number>(entry.bytes));
+    SetNumber(L, "packed_bytes", static_cast<lua_Number>(entry.packed_bytes));
     lua_pushboolean(L, entry.text);
     lua_setfield(L, -2, "text");
 }
 
-int zip_entries(lua_State* L)
+int ZipEntries(lua_State* L)
 {
     const auto* file = test_pending_file(L, 1);
     const char* path = file ? nullptr : check_path(L, 1);
-    auto* list = new_holder<EntryList>(L);
+    auto* list = NewHolder<EntryList>(L);
     Failure failure;
-    if (!guarded(failure, [&] {
+    if (!Guarded(failure, [&] {
             *list = file ? VxaCore::Host::ListArchive(*file) : VxaCore::Host::ListArchive(path);
         }))
-        return push_failure(L, failure);
+        return PushFailure(L, failure);
     lua_createtable(L, static_cast<int>(list->size()), 0);
     int row = 0;
     for (const ArchiveEntry& entry : *list) {
-        push_entry(L, entry);
+        PushEntry(L, entry);
         lua_rawseti(L, -2, ++row);
     }
     return 1;
 }
 
-int zip_read(lua_State* L)
+int ZipRead(lua_State* L)
 {
     const char* path = check_path(L, 1);
-    size_t length = 0;
+    std::size_t length = 0;
     const char* name = luaL_checklstring(L, 2, &length);
     const double most_bytes = luaL_optnumber(L, 3, kMostEntryBytes);
     luaL_argcheck(L, most_bytes >= 0 && most_bytes <= kMostEntryBytes, 3,
                   "a number of bytes from 0 to 268435456 expected");
-    auto* bytes = new_holder<std::string>(L);
+    auto* bytes = NewHolder<std::string>(L);
     Failure failure;
-    if (!guarded(failure, [&] {
+    if (!Guarded(failure, [&] {
             *bytes = VxaCore::Host::ReadArchiveEntry(path, {name, length},
                                                      static_cast<std::uint64_t>(most_bytes));
         }))
-        return push_failure(L, failure);
+        return PushFailure(L, failure);
     lua_pushlstring(L, bytes->data(), bytes->size());
     std::string().swap(*bytes);  // not when the collector comes to it
     return 1;
 }
 
 constexpr luaL_Reg kFunctions[] = {
-    {"zip_entries", zip_entries},
-    {"zip_read", zip_read},
+    {"zip_entries", ZipEntries},
+    {"zip_read", ZipRead},
     {nullptr, nullptr},
 };
 
 }  // namespace
 
-void open_archive(lua_State* L)
+void OpenArchive(lua_State* L)
 {
-    register_holder<EntryList>(L);
+    RegisterHolder<EntryList>(L);
     luaL_setfuncs(L, kFunctions, 0);
-    register_holder<Owner<CZipOutputStream>>(L);
+    RegisterHolder<Owner<CZipOutputStream>>(L);
     SLB3::Register<CZipOutputStream>(L);
-    lua_pushcfunction(L, make_archive);
+    lua_pushcfunction(L, MakeArchive);
     lua_setfield(L, -2, "ZipOutputStream");
 }
 
@@ -119,5 +119,5 @@ void open_archive(lua_State* L)
 
 SLB3_IMPLEMENTATION(VxaCore::CZipOutputStream, archive)
 {
-    archive.set("close", vxa::archive_close);
+    archive.set("close", vxa::ArchiveClose);
 }

@@ -20,17 +20,17 @@ constexpr unsigned char kTcp = 6;
 // The section of one protocol; in 64-bit units, because records are aligned to those.
 struct Section {
     std::vector<std::uint64_t> words;
-    size_t size = 0;  // bytes
+    std::size_t size = 0;  // bytes
 
-    void resize(size_t capacity)
+    void resize(std::size_t capacity)
     {
         size = sizeof(vxa_dump_conntrack_s) + capacity * sizeof(vxa_conntrack_entry_s);
         words.assign((size + 7) / 8, 0);
     }
-    vxa_dump_conntrack_s* header() { return reinterpret_cast<vxa_dump_conntrack_s*>(words.data()); }
-    vxa_conntrack_entry_s* entries()
+    vxa_dump_conntrack_s* Header() { return reinterpret_cast<vxa_dump_conntrack_s*>(words.data()); }
+    vxa_conntrack_entry_s* Entries()
     {
-        return reinterpret_cast<vxa_conntrack_entry_s*>(header() + 1);
+        return reinterpret_cast<vxa_conntrack_entry_s*>(Header() + 1);
     }
 };
 
@@ -40,10 +40,10 @@ struct FlowTable {
 };
 
 // Fills a section with at most `capacity` entries; the driver's status.
-int fill(vxi_handle_ops_s* handle, Section& section, unsigned char protocol, size_t capacity)
+int Fill(vxi_handle_ops_s* handle, Section& section, unsigned char protocol, std::size_t capacity)
 {
     section.resize(capacity);
-    vxa_dump_conntrack_s* header = section.header();
+    vxa_dump_conntrack_s* header = section.Header();
     header->request = VXA_CONNTRACK_REQUEST_TABLE;
     header->entry_ct = static_cast<std::uint16_t>(capacity);
     header->protocol = protocol;
@@ -54,8 +54,8 @@ int fill(vxi_handle_ops_s* handle, Section& section, unsigned char protocol, siz
     return status;
 }
 
-const char* address_text(const vxa_conntrack_entry_s& flow, const std::uint8_t* address,
-                         char (&text)[INET6_ADDRSTRLEN])
+const char* AddressText(const vxa_conntrack_entry_s& flow, const std::uint8_t* address,
+                        char (&text)[INET6_ADDRSTRLEN])
 {
     text[0] = '\0';
     inet_ntop(flow.family == 6 ? AF_INET6 : AF_INET, address, text, sizeof text);
@@ -63,32 +63,32 @@ const char* address_text(const vxa_conntrack_entry_s& flow, const std::uint8_t* 
 }
 
 // Removes flows that rows can only be made of slowly. They still count in the total.
-void drop_alike(Section& section, AlikeAddresses& addresses)
+void DropAlike(Section& section, AlikeAddresses& addresses)
 {
-    vxa_conntrack_entry_s* const begin = section.entries();
+    vxa_conntrack_entry_s* const begin = section.Entries();
     const auto is_refused = [&](const vxa_conntrack_entry_s& flow) {
         char text[INET6_ADDRSTRLEN];
-        return flow.family == 6 && !(addresses.Admit(address_text(flow, flow.source, text)) &&
-                                     addresses.Admit(address_text(flow, flow.destination, text)));
+        return flow.family == 6 && !(addresses.Admit(AddressText(flow, flow.source, text)) &&
+                                     addresses.Admit(AddressText(flow, flow.destination, text)));
     };
-    const auto end = std::remove_if(begin, begin + section.header()->entry_ct, is_refused);
-    section.header()->entry_ct = static_cast<std::uint16_t>(end - begin);
+    const auto end = std::remove_if(begin, begin + section.Header()->entry_ct, is_refused);
+    section.Header()->entry_ct = static_cast<std::uint16_t>(end - begin);
 }
 
-int read(vxi_handle_ops_s* handle, FlowTable& table)
+int Read(vxi_handle_ops_s* handle, FlowTable& table)
 {
     vxa_dump_conntrack_s count{};
     count.request = VXA_CONNTRACK_REQUEST_TABLE;
     const int status = vxi_get_conntrack(handle, &count, sizeof count, nullptr);
     if (status != 0) return status;
-    const int udp_status = fill(handle, table.udp, kUdp, count.entry_ct);
+    const int udp_status = Fill(handle, table.udp, kUdp, count.entry_ct);
     if (udp_status != 0) return udp_status;
-    const size_t left = count.entry_ct - size_t{table.udp.header()->entry_ct};
-    const int tcp_status = fill(handle, table.tcp, kTcp, left);
+    const std::size_t left = count.entry_ct - std::size_t{table.udp.Header()->entry_ct};
+    const int tcp_status = Fill(handle, table.tcp, kTcp, left);
     if (tcp_status != 0) return tcp_status;
     AlikeAddresses addresses;
-    drop_alike(table.udp, addresses);
-    drop_alike(table.tcp, addresses);
+    DropAlike(table.udp, addresses);
+    DropAlike(table.tcp, addresses);
     return 0;
 }
 
@@ -150,67 +150,67 @@ constexpr int kFirstNameIndex = kHolderIndex + 1;
 constexpr int kRowsIndex = kFirstNameIndex + kNameCount;
 constexpr int kRowIndex = kRowsIndex + 1;
 
-void push_name(lua_State* L, int name)  // [-0, +1, -]
+void PushName(lua_State* L, int name)  // [-0, +1, -]
 {
     lua_pushvalue(L, kFirstNameIndex + name);
 }
 
-void set_name(lua_State* L, Name field, int value)  // [-0, +0, m]
+void SetName(lua_State* L, Name field, int value)  // [-0, +0, m]
 {
-    push_name(L, field);
-    push_name(L, value);
+    PushName(L, field);
+    PushName(L, value);
     lua_rawset(L, kRowIndex);
 }
 
-void set_number(lua_State* L, Name field, lua_Number value)  // [-0, +0, m]
+void SetNumber(lua_State* L, Name field, lua_Number value)  // [-0, +0, m]
 {
-    push_name(L, field);
+    PushName(L, field);
     lua_pushnumber(L, value);
     lua_rawset(L, kRowIndex);
 }
 
-int state_name(unsigned state)
+int StateName(unsigned state)
 {
     return state < kUnknownState - kFirstStateName ? kFirstStateName + static_cast<int>(state)
                                                    : kUnknownState;
 }
 
-unsigned port(const std::uint8_t (&bytes)[2])
+unsigned Port(const std::uint8_t (&bytes)[2])
 {
     return bytes[0] * 256u + bytes[1];
 }
 
-void set_address(lua_State* L, Name field, const vxa_conntrack_entry_s& flow,
-                 const std::uint8_t* address)  // [-0, +0, m]
+void SetAddress(lua_State* L, Name field, const vxa_conntrack_entry_s& flow,
+                const std::uint8_t* address)  // [-0, +0, m]
 {
     char text[INET6_ADDRSTRLEN];
-    push_name(L, field);
-    lua_pushstring(L, address_text(flow, address, text));
+    PushName(L, field);
+    lua_pushstring(L, AddressText(flow, address, text));
     lua_rawset(L, kRowIndex);
 }
 
-void set_counters(lua_State* L, const vxa_conntrack_entry_s& flow)  // [-0, +0, m]
+void SetCounters(lua_State* L, const vxa_conntrack_entry_s& flow)  // [-0, +0, m]
 {
-    set_number(L, kPacketsForward, flow.packets_forward);
-    set_number(L, kPacketsBackward, flow.packets_backward);
-    set_number(L, kBytesForward, static_cast<lua_Number>(flow.bytes_forward));
-    set_number(L, kBytesBackward, static_cast<lua_Number>(flow.bytes_backward));
+    SetNumber(L, kPacketsForward, flow.packets_forward);
+    SetNumber(L, kPacketsBackward, flow.packets_backward);
+    SetNumber(L, kBytesForward, static_cast<lua_Number>(flow.bytes_forward));
+    SetNumber(L, kBytesBackward, static_cast<lua_Number>(flow.bytes_backward));
 }
 
-void push_flow(lua_State* L, const vxa_conntrack_entry_s& flow, bool is_tcp)  // [-0, +1, m]
+void PushFlow(lua_State* L, const vxa_conntrack_entry_s& flow, bool is_tcp)  // [-0, +1, m]
 {
     lua_createtable(L, 0, 14);
-    set_name(L, kProtocol, is_tcp ? kTcpName : kUdpName);
-    set_number(L, kFamily, flow.family);
-    set_address(L, kSource, flow, flow.source);
-    set_address(L, kDestination, flow, flow.destination);
-    set_number(L, kSourcePort, port(flow.source_port));
-    set_number(L, kDestinationPort, port(flow.destination_port));
-    if (is_tcp) set_name(L, kState, state_name(flow.tcp_state));
-    set_number(L, kFlags, flow.flags);
-    set_number(L, kTimeout, flow.timeout_s);
-    set_number(L, kMark, flow.mark);
-    if (flow.flags & VXA_FLOW_COUNTERS_VALID) set_counters(L, flow);
+    SetName(L, kProtocol, is_tcp ? kTcpName : kUdpName);
+    SetNumber(L, kFamily, flow.family);
+    SetAddress(L, kSource, flow, flow.source);
+    SetAddress(L, kDestination, flow, flow.destination);
+    SetNumber(L, kSourcePort, Port(flow.source_port));
+    SetNumber(L, kDestinationPort, Port(flow.destination_port));
+    if (is_tcp) SetName(L, kState, StateName(flow.tcp_state));
+    SetNumber(L, kFlags, flow.flags);
+    SetNumber(L, kTimeout, flow.timeout_s);
+    SetNumber(L, kMark, flow.mark);
+    if (flow.flags & VXA_FLOW_COUNTERS_VALID) SetCounters(L, flow);
 }
 
 constexpr int kRowsBetweenChecks = 256;
@@ -219,45 +219,45 @@ constexpr int kRowsBetweenChecks = 256;
 bool append_flows(lua_State* L, Section& section, bool is_tcp)
 {
     const int before = static_cast<int>(lua_rawlen(L, kRowsIndex));
-    for (int i = 0; i < section.header()->entry_ct; ++i) {
-        if (i % kRowsBetweenChecks == 0 && caught_signal_name()) return false;
-        push_flow(L, section.entries()[i], is_tcp);
+    for (int i = 0; i < section.Header()->entry_ct; ++i) {
+        if (i % kRowsBetweenChecks == 0 && CaughtSignalName()) return false;
+        PushFlow(L, section.Entries()[i], is_tcp);
         lua_rawseti(L, kRowsIndex, before + i + 1);
     }
     return true;
 }
 
-int push_interrupted(lua_State* L)  // [-0, +2, m]
+int PushInterrupted(lua_State* L)  // [-0, +2, m]
 {
     lua_pushnil(L);
-    lua_pushfstring(L, "interrupted by %s", caught_signal_name());
+    lua_pushfstring(L, "interrupted by %s", CaughtSignalName());
     return 2;
 }
 
 }  // namespace
 
-void register_connections(lua_State* L)
+void RegisterConnections(lua_State* L)
 {
-    register_holder<FlowTable>(L);
+    RegisterHolder<FlowTable>(L);
 }
 
-int handle_connections(lua_State* L)
+int HandleConnections(lua_State* L)
 {
     vxi_handle_ops_s* handle = check_handle(L);
     lua_settop(L, 1);
     luaL_checkstack(L, kRowIndex + LUA_MINSTACK, nullptr);
-    auto* table = new_holder<FlowTable>(L);
+    auto* table = NewHolder<FlowTable>(L);
     Failure failure;
     int status = 0;
-    if (!guarded(failure, [&] { status = read(handle, *table); })) return push_failure(L, failure);
-    if (caught_signal_name()) return push_interrupted(L);
-    if (status != 0) return push_driver_error(L, handle);
-    const unsigned existing = table->udp.header()->total + table->tcp.header()->total;
+    if (!Guarded(failure, [&] { status = Read(handle, *table); })) return PushFailure(L, failure);
+    if (CaughtSignalName()) return PushInterrupted(L);
+    if (status != 0) return PushDriverError(L, handle);
+    const unsigned existing = table->udp.Header()->total + table->tcp.Header()->total;
     for (const char* name : kNames) lua_pushstring(L, name);
-    lua_createtable(L, table->udp.header()->entry_ct + table->tcp.header()->entry_ct, 0);
+    lua_createtable(L, table->udp.Header()->entry_ct + table->tcp.Header()->entry_ct, 0);
     const bool complete = append_flows(L, table->udp, false) && append_flows(L, table->tcp, true);
     *table = {};  // some megabytes, of which the collector knows nothing
-    if (!complete) return push_interrupted(L);
+    if (!complete) return PushInterrupted(L);
     lua_pushnumber(L, existing);
     return 2;
 }

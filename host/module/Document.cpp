@@ -19,7 +19,7 @@ using VxaCore::Host::Event;
 
 struct EventList {
     std::vector<Event> events;
-    size_t unreadable = 0;
+    std::size_t unreadable = 0;
 };
 
 CDom& check_document(lua_State* L)
@@ -27,18 +27,18 @@ CDom& check_document(lua_State* L)
     return check_host_object<CDom>(L, 1, "SLB.Dom object expected");
 }
 
-int make_document(lua_State* L)
+int MakeDocument(lua_State* L)
 {
     const char* directory = lua_isnoneornil(L, 1) ? nullptr : check_path(L, 1);
-    auto* owner = push_host_object<CDom>(L);
+    auto* owner = PushHostObject<CDom>(L);
     Failure failure;
-    const bool made = guarded(failure, [&] {
-        owner->make(directory ? CDom::Store::InDirectory(directory) : CDom::Store::InMemory());
+    const bool made = Guarded(failure, [&] {
+        owner->Make(directory ? CDom::Store::InDirectory(directory) : CDom::Store::InMemory());
     });
-    return made ? 1 : push_failure(L, failure);
+    return made ? 1 : PushFailure(L, failure);
 }
 
-const char* check_text(lua_State* L, int index, size_t& length)
+const char* check_text(lua_State* L, int index, std::size_t& length)
 {
     const char* text = luaL_checklstring(L, index, &length);
     if (!VxaCore::Host::IsDocumentText({text, length}))
@@ -47,30 +47,30 @@ const char* check_text(lua_State* L, int index, size_t& length)
 }
 
 struct PushValue {
-    lua_State* L;
-    int operator()(std::monostate) const { return lua_pushnil(L), 1; }
-    int operator()(bool value) const { return lua_pushboolean(L, value), 1; }
-    int operator()(double value) const { return lua_pushnumber(L, value), 1; }
+    lua_State* l;
+    int operator()(std::monostate) const { return lua_pushnil(l), 1; }
+    int operator()(bool value) const { return lua_pushboolean(l, value), 1; }
+    int operator()(double value) const { return lua_pushnumber(l, value), 1; }
     int operator()(const std::string& value) const
     {
-        return lua_pushlstring(L, value.data(), value.size()), 1;
+        return lua_pushlstring(l, value.data(), value.size()), 1;
     }
     int operator()(const VxaCore::Host::NestedValue&) const
     {
-        lua_pushnil(L);
-        lua_pushliteral(L, "the value is a list or an object, which scripts cannot read");
+        lua_pushnil(l);
+        lua_pushliteral(l, "the value is a list or an object, which scripts cannot read");
         return 2;
     }
 };
 
-int document_get(lua_State* L)
+int DocumentGet(lua_State* L)
 {
     CDom& document = check_document(L);
-    size_t length = 0;
+    std::size_t length = 0;
     const char* key = check_text(L, 2, length);
-    auto* value = new_holder<DocumentValue>(L);
+    auto* value = NewHolder<DocumentValue>(L);
     Failure failure;
-    if (!guarded(failure, [&] { *value = document.store().Get({key, length}); }))
+    if (!Guarded(failure, [&] { *value = document.store().Get({key, length}); }))
         return luaL_error(L, "%s", failure.text);
     return std::visit(PushValue{L}, *value);
 }
@@ -81,7 +81,7 @@ struct Argument {
     bool truth;
     double number;
     const char* text;
-    size_t length;
+    std::size_t length;
 };
 
 Argument check_value(lua_State* L, int index)
@@ -98,7 +98,7 @@ Argument check_value(lua_State* L, int index)
     return value;
 }
 
-DocumentValue to_value(const Argument& argument)
+DocumentValue ToValue(const Argument& argument)
 {
     switch (argument.type) {
         case LUA_TBOOLEAN:
@@ -112,65 +112,65 @@ DocumentValue to_value(const Argument& argument)
     }
 }
 
-int document_set(lua_State* L)
+int DocumentSet(lua_State* L)
 {
     CDom& document = check_document(L);
-    size_t length = 0;
+    std::size_t length = 0;
     const char* key = check_text(L, 2, length);
     const Argument value = check_value(L, 3);
     Failure failure;
-    const bool stored = guarded(failure, [&] {
+    const bool stored = Guarded(failure, [&] {
         std::string error;
-        if (!document.store().Set({key, length}, to_value(value), error)) failure.set(error);
+        if (!document.store().Set({key, length}, ToValue(value), error)) failure.Set(error);
     });
-    return push_outcome(L, stored, failure);
+    return PushOutcome(L, stored, failure);
 }
 
-void push_event(lua_State* L, const Event& event)
+void PushEvent(lua_State* L, const Event& event)
 {
     lua_createtable(L, 0, 3);
-    set_number(L, "id", event.id);
-    set_text(L, "text", event.text);
-    set_number(L, "time", event.time_s);
+    SetNumber(L, "id", event.id);
+    SetText(L, "text", event.text);
+    SetNumber(L, "time", event.time_s);
 }
 
-int document_events(lua_State* L)
+int DocumentEvents(lua_State* L)
 {
     CDom& document = check_document(L);
-    auto* list = new_holder<EventList>(L);
+    auto* list = NewHolder<EventList>(L);
     Failure failure;
-    if (!guarded(failure, [&] { list->events = document.store().Events(list->unreadable); }))
-        return push_failure(L, failure);
+    if (!Guarded(failure, [&] { list->events = document.store().Events(list->unreadable); }))
+        return PushFailure(L, failure);
     lua_createtable(L, static_cast<int>(list->events.size()), 0);
     int row = 0;
     for (const Event& event : list->events) {
-        push_event(L, event);
+        PushEvent(L, event);
         lua_rawseti(L, -2, ++row);
     }
     lua_pushnumber(L, static_cast<lua_Number>(list->unreadable));
     return 2;
 }
 
-int document_close(lua_State* L)
+int DocumentClose(lua_State* L)
 {
     CDom& document = check_document(L);
     Failure failure;
-    const bool closed = guarded(failure, [&] {
+    const bool closed = Guarded(failure, [&] {
         std::string error;
-        if (!document.store().Close(error)) failure.set(error);
+        if (!document.store().Close(error)) failure.Set(error);
     });
-    return push_outcome(L, closed, failure);
+    return PushOutcome(L, closed, failure);
 }
 
 }  // namespace
 
-void open_document(lua_State* L)
+void OpenDocument(lua_State* L)
 {
-    register_holder<Owner<CDom>>(L);
-    register_holder<DocumentValue>(L);
-    register_holder<EventList>(L);
+    RegisterHolder<Owner<CDom>>(L);
+    RegisterHolder<DocumentValue>(L);
+    RegisterHolder<EventList>(L);
     SLB3::Register<CDom>(L);
-    lua_pushcfunction(L, make_document);
+    lua_pushcfunction(L, MakeDocument);
     lua_setfield(L, -2, "Dom");
 }
 
@@ -178,8 +178,8 @@ void open_document(lua_State* L)
 
 SLB3_IMPLEMENTATION(VxaCore::CDom, document)
 {
-    document.set("get", vxa::document_get)
-        .set("set", vxa::document_set)
-        .set("events", vxa::document_events)
-        .set("close", vxa::document_close);
+    document.set("get", vxa::DocumentGet)
+        .set("set", vxa::DocumentSet)
+        .set("events", vxa::DocumentEvents)
+        .set("close", vxa::DocumentClose);
 }

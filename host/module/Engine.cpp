@@ -8,7 +8,7 @@ namespace vxa {
 namespace {
 
 // The known names as "linux, sim". [-0, +1, m]
-void push_known_engines(lua_State* L)
+void PushKnownEngines(lua_State* L)
 {
     luaL_Buffer text;
     luaL_buffinit(L, &text);
@@ -21,12 +21,12 @@ void push_known_engines(lua_State* L)
     luaL_pushresult(&text);
 }
 
-int engine(lua_State* L)
+int Engine(lua_State* L)
 {
     const char* name = luaL_optstring(L, 1, nullptr);
     if (name && vxi_engine_select(name) != 0) {
         lua_pushnil(L);
-        push_known_engines(L);
+        PushKnownEngines(L);
         lua_pushfstring(L, "unknown engine '%s'; known are: %s", name, lua_tostring(L, -1));
         lua_remove(L, -2);
         return 2;
@@ -35,7 +35,7 @@ int engine(lua_State* L)
     return 1;
 }
 
-int engines(lua_State* L)
+int Engines(lua_State* L)
 {
     lua_newtable(L);
     int row = 0;
@@ -48,7 +48,7 @@ int engines(lua_State* L)
 
 // Hands argument 1 to one of libvxi's readers of settings: true, or nil and where the
 // text cannot be read. [-0, +1|2, v]
-int configure(lua_State* L, const char* what, int (*reader)(const char*, unsigned*))
+int Configure(lua_State* L, const char* what, int (*reader)(const char*, unsigned*))
 {
     const char* text = luaL_optstring(L, 1, "");
     unsigned position = 0;
@@ -63,14 +63,14 @@ int configure(lua_State* L, const char* what, int (*reader)(const char*, unsigne
     return 2;
 }
 
-int fault(lua_State* L)
+int Fault(lua_State* L)
 {
-    return configure(L, "fault script", vxi_fault_script);
+    return Configure(L, "fault script", vxi_fault_script);
 }
 
-int simulate(lua_State* L)
+int Simulate(lua_State* L)
 {
-    return configure(L, "simulation settings", vxi_sim_configure);
+    return Configure(L, "simulation settings", vxi_sim_configure);
 }
 
 int check_environment(lua_State* L)
@@ -86,39 +86,39 @@ int check_environment(lua_State* L)
 }
 
 // What fetching the counters of a monitored port does, for machines without one.
-int simulated_tick(lua_State*)
+int SimulatedTick(lua_State*)
 {
     vxi_sim_tick();
     return 0;
 }
 
-int simulated_machine(lua_State* L)
+int SimulatedMachine(lua_State* L)
 {
     vxi_sim_machine_s machine{};
     vxi_sim_machine(&machine);
     lua_createtable(L, 0, 5);
-    set_number(L, "tick", static_cast<lua_Number>(machine.tick));
-    set_number(L, "run_queue_length", machine.run_queue_length);
-    set_number(L, "cpu_count", machine.cpu_count);
-    set_number(L, "memory_total_kb", static_cast<lua_Number>(machine.memory_total_kb));
-    set_number(L, "memory_free_kb", static_cast<lua_Number>(machine.memory_free_kb));
+    SetNumber(L, "tick", static_cast<lua_Number>(machine.tick));
+    SetNumber(L, "run_queue_length", machine.run_queue_length);
+    SetNumber(L, "cpu_count", machine.cpu_count);
+    SetNumber(L, "memory_total_kb", static_cast<lua_Number>(machine.memory_total_kb));
+    SetNumber(L, "memory_free_kb", static_cast<lua_Number>(machine.memory_free_kb));
     return 1;
 }
 
 constexpr luaL_Reg kFunctions[] = {
-    {"engine", engine},
-    {"engines", engines},
-    {"fault", fault},
-    {"simulate", simulate},
+    {"engine", Engine},
+    {"engines", Engines},
+    {"fault", Fault},
+    {"simulate", Simulate},
     {"check_environment", check_environment},
-    {"simulated_machine", simulated_machine},
-    {"simulated_tick", simulated_tick},
+    {"simulated_machine", SimulatedMachine},
+    {"simulated_tick", SimulatedTick},
     {nullptr, nullptr},
 };
 
 }  // namespace
 
-void open_engine(lua_State* L)
+void OpenEngine(lua_State* L)
 {
     luaL_setfuncs(L, kFunctions, 0);
 }

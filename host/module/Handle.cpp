@@ -23,7 +23,7 @@ HandleBlock& check_block(lua_State* L)
     return *static_cast<HandleBlock*>(luaL_checkudata(L, 1, kHandleType));
 }
 
-int open(lua_State* L)
+int Open(lua_State* L)
 {
     auto* block = static_cast<HandleBlock*>(lua_newuserdata(L, sizeof(HandleBlock)));
     block->handle = nullptr;
@@ -35,7 +35,7 @@ int open(lua_State* L)
     return 2;
 }
 
-int close(lua_State* L)
+int Close(lua_State* L)
 {
     HandleBlock& block = check_block(L);
     vxi_handle_ops_s* handle = block.handle;
@@ -44,13 +44,13 @@ int close(lua_State* L)
     return 0;
 }
 
-int available(lua_State* L)
+int Available(lua_State* L)
 {
     lua_pushboolean(L, vxi_driver_available(check_handle(L)) > 0);
     return 1;
 }
 
-int error(lua_State* L)
+int Error(lua_State* L)
 {
     char text[kErrorBytes] = "";
     vxi_get_error(check_handle(L), text, sizeof text);
@@ -58,25 +58,25 @@ int error(lua_State* L)
     return 1;
 }
 
-void push_capability(lua_State* L, const vxi_capability_s& row)
+void PushCapability(lua_State* L, const vxi_capability_s& row)
 {
     lua_createtable(L, 0, 3);
-    set_text(L, "name", row.name);
+    SetText(L, "name", row.name);
     lua_pushboolean(L, row.available > 0);
     lua_setfield(L, -2, "available");
-    set_text(L, "detail", row.detail);
+    SetText(L, "detail", row.detail);
 }
 
-int capabilities(lua_State* L)
+int Capabilities(lua_State* L)
 {
     vxi_handle_ops_s* handle = check_handle(L);
     vxi_capability_s rows[kCapabilityRows] = {};
     const int count = vxi_capabilities(handle, rows, kCapabilityRows);
-    if (count < 0) return push_driver_error(L, handle);
+    if (count < 0) return PushDriverError(L, handle);
     lua_newtable(L);
     // A scripted failure may be any number, and fills no row.
     for (int i = 0; i < count && i < static_cast<int>(kCapabilityRows) && rows[i].name; ++i) {
-        push_capability(L, rows[i]);
+        PushCapability(L, rows[i]);
         lua_rawseti(L, -2, i + 1);
     }
     return 1;
@@ -89,22 +89,22 @@ unsigned check_unsigned(lua_State* L, int index)
     return static_cast<unsigned>(value);
 }
 
-int set_variable(lua_State* L)
+int SetVariable(lua_State* L)
 {
     vxi_handle_ops_s* handle = check_handle(L);
     const unsigned number = check_unsigned(L, 2);
-    if (vxi_set_var(handle, number, check_unsigned(L, 3)) != 0) return push_driver_error(L, handle);
+    if (vxi_set_var(handle, number, check_unsigned(L, 3)) != 0) return PushDriverError(L, handle);
     lua_pushboolean(L, 1);
     return 1;
 }
 
 constexpr luaL_Reg kMethods[] = {
-    {"close", close},
-    {"available", available},
-    {"error", error},
-    {"connections", handle_connections},
-    {"capabilities", capabilities},
-    {"set_variable", set_variable},
+    {"close", Close},
+    {"available", Available},
+    {"error", Error},
+    {"connections", HandleConnections},
+    {"capabilities", Capabilities},
+    {"set_variable", SetVariable},
     {nullptr, nullptr},
 };
 
@@ -117,7 +117,7 @@ vxi_handle_ops_s* check_handle(lua_State* L)
     return handle;
 }
 
-int push_driver_error(lua_State* L, vxi_handle_ops_s* handle)
+int PushDriverError(lua_State* L, vxi_handle_ops_s* handle)
 {
     char text[kErrorBytes] = "";
     vxi_get_error(handle, text, sizeof text);
@@ -126,11 +126,11 @@ int push_driver_error(lua_State* L, vxi_handle_ops_s* handle)
     return 2;
 }
 
-void open_handle(lua_State* L)
+void OpenHandle(lua_State* L)
 {
-    register_connections(L);
-    register_class(L, kHandleType, kMethods, close);
-    lua_pushcfunction(L, open);
+    RegisterConnections(L);
+    RegisterClass(L, kHandleType, kMethods, Close);
+    lua_pushcfunction(L, Open);
     lua_setfield(L, -2, "open");
 }
 

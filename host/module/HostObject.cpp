@@ -4,7 +4,7 @@ namespace vxa {
 
 char owners_key = 0;
 
-void register_owners(lua_State* L)
+void RegisterOwners(lua_State* L)
 {
     // A script may load the module anew; the owners of live objects must stay tied.
     lua_rawgetp(L, LUA_REGISTRYINDEX, &owners_key);
@@ -19,7 +19,7 @@ void register_owners(lua_State* L)
     lua_rawsetp(L, LUA_REGISTRYINDEX, &owners_key);
 }
 
-void** tie_to_owner(lua_State* L, int owner, const void* address)
+void** TieToOwner(lua_State* L, int owner, const void* address)
 {
     const int object = lua_gettop(L);
     auto* block = static_cast<char*>(lua_touserdata(L, object));

@@ -16,7 +16,7 @@
 namespace vxa {
 
 // Where SLB3 keeps the pointer of a pointer object: behind its header.
-constexpr size_t kSlbPointerOffset = 24;
+constexpr std::size_t kSlbPointerOffset = 24;
 
 // Memory for a T, and the T once it is there.
 template <typename T>
@@ -28,16 +28,16 @@ public:
     ~Owner()
     {
         if (m_pointer) *m_pointer = nullptr;
-        if (m_alive) address()->~T();
+        if (m_alive) Address()->~T();
     }
 
-    T* address() { return reinterpret_cast<T*>(m_storage); }
+    T* Address() { return reinterpret_cast<T*>(m_storage); }
 
     // The SLB3 object's pointer; the SLB3 object must outlive this.
-    void refer(void** pointer) { m_pointer = pointer; }
+    void Refer(void** pointer) { m_pointer = pointer; }
 
     template <typename... Args>
-    void make(Args&&... args)
+    void Make(Args&&... args)
     {
         new (m_storage) T(std::forward<Args>(args)...);
         m_alive = true;
@@ -52,24 +52,24 @@ private:
 extern char owners_key;  // its address is the weak table's place in the registry
 
 // [-0, +0, m]
-void register_owners(lua_State* L);
+void RegisterOwners(lua_State* L);
 
 // Ties the SLB3 object on top to the owner at `owner`; returns where the object keeps
 // its pointer, or null when that is not where it ought to be. [-0, +0, m]
-void** tie_to_owner(lua_State* L, int owner, const void* address);
+void** TieToOwner(lua_State* L, int owner, const void* address);
 
 // The SLB3 object, with memory for a T and no T yet: all Lua work is done before the
 // object is made, so that no memory error leaves half of it. The caller must construct
 // it at once; until then, and when that fails, nobody else has the object.
 // Leaves owner and SLB3 object on the stack. [-0, +2, m]
 template <typename T>
-Owner<T>* push_host_object(lua_State* L)
+Owner<T>* PushHostObject(lua_State* L)
 {
-    auto* owner = new_holder<Owner<T>>(L);
-    SLB3::Value<T*>::Push(L, owner->address());
-    void** pointer = tie_to_owner(L, lua_gettop(L) - 1, owner->address());
+    auto* owner = NewHolder<Owner<T>>(L);
+    SLB3::Value<T*>::Push(L, owner->Address());
+    void** pointer = TieToOwner(L, lua_gettop(L) - 1, owner->Address());
     if (!pointer) luaL_error(L, "this build's SLB3 keeps objects in an unknown layout");
-    owner->refer(pointer);
+    owner->Refer(pointer);
     return owner;
 }
 

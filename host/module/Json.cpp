@@ -15,32 +15,32 @@ struct DeleteJson {
 };
 using Json = std::unique_ptr<cJSON, DeleteJson>;
 
-// Where parse_json has its arguments.
+// Where ParseJson has its arguments.
 constexpr int kText = 1;
 constexpr int kPosition = 2;
 constexpr int kNull = 3;
 constexpr int kObjectMetatable = 4;
 
-void push_json(lua_State* L, const cJSON* item);
+void PushJson(lua_State* L, const cJSON* item);
 
 // [-0, +1, m]
-void push_array(lua_State* L, const cJSON* array)
+void PushArray(lua_State* L, const cJSON* array)
 {
     lua_newtable(L);
     int index = 0;
     for (const cJSON* element = array->child; element; element = element->next) {
-        push_json(L, element);
+        PushJson(L, element);
         lua_rawseti(L, -2, ++index);
     }
 }
 
 // [-0, +1, m]
-void push_object(lua_State* L, const cJSON* object)
+void PushObject(lua_State* L, const cJSON* object)
 {
     lua_newtable(L);
     for (const cJSON* member = object->child; member; member = member->next) {
         lua_pushstring(L, member->string);
-        push_json(L, member);
+        PushJson(L, member);
         lua_rawset(L, -3);
     }
     lua_pushvalue(L, kObjectMetatable);
@@ -48,13 +48,13 @@ void push_object(lua_State* L, const cJSON* object)
 }
 
 // The parser nests values 1000 deep at most. [-0, +1, m]
-void push_json(lua_State* L, const cJSON* item)
+void PushJson(lua_State* L, const cJSON* item)
 {
     luaL_checkstack(L, 4, "JSON is nested too deeply");
     if (cJSON_IsArray(item))
-        push_array(L, item);
+        PushArray(L, item);
     else if (cJSON_IsObject(item))
-        push_object(L, item);
+        PushObject(L, item);
     else if (cJSON_IsString(item))
         lua_pushstring(L, item->valuestring);
     else if (cJSON_IsNumber(item))
@@ -66,9 +66,9 @@ void push_json(lua_State* L, const cJSON* item)
 }
 
 // The position after the value at `position`, and the value; nil when there is none.
-int parse_json(lua_State* L)
+int ParseJson(lua_State* L)
 {
-    size_t length = 0;
+    std::size_t length = 0;
     const char* text = luaL_checklstring(L, kText, &length);
     const double position = luaL_checknumber(L, kPosition);
     luaL_argcheck(L, position >= 1 && position <= static_cast<double>(length) + 1, kPosition,
@@ -76,27 +76,27 @@ int parse_json(lua_State* L)
     luaL_checkany(L, kNull);
     luaL_checktype(L, kObjectMetatable, LUA_TTABLE);
     lua_settop(L, kObjectMetatable);
-    auto* item = new_holder<Json>(L);
+    auto* item = NewHolder<Json>(L);
     const char* end = nullptr;
-    const size_t skipped = static_cast<size_t>(position) - 1;
+    const std::size_t skipped = static_cast<std::size_t>(position) - 1;
     item->reset(cJSON_ParseWithLengthOpts(text + skipped, length - skipped, &end, false));
     if (!*item) return 0;
     lua_pushnumber(L, static_cast<lua_Number>(end - text + 1));
-    push_json(L, item->get());
+    PushJson(L, item->get());
     item->reset();  // before the collector would: a long text has many values
     return 2;
 }
 
 constexpr luaL_Reg kFunctions[] = {
-    {"parse_json", parse_json},
+    {"parse_json", ParseJson},
     {nullptr, nullptr},
 };
 
 }  // namespace
 
-void open_json(lua_State* L)
+void OpenJson(lua_State* L)
 {
-    register_holder<Json>(L);
+    RegisterHolder<Json>(L);
     luaL_setfuncs(L, kFunctions, 0);
 }
 

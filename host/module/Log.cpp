@@ -25,17 +25,17 @@ bool check_switch(lua_State* L, int index)
     return lua_toboolean(L, index) != 0;
 }
 
-int trace(lua_State* L)
+int Trace(lua_State* L)
 {
-    size_t length = 0;
+    std::size_t length = 0;
     const char* pattern = luaL_checklstring(L, 1, &length);
     luaL_argcheck(L, length > 0, 1, "a trace category or pattern expected");
     const bool on = check_switch(L, 2);
     Failure failure;
-    const bool switched = guarded(failure, [&] {
+    const bool switched = Guarded(failure, [&] {
         const wxString text = wxString::FromUTF8(pattern, length);
         if (text.empty())
-            failure.set("a trace category or pattern must be UTF-8");
+            failure.Set("a trace category or pattern must be UTF-8");
         else
             VxaCore::Host::SwitchTrace(text, on);
     });
@@ -43,53 +43,53 @@ int trace(lua_State* L)
     return 0;
 }
 
-int verbose(lua_State* L)
+int Verbose(lua_State* L)
 {
     VxaCore::Host::SetVerbose(check_switch(L, 1));
     return 0;
 }
 
-int log_to(lua_State* L)
+int LogTo(lua_State* L)
 {
     const char* path = lua_isnoneornil(L, 1) ? "" : check_path(L, 1);
     Failure failure;
-    const bool opened = guarded(failure, [&] {
+    const bool opened = Guarded(failure, [&] {
         std::string error;
-        if (!VxaCore::Host::LogTo(path, error)) failure.set(error);
+        if (!VxaCore::Host::LogTo(path, error)) failure.Set(error);
     });
-    return push_outcome(L, opened, failure);
+    return PushOutcome(L, opened, failure);
 }
 
-int capture(lua_State* L)
+int Capture(lua_State* L)
 {
     VxaCore::Host::CaptureLog(check_switch(L, 1));
     return 0;
 }
 
 // With the fields of the record's JSON line.
-void push_record(lua_State* L, const LogRecord& record)
+void PushRecord(lua_State* L, const LogRecord& record)
 {
     lua_createtable(L, 0, record.trace ? 7 : 4);
-    set_number(L, "time", record.time_s);
-    set_text(L, "kind", record.trace ? "trace" : "log");
-    set_text(L, record.trace ? "category" : "level", record.label);
-    set_text(L, "message", record.message);
+    SetNumber(L, "time", record.time_s);
+    SetText(L, "kind", record.trace ? "trace" : "log");
+    SetText(L, record.trace ? "category" : "level", record.label);
+    SetText(L, "message", record.message);
     if (!record.trace) return;
-    set_text(L, "file", record.file);
-    set_number(L, "line", record.line);
-    set_text(L, "function", record.function);
+    SetText(L, "file", record.file);
+    SetNumber(L, "line", record.line);
+    SetText(L, "function", record.function);
 }
 
-int captured(lua_State* L)
+int PushCaptured(lua_State* L)
 {
-    auto* taken = new_holder<Captured>(L);
+    auto* taken = NewHolder<Captured>(L);
     Failure failure;
-    if (!guarded(failure, [&] { taken->records = VxaCore::Host::TakeCaptured(taken->dropped); }))
+    if (!Guarded(failure, [&] { taken->records = VxaCore::Host::TakeCaptured(taken->dropped); }))
         return luaL_error(L, "%s", failure.text);
     lua_createtable(L, static_cast<int>(taken->records.size()), 0);
     int row = 0;
     for (const LogRecord& record : taken->records) {
-        push_record(L, record);
+        PushRecord(L, record);
         lua_rawseti(L, -2, ++row);
     }
     lua_pushnumber(L, static_cast<lua_Number>(taken->dropped));
@@ -97,23 +97,23 @@ int captured(lua_State* L)
 }
 
 // Problems for which no driver call fails belong to the cycle in whose log they are.
-void log_driver_problem(const char* message)
+void LogDriverProblem(const char* message)
 {
     Failure lost;
-    guarded(lost, [&] { wxLogError("%s", message); });
+    Guarded(lost, [&] { wxLogError("%s", message); });
 }
 
 constexpr luaL_Reg kFunctions[] = {
-    {"trace", trace},     {"verbose", verbose},   {"log_to", log_to},
-    {"capture", capture}, {"captured", captured}, {nullptr, nullptr},
+    {"trace", Trace},     {"verbose", Verbose},       {"log_to", LogTo},
+    {"capture", Capture}, {"captured", PushCaptured}, {nullptr, nullptr},
 };
 
 }  // namespace
 
-void open_log(lua_State* L)
+void OpenLog(lua_State* L)
 {
-    register_holder<Captured>(L);
-    vxi_set_message_handler(log_driver_problem);
+    RegisterHolder<Captured>(L);
+    vxi_set_message_handler(LogDriverProblem);
     luaL_setfuncs(L, kFunctions, 0);
 }
 

@@ -6,7 +6,7 @@ namespace vxa {
 
 const char* check_path(lua_State* L, int index)
 {
-    size_t length = 0;
+    std::size_t length = 0;
     const char* path = luaL_checklstring(L, index, &length);
     if (length == 0) luaL_argerror(L, index, "the name of a file or directory is empty");
     if (std::strlen(path) != length)
@@ -14,7 +14,7 @@ const char* check_path(lua_State* L, int index)
     return path;
 }
 
-void register_class(lua_State* L, const char* type, const luaL_Reg* methods, lua_CFunction close)
+void RegisterClass(lua_State* L, const char* type, const luaL_Reg* methods, lua_CFunction close)
 {
     luaL_newmetatable(L, type);
     lua_newtable(L);
@@ -25,19 +25,19 @@ void register_class(lua_State* L, const char* type, const luaL_Reg* methods, lua
     lua_pop(L, 1);
 }
 
-void set_number(lua_State* L, const char* name, lua_Number value)
+void SetNumber(lua_State* L, const char* name, lua_Number value)
 {
     lua_pushnumber(L, value);
     lua_setfield(L, -2, name);
 }
 
-void set_text(lua_State* L, const char* name, const char* text)
+void SetText(lua_State* L, const char* name, const char* text)
 {
     lua_pushstring(L, text);
     lua_setfield(L, -2, name);
 }
 
-void set_text(lua_State* L, const char* name, const std::string& text)
+void SetText(lua_State* L, const char* name, const std::string& text)
 {
     lua_pushlstring(L, text.data(), text.size());
     lua_setfield(L, -2, name);

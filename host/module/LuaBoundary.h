@@ -20,14 +20,14 @@ namespace vxa {
 // the longest path and a reason.
 struct Failure {
     char text[4608] = "";
-    void set(const std::string& reason) { std::snprintf(text, sizeof text, "%s", reason.c_str()); }
+    void Set(const std::string& reason) { std::snprintf(text, sizeof text, "%s", reason.c_str()); }
 };
 
 // Runs a body that makes no Lua call and may put a reason into `failure`. True when it
 // did not and threw no std::exception; nothing else is caught, because Lua built as C++
 // throws its own errors through here. [-0, +0, -]
 template <typename Body>
-bool guarded(Failure& failure, Body&& body)
+bool Guarded(Failure& failure, Body&& body)
 {
     try {
         body();
@@ -38,7 +38,7 @@ bool guarded(Failure& failure, Body&& body)
 }
 
 // What a function that failed returns: nil and the reason. [-0, +2, m]
-inline int push_failure(lua_State* L, const Failure& failure)
+inline int PushFailure(lua_State* L, const Failure& failure)
 {
     lua_pushnil(L);
     lua_pushstring(L, failure.text);
@@ -46,9 +46,9 @@ inline int push_failure(lua_State* L, const Failure& failure)
 }
 
 // true, or nil and the reason. [-0, +1|2, m]
-inline int push_outcome(lua_State* L, bool succeeded, const Failure& failure)
+inline int PushOutcome(lua_State* L, bool succeeded, const Failure& failure)
 {
-    if (!succeeded) return push_failure(L, failure);
+    if (!succeeded) return PushFailure(L, failure);
     lua_pushboolean(L, 1);
     return 1;
 }
@@ -57,18 +57,18 @@ template <typename T>
 inline char holder_key = 0;  // its address is the metatable's place in the registry
 
 template <typename T>
-int collect_holder(lua_State* L)
+int CollectHolder(lua_State* L)
 {
     static_cast<T*>(lua_touserdata(L, 1))->~T();
     return 0;
 }
 
-// Must have run once in a state before the first new_holder<T>. [-0, +0, m]
+// Must have run once in a state before the first NewHolder<T>. [-0, +0, m]
 template <typename T>
-void register_holder(lua_State* L)
+void RegisterHolder(lua_State* L)
 {
     lua_createtable(L, 0, 1);
-    lua_pushcfunction(L, &collect_holder<T>);
+    lua_pushcfunction(L, &CollectHolder<T>);
     lua_setfield(L, -2, "__gc");
     lua_rawsetp(L, LUA_REGISTRYINDEX, &holder_key<T>);
 }
@@ -76,7 +76,7 @@ void register_holder(lua_State* L)
 // An empty T that the collector destroys: the place for what Lua work needs while it
 // goes on. Scripts never see it. [-0, +1, m]
 template <typename T>
-T* new_holder(lua_State* L)
+T* NewHolder(lua_State* L)
 {
     static_assert(std::is_nothrow_default_constructible_v<T> && alignof(T) <= 8);
     void* block = lua_newuserdata(L, sizeof(T));
@@ -92,11 +92,11 @@ const char* check_path(lua_State* L, int index);
 
 // Registers a class of userdata under its name: `methods` as its functions, `close` for the
 // collector. [-0, +0, m]
-void register_class(lua_State* L, const char* type, const luaL_Reg* methods, lua_CFunction close);
+void RegisterClass(lua_State* L, const char* type, const luaL_Reg* methods, lua_CFunction close);
 
 // `name` = value in the table on top. [-0, +0, m]
-void set_number(lua_State* L, const char* name, lua_Number value);
-void set_text(lua_State* L, const char* name, const char* text);
-void set_text(lua_State* L, const char* name, const std::string& text);
+void SetNumber(lua_State* L, const char* name, lua_Number value);
+void SetText(lua_State* L, const char* name, const char* text);
+void SetText(lua_State* L, const char* name, const std::string& text);
 
 }  // namespace vxa

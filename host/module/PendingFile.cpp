@@ -24,38 +24,38 @@ Pending& check_open(lua_State* L, int index)
     return file;
 }
 
-int make_temporary(lua_State* L)
+int MakeTemporary(lua_State* L)
 {
     const char* path = check_path(L, 1);
     auto* file = new (lua_newuserdata(L, sizeof(Pending))) Pending();
     luaL_setmetatable(L, kType);
     Failure failure;
-    const bool made = guarded(failure, [&] { *file = std::make_unique<PendingFile>(path); });
-    return made ? 1 : push_failure(L, failure);
+    const bool made = Guarded(failure, [&] { *file = std::make_unique<PendingFile>(path); });
+    return made ? 1 : PushFailure(L, failure);
 }
 
-int publish(lua_State* L)
+int Publish(lua_State* L)
 {
     Pending& file = check_open(L, 1);
     const auto existing = lua_toboolean(L, 2) ? Existing::kReplaced : Existing::kKept;
     Failure failure;
-    const bool done = guarded(failure, [&] {
-        failure.set(file->Publish(existing));
+    const bool done = Guarded(failure, [&] {
+        failure.Set(file->Publish(existing));
         file.reset();
     });
-    return push_outcome(L, done, failure);
+    return PushOutcome(L, done, failure);
 }
 
 // Also when the collector finds it. A file that was not published is gone then.
-int close(lua_State* L)
+int Close(lua_State* L)
 {
     static_cast<Pending*>(luaL_checkudata(L, 1, kType))->reset();
     return 0;
 }
 
 constexpr luaL_Reg kMethods[] = {
-    {"publish", publish},
-    {"close", close},
+    {"publish", Publish},
+    {"close", Close},
     {nullptr, nullptr},
 };
 
@@ -68,8 +68,8 @@ const PendingFile* test_pending_file(lua_State* L, int index)
 
 void open_pending_file(lua_State* L)
 {
-    register_class(L, kType, kMethods, close);
-    lua_pushcfunction(L, make_temporary);
+    RegisterClass(L, kType, kMethods, Close);
+    lua_pushcfunction(L, MakeTemporary);
     lua_setfield(L, -2, "temporary");
 }
 

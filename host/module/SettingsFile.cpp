@@ -20,15 +20,15 @@ namespace {
 constexpr std::size_t kPieceBuffer = 1024;
 
 // The bytes that one call of fgets would take from the front of `rest`.
-std::string_view first_piece(std::string_view rest)
+std::string_view FirstPiece(std::string_view rest)
 {
     const std::size_t newline = rest.substr(0, kPieceBuffer - 1).find('\n');
     return rest.substr(0, newline == rest.npos ? kPieceBuffer - 1 : newline + 1);
 }
 
-// conf_line(text, at): the line that begins at the offset `at` (from 1) up to its first NUL,
+// ConfLine(text, at): the line that begins at the offset `at` (from 1) up to its first NUL,
 // the number after its first "=" (nil when there is none), and the offset of the next line.
-int conf_line(lua_State* L)
+int ConfLine(lua_State* L)
 {
     std::size_t length = 0;
     const char* text = luaL_checklstring(L, 1, &length);
@@ -36,7 +36,7 @@ int conf_line(lua_State* L)
     luaL_argcheck(L, at >= 1 && at <= static_cast<lua_Number>(length), 2,
                   "an offset within the string expected");
     const std::size_t begin = static_cast<std::size_t>(at) - 1;
-    const std::string_view piece = first_piece({text + begin, length - begin});
+    const std::string_view piece = FirstPiece({text + begin, length - begin});
     char line[kPieceBuffer];
     line[piece.copy(line, sizeof line - 1)] = '\0';
     lua_pushstring(L, line);
@@ -51,21 +51,21 @@ int conf_line(lua_State* L)
     return 3;
 }
 
-// read_file(path, most_bytes): the bytes; or nil, what was wrong and its errno.
+// read_file(path, kMostBytes): the bytes; or nil, what was wrong and its errno.
 int read_file(lua_State* L)
 {
     const char* path = check_path(L, 1);
     const lua_Number most = luaL_checknumber(L, 2);
     luaL_argcheck(L, most >= 0 && most <= 1e9, 2, "a number of bytes up to 1e9 expected");
-    auto* bytes = new_holder<std::string>(L);
+    auto* bytes = NewHolder<std::string>(L);
     Failure failure;
     int cause = ENOMEM;
-    const bool done = guarded(failure, [&] {
-        failure.set(VxaCore::Host::ReadFile(path, static_cast<std::size_t>(most), *bytes));
+    const bool done = Guarded(failure, [&] {
+        failure.Set(VxaCore::Host::ReadFile(path, static_cast<std::size_t>(most), *bytes));
         cause = errno;
     });
     if (!done) {
-        push_failure(L, failure);
+        PushFailure(L, failure);
         lua_pushnumber(L, cause);
         return 3;
     }
@@ -74,14 +74,14 @@ int read_file(lua_State* L)
 }
 
 constexpr luaL_Reg kFunctions[] = {
-    {"conf_line", conf_line},
+    {"conf_line", ConfLine},
     {"read_file", read_file},
     {nullptr, nullptr},
 };
 
 }  // namespace
 
-void open_settings_file(lua_State* L)
+void OpenSettingsFile(lua_State* L)
 {
     luaL_setfuncs(L, kFunctions, 0);
 }

@@ -27,7 +27,7 @@ constexpr struct {
     int number;
     const char* name;
 } kCaught[] = {{SIGINT, "SIGINT"}, {SIGTERM, "SIGTERM"}, {SIGHUP, "SIGHUP"}, {SIGQUIT, "SIGQUIT"}};
-constexpr double kLongestSleep_s = 1e9;  // keeps the sum with the clock in range
+constexpr double kLongestSleepS = 1e9;  // keeps the sum with the clock in range
 
 std::atomic<int> s_caught_signal{0};
 std::atomic<bool> s_hangup_reloads{false};  // SIGHUP asks for a reload, not for the end
@@ -35,7 +35,7 @@ std::atomic<bool> s_reload_asked{false};
 std::atomic<int> s_wake_fd{-1};  // made once a process, readable after a signal
 static_assert(std::atomic<int>::is_always_lock_free, "used in a signal handler");
 
-void note_signal(int signal_number)
+void NoteSignal(int signal_number)
 {
     const int saved_errno = errno;
     const std::uint64_t one = 1;
@@ -47,13 +47,13 @@ void note_signal(int signal_number)
     errno = saved_errno;
 }
 
-int is_signal_caught()
+int IsSignalCaught()
 {
     return s_caught_signal.load() != 0;
 }
 
 // False with errno set. Two threads may both make a descriptor; one of them stays.
-bool make_wake_fd()
+bool MakeWakeFd()
 {
     if (s_wake_fd.load() >= 0) return true;
     const int made = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -63,62 +63,62 @@ bool make_wake_fd()
 }
 
 // nohup(1) has SIGHUP ignored so that the end of the session does not end the process.
-bool is_left_ignored(int signal_number)
+bool IsLeftIgnored(int signal_number)
 {
     struct sigaction now = {};
     return signal_number == SIGHUP && sigaction(SIGHUP, nullptr, &now) == 0 &&
            now.sa_handler == SIG_IGN;
 }
 
-void note_nothing(int) {}
+void NoteNothing(int) {}
 
 // System calls are not restarted, so that a read from a command or terminal ends too.
 // Whoever started the process may have left them blocked, which would make it unstoppable.
 // A write beyond the limit of file sizes fails with EFBIG when SIGXFSZ does not end the
 // process, one to a closed pipe with EPIPE. Handled, not ignored: commands started later
 // get the default back.
-bool install_handlers()
+bool InstallHandlers()
 {
     struct sigaction action = {};
-    action.sa_handler = note_signal;
+    action.sa_handler = NoteSignal;
     sigemptyset(&action.sa_mask);
     sigset_t unblocked;
     sigemptyset(&unblocked);
     for (const auto& caught : kCaught) {
-        if (is_left_ignored(caught.number)) continue;
+        if (IsLeftIgnored(caught.number)) continue;
         if (sigaction(caught.number, &action, nullptr) != 0) return false;
         sigaddset(&unblocked, caught.number);
     }
     if (pthread_sigmask(SIG_UNBLOCK, &unblocked, nullptr) != 0) return false;
-    action.sa_handler = note_nothing;
+    action.sa_handler = NoteNothing;
     return sigaction(SIGXFSZ, &action, nullptr) == 0 && sigaction(SIGPIPE, &action, nullptr) == 0;
 }
 
-int catch_signals(lua_State* L)
+int CatchSignals(lua_State* L)
 {
-    if (!make_wake_fd() || !install_handlers())
+    if (!MakeWakeFd() || !InstallHandlers())
         return luaL_error(L, "cannot catch signals: %s", std::strerror(errno));
-    vxi_set_cancel_check(is_signal_caught);
+    vxi_set_cancel_check(IsSignalCaught);
     return 0;
 }
 
 // A reload must not cut short what the process is doing: only sleep() ends at once.
-int reload_on_hangup(lua_State* L)
+int ReloadOnHangup(lua_State* L)
 {
-    if (is_left_ignored(SIGHUP)) return 0;
+    if (IsLeftIgnored(SIGHUP)) return 0;
     struct sigaction action = {};
-    action.sa_handler = note_signal;
+    action.sa_handler = NoteSignal;
     action.sa_flags = SA_RESTART;
     sigemptyset(&action.sa_mask);
     s_hangup_reloads.store(true);
-    if (!make_wake_fd() || sigaction(SIGHUP, &action, nullptr) != 0)
+    if (!MakeWakeFd() || sigaction(SIGHUP, &action, nullptr) != 0)
         return luaL_error(L, "cannot catch SIGHUP: %s", std::strerror(errno));
     return 0;
 }
 
 // Whether a reload was asked for since the last call. The descriptor is emptied after the
 // flag: a signal in between is found by its flag, before the next poll.
-int reload_asked(lua_State* L)
+int ReloadAsked(lua_State* L)
 {
     std::uint64_t count = 0;
     lua_pushboolean(L, s_reload_asked.exchange(false));
@@ -126,9 +126,9 @@ int reload_asked(lua_State* L)
     return 1;
 }
 
-int interrupted(lua_State* L)
+int Interrupted(lua_State* L)
 {
-    if (const char* name = caught_signal_name())
+    if (const char* name = CaughtSignalName())
         lua_pushstring(L, name);
     else
         lua_pushboolean(L, 0);
@@ -145,16 +145,16 @@ timespec operator-(timespec a, timespec b)
     return left;
 }
 
-timespec monotonic_now()
+timespec MonotonicNow()
 {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     return now;
 }
 
-timespec after(double seconds)
+timespec After(double seconds)
 {
-    timespec then = monotonic_now();
+    timespec then = MonotonicNow();
     const auto whole = static_cast<time_t>(seconds);
     then.tv_sec += whole;
     then.tv_nsec += static_cast<long>((seconds - static_cast<double>(whole)) * 1e9);
@@ -183,43 +183,43 @@ public:
 
 // True when the moment came. The interpreter's own handler of SIGINT sets a hook, which
 // runs when the sleep has returned; no call here can raise.
-bool sleep_until(lua_State* main_state, timespec moment)
+bool SleepUntil(lua_State* main_state, timespec moment)
 {
     const SignalsHeldBack held_back;
     const lua_Hook hook = lua_gethook(main_state);
     pollfd wake = {s_wake_fd.load(), POLLIN, 0};  // -1 is passed over
     while (s_caught_signal.load() == 0 && !s_reload_asked.load() &&
            lua_gethook(main_state) == hook) {
-        const timespec left = moment - monotonic_now();
+        const timespec left = moment - MonotonicNow();
         if (left.tv_sec < 0 || (left.tv_sec == 0 && left.tv_nsec == 0)) return true;
         ppoll(&wake, 1, &left, &held_back.before);
     }
     return false;
 }
 
-int sleep(lua_State* L)
+int Sleep(lua_State* L)
 {
     const double seconds = luaL_checknumber(L, 1);
     luaL_argcheck(L, seconds >= 0, 1, "seconds, a number not below 0, expected");
     // Scripts sleep in coroutines, too; signals concern the main one.
     lua_rawgeti(L, LUA_REGISTRYINDEX, LUA_RIDX_MAINTHREAD);
-    const timespec moment = after(std::min(seconds, kLongestSleep_s));
-    lua_pushboolean(L, sleep_until(lua_tothread(L, -1), moment));
+    const timespec moment = After(std::min(seconds, kLongestSleepS));
+    lua_pushboolean(L, SleepUntil(lua_tothread(L, -1), moment));
     return 1;
 }
 
 constexpr luaL_Reg kFunctions[] = {
-    {"sleep", sleep},
-    {"catch_signals", catch_signals},
-    {"interrupted", interrupted},
-    {"reload_on_hangup", reload_on_hangup},
-    {"reload_asked", reload_asked},
+    {"sleep", Sleep},
+    {"catch_signals", CatchSignals},
+    {"interrupted", Interrupted},
+    {"reload_on_hangup", ReloadOnHangup},
+    {"reload_asked", ReloadAsked},
     {nullptr, nullptr},
 };
 
 }  // namespace
 
-const char* caught_signal_name()
+const char* CaughtSignalName()
 {
     const int caught_number = s_caught_signal.load();
     for (const auto& caught : kCaught)
@@ -227,7 +227,7 @@ const char* caught_signal_name()
     return nullptr;
 }
 
-void open_signals(lua_State* L)
+void OpenSignals(lua_State* L)
 {
     luaL_setfuncs(L, kFunctions, 0);
 }

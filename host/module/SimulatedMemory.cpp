@@ -22,7 +22,7 @@ constexpr const char* kMeminfo = "/proc/meminfo";
 int s_meminfo = -1;  // the file in its place, open for good; only the main thread asks
 
 // By its descriptor: the name is in a folder where others may write.
-bool bind_over_meminfo(int file)
+bool BindOverMeminfo(int file)
 {
     char source[64];
     std::snprintf(source, sizeof source, "/proc/self/fd/%d", file);
@@ -31,7 +31,7 @@ bool bind_over_meminfo(int file)
 
 // False with errno set. The file is made in the new namespace, whose mounts alone can be
 // bound there, and needs its name until it is.
-bool cover_meminfo()
+bool CoverMeminfo()
 {
     if (s_meminfo >= 0) return true;
     if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
@@ -39,7 +39,7 @@ bool cover_meminfo()
     char name[] = "/tmp/vxa-meminfo-XXXXXX";
     const int file = mkostemp(name, O_CLOEXEC);
     if (file < 0) return false;
-    const bool bound = bind_over_meminfo(file);
+    const bool bound = BindOverMeminfo(file);
     const int cause = errno;
     unlink(name);
     if (bound)
@@ -51,7 +51,7 @@ bool cover_meminfo()
 }
 
 // Always the same length, so that a reader never sees the end of an older text.
-bool write_meminfo(unsigned long long total_kb, unsigned long long free_kb)
+bool WriteMeminfo(unsigned long long total_kb, unsigned long long free_kb)
 {
     char text[128];
     const int length = std::snprintf(text, sizeof text, "MemTotal: %20llu kB\nMemFree: %20llu kB\n",
@@ -59,15 +59,15 @@ bool write_meminfo(unsigned long long total_kb, unsigned long long free_kb)
     return pwrite(s_meminfo, text, static_cast<std::size_t>(length), 0) == length;
 }
 
-// simulate_memory(total_kb, free_kb): true, or nil and why it cannot be simulated.
-int simulate_memory(lua_State* L)
+// SimulateMemory(total_kb, free_kb): true, or nil and why it cannot be simulated.
+int SimulateMemory(lua_State* L)
 {
     const lua_Number total_kb = luaL_checknumber(L, 1);
     const lua_Number free_kb = luaL_checknumber(L, 2);
     luaL_argcheck(L, total_kb >= 0 && total_kb < 1e18, 1, "a number of kB expected");
     luaL_argcheck(L, free_kb >= 0 && free_kb <= total_kb, 2, "at most the total expected");
-    if (cover_meminfo() && write_meminfo(static_cast<unsigned long long>(total_kb),
-                                         static_cast<unsigned long long>(free_kb))) {
+    if (CoverMeminfo() && WriteMeminfo(static_cast<unsigned long long>(total_kb),
+                                       static_cast<unsigned long long>(free_kb))) {
         lua_pushboolean(L, 1);
         return 1;
     }
@@ -77,13 +77,13 @@ int simulate_memory(lua_State* L)
 }
 
 constexpr luaL_Reg kFunctions[] = {
-    {"simulate_memory", simulate_memory},
+    {"simulate_memory", SimulateMemory},
     {nullptr, nullptr},
 };
 
 }  // namespace
 
-void open_simulated_memory(lua_State* L)
+void OpenSimulatedMemory(lua_State* L)
 {
     luaL_setfuncs(L, kFunctions, 0);
 }

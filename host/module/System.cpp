@@ -27,13 +27,13 @@ int read_clock(lua_State* L)
 
 const char* check_c_text(lua_State* L, int index, const char* problem)
 {
-    size_t length = 0;
+    std::size_t length = 0;
     const char* text = luaL_checklstring(L, index, &length);
     luaL_argcheck(L, std::strlen(text) == length, index, problem);
     return text;
 }
 
-int set_environment(lua_State* L)
+int SetEnvironment(lua_State* L)
 {
     const char* name = check_c_text(L, 1, "the variable's name holds a zero byte");
     luaL_argcheck(L, *name && !std::strchr(name, '='), 1,
@@ -47,30 +47,30 @@ int set_environment(lua_State* L)
 
 // Calls a function that returns what was wrong: true, or nil and that.
 template <typename Call>
-int push_call(lua_State* L, Call&& call)
+int PushCall(lua_State* L, Call&& call)
 {
     Failure failure;
-    const bool done = guarded(failure, [&] { failure.set(call()); });
-    return push_outcome(L, done, failure);
+    const bool done = Guarded(failure, [&] { failure.Set(call()); });
+    return PushOutcome(L, done, failure);
 }
 
-int make_directory(lua_State* L)
+int MakeDirectory(lua_State* L)
 {
     const char* path = check_path(L, 1);
-    return push_call(L, [&] { return VxaCore::Host::MakeDirectories(path); });
+    return PushCall(L, [&] { return VxaCore::Host::MakeDirectories(path); });
 }
 
-int file_kind(lua_State* L)
+int FileKind(lua_State* L)
 {
     const char* path = check_path(L, 1);
     const char* kind = nullptr;
     int error_number = 0;
     Failure failure;
-    if (!guarded(failure, [&] {
+    if (!Guarded(failure, [&] {
             kind = VxaCore::Host::FileKind(path);
             error_number = errno;
         }))
-        return push_failure(L, failure);
+        return PushFailure(L, failure);
     if (!kind && error_number != ENOENT) {
         lua_pushnil(L);
         lua_pushfstring(L, "%s: %s", path, std::strerror(error_number));
@@ -80,14 +80,14 @@ int file_kind(lua_State* L)
     return 1;
 }
 
-int is_terminal(lua_State* L)
+int IsTerminal(lua_State* L)
 {
     lua_pushboolean(L, isatty(luaL_checkint(L, 1)));
     return 1;
 }
 
 // Of the terminal that is standard output.
-int terminal_columns(lua_State* L)
+int TerminalColumns(lua_State* L)
 {
     winsize size{};
     if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return 0;
@@ -95,7 +95,7 @@ int terminal_columns(lua_State* L)
     return 1;
 }
 
-int effective_user(lua_State* L)
+int EffectiveUser(lua_State* L)
 {
     lua_pushnumber(L, geteuid());
     return 1;
@@ -104,18 +104,18 @@ int effective_user(lua_State* L)
 constexpr luaL_Reg kFunctions[] = {
     {"clock", read_clock<CLOCK_MONOTONIC>},
     {"time", read_clock<CLOCK_REALTIME>},
-    {"setenv", set_environment},
-    {"mkdir", make_directory},
-    {"file_kind", file_kind},
-    {"isatty", is_terminal},
-    {"terminal_columns", terminal_columns},
-    {"euid", effective_user},
+    {"setenv", SetEnvironment},
+    {"mkdir", MakeDirectory},
+    {"file_kind", FileKind},
+    {"isatty", IsTerminal},
+    {"terminal_columns", TerminalColumns},
+    {"euid", EffectiveUser},
     {nullptr, nullptr},
 };
 
 }  // namespace
 
-void open_system(lua_State* L)
+void OpenSystem(lua_State* L)
 {
     luaL_setfuncs(L, kFunctions, 0);
 }

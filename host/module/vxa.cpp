@@ -17,7 +17,7 @@ namespace {
 
 // Document keys and event texts outside ASCII convert only under a UTF-8 locale, and
 // numbers in settings are read with a point.
-bool set_locale()
+bool SetLocale()
 {
     std::setlocale(LC_NUMERIC, "C");
     return std::strcmp(nl_langinfo(CODESET), "UTF-8") == 0 ||
@@ -27,7 +27,7 @@ bool set_locale()
 // A process may start without its standard streams. The next file opened would take
 // their place and receive what is written to them: traces in a document's event log. Writing
 // to standard output fails as before: its loss must not pass for success.
-bool occupy_standard_descriptors()
+bool OccupyStandardDescriptors()
 {
     for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream)
         if (fcntl(stream, F_GETFD) < 0 &&
@@ -36,22 +36,22 @@ bool occupy_standard_descriptors()
     return true;
 }
 
-int open_module(lua_State* L)
+int OpenModule(lua_State* L)
 {
     lua_newtable(L);
-    register_owners(L);
-    open_document(L);
-    open_archive(L);
-    open_handle(L);
-    open_engine(L);
-    open_log(L);
-    open_json(L);
+    RegisterOwners(L);
+    OpenDocument(L);
+    OpenArchive(L);
+    OpenHandle(L);
+    OpenEngine(L);
+    OpenLog(L);
+    OpenJson(L);
     open_pending_file(L);
-    open_system(L);
-    open_text(L);
-    open_signals(L);
-    open_settings_file(L);
-    open_simulated_memory(L);
+    OpenSystem(L);
+    OpenText(L);
+    OpenSignals(L);
+    OpenSettingsFile(L);
+    OpenSimulatedMemory(L);
     lua_pushliteral(L, VXA_VERSION);
     lua_setfield(L, -2, "version");
     return 1;
@@ -64,10 +64,10 @@ int open_module(lua_State* L)
 extern "C" __attribute__((visibility("default"))) int luaopen_vxa(lua_State* L)
 {
     // Once a process: the second state may be on a thread of its own.
-    static const bool has_locale = vxa::set_locale();
-    static const bool has_streams = vxa::occupy_standard_descriptors();
-    if (!has_streams) return luaL_error(L, "/dev/null cannot be opened: %s", std::strerror(errno));
-    if (!has_locale) return luaL_error(L, "the locale C.UTF-8 is missing on this system");
+    static const bool kHasLocale = vxa::SetLocale();
+    static const bool kHasStreams = vxa::OccupyStandardDescriptors();
+    if (!kHasStreams) return luaL_error(L, "/dev/null cannot be opened: %s", std::strerror(errno));
+    if (!kHasLocale) return luaL_error(L, "the locale C.UTF-8 is missing on this system");
     VxaCore::Host::TakeGeneralLog();
-    return vxa::open_module(L);
+    return vxa::OpenModule(L);
 }

@@ -36,8 +36,8 @@ void Guarded(lua_State* L, Body&& body)
 // undefined; here they give what this platform's conversion instruction yields.
 inline std::int64_t TruncateToInt64(double value)
 {
-    constexpr double limit = 9223372036854775808.0;  // 2^63
-    return value >= -limit && value < limit ? static_cast<std::int64_t>(value) : INT64_MIN;
+    constexpr double kLimit = 9223372036854775808.0;  // 2^63
+    return value >= -kLimit && value < kLimit ? static_cast<std::int64_t>(value) : INT64_MIN;
 }
 
 }  // namespace fc

@@ -16,7 +16,7 @@ bool IsScalarValue(char32_t code_point)
 // they do not start with valid UTF-8 (RFC 3629).
 std::size_t DecodeUtf8(std::string_view bytes, char32_t* code_point)
 {
-    static constexpr char32_t smallest[] = {0, 0, 0x80, 0x800, 0x10000};
+    static constexpr char32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
     const auto lead = static_cast<unsigned char>(bytes[0]);
     const std::size_t length = lead < 0xc2 ? 0 : lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : 4;
     if (lead > 0xf4 || length == 0 || length > bytes.size()) return 0;
@@ -26,14 +26,14 @@ std::size_t DecodeUtf8(std::string_view bytes, char32_t* code_point)
         if ((byte & 0xc0) != 0x80) return 0;
         *code_point = *code_point << 6 | (byte & 0x3fu);
     }
-    return *code_point >= smallest[length] && IsScalarValue(*code_point) ? length : 0;
+    return *code_point >= kSmallest[length] && IsScalarValue(*code_point) ? length : 0;
 }
 
 void AppendUtf8(std::string* bytes, char32_t code_point)
 {
     int tail = code_point < 0x80 ? 0 : code_point < 0x800 ? 1 : code_point < 0x10000 ? 2 : 3;
-    static constexpr char32_t leads[] = {0, 0xc0, 0xe0, 0xf0};
-    *bytes += static_cast<char>(leads[tail] | code_point >> 6 * tail);
+    static constexpr char32_t kLeads[] = {0, 0xc0, 0xe0, 0xf0};
+    *bytes += static_cast<char>(kLeads[tail] | code_point >> 6 * tail);
     while (tail-- > 0) *bytes += static_cast<char>(0x80 | (code_point >> 6 * tail & 0x3f));
 }
 

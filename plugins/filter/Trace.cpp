@@ -27,7 +27,7 @@ public:
     Message(const Message&) = delete;
     Message& operator=(const Message&) = delete;
 
-    const wxString& text() const { return *m_text; }
+    const wxString& Text() const { return *m_text; }
 
 private:
     wxString m_composed;
@@ -43,7 +43,7 @@ void Log(wxLogLevel level, const TracePoint& at, const char* format, va_list arg
     if (!wxLog::IsLevelEnabled(level, wxString())) return;
     const Message message(format, arguments);
     try {
-        wxLog::OnLog(level, message.text(), {at.file, at.line, at.function, wxLOG_COMPONENT});
+        wxLog::OnLog(level, message.Text(), {at.file, at.line, at.function, wxLOG_COMPONENT});
     } catch (const std::exception&) {
         // The host's log has no memory for it. wxWidgets may raise std::logic_error then.
     }
@@ -63,7 +63,7 @@ void TraceV(const wxString& category, const TracePoint& at, const char* format, 
 {
     if (!VxaCore::LogTraceIsEnabled(category)) return;
     const Message message(format, arguments);
-    VxaCore::LogTrace(category, at.file, at.line, at.function, message.text());
+    VxaCore::LogTrace(category, at.file, at.line, at.function, message.Text());
 }
 
 void LogError(const TracePoint& at, const char* format, ...)

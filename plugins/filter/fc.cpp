@@ -93,15 +93,15 @@ int DisableNativeFirewall()
 // Traced also when an argument is then rejected: the log shows that scripts tried.
 int AddDriverDiagnostics(lua_State* L)
 {
-    constexpr const char* self = "AddDriverDiagnostics";
-    fc::Guarded(L, [self] { fc::Trace(s_Trace, {kSource, 80, self}, "%s", self); });
+    constexpr const char* kSelf = "AddDriverDiagnostics";
+    fc::Guarded(L, [kSelf] { fc::Trace(s_Trace, {kSource, 80, kSelf}, "%s", kSelf); });
     VxaCore::CDom* dom = fc::CheckDom(L, 1);
     vxi_handle_ops_s* handle = fc::CheckOpenDriverHandle(L, 2);
     VxaCore::CZipOutputStream* zip = fc::CheckZipOutputStream(L, 3);
     bool added = false;
     fc::Guarded(L, [&] {
         added = Filter::Diagnostics::AddDriverContent(dom, handle, *zip);
-        fc::Trace(s_Trace, {kSource, 102, self}, "AddDriverContent returned %d", added ? 1 : 0);
+        fc::Trace(s_Trace, {kSource, 102, kSelf}, "AddDriverContent returned %d", added ? 1 : 0);
     });
     lua_pushboolean(L, added);
     return 1;

@@ -9,8 +9,8 @@ const char* const kLoadModules =
 
 LuaHost::LuaHost()
 {
-    L = lua_newstate(Allocate, this);
-    luaL_openlibs(L);
+    l = lua_newstate(Allocate, this);
+    luaL_openlibs(l);
     Run("package.cpath = '" LIBRARY_DIR "/?.so'");
 }
 
@@ -22,8 +22,8 @@ LuaHost::~LuaHost()
 std::string LuaHost::Run(const std::string& chunk)
 {
     std::string error;
-    if (luaL_dostring(L, chunk.c_str()) != 0) error = lua_tostring(L, -1);
-    lua_settop(L, 0);
+    if (luaL_dostring(l, chunk.c_str()) != 0) error = lua_tostring(l, -1);
+    lua_settop(l, 0);
     return error;
 }
 
@@ -37,17 +37,17 @@ void LuaHost::FailAfter(long allowed)
 std::string LuaHost::CallFailing(int arguments, long allowed)
 {
     FailAfter(allowed);
-    const int status = lua_pcall(L, arguments, LUA_MULTRET, 0);
+    const int status = lua_pcall(l, arguments, LUA_MULTRET, 0);
     StopFailing();
-    const std::string error = status != LUA_OK ? lua_tostring(L, -1) : "";
-    lua_settop(L, 0);
+    const std::string error = status != LUA_OK ? lua_tostring(l, -1) : "";
+    lua_settop(l, 0);
     return error;
 }
 
 std::size_t LuaHost::Close()
 {
-    if (L != nullptr) lua_close(L);
-    L = nullptr;
+    if (l != nullptr) lua_close(l);
+    l = nullptr;
     return m_bytes;
 }
 

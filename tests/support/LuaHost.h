@@ -16,7 +16,7 @@ public:
     LuaHost(const LuaHost&) = delete;
     LuaHost& operator=(const LuaHost&) = delete;
 
-    lua_State* L = nullptr;
+    lua_State* l = nullptr;
 
     // Runs a chunk; the error's text, or empty.
     std::string Run(const std::string& chunk);

@@ -27,10 +27,10 @@ struct State {
     vxi_handle_ops_s handle{};
 };
 
-State& state()
+State& GlobalState()
 {
-    static State* const state = new State;
-    return *state;
+    static State* const kState = new State;
+    return *kState;
 }
 
 std::atomic<std::uint64_t> s_now_us{0};
@@ -53,27 +53,27 @@ T Nth(const std::map<std::string, std::vector<T>>& replies, const char* name, st
 Reply Record(const char* name, const vxi_handle_ops_s* handle, const void* bytes = nullptr,
              std::size_t size = 0, long number = 0, const void* extra = nullptr, int status = 0)
 {
-    const std::lock_guard<std::mutex> lock(state().mutex);
+    const std::lock_guard<std::mutex> lock(GlobalState().mutex);
     const std::string record(static_cast<const char*>(bytes), size);
-    state().calls.push_back({name, record, number, handle == nullptr, bytes, extra});
-    const std::size_t nth = state().made[name]++;
-    return {Nth(state().answers.statuses, name, nth, status),
-            Nth(state().answers.counts, name, nth, 0u), nth};
+    GlobalState().calls.push_back({name, record, number, handle == nullptr, bytes, extra});
+    const std::size_t nth = GlobalState().made[name]++;
+    return {Nth(GlobalState().answers.statuses, name, nth, status),
+            Nth(GlobalState().answers.counts, name, nth, 0u), nth};
 }
 
 }  // namespace
 
 void SetAnswers(const Answers& answers)
 {
-    const std::lock_guard<std::mutex> lock(state().mutex);
-    state().answers = answers;
-    state().made.clear();
+    const std::lock_guard<std::mutex> lock(GlobalState().mutex);
+    GlobalState().answers = answers;
+    GlobalState().made.clear();
 }
 
 std::vector<Call> TakeCalls()
 {
-    const std::lock_guard<std::mutex> lock(state().mutex);
-    return std::exchange(state().calls, {});
+    const std::lock_guard<std::mutex> lock(GlobalState().mutex);
+    return std::exchange(GlobalState().calls, {});
 }
 
 void SetClock(std::uint64_t now_us)
@@ -83,14 +83,16 @@ void SetClock(std::uint64_t now_us)
 
 }  // namespace driver
 
+using driver::GlobalState;
 using driver::Record;
 using driver::Reply;
-using driver::state;
+using driver::State;
 
 vxi_handle_ops_s* vxi_open(void)
 {
-    return Record("open", &state().handle, nullptr, 0, 0, nullptr, 1).status != 0 ? &state().handle
-                                                                                  : nullptr;
+    return Record("open", &GlobalState().handle, nullptr, 0, 0, nullptr, 1).status != 0
+               ? &GlobalState().handle
+               : nullptr;
 }
 
 void vxi_close(vxi_handle_ops_s* handle)
@@ -105,8 +107,8 @@ void vxi_close(vxi_handle_ops_s* handle)
 int vxi_get_error(vxi_handle_ops_s* handle, char* buffer, unsigned int size)
 {
     Record("get_error", handle, buffer, size, size);
-    const std::lock_guard<std::mutex> lock(state().mutex);
-    std::snprintf(buffer, size, "%s", state().answers.error.c_str());
+    const std::lock_guard<std::mutex> lock(GlobalState().mutex);
+    std::snprintf(buffer, size, "%s", GlobalState().answers.error.c_str());
     return 0;
 }
 
@@ -119,8 +121,8 @@ int vxi_get_scan_metrics(vxi_handle_ops_s* handle, scan_metrics_request* request
                          unsigned int length)
 {
     const Reply reply = Record("get_scan_metrics", handle, request, sizeof *request, length);
-    const std::lock_guard<std::mutex> lock(state().mutex);
-    const driver::Answers& answers = state().answers;
+    const std::lock_guard<std::mutex> lock(GlobalState().mutex);
+    const driver::Answers& answers = GlobalState().answers;
     request->counters = answers.counters;
     request->entries = answers.entries;
     std::copy(answers.values.begin(), answers.values.end(), request->counter);

@@ -27,14 +27,14 @@ struct Call {
 
 struct Answers {
     // By a call's name: what the first, the second ... returns, the last from then on. 0 where
-    // there is nothing; 1 of "open", which 0 makes fail, and of "driver_available".
+    // there is nothing; 1 of "open", which 0 makes fail, and of "kDriverAvailable".
     std::map<std::string, std::vector<int>> statuses;
     // Likewise the counts, sizes or values that it tells, true or not. It fills the room that it
-    // is given. Of "get_stats": 65536 * an offset in the record + the 16-bit word to stand there.
+    // is given. Of "kGetStats": 65536 * an offset in the record + the 16-bit word to stand there.
     std::map<std::string, std::vector<std::uint32_t>> counts;
     std::string error;
 
-    // Of "get_scan_metrics".
+    // Of "kGetScanMetrics".
     std::uint32_t counters = VXI_SCAN_COUNTERS;
     std::uint32_t entries = 1;
     std::array<std::uint64_t, VXI_SCAN_COUNTERS> values{};

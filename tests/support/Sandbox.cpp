@@ -100,8 +100,8 @@ const char* const kConfigLog = "/var/opt/vx_agent/diag/vx_filter_json.log";
 
 const std::string& Enter()
 {
-    static const std::string lacking = TryBuild();
-    return lacking;
+    static const std::string kLacking = TryBuild();
+    return kLacking;
 }
 
 std::string Path(const std::string& name)

@@ -10,7 +10,7 @@ public:
     ScratchDirectory(const ScratchDirectory&) = delete;
     ScratchDirectory& operator=(const ScratchDirectory&) = delete;
 
-    std::string path(const std::string& name) const { return m_path + "/" + name; }
+    std::string Path(const std::string& name) const { return m_path + "/" + name; }
 
 private:
     std::string m_path;

@@ -19,9 +19,9 @@ namespace VxaCore::Host {
 
 namespace {
 
-constexpr size_t kMostEntries = 10000;
-constexpr size_t kLongestName = 4096;  // as long as paths get
-constexpr size_t kChunkBytes = 65536;
+constexpr std::size_t kMostEntries = 10000;
+constexpr std::size_t kLongestName = 4096;  // as long as paths get
+constexpr std::size_t kChunkBytes = 65536;
 constexpr off_t kSmallestArchive = 22;  // the record that ends every archive
 
 constexpr const char* kNoArchive = "no zip archive, or a part of one";
@@ -39,7 +39,7 @@ public:
         // Reads the directory's own record, which tells an archive from other files.
         m_count = m_zip.GetTotalEntries();
         if (m_zip.GetLastError() != wxSTREAM_NO_ERROR) Fail(kNoArchive);
-        if (m_count < 0 || static_cast<size_t>(m_count) > kMostEntries)
+        if (m_count < 0 || static_cast<std::size_t>(m_count) > kMostEntries)
             Fail("has more than " + std::to_string(kMostEntries) + " entries");
     }
 
@@ -112,7 +112,7 @@ std::string Reader::Read(wxZipEntry& entry, std::uint64_t most_bytes)
     const auto declared = static_cast<std::uint64_t>(entry.GetSize());
     std::vector<char> chunk(kChunkBytes);
     std::string bytes;
-    while (const size_t got = m_zip.Read(chunk.data(), chunk.size()).LastRead()) {
+    while (const std::size_t got = m_zip.Read(chunk.data(), chunk.size()).LastRead()) {
         bytes.append(chunk.data(), got);
         if (bytes.size() > declared) Fail(what + " is damaged: longer than declared");
     }
@@ -149,10 +149,10 @@ std::vector<ArchiveEntry> ListArchive(const std::string& path)
 
 std::vector<ArchiveEntry> ListArchive(const PendingFile& file)
 {
-    FileDescriptor own(fcntl(file.descriptor(), F_DUPFD_CLOEXEC, 0));
+    FileDescriptor own(fcntl(file.Descriptor(), F_DUPFD_CLOEXEC, 0));
     if (!own || lseek(own.get(), 0, SEEK_SET) != 0)
-        throw std::runtime_error("cannot read " + file.path() + ": " + ErrorText(errno));
-    Reader reader(file.path(), std::move(own));
+        throw std::runtime_error("cannot read " + file.Path() + ": " + ErrorText(errno));
+    Reader reader(file.Path(), std::move(own));
     return List(reader);
 }
 

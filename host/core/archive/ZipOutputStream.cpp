@@ -11,8 +11,8 @@
 #include <wx/zipstrm.h>
 
 #include "files/File.h"
-#include "log/LogSink.h"
 #include "files/Text.h"
+#include "log/LogSink.h"
 #include "vxa_core/archive.h"
 
 template struct SLB3::policy::NoDelete::Implementation<VxaCore::CZipOutputStream>;
@@ -21,7 +21,7 @@ namespace VxaCore {
 
 namespace {
 
-constexpr size_t kChunkBytes = 65536;
+constexpr std::size_t kChunkBytes = 65536;
 constexpr int kCompressionLevel = 6;
 
 // The zip writer emits headers a few bytes at a time. wxWidgets' own file streams report
@@ -43,10 +43,10 @@ public:
         return m_errno == 0;
     }
 
-    int error_number() const { return m_errno; }
+    int ErrorNumber() const { return m_errno; }
 
 protected:
-    size_t OnSysWrite(const void* bytes, size_t size) override
+    std::size_t OnSysWrite(const void* bytes, std::size_t size) override
     {
         if (m_buffer.size() + size > kChunkBytes && !Flush()) return Refuse();
         const auto* first = static_cast<const char*>(bytes);
@@ -63,13 +63,13 @@ private:
         return m_errno == 0;
     }
 
-    size_t Fail()
+    std::size_t Fail()
     {
         m_errno = errno;
         return Refuse();
     }
 
-    size_t Refuse()
+    std::size_t Refuse()
     {
         m_lasterror = wxSTREAM_WRITE_ERROR;
         return 0;
@@ -98,7 +98,7 @@ bool Writer::Copy(wxInputStream& in)
 {
     std::vector<char> chunk(kChunkBytes);
     for (;;) {
-        const size_t got = in.Read(chunk.data(), chunk.size()).LastRead();
+        const std::size_t got = in.Read(chunk.data(), chunk.size()).LastRead();
         if (got > 0 && zip.Write(chunk.data(), got).LastWrite() != got) return false;
         // Neither bytes nor an end: an input that is stuck must not hold us for ever.
         if (in.GetLastError() != wxSTREAM_NO_ERROR || got == 0)
@@ -110,7 +110,7 @@ bool Writer::Copy(wxInputStream& in)
 
 struct CZipOutputStream::Archive::Content {
     // Throws the reason in errno for a file that could not be opened.
-    Content(const std::string& path_, FileDescriptor file) : path(path_)
+    Content(const std::string& archive_path, FileDescriptor file) : path(archive_path)
     {
         if (!file) throw std::runtime_error("cannot write " + path + ": " + ErrorText(errno));
         writer = std::make_unique<Writer>(std::move(file));
@@ -124,7 +124,7 @@ struct CZipOutputStream::Archive::Content {
     void FailToWrite(const FileSink& sink)
     {
         Fail("cannot write " + path + ": " +
-             (sink.error_number() ? ErrorText(sink.error_number()) : "zip writer failed"));
+             (sink.ErrorNumber() ? ErrorText(sink.ErrorNumber()) : "zip writer failed"));
     }
 
     std::string path;
@@ -141,8 +141,8 @@ std::unique_ptr<CZipOutputStream::Archive> CZipOutputStream::Archive::Create(
     const std::string& path)
 {
     // A FIFO without a reader fails instead of holding us up.
-    constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-    FileDescriptor file(open(path.c_str(), flags, 0600));
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    FileDescriptor file(open(path.c_str(), kFlags, 0600));
     if (file) fcntl(file.get(), F_SETFL, 0);
     return std::unique_ptr<Archive>(new Archive(std::make_unique<Content>(path, std::move(file))));
 }
@@ -150,9 +150,9 @@ std::unique_ptr<CZipOutputStream::Archive> CZipOutputStream::Archive::Create(
 std::unique_ptr<CZipOutputStream::Archive> CZipOutputStream::Archive::Create(
     const Host::PendingFile& file)
 {
-    FileDescriptor own(fcntl(file.descriptor(), F_DUPFD_CLOEXEC, 0));
+    FileDescriptor own(fcntl(file.Descriptor(), F_DUPFD_CLOEXEC, 0));
     return std::unique_ptr<Archive>(
-        new Archive(std::make_unique<Content>(file.path(), std::move(own))));
+        new Archive(std::make_unique<Content>(file.Path(), std::move(own))));
 }
 
 CZipOutputStream::Archive::~Archive()
@@ -178,7 +178,7 @@ bool CZipOutputStream::Archive::Add(wxInputStream& in, bool text, const wxString
     entry->SetComment(comment);
     const bool copied = writer.zip.PutNextEntry(entry.release()) && writer.Copy(in);
     const bool ended = writer.zip.CloseEntry() && writer.zip.IsOk();
-    to.broken = !ended || writer.sink.error_number() != 0;
+    to.broken = !ended || writer.sink.ErrorNumber() != 0;
     if (to.broken)
         to.FailToWrite(writer.sink);
     else if (!copied)

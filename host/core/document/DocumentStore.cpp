@@ -67,9 +67,9 @@ void KeepNumbersExact(cJSON* parent)
 JsonItem ReadDocument(const StateDirectory& directory)
 {
     const std::string text = directory.ReadDocument();
-    const std::string name = directory.path() + "/document.json";
+    const std::string name = directory.Path() + "/document.json";
     if (text.empty()) return Checked(cJSON_CreateObject());
-    size_t stop = 0;
+    std::size_t stop = 0;
     JsonItem document = ParseJson(text, stop);
     if (!document) {
         const JsonPlace place = PlaceOf(text, stop);
@@ -142,7 +142,7 @@ std::string EventLine(const Event& event)
 
 bool ParseEvent(const std::string& line, Event& event)
 {
-    size_t stop = 0;
+    std::size_t stop = 0;
     const JsonItem item = ParseJson(line, stop);
     const cJSON* time = cJSON_GetObjectItemCaseSensitive(item.get(), "time");
     const cJSON* id = cJSON_GetObjectItemCaseSensitive(item.get(), "id");
@@ -152,11 +152,11 @@ bool ParseEvent(const std::string& line, Event& event)
     return true;
 }
 
-std::vector<Event> ParseEvents(const std::string& text, size_t& unreadable)
+std::vector<Event> ParseEvents(const std::string& text, std::size_t& unreadable)
 {
     std::vector<Event> events;
-    for (size_t start = 0; start < text.size();) {
-        const size_t end = std::min(text.find('\n', start), text.size());
+    for (std::size_t start = 0; start < text.size();) {
+        const std::size_t end = std::min(text.find('\n', start), text.size());
         Event event;
         if (ParseEvent(text.substr(start, end - start), event))
             events.push_back(std::move(event));
@@ -232,7 +232,7 @@ std::string CDom::Store::StoreEvents()
     if (!m_content->directory) return {};
     std::vector<Event>& waiting = m_content->events;
     std::string problem;
-    size_t stored = 0;
+    std::size_t stored = 0;
     while (stored < waiting.size() && problem.empty()) {
         problem = m_content->directory->AppendEvent(EventLine(waiting[stored]));
         stored += problem.empty();
@@ -241,7 +241,7 @@ std::string CDom::Store::StoreEvents()
     return problem;
 }
 
-std::vector<Event> CDom::Store::Events(size_t& unreadable) const
+std::vector<Event> CDom::Store::Events(std::size_t& unreadable) const
 {
     const std::lock_guard<std::mutex> lock(m_content->mutex);
     unreadable = 0;

@@ -3,8 +3,8 @@
 #include <wx/log.h>
 
 #include "document/EventFormat.h"
-#include "log/LogSink.h"
 #include "files/Text.h"
+#include "log/LogSink.h"
 #include "vxa_core/document.h"
 
 template struct SLB3::policy::NoDelete::Implementation<VxaCore::CDom>;
@@ -53,7 +53,7 @@ wxString CDom::DecodeUtf8(const char* text)
                               : wxString::From8BitData(bytes.data(), bytes.size());
 }
 
-wxString CDom::FittingFormat(const wxString& format, size_t arguments)
+wxString CDom::FittingFormat(const wxString& format, std::size_t arguments)
 {
     return KeepConversions(format, arguments);
 }

@@ -11,31 +11,31 @@ namespace {
 
 // One conversion, in the parts that printf(3) names.
 struct Conversion {
-    size_t length;    // from the "%" on
-    size_t consumed;  // arguments it takes in their order ("%*d" takes two)
-    size_t highest;   // highest number of a numbered argument, else 0
-    bool complete;    // ends in a conversion letter
+    std::size_t length;    // from the "%" on
+    std::size_t consumed;  // arguments it takes in their order ("%*d" takes two)
+    std::size_t highest;   // highest number of a numbered argument, else 0
+    bool complete;         // ends in a conversion letter
 };
 
 // Reads digits; true when a "$" follows them, which is then skipped as well.
-bool SkipNumber(std::wstring_view text, size_t& at, size_t& number)
+bool SkipNumber(std::wstring_view text, std::size_t& at, std::size_t& number)
 {
     for (number = 0; at < text.size() && text[at] >= L'0' && text[at] <= L'9'; ++at)
-        number = number < 100000 ? number * 10 + static_cast<size_t>(text[at] - L'0') : number;
+        number = number < 100000 ? number * 10 + static_cast<std::size_t>(text[at] - L'0') : number;
     if (number == 0 || at >= text.size() || text[at] != L'$') return false;
     ++at;
     return true;
 }
 
-void SkipAnyOf(std::wstring_view text, size_t& at, std::wstring_view set)
+void SkipAnyOf(std::wstring_view text, std::size_t& at, std::wstring_view set)
 {
     at = std::min(text.find_first_not_of(set, at), text.size());
 }
 
 // A width or precision: digits, or "*" for an argument.
-void ReadSize(std::wstring_view text, size_t& at, Conversion& conversion)
+void ReadSize(std::wstring_view text, std::size_t& at, Conversion& conversion)
 {
-    size_t number = 0;
+    std::size_t number = 0;
     if (at < text.size() && text[at] == L'*') {
         ++at;
         if (SkipNumber(text, at, number))
@@ -51,8 +51,8 @@ void ReadSize(std::wstring_view text, size_t& at, Conversion& conversion)
 Conversion Read(std::wstring_view text)
 {
     Conversion conversion{0, 0, 0, false};
-    size_t at = 1;
-    size_t number = 0;
+    std::size_t at = 1;
+    std::size_t number = 0;
     const bool numbered = SkipNumber(text, at, number);
     if (numbered)
         conversion.highest = number;
@@ -82,13 +82,13 @@ wxString WithoutArguments(const wxString& format)
     return text;
 }
 
-wxString KeepConversions(const wxString& format, size_t arguments)
+wxString KeepConversions(const wxString& format, std::size_t arguments)
 {
     std::wstring_view rest(format.wc_str(), format.length());
     std::wstring kept;
-    size_t used = 0;
+    std::size_t used = 0;
     while (!rest.empty()) {
-        size_t length = std::min(rest.find(L'%'), rest.size());
+        std::size_t length = std::min(rest.find(L'%'), rest.size());
         if (length == 0 && IsDoubled(rest)) {
             length = 2;
         } else if (length == 0) {

@@ -13,6 +13,6 @@ wxString WithoutArguments(const wxString& format);
 
 // The format with every conversion that `arguments` do not reach escaped to stand as
 // it is. Numbered conversions ("%2$s") beyond the arguments are escaped likewise.
-wxString KeepConversions(const wxString& format, size_t arguments);
+wxString KeepConversions(const wxString& format, std::size_t arguments);
 
 }  // namespace VxaCore

@@ -24,13 +24,13 @@ using JsonText = std::unique_ptr<char, JsonTextDelete>;
 
 // Parses one value with nothing but white space after it; null when it is none.
 // `text` must end in a NUL just behind it. `stop` is where reading failed.
-JsonItem ParseJson(std::string_view text, size_t& stop);
+JsonItem ParseJson(std::string_view text, std::size_t& stop);
 
 // Both from 1; columns in characters.
 struct JsonPlace {
     std::ptrdiff_t line;
     std::ptrdiff_t column;
 };
-JsonPlace PlaceOf(std::string_view text, size_t position);
+JsonPlace PlaceOf(std::string_view text, std::size_t position);
 
 }  // namespace VxaCore

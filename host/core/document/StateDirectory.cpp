@@ -45,9 +45,9 @@ std::string HolderName(int lock_fd)
 // systems have no modes.
 void KeepForOwner(int file, const struct stat& status)
 {
-    constexpr mode_t owner = S_IRUSR | S_IWUSR;
-    if (status.st_uid == geteuid() && (status.st_mode & owner) != owner)
-        (void)fchmod(file, (status.st_mode & 07777) | owner);
+    constexpr mode_t kOwner = S_IRUSR | S_IWUSR;
+    if (status.st_uid == geteuid() && (status.st_mode & kOwner) != kOwner)
+        (void)fchmod(file, (status.st_mode & 07777) | kOwner);
 }
 
 }  // namespace
@@ -95,10 +95,10 @@ void StateDirectory::MendEvents()
 {
     if (fsync(m_directory.get()) != 0) throw std::runtime_error(Failure("cannot write", kEvents));
     const std::string text = ReadEvents();
-    const size_t complete = text.rfind('\n') + 1;  // 0 without any line feed
-    m_events_size = static_cast<long long>(complete);
+    const std::size_t complete = text.rfind('\n') + 1;  // 0 without any line feed
+    m_eventsSize = static_cast<long long>(complete);
     if (complete == text.size()) return;
-    if (ftruncate(m_events.get(), m_events_size) != 0)
+    if (ftruncate(m_events.get(), m_eventsSize) != 0)
         throw std::runtime_error(Failure("cannot mend", kEvents));
     wxLogWarning("%s/%s: removed an unfinished last record of %zu bytes",
                  wxString::FromUTF8(CleanUtf8(m_path.c_str()).c_str()), kEvents,
@@ -191,11 +191,11 @@ std::string StateDirectory::AppendEvent(const std::string& line)
 {
     const auto line_size = static_cast<long long>(line.size());
     if (WriteFully(m_events.get(), line) && fdatasync(m_events.get()) == 0) {
-        m_events_size += line_size;
+        m_eventsSize += line_size;
         return {};
     }
     std::string problem = Failure("cannot write", kEvents);
-    if (ftruncate(m_events.get(), m_events_size) != 0)
+    if (ftruncate(m_events.get(), m_eventsSize) != 0)
         problem += "; " + Failure("cannot mend", kEvents);
     return problem;
 }

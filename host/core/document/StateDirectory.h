@@ -28,7 +28,7 @@ public:
     // Text of events.jsonl. Throws std::runtime_error.
     std::string ReadEvents() const;
 
-    const std::string& path() const { return m_path; }
+    const std::string& Path() const { return m_path; }
 
 private:
     void Lock();
@@ -45,7 +45,7 @@ private:
     FileDescriptor m_directory;
     FileDescriptor m_lock;
     FileDescriptor m_events;
-    long long m_events_size = 0;
+    long long m_eventsSize = 0;
 };
 
 }  // namespace VxaCore

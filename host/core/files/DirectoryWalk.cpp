@@ -38,7 +38,7 @@ public:
     }
 
     // What kept it from being opened.
-    const std::string& problem() const { return m_problem; }
+    const std::string& Problem() const { return m_problem; }
 
 private:
     bool Enter(const std::string& path);
@@ -87,7 +87,7 @@ bool DirectoryWalk::Enter(const std::string& path)
 
 bool DirectoryWalk::TakeComponent(std::string& rest)
 {
-    const size_t end = std::min(rest.find('/'), rest.size());
+    const std::size_t end = std::min(rest.find('/'), rest.size());
     const std::string name = rest.substr(0, end);
     rest.erase(0, end + 1);
     return name.empty() || Step(name, rest);
@@ -95,11 +95,11 @@ bool DirectoryWalk::TakeComponent(std::string& rest)
 
 bool DirectoryWalk::Step(const std::string& name, std::string& rest)
 {
-    constexpr int unfollowed = O_PATH | O_NOFOLLOW | O_CLOEXEC;
-    FileDescriptor next(openat(m_at.get(), name.c_str(), unfollowed));
+    constexpr int kUnfollowed = O_PATH | O_NOFOLLOW | O_CLOEXEC;
+    FileDescriptor next(openat(m_at.get(), name.c_str(), kUnfollowed));
     if (!next && errno == ENOENT && m_missing == Missing::kMade) {
         if (!Make(name)) return false;
-        next = FileDescriptor(openat(m_at.get(), name.c_str(), unfollowed));
+        next = FileDescriptor(openat(m_at.get(), name.c_str(), kUnfollowed));
     }
     struct stat status;
     if (!next || fstat(next.get(), &status) != 0) return Fail(name);
@@ -116,14 +116,14 @@ bool DirectoryWalk::Make(const std::string& name)
     const auto fail = [&] {
         return Fail(errno, "cannot make directory " + PathOf(name) + ": " + ErrorText(errno));
     };
-    constexpr mode_t mode = 0755;
-    if (mkdirat(m_at.get(), name.c_str(), mode) != 0) return errno == EEXIST || fail();
-    constexpr int flags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-    const FileDescriptor made(openat(m_at.get(), name.c_str(), flags));
+    constexpr mode_t kMode = 0755;
+    if (mkdirat(m_at.get(), name.c_str(), kMode) != 0) return errno == EEXIST || fail();
+    constexpr int kFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    const FileDescriptor made(openat(m_at.get(), name.c_str(), kFlags));
     struct stat status;
     if (!made || fstat(made.get(), &status) != 0) return fail();
     const mode_t special = status.st_mode & 07000;
-    return (status.st_mode & 0777) == mode || SetMode(made.get(), special | mode) || fail();
+    return (status.st_mode & 0777) == kMode || SetMode(made.get(), special | kMode) || fail();
 }
 
 // In a folder that others can change, a link of theirs would lead the caller, who may be root,
@@ -144,7 +144,7 @@ bool DirectoryWalk::Follow(int link, const struct stat& status, const std::strin
     char target[PATH_MAX];
     const ssize_t length = readlinkat(link, "", target, sizeof target);
     if (length <= 0 || length == sizeof target) return Fail(name);
-    rest = std::string(target, static_cast<size_t>(length)) + "/" + rest;
+    rest = std::string(target, static_cast<std::size_t>(length)) + "/" + rest;
     return Start(rest);
 }
 
@@ -164,7 +164,7 @@ FileDescriptor OpenDirectory(const std::string& path, Missing missing, std::stri
 {
     DirectoryWalk walk(missing);
     FileDescriptor directory = walk.Open(path);
-    problem = walk.problem();
+    problem = walk.Problem();
     return directory;
 }
 

@@ -24,7 +24,7 @@ bool WriteFully(int fd, std::string_view bytes)
     while (!bytes.empty()) {
         const ssize_t written = ::write(fd, bytes.data(), bytes.size());
         if (written < 0 && errno != EINTR) return false;
-        if (written > 0) bytes.remove_prefix(static_cast<size_t>(written));
+        if (written > 0) bytes.remove_prefix(static_cast<std::size_t>(written));
     }
     return true;
 }
@@ -32,17 +32,17 @@ bool WriteFully(int fd, std::string_view bytes)
 bool ReadFully(int fd, std::string& bytes)
 {
     // A sparse file costs nobody anything, and its bytes would cost us the machine's memory.
-    constexpr size_t most_bytes = 64 << 20;
+    constexpr std::size_t kMostBytes = 64 << 20;
     char chunk[16384];
     bytes.clear();
     for (;;) {
         const ssize_t got = pread(fd, chunk, sizeof chunk, static_cast<off_t>(bytes.size()));
-        if (got > 0 && bytes.size() >= most_bytes) {
+        if (got > 0 && bytes.size() >= kMostBytes) {
             errno = EFBIG;
             return false;
         }
         if (got > 0)
-            bytes.append(chunk, static_cast<size_t>(got));
+            bytes.append(chunk, static_cast<std::size_t>(got));
         else if (got == 0)
             return true;
         else if (errno != EINTR)
@@ -69,8 +69,8 @@ const char* WrongKind(const struct stat& status)
 
 FileDescriptor OpenRegular(int directory, const char* name, int flags, std::string& reason)
 {
-    constexpr int careful = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-    FileDescriptor file(openat(directory, name, flags | careful, 0644));
+    constexpr int kCareful = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    FileDescriptor file(openat(directory, name, flags | kCareful, 0644));
     int cause = errno;
     // The system's own words for a link or a directory in the way mislead or are missing.
     struct stat status;

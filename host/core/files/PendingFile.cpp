@@ -87,7 +87,7 @@ struct PendingFile::State {
 
 void PendingFile::State::OpenFolder()
 {
-    const size_t slash = path.rfind('/');
+    const std::size_t slash = path.rfind('/');
     name = path.substr(slash + 1);  // all of it without a slash
     const std::string where = slash == path.npos ? "." : path.substr(0, slash + 1);
     std::string problem = ErrorText(EISDIR);
@@ -113,8 +113,8 @@ bool PendingFile::State::Has(const std::string& some_name) const
 bool PendingFile::State::CreatePart(int number)
 {
     const std::string part_name = PartName(number);
-    constexpr int flags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-    file = FileDescriptor(openat(folder.get(), part_name.c_str(), flags, kMode));
+    constexpr int kFlags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+    file = FileDescriptor(openat(folder.get(), part_name.c_str(), kFlags, kMode));
     if (!file) return false;
     (void)flock(file.get(), LOCK_EX | LOCK_NB);
     if (Has(part_name)) return true;
@@ -200,12 +200,12 @@ PendingFile::~PendingFile()
     m_state->RemovePart();
 }
 
-const std::string& PendingFile::path() const
+const std::string& PendingFile::Path() const
 {
     return m_state->path;
 }
 
-int PendingFile::descriptor() const
+int PendingFile::Descriptor() const
 {
     return m_state->file.get();
 }

@@ -12,7 +12,7 @@ namespace VxaCore {
 
 namespace {
 
-constexpr size_t kHexRowBytes = 16;
+constexpr std::size_t kHexRowBytes = 16;
 constexpr char kReplacement[] = "\xEF\xBF\xBD";  // U+FFFD
 
 void AppendCodePoint(std::string& out, char32_t c)
@@ -38,17 +38,21 @@ void AppendCodePoint(std::string& out, char32_t c)
 
 // Length of the well-formed sequence at the start of a non-empty text; 0 when there is
 // none. The bounds of the second byte exclude overlong forms and surrogates.
-size_t SequenceLength(std::string_view text)
+std::size_t SequenceLength(std::string_view text)
 {
-    const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
+    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
     const unsigned char lead = byte(0);
     if (lead < 0x80) return lead == 0 ? 0 : 1;
-    const size_t length = lead < 0xC2 ? 0 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : lead < 0xF5 ? 4 : 0;
+    const std::size_t length = lead < 0xC2   ? 0
+                               : lead < 0xE0 ? 2
+                               : lead < 0xF0 ? 3
+                               : lead < 0xF5 ? 4
+                                             : 0;
     if (length == 0 || text.size() < length) return 0;
     const unsigned char low = lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
     const unsigned char high = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;
     if (byte(1) < low || byte(1) > high) return 0;
-    for (size_t i = 2; i < length; ++i)
+    for (std::size_t i = 2; i < length; ++i)
         if ((byte(i) & 0xC0) != 0x80) return 0;
     return length;
 }
@@ -60,9 +64,9 @@ bool IsControl(char c)
 
 void AppendEscaped(std::string& out, const char* prefix, char c)
 {
-    constexpr char digits[] = "0123456789abcdef";
+    constexpr char kDigits[] = "0123456789abcdef";
     const auto byte = static_cast<unsigned char>(c);
-    ((out += prefix) += digits[byte >> 4]) += digits[byte & 0xF];
+    ((out += prefix) += kDigits[byte >> 4]) += kDigits[byte & 0xF];
 }
 
 // C1 controls; marks, embeddings and isolates of direction with the characters of no
@@ -79,7 +83,7 @@ bool IsUnsafe(char32_t c)
 char32_t CodePoint(std::string_view sequence)
 {
     char32_t value = static_cast<unsigned char>(sequence[0]) & (0x7Fu >> sequence.size());
-    for (size_t i = 1; i < sequence.size(); ++i)
+    for (std::size_t i = 1; i < sequence.size(); ++i)
         value = value << 6 | (static_cast<unsigned char>(sequence[i]) & 0x3Fu);
     return value;
 }
@@ -95,9 +99,10 @@ bool IsPrintable(std::string_view sequence, bool multiline)
 void AppendHexRow(std::string& out, std::string_view row, std::uint64_t offset)
 {
     char place[20];
-    out.append(place, static_cast<size_t>(std::snprintf(place, sizeof place, "%08llx  ",
-                                                        static_cast<unsigned long long>(offset))));
-    for (size_t i = 0; i < kHexRowBytes; ++i) {
+    out.append(place,
+               static_cast<std::size_t>(std::snprintf(place, sizeof place, "%08llx  ",
+                                                      static_cast<unsigned long long>(offset))));
+    for (std::size_t i = 0; i < kHexRowBytes; ++i) {
         if (i < row.size())
             AppendEscaped(out, "", row[i]);
         else
@@ -116,7 +121,8 @@ std::string ToUtf8(const wxString& text)
     std::string out;
     out.reserve(text.length());
     const wchar_t* wide = text.wc_str();
-    for (size_t i = 0; i < text.length(); ++i) AppendCodePoint(out, static_cast<char32_t>(wide[i]));
+    for (std::size_t i = 0; i < text.length(); ++i)
+        AppendCodePoint(out, static_cast<char32_t>(wide[i]));
     return out;
 }
 
@@ -125,7 +131,7 @@ std::string CleanUtf8(const char* bytes)
     std::string out;
     std::string_view rest = bytes ? bytes : "";
     while (!rest.empty()) {
-        const size_t length = SequenceLength(rest);
+        const std::size_t length = SequenceLength(rest);
         if (length == 0)
             out += kReplacement;
         else
@@ -138,7 +144,7 @@ std::string CleanUtf8(const char* bytes)
 bool IsPlainUtf8(std::string_view bytes)
 {
     while (!bytes.empty()) {
-        const size_t length = SequenceLength(bytes);
+        const std::size_t length = SequenceLength(bytes);
         if (length == 0) return false;
         bytes.remove_prefix(length);
     }
@@ -189,8 +195,8 @@ std::string Host::Printable(std::string_view bytes, bool multiline)
     std::string out;
     out.reserve(bytes.size());
     while (!bytes.empty()) {
-        const size_t length = SequenceLength(bytes);
-        const std::string_view taken = bytes.substr(0, std::max<size_t>(length, 1));
+        const std::size_t length = SequenceLength(bytes);
+        const std::string_view taken = bytes.substr(0, std::max<std::size_t>(length, 1));
         if (length > 0 && IsPrintable(taken, multiline))
             out += taken;
         else
@@ -203,7 +209,7 @@ std::string Host::Printable(std::string_view bytes, bool multiline)
 std::string Host::HexDump(std::string_view bytes, std::uint64_t offset)
 {
     std::string out;
-    for (size_t at = 0; at < bytes.size(); at += kHexRowBytes)
+    for (std::size_t at = 0; at < bytes.size(); at += kHexRowBytes)
         AppendHexRow(out, bytes.substr(at, kHexRowBytes), offset + at);
     return out;
 }

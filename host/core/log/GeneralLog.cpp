@@ -3,8 +3,8 @@
 #include <wx/log.h>
 #include <wx/thread.h>
 
-#include "log/LogSink.h"
 #include "files/Text.h"
+#include "log/LogSink.h"
 
 namespace VxaCore {
 

@@ -19,7 +19,7 @@ namespace VxaCore {
 
 namespace {
 
-constexpr size_t kCaptureLimit = 10000;
+constexpr std::size_t kCaptureLimit = 10000;
 
 struct Sink {
     std::mutex mutex;
@@ -32,7 +32,7 @@ struct Sink {
 };
 
 // Never destroyed: libraries log from static destructors too.
-Sink& sink()
+Sink& GlobalSink()
 {
     static Sink& instance = *new Sink;
     return instance;
@@ -86,7 +86,7 @@ std::string ClockText(double time_s)
     tm local;
     char text[32];
     localtime_r(&seconds, &local);
-    const size_t length = strftime(text, sizeof text, "%H:%M:%S", &local);
+    const std::size_t length = strftime(text, sizeof text, "%H:%M:%S", &local);
     std::snprintf(text + length, sizeof text - length, ".%03d ", milliseconds);
     return text;
 }
@@ -97,7 +97,7 @@ void ReportLostRecord(const char* reason) noexcept
 {
     char text[128];
     const int length = std::snprintf(text, sizeof text, "log record lost: %.80s\n", reason);
-    (void)WriteFully(STDERR_FILENO, {text, static_cast<size_t>(length)});
+    (void)WriteFully(STDERR_FILENO, {text, static_cast<std::size_t>(length)});
 }
 
 std::string JsonLine(const Host::LogRecord& record)
@@ -134,7 +134,7 @@ std::string ReadableLine(const Host::LogRecord& record)
 
 void WriteRecord(Host::LogRecord record)
 {
-    Sink& to = sink();
+    Sink& to = GlobalSink();
     const std::lock_guard<std::mutex> lock(to.mutex);
     if (to.fd >= 0) WriteToFile(to, record);
     if (to.capture)
@@ -150,16 +150,16 @@ bool LogTo(const std::string& path, std::string& error)
     int fd = -1;
     if (!path.empty()) {
         // A pipe that nobody reads loses records, to standard error, but holds up nobody.
-        constexpr int flags = O_APPEND | O_CREAT | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
+        constexpr int kFlags = O_APPEND | O_CREAT | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
         // Readable as well, to see how the last line ends; a pipe or terminal may not be.
-        fd = open(path.c_str(), O_RDWR | flags, 0640);
-        if (fd < 0) fd = open(path.c_str(), O_WRONLY | flags, 0640);
+        fd = open(path.c_str(), O_RDWR | kFlags, 0640);
+        if (fd < 0) fd = open(path.c_str(), O_WRONLY | kFlags, 0640);
         if (fd < 0) {
             error = "cannot write log file " + path + ": " + ErrorText(errno);
             return false;
         }
     }
-    Sink& to = sink();
+    Sink& to = GlobalSink();
     const std::lock_guard<std::mutex> lock(to.mutex);
     if (to.fd >= 0) close(to.fd);
     to.fd = fd;
@@ -170,14 +170,14 @@ bool LogTo(const std::string& path, std::string& error)
 
 void CaptureLog(bool on)
 {
-    Sink& to = sink();
+    Sink& to = GlobalSink();
     const std::lock_guard<std::mutex> lock(to.mutex);
     to.capture = on;
 }
 
 std::vector<LogRecord> TakeCaptured(std::uint64_t& dropped)
 {
-    Sink& to = sink();
+    Sink& to = GlobalSink();
     const std::lock_guard<std::mutex> lock(to.mutex);
     std::vector<LogRecord> taken(std::make_move_iterator(to.captured.begin()),
                                  std::make_move_iterator(to.captured.end()));

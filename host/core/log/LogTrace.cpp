@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "log/LogSink.h"
 #include "files/Text.h"
+#include "log/LogSink.h"
 
 namespace VxaCore {
 
@@ -24,7 +24,7 @@ struct Switches {
 };
 
 // Never destroyed: static destructors of other libraries still ask.
-Switches& switches()
+Switches& GlobalSwitches()
 {
     static Switches& instance = *new Switches;
     return instance;
@@ -97,7 +97,7 @@ void WriteTrace(const wxString& category, const char* file, int line, const char
 bool LogTraceIsEnabled(const wxString& category)
 {
     if (!s_any_on.load(std::memory_order_acquire)) return false;
-    Switches& all = switches();
+    Switches& all = GlobalSwitches();
     const std::lock_guard<std::mutex> lock(all.mutex);
     return IsOn(all.list, category.wc_str());
 }
@@ -117,7 +117,7 @@ namespace Host {
 
 void SwitchTrace(const wxString& pattern, bool on)
 {
-    Switches& all = switches();
+    Switches& all = GlobalSwitches();
     const std::lock_guard<std::mutex> lock(all.mutex);
     Apply(all.list, {pattern.ToStdWstring(), on});
     s_any_on.store(!all.list.empty(), std::memory_order_release);

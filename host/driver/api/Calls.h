@@ -6,22 +6,22 @@
 namespace vxi {
 
 enum class Call : unsigned {
-    open,
-    driver_available,
-    get_stats,
-    get_conntrack,
-    get_blacklist,
-    get_conn_states,
-    get_varv,
-    get_var,
-    set_var,
-    get_profile_stats,
-    set_scan_monitoring,
-    get_scan_metrics,
-    capabilities,
+    kOpen,
+    kDriverAvailable,
+    kGetStats,
+    kGetConntrack,
+    kGetBlacklist,
+    kGetConnStates,
+    kGetVarv,
+    kGetVar,
+    kSetVar,
+    kGetProfileStats,
+    kSetScanMonitoring,
+    kGetScanMetrics,
+    kCapabilities,
 };
 
-inline constexpr const char* call_names[] = {
+inline constexpr const char* kCallNames[] = {
     "vxi_open",
     "vxi_driver_available",
     "vxi_get_stats",
@@ -37,19 +37,19 @@ inline constexpr const char* call_names[] = {
     "vxi_capabilities",
 };
 
-inline constexpr unsigned call_count = sizeof call_names / sizeof *call_names;
-static_assert(call_count == static_cast<unsigned>(Call::capabilities) + 1, "one name a call");
+inline constexpr unsigned kCallCount = sizeof kCallNames / sizeof *kCallNames;
+static_assert(kCallCount == static_cast<unsigned>(Call::kCapabilities) + 1, "one name a call");
 
-constexpr const char* name_of(Call call)
+constexpr const char* NameOf(Call call)
 {
-    return call_names[static_cast<unsigned>(call)];
+    return kCallNames[static_cast<unsigned>(call)];
 }
 
 // False when no call has that name.
-inline bool find_call(std::string_view name, Call& call)
+inline bool FindCall(std::string_view name, Call& call)
 {
-    for (unsigned i = 0; i < call_count; ++i) {
-        if (name == call_names[i]) {
+    for (unsigned i = 0; i < kCallCount; ++i) {
+        if (name == kCallNames[i]) {
             call = static_cast<Call>(i);
             return true;
         }

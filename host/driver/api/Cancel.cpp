@@ -12,7 +12,7 @@ std::atomic<int (*)(void)> cancel_check{nullptr};
 
 }  // namespace
 
-bool is_cancelled()
+bool IsCancelled()
 {
     const auto check = cancel_check.load(std::memory_order_relaxed);
     return check && check() != 0;

@@ -4,6 +4,6 @@
 namespace vxi {
 
 // Whether the host wants the read that is going on to end.
-bool is_cancelled();
+bool IsCancelled();
 
 }  // namespace vxi

@@ -13,74 +13,74 @@ namespace vxi {
 
 namespace {
 
-int not_supported(vxi_handle_ops_s* handle)
+int NotSupported(vxi_handle_ops_s* handle)
 {
     BoundedText(handle->error)
-        .plain("not supported by engine ")
-        .plain(handle->operations->engine)
-        .plain(": ")
-        .plain(handle->operation);
+        .Plain("not supported by engine ")
+        .Plain(handle->operations->engine)
+        .Plain(": ")
+        .Plain(handle->operation);
     handle->explained = true;
     return -EOPNOTSUPP;
 }
 
 template <typename... Arguments>
-int unsupported(vxi_handle_ops_s* handle, Arguments...)
+int Unsupported(vxi_handle_ops_s* handle, Arguments...)
 {
-    return not_supported(handle);
+    return NotSupported(handle);
 }
 
-void nothing_to_close(vxi_handle_ops_s*) {}
+void NothingToClose(vxi_handle_ops_s*) {}
 
 // "Does the driver answer" has no error values of its own: it does not.
-int not_available(vxi_handle_ops_s* handle)
+int NotAvailable(vxi_handle_ops_s* handle)
 {
-    not_supported(handle);
+    NotSupported(handle);
     return 0;
 }
 
-int no_capabilities(vxi_handle_ops_s* handle, vxi_capability_s* rows, unsigned int count)
+int NoCapabilities(vxi_handle_ops_s* handle, vxi_capability_s* rows, unsigned int count)
 {
-    constexpr auto all = static_cast<unsigned int>(std::size(facility_names));
-    for (unsigned int i = 0; i < count && i < all; ++i) {
-        rows[i].name = facility_names[i];
+    constexpr auto kAll = static_cast<unsigned int>(std::size(kFacilityNames));
+    for (unsigned int i = 0; i < count && i < kAll; ++i) {
+        rows[i].name = kFacilityNames[i];
         rows[i].available = 0;
         std::snprintf(rows[i].detail, sizeof rows[i].detail, "not supported by engine %s",
                       handle->operations->engine);
     }
-    return static_cast<int>(all);
+    return static_cast<int>(kAll);
 }
 
 template <typename Slot>
-void fill(Slot& slot, std::common_type_t<Slot> answer)
+void Fill(Slot& slot, std::common_type_t<Slot> answer)
 {
     if (!slot) {
         slot = answer;
     }
 }
 
-Operations filled(const Engine& engine)
+Operations Filled(const Engine& engine)
 {
     Operations table = *engine.operations;
-    fill(table.engine, engine.name);
-    fill(table.close, nothing_to_close);
-    fill(table.available, not_available);
-    fill(table.get_stats, unsupported);
-    fill(table.get_conntrack, unsupported);
-    fill(table.get_blacklist, unsupported);
-    fill(table.get_conn_states, unsupported);
-    fill(table.get_variable, unsupported);
-    fill(table.set_variable, unsupported);
-    fill(table.get_profile_stats, unsupported);
-    fill(table.set_scan_monitoring, unsupported);
-    fill(table.get_scan_metrics, unsupported);
-    fill(table.capabilities, no_capabilities);
+    Fill(table.engine, engine.name);
+    Fill(table.close, NothingToClose);
+    Fill(table.available, NotAvailable);
+    Fill(table.get_stats, Unsupported);
+    Fill(table.get_conntrack, Unsupported);
+    Fill(table.get_blacklist, Unsupported);
+    Fill(table.get_conn_states, Unsupported);
+    Fill(table.get_variable, Unsupported);
+    Fill(table.set_variable, Unsupported);
+    Fill(table.get_profile_stats, Unsupported);
+    Fill(table.set_scan_monitoring, Unsupported);
+    Fill(table.get_scan_metrics, Unsupported);
+    Fill(table.capabilities, NoCapabilities);
     return table;
 }
 
 }  // namespace
 
-const Operations* complete(const Engine& engine)
+const Operations* Complete(const Engine& engine)
 {
     // Never destroyed: handles still open at exit point into it.
     static std::mutex& mutex = *new std::mutex;
@@ -88,7 +88,7 @@ const Operations* complete(const Engine& engine)
     const std::lock_guard<std::mutex> lock(mutex);
     const auto known = tables.find(&engine);
     return known != tables.end() ? &known->second
-                                 : &tables.emplace(&engine, filled(engine)).first->second;
+                                 : &tables.emplace(&engine, Filled(engine)).first->second;
 }
 
 }  // namespace vxi

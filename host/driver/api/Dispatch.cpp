@@ -20,91 +20,91 @@ using namespace vxi;
 
 namespace {
 
-constexpr const char* trace_source = "host/driver/api/Dispatch";
+constexpr const char* kTraceSource = "host/driver/api/Dispatch";
 
 // Left in a blacklist header by the size request and handed back with the fill, which is
 // how a fill of an empty list is told from another size request.
-constexpr std::uint32_t blacklist_snapshot = 1;
+constexpr std::uint32_t kBlacklistSnapshot = 1;
 
-bool scripted(vxi_handle_ops_s* handle, Call call, int& status)
+bool Scripted(vxi_handle_ops_s* handle, Call call, int& status)
 {
     fault::Answer answer;
-    if (!fault::scripted.load(std::memory_order_acquire) || !fault::next_answer(call, answer)) {
+    if (!fault::scripted.load(std::memory_order_acquire) || !fault::NextAnswer(call, answer)) {
         return false;
     }
     status = answer.status;
     // Callers take any other status than 0 for a failure, and then ask for the text.
-    const bool is_answer = call == Call::driver_available && status > 0;
+    const bool is_answer = call == Call::kDriverAvailable && status > 0;
     if (!is_answer) {
-        fail(handle, status, "%s", answer.text[0] ? answer.text : StatusWords(status).text());
+        Fail(handle, status, "%s", answer.text[0] ? answer.text : StatusWords(status).Text());
     }
     return true;
 }
 
 // No exception of an engine reaches callers, whose frames need not know C++.
 template <typename Body>
-int guarded(vxi_handle_ops_s* handle, Body& body)
+int Guarded(vxi_handle_ops_s* handle, Body& body)
 try {
     return body();
 } catch (const std::bad_alloc&) {
-    return fail(handle, -ENOMEM, "out of memory");
+    return Fail(handle, -ENOMEM, "out of memory");
 } catch (const Error& error) {
-    return fail(handle, error.Status(), "%s", error.what());
+    return Fail(handle, error.Status(), "%s", error.what());
 } catch (const std::exception& error) {
-    return fail(handle, -EIO, "%s", error.what());
+    return Fail(handle, -EIO, "%s", error.what());
 }
 
-void finish(vxi_handle_ops_s* handle, Call call, int status)
+void Finish(vxi_handle_ops_s* handle, Call call, int status)
 {
     if (status >= 0) {
         if (fault::scripted.load(std::memory_order_acquire)) {
-            fault::note_success(call);
+            fault::NoteSuccess(call);
         }
-        trace(handle, 3, trace_source, name_of(call), __LINE__, "status %d", status);
+        Trace(handle, 3, kTraceSource, NameOf(call), __LINE__, "status %d", status);
         return;
     }
     if (!handle->explained) {
-        fail(handle, status, "%s", StatusWords(status).text());
+        Fail(handle, status, "%s", StatusWords(status).Text());
     }
-    trace(handle, 1, trace_source, name_of(call), __LINE__, "status %d: %s", status, handle->error);
+    Trace(handle, 1, kTraceSource, NameOf(call), __LINE__, "status %d: %s", status, handle->error);
 }
 
 template <typename Body>
-int perform(vxi_handle_ops_s* handle, Call call, Body body)
+int Perform(vxi_handle_ops_s* handle, Call call, Body body)
 {
     if (!handle) {
         return -EBADF;
     }
-    handle->operation = name_of(call);
+    handle->operation = NameOf(call);
     handle->explained = false;
     int status = 0;
-    if (scripted(handle, call, status)) {
-        trace(handle, 1, trace_source, name_of(call), __LINE__, "scripted status %d", status);
+    if (Scripted(handle, call, status)) {
+        Trace(handle, 1, kTraceSource, NameOf(call), __LINE__, "scripted status %d", status);
         return status;
     }
-    status = guarded(handle, body);
-    finish(handle, call, status);
+    status = Guarded(handle, body);
+    Finish(handle, call, status);
     return status;
 }
 
 template <typename Body>
-int fetch(vxi_handle_ops_s* handle, Call call, Table table, Body body)
+int Fetch(vxi_handle_ops_s* handle, Call call, Table table, Body body)
 {
-    return perform(handle, call, [&] {
+    return Perform(handle, call, [&] {
         begin_fetch(table, handle->operations->engine);
         return body();
     });
 }
 
-int null_record(vxi_handle_ops_s* handle)
+int NullRecord(vxi_handle_ops_s* handle)
 {
-    return fail(handle, -EINVAL, "no record given");
+    return Fail(handle, -EINVAL, "no record given");
 }
 
 int get_variable(vxi_handle_ops_s* handle, vxa_filter_variable_s* variable)
 {
     if (variable->number >= VXA_FILTER_VARIABLE_COUNT) {
-        return fail(handle, VXI_E_UNKNOWN_VARIABLE, "variable %u is unknown (0 to %u are known)",
+        return Fail(handle, VXI_E_UNKNOWN_VARIABLE, "variable %u is unknown (0 to %u are known)",
                     variable->number, VXA_FILTER_VARIABLE_COUNT - 1);
     }
     return handle->operations->get_variable(handle, variable);
@@ -114,56 +114,56 @@ int get_conntrack(vxi_handle_ops_s* handle, vxa_dump_conntrack_s* section, unsig
                   unsigned int* extra)
 {
     if (!section) {
-        return null_record(handle);
+        return NullRecord(handle);
     }
     if (size < sizeof *section) {
-        return fail(handle, -EINVAL, "size %u is less than a header", size);
+        return Fail(handle, -EINVAL, "size %u is less than a header", size);
     }
     if (section->request != VXA_CONNTRACK_REQUEST_TABLE) {
-        return fail(handle, -EINVAL, "request kind %u is unknown", section->request);
+        return Fail(handle, -EINVAL, "request kind %u is unknown", section->request);
     }
     const unsigned int protocol = section->protocol;
     if (protocol != 0 && protocol != 6 && protocol != 17) {
-        return fail(handle, -EINVAL, "protocol %u is not tracked", protocol);
+        return Fail(handle, -EINVAL, "protocol %u is not tracked", protocol);
     }
     const std::size_t room = (size - sizeof *section) / sizeof(vxa_conntrack_entry_s);
     section->entry_ct = static_cast<std::uint16_t>(std::min<std::size_t>(section->entry_ct, room));
-    note_flow_details(*section, {});
+    NoteFlowDetails(*section, {});
     return handle->operations->get_conntrack(handle, section, size, extra);
 }
 
 int get_blacklist(vxi_handle_ops_s* handle, vxa_blacklist_get_addrs_s* list)
 {
     if (!list) {
-        return null_record(handle);
+        return NullRecord(handle);
     }
     const bool sizing = list->entries_size == 0;
-    if (sizing && list->snapshot == blacklist_snapshot) {
+    if (sizing && list->snapshot == kBlacklistSnapshot) {
         return 0;
     }
     const std::uint32_t room = list->entries_size;
     const int status = handle->operations->get_blacklist(handle, list);
     if (status == 0 && sizing) {
-        list->snapshot = blacklist_snapshot;
+        list->snapshot = kBlacklistSnapshot;
     } else if (status == 0) {
         list->entries_size = std::min(list->entries_size, room);
     }
     return status;
 }
 
-int set_scan_monitoring(vxi_handle_ops_s* handle, scan_monitor_config* config)
+int SetScanMonitoring(vxi_handle_ops_s* handle, scan_monitor_config* config)
 {
     if (!config) {
-        return null_record(handle);
+        return NullRecord(handle);
     }
     if (config->version != 1) {
-        return fail(handle, -EINVAL, "configuration version %u is unknown", config->version);
+        return Fail(handle, -EINVAL, "configuration version %u is unknown", config->version);
     }
     ScanTarget target;
-    if (!scan_target(*config, target)) {
-        return fail(handle, -EINVAL, "exactly one port must be set");
+    if (!TargetOf(*config, target)) {
+        return Fail(handle, -EINVAL, "exactly one port must be set");
     }
-    remember_scan_target(target);
+    RememberScanTarget(target);
     return handle->operations->set_scan_monitoring(handle, config);
 }
 
@@ -173,31 +173,31 @@ int read_scan_metrics(vxi_handle_ops_s* handle, scan_metrics_request* request, u
 {
     const Operations& operations = *handle->operations;
     const int status = operations.get_scan_metrics(handle, request, length);
-    const ScanTarget target = scan_target(*request);
-    if (status != -ENOENT || !(target == remembered_scan_target())) {
+    const ScanTarget target = TargetOf(*request);
+    if (status != -ENOENT || !(target == RememberedScanTarget())) {
         return status;
     }
-    scan_monitor_config config = scan_config(target);
+    scan_monitor_config config = ScanConfig(target);
     const int configured = operations.set_scan_monitoring(handle, &config);
     return configured == 0 ? operations.get_scan_metrics(handle, request, length) : configured;
 }
 
 int get_scan_metrics(vxi_handle_ops_s* handle, scan_metrics_request* request, unsigned int length)
 {
-    constexpr unsigned int head = offsetof(scan_metrics_request, counter);
+    constexpr unsigned int kHead = offsetof(scan_metrics_request, counter);
     if (!request) {
-        return null_record(handle);
+        return NullRecord(handle);
     }
-    if (length < head) {
-        return fail(handle, -EINVAL, "length %u is less than a request", length);
+    if (length < kHead) {
+        return Fail(handle, -EINVAL, "length %u is less than a request", length);
     }
     if (request->version != 1) {
-        return fail(handle, -EINVAL, "request version %u is unknown", request->version);
+        return Fail(handle, -EINVAL, "request version %u is unknown", request->version);
     }
     if (request->direction != VXI_SCAN_INBOUND && request->direction != VXI_SCAN_OUTBOUND) {
-        return fail(handle, -EINVAL, "direction %u is unknown", request->direction);
+        return Fail(handle, -EINVAL, "direction %u is unknown", request->direction);
     }
-    const unsigned int room = (length - head) / static_cast<unsigned int>(sizeof(std::uint64_t));
+    const unsigned int room = (length - kHead) / static_cast<unsigned int>(sizeof(std::uint64_t));
     request->entries = std::min<std::uint32_t>(request->entries, 1);
     request->counters =
         request->entries ? std::min({request->counters, room, 0U + VXI_SCAN_COUNTERS}) : 0;
@@ -221,45 +221,45 @@ struct OpenError {
     std::string cause;
 };
 
-bool scripted_open(OpenError& error)
+bool ScriptedOpen(OpenError& error)
 {
     fault::Answer answer;
     if (!fault::scripted.load(std::memory_order_acquire) ||
-        !fault::next_answer(Call::open, answer)) {
+        !fault::NextAnswer(Call::kOpen, answer)) {
         return false;
     }
-    error.cause = answer.text[0] ? answer.text : StatusWords(answer.status).text();
+    error.cause = answer.text[0] ? answer.text : StatusWords(answer.status).Text();
     return true;
 }
 
-Handle open_handle(OpenError& error)
+Handle OpenHandle(OpenError& error)
 {
     const Operations* operations = nullptr;
-    const Engine* engine = chosen_engine(operations, error.cause);
-    if (!engine || !fault::environment_usable(error.cause)) {
+    const Engine* engine = ChosenEngine(operations, error.cause);
+    if (!engine || !fault::EnvironmentUsable(error.cause)) {
         return nullptr;
     }
     error.engine = engine->name;
-    if (scripted_open(error)) {
+    if (ScriptedOpen(error)) {
         return nullptr;
     }
     Handle handle(new vxi_handle_ops_s{});
     handle->operations = operations;
-    handle->operation = name_of(Call::open);
+    handle->operation = NameOf(Call::kOpen);
     const int status = engine->open ? engine->open(handle.get(), error.cause) : 0;
     if (status != 0 && error.cause.empty()) {
-        error.cause = StatusWords(status).text();
+        error.cause = StatusWords(status).Text();
     }
     return status == 0 ? std::move(handle) : nullptr;
 }
 
 // Empty when vxi_open can use the environment.
-std::string environment_error()
+std::string EnvironmentError()
 {
     std::string error;
     const Operations* operations = nullptr;
-    const Engine* engine = chosen_engine(operations, error);
-    if (engine && fault::environment_usable(error) && engine->environment_usable) {
+    const Engine* engine = ChosenEngine(operations, error);
+    if (engine && fault::EnvironmentUsable(error) && engine->environment_usable) {
         engine->environment_usable(error);
     }
     return error;
@@ -270,18 +270,18 @@ std::string environment_error()
 vxi_handle_ops_s* vxi_open(void)
 try {
     OpenError error;
-    Handle handle = open_handle(error);
+    Handle handle = OpenHandle(error);
     if (!handle) {
-        set_open_error(error.engine, error.cause);
+        SetOpenError(error.engine, error.cause);
         return nullptr;
     }
-    set_open_error("", "");
+    SetOpenError("", "");
     if (fault::scripted.load(std::memory_order_acquire)) {
-        fault::note_success(Call::open);
+        fault::NoteSuccess(Call::kOpen);
     }
     return handle.release();
 } catch (const std::exception& error) {
-    set_open_error("", error.what());
+    SetOpenError("", error.what());
     return nullptr;
 }
 
@@ -291,9 +291,9 @@ const char* vxi_check_environment(void)
     static thread_local char text[512];
     BoundedText result(text);
     try {
-        result.escaped(environment_error());
+        result.Escaped(EnvironmentError());
     } catch (const std::exception& error) {
-        result.plain(error.what());
+        result.Plain(error.what());
     }
     return text;
 }
@@ -307,7 +307,7 @@ void vxi_close(vxi_handle_ops_s* handle)
 
 int vxi_driver_available(vxi_handle_ops_s* handle)
 {
-    return perform(handle, Call::driver_available,
+    return Perform(handle, Call::kDriverAvailable,
                    [&] { return handle->operations->available(handle); });
 }
 
@@ -316,18 +316,18 @@ int vxi_get_error(vxi_handle_ops_s* handle, char* buffer, unsigned int size)
     if (!buffer || size == 0) {
         return handle ? -EINVAL : -EBADF;
     }
-    BoundedText(buffer, size).plain(handle ? handle->error : "no handle: it is not open");
+    BoundedText(buffer, size).Plain(handle ? handle->error : "no handle: it is not open");
     return handle ? 0 : -EBADF;
 }
 
 int vxi_get_stats(vxi_handle_ops_s* handle, vxa_stats_v2_s* stats, unsigned int size)
 {
-    return fetch(handle, Call::get_stats, Table::statistics, [&] {
+    return Fetch(handle, Call::kGetStats, Table::kStatistics, [&] {
         if (stats && size < sizeof *stats) {
-            return fail(handle, -EINVAL, "size %u is less than a statistics record", size);
+            return Fail(handle, -EINVAL, "size %u is less than a statistics record", size);
         }
         if (!stats || !stats->area1 || !stats->area2 || !stats->area3) {
-            return null_record(handle);
+            return NullRecord(handle);
         }
         return handle->operations->get_stats(handle, stats, size);
     });
@@ -336,34 +336,34 @@ int vxi_get_stats(vxi_handle_ops_s* handle, vxa_stats_v2_s* stats, unsigned int 
 int vxi_get_conntrack(vxi_handle_ops_s* handle, vxa_dump_conntrack_s* section, unsigned int size,
                       unsigned int* extra)
 {
-    return fetch(handle, Call::get_conntrack, Table::conntrack,
+    return Fetch(handle, Call::kGetConntrack, Table::kConntrack,
                  [&] { return get_conntrack(handle, section, size, extra); });
 }
 
 int vxi_get_blacklist(vxi_handle_ops_s* handle, vxa_blacklist_get_addrs_s* list)
 {
-    return fetch(handle, Call::get_blacklist, Table::blacklist,
+    return Fetch(handle, Call::kGetBlacklist, Table::kBlacklist,
                  [&] { return get_blacklist(handle, list); });
 }
 
 int vxi_get_conn_states(vxi_handle_ops_s* handle, vxa_get_conn_states_s* states)
 {
-    return fetch(handle, Call::get_conn_states, Table::conn_states, [&] {
-        return states ? handle->operations->get_conn_states(handle, states) : null_record(handle);
+    return Fetch(handle, Call::kGetConnStates, Table::kConnStates, [&] {
+        return states ? handle->operations->get_conn_states(handle, states) : NullRecord(handle);
     });
 }
 
 int vxi_get_varv(vxi_handle_ops_s* handle, vxa_filter_variable_s* variable)
 {
-    return perform(handle, Call::get_varv,
-                   [&] { return variable ? get_variable(handle, variable) : null_record(handle); });
+    return Perform(handle, Call::kGetVarv,
+                   [&] { return variable ? get_variable(handle, variable) : NullRecord(handle); });
 }
 
 int vxi_get_var(vxi_handle_ops_s* handle, unsigned int number, vxa_filter_variable_s* variable)
 {
-    return perform(handle, Call::get_var, [&] {
+    return Perform(handle, Call::kGetVar, [&] {
         if (!variable) {
-            return null_record(handle);
+            return NullRecord(handle);
         }
         variable->number = number;
         return get_variable(handle, variable);
@@ -372,9 +372,9 @@ int vxi_get_var(vxi_handle_ops_s* handle, unsigned int number, vxa_filter_variab
 
 int vxi_set_var(vxi_handle_ops_s* handle, unsigned int number, unsigned int value)
 {
-    return perform(handle, Call::set_var, [&] {
+    return Perform(handle, Call::kSetVar, [&] {
         if (number >= VXA_FILTER_VARIABLE_COUNT) {
-            return fail(handle, VXI_E_UNKNOWN_VARIABLE, "variable %u is unknown", number);
+            return Fail(handle, VXI_E_UNKNOWN_VARIABLE, "variable %u is unknown", number);
         }
         return handle->operations->set_variable(handle, number, value);
     });
@@ -382,27 +382,27 @@ int vxi_set_var(vxi_handle_ops_s* handle, unsigned int number, unsigned int valu
 
 int vxi_get_profile_stats(vxi_handle_ops_s* handle, void* record)
 {
-    return perform(handle, Call::get_profile_stats, [&] {
-        return record ? handle->operations->get_profile_stats(handle, record) : null_record(handle);
+    return Perform(handle, Call::kGetProfileStats, [&] {
+        return record ? handle->operations->get_profile_stats(handle, record) : NullRecord(handle);
     });
 }
 
 int vxi_set_scan_monitoring(vxi_handle_ops_s* handle, scan_monitor_config* config)
 {
-    return perform(handle, Call::set_scan_monitoring,
-                   [&] { return set_scan_monitoring(handle, config); });
+    return Perform(handle, Call::kSetScanMonitoring,
+                   [&] { return SetScanMonitoring(handle, config); });
 }
 
 int vxi_get_scan_metrics(vxi_handle_ops_s* handle, scan_metrics_request* request,
                          unsigned int length)
 {
-    return perform(handle, Call::get_scan_metrics,
+    return Perform(handle, Call::kGetScanMetrics,
                    [&] { return get_scan_metrics(handle, request, length); });
 }
 
 int vxi_capabilities(vxi_handle_ops_s* handle, vxi_capability_s* rows, unsigned int count)
 {
-    return perform(handle, Call::capabilities, [&] {
+    return Perform(handle, Call::kCapabilities, [&] {
         return handle->operations->capabilities(handle, rows, rows ? count : 0);
     });
 }

@@ -15,7 +15,7 @@
 namespace vxi {
 
 // The rows of vxi_capabilities.
-inline constexpr const char* facility_names[] = {"scan-metrics", "statistics",  "variables",
+inline constexpr const char* kFacilityNames[] = {"scan-metrics", "statistics",  "variables",
                                                  "conntrack",    "conn-states", "blacklist",
                                                  "rule-profile"};
 
@@ -48,23 +48,23 @@ struct Engine {
     bool (*environment_usable)(std::string& error) = nullptr;
 };
 
-const Engine& linux_engine();
-const Engine& sim_engine();
+const Engine& LinuxEngine();
+const Engine& SimEngine();
 
 // The table with every empty slot filled; lives for the process.
-const Operations* complete(const Engine& engine);
+const Operations* Complete(const Engine& engine);
 
 // Stores the text of a failure in the handle and returns the status, so that an error
 // path is one line:  return fail(h, -EPERM, "nf_tables needs CAP_NET_ADMIN");
 // "engine NAME: OPERATION: " goes in front (the operation is the one being dispatched).
-int fail(vxi_handle_ops_s* handle, int status, const char* format, ...)
+int Fail(vxi_handle_ops_s* handle, int status, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 
 // Sends one message to the handle's trace handler when its level admits it.
-void trace(vxi_handle_ops_s* handle, int level, const char* source, const char* function, int line,
+void Trace(vxi_handle_ops_s* handle, int level, const char* source, const char* function, int line,
            const char* format, ...) __attribute__((format(printf, 6, 7)));
 #define VXI_TRACE(handle, level, source, ...) \
-    ::vxi::trace((handle), (level), (source), __func__, __LINE__, __VA_ARGS__)
+    ::vxi::Trace((handle), (level), (source), __func__, __LINE__, __VA_ARGS__)
 
 }  // namespace vxi
 

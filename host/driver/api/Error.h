@@ -20,6 +20,7 @@ private:
 };
 
 // Throws an Error with a printf-style message.
-[[noreturn]] void ThrowError(int status, const char* format, ...) __attribute__((format(printf, 2, 3)));
+[[noreturn]] void ThrowError(int status, const char* format, ...)
+    __attribute__((format(printf, 2, 3)));
 
 }  // namespace vxi

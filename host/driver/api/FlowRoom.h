@@ -6,7 +6,7 @@
 
 namespace vxi {
 
-inline constexpr std::uint32_t most_flows = 65535;
+inline constexpr std::uint32_t kMostFlows = 65535;
 
 struct FlowRoom {
     std::uint32_t udp;
@@ -14,13 +14,13 @@ struct FlowRoom {
 };
 
 // Each protocol gets what it needs up to half of the room, and what the smaller leaves.
-inline FlowRoom share_flow_room(std::uint32_t udp, std::uint32_t tcp)
+inline FlowRoom ShareFlowRoom(std::uint32_t udp, std::uint32_t tcp)
 {
-    if (std::uint64_t{udp} + tcp <= most_flows) {
+    if (std::uint64_t{udp} + tcp <= kMostFlows) {
         return {udp, tcp};
     }
-    const std::uint32_t smaller = std::min({udp, tcp, most_flows / 2});
-    const std::uint32_t larger = most_flows - smaller;
+    const std::uint32_t smaller = std::min({udp, tcp, kMostFlows / 2});
+    const std::uint32_t larger = kMostFlows - smaller;
     return udp < tcp ? FlowRoom{smaller, larger} : FlowRoom{larger, smaller};
 }
 

@@ -15,10 +15,10 @@ namespace vxi {
 namespace {
 
 // Longest text formatted at once; a handle keeps less, so nothing is lost here first.
-constexpr std::size_t text_size = 512;
+constexpr std::size_t kTextSize = 512;
 
 // Plain characters, so that a thread that ends has nothing to destroy.
-thread_local char open_error[text_size];
+thread_local char open_error[kTextSize];
 
 std::atomic<vxi_message_handler> message_handler{nullptr};
 
@@ -26,92 +26,92 @@ std::atomic<vxi_message_handler> message_handler{nullptr};
 
 EscapedByte::EscapedByte(char byte, bool blank) : text{byte}, length(1)
 {
-    static const char digits[] = "0123456789abcdef";
+    static const char kDigits[] = "0123456789abcdef";
     const auto code = static_cast<unsigned char>(byte);
     if ((code > ' ' && code < 0x7f && code != '\\') || (code == ' ' && blank)) {
         return;
     }
     text[0] = '\\';
     text[1] = 'x';
-    text[2] = digits[code >> 4];
-    text[3] = digits[code & 15];
+    text[2] = kDigits[code >> 4];
+    text[3] = kDigits[code & 15];
     length = 4;
 }
 
-BoundedText& BoundedText::plain(std::string_view text)
+BoundedText& BoundedText::Plain(std::string_view text)
 {
-    const auto length = std::min(text.size(), static_cast<std::size_t>(last_ - at_));
-    std::memcpy(at_, text.data(), length);
-    at_ += length;
-    *at_ = '\0';
+    const auto length = std::min(text.size(), static_cast<std::size_t>(m_last - m_at));
+    std::memcpy(m_at, text.data(), length);
+    m_at += length;
+    *m_at = '\0';
     return *this;
 }
 
-BoundedText& BoundedText::escaped(std::string_view text)
+BoundedText& BoundedText::Escaped(std::string_view text)
 {
     for (const char byte : text) {
         const EscapedByte escaped(byte, true);
-        if (last_ - at_ < static_cast<std::ptrdiff_t>(escaped.length)) {
+        if (m_last - m_at < static_cast<std::ptrdiff_t>(escaped.length)) {
             break;
         }
-        plain(escaped);
+        Plain(escaped);
     }
     return *this;
 }
 
-StatusWords::StatusWords(int status) : words_(number_)
+StatusWords::StatusWords(int status) : m_words(m_number)
 {
     const char* const known = status < 0 && status > -4096 ? strerrordesc_np(-status) : nullptr;
     if (status == VXI_E_UNKNOWN_VARIABLE) {
-        words_ = "unknown variable";
+        m_words = "unknown variable";
     } else if (known) {
-        words_ = known;
+        m_words = known;
     } else {
-        std::snprintf(number_, sizeof number_, "status %d", status);
+        std::snprintf(m_number, sizeof m_number, "status %d", status);
     }
 }
 
-void set_open_error(std::string_view engine, std::string_view cause)
+void SetOpenError(std::string_view engine, std::string_view cause)
 {
     BoundedText text(open_error);
     if (!engine.empty()) {
-        text.plain("engine ").plain(engine).plain(": ").plain(name_of(Call::open)).plain(": ");
+        text.Plain("engine ").Plain(engine).Plain(": ").Plain(NameOf(Call::kOpen)).Plain(": ");
     }
-    text.escaped(cause);
+    text.Escaped(cause);
 }
 
-void report(const std::string& message)
+void Report(const std::string& message)
 {
     const vxi_message_handler handler = message_handler;
     if (handler) {
-        char text[text_size];
-        BoundedText(text).escaped(message);
+        char text[kTextSize];
+        BoundedText(text).Escaped(message);
         handler(text);
     }
 }
 
-int fail(vxi_handle_ops_s* handle, int status, const char* format, ...)
+int Fail(vxi_handle_ops_s* handle, int status, const char* format, ...)
 {
-    char cause[text_size];
+    char cause[kTextSize];
     va_list arguments;
     va_start(arguments, format);
     vsnprintf_safe(cause, sizeof cause, format, arguments);
     va_end(arguments);
 
     BoundedText text(handle->error);
-    text.plain("engine ").plain(handle->operations->engine).plain(": ");
-    text.plain(handle->operation).plain(": ").escaped(cause);
+    text.Plain("engine ").Plain(handle->operations->engine).Plain(": ");
+    text.Plain(handle->operation).Plain(": ").Escaped(cause);
     handle->explained = true;
     return status;
 }
 
-void trace(vxi_handle_ops_s* handle, int level, const char* source, const char* function, int line,
+void Trace(vxi_handle_ops_s* handle, int level, const char* source, const char* function, int line,
            const char* format, ...)
 {
     if (!handle || level > handle->trace_level || !handle->trace_handler) {
         return;
     }
-    char message[text_size];
+    char message[kTextSize];
     va_list arguments;
     va_start(arguments, format);
     vsnprintf_safe(message, sizeof message, format, arguments);
@@ -131,7 +131,7 @@ const char* vxi_open_error(void)
     return vxi::open_error;
 }
 
-int vsnprintf_safe(char* buffer, size_t size, const char* format, va_list arguments)
+int vsnprintf_safe(char* buffer, std::size_t size, const char* format, va_list arguments)
 {
     if (!buffer || size == 0) {
         return 0;

@@ -23,44 +23,44 @@ struct EscapedByte {
 // Writes into somebody's buffer of `size` > 0 bytes and stops where it is full.
 class BoundedText {
 public:
-    BoundedText(char* buffer, std::size_t size) : at_(buffer), last_(buffer + size - 1)
+    BoundedText(char* buffer, std::size_t size) : m_at(buffer), m_last(buffer + size - 1)
     {
-        *at_ = '\0';
+        *m_at = '\0';
     }
     template <std::size_t size>
     explicit BoundedText(char (&buffer)[size]) : BoundedText(buffer, size)
     {
     }
 
-    BoundedText& plain(std::string_view text);
-    BoundedText& escaped(std::string_view text);
+    BoundedText& Plain(std::string_view text);
+    BoundedText& Escaped(std::string_view text);
 
 private:
-    char* at_;
-    char* last_;
+    char* m_at;
+    char* m_last;
 };
 
 // What a status means, for texts that have nothing better to say.
 class StatusWords {
 public:
     explicit StatusWords(int status);
-    const char* text() const { return words_; }
+    const char* Text() const { return m_words; }
 
 private:
-    char number_[24];
-    const char* words_;
+    char m_number[24];
+    const char* m_words;
 };
 
 // Hands the host a problem for which no call fails; see vxi_set_message_handler.
-void report(const std::string& message);
+void Report(const std::string& message);
 
-inline std::string describe_status(int status)
+inline std::string DescribeStatus(int status)
 {
-    return StatusWords(status).text();
+    return StatusWords(status).Text();
 }
 
 // Why the calling thread's last vxi_open returned null: "engine ENGINE: vxi_open: " and the
 // cause, or the cause alone where no engine was reached.
-void set_open_error(std::string_view engine, std::string_view cause);
+void SetOpenError(std::string_view engine, std::string_view cause);
 
 }  // namespace vxi

@@ -15,7 +15,7 @@ std::atomic<int> pauses{0};
 std::atomic<vxi_profiler_blockfilter> blockfilter_hook{nullptr};
 std::atomic<vxi_profiler_running> running_hook{nullptr};
 
-int resume()
+int Resume()
 {
     int before = pauses.load();
     // A resume without a suspend must not let a later suspend count for nothing.
@@ -26,33 +26,33 @@ int resume()
 
 }  // namespace
 
-bool switch_profiling(bool on)
+bool SwitchProfiling(bool on)
 {
     return profiling.exchange(on);
 }
 
-bool profiling_switch()
+bool ProfilingSwitch()
 {
     return profiling.load();
 }
 
-bool profiling_runs()
+bool ProfilingRuns()
 {
     const vxi_profiler_running running = running_hook.load();
-    return running ? running() != 0 : profiling_switch();
+    return running ? running() != 0 : ProfilingSwitch();
 }
 
-ProfilingPause::ProfilingPause() : blockfilter_(blockfilter_hook.load())
+ProfilingPause::ProfilingPause() : m_blockfilter(blockfilter_hook.load())
 {
-    if (blockfilter_) {
-        blockfilter_(1);
+    if (m_blockfilter) {
+        m_blockfilter(1);
     }
 }
 
 ProfilingPause::~ProfilingPause()
 {
-    if (blockfilter_) {
-        blockfilter_(0);
+    if (m_blockfilter) {
+        m_blockfilter(0);
     }
 }
 
@@ -60,7 +60,7 @@ ProfilingPause::~ProfilingPause()
 
 int profiler_blockfilter(int block)
 {
-    return block ? vxi::pauses.fetch_add(1) > 0 : vxi::resume();
+    return block ? vxi::pauses.fetch_add(1) > 0 : vxi::Resume();
 }
 
 int profiler_running(void)

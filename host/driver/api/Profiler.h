@@ -6,14 +6,14 @@
 namespace vxi {
 
 // Called by an engine when variable 62 is written. Returns the former state.
-bool switch_profiling(bool on);
+bool SwitchProfiling(bool on);
 
 // Variable 62.
-bool profiling_switch();
+bool ProfilingSwitch();
 
 // Whether counts taken now belong to a profile: asks the installed hook, and goes by
 // the switch where none is installed.
-bool profiling_runs();
+bool ProfilingRuns();
 
 // Held by an engine while it changes rules, so that the change is not profiled.
 class ProfilingPause {
@@ -25,7 +25,7 @@ public:
 
 private:
     // The hook that suspended is the one that resumes, whatever is installed meanwhile.
-    vxi_profiler_blockfilter blockfilter_;
+    vxi_profiler_blockfilter m_blockfilter;
 };
 
 }  // namespace vxi

@@ -15,29 +15,29 @@ struct Registered {
     const Operations* operations;
 };
 
-constexpr unsigned engine_count = 2;
+constexpr unsigned kEngineCount = 2;
 
 struct Registry {
-    Registered engines[engine_count];
-    const char* names[engine_count + 1];
+    Registered engines[kEngineCount];
+    const char* names[kEngineCount + 1];
     // Null while the environment names an engine that does not exist.
     std::atomic<const Registered*> chosen;
     std::string wanted;
 
     Registry();
-    const Registered* find(const char* name) const;
+    const Registered* Find(const char* name) const;
 };
 
 Registry::Registry()
-    : engines{{&linux_engine(), complete(linux_engine())}, {&sim_engine(), complete(sim_engine())}},
+    : engines{{&LinuxEngine(), Complete(LinuxEngine())}, {&SimEngine(), Complete(SimEngine())}},
       names{engines[0].engine->name, engines[1].engine->name, nullptr}
 {
     const char* name = std::getenv("VXI_ENGINE");
     wanted = name && *name ? name : names[0];
-    chosen = find(wanted.c_str());
+    chosen = Find(wanted.c_str());
 }
 
-const Registered* Registry::find(const char* name) const
+const Registered* Registry::Find(const char* name) const
 {
     for (const Registered& each : engines) {
         if (std::strcmp(each.engine->name, name) == 0) {
@@ -47,14 +47,14 @@ const Registered* Registry::find(const char* name) const
     return nullptr;
 }
 
-Registry& registry()
+Registry& GlobalRegistry()
 {
     // Never destroyed: handles may be opened by other objects' destructors at exit.
     static Registry& instance = *new Registry;
     return instance;
 }
 
-std::string unknown_engine(const Registry& known)
+std::string UnknownEngine(const Registry& known)
 {
     std::string text = "VXI_ENGINE names no engine: \"" + known.wanted + "\" (known engines:";
     for (const char* const* name = known.names; *name; ++name) {
@@ -65,11 +65,11 @@ std::string unknown_engine(const Registry& known)
 
 }  // namespace
 
-const Engine* chosen_engine(const Operations*& operations, std::string& error)
+const Engine* ChosenEngine(const Operations*& operations, std::string& error)
 {
-    const Registered* chosen = registry().chosen.load(std::memory_order_acquire);
+    const Registered* chosen = GlobalRegistry().chosen.load(std::memory_order_acquire);
     if (!chosen) {
-        error = unknown_engine(registry());
+        error = UnknownEngine(GlobalRegistry());
         return nullptr;
     }
     operations = chosen->operations;
@@ -80,15 +80,15 @@ const Engine* chosen_engine(const Operations*& operations, std::string& error)
 
 const char* vxi_engine_name(void)
 {
-    const vxi::Registry& all = vxi::registry();
+    const vxi::Registry& all = vxi::GlobalRegistry();
     const vxi::Registered* chosen = all.chosen.load(std::memory_order_acquire);
     return chosen ? chosen->engine->name : all.wanted.c_str();
 }
 
 int vxi_engine_select(const char* name)
 {
-    vxi::Registry& all = vxi::registry();
-    const vxi::Registered* found = name ? all.find(name) : nullptr;
+    vxi::Registry& all = vxi::GlobalRegistry();
+    const vxi::Registered* found = name ? all.Find(name) : nullptr;
     if (!found) {
         return -EINVAL;
     }
@@ -98,5 +98,5 @@ int vxi_engine_select(const char* name)
 
 const char* const* vxi_engine_list(void)
 {
-    return vxi::registry().names;
+    return vxi::GlobalRegistry().names;
 }

@@ -9,6 +9,6 @@ namespace vxi {
 
 // The engine of the next handle, with its table filled. Null with `error` set when
 // VXI_ENGINE names none. Takes no lock.
-const Engine* chosen_engine(const Operations*& operations, std::string& error);
+const Engine* ChosenEngine(const Operations*& operations, std::string& error);
 
 }  // namespace vxi

@@ -6,12 +6,12 @@ namespace vxi {
 
 namespace {
 
-constexpr unsigned words = sizeof(scan_monitor_config::inbound) / sizeof(std::uint32_t);
+constexpr unsigned kWords = sizeof(scan_monitor_config::inbound) / sizeof(std::uint32_t);
 
-unsigned bits_in(const std::uint32_t (&bitmap)[words], std::uint16_t& last_port)
+unsigned BitsIn(const std::uint32_t (&bitmap)[kWords], std::uint16_t& last_port)
 {
     unsigned bits = 0;
-    for (unsigned word = 0; word < words; ++word) {
+    for (unsigned word = 0; word < kWords; ++word) {
         if (bitmap[word] == 0) {
             continue;
         }
@@ -27,11 +27,11 @@ std::atomic<std::uint32_t> remembered{0};
 
 }  // namespace
 
-bool scan_target(const scan_monitor_config& config, ScanTarget& target)
+bool TargetOf(const scan_monitor_config& config, ScanTarget& target)
 {
     std::uint16_t port = 0;
-    const unsigned inbound = bits_in(config.inbound, port);
-    const unsigned outbound = bits_in(config.outbound, port);
+    const unsigned inbound = BitsIn(config.inbound, port);
+    const unsigned outbound = BitsIn(config.outbound, port);
     if (inbound + outbound != 1) {
         return false;
     }
@@ -40,7 +40,7 @@ bool scan_target(const scan_monitor_config& config, ScanTarget& target)
     return true;
 }
 
-scan_monitor_config scan_config(const ScanTarget& target)
+scan_monitor_config ScanConfig(const ScanTarget& target)
 {
     scan_monitor_config config{};
     config.version = 1;
@@ -49,12 +49,12 @@ scan_monitor_config scan_config(const ScanTarget& target)
     return config;
 }
 
-void remember_scan_target(const ScanTarget& target)
+void RememberScanTarget(const ScanTarget& target)
 {
     remembered = target.direction << 16 | target.port;
 }
 
-ScanTarget remembered_scan_target()
+ScanTarget RememberedScanTarget()
 {
     const std::uint32_t both = remembered;
     return {both >> 16, static_cast<std::uint16_t>(both)};

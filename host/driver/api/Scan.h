@@ -19,17 +19,17 @@ struct ScanTarget {
 };
 
 // False unless exactly one bit of the two bitmaps is set.
-bool scan_target(const scan_monitor_config& config, ScanTarget& target);
+bool TargetOf(const scan_monitor_config& config, ScanTarget& target);
 
 // The other way round.
-scan_monitor_config scan_config(const ScanTarget& target);
+scan_monitor_config ScanConfig(const ScanTarget& target);
 
 // The port that was configured last, whichever engine it was given to. A child of a fork
 // inherits it; the monitoring itself it does not.
-void remember_scan_target(const ScanTarget& target);
-ScanTarget remembered_scan_target();
+void RememberScanTarget(const ScanTarget& target);
+ScanTarget RememberedScanTarget();
 
-inline ScanTarget scan_target(const scan_metrics_request& request)
+inline ScanTarget TargetOf(const scan_metrics_request& request)
 {
     return {request.direction, request.port};
 }
@@ -37,7 +37,7 @@ inline ScanTarget scan_target(const scan_metrics_request& request)
 // Writes the counters asked for; `values` are all of them, by VXI_SCAN_*. Dispatch has
 // clamped the counts in the request to the buffer before.
 template <typename Values>
-void deliver_counters(const Values& values, scan_metrics_request& request)
+void DeliverCounters(const Values& values, scan_metrics_request& request)
 {
     for (std::uint32_t i = 0; i < request.counters && i < std::size(values); ++i) {
         request.counter[i] = values[i];

@@ -22,7 +22,7 @@ struct Names {
     std::map<std::pair<std::string_view, Area>, std::shared_ptr<const SlotNames>> by_area;
 };
 
-Names& names()
+Names& GlobalNames()
 {
     // Never destroyed: a dump may run while the process ends. Not on the heap: a dump
     // allocates nothing, so that it cannot fail.
@@ -31,7 +31,7 @@ Names& names()
     return instance;
 }
 
-thread_local Source sources[table_count];
+thread_local Source sources[kTableCount];
 
 struct DetailedSection {
     const vxa_dump_conntrack_s* section = nullptr;
@@ -46,79 +46,79 @@ struct DetailedSections {
 };
 
 // Not thread_local: the process ends where memory runs out for registering a destructor.
-pthread_key_t sections_key()
+pthread_key_t SectionsKey()
 {
-    static const pthread_key_t key = [] {
+    static const pthread_key_t kEy = [] {
         pthread_key_t made = PTHREAD_KEYS_MAX;  // has no value and takes none
         (void)pthread_key_create(&made,
                                  [](void* all) { delete static_cast<DetailedSections*>(all); });
         return made;
     }();
-    return key;
+    return kEy;
 }
 
-DetailedSection* detailed(const vxa_dump_conntrack_s& section)
+DetailedSection* Detailed(const vxa_dump_conntrack_s& section)
 {
-    auto* all = static_cast<DetailedSections*>(pthread_getspecific(sections_key()));
+    auto* all = static_cast<DetailedSections*>(pthread_getspecific(SectionsKey()));
     if (!all) return nullptr;
     return section.protocol == IPPROTO_UDP ? &all->udp : &all->other;
 }
 
-void make_sections()
+void MakeSections()
 {
     auto all = std::make_unique<DetailedSections>();
-    if (pthread_setspecific(sections_key(), all.get()) != 0) throw std::bad_alloc();
+    if (pthread_setspecific(SectionsKey(), all.get()) != 0) throw std::bad_alloc();
     (void)all.release();
 }
 
-Source& source_of(Table table)
+Source& SourceOf(Table table)
 {
     return sources[static_cast<unsigned>(table)];
 }
 
 }  // namespace
 
-void set_slot_names(const char* engine, Area area, SlotNames slots)
+void SetSlotNames(const char* engine, Area area, SlotNames slots)
 {
     auto fresh = std::make_shared<const SlotNames>(std::move(slots));
-    const std::lock_guard<std::mutex> lock(names().mutex);
-    names().by_area[{engine, area}] = std::move(fresh);
+    const std::lock_guard<std::mutex> lock(GlobalNames().mutex);
+    GlobalNames().by_area[{engine, area}] = std::move(fresh);
 }
 
-std::shared_ptr<const SlotNames> slot_names(const char* engine, Area area)
+std::shared_ptr<const SlotNames> SlotNamesOf(const char* engine, Area area)
 {
-    const std::lock_guard<std::mutex> lock(names().mutex);
-    const auto found = names().by_area.find({engine, area});
-    return found != names().by_area.end() ? found->second : nullptr;
+    const std::lock_guard<std::mutex> lock(GlobalNames().mutex);
+    const auto found = GlobalNames().by_area.find({engine, area});
+    return found != GlobalNames().by_area.end() ? found->second : nullptr;
 }
 
-void note_source(Table table, const char* format, ...)
+void NoteSource(Table table, const char* format, ...)
 {
-    Source& source = source_of(table);
+    Source& source = SourceOf(table);
     va_list arguments;
     va_start(arguments, format);
     vsnprintf_safe(source.text, sizeof source.text, format, arguments);
     va_end(arguments);
 }
 
-void note_flow_details(const vxa_dump_conntrack_s& section, FlowDetails details)
+void NoteFlowDetails(const vxa_dump_conntrack_s& section, FlowDetails details)
 {
-    if (!details.empty() && !detailed(section)) make_sections();
-    if (DetailedSection* known = detailed(section))
+    if (!details.empty() && !Detailed(section)) MakeSections();
+    if (DetailedSection* known = Detailed(section))
         *known = {&section, section.entry_ct, std::move(details)};
 }
 
-const FlowDetails& flow_details(const vxa_dump_conntrack_s& section)
+const FlowDetails& FlowDetailsOf(const vxa_dump_conntrack_s& section)
 {
-    static const FlowDetails none;
-    const DetailedSection* known = detailed(section);
+    static const FlowDetails kNone;
+    const DetailedSection* known = Detailed(section);
     const bool same = known && known->section == &section && known->entries == section.entry_ct;
-    return same ? known->details : none;
+    return same ? known->details : kNone;
 }
 
 void begin_fetch(Table table, const char* engine)
 {
-    Source& source = source_of(table);
+    Source& source = SourceOf(table);
     // A snapshot and the fills served from it are one fetch with one source.
     if (source.engine != engine) {
         source.text[0] = '\0';
@@ -126,9 +126,9 @@ void begin_fetch(Table table, const char* engine)
     source.engine = engine;
 }
 
-const Source& last_source(Table table)
+const Source& LastSource(Table table)
 {
-    return source_of(table);
+    return SourceOf(table);
 }
 
 }  // namespace vxi

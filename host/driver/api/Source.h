@@ -11,17 +11,17 @@
 
 namespace vxi {
 
-enum class Table : unsigned { statistics, conntrack, blacklist, conn_states };
-inline constexpr unsigned table_count = 4;
+enum class Table : unsigned { kStatistics, kConntrack, kBlacklist, kConnStates };
+inline constexpr unsigned kTableCount = 4;
 
 // What has slots with names: the areas of a statistics record, the sets of a blacklist by their
 // index, and the sets that were left out of it, each with the reason.
 enum class Area : unsigned {
-    statistics1,
-    statistics2,
-    statistics3,
-    blacklist_sets,
-    blacklist_skipped
+    kStatistics1,
+    kStatistics2,
+    kStatistics3,
+    kBlacklistSets,
+    kBlacklistSkipped
 };
 
 struct SlotNames {
@@ -32,15 +32,15 @@ struct SlotNames {
 // An engine sets the names of an area before it first fills it, and again when they
 // change. `engine` lives for the process. Any thread; a dump that is running keeps the
 // names it started with.
-void set_slot_names(const char* engine, Area area, SlotNames names);
+void SetSlotNames(const char* engine, Area area, SlotNames names);
 
 // Null where none were set.
-std::shared_ptr<const SlotNames> slot_names(const char* engine, Area area);
+std::shared_ptr<const SlotNames> SlotNamesOf(const char* engine, Area area);
 
 // An engine tells, while it serves a table, where the table came from and what is missing
 // in it ("/proc/net/snmp", "ctnetlink, incomplete: interrupted 5 times"). Kept by thread:
 // a record is rendered on the thread that fetched it.
-void note_source(Table table, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void NoteSource(Table table, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 // What a row of the connection table shows and its entry has no room for.
 struct FlowDetail {
@@ -58,10 +58,10 @@ using FlowDetails = std::vector<FlowDetail>;  // by index
 
 // An engine hands them over when it has filled a section. Kept by thread like the source, and for
 // this section in this place; a later fill of the same protocol replaces them.
-void note_flow_details(const vxa_dump_conntrack_s& section, FlowDetails details);
+void NoteFlowDetails(const vxa_dump_conntrack_s& section, FlowDetails details);
 
 // Those of a section that this thread filled; empty for any other.
-const FlowDetails& flow_details(const vxa_dump_conntrack_s& section);
+const FlowDetails& FlowDetailsOf(const vxa_dump_conntrack_s& section);
 
 struct Source {
     const char* engine = nullptr;  // null before this thread's first fetch of the table
@@ -71,6 +71,6 @@ struct Source {
 // Dispatch: this thread is about to fetch the table through the engine.
 void begin_fetch(Table table, const char* engine);
 
-const Source& last_source(Table table);
+const Source& LastSource(Table table);
 
 }  // namespace vxi

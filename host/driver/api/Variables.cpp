@@ -6,7 +6,7 @@ namespace vxi {
 
 namespace {
 
-constexpr const char* names[] = {
+constexpr const char* kNames[] = {
     // 0
     "vxi.abi",
     "vxi.engine_kind",
@@ -189,13 +189,13 @@ constexpr const char* names[] = {
     "net.core.wmem_default",
     "net.core.optmem_max",
 };
-static_assert(std::size(names) == VXA_FILTER_VARIABLE_COUNT, "one name a number");
+static_assert(std::size(kNames) == VXA_FILTER_VARIABLE_COUNT, "one name a number");
 
 }  // namespace
 
-const char* variable_name(std::uint32_t number)
+const char* VariableName(std::uint32_t number)
 {
-    return number < std::size(names) ? names[number] : nullptr;
+    return number < std::size(kNames) ? kNames[number] : nullptr;
 }
 
 }  // namespace vxi

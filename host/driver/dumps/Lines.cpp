@@ -2,14 +2,14 @@
 
 namespace vxi {
 
-void Lines::flush()
+void Lines::Flush()
 {
-    if (used_ > 0) {
-        buffer_[used_] = '\0';
-        sink_->print(sink_, "%s", buffer_);
+    if (m_used > 0) {
+        m_buffer[m_used] = '\0';
+        m_sink->print(m_sink, "%s", m_buffer);
     }
-    used_ = 0;
-    line_ = 0;
+    m_used = 0;
+    m_line = 0;
 }
 
 }  // namespace vxi

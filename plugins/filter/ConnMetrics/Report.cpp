@@ -241,9 +241,9 @@ std::string_view TakeLine(std::string_view* text)
 // one a line, and those of the flags. Long texts repeat names: their tables may grow.
 int CountFields(std::string_view text)
 {
-    constexpr int most = 64;
+    constexpr int kMost = 64;
     int fields = 1;
-    while (!text.empty() && fields < most) {
+    while (!text.empty() && fields < kMost) {
         const std::string_view line = TakeLine(&text);
         fields += line.substr(0, 6) == "flags\t" ? 1 + kFlagCount : 1;
     }
@@ -278,10 +278,10 @@ void PushRow(lua_State* L, Report* report, const vxa_conn_metric_feedback_s& ent
 
 [[gnu::always_inline]] inline void PrefetchText(const wxString& text)
 {
-    constexpr std::size_t characters_per_line = 64 / sizeof(wchar_t);  // of the cache
-    constexpr std::size_t most = 512;
+    constexpr std::size_t kCharactersPerLine = 64 / sizeof(wchar_t);  // of the cache
+    constexpr std::size_t kMost = 512;
     const wchar_t* characters = text.wc_str();
-    for (std::size_t i = 0; i < std::min(text.length(), most); i += characters_per_line)
+    for (std::size_t i = 0; i < std::min(text.length(), kMost); i += kCharactersPerLine)
         __builtin_prefetch(characters + i);
 }
 

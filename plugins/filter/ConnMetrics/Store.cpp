@@ -16,7 +16,7 @@ std::time_t g_last_fb_time = std::time(nullptr);
 namespace {
 
 constexpr std::size_t kMostKeys = 10000;
-constexpr std::time_t kPublicationInterval_s = 60;
+constexpr std::time_t kPublicationIntervalS = 60;
 
 fc::KeyIndex s_index;
 
@@ -75,7 +75,7 @@ void AddThroughMap(std::string_view bytes, const char* text, std::uint32_t count
 bool PublicationIsDue(std::time_t now)
 {
     wxCriticalSectionLocker lock(g_cmfb_map_fin_cs);
-    return now - g_last_fb_time > kPublicationInterval_s;
+    return now - g_last_fb_time > kPublicationIntervalS;
 }
 
 void Publish(std::time_t now)

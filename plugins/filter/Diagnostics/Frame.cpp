@@ -113,7 +113,7 @@ void TraceLine(int line, const char* function, const char* format, ...)
     va_end(arguments);
 }
 
-size_t EntryBytes::OnSysWrite(const void* bytes, size_t size)
+std::size_t EntryBytes::OnSysWrite(const void* bytes, std::size_t size)
 {
     if (m_lasterror != wxSTREAM_NO_ERROR) return 0;
     try {

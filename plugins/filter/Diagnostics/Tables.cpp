@@ -49,8 +49,8 @@ bool getDriverBlacklist(VxaCore::CDom* dom, vxi_handle_ops_s* handle,
     if (!IsDriverOpen(handle)) return false;
     vxa_blacklist_get_addrs_s header{};
     // Events name this operation so; the management side knows the text.
-    constexpr const wchar_t* operation = L"BLACKLIST_ADD";
-    if (!ShowErrors(dom, handle, operation, vxi_get_blacklist(handle, &header))) return false;
+    constexpr const wchar_t* kOperation = L"BLACKLIST_ADD";
+    if (!ShowErrors(dom, handle, kOperation, vxi_get_blacklist(handle, &header))) return false;
     const auto size = static_cast<std::uint32_t>(sizeof header) + header.entries_size;
     // A driver that claims 4 GiB makes the sum wrap: as good as no memory.
     if (size < sizeof header) return false;
@@ -58,7 +58,7 @@ bool getDriverBlacklist(VxaCore::CDom* dom, vxi_handle_ops_s* handle,
     if (list == nullptr) return false;
     Block<vxa_blacklist_get_addrs_s> block(list);
     std::memcpy(list, &header, sizeof header);
-    if (!ShowErrors(dom, handle, operation, vxi_get_blacklist(handle, list)))
+    if (!ShowErrors(dom, handle, kOperation, vxi_get_blacklist(handle, list)))
         return false;  // the block is freed; callers do not look at the list
     if (list->entries_size > header.entries_size)
         TraceLine(245, "getDriverBlacklist", "driver reported %u bytes, room for %u",
@@ -142,18 +142,18 @@ bool getDriverStatistics(VxaCore::CDom* dom, vxi_handle_ops_s* handle, vxa_stats
 bool AddDriverStatistics(VxaCore::CDom* dom, vxi_handle_ops_s* handle,
                          VxaCore::CZipOutputStream& zip)
 {
-    constexpr const char* self = "AddDriverStatistics";
-    TraceLine(100, self, "AddDriverStatistics()");
+    constexpr const char* kSelf = "AddDriverStatistics";
+    TraceLine(100, kSelf, "AddDriverStatistics()");
     Block<vxa_stats_v2_s> stats(
         static_cast<vxa_stats_v2_s*>(std::calloc(1, sizeof(vxa_stats_v2_s))));
     if (!stats) return false;
     PrepareStatistics(stats.get());
-    TraceLine(107, self, "AddDriverStatistics() - about to get stats");
+    TraceLine(107, kSelf, "AddDriverStatistics() - about to get stats");
     if (!QueryStatistics(dom, handle, stats.get())) return false;
-    TraceLine(124, self, "AddDriverStatistics() - got stats");
-    return AddTextEntry(zip, L"vxa_stats.txt", [&stats, self](tb_dump_s* sink) {
+    TraceLine(124, kSelf, "AddDriverStatistics() - got stats");
+    return AddTextEntry(zip, L"vxa_stats.txt", [&stats, kSelf](tb_dump_s* sink) {
         tb_dump_stats(sink, stats.get());
-        TraceLine(126, self, "AddDriverStatistics() - dumped stats");
+        TraceLine(126, kSelf, "AddDriverStatistics() - dumped stats");
         stats.reset();
     });
 }

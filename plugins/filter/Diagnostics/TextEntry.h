@@ -30,10 +30,10 @@ void TraceLine(int line, const char* function, const char* format, ...)
 // through that library's frames: without memory the stream fails and takes nothing more.
 class EntryBytes : public wxOutputStream {
 public:
-    std::string_view bytes() const { return m_bytes; }
+    std::string_view Bytes() const { return m_bytes; }
 
 protected:
-    size_t OnSysWrite(const void* bytes, size_t size) override;
+    std::size_t OnSysWrite(const void* bytes, std::size_t size) override;
 
 private:
     std::string m_bytes;
@@ -55,7 +55,7 @@ bool AddTextEntry(VxaCore::CZipOutputStream& zip, const wchar_t* name, Print pri
         print(&sink);
     }
     if (!entry.IsOk()) throw std::bad_alloc();
-    return AddEntry(zip, name, true, entry.bytes());
+    return AddEntry(zip, name, true, entry.Bytes());
 }
 
 }  // namespace Filter::Diagnostics

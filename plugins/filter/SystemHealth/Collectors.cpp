@@ -187,17 +187,17 @@ unsigned long long queryCpuCount()
 
 int queryRunQueueLength(double* out)
 {
-    constexpr const char* self = "queryRunQueueLength";
+    constexpr const char* kSelf = "queryRunQueueLength";
     Pipe pipe = Run("uptime");
     if (!pipe) {
-        Complain(SYSHEALTH_AT(self), "could not run command, failing");
+        Complain(SYSHEALTH_AT(kSelf), "could not run command, failing");
         return 1;
     }
     char line[kLineSize] = {};
     const bool read = std::fgets(line, sizeof line, pipe.get()) != nullptr;
     pipe.reset();
     if (!read) {
-        Complain(SYSHEALTH_AT(self), "could not retrieve command output, failing");
+        Complain(SYSHEALTH_AT(kSelf), "could not retrieve command output, failing");
         return 1;
     }
     double length = 0;

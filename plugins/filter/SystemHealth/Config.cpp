@@ -250,12 +250,12 @@ int OpenConfigLog()
 // to the old length, in one call, and then cut: a reader never finds the tail of the old one.
 bool ReplaceContents(int file, std::string text)
 {
-    constexpr off_t largest_of_ours = 16384;
+    constexpr off_t kLargestOfOurs = 16384;
     const auto length = static_cast<off_t>(text.size());
     struct stat status {};
     if (fstat(file, &status) != 0) return false;
-    if (status.st_size > largest_of_ours && ftruncate(file, length) != 0) return false;
-    const off_t old_length = status.st_size > largest_of_ours ? length : status.st_size;
+    if (status.st_size > kLargestOfOurs && ftruncate(file, length) != 0) return false;
+    const off_t old_length = status.st_size > kLargestOfOurs ? length : status.st_size;
     if (old_length > length) text.resize(static_cast<std::size_t>(old_length), '\n');
     return WriteAll(file, text) && (old_length <= length || ftruncate(file, length) == 0);
 }

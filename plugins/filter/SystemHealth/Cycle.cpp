@@ -16,7 +16,7 @@ std::uint64_t t_prev = 0;
 namespace {
 
 constexpr const char* kSelf = "CheckSystemHealthMetrics";
-constexpr unsigned long long kDefaultMinDuration_minutes = 30;
+constexpr unsigned long long kDefaultMinDurationMinutes = 30;
 constexpr std::uint64_t kUsPerSecond = 1000000;
 
 // The script's arguments as plain values; the texts belong to Lua.
@@ -42,7 +42,7 @@ struct Cycle {
     std::uint64_t now_us;
     double delta_s;
     int activated;
-    unsigned long long min_duration_minutes = kDefaultMinDuration_minutes;
+    unsigned long long min_duration_minutes = kDefaultMinDurationMinutes;
     Sample sample{};
     // Of the decision:
     bool end_activated = false;
@@ -51,7 +51,7 @@ struct Cycle {
     MetricTable metrics{};
 };
 
-std::uint64_t WallClock_us()
+std::uint64_t WallClockUs()
 {
     timeval now{};
     gettimeofday(&now, nullptr);
@@ -282,7 +282,7 @@ void EndCycle(std::uint64_t now_us, bool disabled)
 int RunCycle(const Arguments& args)
 {
     Cycle cycle;
-    cycle.now_us = WallClock_us();
+    cycle.now_us = WallClockUs();
     cycle.delta_s = SecondsSincePrevious(cycle.now_us);
     cycle.activated = 0;
     int action = fc::kActionBadCall;

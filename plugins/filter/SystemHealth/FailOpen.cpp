@@ -5,8 +5,8 @@ namespace fc {
 bool MustStayInFailOpen(const FailOpenState& state, std::uint64_t now_us,
                         std::uint64_t minimum_minutes)
 {
-    constexpr std::uint64_t us_per_minute = 60000000;
-    return state.activated && now_us - state.activated_us < minimum_minutes * us_per_minute;
+    constexpr std::uint64_t kUsPerMinute = 60000000;
+    return state.activated && now_us - state.activated_us < minimum_minutes * kUsPerMinute;
 }
 
 FailOpenDecision DecideFailOpen(const FailOpenState& state, std::uint64_t now_us,

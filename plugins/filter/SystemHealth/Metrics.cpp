@@ -13,7 +13,7 @@ MetricTable health_metrics = {{
 
 namespace {
 
-constexpr double kDefaultMaxInterval_s = 45.0;
+constexpr double kDefaultMaxIntervalS = 45.0;
 
 // Below this rate of new connections a percentage of refusals says nothing.
 constexpr double kFewNewConnections = 5.0;
@@ -29,11 +29,11 @@ void Enable(MetricRow row, double threshold)
 
 // The run-queue length stands as it is, despite the metric's name: policies in the field
 // give their threshold against the bare length.
-double RunQueueMetric(double rqLen, unsigned long long numCpus)
+double RunQueueMetric(double rq_len, unsigned long long num_cpus)
 {
-    fc::Trace(s_TraceEngine, SYSHEALTH_AT(kCalculate), "rqlen=%f numCpus=%d rqlen_pct=%f", rqLen,
-              static_cast<int>(numCpus), rqLen);
-    return rqLen;
+    fc::Trace(s_TraceEngine, SYSHEALTH_AT(kCalculate), "rqlen=%f numCpus=%d rqlen_pct=%f", rq_len,
+              static_cast<int>(num_cpus), rq_len);
+    return rq_len;
 }
 
 double RefusalMetric()
@@ -46,24 +46,24 @@ double RefusalMetric()
     return value;
 }
 
-double EstablishedMetric(double numCpus)
+double EstablishedMetric(double num_cpus)
 {
     const double established = scan_rates[VXI_SCAN_ESTABLISHED];
-    const double value = established / numCpus;
+    const double value = established / num_cpus;
     fc::Trace(s_TraceEngine, SYSHEALTH_AT(kCalculate),
-              "conn_established=%f numCpus=%f conn_est_per_cpu=%f", established, numCpus, value);
+              "conn_established=%f numCpus=%f conn_est_per_cpu=%f", established, num_cpus, value);
     return value;
 }
 
-double ScanMbytesMetric(double numCpus)
+double ScanMbytesMetric(double num_cpus)
 {
-    constexpr double bytes_per_mebibyte = 1048576.0;
+    constexpr double kBytesPerMebibyte = 1048576.0;
     const double forward = scan_rates[VXI_SCAN_BYTES_FORWARD];
     const double backward = scan_rates[VXI_SCAN_BYTES_BACKWARD];
-    const double value = (forward + backward) / (numCpus * bytes_per_mebibyte);
+    const double value = (forward + backward) / (num_cpus * kBytesPerMebibyte);
     fc::Trace(s_TraceEngine, SYSHEALTH_AT(kCalculate),
               "scanbytes_fwd=%f scanbytes_bwd=%f numCpus=%f scan_mbytes_per_cpu=%f", forward,
-              backward, numCpus, value);
+              backward, num_cpus, value);
     return value;
 }
 
@@ -78,12 +78,12 @@ double FreeMemoryMetric()
     return value;
 }
 
-double MetricValue(int row, double rqLen, unsigned long long numCpus, double deltaT)
+double MetricValue(int row, double rq_len, unsigned long long num_cpus, double delta_t)
 {
-    const auto cpus = static_cast<double>(numCpus);
+    const auto cpus = static_cast<double>(num_cpus);
     switch (row) {
         case kMetRunQueue:
-            return RunQueueMetric(rqLen, numCpus);
+            return RunQueueMetric(rq_len, num_cpus);
         case kMetRefusalPct:
             return RefusalMetric();
         case kMetEstablished:
@@ -93,7 +93,7 @@ double MetricValue(int row, double rqLen, unsigned long long numCpus, double del
         case kMetFreeMemory:
             return FreeMemoryMetric();
         default:
-            return deltaT;
+            return delta_t;
     }
 }
 
@@ -117,12 +117,12 @@ bool FallsBelowLowerBound(const health_metrics_s& metric, double factor)
 
 }  // namespace
 
-void applyMetricConfigs(unsigned long long* minDurationMinutes)
+void applyMetricConfigs(unsigned long long* min_duration_minutes)
 {
     static constexpr struct {
         ConfigRow setting;
         MetricRow metric;
-    } thresholds[] = {
+    } kThresholds[] = {
         {kConfRefusalPct, kMetRefusalPct},   {kConfRunQueue, kMetRunQueue},
         {kConfEstablished, kMetEstablished}, {kConfScanMbytes, kMetScanMbytes},
         {kConfFreeMemory, kMetFreeMemory},
@@ -131,20 +131,20 @@ void applyMetricConfigs(unsigned long long* minDurationMinutes)
         metric.value = metric.threshold = 0.0;
         metric.enabled = 0;
     }
-    for (const auto& pair : thresholds)
+    for (const auto& pair : kThresholds)
         if (vxa_syshealth_config[pair.setting].set != 0)
             Enable(pair.metric, vxa_syshealth_config[pair.setting].value);
     const auto& interval = vxa_syshealth_config[kConfMaxInterval];
-    Enable(kMetInterval, interval.set != 0 ? interval.value : kDefaultMaxInterval_s);
+    Enable(kMetInterval, interval.set != 0 ? interval.value : kDefaultMaxIntervalS);
     const auto& duration = vxa_syshealth_config[kConfMinActDuration];
-    if (duration.set != 0) *minDurationMinutes = static_cast<unsigned long long>(duration.value);
+    if (duration.set != 0) *min_duration_minutes = static_cast<unsigned long long>(duration.value);
 }
 
-void calculateHealthMetrics(double rqLen, unsigned long long numCpus, double deltaT)
+void calculateHealthMetrics(double rq_len, unsigned long long num_cpus, double delta_t)
 {
     for (int row = 0; row < kMetRows; ++row)
         if (health_metrics[row].enabled != 0)
-            health_metrics[row].value = MetricValue(row, rqLen, numCpus, deltaT);
+            health_metrics[row].value = MetricValue(row, rq_len, num_cpus, delta_t);
 }
 
 int check_health_metric_thresholds(double factor)

@@ -52,7 +52,7 @@ int MonitoredPort()
 }
 
 // A failure is only logged: the fetch that follows decides about this cycle.
-void set_scan_metrics_config(vxi_handle_ops_s* handle, int port, int outbound)
+void SetScanMetricsConfig(vxi_handle_ops_s* handle, int port, int outbound)
 {
     fc::Trace(s_TraceScan, SYSHEALTH_AT("set_scan_metrics_config"), "setting scan config %d, %d",
               port, outbound);
@@ -94,9 +94,9 @@ void TraceExcess(const scan_metrics_request& request)
 }
 
 // A counter that ran backwards was restarted by the driver and has no rate this time.
-double Rate(std::uint64_t current, std::uint64_t previous, double deltaT)
+double Rate(std::uint64_t current, std::uint64_t previous, double delta_t)
 {
-    return current >= previous ? static_cast<double>(current - previous) / deltaT : 0.0;
+    return current >= previous ? static_cast<double>(current - previous) / delta_t : 0.0;
 }
 
 }  // namespace
@@ -111,8 +111,7 @@ bool FetchScanMetrics(const ConfigTable& config, scan_metrics_request* request)
     }
     // Until a fetch succeeds the configuration is sent anew each time; afterwards never
     // again in this process, and every fetch goes on naming the port that was sent.
-    if (NeedsConfiguration())
-        set_scan_metrics_config(handle.get(), ConfiguredPort(config), outbound);
+    if (NeedsConfiguration()) SetScanMetricsConfig(handle.get(), ConfiguredPort(config), outbound);
     const int rc = get_scan_metrics(handle.get(), outbound, request);
     if (rc == 0) {
         TraceExcess(*request);
@@ -125,13 +124,13 @@ bool FetchScanMetrics(const ConfigTable& config, scan_metrics_request* request)
     return false;
 }
 
-void UpdateScanRates(const scan_metrics_request& request, double deltaT)
+void UpdateScanRates(const scan_metrics_request& request, double delta_t)
 {
     // The counts come back from the driver; the request holds ten counters of one entry.
     const std::uint32_t counters =
         request.entries == 0 ? 0 : std::min<std::uint32_t>(request.counters, VXI_SCAN_COUNTERS);
     for (std::uint32_t j = 0; j < counters; ++j) {
-        if (first_run == 0) scan_rates[j] = Rate(request.counter[j], prev_scan_metrics[j], deltaT);
+        if (first_run == 0) scan_rates[j] = Rate(request.counter[j], prev_scan_metrics[j], delta_t);
         prev_scan_metrics[j] = request.counter[j];
     }
     first_run = 0;

@@ -153,10 +153,10 @@ extern MetricTable health_metrics;
 
 // Carries the configuration into the thresholds; stores the configured minimum time in
 // fail-open, if any, in *minDurationMinutes.
-FC_PUBLIC void applyMetricConfigs(unsigned long long* minDurationMinutes);
+FC_PUBLIC void applyMetricConfigs(unsigned long long* min_duration_minutes);
 
 // Computes the value of every enabled metric.
-FC_PUBLIC void calculateHealthMetrics(double rqLen, unsigned long long numCpus, double deltaT);
+FC_PUBLIC void calculateHealthMetrics(double rq_len, unsigned long long num_cpus, double delta_t);
 
 // How many enabled metrics are beyond their threshold scaled by the factor.
 FC_PUBLIC int check_health_metric_thresholds(double factor);
@@ -174,7 +174,7 @@ extern std::array<std::uint64_t, VXI_SCAN_COUNTERS> prev_scan_metrics;
 bool FetchScanMetrics(const ConfigTable& config, scan_metrics_request* request);
 
 // Turns fetched counters into rates over deltaT seconds. With the lock held.
-void UpdateScanRates(const scan_metrics_request& request, double deltaT);
+void UpdateScanRates(const scan_metrics_request& request, double delta_t);
 
 // ---- the cycle's own state -------------------------------------------------------------
 

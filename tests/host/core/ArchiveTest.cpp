@@ -46,7 +46,7 @@ enum Place { kDirectory, kEnd, kHeader, kTrailer };
 
 const struct {
     Place place;
-    size_t offset;
+    std::size_t offset;
     std::string bytes;
     const char *listing, *reading;  // complaints
 } kDamages[] = {
@@ -65,16 +65,16 @@ const struct {
 TEST(Archive, IsReadBackAndDamageIsFoundBeforeItCosts)
 {
     const ScratchDirectory scratch;
-    const std::string path = scratch.path("a.zip"), pipe = scratch.path("pipe");
+    const std::string path = scratch.Path("a.zip"), pipe = scratch.Path("pipe");
     const Entry wanted[] = {{"a.txt", std::string(200000, 'x'), true},
                             {"b.bin", std::string("\0\xFF", 2), false},
                             {"\u00fc/\u4e2d.txt", "", true}};
     CZipOutputStream zip(CZipOutputStream::Archive::Create(path));
     for (const Entry& entry : wanted) EXPECT_TRUE(Add(zip, entry));
     std::string error;
-    const size_t open_bytes = mallinfo2().uordblks;
+    const std::size_t open_bytes = mallinfo2().uordblks;
     EXPECT_TRUE(zip.archive().Close(error)) << error;
-    const size_t closed_bytes = mallinfo2().uordblks;
+    const std::size_t closed_bytes = mallinfo2().uordblks;
     // Sanitizers keep no such count.
     EXPECT_TRUE(open_bytes == 0 || closed_bytes + 200000 < open_bytes) << closed_bytes;
     EXPECT_FALSE(Add(zip, wanted[0]));
@@ -83,7 +83,7 @@ TEST(Archive, IsReadBackAndDamageIsFoundBeforeItCosts)
 
     const auto entries = ListArchive(path);
     ASSERT_EQ(entries.size(), std::size(wanted));
-    for (size_t i = 0; i < std::size(wanted); ++i) {
+    for (std::size_t i = 0; i < std::size(wanted); ++i) {
         EXPECT_EQ(entries[i].name, wanted[i].name);
         EXPECT_EQ(entries[i].bytes, wanted[i].bytes.size());
         EXPECT_LT(entries[i].packed_bytes, 2000u);
@@ -91,7 +91,8 @@ TEST(Archive, IsReadBackAndDamageIsFoundBeforeItCosts)
         EXPECT_EQ(ReadArchiveEntry(path, wanted[i].name, 200000), wanted[i].bytes);
     }
     const std::string good = ReadText(path);
-    const size_t places[] = {good.find("PK\1\2"), good.find("PK\5\6"), 0, good.find("PK\7\10")};
+    const std::size_t places[] = {good.find("PK\1\2"), good.find("PK\5\6"), 0,
+                                  good.find("PK\7\10")};
     for (const auto& damage : kDamages) {
         std::string bytes = good;
         bytes.replace(places[damage.place] + damage.offset, damage.bytes.size(), damage.bytes);

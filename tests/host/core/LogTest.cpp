@@ -40,7 +40,7 @@ protected:
 
     std::string m_error;
     const ScratchDirectory m_scratch;
-    const std::string m_path = m_scratch.path("log.jsonl");
+    const std::string m_path = m_scratch.Path("log.jsonl");
 };
 
 TEST(Document, EventsAreFormattedAsFarAsArgumentsGo)
@@ -55,7 +55,7 @@ TEST(Document, EventsAreFormattedAsFarAsArgumentsGo)
     document.DoAgentEventWriteUtf8(1, "\xC3\xBC %d %d", 3);
     document.DoAgentEventWriteUtf8(1, "\xFC %s");
     document.DoAgentEventWriteUtf8(1, nullptr);
-    size_t unreadable = 0;
+    std::size_t unreadable = 0;
     std::vector<std::string> texts;
     for (const auto& event : document.store().Events(unreadable)) texts.push_back(event.text);
     EXPECT_EQ(texts, (std::vector<std::string>{"GET|ff (\u00fc) %s%n%", "wide, then %s",
@@ -105,14 +105,14 @@ TEST_F(LogTest, EveryRecordIsAJsonLine)
             written + "\"}");
     }
     LogTrace("off", "file", 1, "function", "not written");
-    constexpr std::pair<int, const char*> levels[] = {{wxLOG_Error, "error"},
-                                                      {wxLOG_Warning, "warning"},
-                                                      {wxLOG_Status, "message"},
-                                                      {wxLOG_Info, "info"},
-                                                      {wxLOG_Debug, "debug"}};
+    constexpr std::pair<int, const char*> kLevels[] = {{wxLOG_Error, "error"},
+                                                       {wxLOG_Warning, "warning"},
+                                                       {wxLOG_Status, "message"},
+                                                       {wxLOG_Info, "info"},
+                                                       {wxLOG_Debug, "debug"}};
     for (const bool verbose : {true, false}) {
         Host::SetVerbose(verbose);
-        for (const auto& [level, name] : levels) {
+        for (const auto& [level, name] : kLevels) {
             wxLogGeneric(level, "%d", 1);
             expected.push_back(std::string(R"("kind":"log","level":")") + name +
                                R"(","message":"1"})");
@@ -126,13 +126,13 @@ TEST_F(LogTest, EveryRecordIsAJsonLine)
 
 TEST_F(LogTest, ManyWritersAndSwitchersAtOnce)
 {
-    constexpr int records = 300;
+    constexpr int kRecords = 300;
     Host::SwitchTrace("always", true);
     for (const int round : {1, 2}) {
         std::atomic<int> writing{4};
         const auto write = [&] {
             Host::TakeGeneralLog();
-            for (int i = 0; i < records; ++i) {
+            for (int i = 0; i < kRecords; ++i) {
                 LogTrace("always", "file", i, "function", "-");
                 LogTrace("sometimes", "file", i, "function", "-");
                 wxLogError("-");
@@ -151,8 +151,8 @@ TEST_F(LogTest, ManyWritersAndSwitchersAtOnce)
             ASSERT_EQ(line.back(), '}');
             ++found[line[line.find(':', line.find(',')) + 2]];
         }
-        EXPECT_EQ(found['a'], round * 4 * records);
-        EXPECT_EQ(found['e'], round * 4 * records);
+        EXPECT_EQ(found['a'], round * 4 * kRecords);
+        EXPECT_EQ(found['e'], round * 4 * kRecords);
         // By default wxWidgets keeps other threads' records once it is initialised.
         ASSERT_TRUE(wxInitialize());
         Host::TakeGeneralLog();

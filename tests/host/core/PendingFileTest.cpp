@@ -41,44 +41,44 @@ protected:
     Pending() { file_system_has_nameless_files = GetParam(); }
     ~Pending() override { file_system_has_nameless_files = true; }
 
-    std::string path(const std::string& name) const { return m_scratch.path("folder/" + name); }
+    std::string Path(const std::string& name) const { return m_scratch.Path("folder/" + name); }
     Names Folder() const
     {
         Names names;
-        for (const auto& entry : std::filesystem::directory_iterator(path("")))
+        for (const auto& entry : std::filesystem::directory_iterator(Path("")))
             names.insert(entry.path().filename());
         return names;
     }
     // Writes "new" and publishes; what was wrong.
     std::string Write(const std::string& name, Existing existing) const
     {
-        PendingFile file(path(name));
-        EXPECT_EQ(write(file.descriptor(), "new", 3), 3);
+        PendingFile file(Path(name));
+        EXPECT_EQ(write(file.Descriptor(), "new", 3), 3);
         return file.Publish(existing);
     }
 
     const ScratchDirectory m_scratch;
-    const bool m_made = std::filesystem::create_directory(path(""));
+    const bool m_made = std::filesystem::create_directory(Path(""));
 };
 
 TEST_P(Pending, GetsItsNameWhenItIsComplete)
 {
     // What killed processes left goes, unless it is in use or no file of ours.
     for (const char* name : {"a.part1", "a.part2", "a.part4", "a.partx", "b.part1"})
-        WriteText(path(name), "left");
-    std::filesystem::create_directory(path("a.part3"));
-    const int used = open(path("a.part4").c_str(), O_RDONLY);
+        WriteText(Path(name), "left");
+    std::filesystem::create_directory(Path("a.part3"));
+    const int used = open(Path("a.part4").c_str(), O_RDONLY);
     ASSERT_EQ(flock(used, LOCK_EX), 0);
     EXPECT_EQ(Write("a", Existing::kKept), "");
-    EXPECT_EQ(ReadText(path("a")), "new");
-    EXPECT_EQ(std::filesystem::status(path("a")).permissions(), std::filesystem::perms{0600});
-    WriteText(path("a"), "old");
+    EXPECT_EQ(ReadText(Path("a")), "new");
+    EXPECT_EQ(std::filesystem::status(Path("a")).permissions(), std::filesystem::perms{0600});
+    WriteText(Path("a"), "old");
     EXPECT_NE(Write("a", Existing::kKept).find("a: File exists"), std::string::npos);
-    EXPECT_EQ(ReadText(path("a")), "old");
+    EXPECT_EQ(ReadText(Path("a")), "old");
     EXPECT_EQ(Write("a", Existing::kReplaced), "");
-    EXPECT_EQ(ReadText(path("a")), "new");
+    EXPECT_EQ(ReadText(Path("a")), "new");
     {
-        const PendingFile forgotten(path("c"));
+        const PendingFile forgotten(Path("c"));
     }
     EXPECT_EQ(Folder(), (Names{"a", "a.part3", "a.part4", "a.partx", "b.part1"}));
     close(used);
@@ -89,31 +89,31 @@ TEST_P(Pending, GetsItsNameWhenItIsComplete)
 // Somebody else owns the folder, and has all that appears there swapped for links.
 TEST_P(Pending, NeverWritesWhereALinkLeads)
 {
-    const std::string victim = m_scratch.path("victim");
+    const std::string victim = m_scratch.Path("victim");
     WriteText(victim, "kept");
-    std::filesystem::create_symlink(victim, path("link"));
+    std::filesystem::create_symlink(victim, Path("link"));
     EXPECT_NE(Write("link", Existing::kReplaced), "");
-    std::filesystem::remove(path("link"));
-    PendingFile file(path("a"));
+    std::filesystem::remove(Path("link"));
+    PendingFile file(Path("a"));
     for (const std::string& name : Folder()) {
-        std::filesystem::rename(path(name), path("moved"));
-        std::filesystem::create_symlink(victim, path(name));
+        std::filesystem::rename(Path(name), Path("moved"));
+        std::filesystem::create_symlink(victim, Path(name));
     }
-    EXPECT_EQ(write(file.descriptor(), "new", 3), 3);
+    EXPECT_EQ(write(file.Descriptor(), "new", 3), 3);
     EXPECT_EQ(file.Publish(Existing::kReplaced).empty(), GetParam());
     EXPECT_EQ(ReadText(victim), "kept");
 }
 
 TEST_P(Pending, NeedsNoFolderThatCanBeRead)
 {
-    constexpr uid_t nobody = 65534;  // root may read every folder
+    constexpr uid_t kNobody = 65534;  // root may read every folder
     if (geteuid() != 0) GTEST_SKIP() << "needs root";
-    ASSERT_EQ(chmod(m_scratch.path("").c_str(), 0755), 0);
-    ASSERT_EQ(chmod(path("").c_str(), 0300) + chown(path("").c_str(), nobody, nobody), 0);
-    ASSERT_EQ(seteuid(nobody), 0);
+    ASSERT_EQ(chmod(m_scratch.Path("").c_str(), 0755), 0);
+    ASSERT_EQ(chmod(Path("").c_str(), 0300) + chown(Path("").c_str(), kNobody, kNobody), 0);
+    ASSERT_EQ(seteuid(kNobody), 0);
     EXPECT_EQ(Write("a", Existing::kKept), "");
     ASSERT_EQ(seteuid(0), 0);
-    EXPECT_EQ(ReadText(path("a")), "new");
+    EXPECT_EQ(ReadText(Path("a")), "new");
 }
 
 INSTANTIATE_TEST_SUITE_P(FileSystems, Pending, testing::Bool());

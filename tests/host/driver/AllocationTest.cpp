@@ -9,23 +9,23 @@ namespace {
 
 struct Results {
     char open_error[256] = "";
-    int statuses[std::size(calls) + 2] = {};
-    char errors[std::size(calls) + 2][256] = {};
+    int statuses[std::size(kCalls) + 2] = {};
+    char errors[std::size(kCalls) + 2][256] = {};
 };
 
-void drop(tb_dump_s*, const char*, ...) {}
+void Drop(tb_dump_s*, const char*, ...) {}
 
-bool use_everything(Results& results)
+bool UseEverything(Results& results)
 {
     vxi_handle_ops_s* const handle = vxi_open();
     std::strcpy(results.open_error, vxi_open_error());
     unsigned i = 0;
-    for (const Call& call : calls) {
-        results.statuses[i] = call.make(handle);
+    for (const Call& call : kCalls) {
+        results.statuses[i] = call.Make(handle);
         vxi_get_error(handle, results.errors[i++], sizeof results.errors[0]);
     }
     Statistics stats;
-    tb_dump_s sink{drop, nullptr};
+    tb_dump_s sink{Drop, nullptr};
     tb_dump_stats(&sink, &stats);
     results.statuses[i++] = vxi_fault_script("vxi_open=-1:after=999:a text of the heap", nullptr);
     results.statuses[i] = vxi_sim_configure("scenario=busy:3/idle", nullptr);
@@ -43,7 +43,7 @@ TEST(Allocation, FailuresAreToldByStatusAndText)
         bool opened = false;
         std::thread([&] {  // a new one: what a thread's first calls need can be missing
             static_cast<void>(allocations::AllowMalloc(allowed));
-            opened = use_everything(*results);
+            opened = UseEverything(*results);
             failed = allocations::LiftLimit();
         })
             .join();
@@ -52,9 +52,9 @@ TEST(Allocation, FailuresAreToldByStatusAndText)
         for (unsigned i = 0; opened && i < std::size(results->statuses); ++i) {
             const int status = results->statuses[i];
             EXPECT_TRUE(status >= 0 || status == -ENOMEM) << i << ": " << status;
-            EXPECT_TRUE(status >= 0 || i >= std::size(calls) ||
+            EXPECT_TRUE(status >= 0 || i >= std::size(kCalls) ||
                         std::strstr(results->errors[i], ": out of memory"))
-                << calls[i].name << results->errors[i];
+                << kCalls[i].name << results->errors[i];
         }
     }
     EXPECT_LT(allowed, 5000);

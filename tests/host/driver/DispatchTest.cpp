@@ -7,21 +7,21 @@
 #include <stdexcept>
 #include <thread>
 
-#include "api/Engine.h"
 #include "Fixture.h"
+#include "api/Engine.h"
 
 namespace {
 
 class Dispatch : public SimulatedMachine {
 protected:
-    static void script(const std::string& text)
+    static void Script(const std::string& text)
     {
         ASSERT_EQ(0, vxi_fault_script(text.c_str(), nullptr)) << text;
     }
-    int states()
+    int States()
     {
         vxa_get_conn_states_s record;
-        return vxi_get_conn_states(handle(), &record);
+        return vxi_get_conn_states(Driver(), &record);
     }
 };
 
@@ -29,42 +29,42 @@ TEST_F(Dispatch, EveryCallSurvivesANullHandleAndCanFail)
 {
     std::string text;
     int status = -41;
-    for (const auto& call : calls) {
-        EXPECT_EQ(-EBADF, call.make(nullptr)) << call.name;
+    for (const auto& call : kCalls) {
+        EXPECT_EQ(-EBADF, call.Make(nullptr)) << call.name;
         text += std::string(call.name) + "=" + std::to_string(status--) + ",";
     }
     vxi_close(nullptr);
     vxi_set_trace_level(nullptr, 3);
     vxi_set_trace_handler(nullptr, nullptr);
-    script(text);
+    Script(text);
     status = -41;
-    for (const auto& call : calls) {
-        EXPECT_EQ(status--, call.make(handle())) << call.name;
+    for (const auto& call : kCalls) {
+        EXPECT_EQ(status--, call.Make(Driver())) << call.name;
     }
 }
 
-int ask_conntrack(Handle handle, std::uint32_t kind, std::uint8_t protocol, unsigned size = 16)
+int AskConntrack(Handle handle, std::uint32_t kind, std::uint8_t protocol, unsigned size = 16)
 {
-    vxa_dump_conntrack_s section = conntrack_request(protocol);
+    vxa_dump_conntrack_s section = ConntrackRequest(protocol);
     section.request = kind;
     return vxi_get_conntrack(handle, &section, size, nullptr);
 }
 
-int ask_scan(Handle handle, std::uint32_t version, std::uint32_t direction, unsigned length)
+int AskScan(Handle handle, std::uint32_t version, std::uint32_t direction, unsigned length)
 {
-    scan_metrics_request request = scan_request(8080, direction);
+    scan_metrics_request request = ScanRequest(8080, direction);
     request.version = version;
     return vxi_get_scan_metrics(handle, &request, length);
 }
 
 TEST_F(Dispatch, BadArgumentsAreNamed)
 {
-    scan_monitor_config two_ports = scan_config(1);
+    scan_monitor_config two_ports = ScanConfig(1);
     two_ports.outbound[7] = 4;
     scan_monitor_config no_port{1, 0, {}, {}};
     vxa_stats_v2_s no_areas{};
     vxa_filter_variable_s unknown{173, 0};
-    const Handle h = handle();
+    const Handle h = Driver();
     const struct {
         std::function<int()> call;
         int status;
@@ -79,23 +79,23 @@ TEST_F(Dispatch, BadArgumentsAreNamed)
         {[&] { return vxi_get_var(h, 1, nullptr); }, -EINVAL, "vxi_get_var: no record"},
         {[&] { return vxi_get_profile_stats(h, nullptr); }, -EINVAL, "profile_stats: no record"},
         {[&] { return vxi_set_scan_monitoring(h, nullptr); }, -EINVAL, "monitoring: no record"},
-        {[&] { return ask_conntrack(h, 3, 0, 15); }, -EINVAL, "size 15"},
-        {[&] { return ask_conntrack(h, 4, 0); }, -EINVAL, "request kind 4"},
-        {[&] { return ask_conntrack(h, 3, 132); }, -EINVAL, "protocol 132"},
-        {[&] { return ask_conntrack(h, 3, 6); }, -ENODATA, "ask for the count"},
+        {[&] { return AskConntrack(h, 3, 0, 15); }, -EINVAL, "size 15"},
+        {[&] { return AskConntrack(h, 4, 0); }, -EINVAL, "request kind 4"},
+        {[&] { return AskConntrack(h, 3, 132); }, -EINVAL, "protocol 132"},
+        {[&] { return AskConntrack(h, 3, 6); }, -ENODATA, "ask for the count"},
         {[&] { return vxi_get_varv(h, &unknown); }, VXI_E_UNKNOWN_VARIABLE, "variable 173 is unk"},
         {[&] { return vxi_set_var(h, 64, 0); }, -EROFS, "vxi_set_var: variable 64"},
         {[&] { return vxi_set_scan_monitoring(h, &two_ports); }, -EINVAL, "exactly one port"},
         {[&] { return vxi_set_scan_monitoring(h, &no_port); }, -EINVAL, "exactly one port"},
-        {[&] { return ask_scan(h, 1, 1, 71); }, -EINVAL, "length 71"},
-        {[&] { return ask_scan(h, 9, 1, 192); }, -EINVAL, "version 9"},
-        {[&] { return ask_scan(h, 1, 3, 192); }, -EINVAL, "direction 3"},
-        {[&] { return ask_scan(h, 1, 2, 192); }, -ENOENT, "port 8080 is not monitored"},
+        {[&] { return AskScan(h, 1, 1, 71); }, -EINVAL, "length 71"},
+        {[&] { return AskScan(h, 9, 1, 192); }, -EINVAL, "version 9"},
+        {[&] { return AskScan(h, 1, 3, 192); }, -EINVAL, "direction 3"},
+        {[&] { return AskScan(h, 1, 2, 192); }, -ENOENT, "port 8080 is not monitored"},
     };
-    ASSERT_EQ(0, monitor_port(handle(), port));
+    ASSERT_EQ(0, MonitorPort(Driver(), kPort));
     for (const auto& each : cases) {
         EXPECT_EQ(each.status, each.call()) << each.text;
-        const std::string text = error_text(h);
+        const std::string text = ErrorText(h);
         EXPECT_EQ(0U, text.find("engine sim: vxi_")) << text;
         EXPECT_NE(std::string::npos, text.find(each.text)) << text;
     }
@@ -104,20 +104,20 @@ TEST_F(Dispatch, BadArgumentsAreNamed)
 TEST_F(Dispatch, ErrorTextIsCutToTheBufferAndKept)
 {
     char text[12];
-    vxi_set_var(handle(), 64, 0);
-    EXPECT_EQ(0, vxi_set_var(handle(), 62, 0)) << "a success, which must not take the text away";
-    EXPECT_EQ(0, vxi_get_error(handle(), text, sizeof text));
+    vxi_set_var(Driver(), 64, 0);
+    EXPECT_EQ(0, vxi_set_var(Driver(), 62, 0)) << "a success, which must not take the text away";
+    EXPECT_EQ(0, vxi_get_error(Driver(), text, sizeof text));
     EXPECT_STREQ("engine sim:", text);
-    EXPECT_EQ(-EINVAL, vxi_get_error(handle(), text, 0));
+    EXPECT_EQ(-EINVAL, vxi_get_error(Driver(), text, 0));
     EXPECT_EQ(-EBADF, vxi_get_error(nullptr, text, sizeof text));
 }
 
 TEST_F(Dispatch, EveryPortCanBeMonitored)
 {
     for (const std::uint16_t each : {0, 31, 32, 65535}) {
-        scan_metrics_request request = scan_request(each, VXI_SCAN_OUTBOUND);
-        EXPECT_EQ(0, monitor_port(handle(), each, VXI_SCAN_OUTBOUND));
-        EXPECT_EQ(0, vxi_get_scan_metrics(handle(), &request, sizeof request)) << each;
+        scan_metrics_request request = ScanRequest(each, VXI_SCAN_OUTBOUND);
+        EXPECT_EQ(0, MonitorPort(Driver(), each, VXI_SCAN_OUTBOUND));
+        EXPECT_EQ(0, vxi_get_scan_metrics(Driver(), &request, sizeof request)) << each;
     }
 }
 
@@ -129,13 +129,13 @@ TEST_F(Dispatch, ScanCountersStayInsideTheRequest)
         unsigned length, delivered;
     } cases[] = {
         {4000000000U, 4000000000U, 192, 10}, {10, 1, 96, 3}, {10, 1, 79, 0}, {10, 0, 192, 0}};
-    ASSERT_EQ(0, monitor_port(handle(), port));
+    ASSERT_EQ(0, MonitorPort(Driver(), kPort));
     for (const auto& each : cases) {
-        scan_metrics_request request = scan_request(port);
+        scan_metrics_request request = ScanRequest(kPort);
         std::memset(request.counter, 0xee, sizeof request.counter);
         request.counters = each.counters;
         request.entries = each.entries;
-        ASSERT_EQ(0, vxi_get_scan_metrics(handle(), &request, each.length));
+        ASSERT_EQ(0, vxi_get_scan_metrics(Driver(), &request, each.length));
         EXPECT_EQ(each.delivered, request.counters);
         EXPECT_EQ(each.entries != 0, request.entries);
         for (unsigned i = 0; i < 15; ++i) {
@@ -148,12 +148,12 @@ TEST_F(Dispatch, ScanCountersStayInsideTheRequest)
 // have come since, the fill must not take the zero for another size request.
 TEST_F(Dispatch, FillingAnEmptyBlacklistStaysEmpty)
 {
-    configure("blacklist=0");
+    Configure("blacklist=0");
     vxa_blacklist_get_addrs_s list{};
-    ASSERT_EQ(0, vxi_get_blacklist(handle(), &list));
+    ASSERT_EQ(0, vxi_get_blacklist(Driver(), &list));
     ASSERT_EQ(0U, list.entries_size);
-    configure("blacklist=5");
-    ASSERT_EQ(0, vxi_get_blacklist(handle(), &list));
+    Configure("blacklist=5");
+    ASSERT_EQ(0, vxi_get_blacklist(Driver(), &list));
     EXPECT_EQ(0U, list.entries_size);
 }
 
@@ -164,19 +164,19 @@ TEST_F(Dispatch, TracesByLevel)
     const struct {
         int level, success, failure;
     } cases[] = {{0, 0, 0}, {1, 0, 1}, {2, 0, 1}, {3, 1, 1}, {99, 1, 1}, {-1, 0, 0}};
-    vxi_set_trace_handler(handle(),
+    vxi_set_trace_handler(Driver(),
                           [](int, const char*, const char*, int, char*) { return ++traces; });
     for (const auto& each : cases) {
-        vxi_set_trace_level(handle(), each.level);
+        vxi_set_trace_level(Driver(), each.level);
         traces = 0;
-        vxi_driver_available(handle());
+        vxi_driver_available(Driver());
         EXPECT_EQ(each.success, traces) << each.level;
-        vxi_set_var(handle(), 64, 0);
+        vxi_set_var(Driver(), 64, 0);
         EXPECT_EQ(each.success + each.failure, traces) << each.level;
     }
 }
 
-int format_into(std::size_t size, const char* format, ...)
+int FormatInto(std::size_t size, const char* format, ...)
 {
     char text[] = "untouched";
     va_list arguments;
@@ -189,11 +189,11 @@ int format_into(std::size_t size, const char* format, ...)
 
 TEST(BoundedFormatting, AlwaysLeavesAText)
 {
-    EXPECT_EQ(7, format_into(8, "%s", "0123456789"));
-    EXPECT_EQ(0, format_into(1, "%d", 5));
-    EXPECT_EQ(0, format_into(0, "%d", 5));
+    EXPECT_EQ(7, FormatInto(8, "%s", "0123456789"));
+    EXPECT_EQ(0, FormatInto(1, "%d", 5));
+    EXPECT_EQ(0, FormatInto(0, "%d", 5));
     // A wide character that the C locale cannot write makes the formatting itself fail.
-    EXPECT_EQ(0, format_into(8, "ab%lc", static_cast<wint_t>(0x20ac)));
+    EXPECT_EQ(0, FormatInto(8, "ab%lc", static_cast<wint_t>(0x20ac)));
 }
 
 TEST_F(Dispatch, FaultsLastAsLongAsTheScriptSays)
@@ -210,9 +210,9 @@ TEST_F(Dispatch, FaultsLastAsLongAsTheScriptSays)
         {"vxi_get_stats=-5,vxi_open=-1", {0, 0}},
     };
     for (const auto& each : cases) {
-        script(each.script);
+        Script(each.script);
         for (std::size_t call = 0; call < each.statuses.size(); ++call) {
-            EXPECT_EQ(each.statuses[call], states()) << each.script << ", call " << call;
+            EXPECT_EQ(each.statuses[call], States()) << each.script << ", call " << call;
         }
     }
 }
@@ -225,9 +225,9 @@ TEST_F(Dispatch, FaultsNameEngineAndOperation)
         {"-5:caf\xc3\xa9", R"(caf\xc3\xa9)"},
     };
     for (const auto& [fault, text] : cases) {
-        script(std::string("vxi_get_conn_states=") + fault);
-        EXPECT_NE(0, states());
-        EXPECT_EQ(std::string("engine sim: vxi_get_conn_states: ") + text, error_text(handle()));
+        Script(std::string("vxi_get_conn_states=") + fault);
+        EXPECT_NE(0, States());
+        EXPECT_EQ(std::string("engine sim: vxi_get_conn_states: ") + text, ErrorText(Driver()));
     }
 }
 
@@ -235,8 +235,8 @@ using Read = int (*)(const char* text, unsigned* position);
 
 TEST_F(Dispatch, MalformedSettingsChangeNothing)
 {
-    script("vxi_get_conn_states=-5");
-    configure("cpus=3");
+    Script("vxi_get_conn_states=-5");
+    Configure("cpus=3");
     const struct {
         Read read;
         const char* text;
@@ -262,7 +262,7 @@ TEST_F(Dispatch, MalformedSettingsChangeNothing)
         EXPECT_EQ(each.position, position) << each.text;
         EXPECT_EQ(-EINVAL, each.read(each.text, nullptr)) << each.text;
     }
-    EXPECT_EQ(-5, states());
+    EXPECT_EQ(-5, States());
     vxi_sim_machine_s machine;
     vxi_sim_machine(&machine);
     EXPECT_EQ(3U, machine.cpu_count);
@@ -270,13 +270,13 @@ TEST_F(Dispatch, MalformedSettingsChangeNothing)
 
 TEST_F(Dispatch, OpeningAndAvailabilityCanFail)
 {
-    script("vxi_open=-1:once,vxi_driver_available=0:after=1");
+    Script("vxi_open=-1:once,vxi_driver_available=0:after=1");
     EXPECT_FALSE(vxi_open());
     EXPECT_STREQ("engine sim: vxi_open: Operation not permitted", vxi_open_error());
     EXPECT_TRUE(OpenHandle(vxi_open()));
     EXPECT_STREQ("", vxi_open_error());
-    EXPECT_EQ(1, vxi_driver_available(handle()));
-    EXPECT_EQ(0, vxi_driver_available(handle()));
+    EXPECT_EQ(1, vxi_driver_available(Driver()));
+    EXPECT_EQ(0, vxi_driver_available(Driver()));
     EXPECT_EQ(-EINVAL, vxi_engine_select("fault"));
     EXPECT_EQ(-EINVAL, vxi_engine_select(nullptr));
     EXPECT_STREQ("sim", vxi_engine_name());
@@ -284,7 +284,7 @@ TEST_F(Dispatch, OpeningAndAvailabilityCanFail)
 
 // The environment is read once a process, so each case is a process of its own.
 // Writes to standard error which engine opened, or why none did, and what the check finds.
-[[noreturn]] void open_with(const char* engine, const char* sim, const char* fault)
+[[noreturn]] void OpenWith(const char* engine, const char* sim, const char* fault)
 {
     setenv("VXI_ENGINE", engine, 1);
     setenv("VXI_SIM", sim, 1);
@@ -315,7 +315,7 @@ TEST(EnvironmentDeathTest, ChoosesEngineSettingsAndFaults)
         {"sim", "", "vxi_open=-13", "^failed sim engine sim: vxi_open: Permission denied[|]\n"},
     };
     for (const auto& each : cases) {
-        EXPECT_EXIT(open_with(each.engine, each.sim, each.fault), testing::ExitedWithCode(0),
+        EXPECT_EXIT(OpenWith(each.engine, each.sim, each.fault), testing::ExitedWithCode(0),
                     each.said);
     }
 }
@@ -327,19 +327,19 @@ TEST(OwnEngine, NothingIsMissingAndNothingEscapes)
 {
     static vxi::Operations operations{};
     operations.get_conn_states = [](Handle h, vxa_get_conn_states_s*) { return answer(h); };
-    static const vxi::Engine engine{"made", &operations, nullptr};
+    static const vxi::Engine kEngine{"made", &operations, nullptr};
     vxi_handle_ops_s handle{};
-    handle.operations = vxi::complete(engine);
+    handle.operations = vxi::Complete(kEngine);
     answer = [](Handle) -> int { throw std::bad_alloc(); };
-    for (const auto& call : calls) {
+    for (const auto& call : kCalls) {
         const std::string name = call.name;
-        const int status = call.make(&handle);
+        const int status = call.Make(&handle);
         if (name == "vxi_get_conn_states") {
             EXPECT_EQ(-ENOMEM, status);
-            EXPECT_EQ("engine made: vxi_get_conn_states: out of memory", error_text(&handle));
+            EXPECT_EQ("engine made: vxi_get_conn_states: out of memory", ErrorText(&handle));
         } else if (name != "vxi_capabilities") {
             EXPECT_EQ(name == "vxi_driver_available" ? 0 : -EOPNOTSUPP, status) << name;
-            EXPECT_EQ("not supported by engine made: " + name, error_text(&handle));
+            EXPECT_EQ("not supported by engine made: " + name, ErrorText(&handle));
         }
     }
     const struct {
@@ -349,14 +349,14 @@ TEST(OwnEngine, NothingIsMissingAndNothingEscapes)
     } cases[] = {
         {[](Handle) -> int { throw std::runtime_error("p\xc3\xa9rdu"); }, -EIO, R"(p\xc3\xa9rdu)"},
         {[](Handle) { return -EPERM; }, -EPERM, "Operation not permitted"},
-        {[](Handle h) { return vxi::fail(h, -EPERM, "%s", std::string(600, 'x').c_str()); }, -EPERM,
+        {[](Handle h) { return vxi::Fail(h, -EPERM, "%s", std::string(600, 'x').c_str()); }, -EPERM,
          std::string(221, 'x')},
     };
     for (const auto& each : cases) {
         answer = each.answer;
         vxa_get_conn_states_s states;
         EXPECT_EQ(each.status, vxi_get_conn_states(&handle, &states));
-        EXPECT_EQ("engine made: vxi_get_conn_states: " + each.text, error_text(&handle));
+        EXPECT_EQ("engine made: vxi_get_conn_states: " + each.text, ErrorText(&handle));
     }
     vxi_capability_s rows[7];
     ASSERT_EQ(7, vxi_capabilities(&handle, rows, 7));
@@ -365,17 +365,17 @@ TEST(OwnEngine, NothingIsMissingAndNothingEscapes)
 
 // Handles on several threads while faults, engine and settings change under them. What can
 // be asserted is little; the run under ThreadSanitizer is the point.
-void use_one_handle()
+void UseOneHandle()
 {
     const OpenHandle handle(vxi_open());
-    for (const auto& call : calls) {
-        const int status = call.make(handle.get());
+    for (const auto& call : kCalls) {
+        const int status = call.Make(handle.get());
         // New settings take the monitored port away.
         EXPECT_TRUE(!handle || status >= 0 || status == -5 || status == -ENOENT)
-            << error_text(handle.get());
+            << ErrorText(handle.get());
     }
     Statistics stats;
-    text_of<vxa_stats_v2_s>(tb_dump_stats, &stats);
+    TextOf<vxa_stats_v2_s>(tb_dump_stats, &stats);
 }
 
 TEST(Threads, HandlesWorkWhileFaultsAndSettingsChange)
@@ -386,7 +386,7 @@ TEST(Threads, HandlesWorkWhileFaultsAndSettingsChange)
     for (int i = 0; i < 4; ++i) {
         users.emplace_back([&done] {
             do {
-                use_one_handle();
+                UseOneHandle();
             } while (!done);
         });
     }

@@ -22,15 +22,15 @@ struct CloseHandle {
 };
 using OpenHandle = std::unique_ptr<vxi_handle_ops_s, CloseHandle>;
 
-inline std::string error_text(Handle handle)
+inline std::string ErrorText(Handle handle)
 {
     char text[256] = "";
     vxi_get_error(handle, text, sizeof text);
     return text;
 }
 
-inline scan_monitor_config scan_config(std::uint16_t port,
-                                       std::uint32_t direction = VXI_SCAN_INBOUND)
+inline scan_monitor_config ScanConfig(std::uint16_t port,
+                                      std::uint32_t direction = VXI_SCAN_INBOUND)
 {
     scan_monitor_config config{};
     config.version = 1;
@@ -39,15 +39,15 @@ inline scan_monitor_config scan_config(std::uint16_t port,
     return config;
 }
 
-inline int monitor_port(Handle handle, std::uint16_t port,
-                        std::uint32_t direction = VXI_SCAN_INBOUND)
+inline int MonitorPort(Handle handle, std::uint16_t port,
+                       std::uint32_t direction = VXI_SCAN_INBOUND)
 {
-    scan_monitor_config config = scan_config(port, direction);
+    scan_monitor_config config = ScanConfig(port, direction);
     return vxi_set_scan_monitoring(handle, &config);
 }
 
-inline scan_metrics_request scan_request(std::uint16_t port,
-                                         std::uint32_t direction = VXI_SCAN_INBOUND)
+inline scan_metrics_request ScanRequest(std::uint16_t port,
+                                        std::uint32_t direction = VXI_SCAN_INBOUND)
 {
     scan_metrics_request request{};
     request.version = 1;
@@ -58,7 +58,7 @@ inline scan_metrics_request scan_request(std::uint16_t port,
     return request;
 }
 
-inline vxa_dump_conntrack_s conntrack_request(std::uint8_t protocol = 0)
+inline vxa_dump_conntrack_s ConntrackRequest(std::uint8_t protocol = 0)
 {
     vxa_dump_conntrack_s section{};
     section.request = VXA_CONNTRACK_REQUEST_TABLE;
@@ -79,18 +79,18 @@ struct Statistics : vxa_stats_v2_s {
 // A record of each kind, as a first request of it.
 struct Records {
     Statistics stats;
-    vxa_dump_conntrack_s section = conntrack_request();
+    vxa_dump_conntrack_s section = ConntrackRequest();
     vxa_blacklist_get_addrs_s list = {};
     vxa_get_conn_states_s states = {};
     vxa_filter_variable_s variable = {};
     std::uint32_t profile_size = 0;
-    scan_metrics_request scan = scan_request(80);
+    scan_metrics_request scan = ScanRequest(80);
 };
 
 struct Call {
     const char* name;
     int (*with)(Handle, Records&);
-    int make(Handle handle) const
+    int Make(Handle handle) const
     {
         Records records;
         return with(handle, records);
@@ -98,7 +98,7 @@ struct Call {
 };
 
 // Without memory of their own, and in an order in which each can succeed.
-inline constexpr Call calls[] = {
+inline constexpr Call kCalls[] = {
     {"vxi_driver_available", [](Handle h, Records&) { return vxi_driver_available(h); }},
     {"vxi_get_stats",
      [](Handle h, Records& r) { return vxi_get_stats(h, &r.stats, sizeof(vxa_stats_v2_s)); }},
@@ -113,14 +113,14 @@ inline constexpr Call calls[] = {
     {"vxi_set_var", [](Handle h, Records&) { return vxi_set_var(h, 62, 0); }},
     {"vxi_get_profile_stats",
      [](Handle h, Records& r) { return vxi_get_profile_stats(h, &r.profile_size); }},
-    {"vxi_set_scan_monitoring", [](Handle h, Records&) { return monitor_port(h, 80); }},
+    {"vxi_set_scan_monitoring", [](Handle h, Records&) { return MonitorPort(h, 80); }},
     {"vxi_get_scan_metrics",
      [](Handle h, Records& r) { return vxi_get_scan_metrics(h, &r.scan, sizeof r.scan); }},
     {"vxi_capabilities", [](Handle h, Records&) { return vxi_capabilities(h, nullptr, 0); }},
 };
 
 // Takes what one call may bring, and no more.
-inline void print(tb_dump_s* dump, const char* format, ...)
+inline void Print(tb_dump_s* dump, const char* format, ...)
 {
     char call[1024];
     va_list arguments;
@@ -136,34 +136,34 @@ inline void print(tb_dump_s* dump, const char* format, ...)
 }
 
 template <typename Record, typename... More>
-std::string text_of(void (*dump)(tb_dump_s*, Record*, More...), Record* record, More... more)
+std::string TextOf(void (*dump)(tb_dump_s*, Record*, More...), Record* record, More... more)
 {
     std::string text;
-    tb_dump_s sink{print, &text};
+    tb_dump_s sink{Print, &text};
     dump(&sink, record, more...);
     return text;
 }
 
 class SimulatedMachine : public testing::Test {
 protected:
-    static constexpr std::uint16_t port = 8080;
+    static constexpr std::uint16_t kPort = 8080;
 
     void SetUp() override
     {
         ASSERT_EQ(0, vxi_engine_select("sim"));
         ASSERT_EQ(0, vxi_fault_script(nullptr, nullptr));
-        configure("");
-        handle_.reset(vxi_open());
-        ASSERT_TRUE(handle_) << vxi_open_error();
+        Configure("");
+        m_handle.reset(vxi_open());
+        ASSERT_TRUE(m_handle) << vxi_open_error();
     }
     void TearDown() override { vxi_fault_script(nullptr, nullptr); }
 
-    static void configure(const std::string& settings)
+    static void Configure(const std::string& settings)
     {
         ASSERT_EQ(0, vxi_sim_configure(settings.c_str(), nullptr)) << settings;
     }
-    Handle handle() const { return handle_.get(); }
+    Handle Driver() const { return m_handle.get(); }
 
 private:
-    OpenHandle handle_;
+    OpenHandle m_handle;
 };

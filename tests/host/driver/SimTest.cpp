@@ -8,14 +8,14 @@ using Counters = std::vector<std::uint64_t>;
 
 class Sim : public SimulatedMachine {
 protected:
-    std::vector<Counters> run(const std::string& settings, unsigned ticks)
+    std::vector<Counters> Run(const std::string& settings, unsigned ticks)
     {
-        configure(settings);
-        EXPECT_EQ(0, monitor_port(handle(), port));
+        Configure(settings);
+        EXPECT_EQ(0, MonitorPort(Driver(), kPort));
         std::vector<Counters> history;
         for (unsigned i = 0; i < ticks; ++i) {
-            scan_metrics_request request = scan_request(port);
-            EXPECT_EQ(0, vxi_get_scan_metrics(handle(), &request, sizeof request));
+            scan_metrics_request request = ScanRequest(kPort);
+            EXPECT_EQ(0, vxi_get_scan_metrics(Driver(), &request, sizeof request));
             history.emplace_back(request.counter, request.counter + VXI_SCAN_COUNTERS);
         }
         return history;
@@ -25,16 +25,16 @@ protected:
 TEST_F(Sim, SameSeedSameHistory)
 {
     const std::string settings = "scenario=busy:5/overloaded:5/recovering,seed=";
-    const auto first = run(settings + "7", 60);
-    EXPECT_NE(first, run(settings + "8", 60));
-    EXPECT_EQ(first, run(settings + "7", 60));
+    const auto first = Run(settings + "7", 60);
+    EXPECT_NE(first, Run(settings + "8", 60));
+    EXPECT_EQ(first, Run(settings + "7", 60));
 }
 
 // Per CPU and second over many ticks, and the machine's own figures, lie where each
 // scenario is meant to lie against the usual thresholds.
 TEST_F(Sim, ScenariosLookLikeTheirNames)
 {
-    constexpr unsigned ticks = 300;
+    constexpr unsigned kTicks = 300;
     const struct {
         const char* scenario;
         // least and most of: opened, percent refused, run queue, percent of free memory
@@ -48,12 +48,12 @@ TEST_F(Sim, ScenariosLookLikeTheirNames)
     };
     for (const auto& each : cases) {
         const std::string settings = std::string("interval_s=5,cpus=8,scenario=") + each.scenario;
-        const Counters last = run(settings, ticks).back();
+        const Counters last = Run(settings, kTicks).back();
         vxi_sim_machine_s now;
         vxi_sim_machine(&now);
         const auto count = static_cast<double>(last[VXI_SCAN_NEW]);
         const double figures[] = {
-            count / (ticks * 5.0 * 8),
+            count / (kTicks * 5.0 * 8),
             static_cast<double>(last[VXI_SCAN_HALF_OPEN_CLOSED]) / count * 100,
             now.run_queue_length,
             static_cast<double>(now.memory_free_kb) / static_cast<double>(now.memory_total_kb) *
@@ -67,7 +67,7 @@ TEST_F(Sim, ScenariosLookLikeTheirNames)
 
 TEST_F(Sim, CountersRestart)
 {
-    const auto history = run("scenario=restarting,restart_ticks=4", 20);
+    const auto history = Run("scenario=restarting,restart_ticks=4", 20);
     for (unsigned i = 1; i < history.size(); ++i) {
         const auto opened = history[i][VXI_SCAN_NEW];
         EXPECT_EQ(i % 4 == 0, opened < history[i - 1][VXI_SCAN_NEW]) << i;
@@ -87,15 +87,15 @@ TEST_F(Sim, FlowTablesStayInsideTheirRoom)
                  {50, 17, 60, 10, 10},
                  {1000000, 6, 32768, 32768, 800000}};
     for (const auto& each : cases) {
-        configure("flows=" + std::to_string(each.flows));
-        vxa_dump_conntrack_s header = conntrack_request();
-        ASSERT_EQ(0, vxi_get_conntrack(handle(), &header, sizeof header, nullptr));
+        Configure("flows=" + std::to_string(each.flows));
+        vxa_dump_conntrack_s header = ConntrackRequest();
+        ASSERT_EQ(0, vxi_get_conntrack(Driver(), &header, sizeof header, nullptr));
         std::vector<std::uint64_t> block(2 + 9 * (each.room + 1U), 0xeeeeeeeeeeeeeeeeU);
         auto* section = reinterpret_cast<vxa_dump_conntrack_s*>(block.data());
-        *section = conntrack_request(each.protocol);
+        *section = ConntrackRequest(each.protocol);
         section->entry_ct = 65535;
         const unsigned size = 16 + 72 * each.room + 71;
-        ASSERT_EQ(0, vxi_get_conntrack(handle(), section, size, nullptr)) << error_text(handle());
+        ASSERT_EQ(0, vxi_get_conntrack(Driver(), section, size, nullptr)) << ErrorText(Driver());
         EXPECT_EQ(each.delivered, section->entry_ct);
         EXPECT_EQ(each.total, section->total);
         for (std::size_t i = 2 + 9U * section->entry_ct; i < block.size(); ++i) {
@@ -107,13 +107,13 @@ TEST_F(Sim, FlowTablesStayInsideTheirRoom)
 TEST(Profiler, PausesNestAndEndWithTheLast)
 {
     vxi_set_profiler(profiler_blockfilter, profiler_running);
-    EXPECT_FALSE(vxi::switch_profiling(true));
-    EXPECT_TRUE(vxi::profiling_runs());
+    EXPECT_FALSE(vxi::SwitchProfiling(true));
+    EXPECT_TRUE(vxi::ProfilingRuns());
     {
         const vxi::ProfilingPause outer;
         EXPECT_EQ(1, profiler_blockfilter(1)) << "suspended before";
         EXPECT_EQ(1, profiler_blockfilter(0));
-        EXPECT_FALSE(vxi::profiling_runs());
+        EXPECT_FALSE(vxi::ProfilingRuns());
         // Taking the hooks away in between must not leave profiling suspended for good.
         vxi_set_profiler(nullptr, nullptr);
     }
@@ -121,9 +121,9 @@ TEST(Profiler, PausesNestAndEndWithTheLast)
     EXPECT_EQ(0, profiler_blockfilter(0)) << "resumed without a suspend";
     EXPECT_EQ(0, profiler_blockfilter(1));
     EXPECT_EQ(0, profiler_running());
-    EXPECT_TRUE(vxi::profiling_runs()) << "no hook to ask";
+    EXPECT_TRUE(vxi::ProfilingRuns()) << "no hook to ask";
     EXPECT_EQ(1, profiler_blockfilter(0));
-    EXPECT_TRUE(vxi::switch_profiling(false));
+    EXPECT_TRUE(vxi::SwitchProfiling(false));
     EXPECT_EQ(0, profiler_running());
 }
 

@@ -4,19 +4,19 @@
 #include <algorithm>
 #include <random>
 
-#include "dumps/Address.h"
 #include "Fixture.h"
 #include "api/Source.h"
+#include "dumps/Address.h"
 
 namespace {
 
 void begin(vxi::Table table, const char* engine, const char* source = "a test")
 {
     vxi::begin_fetch(table, engine);
-    vxi::note_source(table, "%s", source);
+    vxi::NoteSource(table, "%s", source);
 }
 
-vxa_conntrack_entry_s entry(std::uint8_t family, std::uint8_t state, std::uint8_t flags)
+vxa_conntrack_entry_s Entry(std::uint8_t family, std::uint8_t state, std::uint8_t flags)
 {
     vxa_conntrack_entry_s made{};
     inet_pton(family == 6 ? AF_INET6 : AF_INET, family == 6 ? "2001:db8::1" : "10.0.0.1",
@@ -43,13 +43,13 @@ struct Section {
 };
 
 // From a block of exactly the right size, so that reading past it is seen by AddressSanitizer.
-std::string connections(const Section& first, const Section& second)
+std::string Connections(const Section& first, const Section& second)
 {
     const std::size_t rows = first.rows.size() + second.rows.size();
     const auto block = std::make_unique<unsigned char[]>(32 + 72 * rows);
     unsigned char* at = block.get();
     for (const Section* section : {&first, &second}) {
-        vxa_dump_conntrack_s header = conntrack_request(section->protocol);
+        vxa_dump_conntrack_s header = ConntrackRequest(section->protocol);
         header.entry_ct = static_cast<std::uint16_t>(section->rows.size());
         header.total = section->total;
         std::memset(header.unused, 0xee, sizeof header.unused);  // callers leave it as it is
@@ -60,16 +60,16 @@ std::string connections(const Section& first, const Section& second)
             at += sizeof row;
         }
     }
-    return text_of(tb_dump_all_conn_track, reinterpret_cast<vxa_dump_conntrack_s*>(block.get()));
+    return TextOf(tb_dump_all_conn_track, reinterpret_cast<vxa_dump_conntrack_s*>(block.get()));
 }
 
 TEST(Text, Connections)
 {
-    begin(vxi::Table::conntrack, "made", "a test, 100%");
-    constexpr std::uint8_t seen = VXA_FLOW_SEEN_REPLY | VXA_FLOW_COUNTERS_VALID;
-    auto marked = entry(6, 3, seen | VXA_FLOW_ASSURED);
+    begin(vxi::Table::kConntrack, "made", "a test, 100%");
+    constexpr std::uint8_t kSeen = VXA_FLOW_SEEN_REPLY | VXA_FLOW_COUNTERS_VALID;
+    auto marked = Entry(6, 3, kSeen | VXA_FLOW_ASSURED);
     marked.mark = 4294967295U;
-    const auto alien = entry(99, 200, VXA_FLOW_FROM_SOCK_DIAG);
+    const auto alien = Entry(99, 200, VXA_FLOW_FROM_SOCK_DIAG);
     EXPECT_EQ(
         "# connections: a test, 100% (engine made)\n"
         "# udp: 1 flows\n"
@@ -79,20 +79,20 @@ TEST(Text, Connections)
         "3/18446744073709551615 assured mark=4294967295\n"
         "tcp 10.0.0.1:256 > 10.0.0.2:80 SYN_SENT 7s - - offloaded unreplied snat dnat\n"
         "tcp ?:256 > ?:80 state200 7s - - socket\n",
-        connections({17, 1, {entry(4, 0, seen)}}, {6, 70000, {marked, entry(4, 1, 28), alien}}));
+        Connections({17, 1, {Entry(4, 0, kSeen)}}, {6, 70000, {marked, Entry(4, 1, 28), alien}}));
     EXPECT_EQ(
         "# connections: a test, 100% (engine made)\n# udp: showing 0 of 5 flows\n# protocol47: 1 "
         "flows, total unknown\nprotocol47 10.0.0.1:256 > 10.0.0.2:80 - 7s - -\n",
-        connections({17, 5, {}}, {47, 0, {entry(4, 3, VXA_FLOW_SEEN_REPLY)}}));
+        Connections({17, 5, {}}, {47, 0, {Entry(4, 3, VXA_FLOW_SEEN_REPLY)}}));
     const std::string text =
-        connections({17, 0, {}}, {6, 65535, {65535, entry(4, 3, VXA_FLOW_SEEN_REPLY)}});
+        Connections({17, 0, {}}, {6, 65535, {65535, Entry(4, 3, VXA_FLOW_SEEN_REPLY)}});
     EXPECT_EQ(65535U + 3, std::count(text.begin(), text.end(), '\n'));
 }
 
 TEST(Text, Blacklist)
 {
-    vxi::set_slot_names("made", vxi::Area::blacklist_sets, {{"ip x\n blacklist\\\xff"}, 0});
-    begin(vxi::Table::blacklist, "made", "a set\n\x1b[31m");
+    vxi::SetSlotNames("made", vxi::Area::kBlacklistSets, {{"ip x\n blacklist\\\xff"}, 0});
+    begin(vxi::Table::kBlacklist, "made", "a set\n\x1b[31m");
     vxa_blacklist_entry_s rows[2] = {};
     inet_pton(AF_INET6, "2001:db8::", rows[0].address);
     inet_pton(AF_INET6, "2001:db8::ff", rows[0].last);
@@ -120,18 +120,18 @@ TEST(Text, Blacklist)
         EXPECT_EQ(
             std::string("# blacklist: a set\\x0a\\x1b[31m (engine made), ") + each.tail +
                 "\n# set 0: ip x\\x0a blacklist\\x5c\\xff\n" + each.lines,
-            text_of(tb_dump_blacklist, reinterpret_cast<vxa_blacklist_get_addrs_s*>(block.get())));
+            TextOf(tb_dump_blacklist, reinterpret_cast<vxa_blacklist_get_addrs_s*>(block.get())));
     }
 }
 
 TEST(Text, Sockets)
 {
-    begin(vxi::Table::conn_states, "made");
+    begin(vxi::Table::kConnStates, "made");
     vxa_get_conn_states_s states{};
     states.count = 77;
     states.tcp4[1] = 70;
     states.tcp6[15] = 3;
-    const std::string text = text_of(tb_dump_conn_states, &states);
+    const std::string text = TextOf(tb_dump_conn_states, &states);
     EXPECT_EQ(0U, text.find("# sockets: a test (engine made), 77 in all\ntcp4 ESTABLISHED 70\n"));
     EXPECT_NE(std::string::npos, text.find("tcp6 BOUND 0\ntcp6 tcp6/15 3\nudp4 0\n")) << text;
 }
@@ -142,13 +142,13 @@ TEST(Text, Statistics)
     names.names = {"", "Ip.In", "e\xc3\xbf th\\0\n", std::string(2000, 'n')};
     names.names.resize(300, "beyond");  // more names than slots
     names.dropped = 6;
-    vxi::set_slot_names("made", vxi::Area::statistics2, names);
-    begin(vxi::Table::statistics, "made");
+    vxi::SetSlotNames("made", vxi::Area::kStatistics2, names);
+    begin(vxi::Table::kStatistics, "made");
     Statistics stats;
     stats.area3 = nullptr;
     stats.body1[207] = 9;
     stats.body2[1] = UINT64_MAX;
-    const std::string text = text_of<vxa_stats_v2_s>(tb_dump_stats, &stats);
+    const std::string text = TextOf<vxa_stats_v2_s>(tb_dump_stats, &stats);
     EXPECT_EQ(0U, text.find("# statistics: a test (engine made), showing 30 of 238 slots, the "
                             "others are unused; 6 items found no slot\n"
                             "1/207 9\n"
@@ -158,8 +158,8 @@ TEST(Text, Statistics)
     EXPECT_EQ(1 + 1 + 29, std::count(text.begin(), text.end(), '\n'));
 
     // What one engine calls its slots says nothing about another's.
-    begin(vxi::Table::statistics, "second");
-    const std::string other = text_of<vxa_stats_v2_s>(tb_dump_stats, &stats);
+    begin(vxi::Table::kStatistics, "second");
+    const std::string other = TextOf<vxa_stats_v2_s>(tb_dump_stats, &stats);
     EXPECT_NE(std::string::npos, other.find("(engine second), showing 2 of 238")) << other;
 }
 
@@ -172,13 +172,13 @@ TEST(Text, Variables)
         {{173, 5}, "173 variable/173 5\n"},
     };
     for (auto& [variable, line] : cases) {
-        EXPECT_EQ(line, text_of(tb_dump_filter_variable, &variable, 0));
+        EXPECT_EQ(line, TextOf(tb_dump_filter_variable, &variable, 0));
     }
 }
 
 TEST(Text, NothingToPrintWithOrOn)
 {
-    EXPECT_EQ("", text_of<vxa_dump_conntrack_s>(tb_dump_all_conn_track, nullptr));
+    EXPECT_EQ("", TextOf<vxa_dump_conntrack_s>(tb_dump_all_conn_track, nullptr));
     vxa_get_conn_states_s states{};
     tb_dump_s without_print{};
     tb_dump_conn_states(nullptr, &states);
@@ -196,10 +196,10 @@ TEST(Address, LikeTheLibraryOnRandomOnes)
             address[i + 1] = static_cast<std::uint8_t>(group);
         }
         address[0] |= 1;  // the library writes IPv4-compatible addresses its own way
-        char expected[INET6_ADDRSTRLEN], text[vxi::address_text_size];
+        char expected[INET6_ADDRSTRLEN], text[vxi::kAddressTextSize];
         for (const int family : {4, 6}) {
             inet_ntop(family == 4 ? AF_INET : AF_INET6, address, expected, sizeof expected);
-            *vxi::put_address(text, address, static_cast<std::uint8_t>(family)) = '\0';
+            *vxi::PutAddress(text, address, static_cast<std::uint8_t>(family)) = '\0';
             ASSERT_STREQ(expected, text);
         }
     }

@@ -31,8 +31,8 @@ extern "C" int vxi_get_conntrack(vxi_handle_ops_s*, vxa_dump_conntrack_s* sectio
 {
     if (s_flow_status != 0) return s_flow_status;
     const bool tcp = section->protocol == 6;
-    const uint16_t count =
-        section->protocol == 0 ? 3 : std::min<uint16_t>(tcp ? 2 : 1, section->entry_ct);
+    const std::uint16_t count =
+        section->protocol == 0 ? 3 : std::min<std::uint16_t>(tcp ? 2 : 1, section->entry_ct);
     if (section->protocol != 0) std::memcpy(section + 1, kFlows + tcp, count * sizeof kFlows[0]);
     section->entry_ct = s_report_too_many && tcp ? 65535 : count;
     section->total = tcp ? 2 : 1;
@@ -108,10 +108,10 @@ int SweepAll()
         std::string error = "none yet";
         for (int failing = 0; !error.empty(); ++failing, ++failures) {
             State state;
-            state.Run("dir, events = '" + s_scratch.path(std::to_string(++run)) + "', '" +
-                      s_scratch.path("events") + "'");
+            state.Run("dir, events = '" + s_scratch.Path(std::to_string(++run)) + "', '" +
+                      s_scratch.Path("events") + "'");
             EXPECT_EQ(state.Run(load), "");
-            EXPECT_EQ(luaL_loadstring(state.L, script.c_str()), LUA_OK) << script;
+            EXPECT_EQ(luaL_loadstring(state.l, script.c_str()), LUA_OK) << script;
             error = state.CallFailing(0, failing);
             EXPECT_EQ(error.empty(), error.find("not enough memory") == error.npos) << error;
             EXPECT_EQ(state.Run("package.loaded.vxa = nil vxa = require 'vxa' vxa.captured() "
@@ -125,8 +125,8 @@ int SweepAll()
 
 TEST(Memory, RunningOutAnywhereLeaksNothing)
 {
-    std::filesystem::create_directory(s_scratch.path("events"));
-    WriteText(s_scratch.path("events/events.jsonl"), "{\"time\":1,\"id\":1,\"text\":\"x\"}\n");
+    std::filesystem::create_directory(s_scratch.Path("events"));
+    WriteText(s_scratch.Path("events/events.jsonl"), "{\"time\":1,\"id\":1,\"text\":\"x\"}\n");
     const std::filesystem::directory_iterator end;
     const auto descriptors =
         std::distance(std::filesystem::directory_iterator("/proc/self/fd"), end);
@@ -136,7 +136,7 @@ TEST(Memory, RunningOutAnywhereLeaksNothing)
     // What the first round made for the life of the process it has made by now. The
     // allocator counts what its per-thread cache holds as used: only without it is the
     // balance exact. The sanitizers' allocator keeps no such count, and finds leaks itself.
-    const size_t before = mallinfo2().uordblks;
+    const std::size_t before = mallinfo2().uordblks;
     SweepAll();
     const char* tunables = std::getenv("GLIBC_TUNABLES");
     const bool exact = tunables && std::strstr(tunables, "glibc.malloc.tcache_count=0");
@@ -147,7 +147,7 @@ TEST(Memory, RunningOutAnywhereLeaksNothing)
 // any finalizer can bring one back.
 TEST(Objects, StaySafeWhateverFinalizersReach)
 {
-    const std::string zip = s_scratch.path("end.zip");
+    const std::string zip = s_scratch.Path("end.zip");
     {
         State state;
         EXPECT_EQ(state.Run("zip = '" + zip + "'" + R"( vxa = require "vxa"

@@ -45,7 +45,7 @@ int PushBlock(lua_State* L)
 TEST(Slb3, ObjectsAreTakenAsTheirClassAndNothingElseIsLookedInto)
 {
     LuaHost host;
-    SLB3::Namespace(host.L, "Zoo")
+    SLB3::Namespace(host.l, "Zoo")
         .set("rock", s_rock)
         .set("pond", reinterpret_cast<Pond*>(s_rock))
         .set("constant", static_cast<const Rock*>(s_rock))

@@ -60,10 +60,10 @@ TEST(Host, ProfilerHooksAreInstalledOnceForManyStatesAtOnce)
     // Mapped beforehand: what the loader does under its own lock, the race detector cannot see.
     ASSERT_NE(dlopen(LIBRARY_DIR "/fc.so", RTLD_NOW), nullptr) << dlerror();
     EXPECT_EQ(driver::profiler_installations, before) << "by the mere loading";
-    constexpr int states = 8;
-    std::vector<std::string> errors(states);
+    constexpr int kStates = 8;
+    std::vector<std::string> errors(kStates);
     std::vector<std::thread> threads;
-    for (int i = 0; i < states; ++i)
+    for (int i = 0; i < kStates; ++i)
         threads.emplace_back([&errors, i] {
             LuaHost host;
             errors[i] = host.Run(

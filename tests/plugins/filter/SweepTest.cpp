@@ -101,15 +101,15 @@ protected:
     static bool FailFromNth(LuaHost& host, long n)
     {
         GetParam() ? (void)allocations::AllowMalloc(n) : host.FailAfter(n);
-        const int status = lua_pcall(host.L, 0, 0, 0);
+        const int status = lua_pcall(host.l, 0, 0, 0);
         host.StopFailing();
         const bool failed = GetParam() ? allocations::LiftLimit() : host.HasFailed();
-        const std::string error = status != LUA_OK ? lua_tostring(host.L, -1) : "";
+        const std::string error = status != LUA_OK ? lua_tostring(host.l, -1) : "";
         EXPECT_TRUE(status == LUA_OK ||
                     (failed && (error.find("not enough memory") != std::string::npos ||
                                 error.find("std::bad_alloc") != std::string::npos)))
             << error;
-        lua_settop(host.L, 0);
+        lua_settop(host.l, 0);
         return failed;
     }
 
@@ -135,7 +135,7 @@ protected:
 
 void PushCall(LuaHost& host, const std::string& function)
 {
-    EXPECT_EQ(luaL_dostring(host.L, kCalls.at(function).c_str()), 0) << lua_tostring(host.L, -1);
+    EXPECT_EQ(luaL_dostring(host.l, kCalls.at(function).c_str()), 0) << lua_tostring(host.l, -1);
 }
 
 TEST_P(AllocatorSweep, EveryFunction)
@@ -166,12 +166,12 @@ TEST_F(Sweep, ExceptionsBecomeErrors)
             ASSERT_LT(question, 1000);
             PushCall(host, call.first);
             s_questions_left = question;
-            status = lua_pcall(host.L, 0, 0, 0);
+            status = lua_pcall(host.l, 0, 0, 0);
             s_questions_left = -1;
             if (status == LUA_OK) break;
-            const std::string text = lua_tostring(host.L, -1);
+            const std::string text = lua_tostring(host.l, -1);
             EXPECT_NE(text.find("the trace log fails"), std::string::npos) << text;
-            lua_settop(host.L, 0);
+            lua_settop(host.l, 0);
             ExpectUsable();
             // A cycle that raised has ended as well.
             if (call.first == "CheckSystemHealthMetrics") {
@@ -198,7 +198,7 @@ TEST_F(Sweep, ModuleEntry)
     for (long n = 0; failed; ++n) {
         ASSERT_LT(n, kMaxAllocations);
         LuaHost host;
-        ASSERT_EQ(luaL_dostring(host.L, "return assert(package.loadlib('" LIBRARY_DIR
+        ASSERT_EQ(luaL_dostring(host.l, "return assert(package.loadlib('" LIBRARY_DIR
                                         "/fc.so', 'luaopen_fc'))"),
                   0);
         const std::string error = host.CallFailing(0, n);

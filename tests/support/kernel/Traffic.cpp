@@ -129,21 +129,21 @@ std::vector<Socket> Attempt(const Place& place, unsigned count)
     return clients;
 }
 
-void SendSegments(uint8_t flags, unsigned count)
+void SendSegments(std::uint8_t flags, unsigned count)
 {
-    constexpr unsigned ports = 50000;
+    constexpr unsigned kPorts = 50000;
     static unsigned place = 0;
     Address to(Local(4, 0));
     const Socket raw = Open(to, SOCK_RAW, IPPROTO_TCP);
     tcphdr segment = {};
-    segment.th_dport = htons(port);
+    segment.th_dport = htons(kPort);
     segment.th_off = sizeof segment / 4;
     segment.th_flags = flags;
     for (unsigned i = 0; i < count; ++i, ++place) {
-        if (i == 0 || place % ports == 0) {
-            Bind(raw, Address({"127.1.0." + std::to_string(1 + place / ports), 0}));
+        if (i == 0 || place % kPorts == 0) {
+            Bind(raw, Address({"127.1.0." + std::to_string(1 + place / kPorts), 0}));
         }
-        segment.th_sport = htons(static_cast<uint16_t>(1024 + place % ports));
+        segment.th_sport = htons(static_cast<std::uint16_t>(1024 + place % kPorts));
         ASSERT_EQ(sendto(*raw, &segment, sizeof segment, 0, to.get(), to.size), 20);
     }
 }

@@ -8,17 +8,17 @@
 
 namespace traffic {
 
-constexpr uint16_t port = 8443;
+constexpr std::uint16_t kPort = 8443;
 
 // Where a connection goes; the host is a numerical address.
 struct Place {
     std::string host;
-    uint16_t port;
+    std::uint16_t port;
 };
 
 // On loopback. For IPv4 an address that connections come to but do not come from, so that
 // source and destination differ.
-inline Place Local(int family, uint16_t at = port)
+inline Place Local(int family, std::uint16_t at = kPort)
 {
     return {family == 4 ? "127.0.0.2" : "::1", at};
 }
@@ -44,7 +44,7 @@ std::vector<Socket> Attempt(const Place& place, unsigned count);
 
 // `count` TCP segments without data or checksum, each from another place of IPv4: counted on
 // the way in, and answered by nothing.
-void SendSegments(uint8_t flags, unsigned count = 1);
+void SendSegments(std::uint8_t flags, unsigned count = 1);
 
 // `count` datagrams of 10 bytes to a place of this host, and `answers` of 100 bytes back; the
 // two sockets, the one at the place first.

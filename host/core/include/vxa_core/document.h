@@ -71,7 +71,7 @@ public:
     // All events, oldest first, those from before this process included. Throws
     // std::runtime_error when they cannot be read. `unreadable` is the number of lines
     // that are no events.
-    std::vector<Host::Event> Events(size_t& unreadable) const;
+    std::vector<Host::Event> Events(std::size_t& unreadable) const;
 
     // Releases the directory. Afterwards Get still returns what the document held, Set,
     // WriteEvent and Events fail with "the document is closed", and Close returns the

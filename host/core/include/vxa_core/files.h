@@ -17,7 +17,7 @@ VXA_CORE_API std::string MakeDirectories(const std::string& path);
 // "file", "directory", "link" (not followed) or "other"; null with errno set.
 VXA_CORE_API const char* FileKind(const std::string& path);
 
-// Reads a regular file of at most `most_bytes` bytes, following links. Does not wait for the
+// Reads a regular file of at most `kMostBytes` bytes, following links. Does not wait for the
 // other end of a FIFO and reads nothing from devices. Empty for success, else what was
 // wrong, with errno set (EINVAL for a file of another kind, EFBIG for a larger one).
 VXA_CORE_API std::string ReadFile(const std::string& path, std::size_t most_bytes,

@@ -31,9 +31,9 @@ public:
     PendingFile(const PendingFile&) = delete;
     PendingFile& operator=(const PendingFile&) = delete;
 
-    const std::string& path() const;
+    const std::string& Path() const;
     // Open for reading and writing as long as this lives.
-    int descriptor() const;
+    int Descriptor() const;
 
     // Names the file: its content is on the disk before, and the name when the call returns
     // (in a folder that cannot be read, when the system gets to it). With kKept, fails when

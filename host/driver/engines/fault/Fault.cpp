@@ -21,14 +21,14 @@ std::atomic<bool> scripted{false};
 
 namespace {
 
-constexpr std::uint64_t for_good = UINT64_MAX;
+constexpr std::uint64_t kForGood = UINT64_MAX;
 
 struct Fault {
     Call call;
     int status = 0;
     std::string text;
     std::uint64_t successes_first = 0;  // calls that must succeed before the fault applies
-    std::uint64_t answers_left = for_good;
+    std::uint64_t answers_left = kForGood;
 };
 
 using Script = std::vector<Fault>;
@@ -42,10 +42,10 @@ struct State {
     State();
 };
 
-std::string known_calls()
+std::string KnownCalls()
 {
     std::string names;
-    for (const char* name : call_names) {
+    for (const char* name : kCallNames) {
         names += std::string(names.empty() ? "" : ", ") + name;
     }
     return names;
@@ -54,104 +54,104 @@ std::string known_calls()
 // Reads a script front to back; after a failure `expected` is what should be at `position`.
 class Reader {
 public:
-    explicit Reader(std::string_view text) : text_(text) {}
+    explicit Reader(std::string_view text) : m_text(text) {}
 
-    bool read(Script& script);
-    unsigned position() const { return static_cast<unsigned>(at_); }
-    const std::string& expected() const { return expected_; }
+    bool Read(Script& script);
+    unsigned Position() const { return static_cast<unsigned>(m_at); }
+    const std::string& Expected() const { return m_expected; }
 
 private:
-    bool fault(Fault& fault);
-    bool operation(Fault& fault);
-    bool status(Fault& fault);
-    bool field(Fault& fault);
-    bool count(std::size_t digits, std::uint64_t& value);
-    std::string unescaped_field();
-    bool failed(std::string expected)
+    bool ParseFault(Fault& fault);
+    bool ParseOperation(Fault& fault);
+    bool ParseStatus(Fault& fault);
+    bool ParseField(Fault& fault);
+    bool ParseCount(std::size_t digits, std::uint64_t& value);
+    std::string UnescapedField();
+    bool Failed(std::string expected)
     {
-        expected_ = std::move(expected);
+        m_expected = std::move(expected);
         return false;
     }
-    bool take(char c)
+    bool Take(char c)
     {
-        const bool there = at_ < text_.size() && text_[at_] == c;
-        at_ += there;
+        const bool there = m_at < m_text.size() && m_text[m_at] == c;
+        m_at += there;
         return there;
     }
-    void skip_blanks()
+    void SkipBlanks()
     {
-        while (at_ < text_.size() && std::isspace(static_cast<unsigned char>(text_[at_]))) {
-            ++at_;
+        while (m_at < m_text.size() && std::isspace(static_cast<unsigned char>(m_text[m_at]))) {
+            ++m_at;
         }
     }
 
-    std::string_view text_;
-    std::size_t at_ = 0;
-    std::string expected_;
+    std::string_view m_text;
+    std::size_t m_at = 0;
+    std::string m_expected;
 };
 
-bool Reader::read(Script& script)
+bool Reader::Read(Script& script)
 {
-    skip_blanks();
-    while (at_ < text_.size()) {
+    SkipBlanks();
+    while (m_at < m_text.size()) {
         script.emplace_back();
-        if (!fault(script.back())) {
+        if (!ParseFault(script.back())) {
             return false;
         }
-        skip_blanks();
-        if (at_ < text_.size() && !take(',')) {
-            return failed("\",\" or the end");
+        SkipBlanks();
+        if (m_at < m_text.size() && !Take(',')) {
+            return Failed("\",\" or the end");
         }
-        skip_blanks();
+        SkipBlanks();
     }
     return true;
 }
 
-bool Reader::fault(Fault& fault)
+bool Reader::ParseFault(Fault& fault)
 {
-    if (!operation(fault) || !status(fault)) {
+    if (!ParseOperation(fault) || !ParseStatus(fault)) {
         return false;
     }
-    while (take(':')) {
-        if (!field(fault)) {
+    while (Take(':')) {
+        if (!ParseField(fault)) {
             return false;
         }
     }
     return true;
 }
 
-bool Reader::operation(Fault& fault)
+bool Reader::ParseOperation(Fault& fault)
 {
-    const std::size_t end = std::min(text_.find_first_of("=,: \t\n", at_), text_.size());
-    if (!find_call(text_.substr(at_, end - at_), fault.call)) {
-        return failed("one of " + known_calls());
+    const std::size_t end = std::min(m_text.find_first_of("=,: \t\n", m_at), m_text.size());
+    if (!FindCall(m_text.substr(m_at, end - m_at), fault.call)) {
+        return Failed("one of " + KnownCalls());
     }
-    at_ = end;
-    skip_blanks();
-    return take('=') || failed("\"=\"");
+    m_at = end;
+    SkipBlanks();
+    return Take('=') || Failed("\"=\"");
 }
 
-bool Reader::status(Fault& fault)
+bool Reader::ParseStatus(Fault& fault)
 {
-    skip_blanks();
-    const char* const begin = text_.data() + at_;
-    const auto [end, error] = std::from_chars(begin, text_.data() + text_.size(), fault.status);
+    SkipBlanks();
+    const char* const begin = m_text.data() + m_at;
+    const auto [end, error] = std::from_chars(begin, m_text.data() + m_text.size(), fault.status);
     if (error != std::errc()) {
-        return failed("a status number");
+        return Failed("a status number");
     }
     // A success without the engine would hand the caller a record that nobody filled.
-    if (fault.status == 0 && fault.call != Call::driver_available) {
-        return failed("a status other than 0");
+    if (fault.status == 0 && fault.call != Call::kDriverAvailable) {
+        return Failed("a status other than 0");
     }
-    at_ += static_cast<std::size_t>(end - begin);
+    m_at += static_cast<std::size_t>(end - begin);
     return true;
 }
 
 // "once", "times=N" and "after=N" are settings, anything else is the text.
-bool Reader::field(Fault& fault)
+bool Reader::ParseField(Fault& fault)
 {
-    const std::size_t begin = at_;
-    const std::string words = unescaped_field();
+    const std::size_t begin = m_at;
+    const std::string words = UnescapedField();
     const std::size_t digits = words.find('=') + 1;
     const std::string_view name = std::string_view(words).substr(0, digits);
     if (words == "once") {
@@ -159,38 +159,38 @@ bool Reader::field(Fault& fault)
         return true;
     }
     if (name == "times=" || name == "after=") {
-        const std::size_t end = at_;
-        at_ = begin + digits;
-        return count(end, name == "times=" ? fault.answers_left : fault.successes_first);
+        const std::size_t end = m_at;
+        m_at = begin + digits;
+        return ParseCount(end, name == "times=" ? fault.answers_left : fault.successes_first);
     }
     if (!fault.text.empty()) {
-        at_ = begin;
-        return failed("once, times=N or after=N: this fault has a text already");
+        m_at = begin;
+        return Failed("once, times=N or after=N: this fault has a text already");
     }
     fault.text = words;
     return true;
 }
 
-bool Reader::count(std::size_t end, std::uint64_t& value)
+bool Reader::ParseCount(std::size_t end, std::uint64_t& value)
 {
-    const char* const last = text_.data() + end;
-    const auto [stop, error] = std::from_chars(text_.data() + at_, last, value);
+    const char* const last = m_text.data() + end;
+    const auto [stop, error] = std::from_chars(m_text.data() + m_at, last, value);
     if (error != std::errc() || stop != last) {
-        return failed("a whole number");
+        return Failed("a whole number");
     }
-    at_ = end;
+    m_at = end;
     return true;
 }
 
-std::string Reader::unescaped_field()
+std::string Reader::UnescapedField()
 {
     std::string field;
     std::size_t length = 0;
-    for (; at_ < text_.size() && text_[at_] != ':' && text_[at_] != ','; ++at_) {
-        const bool escaped = text_[at_] == '\\' && at_ + 1 < text_.size();
-        at_ += escaped;
-        field += text_[at_];
-        if (escaped || !std::isspace(static_cast<unsigned char>(text_[at_]))) {
+    for (; m_at < m_text.size() && m_text[m_at] != ':' && m_text[m_at] != ','; ++m_at) {
+        const bool escaped = m_text[m_at] == '\\' && m_at + 1 < m_text.size();
+        m_at += escaped;
+        field += m_text[m_at];
+        if (escaped || !std::isspace(static_cast<unsigned char>(m_text[m_at]))) {
             length = field.size();
         }
     }
@@ -202,17 +202,17 @@ State::State()
 {
     const char* text = std::getenv("VXI_FAULT");
     Reader reader(text ? text : "");
-    if (!reader.read(script)) {
+    if (!reader.Read(script)) {
         script.clear();
         environment_error = "VXI_FAULT cannot be read at character " +
-                            std::to_string(reader.position() + 1) + ": expected " +
-                            reader.expected();
+                            std::to_string(reader.Position() + 1) + ": expected " +
+                            reader.Expected();
     }
     environment_broken = !environment_error.empty();
     scripted = !script.empty();
 }
 
-State& state()
+State& GlobalState()
 {
     // Never destroyed: handles may be used until the process ends.
     static State& instance = *new State;
@@ -221,9 +221,9 @@ State& state()
 
 }  // namespace
 
-bool environment_usable(std::string& error)
+bool EnvironmentUsable(std::string& error)
 {
-    State& all = state();
+    State& all = GlobalState();
     if (!all.environment_broken) {
         return true;
     }
@@ -232,25 +232,25 @@ bool environment_usable(std::string& error)
     return error.empty();
 }
 
-bool next_answer(Call call, Answer& answer)
+bool NextAnswer(Call call, Answer& answer)
 {
-    State& all = state();
+    State& all = GlobalState();
     const std::lock_guard<std::mutex> lock(all.mutex);
     for (Fault& each : all.script) {
         if (each.call != call || each.successes_first > 0 || each.answers_left == 0) {
             continue;
         }
-        each.answers_left -= each.answers_left != for_good;
+        each.answers_left -= each.answers_left != kForGood;
         answer.status = each.status;
-        BoundedText(answer.text).plain(each.text);
+        BoundedText(answer.text).Plain(each.text);
         return true;
     }
     return false;
 }
 
-void note_success(Call call)
+void NoteSuccess(Call call)
 {
-    State& all = state();
+    State& all = GlobalState();
     const std::lock_guard<std::mutex> lock(all.mutex);
     for (Fault& each : all.script) {
         each.successes_first -= each.call == call && each.successes_first > 0;
@@ -263,13 +263,13 @@ int vxi_fault_script(const char* script, unsigned int* position)
 try {
     vxi::fault::Script faults;
     vxi::fault::Reader reader(script ? script : "");
-    if (!reader.read(faults)) {
+    if (!reader.Read(faults)) {
         if (position) {
-            *position = reader.position();
+            *position = reader.Position();
         }
         return -EINVAL;
     }
-    vxi::fault::State& all = vxi::fault::state();
+    vxi::fault::State& all = vxi::fault::GlobalState();
     const std::lock_guard<std::mutex> lock(all.mutex);
     all.script = std::move(faults);
     all.environment_error.clear();

@@ -19,12 +19,12 @@ extern std::atomic<bool> scripted;
 
 // Reads VXI_FAULT, once. False with `error` set while its value is not a script and none has
 // replaced it.
-bool environment_usable(std::string& error);
+bool EnvironmentUsable(std::string& error);
 
 // True when the script has an answer for this call, which then must not reach the engine.
-bool next_answer(Call call, Answer& answer);
+bool NextAnswer(Call call, Answer& answer);
 
 // The engine performed the call with success.
-void note_success(Call call);
+void NoteSuccess(Call call);
 
 }  // namespace vxi::fault

@@ -1,8 +1,8 @@
 #include "engines/linux/HandleState.h"
 
+#include "engines/linux/Slots.h"
 #include "engines/linux/tables/Blacklist.h"
 #include "engines/linux/tables/FlowSnapshot.h"
-#include "engines/linux/Slots.h"
 
 namespace vxi {
 
@@ -10,7 +10,7 @@ namespace vxi {
 HandleState::HandleState() = default;
 HandleState::~HandleState() = default;
 
-HandleState& state_of(vxi_handle_ops_s* handle)
+HandleState& StateOf(vxi_handle_ops_s* handle)
 {
     if (!handle->state) {
         handle->state = new HandleState;
@@ -18,7 +18,7 @@ HandleState& state_of(vxi_handle_ops_s* handle)
     return *static_cast<HandleState*>(handle->state);
 }
 
-void linux_slots::close(vxi_handle_ops_s* handle)
+void linux_slots::Close(vxi_handle_ops_s* handle)
 {
     delete static_cast<HandleState*>(handle->state);
 }

@@ -22,6 +22,6 @@ struct HandleState {
 };
 
 // The handle's own, made when it is first asked for; the engine's close deletes it.
-HandleState& state_of(vxi_handle_ops_s* handle);
+HandleState& StateOf(vxi_handle_ops_s* handle);
 
 }  // namespace vxi

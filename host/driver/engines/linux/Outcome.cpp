@@ -5,7 +5,7 @@
 
 namespace vxi {
 
-Outcome failure(int status, const char* format, ...)
+Outcome Failure(int status, const char* format, ...)
 {
     char text[192];
     va_list arguments;

@@ -11,10 +11,10 @@ namespace vxi::linux_slots {
 int get_blacklist(vxi_handle_ops_s* handle, vxa_blacklist_get_addrs_s* list);
 
 // Capabilities.cpp
-int available(vxi_handle_ops_s* handle);
-int capabilities(vxi_handle_ops_s* handle, vxi_capability_s* rows, unsigned int count);
+int Available(vxi_handle_ops_s* handle);
+int Capabilities(vxi_handle_ops_s* handle, vxi_capability_s* rows, unsigned int count);
 // Bit n is set when row n of the capabilities is available, as far as can be told at once.
-uint32_t facility_bits();
+std::uint32_t FacilityBits();
 
 // ConnStates.cpp
 int get_conn_states(vxi_handle_ops_s* handle, vxa_get_conn_states_s* states);
@@ -24,13 +24,13 @@ int get_conntrack(vxi_handle_ops_s* handle, vxa_dump_conntrack_s* section, unsig
                   unsigned int* extra);
 
 // HandleState.cpp
-void close(vxi_handle_ops_s* handle);
+void Close(vxi_handle_ops_s* handle);
 
 // RuleProfile.cpp
 int get_profile_stats(vxi_handle_ops_s* handle, void* record);
 
 // ScanCalls.cpp
-int set_scan_monitoring(vxi_handle_ops_s* handle, scan_monitor_config* config);
+int SetScanMonitoring(vxi_handle_ops_s* handle, scan_monitor_config* config);
 int get_scan_metrics(vxi_handle_ops_s* handle, scan_metrics_request* request, unsigned int length);
 
 // Statistics.cpp
@@ -38,6 +38,6 @@ int get_stats(vxi_handle_ops_s* handle, vxa_stats_v2_s* stats, unsigned int size
 
 // VariableCalls.cpp
 int get_variable(vxi_handle_ops_s* handle, vxa_filter_variable_s* variable);
-int set_variable(vxi_handle_ops_s* handle, unsigned int number, unsigned int value);
+int SetVariable(vxi_handle_ops_s* handle, unsigned int number, unsigned int value);
 
 }  // namespace vxi::linux_slots

@@ -10,68 +10,68 @@ namespace vxi::sim {
 namespace {
 
 // By CPU. Overloaded crosses every usual threshold, busy none.
-constexpr Load idle{0.05, 0.5, 0.0, 20e3, 0.80};
-constexpr Load busy{0.70, 40.0, 0.01, 5e6, 0.45};
-constexpr Load overloaded{5.0, 300.0, 0.35, 120e6, 0.04};
+constexpr Load kIdle{0.05, 0.5, 0.0, 20e3, 0.80};
+constexpr Load kBusy{0.70, 40.0, 0.01, 5e6, 0.45};
+constexpr Load kOverloaded{5.0, 300.0, 0.35, 120e6, 0.04};
 
 // Independent draws of one tick.
 enum Stream : std::uint64_t {
-    run_queue_stream,
-    memory_stream,
-    opened_stream,
-    opened_rounding_stream,
-    refused_stream,
-    bytes_stream,
+    kRunQueueStream,
+    kMemoryStream,
+    kOpenedStream,
+    kOpenedRoundingStream,
+    kRefusedStream,
+    kBytesStream,
 };
 
-constexpr double header_bytes = 52.0;  // IPv4 and TCP with timestamps
-constexpr double segment_bytes = 1448.0;
-constexpr double forward_share = 0.1;  // requests are small, answers are large
+constexpr double kHeaderBytes = 52.0;  // IPv4 and TCP with timestamps
+constexpr double kSegmentBytes = 1448.0;
+constexpr double kForwardShare = 0.1;  // requests are small, answers are large
 
 // Load falls by equal factors, as a queue that drains does.
-double between(double from, double to, double way)
+double Between(double from, double to, double way)
 {
     return from * std::pow(to / from, way);
 }
 
-Load recovering(const Moment& moment)
+Load Recovering(const Moment& moment)
 {
     const double way =
         std::min(1.0, static_cast<double>(moment.tick) / static_cast<double>(moment.phase.ticks));
-    return {between(overloaded.run_queue, idle.run_queue, way),
-            between(overloaded.new_per_s, idle.new_per_s, way),
-            overloaded.refused_fraction * (1.0 - way),
-            between(overloaded.bytes_per_s, idle.bytes_per_s, way),
-            between(overloaded.free_memory_fraction, idle.free_memory_fraction, way)};
+    return {Between(kOverloaded.run_queue, kIdle.run_queue, way),
+            Between(kOverloaded.new_per_s, kIdle.new_per_s, way),
+            kOverloaded.refused_fraction * (1.0 - way),
+            Between(kOverloaded.bytes_per_s, kIdle.bytes_per_s, way),
+            Between(kOverloaded.free_memory_fraction, kIdle.free_memory_fraction, way)};
 }
 
-Load load_at(const Moment& moment)
+Load LoadAt(const Moment& moment)
 {
     switch (moment.phase.scenario) {
-        case Scenario::idle:
-            return idle;
-        case Scenario::overloaded:
-            return overloaded;
-        case Scenario::recovering:
-            return recovering(moment);
-        case Scenario::busy:
-        case Scenario::closing:
-        case Scenario::restarting:
+        case Scenario::kIdle:
+            return kIdle;
+        case Scenario::kOverloaded:
+            return kOverloaded;
+        case Scenario::kRecovering:
+            return Recovering(moment);
+        case Scenario::kBusy:
+        case Scenario::kClosing:
+        case Scenario::kRestarting:
             break;
     }
-    return busy;
+    return kBusy;
 }
 
 // A tenth up or down.
-double jitter(const Settings& settings, Stream stream, std::uint64_t tick)
+double Jitter(const Settings& settings, Stream stream, std::uint64_t tick)
 {
-    return 0.9 + 0.2 * fraction(draw(settings.seed, stream, tick));
+    return 0.9 + 0.2 * Fraction(Draw(settings.seed, stream, tick));
 }
 
 // Whole, and right on average for rates below one a tick too.
-std::uint64_t whole(const Settings& settings, Stream stream, std::uint64_t tick, double amount)
+std::uint64_t Whole(const Settings& settings, Stream stream, std::uint64_t tick, double amount)
 {
-    return static_cast<std::uint64_t>(amount + fraction(draw(settings.seed, stream, tick)));
+    return static_cast<std::uint64_t>(amount + Fraction(Draw(settings.seed, stream, tick)));
 }
 
 // One tick's connections and what they carry, on all CPUs.
@@ -80,42 +80,41 @@ struct Traffic {
     std::uint64_t refused;
     double payload_bytes;
 
-    std::uint64_t established() const { return opened - refused; }
+    std::uint64_t Established() const { return opened - refused; }
 };
 
-Traffic traffic_at(const Settings& settings, std::uint64_t tick)
+Traffic TrafficAt(const Settings& settings, std::uint64_t tick)
 {
-    const Moment moment = moment_at(settings, tick);
-    const Load load = load_at(moment);
+    const Moment moment = MomentAt(settings, tick);
+    const Load load = LoadAt(moment);
     const double cpu_seconds = static_cast<double>(settings.cpus * settings.interval_s);
-    const double connections = load.new_per_s * cpu_seconds * jitter(settings, opened_stream, tick);
+    const double connections = load.new_per_s * cpu_seconds * Jitter(settings, kOpenedStream, tick);
 
     Traffic traffic{};
-    traffic.opened = whole(settings, opened_rounding_stream, tick, connections);
+    traffic.opened = Whole(settings, kOpenedRoundingStream, tick, connections);
     const double refused = static_cast<double>(traffic.opened) * load.refused_fraction;
-    traffic.refused =
-        port_closed(moment)
-            ? traffic.opened
-            : std::min(traffic.opened, whole(settings, refused_stream, tick, refused));
-    if (traffic.established() > 0) {
+    traffic.refused = PortClosed(moment) ? traffic.opened
+                                         : std::min(traffic.opened,
+                                                    Whole(settings, kRefusedStream, tick, refused));
+    if (traffic.Established() > 0) {
         traffic.payload_bytes =
-            load.bytes_per_s * cpu_seconds * jitter(settings, bytes_stream, tick);
+            load.bytes_per_s * cpu_seconds * Jitter(settings, kBytesStream, tick);
     }
     return traffic;
 }
 
 // Packets of one direction: those without payload, and full segments for the payload.
-void add_packets(Counters& counters, unsigned packet_counter, unsigned byte_counter,
-                 std::uint64_t bare, double payload_bytes)
+void AddPackets(Counters& counters, unsigned packet_counter, unsigned byte_counter,
+                std::uint64_t bare, double payload_bytes)
 {
-    const double packets = static_cast<double>(bare) + payload_bytes / segment_bytes;
+    const double packets = static_cast<double>(bare) + payload_bytes / kSegmentBytes;
     counters[packet_counter] += static_cast<std::uint64_t>(packets);
-    counters[byte_counter] += static_cast<std::uint64_t>(payload_bytes + packets * header_bytes);
+    counters[byte_counter] += static_cast<std::uint64_t>(payload_bytes + packets * kHeaderBytes);
 }
 
 }  // namespace
 
-Moment moment_at(const Settings& settings, std::uint64_t tick)
+Moment MomentAt(const Settings& settings, std::uint64_t tick)
 {
     const Phase* phase = settings.timeline.data();
     const Phase* const last = phase + settings.timeline.size() - 1;
@@ -125,21 +124,21 @@ Moment moment_at(const Settings& settings, std::uint64_t tick)
     return {*phase, tick};
 }
 
-bool port_closed(const Moment& moment)
+bool PortClosed(const Moment& moment)
 {
-    return moment.phase.scenario == Scenario::closing;
+    return moment.phase.scenario == Scenario::kClosing;
 }
 
-bool counters_restart(const Settings& settings, const Moment& moment)
+bool CountersRestart(const Settings& settings, const Moment& moment)
 {
-    return moment.phase.scenario == Scenario::restarting && moment.tick > 0 &&
+    return moment.phase.scenario == Scenario::kRestarting && moment.tick > 0 &&
            moment.tick % settings.restart_ticks == 0;
 }
 
-void add_traffic(const Settings& settings, std::uint64_t tick, Counters& counters)
+void AddTraffic(const Settings& settings, std::uint64_t tick, Counters& counters)
 {
-    const Traffic traffic = traffic_at(settings, tick);
-    const std::uint64_t established = traffic.established();
+    const Traffic traffic = TrafficAt(settings, tick);
+    const std::uint64_t established = traffic.Established();
     counters[VXI_SCAN_NEW] += traffic.opened;
     counters[VXI_SCAN_CLOSED] += 2 * established + traffic.refused;
     counters[VXI_SCAN_ESTABLISHED] += established;
@@ -147,20 +146,20 @@ void add_traffic(const Settings& settings, std::uint64_t tick, Counters& counter
     counters[VXI_SCAN_RESET] += established / 50;
     counters[VXI_SCAN_SYN_RETRANSMITTED] += traffic.refused / 10;
     // The opener sends SYN, ACK and FIN with its ACK; a SYN that is refused is all there is.
-    add_packets(counters, VXI_SCAN_PACKETS_FORWARD, VXI_SCAN_BYTES_FORWARD,
-                traffic.opened + 3 * established, traffic.payload_bytes * forward_share);
-    add_packets(counters, VXI_SCAN_PACKETS_BACKWARD, VXI_SCAN_BYTES_BACKWARD,
-                traffic.opened + 2 * established, traffic.payload_bytes * (1.0 - forward_share));
+    AddPackets(counters, VXI_SCAN_PACKETS_FORWARD, VXI_SCAN_BYTES_FORWARD,
+               traffic.opened + 3 * established, traffic.payload_bytes * kForwardShare);
+    AddPackets(counters, VXI_SCAN_PACKETS_BACKWARD, VXI_SCAN_BYTES_BACKWARD,
+               traffic.opened + 2 * established, traffic.payload_bytes * (1.0 - kForwardShare));
 }
 
-vxi_sim_machine_s machine_at(const Settings& settings, std::uint64_t tick)
+vxi_sim_machine_s MachineAt(const Settings& settings, std::uint64_t tick)
 {
-    const Load load = load_at(moment_at(settings, tick));
+    const Load load = LoadAt(MomentAt(settings, tick));
     const double queue = load.run_queue * static_cast<double>(settings.cpus) *
-                         jitter(settings, run_queue_stream, tick);
+                         Jitter(settings, kRunQueueStream, tick);
     const std::uint64_t total_kb = settings.memory_mb * 1024;
     const double free_kb = static_cast<double>(total_kb) * load.free_memory_fraction *
-                           jitter(settings, memory_stream, tick);
+                           Jitter(settings, kMemoryStream, tick);
     vxi_sim_machine_s machine{};
     machine.tick = tick;
     machine.run_queue_length = std::round(queue * 100.0) / 100.0;  // as uptime prints it

@@ -27,17 +27,17 @@ struct Moment {
     std::uint64_t tick;  // since the phase began
 };
 
-Moment moment_at(const Settings& settings, std::uint64_t tick);
+Moment MomentAt(const Settings& settings, std::uint64_t tick);
 
 // The port of the service is shut at that tick: every new connection is refused.
-bool port_closed(const Moment& moment);
+bool PortClosed(const Moment& moment);
 
 // The driver lost its counters just before that tick.
-bool counters_restart(const Settings& settings, const Moment& moment);
+bool CountersRestart(const Settings& settings, const Moment& moment);
 
 // Adds one tick's traffic.
-void add_traffic(const Settings& settings, std::uint64_t tick, Counters& counters);
+void AddTraffic(const Settings& settings, std::uint64_t tick, Counters& counters);
 
-vxi_sim_machine_s machine_at(const Settings& settings, std::uint64_t tick);
+vxi_sim_machine_s MachineAt(const Settings& settings, std::uint64_t tick);
 
 }  // namespace vxi::sim

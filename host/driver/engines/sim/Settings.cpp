@@ -14,7 +14,7 @@ struct Number {
     std::uint64_t most;
 };
 
-constexpr Number numbers[] = {
+constexpr Number kNumbers[] = {
     {"seed", &Settings::seed, 0, UINT64_MAX},
     {"port", &Settings::port, 0, 65535},
     {"cpus", &Settings::cpus, 1, 4096},
@@ -31,17 +31,17 @@ struct Name {
     Scenario scenario;
 };
 
-constexpr Name scenarios[] = {
-    {"idle", Scenario::idle},
-    {"busy", Scenario::busy},
-    {"overloaded", Scenario::overloaded},
-    {"recovering", Scenario::recovering},
-    {"closing", Scenario::closing},
-    {"restarting", Scenario::restarting},
+constexpr Name kScenarios[] = {
+    {"idle", Scenario::kIdle},
+    {"busy", Scenario::kBusy},
+    {"overloaded", Scenario::kOverloaded},
+    {"recovering", Scenario::kRecovering},
+    {"closing", Scenario::kClosing},
+    {"restarting", Scenario::kRestarting},
 };
 
 template <typename Row, std::size_t count>
-const Row* row_named(const Row (&rows)[count], std::string_view name)
+const Row* RowNamed(const Row (&rows)[count], std::string_view name)
 {
     const Row* const end = rows + count;
     const Row* const found =
@@ -50,7 +50,7 @@ const Row* row_named(const Row (&rows)[count], std::string_view name)
 }
 
 template <typename Row, std::size_t count>
-std::string names_of(const Row (&rows)[count])
+std::string NamesOf(const Row (&rows)[count])
 {
     std::string names;
     for (const Row& row : rows) {
@@ -61,103 +61,104 @@ std::string names_of(const Row (&rows)[count])
 
 class Reader {
 public:
-    Reader(std::string_view text, SettingsError& error) : text_(text), error_(error) {}
+    Reader(std::string_view text, SettingsError& error) : m_text(text), m_error(error) {}
 
-    bool read(Settings& settings);
+    bool Read(Settings& settings);
 
 private:
-    bool setting(Settings& settings);
-    bool timeline(std::vector<Phase>& phases);
-    bool phase(Phase& phase);
-    bool number(std::uint64_t least, std::uint64_t most, std::uint64_t& value);
+    bool ParseSetting(Settings& settings);
+    bool ParseTimeline(std::vector<Phase>& phases);
+    bool ParsePhase(Phase& phase);
+    bool ParseNumber(std::uint64_t least, std::uint64_t most, std::uint64_t& value);
 
-    std::string_view word()
+    std::string_view Word()
     {
-        const std::size_t begin = at_;
-        at_ = std::min(text_.find_first_of("=,:/ ", at_), text_.size());
-        return text_.substr(begin, at_ - begin);
+        const std::size_t begin = m_at;
+        m_at = std::min(m_text.find_first_of("=,:/ ", m_at), m_text.size());
+        return m_text.substr(begin, m_at - begin);
     }
-    bool take(char c)
+    bool Take(char c)
     {
-        const bool there = at_ < text_.size() && text_[at_] == c;
-        at_ += there;
+        const bool there = m_at < m_text.size() && m_text[m_at] == c;
+        m_at += there;
         return there;
     }
-    void skip_blanks() { at_ = std::min(text_.find_first_not_of(" \t\n", at_), text_.size()); }
-    bool failed(std::size_t position, std::string expected)
+    void SkipBlanks() { m_at = std::min(m_text.find_first_not_of(" \t\n", m_at), m_text.size()); }
+    bool Failed(std::size_t position, std::string expected)
     {
-        error_ = {position, std::move(expected)};
+        m_error = {position, std::move(expected)};
         return false;
     }
 
-    std::string_view text_;
-    SettingsError& error_;
-    std::size_t at_ = 0;
+    std::string_view m_text;
+    SettingsError& m_error;
+    std::size_t m_at = 0;
 };
 
-bool Reader::read(Settings& settings)
+bool Reader::Read(Settings& settings)
 {
-    skip_blanks();
-    while (at_ < text_.size()) {
-        if (!setting(settings)) {
+    SkipBlanks();
+    while (m_at < m_text.size()) {
+        if (!ParseSetting(settings)) {
             return false;
         }
-        skip_blanks();
-        if (at_ < text_.size() && !take(',')) {
-            return failed(at_, "\",\" or the end");
+        SkipBlanks();
+        if (m_at < m_text.size() && !Take(',')) {
+            return Failed(m_at, "\",\" or the end");
         }
-        skip_blanks();
+        SkipBlanks();
     }
     return true;
 }
 
-bool Reader::setting(Settings& settings)
+bool Reader::ParseSetting(Settings& settings)
 {
-    const std::size_t begin = at_;
-    const std::string_view key = word();
-    const Number* row = row_named(numbers, key);
+    const std::size_t begin = m_at;
+    const std::string_view key = Word();
+    const Number* row = RowNamed(kNumbers, key);
     if (!row && key != "scenario") {
-        return failed(begin, "scenario or one of " + names_of(numbers));
+        return Failed(begin, "scenario or one of " + NamesOf(kNumbers));
     }
-    if (!take('=')) {
-        return failed(at_, "\"=\"");
+    if (!Take('=')) {
+        return Failed(m_at, "\"=\"");
     }
-    return row ? number(row->least, row->most, settings.*row->member) : timeline(settings.timeline);
+    return row ? ParseNumber(row->least, row->most, settings.*row->member)
+               : ParseTimeline(settings.timeline);
 }
 
-bool Reader::timeline(std::vector<Phase>& phases)
+bool Reader::ParseTimeline(std::vector<Phase>& phases)
 {
     phases.clear();
     do {
         phases.emplace_back();
-        if (!phase(phases.back())) {
+        if (!ParsePhase(phases.back())) {
             return false;
         }
-    } while (take('/'));
+    } while (Take('/'));
     return true;
 }
 
-bool Reader::phase(Phase& phase)
+bool Reader::ParsePhase(Phase& phase)
 {
-    const std::size_t begin = at_;
-    const Name* row = row_named(scenarios, word());
+    const std::size_t begin = m_at;
+    const Name* row = RowNamed(kScenarios, Word());
     if (!row) {
-        return failed(begin, "one of " + names_of(scenarios));
+        return Failed(begin, "one of " + NamesOf(kScenarios));
     }
-    phase = {row->scenario, default_phase_ticks};
-    return !take(':') || number(1, 1000000000, phase.ticks);
+    phase = {row->scenario, kDefaultPhaseTicks};
+    return !Take(':') || ParseNumber(1, 1000000000, phase.ticks);
 }
 
-bool Reader::number(std::uint64_t least, std::uint64_t most, std::uint64_t& value)
+bool Reader::ParseNumber(std::uint64_t least, std::uint64_t most, std::uint64_t& value)
 {
-    const char* const begin = text_.data() + at_;
+    const char* const begin = m_text.data() + m_at;
     std::uint64_t parsed = 0;
-    const auto [end, error] = std::from_chars(begin, text_.data() + text_.size(), parsed);
+    const auto [end, error] = std::from_chars(begin, m_text.data() + m_text.size(), parsed);
     if (error != std::errc() || parsed < least || parsed > most) {
-        return failed(at_,
+        return Failed(m_at,
                       "a number from " + std::to_string(least) + " to " + std::to_string(most));
     }
-    at_ += static_cast<std::size_t>(end - begin);
+    m_at += static_cast<std::size_t>(end - begin);
     value = parsed;
     return true;
 }
@@ -167,7 +168,7 @@ bool Reader::number(std::uint64_t least, std::uint64_t most, std::uint64_t& valu
 bool read_settings(std::string_view text, Settings& settings, SettingsError& error)
 {
     Settings changed = settings;
-    if (!Reader(text, error).read(changed)) {
+    if (!Reader(text, error).Read(changed)) {
         return false;
     }
     settings = std::move(changed);

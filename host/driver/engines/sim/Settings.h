@@ -9,18 +9,18 @@
 
 namespace vxi::sim {
 
-enum class Scenario { idle, busy, overloaded, recovering, closing, restarting };
+enum class Scenario { kIdle, kBusy, kOverloaded, kRecovering, kClosing, kRestarting };
 
 struct Phase {
     Scenario scenario;
     std::uint64_t ticks;
 };
 
-inline constexpr std::uint64_t default_phase_ticks = 30;
+inline constexpr std::uint64_t kDefaultPhaseTicks = 30;
 
 struct Settings {
     std::uint64_t seed = 1;
-    std::vector<Phase> timeline{{Scenario::busy, default_phase_ticks}};
+    std::vector<Phase> timeline{{Scenario::kBusy, kDefaultPhaseTicks}};
     std::uint64_t port = 0;  // 0: whichever port is monitored has the traffic
     std::uint64_t cpus = 4;
     std::uint64_t memory_mb = 8192;

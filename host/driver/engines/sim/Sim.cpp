@@ -23,7 +23,7 @@ namespace vxi::sim {
 
 namespace {
 
-constexpr std::uint8_t udp = 17;
+constexpr std::uint8_t kUdp = 17;
 
 struct Process {
     std::mutex mutex;
@@ -43,20 +43,20 @@ Process::Process()
                             std::to_string(error.position + 1) + ": expected " + error.expected;
     }
     view.world = std::make_shared<const World>(std::move(settings));
-    name_statistics();
+    NameStatistics();
 }
 
-Process& process()
+Process& GlobalProcess()
 {
     // Never destroyed: handles may be used until the process ends.
     static Process& instance = *new Process;
     return instance;
 }
 
-View present_view()
+View PresentView()
 {
-    const std::lock_guard<std::mutex> lock(process().mutex);
-    return process().view;
+    const std::lock_guard<std::mutex> lock(GlobalProcess().mutex);
+    return GlobalProcess().view;
 }
 
 // What size and count requests leave for the fill requests that follow.
@@ -68,7 +68,7 @@ struct Snapshots {
     std::string profile;
 };
 
-Snapshots& snapshots(vxi_handle_ops_s* handle)
+Snapshots& SnapshotsOf(vxi_handle_ops_s* handle)
 {
     if (!handle->state) {
         handle->state = new Snapshots;
@@ -76,55 +76,55 @@ Snapshots& snapshots(vxi_handle_ops_s* handle)
     return *static_cast<Snapshots*>(handle->state);
 }
 
-bool environment_usable(std::string& error)
+bool EnvironmentUsable(std::string& error)
 {
-    Process& machine = process();
+    Process& machine = GlobalProcess();
     const std::lock_guard<std::mutex> lock(machine.mutex);
     error = machine.environment_error;
     return error.empty();
 }
 
-int open(vxi_handle_ops_s*, std::string& error)
+int Open(vxi_handle_ops_s*, std::string& error)
 {
-    return environment_usable(error) ? 0 : -EINVAL;
+    return EnvironmentUsable(error) ? 0 : -EINVAL;
 }
 
-void close(vxi_handle_ops_s* handle)
+void Close(vxi_handle_ops_s* handle)
 {
     delete static_cast<Snapshots*>(handle->state);
 }
 
-int available(vxi_handle_ops_s*)
+int Available(vxi_handle_ops_s*)
 {
     return 1;
 }
 
 int get_stats(vxi_handle_ops_s*, vxa_stats_v2_s* stats, unsigned int)
 {
-    const View view = present_view();
-    fill_statistics(view, *stats);
-    note_source(Table::statistics, "simulated machine at tick %llu",
-                static_cast<unsigned long long>(view.tick));
+    const View view = PresentView();
+    FillStatistics(view, *stats);
+    NoteSource(Table::kStatistics, "simulated machine at tick %llu",
+               static_cast<unsigned long long>(view.tick));
     return 0;
 }
 
-int count_flows(vxi_handle_ops_s* handle, vxa_dump_conntrack_s* section)
+int CountFlows(vxi_handle_ops_s* handle, vxa_dump_conntrack_s* section)
 {
-    Snapshots& kept = snapshots(handle);
-    kept.flows = present_view();
+    Snapshots& kept = SnapshotsOf(handle);
+    kept.flows = PresentView();
     kept.flow_fills_left = 2;
-    kept.room = share_flow_room(kept.flows.world->udp_flows, kept.flows.world->tcp_flows);
+    kept.room = ShareFlowRoom(kept.flows.world->udp_flows, kept.flows.world->tcp_flows);
     section->entry_ct = static_cast<std::uint16_t>(kept.room.udp + kept.room.tcp);
-    note_source(Table::conntrack, "simulated machine at tick %llu",
-                static_cast<unsigned long long>(kept.flows.tick));
+    NoteSource(Table::kConntrack, "simulated machine at tick %llu",
+               static_cast<unsigned long long>(kept.flows.tick));
     return 0;
 }
 
-void fill_flows(const View& view, vxa_dump_conntrack_s* section)
+void FillFlows(const View& view, vxa_dump_conntrack_s* section)
 {
     auto* entry = reinterpret_cast<vxa_conntrack_entry_s*>(section + 1);
     for (std::uint32_t i = 0; i < section->entry_ct; ++i) {
-        entry[i] = flow(*view.world, section->protocol, i, view.tick);
+        entry[i] = Flow(*view.world, section->protocol, i, view.tick);
     }
 }
 
@@ -132,44 +132,44 @@ int get_conntrack(vxi_handle_ops_s* handle, vxa_dump_conntrack_s* section, unsig
                   unsigned int*)
 {
     if (section->protocol == 0) {
-        return count_flows(handle, section);
+        return CountFlows(handle, section);
     }
-    Snapshots& kept = snapshots(handle);
+    Snapshots& kept = SnapshotsOf(handle);
     if (kept.flow_fills_left == 0) {
-        return fail(handle, -ENODATA, "no snapshot: ask for the count first");
+        return Fail(handle, -ENODATA, "no snapshot: ask for the count first");
     }
-    const bool is_udp = section->protocol == udp;
+    const bool is_udp = section->protocol == kUdp;
     const World& world = *kept.flows.world;
     section->total = is_udp ? world.udp_flows : world.tcp_flows;
     section->entry_ct = static_cast<std::uint16_t>(
         std::min<std::uint32_t>(section->entry_ct, is_udp ? kept.room.udp : kept.room.tcp));
-    fill_flows(kept.flows, section);
+    FillFlows(kept.flows, section);
     if (--kept.flow_fills_left == 0) {
         kept.flows = View();
     }
     return 0;
 }
 
-int size_blacklist(vxi_handle_ops_s* handle, vxa_blacklist_get_addrs_s* list)
+int SizeBlacklist(vxi_handle_ops_s* handle, vxa_blacklist_get_addrs_s* list)
 {
-    Snapshots& kept = snapshots(handle);
-    kept.blacklist = present_view();
-    list->set_count = blacklist_sets;
+    Snapshots& kept = SnapshotsOf(handle);
+    kept.blacklist = PresentView();
+    list->set_count = kBlacklistSets;
     list->entries_size = static_cast<std::uint32_t>(kept.blacklist.world->settings.blacklist *
                                                     sizeof(vxa_blacklist_entry_s));
-    note_source(Table::blacklist, "simulated machine at tick %llu",
-                static_cast<unsigned long long>(kept.blacklist.tick));
+    NoteSource(Table::kBlacklist, "simulated machine at tick %llu",
+               static_cast<unsigned long long>(kept.blacklist.tick));
     return 0;
 }
 
 int get_blacklist(vxi_handle_ops_s* handle, vxa_blacklist_get_addrs_s* list)
 {
     if (list->entries_size == 0) {
-        return size_blacklist(handle, list);
+        return SizeBlacklist(handle, list);
     }
-    Snapshots& kept = snapshots(handle);
+    Snapshots& kept = SnapshotsOf(handle);
     if (!kept.blacklist.world) {
-        return fail(handle, -ENODATA, "no snapshot: ask for the size first");
+        return Fail(handle, -ENODATA, "no snapshot: ask for the size first");
     }
     const std::uint64_t all = kept.blacklist.world->settings.blacklist;
     const auto count = static_cast<std::uint32_t>(
@@ -177,51 +177,51 @@ int get_blacklist(vxi_handle_ops_s* handle, vxa_blacklist_get_addrs_s* list)
     auto* bytes = reinterpret_cast<unsigned char*>(list + 1);
     for (std::uint32_t i = 0; i < count; ++i) {
         // The header is 44 bytes long, so the entries behind it are not aligned.
-        const auto entry = blacklisted(*kept.blacklist.world, i, kept.blacklist.tick);
+        const auto entry = Blacklisted(*kept.blacklist.world, i, kept.blacklist.tick);
         std::memcpy(bytes + i * sizeof entry, &entry, sizeof entry);
     }
     list->entries_size = count * static_cast<std::uint32_t>(sizeof(vxa_blacklist_entry_s));
-    list->set_count = blacklist_sets;
+    list->set_count = kBlacklistSets;
     kept.blacklist = View();
     return 0;
 }
 
 int get_conn_states(vxi_handle_ops_s*, vxa_get_conn_states_s* states)
 {
-    const View view = present_view();
-    fill_conn_states(view, *states);
-    note_source(Table::conn_states, "simulated machine at tick %llu",
-                static_cast<unsigned long long>(view.tick));
+    const View view = PresentView();
+    FillConnStates(view, *states);
+    NoteSource(Table::kConnStates, "simulated machine at tick %llu",
+               static_cast<unsigned long long>(view.tick));
     return 0;
 }
 
 int get_variable(vxi_handle_ops_s* handle, vxa_filter_variable_s* variable)
 {
-    variable->value = variable_value(present_view(), handle->trace_level, variable->number);
+    variable->value = VariableValue(PresentView(), handle->trace_level, variable->number);
     return 0;
 }
 
-int set_variable(vxi_handle_ops_s* handle, unsigned int number, unsigned int value)
+int SetVariable(vxi_handle_ops_s* handle, unsigned int number, unsigned int value)
 {
-    if (number != variable_rule_profiling) {
-        return fail(handle, -EROFS, "variable %u (%s) is not writable", number,
-                    variable_name(number));
+    if (number != kVariableRuleProfiling) {
+        return Fail(handle, -EROFS, "variable %u (%s) is not writable", number,
+                    VariableName(number));
     }
-    Process& machine = process();
+    Process& machine = GlobalProcess();
     const std::lock_guard<std::mutex> lock(machine.mutex);
     machine.view.rule_profiling = value;
     machine.view.profiled_since = machine.view.tick;
-    switch_profiling(value == 1);
+    SwitchProfiling(value == 1);
     return 0;
 }
 
 int get_profile_stats(vxi_handle_ops_s* handle, void* record)
 {
-    Snapshots& kept = snapshots(handle);
+    Snapshots& kept = SnapshotsOf(handle);
     std::uint32_t size = 0;
     std::memcpy(&size, record, sizeof size);
     if (size == 0) {
-        kept.profile = rule_profile(present_view());
+        kept.profile = RuleProfile(PresentView());
         size = static_cast<std::uint32_t>(kept.profile.size());
     } else {
         size = static_cast<std::uint32_t>(std::min<std::size_t>(size, kept.profile.size()));
@@ -232,12 +232,12 @@ int get_profile_stats(vxi_handle_ops_s* handle, void* record)
     return 0;
 }
 
-int set_scan_monitoring(vxi_handle_ops_s*, scan_monitor_config* config)
+int SetScanMonitoring(vxi_handle_ops_s*, scan_monitor_config* config)
 {
     ScanTarget target;
-    scan_target(*config, target);
+    TargetOf(*config, target);
     const ProfilingPause pause;
-    Process& machine = process();
+    Process& machine = GlobalProcess();
     const std::lock_guard<std::mutex> lock(machine.mutex);
     if (!(machine.view.target == target)) {
         machine.view.target = target;
@@ -246,56 +246,56 @@ int set_scan_monitoring(vxi_handle_ops_s*, scan_monitor_config* config)
     return 0;
 }
 
-void next_tick(View& view)
+void NextTick(View& view)
 {
     const Settings& settings = view.world->settings;
-    if (counters_restart(settings, moment_at(settings, view.tick))) {
+    if (CountersRestart(settings, MomentAt(settings, view.tick))) {
         view.counters = Counters{};
     }
     if (settings.port == 0 || settings.port == view.target.port) {
-        add_traffic(settings, view.tick, view.counters);
+        AddTraffic(settings, view.tick, view.counters);
     }
     ++view.tick;
 }
 
 int get_scan_metrics(vxi_handle_ops_s* handle, scan_metrics_request* request, unsigned int)
 {
-    Process& machine = process();
+    Process& machine = GlobalProcess();
     const std::lock_guard<std::mutex> lock(machine.mutex);
-    if (!(machine.view.target == scan_target(*request))) {
-        return fail(handle, -ENOENT, "port %u is not monitored in that direction",
+    if (!(machine.view.target == TargetOf(*request))) {
+        return Fail(handle, -ENOENT, "port %u is not monitored in that direction",
                     unsigned{request->port});
     }
-    next_tick(machine.view);
-    deliver_counters(machine.view.counters, *request);
+    NextTick(machine.view);
+    DeliverCounters(machine.view.counters, *request);
     return 0;
 }
 
-int capabilities(vxi_handle_ops_s*, vxi_capability_s* rows, unsigned int count)
+int Capabilities(vxi_handle_ops_s*, vxi_capability_s* rows, unsigned int count)
 {
-    constexpr auto all = static_cast<unsigned int>(std::size(facility_names));
-    for (unsigned int i = 0; i < std::min(count, all); ++i) {
-        rows[i] = {facility_names[i], 1, "simulated"};
+    constexpr auto kAll = static_cast<unsigned int>(std::size(kFacilityNames));
+    for (unsigned int i = 0; i < std::min(count, kAll); ++i) {
+        rows[i] = {kFacilityNames[i], 1, "simulated"};
     }
-    return static_cast<int>(all);
+    return static_cast<int>(kAll);
 }
 
-Operations make_operations()
+Operations MakeOperations()
 {
     Operations table{};
-    table.engine = engine_name;
-    table.close = close;
-    table.available = available;
+    table.engine = kEngineName;
+    table.close = Close;
+    table.available = Available;
     table.get_stats = get_stats;
     table.get_conntrack = get_conntrack;
     table.get_blacklist = get_blacklist;
     table.get_conn_states = get_conn_states;
     table.get_variable = get_variable;
-    table.set_variable = set_variable;
+    table.set_variable = SetVariable;
     table.get_profile_stats = get_profile_stats;
-    table.set_scan_monitoring = set_scan_monitoring;
+    table.set_scan_monitoring = SetScanMonitoring;
     table.get_scan_metrics = get_scan_metrics;
-    table.capabilities = capabilities;
+    table.capabilities = Capabilities;
     return table;
 }
 
@@ -303,11 +303,11 @@ Operations make_operations()
 
 }  // namespace vxi::sim
 
-const vxi::Engine& vxi::sim_engine()
+const vxi::Engine& vxi::SimEngine()
 {
-    static const Operations operations = sim::make_operations();
-    static const Engine engine{sim::engine_name, &operations, sim::open, sim::environment_usable};
-    return engine;
+    static const Operations kOperations = sim::MakeOperations();
+    static const Engine kEngine{sim::kEngineName, &kOperations, sim::Open, sim::EnvironmentUsable};
+    return kEngine;
 }
 
 int vxi_sim_configure(const char* settings, unsigned int* position)
@@ -322,7 +322,7 @@ try {
         return -EINVAL;
     }
     auto world = std::make_shared<const World>(std::move(chosen));
-    Process& machine = process();
+    Process& machine = GlobalProcess();
     const std::lock_guard<std::mutex> lock(machine.mutex);
     // Monitoring is a setting of the driver, not of the machine it watches.
     View fresh;
@@ -338,14 +338,14 @@ try {
 void vxi_sim_machine(vxi_sim_machine_s* machine)
 {
     if (machine) {
-        const vxi::sim::View view = vxi::sim::present_view();
-        *machine = vxi::sim::machine_at(view.world->settings, view.tick);
+        const vxi::sim::View view = vxi::sim::PresentView();
+        *machine = vxi::sim::MachineAt(view.world->settings, view.tick);
     }
 }
 
 void vxi_sim_tick(void)
 {
-    vxi::sim::Process& machine = vxi::sim::process();
+    vxi::sim::Process& machine = vxi::sim::GlobalProcess();
     const std::lock_guard<std::mutex> lock(machine.mutex);
-    vxi::sim::next_tick(machine.view);
+    vxi::sim::NextTick(machine.view);
 }

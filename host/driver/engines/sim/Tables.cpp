@@ -14,28 +14,28 @@ namespace vxi::sim {
 
 namespace {
 
-constexpr std::uint32_t conntrack_max = 262144;
-constexpr std::uint32_t conntrack_buckets = 65536;
-constexpr std::uint32_t rule_tables = 1;
-constexpr std::uint32_t rule_chains = 1;
+constexpr std::uint32_t kConntrackMax = 262144;
+constexpr std::uint32_t kConntrackBuckets = 65536;
+constexpr std::uint32_t kRuleTables = 1;
+constexpr std::uint32_t kRuleChains = 1;
 
-bool listening(const View& view)
+bool Listening(const View& view)
 {
-    return !port_closed(moment_at(view.world->settings, view.tick));
+    return !PortClosed(MomentAt(view.world->settings, view.tick));
 }
 
-std::uint64_t sockets_in(const View& view, unsigned state)
+std::uint64_t SocketsIn(const View& view, unsigned state)
 {
     return view.world->sockets.tcp4[state] + view.world->sockets.tcp6[state];
 }
 
-std::uint64_t tcp_sockets(const View& view)
+std::uint64_t TcpSockets(const View& view)
 {
-    return view.world->tcp_flows + (listening(view) ? 1U : 0U);
+    return view.world->tcp_flows + (Listening(view) ? 1U : 0U);
 }
 
 template <unsigned counter>
-std::uint64_t scan_counter(const View& view)
+std::uint64_t ScanCounter(const View& view)
 {
     return view.counters[counter];
 }
@@ -47,55 +47,56 @@ struct Slot {
     std::uint64_t (*value)(const View&);
 };
 
-constexpr Slot slots[] = {
-    {Area::statistics1, 0, "Ip.InReceives", scan_counter<VXI_SCAN_PACKETS_FORWARD>},
-    {Area::statistics1, 1, "Ip.OutRequests", scan_counter<VXI_SCAN_PACKETS_BACKWARD>},
-    {Area::statistics1, 2, "Tcp.PassiveOpens", scan_counter<VXI_SCAN_ESTABLISHED>},
-    {Area::statistics1, 3, "Tcp.AttemptFails", scan_counter<VXI_SCAN_HALF_OPEN_CLOSED>},
-    {Area::statistics1, 4, "Tcp.EstabResets", scan_counter<VXI_SCAN_RESET>},
-    {Area::statistics1, 5, "Tcp.CurrEstab",
-     [](const View& view) { return sockets_in(view, TCP_ESTABLISHED); }},
-    {Area::statistics1, 192, "sockets.used",
-     [](const View& view) { return tcp_sockets(view) + view.world->udp_flows; }},
-    {Area::statistics1, 193, "TCP.inuse",
-     [](const View& view) { return tcp_sockets(view) - sockets_in(view, TCP_TIME_WAIT); }},
-    {Area::statistics1, 194, "TCP.tw",
-     [](const View& view) { return sockets_in(view, TCP_TIME_WAIT); }},
-    {Area::statistics1, 195, "UDP.inuse",
+constexpr Slot kSlots[] = {
+    {Area::kStatistics1, 0, "Ip.InReceives", ScanCounter<VXI_SCAN_PACKETS_FORWARD>},
+    {Area::kStatistics1, 1, "Ip.OutRequests", ScanCounter<VXI_SCAN_PACKETS_BACKWARD>},
+    {Area::kStatistics1, 2, "Tcp.PassiveOpens", ScanCounter<VXI_SCAN_ESTABLISHED>},
+    {Area::kStatistics1, 3, "Tcp.AttemptFails", ScanCounter<VXI_SCAN_HALF_OPEN_CLOSED>},
+    {Area::kStatistics1, 4, "Tcp.EstabResets", ScanCounter<VXI_SCAN_RESET>},
+    {Area::kStatistics1, 5, "Tcp.CurrEstab",
+     [](const View& view) { return SocketsIn(view, TCP_ESTABLISHED); }},
+    {Area::kStatistics1, 192, "sockets.used",
+     [](const View& view) { return TcpSockets(view) + view.world->udp_flows; }},
+    {Area::kStatistics1, 193, "TCP.inuse",
+     [](const View& view) { return TcpSockets(view) - SocketsIn(view, TCP_TIME_WAIT); }},
+    {Area::kStatistics1, 194, "TCP.tw",
+     [](const View& view) { return SocketsIn(view, TCP_TIME_WAIT); }},
+    {Area::kStatistics1, 195, "UDP.inuse",
      [](const View& view) { return std::uint64_t{view.world->udp_flows}; }},
 
-    {Area::statistics2, 0, "conntrack.count",
+    {Area::kStatistics2, 0, "conntrack.count",
      [](const View& view) { return view.world->settings.flows; }},
-    {Area::statistics2, 1, "conntrack.max",
-     [](const View&) { return std::uint64_t{conntrack_max}; }},
-    {Area::statistics2, 2, "conntrack.buckets",
-     [](const View&) { return std::uint64_t{conntrack_buckets}; }},
-    {Area::statistics2, 3, "rules.tables", [](const View&) { return std::uint64_t{rule_tables}; }},
-    {Area::statistics2, 4, "rules.chains", [](const View&) { return std::uint64_t{rule_chains}; }},
-    {Area::statistics2, 5, "rules.rules",
+    {Area::kStatistics2, 1, "conntrack.max",
+     [](const View&) { return std::uint64_t{kConntrackMax}; }},
+    {Area::kStatistics2, 2, "conntrack.buckets",
+     [](const View&) { return std::uint64_t{kConntrackBuckets}; }},
+    {Area::kStatistics2, 3, "rules.tables", [](const View&) { return std::uint64_t{kRuleTables}; }},
+    {Area::kStatistics2, 4, "rules.chains", [](const View&) { return std::uint64_t{kRuleChains}; }},
+    {Area::kStatistics2, 5, "rules.rules",
      [](const View& view) { return view.world->settings.rules; }},
-    {Area::statistics2, 6, "rules.sets", [](const View&) { return std::uint64_t{blacklist_sets}; }},
-    {Area::statistics2, 7, "blacklist.elements",
+    {Area::kStatistics2, 6, "rules.sets",
+     [](const View&) { return std::uint64_t{kBlacklistSets}; }},
+    {Area::kStatistics2, 7, "blacklist.elements",
      [](const View& view) { return view.world->settings.blacklist; }},
-    {Area::statistics2, 8, "scan.on",
+    {Area::kStatistics2, 8, "scan.on",
      [](const View& view) { return std::uint64_t{view.target.direction != 0}; }},
-    {Area::statistics2, 9, "scan.port",
+    {Area::kStatistics2, 9, "scan.port",
      [](const View& view) { return std::uint64_t{view.target.port}; }},
-    {Area::statistics2, 10, "sim.tick", [](const View& view) { return view.tick; }},
+    {Area::kStatistics2, 10, "sim.tick", [](const View& view) { return view.tick; }},
 
-    {Area::statistics3, 0, "TcpExt.TCPSynRetrans", scan_counter<VXI_SCAN_SYN_RETRANSMITTED>},
-    {Area::statistics3, 256, "eth0.rx_bytes", scan_counter<VXI_SCAN_BYTES_FORWARD>},
-    {Area::statistics3, 257, "eth0.rx_packets", scan_counter<VXI_SCAN_PACKETS_FORWARD>},
-    {Area::statistics3, 264, "eth0.tx_bytes", scan_counter<VXI_SCAN_BYTES_BACKWARD>},
-    {Area::statistics3, 265, "eth0.tx_packets", scan_counter<VXI_SCAN_PACKETS_BACKWARD>},
-    {Area::statistics3, 528, "softnet.processed",
+    {Area::kStatistics3, 0, "TcpExt.TCPSynRetrans", ScanCounter<VXI_SCAN_SYN_RETRANSMITTED>},
+    {Area::kStatistics3, 256, "eth0.rx_bytes", ScanCounter<VXI_SCAN_BYTES_FORWARD>},
+    {Area::kStatistics3, 257, "eth0.rx_packets", ScanCounter<VXI_SCAN_PACKETS_FORWARD>},
+    {Area::kStatistics3, 264, "eth0.tx_bytes", ScanCounter<VXI_SCAN_BYTES_BACKWARD>},
+    {Area::kStatistics3, 265, "eth0.tx_packets", ScanCounter<VXI_SCAN_PACKETS_BACKWARD>},
+    {Area::kStatistics3, 528, "softnet.processed",
      [](const View& view) {
          return view.counters[VXI_SCAN_PACKETS_FORWARD] + view.counters[VXI_SCAN_PACKETS_BACKWARD];
      }},
 };
 
 // A machine with these settings; what depends on the view is computed instead.
-constexpr std::uint32_t settings_values[] = {
+constexpr std::uint32_t kSettingsValues[] = {
     1,      2,       0,       0,       127,  0,    0,       0,       66,          65536,
     0,      1,       1,       0,       0,    1,    1,       65536,   1,           0,
     2,      4096,    4194304, 3145728, 60,   600,  30,      180,     30,          30,
@@ -115,111 +116,111 @@ constexpr std::uint32_t settings_values[] = {
     0,      4194304, 60,      0,       0,    4096, 1000,    300,     4194304,     4194304,
     212992, 212992,  131072,
 };
-static_assert(std::size(settings_values) == VXA_FILTER_VARIABLE_COUNT, "one value a number");
+static_assert(std::size(kSettingsValues) == VXA_FILTER_VARIABLE_COUNT, "one value a number");
 
-std::uint64_t rule_packets(const View& view, std::uint64_t rule, std::uint64_t ticks)
+std::uint64_t RulePackets(const View& view, std::uint64_t rule, std::uint64_t ticks)
 {
-    return draw(view.world->settings.seed, 200, rule) % 50 * ticks;
+    return Draw(view.world->settings.seed, 200, rule) % 50 * ticks;
 }
 
-constexpr std::uint64_t packet_bytes = 400;
+constexpr std::uint64_t kPacketBytes = 400;
 
-std::string counted(std::uint64_t packets)
+std::string Counted(std::uint64_t packets)
 {
     return "\"packets\": " + std::to_string(packets) +
-           ", \"bytes\": " + std::to_string(packets * packet_bytes);
+           ", \"bytes\": " + std::to_string(packets * kPacketBytes);
 }
 
-std::string rule_json(const View& view, std::uint64_t rule)
+std::string RuleJson(const View& view, std::uint64_t rule)
 {
     return R"(, {"rule": {"family": "inet", "table": "filter", "chain": "input", "handle": )" +
            std::to_string(rule + 3) +
            R"(, "expr": [{"match": {"op": "==", "left": {"payload": {"protocol": "tcp", )"
            R"("field": "dport"}}, "right": )" +
            std::to_string(1 + rule % 65535) + "}}, {\"counter\": {" +
-           counted(rule_packets(view, rule, view.tick)) + R"(}}, {"accept": null}]}})";
+           Counted(RulePackets(view, rule, view.tick)) + R"(}}, {"accept": null}]}})";
 }
 
-std::string profile_json(const View& view)
+std::string ProfileJson(const View& view)
 {
     const std::uint64_t ticks = view.tick - view.profiled_since;
     std::string text = R"(, {"profile": {"ticks": )" + std::to_string(ticks) + R"(, "rules": [)";
     for (std::uint64_t rule = 0; rule < view.world->settings.rules; ++rule) {
         text += std::string(rule ? ", " : "") + "{\"handle\": " + std::to_string(rule + 3) + ", " +
-                counted(rule_packets(view, rule, ticks)) + "}";
+                Counted(RulePackets(view, rule, ticks)) + "}";
     }
     return text + "]}}";
 }
 
 }  // namespace
 
-void name_statistics()
+void NameStatistics()
 {
     SlotNames areas[3];
-    for (const Slot& slot : slots) {
+    for (const Slot& slot : kSlots) {
         auto& names = areas[static_cast<unsigned>(slot.area)].names;
         names.resize(std::max<std::size_t>(names.size(), slot.index + 1));
         names[slot.index] = slot.name;
     }
     for (unsigned area = 0; area < 3; ++area) {
-        set_slot_names(engine_name, static_cast<Area>(area), std::move(areas[area]));
+        SetSlotNames(kEngineName, static_cast<Area>(area), std::move(areas[area]));
     }
 }
 
-void fill_statistics(const View& view, vxa_stats_v2_s& stats)
+void FillStatistics(const View& view, vxa_stats_v2_s& stats)
 {
     std::uint64_t* const areas[] = {stats.area1, stats.area2, stats.area3};
     std::fill_n(stats.area1, 0 + VXA_STATS_AREA1_COUNT, 0);
     std::fill_n(stats.area2, 0 + VXA_STATS_AREA2_COUNT, 0);
     std::fill_n(stats.area3, 0 + VXA_STATS_AREA3_COUNT, 0);
-    for (const Slot& slot : slots) {
+    for (const Slot& slot : kSlots) {
         areas[static_cast<unsigned>(slot.area)][slot.index] = slot.value(view);
     }
 }
 
-void fill_conn_states(const View& view, vxa_get_conn_states_s& states)
+void FillConnStates(const View& view, vxa_get_conn_states_s& states)
 {
     states = view.world->sockets;
-    if (listening(view)) {
+    if (Listening(view)) {
         ++states.tcp4[TCP_LISTEN];
         ++states.count;
     }
 }
 
-std::uint32_t variable_value(const View& view, int trace_level, std::uint32_t number)
+std::uint32_t VariableValue(const View& view, int trace_level, std::uint32_t number)
 {
     const Settings& settings = view.world->settings;
     switch (number) {
-        case variable_scan_on:
+        case kVariableScanOn:
             return view.target.direction != 0;
-        case variable_scan_port:
+        case kVariableScanPort:
             return view.target.port;
-        case variable_scan_direction:
+        case kVariableScanDirection:
             return view.target.direction;
-        case variable_trace_level:
+        case kVariableTraceLevel:
             return static_cast<std::uint32_t>(trace_level);
-        case variable_process_id:
+        case kVariableProcessId:
             return static_cast<std::uint32_t>(getpid());
-        case variable_conntrack_count:
+        case kVariableConntrackCount:
             return static_cast<std::uint32_t>(settings.flows);
-        case variable_conntrack_max:
-            return conntrack_max;
-        case variable_conntrack_buckets:
-            return conntrack_buckets;
-        case variable_nft_tables:
-            return rule_tables;
-        case variable_nft_rules:
+        case kVariableConntrackMax:
+            return kConntrackMax;
+        case kVariableConntrackBuckets:
+            return kConntrackBuckets;
+        case kVariableNftTables:
+            return kRuleTables;
+        case kVariableNftRules:
             return static_cast<std::uint32_t>(settings.rules);
-        case variable_blacklist_elements:
+        case kVariableBlacklistElements:
             return static_cast<std::uint32_t>(settings.blacklist);
-        case variable_rule_profiling:
+        case kVariableRuleProfiling:
             return view.rule_profiling;
         default:
-            return settings_values[number];
+            return kSettingsValues[number];
     }
 }
 
-std::string rule_profile(const View& view)
+std::string RuleProfile(const View& view)
 {
     std::string text = R"({"nftables": [{"metainfo": {"version": "simulated", )"
                        R"("json_schema_version": 1}}, )"
@@ -227,9 +228,9 @@ std::string rule_profile(const View& view)
                        R"({"chain": {"family": "inet", "table": "filter", "name": "input", )"
                        R"("handle": 2}})";
     for (std::uint64_t rule = 0; rule < view.world->settings.rules; ++rule) {
-        text += rule_json(view, rule);
+        text += RuleJson(view, rule);
     }
-    return text + (view.rule_profiling == 1 ? profile_json(view) : "") + "]}\n";
+    return text + (view.rule_profiling == 1 ? ProfileJson(view) : "") + "]}\n";
 }
 
 }  // namespace vxi::sim

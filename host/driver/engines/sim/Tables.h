@@ -11,7 +11,7 @@
 
 namespace vxi::sim {
 
-inline constexpr const char* engine_name = "sim";
+inline constexpr const char* kEngineName = "sim";
 
 struct View {
     std::shared_ptr<const World> world;
@@ -22,12 +22,12 @@ struct View {
     std::uint64_t profiled_since = 0;  // tick at which it became 1
 };
 
-void name_statistics();
-void fill_statistics(const View& view, vxa_stats_v2_s& stats);
-void fill_conn_states(const View& view, vxa_get_conn_states_s& states);
-std::uint32_t variable_value(const View& view, int trace_level, std::uint32_t number);
+void NameStatistics();
+void FillStatistics(const View& view, vxa_stats_v2_s& stats);
+void FillConnStates(const View& view, vxa_get_conn_states_s& states);
+std::uint32_t VariableValue(const View& view, int trace_level, std::uint32_t number);
 
 // The rules with their counters as JSON, in the form of "nft -j list ruleset".
-std::string rule_profile(const View& view);
+std::string RuleProfile(const View& view);
 
 }  // namespace vxi::sim

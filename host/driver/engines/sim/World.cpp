@@ -13,10 +13,10 @@ namespace vxi::sim {
 
 namespace {
 
-enum Stream : std::uint64_t { udp_stream = 100, tcp_stream, blacklist_stream };
+enum Stream : std::uint64_t { kUdpStream = 100, kTcpStream, kBlacklistStream };
 
-constexpr std::uint8_t udp = 17;
-constexpr std::uint64_t default_port = 443;
+constexpr std::uint8_t kUdp = 17;
+constexpr std::uint64_t kDefaultPort = 443;
 
 // How flows of a server spread over the states, out of 100, and the socket of each.
 struct State {
@@ -26,7 +26,7 @@ struct State {
     std::uint32_t timeout_s;  // nf_conntrack's defaults
 };
 
-constexpr State states[] = {
+constexpr State kStates[] = {
     {70, TCP_CONNTRACK_ESTABLISHED, TCP_ESTABLISHED, 432000},
     {85, TCP_CONNTRACK_TIME_WAIT, TCP_TIME_WAIT, 120},
     {90, TCP_CONNTRACK_SYN_RECV, TCP_SYN_RECV, 60},
@@ -35,31 +35,31 @@ constexpr State states[] = {
     {100, TCP_CONNTRACK_LAST_ACK, TCP_LAST_ACK, 30},
 };
 
-const State& state_of(std::uint64_t drawn)
+const State& StateOf(std::uint64_t drawn)
 {
     const unsigned percent = static_cast<unsigned>(drawn % 100);
-    return *std::find_if(std::begin(states), std::end(states) - 1,
+    return *std::find_if(std::begin(kStates), std::end(kStates) - 1,
                          [percent](const State& each) { return percent < each.up_to; });
 }
 
-bool is_ipv6(std::uint64_t drawn)
+bool IsIpv6(std::uint64_t drawn)
 {
     return (drawn >> 8) % 4 == 0;
 }
 
-std::uint64_t draw_flow(const World& world, std::uint8_t protocol, std::uint32_t index)
+std::uint64_t DrawFlow(const World& world, std::uint8_t protocol, std::uint32_t index)
 {
-    return draw(world.settings.seed, protocol == udp ? udp_stream : tcp_stream, index);
+    return Draw(world.settings.seed, protocol == kUdp ? kUdpStream : kTcpStream, index);
 }
 
 // Hosts of 10.0.0.0/8 and 2001:db8::/32 (RFC 1918, RFC 3849): no simulated row looks like
 // somebody's real machine. Below 2^24 different numbers give different addresses.
-void put_address(std::uint8_t (&address)[16], bool ipv6, std::uint32_t number)
+void PutAddress(std::uint8_t (&address)[16], bool ipv6, std::uint32_t number)
 {
-    static constexpr std::uint8_t prefix6[] = {0x20, 0x01, 0x0d, 0xb8};
+    static constexpr std::uint8_t kPrefix6[] = {0x20, 0x01, 0x0d, 0xb8};
     std::uint8_t* const low = address + (ipv6 ? 12 : 0);
     if (ipv6) {
-        std::memcpy(address, prefix6, sizeof prefix6);
+        std::memcpy(address, kPrefix6, sizeof kPrefix6);
     }
     low[0] = ipv6 ? 0 : 10;
     low[1] = static_cast<std::uint8_t>(number >> 16);
@@ -67,13 +67,13 @@ void put_address(std::uint8_t (&address)[16], bool ipv6, std::uint32_t number)
     low[3] = static_cast<std::uint8_t>(number);
 }
 
-void put_port(std::uint8_t (&field)[2], std::uint64_t port)
+void PutPort(std::uint8_t (&field)[2], std::uint64_t port)
 {
     field[0] = static_cast<std::uint8_t>(port >> 8);
     field[1] = static_cast<std::uint8_t>(port);
 }
 
-void put_traffic(vxa_conntrack_entry_s& entry, std::uint64_t drawn, std::uint64_t ticks)
+void PutTraffic(vxa_conntrack_entry_s& entry, std::uint64_t drawn, std::uint64_t ticks)
 {
     const std::uint64_t packets = 1 + (drawn >> 32) % 64 + (drawn >> 40) % 4 * ticks;
     const auto counted = static_cast<std::uint32_t>(std::min<std::uint64_t>(packets, UINT32_MAX));
@@ -85,16 +85,16 @@ void put_traffic(vxa_conntrack_entry_s& entry, std::uint64_t drawn, std::uint64_
     }
 }
 
-vxa_get_conn_states_s count_sockets(const World& world)
+vxa_get_conn_states_s CountSockets(const World& world)
 {
     vxa_get_conn_states_s sockets{};
     sockets.version = 1;
     for (std::uint32_t i = 0; i < world.tcp_flows; ++i) {
-        const std::uint64_t drawn = draw_flow(world, 6, i);
-        ++(is_ipv6(drawn) ? sockets.tcp6 : sockets.tcp4)[state_of(drawn).socket];
+        const std::uint64_t drawn = DrawFlow(world, 6, i);
+        ++(IsIpv6(drawn) ? sockets.tcp6 : sockets.tcp4)[StateOf(drawn).socket];
     }
     for (std::uint32_t i = 0; i < world.udp_flows; ++i) {
-        ++(is_ipv6(draw_flow(world, udp, i)) ? sockets.udp6 : sockets.udp4);
+        ++(IsIpv6(DrawFlow(world, kUdp, i)) ? sockets.udp6 : sockets.udp4);
     }
     sockets.count = world.tcp_flows + world.udp_flows;
     return sockets;
@@ -106,47 +106,47 @@ World::World(Settings chosen)
     : settings(std::move(chosen)),
       udp_flows(static_cast<std::uint32_t>(settings.flows / 5)),
       tcp_flows(static_cast<std::uint32_t>(settings.flows) - udp_flows),
-      sockets(count_sockets(*this))
+      sockets(CountSockets(*this))
 {
 }
 
-vxa_conntrack_entry_s flow(const World& world, std::uint8_t protocol, std::uint32_t index,
+vxa_conntrack_entry_s Flow(const World& world, std::uint8_t protocol, std::uint32_t index,
                            std::uint64_t tick)
 {
-    const std::uint64_t drawn = draw_flow(world, protocol, index);
-    const bool ipv6 = is_ipv6(drawn);
+    const std::uint64_t drawn = DrawFlow(world, protocol, index);
+    const bool ipv6 = IsIpv6(drawn);
     vxa_conntrack_entry_s entry{};
     // The host itself is number 1; each flow has a client of its own.
-    put_address(entry.source, ipv6, index + 2);
-    put_address(entry.destination, ipv6, 1);
-    put_port(entry.source_port, 1024 + (drawn >> 16) % 64512);
-    put_port(entry.destination_port, world.settings.port ? world.settings.port : default_port);
+    PutAddress(entry.source, ipv6, index + 2);
+    PutAddress(entry.destination, ipv6, 1);
+    PutPort(entry.source_port, 1024 + (drawn >> 16) % 64512);
+    PutPort(entry.destination_port, world.settings.port ? world.settings.port : kDefaultPort);
     entry.family = ipv6 ? 6 : 4;
     entry.flags = VXA_FLOW_COUNTERS_VALID | VXA_FLOW_SEEN_REPLY;
     entry.timeout_s = 180;
-    if (protocol != udp) {
-        const State& state = state_of(drawn);
+    if (protocol != kUdp) {
+        const State& state = StateOf(drawn);
         entry.tcp_state = state.tracked;
         entry.timeout_s = state.timeout_s;
         entry.flags |= state.tracked == TCP_CONNTRACK_SYN_RECV ? 0 : VXA_FLOW_ASSURED;
     }
-    put_traffic(entry, drawn, tick);
+    PutTraffic(entry, drawn, tick);
     return entry;
 }
 
-vxa_blacklist_entry_s blacklisted(const World& world, std::uint32_t index, std::uint64_t tick)
+vxa_blacklist_entry_s Blacklisted(const World& world, std::uint32_t index, std::uint64_t tick)
 {
-    constexpr std::uint32_t block = 256;  // a row owns a block, of which it may list all
-    const std::uint64_t drawn = draw(world.settings.seed, blacklist_stream, index);
-    const bool ipv6 = is_ipv6(drawn);
+    constexpr std::uint32_t kBlock = 256;  // a row owns a block, of which it may list all
+    const std::uint64_t drawn = Draw(world.settings.seed, kBlacklistStream, index);
+    const bool ipv6 = IsIpv6(drawn);
     vxa_blacklist_entry_s entry{};
     entry.family = ipv6 ? 6 : 4;
     entry.set_index = ipv6 ? 1 : 0;
-    put_address(entry.address, ipv6, index * block);
+    PutAddress(entry.address, ipv6, index * kBlock);
     std::memcpy(entry.last, entry.address, sizeof entry.last);
     if (drawn % 8 == 0) {
         entry.flags |= VXA_BLACKLIST_RANGE;
-        entry.last[ipv6 ? 15 : 3] = block - 1;
+        entry.last[ipv6 ? 15 : 3] = kBlock - 1;
     }
     if (drawn % 3 == 0) {
         const std::uint64_t age_s = tick * world.settings.interval_s;

@@ -19,11 +19,11 @@ struct World {
 };
 
 // Row `index` of a protocol (17 or 6); counts have grown until `tick`.
-vxa_conntrack_entry_s flow(const World& world, std::uint8_t protocol, std::uint32_t index,
+vxa_conntrack_entry_s Flow(const World& world, std::uint8_t protocol, std::uint32_t index,
                            std::uint64_t tick);
 
-inline constexpr std::uint32_t blacklist_sets = 2;  // one a family
+inline constexpr std::uint32_t kBlacklistSets = 2;  // one a family
 
-vxa_blacklist_entry_s blacklisted(const World& world, std::uint32_t index, std::uint64_t tick);
+vxa_blacklist_entry_s Blacklisted(const World& world, std::uint32_t index, std::uint64_t tick);
 
 }  // namespace vxi::sim

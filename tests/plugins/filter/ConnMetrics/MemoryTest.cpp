@@ -93,12 +93,12 @@ protected:
     // Runs a chunk with all allocations of the thread failing after n. Whether it succeeded.
     bool RunLimited(LuaHost& host, const char* chunk, long n)
     {
-        EXPECT_EQ(luaL_loadstring(host.L, chunk), 0);
+        EXPECT_EQ(luaL_loadstring(host.l, chunk), 0);
         allocations::AllowMalloc(n);
-        const int status = lua_pcall(host.L, 0, 0, 0);
+        const int status = lua_pcall(host.l, 0, 0, 0);
         m_failed = allocations::LiftLimit();
-        const std::string error = status != LUA_OK ? lua_tostring(host.L, -1) : "";
-        lua_settop(host.L, 0);
+        const std::string error = status != LUA_OK ? lua_tostring(host.l, -1) : "";
+        lua_settop(host.l, 0);
         EXPECT_TRUE(status == LUA_OK || m_failed) << error;
         return status == LUA_OK;
     }
@@ -126,15 +126,15 @@ protected:
         if (GetParam() == Limited::kEverything) {
             if (!RunLimited(host, kReport, n)) return -1;
         } else {
-            EXPECT_EQ(luaL_loadstring(host.L, kReport), 0);
+            EXPECT_EQ(luaL_loadstring(host.l, kReport), 0);
             const bool raised = !host.CallFailing(0, n).empty();
             m_failed = host.HasFailed();
             if (raised) return -1;
         }
         EXPECT_EQ(host.Run("total = sum(rows)"), "");
-        lua_getglobal(host.L, "total");
-        const int total = static_cast<int>(lua_tointeger(host.L, -1));
-        lua_settop(host.L, 0);
+        lua_getglobal(host.l, "total");
+        const int total = static_cast<int>(lua_tointeger(host.l, -1));
+        lua_settop(host.l, 0);
         return total;
     }
 

@@ -100,22 +100,22 @@ private:
 
 class Store : public ::testing::TestWithParam<const char*> {
 protected:
-    static constexpr std::int64_t kStart_s = 1000000000;
+    static constexpr std::int64_t kStartS = 1000000000;
 
     void SetUp() override
     {
         ASSERT_NE(std::setlocale(LC_ALL, GetParam()), nullptr) << GetParam();
         // Publishes and forgets what the module was loaded with.
-        SetTime(kStart_s - 1000000);
+        SetTime(kStartS - 1000000);
         g_last_fb_time = 0;
         Update();
         Take();
-        SetTime(kStart_s);
+        SetTime(kStartS);
         Update();
     }
     void TearDown() override
     {
-        lua_close(L);
+        lua_close(m_l);
         driver::SetClock(0);
         std::setlocale(LC_ALL, "C");
     }
@@ -129,34 +129,34 @@ protected:
     void Add(const std::string& key, const std::string& value, double count)
     {
         const std::string text = value.empty() ? value : "v\t" + value;
-        lua_pushcfunction(L, AddToConnMetrics);
-        lua_pushlstring(L, key.data(), key.size());
-        lua_pushlstring(L, text.data(), text.size());
-        lua_pushnumber(L, count);
+        lua_pushcfunction(m_l, AddToConnMetrics);
+        lua_pushlstring(m_l, key.data(), key.size());
+        lua_pushlstring(m_l, text.data(), text.size());
+        lua_pushnumber(m_l, count);
         Call(3, 0);
         m_reference.Add(key, value, count);
     }
 
     void Update()
     {
-        lua_pushcfunction(L, UpdateConnMetrics);
+        lua_pushcfunction(m_l, UpdateConnMetrics);
         Call(0, 0);
         m_reference.Update(m_now);
     }
 
     std::vector<Row> Take()
     {
-        lua_pushcfunction(L, GetConnMetrics);
+        lua_pushcfunction(m_l, GetConnMetrics);
         Call(0, 1);
-        std::vector<Row> rows(lua_rawlen(L, -1));
+        std::vector<Row> rows(lua_rawlen(m_l, -1));
         for (std::size_t i = 0; i < rows.size(); ++i) {
-            lua_rawgeti(L, -1, static_cast<int>(i + 1));
-            lua_getfield(L, -1, "v");
-            lua_getfield(L, -2, "count");
-            rows[i] = {lua_isnil(L, -2) ? "" : lua_tostring(L, -2), lua_tonumber(L, -1)};
-            lua_pop(L, 3);
+            lua_rawgeti(m_l, -1, static_cast<int>(i + 1));
+            lua_getfield(m_l, -1, "v");
+            lua_getfield(m_l, -2, "count");
+            rows[i] = {lua_isnil(m_l, -2) ? "" : lua_tostring(m_l, -2), lua_tonumber(m_l, -1)};
+            lua_pop(m_l, 3);
         }
-        lua_settop(L, 0);
+        lua_settop(m_l, 0);
         return rows;
     }
 
@@ -179,10 +179,10 @@ protected:
 private:
     void Call(int arguments, int results)
     {
-        if (lua_pcall(L, arguments, results, 0) != LUA_OK) FAIL() << lua_tostring(L, -1);
+        if (lua_pcall(m_l, arguments, results, 0) != LUA_OK) FAIL() << lua_tostring(m_l, -1);
     }
 
-    lua_State* L = luaL_newstate();
+    lua_State* m_l = luaL_newstate();
 };
 
 using Random = std::mt19937;
@@ -215,17 +215,17 @@ std::string Key(std::uint32_t i)
 
 double Count(Random& random)
 {
-    constexpr double counts[] = {0,    2.9,     -1,   -0.9,        4294967295.0, 4294967296.0,
-                                 -2.5, 1e300,   5e18, -5e18 - 4e9, 1e19,         0.5,
-                                 NAN,  INFINITY};
-    return Below(random, 8) == 0 ? counts[Below(random, sizeof counts / sizeof *counts)]
+    constexpr double kCounts[] = {0,    2.9,     -1,   -0.9,        4294967295.0, 4294967296.0,
+                                  -2.5, 1e300,   5e18, -5e18 - 4e9, 1e19,         0.5,
+                                  NAN,  INFINITY};
+    return Below(random, 8) == 0 ? kCounts[Below(random, sizeof kCounts / sizeof *kCounts)]
                                  : 1 + Below(random, 100);
 }
 
 std::int64_t Step(Random& random)
 {
-    constexpr std::int64_t steps_s[] = {0, 1, 59, 60, 61, 62, 100, -1, -61, -100};
-    return steps_s[Below(random, sizeof steps_s / sizeof *steps_s)];
+    constexpr std::int64_t kStepsS[] = {0, 1, 59, 60, 61, 62, 100, -1, -61, -100};
+    return kStepsS[Below(random, sizeof kStepsS / sizeof *kStepsS)];
 }
 
 TEST_P(Store, RandomSteps)
@@ -234,8 +234,8 @@ TEST_P(Store, RandomSteps)
     std::uint32_t kinds = 100;  // how many different keys this stretch knows
     for (int i = 0; i < 100000 && !HasFailure(); ++i) {
         if (Below(random, 5000) == 0) {
-            constexpr std::uint32_t stretches[] = {3, 100, 5000, 30000};
-            kinds = stretches[Below(random, 4)];
+            constexpr std::uint32_t kStretches[] = {3, 100, 5000, 30000};
+            kinds = kStretches[Below(random, 4)];
         }
         const std::string value = Below(random, 50) == 0 ? "" : std::to_string(i);
         Add(Key(Below(random, kinds)), value, Count(random));

@@ -18,8 +18,8 @@ public:
     template <class Callable,
               class = std::enable_if_t<!std::is_same_v<std::decay_t<Callable>, FunctionRef>>>
     FunctionRef(Callable&& callable)
-        : object_(const_cast<void*>(static_cast<const void*>(std::addressof(callable)))),
-          call_([](void* object, Arguments... arguments) -> Result {
+        : m_object(const_cast<void*>(static_cast<const void*>(std::addressof(callable)))),
+          m_call([](void* object, Arguments... arguments) -> Result {
               using Target = std::remove_reference_t<Callable>;
               return (*static_cast<Target*>(object))(std::forward<Arguments>(arguments)...);
           })
@@ -28,12 +28,12 @@ public:
 
     Result operator()(Arguments... arguments) const
     {
-        return call_(object_, std::forward<Arguments>(arguments)...);
+        return m_call(m_object, std::forward<Arguments>(arguments)...);
     }
 
 private:
-    void* object_;
-    Result (*call_)(void*, Arguments...);
+    void* m_object;
+    Result (*m_call)(void*, Arguments...);
 };
 
 }  // namespace vxi

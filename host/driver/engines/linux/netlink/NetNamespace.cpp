@@ -5,7 +5,7 @@
 
 namespace vxi {
 
-uint64_t network_namespace()
+std::uint64_t NetworkNamespace()
 {
     struct stat info;
     return stat("/proc/thread-self/ns/net", &info) == 0 ? info.st_ino : 0;
@@ -13,7 +13,7 @@ uint64_t network_namespace()
 
 // The inode differs between kernels. Settings of the whole machine are shown in the initial
 // namespace alone.
-bool in_initial_namespace()
+bool InInitialNamespace()
 {
     return access("/proc/sys/net/core/netdev_max_backlog", F_OK) == 0;
 }

@@ -6,9 +6,9 @@
 namespace vxi {
 
 // Its inode; 0 when that cannot be told.
-uint64_t network_namespace();
+std::uint64_t NetworkNamespace();
 
 // Whether it is the one that the machine started with.
-bool in_initial_namespace();
+bool InInitialNamespace();
 
 }  // namespace vxi

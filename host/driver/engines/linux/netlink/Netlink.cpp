@@ -14,16 +14,17 @@ namespace vxi {
 
 namespace {
 
-constexpr size_t buffer_size = 64 * 1024;  // the kernel fills up to 32 KiB a datagram of a dump
-constexpr unsigned datagrams_max = 65536;
-constexpr unsigned retries_max = 5;
-constexpr int more = 1;  // an answer that is not finished; finished ones are 0 or negative
+constexpr std::size_t kBufferSize =
+    64 * 1024;  // the kernel fills up to 32 KiB a datagram of a dump
+constexpr unsigned kDatagramsMax = 65536;
+constexpr unsigned kRetriesMax = 5;
+constexpr int kMore = 1;  // an answer that is not finished; finished ones are 0 or negative
 
 // The kernel answers while it works on the request, so this only ends a wait for
 // something that will not come.
-constexpr timeval answer_wait = {2, 0};
+constexpr timeval kAnswerWait = {2, 0};
 
-int error_of(const nlmsghdr& message)
+int ErrorOf(const nlmsghdr& message)
 {
     if (message.nlmsg_len < mnl_nlmsg_size(sizeof(nlmsgerr))) {
         return -EPROTO;
@@ -34,9 +35,9 @@ int error_of(const nlmsghdr& message)
 }
 
 // A dump that fails half-way says so in its last message.
-int error_of_done(const nlmsghdr& message)
+int ErrorOfDone(const nlmsghdr& message)
 {
-    int32_t error = 0;
+    std::int32_t error = 0;
     if (message.nlmsg_len >= mnl_nlmsg_size(sizeof error)) {
         memcpy(&error, mnl_nlmsg_get_payload(&message), sizeof error);
     }
@@ -46,53 +47,53 @@ int error_of_done(const nlmsghdr& message)
 // The answer to one request, as its messages come in.
 class Answer {
 public:
-    Answer(uint32_t sequence, Netlink::Visit visit) : sequence_(sequence), visit_(visit) {}
+    Answer(std::uint32_t sequence, Netlink::Visit visit) : m_sequence(sequence), m_visit(visit) {}
 
-    int take(const nlmsghdr& message)
+    int Take(const nlmsghdr& message)
     {
-        if (message.nlmsg_seq != sequence_) {
-            return more;
+        if (message.nlmsg_seq != m_sequence) {
+            return kMore;
         }
-        interrupted_ = interrupted_ || (message.nlmsg_flags & NLM_F_DUMP_INTR);
+        m_interrupted = m_interrupted || (message.nlmsg_flags & NLM_F_DUMP_INTR);
         switch (message.nlmsg_type) {
             case NLMSG_NOOP:
-                return more;
+                return kMore;
             case NLMSG_ERROR:
-                return error_of(message);
+                return ErrorOf(message);
             case NLMSG_DONE:
-                return error_of_done(message);
+                return ErrorOfDone(message);
             case NLMSG_OVERRUN:
                 return -ENOBUFS;
             default:
-                show(message);
-                return visited_ == -ECANCELED ? -ECANCELED : more;
+                Show(message);
+                return m_visited == -ECANCELED ? -ECANCELED : kMore;
         }
     }
 
-    int status() const { return interrupted_ ? -EINTR : visited_; }
+    int Status() const { return m_interrupted ? -EINTR : m_visited; }
 
 private:
-    void show(const nlmsghdr& message)
+    void Show(const nlmsghdr& message)
     {
         try {
-            visited_ = visited_ < 0 ? visited_ : visit_(message);
+            m_visited = m_visited < 0 ? m_visited : m_visit(message);
         } catch (const std::exception&) {
-            visited_ = -ENOMEM;  // what visitors can run out of
+            m_visited = -ENOMEM;  // what visitors can run out of
         }
     }
 
-    uint32_t sequence_;
-    Netlink::Visit visit_;
-    bool interrupted_ = false;
-    int visited_ = 0;
+    std::uint32_t m_sequence;
+    Netlink::Visit m_visit;
+    bool m_interrupted = false;
+    int m_visited = 0;
 };
 
-int configure(int descriptor)
+int Configure(int descriptor)
 {
     const int on = 1;
     sockaddr_nl address = {};
     address.nl_family = AF_NETLINK;
-    if (setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &answer_wait, sizeof answer_wait) < 0 ||
+    if (setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &kAnswerWait, sizeof kAnswerWait) < 0 ||
         bind(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address) < 0)
         return -errno;
     // Acknowledgements without a copy of the request; kernels that lack it copy.
@@ -102,59 +103,59 @@ int configure(int descriptor)
 
 }  // namespace
 
-int Netlink::open(int protocol)
+int Netlink::Open(int protocol)
 {
-    close();
+    Close();
     // Message ends are rounded up to 4 bytes.
-    if (!buffer_) {
-        buffer_ = std::make_unique<char[]>(buffer_size + NLMSG_ALIGNTO);
+    if (!m_buffer) {
+        m_buffer = std::make_unique<char[]>(kBufferSize + NLMSG_ALIGNTO);
     }
     const int descriptor = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, protocol);
     if (descriptor < 0) {
         return -errno;
     }
-    const int status = configure(descriptor);
+    const int status = Configure(descriptor);
     if (status < 0) {
         ::close(descriptor);
     } else {
-        descriptor_ = descriptor;
+        m_descriptor = descriptor;
     }
     return status;
 }
 
-void Netlink::close()
+void Netlink::Close()
 {
     // Taken away first: the child of a fork must not close a number that has since been
     // given to another file.
-    const int descriptor = descriptor_.exchange(-1);
+    const int descriptor = m_descriptor.exchange(-1);
     if (descriptor >= 0) {
         ::close(descriptor);
     }
 }
 
-int Netlink::send(const void* data, size_t size)
+int Netlink::send(const void* data, std::size_t size)
 {
     sockaddr_nl kernel = {};
     kernel.nl_family = AF_NETLINK;
-    return retry_interrupted([&] {
-        const ssize_t sent =
-            sendto(descriptor_, data, size, 0, reinterpret_cast<sockaddr*>(&kernel), sizeof kernel);
+    return RetryInterrupted([&] {
+        const ssize_t sent = sendto(m_descriptor, data, size, 0,
+                                    reinterpret_cast<sockaddr*>(&kernel), sizeof kernel);
         if (sent < 0) {
             return -errno;
         }
-        return static_cast<size_t>(sent) == size ? 0 : -EMSGSIZE;
+        return static_cast<std::size_t>(sent) == size ? 0 : -EMSGSIZE;
     });
 }
 
 // One datagram into the buffer: its size, 0 for one that did not come from the kernel, or
 // a negated errno.
-ptrdiff_t Netlink::receive()
+std::ptrdiff_t Netlink::Receive()
 {
     sockaddr_nl sender = {};
     socklen_t sender_size = sizeof sender;
     ssize_t size = 0;
-    const int status = retry_interrupted([&] {
-        size = recvfrom(descriptor_, buffer_.get(), buffer_size, MSG_TRUNC,
+    const int status = RetryInterrupted([&] {
+        size = recvfrom(m_descriptor, m_buffer.get(), kBufferSize, MSG_TRUNC,
                         reinterpret_cast<sockaddr*>(&sender), &sender_size);
         return size < 0 ? -errno : 0;
     });
@@ -164,7 +165,7 @@ ptrdiff_t Netlink::receive()
     if (status < 0) {
         return status;
     }
-    if (static_cast<size_t>(size) > buffer_size) {
+    if (static_cast<std::size_t>(size) > kBufferSize) {
         return -EMSGSIZE;
     }
     const bool from_kernel = sender_size == sizeof sender && sender.nl_pid == 0;
@@ -172,98 +173,98 @@ ptrdiff_t Netlink::receive()
 }
 
 // Hands every message that arrives to `take` until it returns something else than `more`.
-int Netlink::collect(Visit take)
+int Netlink::Collect(Visit take)
 {
     int failed = -EOVERFLOW;
-    for (unsigned datagrams = 0; datagrams < datagrams_max; ++datagrams) {
-        const ptrdiff_t received = receive();
+    for (unsigned datagrams = 0; datagrams < kDatagramsMax; ++datagrams) {
+        const std::ptrdiff_t received = Receive();
         if (received < 0) {
             failed = static_cast<int>(received);
             break;
         }
         int rest = static_cast<int>(received);
-        auto* message = reinterpret_cast<const nlmsghdr*>(buffer_.get());
+        auto* message = reinterpret_cast<const nlmsghdr*>(m_buffer.get());
         for (; mnl_nlmsg_ok(message, rest); message = mnl_nlmsg_next(message, &rest)) {
             const int status = take(*message);
-            if (status != more) {
+            if (status != kMore) {
                 return status;
             }
         }
     }
-    close();
+    Close();
     return failed;
 }
 
-int Netlink::request(nlmsghdr& message, Visit visit)
+int Netlink::Request(nlmsghdr& message, Visit visit)
 {
-    message.nlmsg_seq = next_sequence();
+    message.nlmsg_seq = NextSequence();
     Answer answer(message.nlmsg_seq, visit);
     int status = send(&message, message.nlmsg_len);
     if (status == 0) {
-        status = collect([&](const nlmsghdr& part) { return answer.take(part); });
+        status = Collect([&](const nlmsghdr& part) { return answer.Take(part); });
     }
     if (status == -ECANCELED) {
-        close();
+        Close();
     }
-    return status < 0 ? status : answer.status();
+    return status < 0 ? status : answer.Status();
 }
 
-Netlink::BatchResult Netlink::transact(const void* messages, size_t size, uint32_t first,
-                                       uint32_t last)
+Netlink::BatchResult Netlink::Transact(const void* messages, std::size_t size, std::uint32_t first,
+                                       std::uint32_t last)
 {
     BatchResult result;
     const auto take = [&](const nlmsghdr& part) {
-        const uint32_t sequence = part.nlmsg_seq;
+        const std::uint32_t sequence = part.nlmsg_seq;
         if (part.nlmsg_type != NLMSG_ERROR || sequence - first > last - first) {
-            return more;
+            return kMore;
         }
-        const int status = error_of(part);
+        const int status = ErrorOf(part);
         if (status < 0 && result.status == 0) {
             result = {status, sequence};
         }
         // A failure of the first message stands for the whole batch and may be the only
         // answer.
-        return sequence == last || (sequence == first && status < 0) ? 0 : more;
+        return sequence == last || (sequence == first && status < 0) ? 0 : kMore;
     };
     int status = send(messages, size);
     if (status == 0) {
-        status = collect(take);
+        status = Collect(take);
     }
     if (status < 0) {
         result = {status, first};
     }
     if (result.status < 0) {
-        close();
+        Close();
     }
     return result;
 }
 
-int retry_interrupted(FunctionRef<int()> attempt)
+int RetryInterrupted(FunctionRef<int()> attempt)
 {
     int status = attempt();
-    for (unsigned retries = 0; status == -EINTR && retries < retries_max; ++retries) {
+    for (unsigned retries = 0; status == -EINTR && retries < kRetriesMax; ++retries) {
         status = attempt();
     }
     return status;
 }
 
-Attributes::Attributes(const nlmsghdr& message, size_t header_size)
-    : first_(reinterpret_cast<const char*>(&message)), size_(0)
+Attributes::Attributes(const nlmsghdr& message, std::size_t header_size)
+    : m_first(reinterpret_cast<const char*>(&message)), m_size(0)
 {
-    const size_t before = NLMSG_HDRLEN + NLMSG_ALIGN(header_size);
+    const std::size_t before = NLMSG_HDRLEN + NLMSG_ALIGN(header_size);
     if (message.nlmsg_len > before) {
-        first_ += before;
-        size_ = message.nlmsg_len - before;
+        m_first += before;
+        m_size = message.nlmsg_len - before;
     }
 }
 
 Attributes::Attributes(const nlattr& outer)
-    : first_(static_cast<const char*>(mnl_attr_get_payload(&outer))),
-      size_(mnl_attr_get_payload_len(&outer))
+    : m_first(static_cast<const char*>(mnl_attr_get_payload(&outer))),
+      m_size(mnl_attr_get_payload_len(&outer))
 {
 }
 
-const nlattr* Attributes::find(uint16_t type) const
+const nlattr* Attributes::Find(std::uint16_t type) const
 {
     for (const nlattr& attribute : *this) {
         if (mnl_attr_get_type(&attribute) == type) {
@@ -273,24 +274,24 @@ const nlattr* Attributes::find(uint16_t type) const
     return nullptr;
 }
 
-Attributes::Iterator::Iterator(const char* at, size_t rest) : at_(at), rest_(rest)
+Attributes::Iterator::Iterator(const char* at, std::size_t rest) : m_at(at), m_rest(rest)
 {
-    const bool fits =
-        at_ && rest_ >= NLA_HDRLEN && (**this).nla_len >= NLA_HDRLEN && (**this).nla_len <= rest_;
+    const bool fits = m_at && m_rest >= NLA_HDRLEN && (**this).nla_len >= NLA_HDRLEN &&
+                      (**this).nla_len <= m_rest;
     if (!fits) {
-        at_ = nullptr;
+        m_at = nullptr;
     }
 }
 
 Attributes::Iterator& Attributes::Iterator::operator++()
 {
-    const size_t size = NLA_ALIGN((**this).nla_len);
-    return *this = size < rest_ ? Iterator(at_ + size, rest_ - size) : Iterator(nullptr, 0);
+    const std::size_t size = NLA_ALIGN((**this).nla_len);
+    return *this = size < m_rest ? Iterator(m_at + size, m_rest - size) : Iterator(nullptr, 0);
 }
 
-std::optional<uint32_t> be32_of(const nlattr* attribute)
+std::optional<std::uint32_t> Be32Of(const nlattr* attribute)
 {
-    uint32_t value;
+    std::uint32_t value;
     if (!attribute || mnl_attr_get_payload_len(attribute) != sizeof value) {
         return {};
     }
@@ -298,9 +299,9 @@ std::optional<uint32_t> be32_of(const nlattr* attribute)
     return be32toh(value);
 }
 
-std::optional<uint64_t> be64_of(const nlattr* attribute)
+std::optional<std::uint64_t> Be64Of(const nlattr* attribute)
 {
-    uint64_t value;
+    std::uint64_t value;
     if (!attribute || mnl_attr_get_payload_len(attribute) != sizeof value) {
         return {};
     }
@@ -308,7 +309,7 @@ std::optional<uint64_t> be64_of(const nlattr* attribute)
     return be64toh(value);
 }
 
-std::string_view text_of(const nlattr* attribute)
+std::string_view TextOf(const nlattr* attribute)
 {
     if (!attribute) {
         return {};

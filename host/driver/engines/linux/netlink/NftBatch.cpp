@@ -12,10 +12,11 @@ namespace vxi {
 
 namespace {
 
-constexpr size_t batch_size = 64 * 1024;
-constexpr size_t message_size_max = 4096;  // the largest rule takes a tenth of it
+constexpr std::size_t kBatchSize = 64 * 1024;
+constexpr std::size_t kMessageSizeMax = 4096;  // the largest rule takes a tenth of it
 
-nlmsghdr* put_header(void* where, uint16_t type, uint16_t flags, uint8_t family, uint16_t resource)
+nlmsghdr* PutHeader(void* where, std::uint16_t type, std::uint16_t flags, std::uint8_t family,
+                    std::uint16_t resource)
 {
     nlmsghdr* header = mnl_nlmsg_put_header(where);
     header->nlmsg_type = type;
@@ -27,59 +28,60 @@ nlmsghdr* put_header(void* where, uint16_t type, uint16_t flags, uint8_t family,
     return header;
 }
 
-constexpr uint16_t nft_type(uint16_t type)
+constexpr std::uint16_t NftType(std::uint16_t type)
 {
     return NFNL_SUBSYS_NFTABLES << 8 | type;
 }
 
 }  // namespace
 
-nlmsghdr* nft_request(void* buffer, uint16_t type, uint16_t flags)
+nlmsghdr* NftRequest(void* buffer, std::uint16_t type, std::uint16_t flags)
 {
-    return put_header(buffer, nft_type(type), flags, NFPROTO_INET, 0);
+    return PutHeader(buffer, NftType(type), flags, NFPROTO_INET, 0);
 }
 
-NftBatch::NftBatch(Netlink& netlink) : netlink_(netlink), buffer_(batch_size)
+NftBatch::NftBatch(Netlink& netlink) : m_netlink(netlink), m_buffer(kBatchSize)
 {
-    mark(NFNL_MSG_BATCH_BEGIN);
-    first_ = last_;
+    Mark(NFNL_MSG_BATCH_BEGIN);
+    m_first = m_last;
 }
 
-void NftBatch::mark(uint16_t type)
+void NftBatch::Mark(std::uint16_t type)
 {
-    nlmsghdr* header = put_header(buffer_.data() + used_, type, 0, AF_UNSPEC, NFNL_SUBSYS_NFTABLES);
-    header->nlmsg_seq = last_ = netlink_.next_sequence();
-    used_ += NLMSG_ALIGN(header->nlmsg_len);
+    nlmsghdr* header =
+        PutHeader(m_buffer.data() + m_used, type, 0, AF_UNSPEC, NFNL_SUBSYS_NFTABLES);
+    header->nlmsg_seq = m_last = m_netlink.NextSequence();
+    m_used += NLMSG_ALIGN(header->nlmsg_len);
 }
 
-uint32_t NftBatch::add(uint16_t type, uint16_t flags, std::string label,
-                       FunctionRef<void(nlmsghdr*)> fill)
+std::uint32_t NftBatch::Add(std::uint16_t type, std::uint16_t flags, std::string label,
+                            FunctionRef<void(nlmsghdr*)> fill)
 {
-    if (buffer_.size() - used_ < message_size_max) {
+    if (m_buffer.size() - m_used < kMessageSizeMax) {
         throw std::length_error("nf_tables batch");
     }
-    labels_.push_back(std::move(label));
-    last_message_ = nft_request(buffer_.data() + used_, type, flags);
-    last_message_->nlmsg_seq = last_ = netlink_.next_sequence();
-    fill(last_message_);
-    used_ += NLMSG_ALIGN(last_message_->nlmsg_len);
-    return last_;
+    m_labels.push_back(std::move(label));
+    m_lastMessage = NftRequest(m_buffer.data() + m_used, type, flags);
+    m_lastMessage->nlmsg_seq = m_last = m_netlink.NextSequence();
+    fill(m_lastMessage);
+    m_used += NLMSG_ALIGN(m_lastMessage->nlmsg_len);
+    return m_last;
 }
 
 Netlink::BatchResult NftBatch::send(Purpose purpose)
 {
-    const uint32_t last = last_;
-    last_message_->nlmsg_flags |= NLM_F_ACK;
-    if (purpose == Purpose::Commit) {
-        mark(NFNL_MSG_BATCH_END);
+    const std::uint32_t last = m_last;
+    m_lastMessage->nlmsg_flags |= NLM_F_ACK;
+    if (purpose == Purpose::kCommit) {
+        Mark(NFNL_MSG_BATCH_END);
     }
-    return netlink_.transact(buffer_.data(), used_, first_, last);
+    return m_netlink.Transact(m_buffer.data(), m_used, m_first, last);
 }
 
-std::string NftBatch::label(uint32_t sequence) const
+std::string NftBatch::Label(std::uint32_t sequence) const
 {
-    const uint32_t index = sequence - first_ - 1;
-    return index < labels_.size() ? labels_[index] : "batch";
+    const std::uint32_t index = sequence - m_first - 1;
+    return index < m_labels.size() ? m_labels[index] : "batch";
 }
 
 }  // namespace vxi

@@ -15,82 +15,81 @@ namespace vxi {
 
 namespace {
 
-Outcome unreachable(int status)
+Outcome Unreachable(int status)
 {
     switch (status) {
         case -EPERM:
-            return failure(status, "nf_tables needs CAP_NET_ADMIN");
+            return Failure(status, "nf_tables needs CAP_NET_ADMIN");
         case -EPROTONOSUPPORT:
         case -EAFNOSUPPORT:
-            return failure(status, "this kernel has no netfilter netlink (nfnetlink)");
+            return Failure(status, "this kernel has no netfilter netlink (nfnetlink)");
         case -EINVAL:  // nfnetlink knows no such subsystem
         case -EOPNOTSUPP:
-            return failure(status, "this kernel has no nf_tables");
+            return Failure(status, "this kernel has no nf_tables");
         default:
-            return failure(status, "nf_tables does not answer: %s",
-                           describe_status(status).c_str());
+            return Failure(status, "nf_tables does not answer: %s", DescribeStatus(status).c_str());
     }
 }
 
 }  // namespace
 
-Outcome open_nf_tables(Netlink& netlink)
+Outcome OpenNfTables(Netlink& netlink)
 {
-    int status = netlink.open(NETLINK_NETFILTER);
+    int status = netlink.Open(NETLINK_NETFILTER);
     if (status == 0) {
         // The cheapest question there is; the privilege is asked for before it is looked at.
         alignas(nlmsghdr) char buffer[64];
-        nlmsghdr* request = nft_request(buffer, NFT_MSG_GETGEN, NLM_F_ACK);
-        status = netlink.request(*request, [](const nlmsghdr&) { return 0; });
+        nlmsghdr* request = NftRequest(buffer, NFT_MSG_GETGEN, NLM_F_ACK);
+        status = netlink.Request(*request, [](const nlmsghdr&) { return 0; });
     }
-    return status == 0 ? Outcome{} : unreachable(status);
+    return status == 0 ? Outcome{} : Unreachable(status);
 }
 
-nlmsghdr* nft_dump(void* buffer, uint16_t type, uint8_t family)
+nlmsghdr* NftDump(void* buffer, std::uint16_t type, std::uint8_t family)
 {
-    nlmsghdr* header = nft_request(buffer, type, NLM_F_DUMP);
+    nlmsghdr* header = NftRequest(buffer, type, NLM_F_DUMP);
     static_cast<nfgenmsg*>(mnl_nlmsg_get_payload(header))->nfgen_family = family;
     return header;
 }
 
-bool is_nft(const nlmsghdr& message, uint16_t type)
+bool IsNft(const nlmsghdr& message, std::uint16_t type)
 {
     return message.nlmsg_type == (NFNL_SUBSYS_NFTABLES << 8 | type) &&
            message.nlmsg_len >= mnl_nlmsg_size(sizeof(nfgenmsg));
 }
 
-uint8_t nft_family(const nlmsghdr& message)
+std::uint8_t NftFamily(const nlmsghdr& message)
 {
     return static_cast<const nfgenmsg*>(mnl_nlmsg_get_payload(&message))->nfgen_family;
 }
 
-std::optional<NftCounts> counts_of(const nlattr* counter)
+std::optional<NftCounts> CountsOf(const nlattr* counter)
 {
     if (!counter) {
         return std::nullopt;
     }
     const Attributes attributes(*counter);
-    const auto packets = be64_of(attributes.find(NFTA_COUNTER_PACKETS));
-    const auto bytes = be64_of(attributes.find(NFTA_COUNTER_BYTES));
+    const auto packets = Be64Of(attributes.Find(NFTA_COUNTER_PACKETS));
+    const auto bytes = Be64Of(attributes.Find(NFTA_COUNTER_BYTES));
     return packets && bytes ? std::optional(NftCounts{*packets, *bytes}) : std::nullopt;
 }
 
-std::optional<NftCounts> rule_counts(const Attributes& rule)
+std::optional<NftCounts> DecodeCounters(const Attributes& rule)
 {
-    const nlattr* expressions = rule.find(NFTA_RULE_EXPRESSIONS);
+    const nlattr* expressions = rule.Find(NFTA_RULE_EXPRESSIONS);
     if (!expressions) {
         return std::nullopt;
     }
     for (const nlattr& expression : Attributes(*expressions)) {
         const Attributes attributes(expression);
-        if (text_of(attributes.find(NFTA_EXPR_NAME)) == "counter") {
-            return counts_of(attributes.find(NFTA_EXPR_DATA));
+        if (TextOf(attributes.Find(NFTA_EXPR_NAME)) == "counter") {
+            return CountsOf(attributes.Find(NFTA_EXPR_DATA));
         }
     }
     return std::nullopt;
 }
 
-std::string nft_family_name(uint8_t family)
+std::string NftFamilyName(std::uint8_t family)
 {
     switch (family) {
         case NFPROTO_INET:
@@ -110,13 +109,13 @@ std::string nft_family_name(uint8_t family)
     }
 }
 
-int count_nft(Netlink& netlink, uint16_t get_type, uint64_t& count)
+int CountNft(Netlink& netlink, std::uint16_t get_type, std::uint64_t& count)
 {
-    return retry_interrupted([&] {
-        alignas(nlmsghdr) char buffer[nft_dump_size];
-        nlmsghdr* request = nft_dump(buffer, get_type, NFPROTO_UNSPEC);
+    return RetryInterrupted([&] {
+        alignas(nlmsghdr) char buffer[kNftDumpSize];
+        nlmsghdr* request = NftDump(buffer, get_type, NFPROTO_UNSPEC);
         count = 0;
-        return netlink.request(*request, [&](const nlmsghdr&) {
+        return netlink.Request(*request, [&](const nlmsghdr&) {
             ++count;
             return 0;
         });

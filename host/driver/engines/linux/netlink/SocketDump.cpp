@@ -12,7 +12,7 @@
 
 namespace vxi {
 
-const SocketTable socket_tables[socket_table_count] = {
+const SocketTable kSocketTables[kSocketTableCount] = {
     {AF_INET, IPPROTO_TCP, "IPv4 tcp"},
     {AF_INET6, IPPROTO_TCP, "IPv6 tcp"},
     {AF_INET, IPPROTO_UDP, "IPv4 udp"},
@@ -26,10 +26,10 @@ struct Request {
     inet_diag_req_v2 sockets;
 };
 
-int dump_sockets(const SocketTable& table, const SocketQuery& query, const Netlink::Visit& visit)
+int DumpSockets(const SocketTable& table, const SocketQuery& query, const Netlink::Visit& visit)
 {
     Netlink netlink;
-    const int status = netlink.open(NETLINK_SOCK_DIAG);
+    const int status = netlink.Open(NETLINK_SOCK_DIAG);
     if (status < 0) {
         return status;
     }
@@ -43,10 +43,10 @@ int dump_sockets(const SocketTable& table, const SocketQuery& query, const Netli
     if (query.details && table.protocol == IPPROTO_TCP) {
         request.sockets.idiag_ext = 1 << (INET_DIAG_INFO - 1);
     }
-    return netlink.request(request.header, visit);
+    return netlink.Request(request.header, visit);
 }
 
-void take_socket(const nlmsghdr& message, unsigned table, const SocketSink& sink)
+void TakeSocket(const nlmsghdr& message, unsigned table, const SocketSink& sink)
 {
     if (message.nlmsg_type != SOCK_DIAG_BY_FAMILY ||
         message.nlmsg_len < NLMSG_LENGTH(sizeof(inet_diag_msg))) {
@@ -59,27 +59,27 @@ void take_socket(const nlmsghdr& message, unsigned table, const SocketSink& sink
 
 int read_table(const SocketDump& dump, unsigned table, const SocketSink& sink)
 {
-    return retry_interrupted([&] {
+    return RetryInterrupted([&] {
         sink.begin(table);
-        return dump(socket_tables[table], [&](const nlmsghdr& message) {
-            take_socket(message, table, sink);
-            return is_cancelled() ? -ECANCELED : 0;
+        return dump(kSocketTables[table], [&](const nlmsghdr& message) {
+            TakeSocket(message, table, sink);
+            return IsCancelled() ? -ECANCELED : 0;
         });
     });
 }
 
 }  // namespace
 
-SocketDump kernel_sockets(const SocketQuery& query)
+SocketDump KernelSockets(const SocketQuery& query)
 {
     return [query](const SocketTable& table, const Netlink::Visit& visit) {
-        return dump_sockets(table, query, visit);
+        return DumpSockets(table, query, visit);
     };
 }
 
-int ask_for_no_sockets()
+int AskForNoSockets()
 {
-    return dump_sockets(socket_tables[0], {0, false}, [](const nlmsghdr&) { return 0; });
+    return DumpSockets(kSocketTables[0], {0, false}, [](const nlmsghdr&) { return 0; });
 }
 
 Outcome read_sockets(const SocketDump& dump, const SocketSink& sink, std::string& shortfall)
@@ -87,23 +87,23 @@ Outcome read_sockets(const SocketDump& dump, const SocketSink& sink, std::string
     unsigned failed = 0;
     int last_failure = 0;
     shortfall.clear();
-    for (unsigned table = 0; table < socket_table_count; ++table) {
+    for (unsigned table = 0; table < kSocketTableCount; ++table) {
         const int status = read_table(dump, table, sink);
         if (status == -ECANCELED) {
-            return failure(status, "sock_diag: %s", describe_status(status).c_str());
+            return Failure(status, "sock_diag: %s", DescribeStatus(status).c_str());
         }
         if (status == -EINTR) {
-            shortfall += std::string(", ") + socket_tables[table].name + " interrupted: incomplete";
+            shortfall += std::string(", ") + kSocketTables[table].name + " interrupted: incomplete";
         } else if (status < 0) {
             sink.begin(table);
-            shortfall += std::string(", ") + socket_tables[table].name +
-                         " missing: " + describe_status(status);
+            shortfall += std::string(", ") + kSocketTables[table].name +
+                         " missing: " + DescribeStatus(status);
             last_failure = status;
             ++failed;
         }
     }
-    if (failed == socket_table_count) {
-        return failure(last_failure, "sock_diag: %s", describe_status(last_failure).c_str());
+    if (failed == kSocketTableCount) {
+        return Failure(last_failure, "sock_diag: %s", DescribeStatus(last_failure).c_str());
     }
     return {};
 }

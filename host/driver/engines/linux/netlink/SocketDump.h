@@ -6,50 +6,50 @@
 #include <functional>
 #include <string>
 
-#include "engines/linux/netlink/Netlink.h"
 #include "engines/linux/Outcome.h"
+#include "engines/linux/netlink/Netlink.h"
 
 namespace vxi {
 
 // What inet_diag_msg.idiag_state can be; <netinet/tcp.h> has the same numbers, but cannot be
 // included together with the kernel's own header and lacks the last two.
-enum SocketState : uint8_t {
-    SocketEstablished = 1,
-    SocketSynSent,
-    SocketSynReceived,
-    SocketFinWait1,
-    SocketFinWait2,
-    SocketTimeWait,
-    SocketClosed,
-    SocketCloseWait,
-    SocketLastAck,
-    SocketListen,
-    SocketClosing,
-    SocketNewSynReceived,
-    SocketBound,
+enum SocketState : std::uint8_t {
+    kSocketEstablished = 1,
+    kSocketSynSent,
+    kSocketSynReceived,
+    kSocketFinWait1,
+    kSocketFinWait2,
+    kSocketTimeWait,
+    kSocketClosed,
+    kSocketCloseWait,
+    kSocketLastAck,
+    kSocketListen,
+    kSocketClosing,
+    kSocketNewSynReceived,
+    kSocketBound,
 };
 
 // The kernel answers for one protocol and IP version at a time. IPv6 sockets that speak
 // IPv4 stand in the table of IPv6.
 struct SocketTable {
-    uint8_t family;    // AF_INET or AF_INET6
-    uint8_t protocol;  // IPPROTO_TCP or IPPROTO_UDP
+    std::uint8_t family;    // AF_INET or AF_INET6
+    std::uint8_t protocol;  // IPPROTO_TCP or IPPROTO_UDP
     const char* name;
 };
-constexpr unsigned socket_table_count = 4;
-extern const SocketTable socket_tables[socket_table_count];
+constexpr unsigned kSocketTableCount = 4;
+extern const SocketTable kSocketTables[kSocketTableCount];
 
 struct SocketQuery {
-    uint32_t states;  // one bit a state
-    bool details;     // with tcp_info
+    std::uint32_t states;  // one bit a state
+    bool details;          // with tcp_info
 };
 
 // One reading of one table; statuses as those of Netlink::request.
 using SocketDump = std::function<int(const SocketTable&, const Netlink::Visit&)>;
-SocketDump kernel_sockets(const SocketQuery& query);
+SocketDump KernelSockets(const SocketQuery& query);
 
 // Whether sock_diag answers for TCP: 0 or a negated errno.
-int ask_for_no_sockets();
+int AskForNoSockets();
 
 struct SocketSink {
     // Before a table is read, also when it is read again: nothing of it counts so far.

@@ -4,22 +4,22 @@
 
 namespace vxi {
 
-std::string setting_path(const char* name)
+std::string SettingPath(const char* name)
 {
     std::string path = name;
     std::replace(path.begin(), path.end(), '.', '/');
     return "/proc/sys/" + path;
 }
 
-uint32_t setting_value(std::optional<int64_t> value)
+std::uint32_t SettingValue(std::optional<std::int64_t> value)
 {
     if (!value) {
         return VXA_FILTER_VARIABLE_ABSENT;
     }
-    if (*value >= setting_value_max || *value == -1) {
-        return setting_value_max;
+    if (*value >= kSettingValueMax || *value == -1) {
+        return kSettingValueMax;
     }
-    return static_cast<uint32_t>(*value);
+    return static_cast<std::uint32_t>(*value);
 }
 
 }  // namespace vxi

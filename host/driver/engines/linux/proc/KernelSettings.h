@@ -10,11 +10,11 @@
 namespace vxi {
 
 // "net.ipv4.tcp_sack": the file that holds it.
-std::string setting_path(const char* name);
+std::string SettingPath(const char* name);
 
 // A setting in 32 bits, negative ones in two's complement; "absent" for none. -1 and what is
 // larger read as the largest value but one, so that no setting reads as absent.
-constexpr uint32_t setting_value_max = VXA_FILTER_VARIABLE_ABSENT - 1;
-uint32_t setting_value(std::optional<int64_t> value);
+constexpr std::uint32_t kSettingValueMax = VXA_FILTER_VARIABLE_ABSENT - 1;
+std::uint32_t SettingValue(std::optional<std::int64_t> value);
 
 }  // namespace vxi

@@ -15,7 +15,7 @@ namespace vxi {
 
 struct ProcItem {
     std::string name;
-    uint64_t value;  // negative figures in two's complement
+    std::uint64_t value;  // negative figures in two's complement
 };
 
 struct ProcItems {
@@ -27,35 +27,35 @@ struct ProcItems {
 int read_proc(const std::string& path, std::string& text);
 
 // A file that holds one number, or several: the first. Empty when there is none.
-std::optional<int64_t> read_proc_number(const std::string& path);
+std::optional<std::int64_t> read_proc_number(const std::string& path);
 
 // A decimal number with nothing behind it; what 64 bits cannot hold is cut to their limit.
-std::optional<int64_t> signed_number(std::string_view word);
+std::optional<std::int64_t> SignedNumber(std::string_view word);
 
 // snmp, netstat: "Ip: NAME.." followed by "Ip: NUMBER..", as "Ip.NAME". Of `skip` (null for
 // none) nothing is taken.
-ProcItems paired_lines(std::string_view text, const char* skip);
+ProcItems PairedLines(std::string_view text, const char* skip);
 
 // snmp6: "NAME NUMBER" a line. Those by ICMP type come and go with traffic and are left out.
-ProcItems single_lines(std::string_view text);
+ProcItems SingleLines(std::string_view text);
 
 // sockstat, sockstat6: "TCP: inuse NUMBER orphan NUMBER..", as "TCP.inuse".
-ProcItems grouped_lines(std::string_view text);
+ProcItems GroupedLines(std::string_view text);
 
 // stat/nf_conntrack: a line of column names, then one line of hexadecimal figures for each
 // processor: the sums, as "PREFIX.NAME". `skip` is a column that is no figure of one processor.
-ProcItems column_sums(std::string_view text, const std::string& prefix, std::string_view skip);
+ProcItems ColumnSums(std::string_view text, const std::string& prefix, std::string_view skip);
 
 // softnet_stat: the same without the names, which are given here; null for a column that is
 // nothing to add up.
-ProcItems column_sums(std::string_view text, const std::string& prefix,
-                      const std::vector<const char*>& names);
+ProcItems ColumnSums(std::string_view text, const std::string& prefix,
+                     const std::vector<const char*>& names);
 
 // net/dev: one list for each interface, in the file's order, as "eth0.rx_bytes".
 struct ProcInterface {
     std::string name;
     ProcItems counters;
 };
-std::vector<ProcInterface> interface_lines(std::string_view text);
+std::vector<ProcInterface> InterfaceLines(std::string_view text);
 
 }  // namespace vxi

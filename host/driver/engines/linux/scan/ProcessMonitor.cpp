@@ -16,37 +16,37 @@ std::atomic<ScanMonitor*> current{nullptr};
 // Storage that is never destroyed: at exit other threads may still be inside a call.
 alignas(ScanMonitor) unsigned char first_monitor[sizeof(ScanMonitor)];
 
-void stop_at_exit()
+void StopAtExit()
 {
     ScanMonitor* monitor = current.load();
-    if (monitor && monitor->process() == getpid()) {
-        monitor->stop();
+    if (monitor && monitor->Process() == getpid()) {
+        monitor->Stop();
     }
 }
 
 // Whatever a thread of the parent was doing, its lock included, stays as it was for good:
 // the child abandons the object and makes another when it needs one.
-void abandon_in_child()
+void AbandonInChild()
 {
     ScanMonitor* inherited = current.exchange(nullptr);
     if (inherited) {
-        inherited->disown();
+        inherited->Disown();
     }
 }
 
-bool start()
+bool Start()
 {
     current = new (first_monitor) ScanMonitor();
-    atexit(stop_at_exit);
-    pthread_atfork(nullptr, nullptr, abandon_in_child);
+    atexit(StopAtExit);
+    pthread_atfork(nullptr, nullptr, AbandonInChild);
     return true;
 }
 
 // For a child: of a fork (`seen` is null) or of a bare clone, which runs no fork handlers.
-ScanMonitor* replace(ScanMonitor* seen)
+ScanMonitor* Replace(ScanMonitor* seen)
 {
     if (seen) {
-        seen->disown();
+        seen->Disown();
     }
     auto* fresh = new ScanMonitor();
     if (current.compare_exchange_strong(seen, fresh)) {
@@ -58,12 +58,12 @@ ScanMonitor* replace(ScanMonitor* seen)
 
 }  // namespace
 
-ScanMonitor& process_scan_monitor()
+ScanMonitor& ProcessScanMonitor()
 {
-    static const bool started = start();
-    (void)started;
+    static const bool kStarted = Start();
+    (void)kStarted;
     ScanMonitor* monitor = current.load();
-    return monitor && monitor->process() == getpid() ? *monitor : *replace(monitor);
+    return monitor && monitor->Process() == getpid() ? *monitor : *Replace(monitor);
 }
 
 }  // namespace vxi

@@ -10,6 +10,6 @@ namespace vxi {
 
 // Lives until the process ends; its table is taken down at exit (or when the library is
 // unloaded). The child of a fork gets one of its own, with nothing set.
-ScanMonitor& process_scan_monitor();
+ScanMonitor& ProcessScanMonitor();
 
 }  // namespace vxi

@@ -13,18 +13,18 @@ namespace vxi {
 // The counters at about one moment.
 struct ScanCounterValues {
     struct Value {
-        uint64_t packets = 0;
-        uint64_t bytes = 0;
+        std::uint64_t packets = 0;
+        std::uint64_t bytes = 0;
         bool present = false;
     };
-    std::array<Value, scan_counter_count> values;
+    std::array<Value, kScanCounterCount> values;
 
     const Value& operator[](ScanCounter counter) const
     {
-        return values[static_cast<size_t>(counter)];
+        return values[static_cast<std::size_t>(counter)];
     }
     // All of those from `first` up to `end` are present.
-    bool complete(ScanCounter first, ScanCounter end) const;
+    bool Complete(ScanCounter first, ScanCounter end) const;
 };
 
 // Named counters, packets and bytes of both directions, half-open connections. Each is 0, or a
@@ -32,13 +32,13 @@ struct ScanCounterValues {
 // not hold what it must.
 int read_scan_counters(Netlink& netlink, const std::string& table, ScanCounterValues& values);
 int read_scan_traffic(Netlink& netlink, const std::string& table, ScanCounterValues& values);
-int count_half_open(Netlink& netlink, const std::string& table, uint64_t& half_open);
+int CountHalfOpen(Netlink& netlink, const std::string& table, std::uint64_t& half_open);
 
 // What one message of such an answer says: a named counter, the rule that counts all packets of a
 // chain, elements of a set.
-int take_counter(const nlmsghdr& message, ScanCounterValues& values);
-void take_chain(const nlmsghdr& message, ScanCounterValues& values);
-uint64_t elements_in(const nlmsghdr& message);
+int TakeCounter(const nlmsghdr& message, ScanCounterValues& values);
+void TakeChain(const nlmsghdr& message, ScanCounterValues& values);
+std::uint64_t ElementsIn(const nlmsghdr& message);
 
 // Connections that were opened and ended without being established: everything opened, less what
 // was established, less what is still half-open.
@@ -47,17 +47,17 @@ public:
     // `before` was read before `half_open`, `after` after it: a connection that moves on between
     // the readings makes the count too small by one, never too large. The count never falls, but
     // restarts at 0 when a counter has fallen (`nft reset counters`).
-    uint64_t update(const ScanCounterValues& before, uint64_t half_open,
-                    const ScanCounterValues& after);
+    std::uint64_t Update(const ScanCounterValues& before, std::uint64_t half_open,
+                         const ScanCounterValues& after);
 
 private:
-    ScanCounterValues last_;
-    int64_t offset_ = 0;  // what was half-open when the counters restarted is in none of them
-    uint64_t closed_ = 0;
+    ScanCounterValues m_last;
+    std::int64_t m_offset = 0;  // what was half-open when the counters restarted is in none of them
+    std::uint64_t m_closed = 0;
 };
 
 // The counters as callers get them, by VXI_SCAN_*.
-void scan_figures(const ScanCounterValues& values, uint64_t half_open_closed,
-                  uint64_t (&figures)[VXI_SCAN_COUNTERS]);
+void ScanFigures(const ScanCounterValues& values, std::uint64_t half_open_closed,
+                 std::uint64_t (&figures)[VXI_SCAN_COUNTERS]);
 
 }  // namespace vxi

@@ -22,30 +22,30 @@
 
 namespace vxi {
 
-const std::array<const char*, scan_named_count> scan_counter_names = {
+const std::array<const char*, kScanNamedCount> kScanCounterNames = {
     // "reset" and the like are keywords of nft, hence the prefix.
     "c_new", "c_estab", "c_refused", "c_reset", "c_synrtx", "c_fin", "c_uncounted",
 };
 
 namespace {
 
-enum TcpFlag : uint8_t { Fin = 0x01, Syn = 0x02, Rst = 0x04, Ack = 0x10 };
+enum TcpFlag : std::uint8_t { kFin = 0x01, kSyn = 0x02, kRst = 0x04, kAck = 0x10 };
 
 struct FlagTest {
-    uint8_t mask = 0;  // 0: no test
-    uint8_t value = 0;
+    std::uint8_t mask = 0;  // 0: no test
+    std::uint8_t value = 0;
     bool equal = true;
 };
 
 // Which end of the packet is the one that opened the connection.
-enum class Opener { Unused, IsSource, IsDestination };
+enum class Opener { kUnused, kIsSource, kIsDestination };
 
 enum class SetUse {
-    None,
-    Known,         // goes on only for a connection that is half-open
-    KnownRemove,   // and ends that after counting
-    EnterLasting,  // goes on only within half_open_lasting_max, when there was room
-    EnterBrief,    // goes on only when there was room
+    kNone,
+    kKnown,         // goes on only for a connection that is half-open
+    kKnownRemove,   // and ends that after counting
+    kEnterLasting,  // goes on only within kHalfOpenLastingMax, when there was room
+    kEnterBrief,    // goes on only when there was room
 };
 
 // Evaluated in this order: flags, set, counter, removal, verdict. A row with a set makes two
@@ -55,73 +55,73 @@ struct RuleRow {
     FlagTest flags;
     SetUse set;
     Opener opener;
-    const char* counter;  // by its name, own_counter, or null
+    const char* counter;  // by its name, kOwnCounter, or null
     const char* verdict;  // chain to go to, "return", or null to go on
 };
 
-constexpr const char* own_counter = "";
+constexpr const char* kOwnCounter = "";
 
-constexpr FlagTest any_flags = {};
-constexpr FlagTest plain_ack = {Ack | Syn | Rst | Fin, Ack, true};
-constexpr FlagTest ack_with_fin = {Ack | Syn | Rst | Fin, Ack | Fin, true};
-constexpr FlagTest syn_only = {Ack | Syn | Rst | Fin, Syn, true};
-constexpr FlagTest with_rst = {Rst, 0, false};
+constexpr FlagTest kAnyFlags = {};
+constexpr FlagTest kPlainAck = {kAck | kSyn | kRst | kFin, kAck, true};
+constexpr FlagTest kAckWithFin = {kAck | kSyn | kRst | kFin, kAck | kFin, true};
+constexpr FlagTest kSynOnly = {kAck | kSyn | kRst | kFin, kSyn, true};
+constexpr FlagTest kWithRst = {kRst, 0, false};
 
 // Reading the counters between any two of these steps must never make a connection look
 // closed that is not: an established one is counted before it leaves the set, a new one
 // after it has entered.
-constexpr RuleRow rule_rows[] = {
-    {"f", any_flags, SetUse::None, Opener::Unused, own_counter, nullptr},
-    {"f", plain_ack, SetUse::None, Opener::Unused, nullptr, "acked"},  // nearly every packet
-    {"f", syn_only, SetUse::None, Opener::Unused, nullptr, "opening"},
-    {"f", with_rst, SetUse::None, Opener::Unused, nullptr, "frst"},
-    {"f", ack_with_fin, SetUse::None, Opener::Unused, "c_fin", "acked"},
+constexpr RuleRow kRuleRows[] = {
+    {"f", kAnyFlags, SetUse::kNone, Opener::kUnused, kOwnCounter, nullptr},
+    {"f", kPlainAck, SetUse::kNone, Opener::kUnused, nullptr, "acked"},  // nearly every packet
+    {"f", kSynOnly, SetUse::kNone, Opener::kUnused, nullptr, "opening"},
+    {"f", kWithRst, SetUse::kNone, Opener::kUnused, nullptr, "frst"},
+    {"f", kAckWithFin, SetUse::kNone, Opener::kUnused, "c_fin", "acked"},
 
-    {"opening", any_flags, SetUse::Known, Opener::IsSource, "c_synrtx", "return"},
-    {"opening", any_flags, SetUse::EnterLasting, Opener::IsSource, "c_new", "return"},
-    {"opening", any_flags, SetUse::EnterBrief, Opener::IsSource, "c_new", "return"},
-    {"opening", any_flags, SetUse::None, Opener::Unused, "c_uncounted", nullptr},
+    {"opening", kAnyFlags, SetUse::kKnown, Opener::kIsSource, "c_synrtx", "return"},
+    {"opening", kAnyFlags, SetUse::kEnterLasting, Opener::kIsSource, "c_new", "return"},
+    {"opening", kAnyFlags, SetUse::kEnterBrief, Opener::kIsSource, "c_new", "return"},
+    {"opening", kAnyFlags, SetUse::kNone, Opener::kUnused, "c_uncounted", nullptr},
 
-    {"acked", any_flags, SetUse::KnownRemove, Opener::IsSource, "c_estab", "return"},
+    {"acked", kAnyFlags, SetUse::kKnownRemove, Opener::kIsSource, "c_estab", "return"},
 
-    {"frst", any_flags, SetUse::KnownRemove, Opener::IsSource, "c_refused", "return"},
-    {"frst", any_flags, SetUse::None, Opener::Unused, "c_reset", nullptr},
+    {"frst", kAnyFlags, SetUse::kKnownRemove, Opener::kIsSource, "c_refused", "return"},
+    {"frst", kAnyFlags, SetUse::kNone, Opener::kUnused, "c_reset", nullptr},
 
-    {"b", any_flags, SetUse::None, Opener::Unused, own_counter, nullptr},
-    {"b", with_rst, SetUse::None, Opener::Unused, nullptr, "brst"},
+    {"b", kAnyFlags, SetUse::kNone, Opener::kUnused, kOwnCounter, nullptr},
+    {"b", kWithRst, SetUse::kNone, Opener::kUnused, nullptr, "brst"},
 
-    {"brst", any_flags, SetUse::KnownRemove, Opener::IsDestination, "c_refused", "return"},
-    {"brst", any_flags, SetUse::None, Opener::Unused, "c_reset", nullptr},
+    {"brst", kAnyFlags, SetUse::kKnownRemove, Opener::kIsDestination, "c_refused", "return"},
+    {"brst", kAnyFlags, SetUse::kNone, Opener::kUnused, "c_reset", nullptr},
 };
 
-constexpr const char* plain_chains[] = {"f", "opening", "acked", "frst", "b", "brst"};
+constexpr const char* kPlainChains[] = {"f", "opening", "acked", "frst", "b", "brst"};
 
 // Before any filtering at the usual priority 0, after connection tracking.
-constexpr int hook_priority = -140;
+constexpr int kHookPriority = -140;
 
-constexpr uint32_t source_port_offset = 0;
-constexpr uint32_t destination_port_offset = 2;
-constexpr uint32_t tcp_flags_offset = 13;
+constexpr std::uint32_t kSourcePortOffset = 0;
+constexpr std::uint32_t kDestinationPortOffset = 2;
+constexpr std::uint32_t kTcpFlagsOffset = 13;
 
 // What differs between the families: places in the IP header, and how nft names the key.
 struct Family {
-    uint8_t protocol;
+    std::uint8_t protocol;
     const char* set;
-    uint32_t set_id;
-    uint32_t source_offset;
-    uint32_t destination_offset;
-    uint32_t address_size;
-    uint32_t key_type;
+    std::uint32_t set_id;
+    std::uint32_t source_offset;
+    std::uint32_t destination_offset;
+    std::uint32_t address_size;
+    std::uint32_t key_type;
 };
 
 // nft's numbers: 7 IPv4 address, 8 IPv6 address, 13 port; 6 bits each in a joined key.
-constexpr Family families[] = {
-    {NFPROTO_IPV4, half_open_set_v4, 1, 12, 16, 4, 7 << 12 | 7 << 6 | 13},
-    {NFPROTO_IPV6, half_open_set_v6, 2, 8, 24, 16, 8 << 12 | 8 << 6 | 13},
+constexpr Family kFamilies[] = {
+    {NFPROTO_IPV4, kHalfOpenSetV4, 1, 12, 16, 4, 7 << 12 | 7 << 6 | 13},
+    {NFPROTO_IPV6, kHalfOpenSetV6, 2, 8, 24, 16, 8 << 12 | 8 << 6 | 13},
 };
 
-constexpr uint32_t register_size = 4;
-constexpr uint64_t ms_per_s = 1000;
+constexpr std::uint32_t kRegisterSize = 4;
+constexpr std::uint64_t kMsPerS = 1000;
 
 template <auto Free>
 struct Freed {
@@ -133,7 +133,7 @@ struct Freed {
 };
 
 template <auto Free, class Thing>
-std::unique_ptr<Thing, Freed<Free>> owned(Thing* thing)
+std::unique_ptr<Thing, Freed<Free>> Owned(Thing* thing)
 {
     if (!thing) {
         throw std::bad_alloc();
@@ -142,7 +142,7 @@ std::unique_ptr<Thing, Freed<Free>> owned(Thing* thing)
 }
 
 // libnftnl's setters fail only for want of memory.
-void stored(int status)
+void Stored(int status)
 {
     if (status < 0) {
         throw std::bad_alloc();
@@ -155,67 +155,67 @@ class Rule {
 public:
     Rule(const std::string& table, const char* chain)
     {
-        stored(nftnl_rule_set_str(rule_.get(), NFTNL_RULE_TABLE, table.c_str()));
-        stored(nftnl_rule_set_str(rule_.get(), NFTNL_RULE_CHAIN, chain));
-        nftnl_rule_set_u32(rule_.get(), NFTNL_RULE_FAMILY, NFPROTO_INET);
+        Stored(nftnl_rule_set_str(m_rule.get(), NFTNL_RULE_TABLE, table.c_str()));
+        Stored(nftnl_rule_set_str(m_rule.get(), NFTNL_RULE_CHAIN, chain));
+        nftnl_rule_set_u32(m_rule.get(), NFTNL_RULE_FAMILY, NFPROTO_INET);
     }
 
-    void match_meta(uint32_t key, uint8_t value)
+    void MatchMeta(std::uint32_t key, std::uint8_t value)
     {
         nftnl_expr* meta = append("meta");
         nftnl_expr_set_u32(meta, NFTNL_EXPR_META_KEY, key);
         nftnl_expr_set_u32(meta, NFTNL_EXPR_META_DREG, NFT_REG_1);
-        compare(NFT_CMP_EQ, &value, sizeof value);
+        Compare(NFT_CMP_EQ, &value, sizeof value);
     }
 
-    void match_port(uint32_t offset, uint16_t port)
+    void MatchPort(std::uint32_t offset, std::uint16_t port)
     {
-        const uint16_t wanted = htons(port);
-        load(NFT_PAYLOAD_TRANSPORT_HEADER, offset, sizeof wanted, NFT_REG_1);
-        compare(NFT_CMP_EQ, &wanted, sizeof wanted);
+        const std::uint16_t wanted = htons(port);
+        Load(NFT_PAYLOAD_TRANSPORT_HEADER, offset, sizeof wanted, NFT_REG_1);
+        Compare(NFT_CMP_EQ, &wanted, sizeof wanted);
     }
 
-    void match_flags(const FlagTest& test)
+    void MatchFlags(const FlagTest& test)
     {
-        const uint8_t zero = 0;
-        load(NFT_PAYLOAD_TRANSPORT_HEADER, tcp_flags_offset, sizeof test.mask, NFT_REG_1);
+        const std::uint8_t zero = 0;
+        Load(NFT_PAYLOAD_TRANSPORT_HEADER, kTcpFlagsOffset, sizeof test.mask, NFT_REG_1);
         nftnl_expr* bits = append("bitwise");
         nftnl_expr_set_u32(bits, NFTNL_EXPR_BITWISE_SREG, NFT_REG_1);
         nftnl_expr_set_u32(bits, NFTNL_EXPR_BITWISE_DREG, NFT_REG_1);
         nftnl_expr_set_u32(bits, NFTNL_EXPR_BITWISE_LEN, sizeof test.mask);
-        stored(nftnl_expr_set(bits, NFTNL_EXPR_BITWISE_MASK, &test.mask, sizeof test.mask));
-        stored(nftnl_expr_set(bits, NFTNL_EXPR_BITWISE_XOR, &zero, sizeof zero));
-        compare(test.equal ? NFT_CMP_EQ : NFT_CMP_NEQ, &test.value, sizeof test.value);
+        Stored(nftnl_expr_set(bits, NFTNL_EXPR_BITWISE_MASK, &test.mask, sizeof test.mask));
+        Stored(nftnl_expr_set(bits, NFTNL_EXPR_BITWISE_XOR, &zero, sizeof zero));
+        Compare(test.equal ? NFT_CMP_EQ : NFT_CMP_NEQ, &test.value, sizeof test.value);
     }
 
     // The key of a half-open connection: opener's address, owner's address, opener's port.
-    void load_key(const Family& family, Opener opener)
+    void LoadKey(const Family& family, Opener opener)
     {
-        const uint32_t words = family.address_size / register_size;
-        const bool source = opener == Opener::IsSource;
+        const std::uint32_t words = family.address_size / kRegisterSize;
+        const bool source = opener == Opener::kIsSource;
         if (source) {
             // Source and destination stand side by side: one load instead of two.
-            load(NFT_PAYLOAD_NETWORK_HEADER, family.source_offset, 2 * family.address_size,
+            Load(NFT_PAYLOAD_NETWORK_HEADER, family.source_offset, 2 * family.address_size,
                  NFT_REG32_00);
         } else {
-            load(NFT_PAYLOAD_NETWORK_HEADER, family.destination_offset, family.address_size,
+            Load(NFT_PAYLOAD_NETWORK_HEADER, family.destination_offset, family.address_size,
                  NFT_REG32_00);
-            load(NFT_PAYLOAD_NETWORK_HEADER, family.source_offset, family.address_size,
+            Load(NFT_PAYLOAD_NETWORK_HEADER, family.source_offset, family.address_size,
                  NFT_REG32_00 + words);
         }
-        load(NFT_PAYLOAD_TRANSPORT_HEADER, source ? source_port_offset : destination_port_offset,
-             sizeof(uint16_t), NFT_REG32_00 + 2 * words);
+        Load(NFT_PAYLOAD_TRANSPORT_HEADER, source ? kSourcePortOffset : kDestinationPortOffset,
+             sizeof(std::uint16_t), NFT_REG32_00 + 2 * words);
     }
 
-    void find_key(const Family& family)
+    void FindKey(const Family& family)
     {
         nftnl_expr* lookup = append("lookup");
         nftnl_expr_set_u32(lookup, NFTNL_EXPR_LOOKUP_SREG, NFT_REG32_00);
-        stored(nftnl_expr_set_str(lookup, NFTNL_EXPR_LOOKUP_SET, family.set));
+        Stored(nftnl_expr_set_str(lookup, NFTNL_EXPR_LOOKUP_SET, family.set));
         nftnl_expr_set_u32(lookup, NFTNL_EXPR_LOOKUP_SET_ID, family.set_id);
     }
 
-    void limit_rate(uint64_t per_s, uint32_t burst)
+    void LimitRate(std::uint64_t per_s, std::uint32_t burst)
     {
         nftnl_expr* limit = append("limit");
         nftnl_expr_set_u64(limit, NFTNL_EXPR_LIMIT_RATE, per_s);
@@ -224,23 +224,23 @@ public:
         nftnl_expr_set_u32(limit, NFTNL_EXPR_LIMIT_TYPE, NFT_LIMIT_PKTS);
     }
 
-    void enter_set(const Family& family, uint32_t timeout_s)
+    void EnterSet(const Family& family, std::uint32_t timeout_s)
     {
-        nftnl_expr_set_u64(change_set(family, NFT_DYNSET_OP_ADD), NFTNL_EXPR_DYNSET_TIMEOUT,
-                           timeout_s * ms_per_s);
+        nftnl_expr_set_u64(ChangeSet(family, NFT_DYNSET_OP_ADD), NFTNL_EXPR_DYNSET_TIMEOUT,
+                           timeout_s * kMsPerS);
     }
 
-    nftnl_expr* change_set(const Family& family, uint32_t operation)
+    nftnl_expr* ChangeSet(const Family& family, std::uint32_t operation)
     {
         nftnl_expr* change = append("dynset");
         nftnl_expr_set_u32(change, NFTNL_EXPR_DYNSET_SREG_KEY, NFT_REG32_00);
         nftnl_expr_set_u32(change, NFTNL_EXPR_DYNSET_OP, operation);
-        stored(nftnl_expr_set_str(change, NFTNL_EXPR_DYNSET_SET_NAME, family.set));
+        Stored(nftnl_expr_set_str(change, NFTNL_EXPR_DYNSET_SET_NAME, family.set));
         nftnl_expr_set_u32(change, NFTNL_EXPR_DYNSET_SET_ID, family.set_id);
         return change;
     }
 
-    void count(const char* counter)
+    void Count(const char* counter)
     {
         if (*counter == '\0') {
             append("counter");
@@ -248,10 +248,10 @@ public:
         }
         nftnl_expr* reference = append("objref");
         nftnl_expr_set_u32(reference, NFTNL_EXPR_OBJREF_IMM_TYPE, NFT_OBJECT_COUNTER);
-        stored(nftnl_expr_set_str(reference, NFTNL_EXPR_OBJREF_IMM_NAME, counter));
+        Stored(nftnl_expr_set_str(reference, NFTNL_EXPR_OBJREF_IMM_NAME, counter));
     }
 
-    void finish(const char* verdict)
+    void Finish(const char* verdict)
     {
         nftnl_expr* immediate = append("immediate");
         nftnl_expr_set_u32(immediate, NFTNL_EXPR_IMM_DREG, NFT_REG_VERDICT);
@@ -260,14 +260,14 @@ public:
             return;
         }
         nftnl_expr_set_u32(immediate, NFTNL_EXPR_IMM_VERDICT, NFT_GOTO);
-        stored(nftnl_expr_set_str(immediate, NFTNL_EXPR_IMM_CHAIN, verdict));
+        Stored(nftnl_expr_set_str(immediate, NFTNL_EXPR_IMM_CHAIN, verdict));
     }
 
-    void add_to(NftBatch& batch, const char* chain) const
+    void AddTo(NftBatch& batch, const char* chain) const
     {
-        batch.add(
+        batch.Add(
             NFT_MSG_NEWRULE, NLM_F_CREATE | NLM_F_APPEND, std::string("rule of chain ") + chain,
-            [this](nlmsghdr* header) { nftnl_rule_nlmsg_build_payload(header, rule_.get()); });
+            [this](nlmsghdr* header) { nftnl_rule_nlmsg_build_payload(header, m_rule.get()); });
     }
 
 private:
@@ -277,11 +277,11 @@ private:
         if (!expression) {
             throw std::bad_alloc();
         }
-        nftnl_rule_add_expr(rule_.get(), expression);
+        nftnl_rule_add_expr(m_rule.get(), expression);
         return expression;
     }
 
-    void load(uint32_t base, uint32_t offset, uint32_t size, uint32_t to)
+    void Load(std::uint32_t base, std::uint32_t offset, std::uint32_t size, std::uint32_t to)
     {
         nftnl_expr* payload = append("payload");
         nftnl_expr_set_u32(payload, NFTNL_EXPR_PAYLOAD_BASE, base);
@@ -290,90 +290,90 @@ private:
         nftnl_expr_set_u32(payload, NFTNL_EXPR_PAYLOAD_DREG, to);
     }
 
-    void compare(uint32_t operation, const void* value, uint32_t size)
+    void Compare(std::uint32_t operation, const void* value, std::uint32_t size)
     {
         nftnl_expr* comparison = append("cmp");
         nftnl_expr_set_u32(comparison, NFTNL_EXPR_CMP_SREG, NFT_REG_1);
         nftnl_expr_set_u32(comparison, NFTNL_EXPR_CMP_OP, operation);
-        stored(nftnl_expr_set(comparison, NFTNL_EXPR_CMP_DATA, value, size));
+        Stored(nftnl_expr_set(comparison, NFTNL_EXPR_CMP_DATA, value, size));
     }
 
-    std::unique_ptr<nftnl_rule, Freed<nftnl_rule_free>> rule_ =
-        owned<nftnl_rule_free>(nftnl_rule_alloc());
+    std::unique_ptr<nftnl_rule, Freed<nftnl_rule_free>> m_rule =
+        Owned<nftnl_rule_free>(nftnl_rule_alloc());
 };
 
-// So many a second that no more than half_open_lasting_max last at a time.
-uint64_t lasting_per_s(const ScanTableSpec& spec)
+// So many a second that no more than kHalfOpenLastingMax last at a time.
+std::uint64_t LastingPerS(const ScanTableSpec& spec)
 {
-    return std::max(1U, (half_open_lasting_max - half_open_burst) / spec.half_open_timeout_s);
+    return std::max(1U, (kHalfOpenLastingMax - kHalfOpenBurst) / spec.half_open_timeout_s);
 }
 
-void use_set(Rule& rule, const ScanTableSpec& spec, const RuleRow& row, const Family& family)
+void UseSet(Rule& rule, const ScanTableSpec& spec, const RuleRow& row, const Family& family)
 {
-    rule.match_meta(NFT_META_NFPROTO, family.protocol);
-    rule.load_key(family, row.opener);
+    rule.MatchMeta(NFT_META_NFPROTO, family.protocol);
+    rule.LoadKey(family, row.opener);
     switch (row.set) {
-        case SetUse::EnterLasting:
-            rule.limit_rate(lasting_per_s(spec), half_open_burst);
-            rule.enter_set(family, spec.half_open_timeout_s);
+        case SetUse::kEnterLasting:
+            rule.LimitRate(LastingPerS(spec), kHalfOpenBurst);
+            rule.EnterSet(family, spec.half_open_timeout_s);
             break;
-        case SetUse::EnterBrief:
-            rule.enter_set(family, std::min(half_open_brief_s, spec.half_open_timeout_s));
+        case SetUse::kEnterBrief:
+            rule.EnterSet(family, std::min(kHalfOpenBriefS, spec.half_open_timeout_s));
             break;
         default:
-            rule.find_key(family);
+            rule.FindKey(family);
     }
 }
 
-void add_rule(NftBatch& batch, const ScanTableSpec& spec, const RuleRow& row, const Family* family)
+void AddRule(NftBatch& batch, const ScanTableSpec& spec, const RuleRow& row, const Family* family)
 {
     Rule rule(spec.name, row.chain);
     if (row.flags.mask) {
-        rule.match_flags(row.flags);
+        rule.MatchFlags(row.flags);
     }
     if (family) {
-        use_set(rule, spec, row, *family);
+        UseSet(rule, spec, row, *family);
     }
     if (row.counter) {
-        rule.count(row.counter);
+        rule.Count(row.counter);
     }
-    if (row.set == SetUse::KnownRemove) {
-        rule.change_set(*family, NFT_DYNSET_OP_DELETE);
+    if (row.set == SetUse::kKnownRemove) {
+        rule.ChangeSet(*family, NFT_DYNSET_OP_DELETE);
     }
     if (row.verdict) {
-        rule.finish(row.verdict);
+        rule.Finish(row.verdict);
     }
-    rule.add_to(batch, row.chain);
+    rule.AddTo(batch, row.chain);
 }
 
-void add_rules(NftBatch& batch, const ScanTableSpec& spec, const RuleRow& row)
+void AddRules(NftBatch& batch, const ScanTableSpec& spec, const RuleRow& row)
 {
-    if (row.set == SetUse::None) {
-        add_rule(batch, spec, row, nullptr);
+    if (row.set == SetUse::kNone) {
+        AddRule(batch, spec, row, nullptr);
         return;
     }
-    for (const Family& family : families) {
-        add_rule(batch, spec, row, &family);
+    for (const Family& family : kFamilies) {
+        AddRule(batch, spec, row, &family);
     }
 }
 
 // ---- everything else --------------------------------------------------------
 
-uint32_t add_table(NftBatch& batch, const ScanTableSpec& spec)
+std::uint32_t AddTable(NftBatch& batch, const ScanTableSpec& spec)
 {
-    auto table = owned<nftnl_table_free>(nftnl_table_alloc());
-    stored(nftnl_table_set_str(table.get(), NFTNL_TABLE_NAME, spec.name.c_str()));
+    auto table = Owned<nftnl_table_free>(nftnl_table_alloc());
+    Stored(nftnl_table_set_str(table.get(), NFTNL_TABLE_NAME, spec.name.c_str()));
     if (spec.owned) {
         nftnl_table_set_u32(table.get(), NFTNL_TABLE_FLAGS, NFT_TABLE_F_OWNER);
     }
-    return batch.add(
+    return batch.Add(
         NFT_MSG_NEWTABLE, NLM_F_CREATE | NLM_F_EXCL, "table " + spec.name,
         [&](nlmsghdr* header) { nftnl_table_nlmsg_build_payload(header, table.get()); });
 }
 
-void add_counter(NftBatch& batch, const std::string& table, const char* name)
+void AddCounter(NftBatch& batch, const std::string& table, const char* name)
 {
-    auto counter = owned<nftnl_obj_free>(nftnl_obj_alloc());
+    auto counter = Owned<nftnl_obj_free>(nftnl_obj_alloc());
     nftnl_obj_set_u32(counter.get(), NFTNL_OBJ_FAMILY, NFPROTO_INET);
     nftnl_obj_set_u32(counter.get(), NFTNL_OBJ_TYPE, NFT_OBJECT_COUNTER);
     nftnl_obj_set_str(counter.get(), NFTNL_OBJ_TABLE, table.c_str());
@@ -384,58 +384,59 @@ void add_counter(NftBatch& batch, const std::string& table, const char* name)
         throw std::bad_alloc();
     nftnl_obj_set_u64(counter.get(), NFTNL_OBJ_CTR_PKTS, 0);
     nftnl_obj_set_u64(counter.get(), NFTNL_OBJ_CTR_BYTES, 0);
-    batch.add(NFT_MSG_NEWOBJ, NLM_F_CREATE | NLM_F_EXCL, std::string("counter ") + name,
+    batch.Add(NFT_MSG_NEWOBJ, NLM_F_CREATE | NLM_F_EXCL, std::string("counter ") + name,
               [&](nlmsghdr* header) { nftnl_obj_nlmsg_build_payload(header, counter.get()); });
 }
 
-void add_set(NftBatch& batch, const ScanTableSpec& spec, const Family& family)
+void AddSet(NftBatch& batch, const ScanTableSpec& spec, const Family& family)
 {
-    auto set = owned<nftnl_set_free>(nftnl_set_alloc());
-    stored(nftnl_set_set_str(set.get(), NFTNL_SET_TABLE, spec.name.c_str()));
-    stored(nftnl_set_set_str(set.get(), NFTNL_SET_NAME, family.set));
+    auto set = Owned<nftnl_set_free>(nftnl_set_alloc());
+    Stored(nftnl_set_set_str(set.get(), NFTNL_SET_TABLE, spec.name.c_str()));
+    Stored(nftnl_set_set_str(set.get(), NFTNL_SET_NAME, family.set));
     nftnl_set_set_u32(set.get(), NFTNL_SET_FAMILY, NFPROTO_INET);
     nftnl_set_set_u32(set.get(), NFTNL_SET_ID, family.set_id);
     nftnl_set_set_u32(set.get(), NFTNL_SET_FLAGS, NFT_SET_EVAL | NFT_SET_TIMEOUT);
     nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_TYPE, family.key_type);
-    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_LEN, 2 * family.address_size + register_size);
-    nftnl_set_set_u32(set.get(), NFTNL_SET_DESC_SIZE, half_open_max);
-    nftnl_set_set_u64(set.get(), NFTNL_SET_TIMEOUT, spec.half_open_timeout_s * ms_per_s);
-    batch.add(NFT_MSG_NEWSET, NLM_F_CREATE | NLM_F_EXCL, std::string("set ") + family.set,
+    nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_LEN, 2 * family.address_size + kRegisterSize);
+    nftnl_set_set_u32(set.get(), NFTNL_SET_DESC_SIZE, kHalfOpenMax);
+    nftnl_set_set_u64(set.get(), NFTNL_SET_TIMEOUT, spec.half_open_timeout_s * kMsPerS);
+    batch.Add(NFT_MSG_NEWSET, NLM_F_CREATE | NLM_F_EXCL, std::string("set ") + family.set,
               [&](nlmsghdr* header) { nftnl_set_nlmsg_build_payload(header, set.get()); });
 }
 
 // A chain on a hook when `hook` is given, else one that others go to.
-void add_chain(NftBatch& batch, const std::string& table, const char* name, const uint32_t* hook)
+void AddChain(NftBatch& batch, const std::string& table, const char* name,
+              const std::uint32_t* hook)
 {
-    auto chain = owned<nftnl_chain_free>(nftnl_chain_alloc());
-    stored(nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TABLE, table.c_str()));
-    stored(nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_NAME, name));
+    auto chain = Owned<nftnl_chain_free>(nftnl_chain_alloc());
+    Stored(nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TABLE, table.c_str()));
+    Stored(nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_NAME, name));
     if (hook) {
-        stored(nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TYPE, "filter"));
+        Stored(nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TYPE, "filter"));
         nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_HOOKNUM, *hook);
-        nftnl_chain_set_s32(chain.get(), NFTNL_CHAIN_PRIO, hook_priority);
+        nftnl_chain_set_s32(chain.get(), NFTNL_CHAIN_PRIO, kHookPriority);
         nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_POLICY, NF_ACCEPT);
     }
-    batch.add(NFT_MSG_NEWCHAIN, NLM_F_CREATE | NLM_F_EXCL, std::string("chain ") + name,
+    batch.Add(NFT_MSG_NEWCHAIN, NLM_F_CREATE | NLM_F_EXCL, std::string("chain ") + name,
               [&](nlmsghdr* header) { nftnl_chain_nlmsg_build_payload(header, chain.get()); });
 }
 
 struct HookRow {
     const char* chain;
-    uint32_t hook;
-    uint32_t port_offset;
+    std::uint32_t hook;
+    std::uint32_t port_offset;
     const char* target;
 };
 
-void add_hook(NftBatch& batch, const ScanTableSpec& spec, const HookRow& row)
+void AddHook(NftBatch& batch, const ScanTableSpec& spec, const HookRow& row)
 {
-    add_chain(batch, spec.name, row.chain, &row.hook);
+    AddChain(batch, spec.name, row.chain, &row.hook);
     Rule rule(spec.name, row.chain);
     // The port first: what is not meant fails there, at the least cost.
-    rule.match_port(row.port_offset, spec.target.port);
-    rule.match_meta(NFT_META_L4PROTO, IPPROTO_TCP);
-    rule.finish(row.target);
-    rule.add_to(batch, row.chain);
+    rule.MatchPort(row.port_offset, spec.target.port);
+    rule.MatchMeta(NFT_META_L4PROTO, IPPROTO_TCP);
+    rule.Finish(row.target);
+    rule.AddTo(batch, row.chain);
 }
 
 unsigned read_number(const char* path, unsigned otherwise)
@@ -447,77 +448,77 @@ unsigned read_number(const char* path, unsigned otherwise)
 
 }  // namespace
 
-std::string scan_table_name(pid_t process, unsigned attempt)
+std::string ScanTableName(pid_t process, unsigned attempt)
 {
     std::string name = "vxi_scan_" + std::to_string(process);
     return attempt == 0 ? name : name + "_" + std::to_string(attempt);
 }
 
-pid_t scan_table_process(std::string_view name)
+pid_t ScanTableProcess(std::string_view name)
 {
-    constexpr std::string_view prefix = "vxi_scan_";
-    if (name.substr(0, prefix.size()) != prefix) {
+    constexpr std::string_view kPrefix = "vxi_scan_";
+    if (name.substr(0, kPrefix.size()) != kPrefix) {
         return 0;
     }
     const char* const end = name.data() + name.size();
     pid_t process = 0;
     unsigned attempt = 0;
-    auto read = std::from_chars(name.data() + prefix.size(), end, process);
+    auto read = std::from_chars(name.data() + kPrefix.size(), end, process);
     if (read.ec == std::errc() && read.ptr != end && *read.ptr == '_') {
         read = std::from_chars(read.ptr + 1, end, attempt);
     }
     return read.ec == std::errc() && read.ptr == end && process > 0 ? process : 0;
 }
 
-uint32_t add_scan_table(NftBatch& batch, const ScanTableSpec& spec)
+std::uint32_t AddScanTable(NftBatch& batch, const ScanTableSpec& spec)
 {
     const bool inbound = spec.target.direction == VXI_SCAN_INBOUND;
-    const uint32_t table = add_table(batch, spec);
-    for (const char* counter : scan_counter_names) {
-        add_counter(batch, spec.name, counter);
+    const std::uint32_t table = AddTable(batch, spec);
+    for (const char* counter : kScanCounterNames) {
+        AddCounter(batch, spec.name, counter);
     }
-    for (const Family& family : families) {
-        add_set(batch, spec, family);
+    for (const Family& family : kFamilies) {
+        AddSet(batch, spec, family);
     }
-    for (const char* chain : plain_chains) {
-        add_chain(batch, spec.name, chain, nullptr);
+    for (const char* chain : kPlainChains) {
+        AddChain(batch, spec.name, chain, nullptr);
     }
-    for (const RuleRow& row : rule_rows) {
-        add_rules(batch, spec, row);
+    for (const RuleRow& row : kRuleRows) {
+        AddRules(batch, spec, row);
     }
-    add_hook(batch, spec,
-             {"cf", inbound ? NF_INET_LOCAL_IN : NF_INET_LOCAL_OUT, destination_port_offset, "f"});
-    add_hook(batch, spec,
-             {"cb", inbound ? NF_INET_LOCAL_OUT : NF_INET_LOCAL_IN, source_port_offset, "b"});
+    AddHook(batch, spec,
+            {"cf", inbound ? NF_INET_LOCAL_IN : NF_INET_LOCAL_OUT, kDestinationPortOffset, "f"});
+    AddHook(batch, spec,
+            {"cb", inbound ? NF_INET_LOCAL_OUT : NF_INET_LOCAL_IN, kSourcePortOffset, "b"});
     return table;
 }
 
-void add_table_removal(NftBatch& batch, const std::string& name)
+void AddTableRemoval(NftBatch& batch, const std::string& name)
 {
-    auto table = owned<nftnl_table_free>(nftnl_table_alloc());
-    stored(nftnl_table_set_str(table.get(), NFTNL_TABLE_NAME, name.c_str()));
-    batch.add(NFT_MSG_DELTABLE, 0, "removal of table " + name,
+    auto table = Owned<nftnl_table_free>(nftnl_table_alloc());
+    Stored(nftnl_table_set_str(table.get(), NFTNL_TABLE_NAME, name.c_str()));
+    batch.Add(NFT_MSG_DELTABLE, 0, "removal of table " + name,
               [&](nlmsghdr* header) { nftnl_table_nlmsg_build_payload(header, table.get()); });
 }
 
-uint32_t half_open_timeout_s(unsigned retries)
+std::uint32_t HalfOpenTimeoutS(unsigned retries)
 {
-    constexpr unsigned retries_max = 127;     // what the kernel admits
-    constexpr uint32_t longest_wait_s = 120;  // TCP_RTO_MAX
-    constexpr uint32_t margin_s = 3;
-    uint32_t sum_s = 0;
-    for (unsigned i = 0; i <= std::min(retries, retries_max); ++i) {
-        sum_s += i < 7 ? 1u << i : longest_wait_s;
+    constexpr unsigned kRetriesMax = 127;         // what the kernel admits
+    constexpr std::uint32_t kLongestWaitS = 120;  // TCP_RTO_MAX
+    constexpr std::uint32_t kMarginS = 3;
+    std::uint32_t sum_s = 0;
+    for (unsigned i = 0; i <= std::min(retries, kRetriesMax); ++i) {
+        sum_s += i < 7 ? 1u << i : kLongestWaitS;
     }
-    return sum_s + margin_s;
+    return sum_s + kMarginS;
 }
 
-uint32_t half_open_timeout_of(uint32_t direction)
+std::uint32_t HalfOpenTimeoutOf(std::uint32_t direction)
 {
     if (direction == VXI_SCAN_INBOUND) {
-        return half_open_timeout_s(read_number("/proc/sys/net/ipv4/tcp_synack_retries", 5));
+        return HalfOpenTimeoutS(read_number("/proc/sys/net/ipv4/tcp_synack_retries", 5));
     }
-    return half_open_timeout_s(read_number("/proc/sys/net/ipv4/tcp_syn_retries", 6));
+    return HalfOpenTimeoutS(read_number("/proc/sys/net/ipv4/tcp_syn_retries", 6));
 }
 
 }  // namespace vxi

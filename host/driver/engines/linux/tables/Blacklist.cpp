@@ -13,41 +13,41 @@
 #include "api/Message.h"
 #include "api/Source.h"
 #include "engines/linux/HandleState.h"
-#include "engines/linux/netlink/NftDump.h"
 #include "engines/linux/Slots.h"
+#include "engines/linux/netlink/NftDump.h"
 
 namespace vxi {
 
 namespace {
 
 // What nft calls ipv4_addr and ipv6_addr; the kernel only stores the number.
-constexpr uint32_t key_type_ipv4 = 7;
-constexpr uint32_t key_type_ipv6 = 8;
+constexpr std::uint32_t kEyTypeIpv4 = 7;
+constexpr std::uint32_t kEyTypeIpv6 = 8;
 
 // A caller adds the header to the size in 32 bits.
-constexpr size_t entries_max =
-    (std::numeric_limits<uint32_t>::max() - sizeof(vxa_blacklist_get_addrs_s)) /
+constexpr std::size_t kEntriesMax =
+    (std::numeric_limits<std::uint32_t>::max() - sizeof(vxa_blacklist_get_addrs_s)) /
     sizeof(vxa_blacklist_entry_s);
 
-const char* why_skipped(uint32_t key_type, uint32_t flags)
+const char* WhySkipped(std::uint32_t key_type, std::uint32_t flags)
 {
     // Its keys select a value, they are not a list of addresses.
     if (flags & (NFT_SET_MAP | NFT_SET_OBJECT)) {
         return "a map";
     }
-    return key_type == key_type_ipv4 || key_type == key_type_ipv6
+    return key_type == kEyTypeIpv4 || key_type == kEyTypeIpv6
                ? nullptr
                : "its elements are not of type ipv4_addr or ipv6_addr";
 }
 
-bool starts_with(std::string_view text, std::string_view start)
+bool StartsWith(std::string_view text, std::string_view start)
 {
     return text.substr(0, start.size()) == start;
 }
 
-bool read_address(const nlattr* data, size_t size, Address& address)
+bool read_address(const nlattr* data, std::size_t size, Address& address)
 {
-    const nlattr* value = data ? Attributes(*data).find(NFTA_DATA_VALUE) : nullptr;
+    const nlattr* value = data ? Attributes(*data).Find(NFTA_DATA_VALUE) : nullptr;
     if (!value || mnl_attr_get_payload_len(value) != size) {
         return false;
     }
@@ -55,7 +55,7 @@ bool read_address(const nlattr* data, size_t size, Address& address)
     return true;
 }
 
-Address highest(size_t size)
+Address Highest(std::size_t size)
 {
     Address address = {};
     std::fill_n(address.begin(), size, 0xff);
@@ -63,9 +63,9 @@ Address highest(size_t size)
 }
 
 // Returns address - 1; address must not be zero.
-Address before(Address address, size_t size)
+Address Before(Address address, std::size_t size)
 {
-    size_t i = size;
+    std::size_t i = size;
     while (i > 0 && address[i - 1]-- == 0) {
         --i;
     }
@@ -75,30 +75,30 @@ Address before(Address address, size_t size)
 bool read_element(const nlattr& attribute, const BlacklistSet& set, BlacklistElement& element)
 {
     const Attributes attributes(attribute);
-    const size_t size = set.address_size();
-    const uint32_t flags = be32_of(attributes.find(NFTA_SET_ELEM_FLAGS)).value_or(0);
+    const std::size_t size = set.address_size();
+    const std::uint32_t flags = Be32Of(attributes.Find(NFTA_SET_ELEM_FLAGS)).value_or(0);
     element.ends_interval = flags & NFT_SET_ELEM_INTERVAL_END;
-    element.timeout_ms = be64_of(attributes.find(NFTA_SET_ELEM_TIMEOUT));
-    element.expires_ms = be64_of(attributes.find(NFTA_SET_ELEM_EXPIRATION));
+    element.timeout_ms = Be64Of(attributes.Find(NFTA_SET_ELEM_TIMEOUT));
+    element.expires_ms = Be64Of(attributes.Find(NFTA_SET_ELEM_EXPIRATION));
     if (flags & NFT_SET_ELEM_CATCHALL) {
-        element.last = highest(size);
+        element.last = Highest(size);
         return true;
     }
     Address last;
-    if (read_address(attributes.find(NFTA_SET_ELEM_KEY_END), size, last)) {
+    if (read_address(attributes.Find(NFTA_SET_ELEM_KEY_END), size, last)) {
         element.last = last;
     }
-    return read_address(attributes.find(NFTA_SET_ELEM_KEY), size, element.key);
+    return read_address(attributes.Find(NFTA_SET_ELEM_KEY), size, element.key);
 }
 
-uint32_t seconds(uint64_t ms)
+std::uint32_t Seconds(std::uint64_t ms)
 {
-    return static_cast<uint32_t>(
-        std::min<uint64_t>(ms / 1000, std::numeric_limits<uint32_t>::max()));
+    return static_cast<std::uint32_t>(
+        std::min<std::uint64_t>(ms / 1000, std::numeric_limits<std::uint32_t>::max()));
 }
 
-vxa_blacklist_entry_s entry_of(const BlacklistSet& set, uint16_t set_index,
-                               const BlacklistElement& element, const Address& last)
+vxa_blacklist_entry_s EntryOf(const BlacklistSet& set, std::uint16_t set_index,
+                              const BlacklistElement& element, const Address& last)
 {
     vxa_blacklist_entry_s entry = {};
     memcpy(entry.address, element.key.data(), sizeof entry.address);
@@ -108,8 +108,8 @@ vxa_blacklist_entry_s entry_of(const BlacklistSet& set, uint16_t set_index,
     entry.flags = last != element.key ? VXA_BLACKLIST_RANGE : 0;
     if (element.expires_ms) {
         entry.flags |= VXA_BLACKLIST_TIMEOUT;
-        entry.timeout_s = seconds(element.timeout_ms.value_or(set.timeout_ms));
-        entry.expires_s = seconds(*element.expires_ms);
+        entry.timeout_s = Seconds(element.timeout_ms.value_or(set.timeout_ms));
+        entry.expires_s = Seconds(*element.expires_ms);
     }
     return entry;
 }
@@ -117,25 +117,25 @@ vxa_blacklist_entry_s entry_of(const BlacklistSet& set, uint16_t set_index,
 using ElementsAt = std::vector<BlacklistElement>::const_iterator;
 
 // Last address of the element at `at`; those after it have the same address or higher ones.
-Address last_of(const BlacklistSet& set, ElementsAt at, ElementsAt end)
+Address LastOf(const BlacklistSet& set, ElementsAt at, ElementsAt end)
 {
     if (at->last || !set.intervals) {
         return at->last.value_or(at->key);
     }
     const auto next =
         std::find_if(at, end, [&](const BlacklistElement& other) { return other.key != at->key; });
-    const size_t size = set.address_size();
-    return next != end ? before(next->key, size) : highest(size);
+    const std::size_t size = set.address_size();
+    return next != end ? Before(next->key, size) : Highest(size);
 }
 
 int read_sets(Netlink& netlink, std::vector<BlacklistSet>& sets)
 {
-    return retry_interrupted([&] {
-        alignas(nlmsghdr) char buffer[nft_dump_size];
-        nlmsghdr* request = nft_dump(buffer, NFT_MSG_GETSET, NFPROTO_UNSPEC);
+    return RetryInterrupted([&] {
+        alignas(nlmsghdr) char buffer[kNftDumpSize];
+        nlmsghdr* request = NftDump(buffer, NFT_MSG_GETSET, NFPROTO_UNSPEC);
         sets.clear();
-        return netlink.request(*request, [&](const nlmsghdr& message) {
-            if (auto set = blacklist_set(message)) {
+        return netlink.Request(*request, [&](const nlmsghdr& message) {
+            if (auto set = DecodeSet(message)) {
                 sets.push_back(std::move(*set));
             }
             return 0;
@@ -144,17 +144,17 @@ int read_sets(Netlink& netlink, std::vector<BlacklistSet>& sets)
 }
 
 int read_elements(Netlink& netlink, const BlacklistSet& set,
-                  std::vector<BlacklistElement>& elements, uint64_t& unreadable)
+                  std::vector<BlacklistElement>& elements, std::uint64_t& unreadable)
 {
-    return retry_interrupted([&] {
-        alignas(nlmsghdr) char buffer[nft_dump_size];
-        nlmsghdr* request = nft_dump(buffer, NFT_MSG_GETSETELEM, set.nft_family);
+    return RetryInterrupted([&] {
+        alignas(nlmsghdr) char buffer[kNftDumpSize];
+        nlmsghdr* request = NftDump(buffer, NFT_MSG_GETSETELEM, set.nft_family);
         mnl_attr_put_strz(request, NFTA_SET_ELEM_LIST_TABLE, set.table.c_str());
         mnl_attr_put_strz(request, NFTA_SET_ELEM_LIST_SET, set.name.c_str());
         elements.clear();
         unreadable = 0;
-        return netlink.request(*request, [&](const nlmsghdr& message) {
-            unreadable += take_elements(message, set, elements);
+        return netlink.Request(*request, [&](const nlmsghdr& message) {
+            unreadable += TakeElements(message, set, elements);
             return 0;
         });
     });
@@ -162,13 +162,13 @@ int read_elements(Netlink& netlink, const BlacklistSet& set,
 
 void append(std::vector<vxa_blacklist_entry_s>&& entries, BlacklistSnapshot& snapshot)
 {
-    const size_t fitting = std::min(entries.size(), entries_max - snapshot.entries.size());
+    const std::size_t fitting = std::min(entries.size(), kEntriesMax - snapshot.entries.size());
     snapshot.beyond += entries.size() - fitting;
     snapshot.entries.insert(snapshot.entries.end(), entries.begin(), entries.begin() + fitting);
 }
 
 // What came of an interrupted dump is used: six readings without rest are answer enough.
-bool usable(int status, BlacklistSnapshot& snapshot)
+bool Usable(int status, BlacklistSnapshot& snapshot)
 {
     snapshot.interrupted = snapshot.interrupted || status == -EINTR;
     return status == 0 || status == -EINTR;
@@ -176,23 +176,23 @@ bool usable(int status, BlacklistSnapshot& snapshot)
 
 int read_set(Netlink& netlink, const BlacklistSet& set, BlacklistSnapshot& snapshot)
 {
-    const std::string name = nft_family_name(set.nft_family) + " " + set.table + " " + set.name;
+    const std::string name = NftFamilyName(set.nft_family) + " " + set.table + " " + set.name;
     if (set.skipped) {
         snapshot.skipped.push_back(name + ": " + set.skipped);
         return 0;
     }
-    constexpr size_t index_max = std::numeric_limits<uint16_t>::max();
+    constexpr std::size_t kIndexMax = std::numeric_limits<std::uint16_t>::max();
     std::vector<BlacklistElement> elements;
-    uint64_t unreadable = 0;
+    std::uint64_t unreadable = 0;
     const int status = read_elements(netlink, set, elements, unreadable);
     if (status == -ENOENT) {
         return 0;  // removed since the sets were listed
     }
-    if (!usable(status, snapshot)) {
+    if (!Usable(status, snapshot)) {
         return status;
     }
-    const auto index = static_cast<uint16_t>(std::min(snapshot.sets.size(), index_max));
-    append(entries_of(set, index, std::move(elements)), snapshot);
+    const auto index = static_cast<std::uint16_t>(std::min(snapshot.sets.size(), kIndexMax));
+    append(EntriesOf(set, index, std::move(elements)), snapshot);
     snapshot.unreadable += unreadable;
     snapshot.sets.push_back(name);
     return 0;
@@ -200,14 +200,14 @@ int read_set(Netlink& netlink, const BlacklistSet& set, BlacklistSnapshot& snaps
 
 Outcome read_failure(int status)
 {
-    return failure(status, "reading the nf_tables sets: %s", describe_status(status).c_str());
+    return Failure(status, "reading the nf_tables sets: %s", DescribeStatus(status).c_str());
 }
 
-void tell_source(const vxi_handle_ops_s* handle, const BlacklistSnapshot& snapshot)
+void TellSource(const vxi_handle_ops_s* handle, const BlacklistSnapshot& snapshot)
 {
     const char* const engine = handle->operations->engine;
-    set_slot_names(engine, Area::blacklist_sets, {snapshot.sets});
-    set_slot_names(engine, Area::blacklist_skipped, {snapshot.skipped});
+    SetSlotNames(engine, Area::kBlacklistSets, {snapshot.sets});
+    SetSlotNames(engine, Area::kBlacklistSkipped, {snapshot.skipped});
     std::string text = "nf_tables sets named blacklist*";
     if (snapshot.interrupted) {
         text += ", incomplete: they changed during each of six readings";
@@ -218,65 +218,65 @@ void tell_source(const vxi_handle_ops_s* handle, const BlacklistSnapshot& snapsh
     if (snapshot.beyond > 0) {
         text += ", " + std::to_string(snapshot.beyond) + " more do not fit";
     }
-    note_source(Table::blacklist, "%s", text.c_str());
+    NoteSource(Table::kBlacklist, "%s", text.c_str());
 }
 
-uint32_t bytes_of(size_t entries)
+std::uint32_t BytesOf(std::size_t entries)
 {
-    return static_cast<uint32_t>(entries * sizeof(vxa_blacklist_entry_s));
+    return static_cast<std::uint32_t>(entries * sizeof(vxa_blacklist_entry_s));
 }
 
-int size_blacklist(vxi_handle_ops_s* handle, vxa_blacklist_get_addrs_s* list)
+int SizeBlacklist(vxi_handle_ops_s* handle, vxa_blacklist_get_addrs_s* list)
 {
     Netlink netlink;
     auto snapshot = std::make_unique<BlacklistSnapshot>();
     const Outcome outcome = read_blacklist(netlink, *snapshot);
-    if (outcome.failed()) {
-        return fail(handle, outcome.status, "%s", outcome.text.c_str());
+    if (outcome.Failed()) {
+        return Fail(handle, outcome.status, "%s", outcome.text.c_str());
     }
-    tell_source(handle, *snapshot);
-    list->entries_size = bytes_of(snapshot->entries.size());
-    list->set_count = static_cast<uint32_t>(snapshot->sets.size());
-    state_of(handle).blacklist = std::move(snapshot);
+    TellSource(handle, *snapshot);
+    list->entries_size = BytesOf(snapshot->entries.size());
+    list->set_count = static_cast<std::uint32_t>(snapshot->sets.size());
+    StateOf(handle).blacklist = std::move(snapshot);
     return 0;
 }
 
 }  // namespace
 
-std::optional<BlacklistSet> blacklist_set(const nlmsghdr& message)
+std::optional<BlacklistSet> DecodeSet(const nlmsghdr& message)
 {
-    if (!is_nft(message, NFT_MSG_NEWSET)) {
+    if (!IsNft(message, NFT_MSG_NEWSET)) {
         return {};
     }
     const Attributes attributes(message, sizeof(nfgenmsg));
-    const auto name = text_of(attributes.find(NFTA_SET_NAME));
-    const auto flags = be32_of(attributes.find(NFTA_SET_FLAGS)).value_or(0);
-    const auto type = be32_of(attributes.find(NFTA_SET_KEY_TYPE)).value_or(0);
-    if (!starts_with(name, "blacklist")) {
+    const auto name = TextOf(attributes.Find(NFTA_SET_NAME));
+    const auto flags = Be32Of(attributes.Find(NFTA_SET_FLAGS)).value_or(0);
+    const auto type = Be32Of(attributes.Find(NFTA_SET_KEY_TYPE)).value_or(0);
+    if (!StartsWith(name, "blacklist")) {
         return {};
     }
     BlacklistSet set;
-    set.nft_family = nft_family(message);
-    set.table = text_of(attributes.find(NFTA_SET_TABLE));
+    set.nft_family = NftFamily(message);
+    set.table = TextOf(attributes.Find(NFTA_SET_TABLE));
     set.name = name;
-    set.family = type == key_type_ipv4 ? 4 : 6;
+    set.family = type == kEyTypeIpv4 ? 4 : 6;
     set.intervals = flags & NFT_SET_INTERVAL;
-    set.timeout_ms = be64_of(attributes.find(NFTA_SET_TIMEOUT)).value_or(0);
-    set.skipped = why_skipped(type, flags);
+    set.timeout_ms = Be64Of(attributes.Find(NFTA_SET_TIMEOUT)).value_or(0);
+    set.skipped = WhySkipped(type, flags);
     return set;
 }
 
-uint64_t take_elements(const nlmsghdr& message, const BlacklistSet& set,
-                       std::vector<BlacklistElement>& elements)
+std::uint64_t TakeElements(const nlmsghdr& message, const BlacklistSet& set,
+                           std::vector<BlacklistElement>& elements)
 {
-    if (!is_nft(message, NFT_MSG_NEWSETELEM)) {
+    if (!IsNft(message, NFT_MSG_NEWSETELEM)) {
         return 0;
     }
-    const nlattr* list = Attributes(message, sizeof(nfgenmsg)).find(NFTA_SET_ELEM_LIST_ELEMENTS);
+    const nlattr* list = Attributes(message, sizeof(nfgenmsg)).Find(NFTA_SET_ELEM_LIST_ELEMENTS);
     if (!list) {
         return 0;  // an empty set
     }
-    uint64_t unreadable = 0;
+    std::uint64_t unreadable = 0;
     for (const nlattr& attribute : Attributes(*list)) {
         BlacklistElement element;
         if (read_element(attribute, set, element)) {
@@ -288,8 +288,8 @@ uint64_t take_elements(const nlmsghdr& message, const BlacklistSet& set,
     return unreadable;
 }
 
-std::vector<vxa_blacklist_entry_s> entries_of(const BlacklistSet& set, uint16_t set_index,
-                                              std::vector<BlacklistElement> elements)
+std::vector<vxa_blacklist_entry_s> EntriesOf(const BlacklistSet& set, std::uint16_t set_index,
+                                             std::vector<BlacklistElement> elements)
 {
     // An end before a start at the same address: neighbours may touch.
     std::sort(elements.begin(), elements.end(), [](const auto& a, const auto& b) {
@@ -299,8 +299,8 @@ std::vector<vxa_blacklist_entry_s> entries_of(const BlacklistSet& set, uint16_t 
     entries.reserve(elements.size());
     for (auto element = elements.begin(); element != elements.end(); ++element) {
         if (!element->ends_interval) {
-            const Address last = last_of(set, element, elements.end());
-            entries.push_back(entry_of(set, set_index, *element, last));
+            const Address last = LastOf(set, element, elements.end());
+            entries.push_back(EntryOf(set, set_index, *element, last));
         }
     }
     return entries;
@@ -308,13 +308,13 @@ std::vector<vxa_blacklist_entry_s> entries_of(const BlacklistSet& set, uint16_t 
 
 Outcome read_blacklist(Netlink& netlink, BlacklistSnapshot& snapshot)
 {
-    const Outcome opened = open_nf_tables(netlink);
-    if (opened.failed()) {
+    const Outcome opened = OpenNfTables(netlink);
+    if (opened.Failed()) {
         return opened;
     }
     std::vector<BlacklistSet> sets;
     int status = read_sets(netlink, sets);
-    if (!usable(status, snapshot)) {
+    if (!Usable(status, snapshot)) {
         return read_failure(status);
     }
     for (const BlacklistSet& set : sets) {
@@ -329,19 +329,19 @@ Outcome read_blacklist(Netlink& netlink, BlacklistSnapshot& snapshot)
 int linux_slots::get_blacklist(vxi_handle_ops_s* handle, vxa_blacklist_get_addrs_s* list)
 {
     if (list->entries_size == 0) {
-        return size_blacklist(handle, list);
+        return SizeBlacklist(handle, list);
     }
-    const auto snapshot = std::move(state_of(handle).blacklist);
+    const auto snapshot = std::move(StateOf(handle).blacklist);
     if (!snapshot) {
-        return fail(handle, -ENODATA, "no snapshot: ask for the size first");
+        return Fail(handle, -ENODATA, "no snapshot: ask for the size first");
     }
-    const size_t room = list->entries_size / sizeof(vxa_blacklist_entry_s);
-    const uint32_t bytes = bytes_of(std::min(room, snapshot->entries.size()));
+    const std::size_t room = list->entries_size / sizeof(vxa_blacklist_entry_s);
+    const std::uint32_t bytes = BytesOf(std::min(room, snapshot->entries.size()));
     // The header is 44 bytes long, so the entries behind it are not aligned.
     std::copy_n(reinterpret_cast<const char*>(snapshot->entries.data()), bytes,
                 reinterpret_cast<char*>(list + 1));
     list->entries_size = bytes;
-    list->set_count = static_cast<uint32_t>(snapshot->sets.size());
+    list->set_count = static_cast<std::uint32_t>(snapshot->sets.size());
     return 0;
 }
 

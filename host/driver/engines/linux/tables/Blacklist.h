@@ -8,41 +8,41 @@
 #include <string>
 #include <vector>
 
-#include "engines/linux/netlink/Netlink.h"
 #include "engines/linux/Outcome.h"
+#include "engines/linux/netlink/Netlink.h"
 #include "vxi/records.h"
 
 namespace vxi {
 
 struct BlacklistSet {
-    uint8_t nft_family;  // NFPROTO_* of its table
+    std::uint8_t nft_family;  // NFPROTO_* of its table
     std::string table;
     std::string name;
-    uint8_t family;                 // of its addresses: 4 or 6
+    std::uint8_t family;            // of its addresses: 4 or 6
     bool intervals;                 // elements come as starts and ends
-    uint64_t timeout_ms;            // of elements that name none
+    std::uint64_t timeout_ms;       // of elements that name none
     const char* skipped = nullptr;  // why it is no list of addresses; null when it is
 
-    size_t address_size() const { return family == 4 ? 4 : 16; }
+    std::size_t address_size() const { return family == 4 ? 4 : 16; }
 };
 
-using Address = std::array<uint8_t, 16>;  // IPv4 in the first 4 bytes
+using Address = std::array<std::uint8_t, 16>;  // IPv4 in the first 4 bytes
 
 // One element as the kernel keeps it.
 struct BlacklistElement {
     Address key = {};
     std::optional<Address> last;  // of a range in one piece; inclusive
     bool ends_interval = false;   // the first address behind an interval
-    std::optional<uint64_t> timeout_ms;
-    std::optional<uint64_t> expires_ms;
+    std::optional<std::uint64_t> timeout_ms;
+    std::optional<std::uint64_t> expires_ms;
 };
 
 struct BlacklistSnapshot {
     std::vector<vxa_blacklist_entry_s> entries;  // by set, then by address
     std::vector<std::string> sets;               // "inet TABLE NAME", as the kernel spells it
     std::vector<std::string> skipped;            // "inet TABLE NAME: REASON"
-    uint64_t unreadable = 0;                     // elements that the kernel described oddly
-    uint64_t beyond = 0;                         // entries that a 32-bit size cannot tell
+    std::uint64_t unreadable = 0;                // elements that the kernel described oddly
+    std::uint64_t beyond = 0;                    // entries that a 32-bit size cannot tell
     bool interrupted = false;                    // sets changed during every one of six readings
 };
 
@@ -50,16 +50,16 @@ struct BlacklistSnapshot {
 Outcome read_blacklist(Netlink& netlink, BlacklistSnapshot& snapshot);
 
 // The set that one message of a dump of sets describes, if its name is that of a blacklist.
-std::optional<BlacklistSet> blacklist_set(const nlmsghdr& message);
+std::optional<BlacklistSet> DecodeSet(const nlmsghdr& message);
 
 // Appends the elements in one message of a dump of a set; returns how many had no key of
 // the set's size.
-uint64_t take_elements(const nlmsghdr& message, const BlacklistSet& set,
-                       std::vector<BlacklistElement>& elements);
+std::uint64_t TakeElements(const nlmsghdr& message, const BlacklistSet& set,
+                           std::vector<BlacklistElement>& elements);
 
 // A set's elements as entries, sorted by address. An interval reaches to the next end or
 // start, and without one to the highest address.
-std::vector<vxa_blacklist_entry_s> entries_of(const BlacklistSet& set, uint16_t set_index,
-                                              std::vector<BlacklistElement> elements);
+std::vector<vxa_blacklist_entry_s> EntriesOf(const BlacklistSet& set, std::uint16_t set_index,
+                                             std::vector<BlacklistElement> elements);
 
 }  // namespace vxi

@@ -7,7 +7,6 @@
 namespace vxi {
 
 // Outcome and shortfall as read_sockets has them.
-Outcome count_sockets(const SocketDump& dump, vxa_get_conn_states_s& states,
-                      std::string& shortfall);
+Outcome CountSockets(const SocketDump& dump, vxa_get_conn_states_s& states, std::string& shortfall);
 
 }  // namespace vxi

@@ -13,29 +13,29 @@ namespace vxi {
 struct FlowList {
     std::vector<vxa_conntrack_entry_s> entries;
     FlowDetails details;  // of those entries that have some
-    uint32_t total = 0;
+    std::uint32_t total = 0;
     bool fetched = true;
 
     // `detail` may be null; its index is set here.
-    void add(const vxa_conntrack_entry_s& entry, const FlowDetail* detail = nullptr);
+    void Add(const vxa_conntrack_entry_s& entry, const FlowDetail* detail = nullptr);
     void append(const FlowList& other);
 };
 
 struct FlowSnapshot {
     FlowList udp;
     FlowList tcp;
-    uint64_t other_protocols = 0;
-    uint64_t unreadable = 0;  // without what makes up a flow
+    std::uint64_t other_protocols = 0;
+    std::uint64_t unreadable = 0;  // without what makes up a flow
 
     // Null for another protocol number than UDP's and TCP's.
-    FlowList* of(uint8_t protocol);
+    FlowList* Of(std::uint8_t protocol);
 
     // Cuts both lists to what one table can hold and offers them for fetching; returns how
     // many flows that are.
-    uint16_t offer();
+    std::uint16_t Offer();
 };
 
 // Serves a fill request from its list and frees that. False when there is nothing on offer.
-bool fetch_flows(FlowSnapshot& snapshot, vxa_dump_conntrack_s& section);
+bool FetchFlows(FlowSnapshot& snapshot, vxa_dump_conntrack_s& section);
 
 }  // namespace vxi

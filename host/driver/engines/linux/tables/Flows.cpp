@@ -5,17 +5,17 @@
 
 #include "api/Message.h"
 #include "api/Source.h"
-#include "engines/linux/netlink/ConntrackDump.h"
 #include "engines/linux/HandleState.h"
-#include "engines/linux/netlink/NetNamespace.h"
 #include "engines/linux/Slots.h"
+#include "engines/linux/netlink/ConntrackDump.h"
+#include "engines/linux/netlink/NetNamespace.h"
 #include "engines/linux/tables/SocketFlows.h"
 
 namespace vxi::linux_slots {
 
 namespace {
 
-const char* no_conntrack(int status)
+const char* NoConntrack(int status)
 {
     switch (status) {
         case 0:
@@ -27,14 +27,14 @@ const char* no_conntrack(int status)
     }
 }
 
-std::string why_sockets(int status)
+std::string WhySockets(int status)
 {
-    const char* const known = no_conntrack(status);
-    return known ? known : "ctnetlink: " + describe_status(status);
+    const char* const known = NoConntrack(status);
+    return known ? known : "ctnetlink: " + DescribeStatus(status);
 }
 
 // Flows of other protocols are no part of the table, nor is what cannot be read.
-void note_conntrack(const FlowSnapshot& flows, bool interrupted)
+void NoteConntrack(const FlowSnapshot& flows, bool interrupted)
 {
     std::string source = "ctnetlink";
     if (interrupted) {
@@ -46,76 +46,76 @@ void note_conntrack(const FlowSnapshot& flows, bool interrupted)
     if (flows.unreadable > 0) {
         source += ", without " + std::to_string(flows.unreadable) + " unreadable";
     }
-    note_source(Table::conntrack, "%s", source.c_str());
+    NoteSource(Table::kConntrack, "%s", source.c_str());
 }
 
 // The waiting ports of the process's latest reading, for the namespace that it was made in.
 class LastWaitingPorts {
 public:
-    WaitingPorts get(uint64_t network)
+    WaitingPorts get(std::uint64_t network)
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        return network == network_ ? ports_ : WaitingPorts();
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return network == m_network ? m_ports : WaitingPorts();
     }
-    void set(uint64_t network, const WaitingPorts& ports)
+    void Set(std::uint64_t network, const WaitingPorts& ports)
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        network_ = network;
-        ports_ = ports;
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_network = network;
+        m_ports = ports;
     }
 
 private:
-    std::mutex mutex_;
-    uint64_t network_ = 0;
-    WaitingPorts ports_;
+    std::mutex m_mutex;
+    std::uint64_t m_network = 0;
+    WaitingPorts m_ports;
 };
 LastWaitingPorts last_waiting_ports;
 
 int read_from_sockets(vxi_handle_ops_s* handle, int conntrack_status, FlowSnapshot& flows)
 {
-    const std::string why = why_sockets(conntrack_status);
+    const std::string why = WhySockets(conntrack_status);
     std::string shortfall;
-    const uint64_t network = network_namespace();
+    const std::uint64_t network = NetworkNamespace();
     WaitingPorts waiting = last_waiting_ports.get(network);
     const Outcome outcome =
-        read_socket_flows(kernel_sockets({flow_socket_states, true}), flows, shortfall, waiting);
-    if (outcome.failed()) {
-        return fail(handle, outcome.status, "%s; %s", why.c_str(), outcome.text.c_str());
+        read_socket_flows(KernelSockets({kFlowSocketStates, true}), flows, shortfall, waiting);
+    if (outcome.Failed()) {
+        return Fail(handle, outcome.status, "%s; %s", why.c_str(), outcome.text.c_str());
     }
-    last_waiting_ports.set(network, waiting);
-    note_source(Table::conntrack, "sock_diag, %s%s", why.c_str(), shortfall.c_str());
+    last_waiting_ports.Set(network, waiting);
+    NoteSource(Table::kConntrack, "sock_diag, %s%s", why.c_str(), shortfall.c_str());
     return 0;
 }
 
 // Where no rule needs tracking the kernel does none, and its table stays empty: sockets
 // then tell more.
-int take_snapshot(vxi_handle_ops_s* handle, FlowSnapshot& flows)
+int TakeSnapshot(vxi_handle_ops_s* handle, FlowSnapshot& flows)
 {
-    uint32_t expected = 0;
-    int status = count_tracked(expected);
+    std::uint32_t expected = 0;
+    int status = CountTracked(expected);
     // A dump walks all buckets of the kernel's table, empty ones too.
     if (status == 0 && expected > 0) {
-        status = read_conntrack(dump_conntrack, flows);
+        status = read_conntrack(DumpConntrack, flows);
     }
     if (status == -ECANCELED) {
-        return fail(handle, status, "ctnetlink: %s", describe_status(status).c_str());
+        return Fail(handle, status, "ctnetlink: %s", DescribeStatus(status).c_str());
     }
     const bool tracked = flows.udp.total + flows.tcp.total > 0;
     if (status == -EINTR || (status == 0 && tracked)) {
-        note_conntrack(flows, status == -EINTR);
+        NoteConntrack(flows, status == -EINTR);
         return 0;
     }
     return read_from_sockets(handle, status, flows);
 }
 
-int count_flows(vxi_handle_ops_s* handle, std::unique_ptr<FlowSnapshot>& kept,
-                vxa_dump_conntrack_s& section)
+int CountFlows(vxi_handle_ops_s* handle, std::unique_ptr<FlowSnapshot>& kept,
+               vxa_dump_conntrack_s& section)
 {
     kept.reset();  // not two at a time
     auto flows = std::make_unique<FlowSnapshot>();
-    const int status = take_snapshot(handle, *flows);
+    const int status = TakeSnapshot(handle, *flows);
     if (status == 0) {
-        section.entry_ct = flows->offer();
+        section.entry_ct = flows->Offer();
         kept = std::move(flows);
     }
     return status;
@@ -126,12 +126,12 @@ int count_flows(vxi_handle_ops_s* handle, std::unique_ptr<FlowSnapshot>& kept,
 int get_conntrack(vxi_handle_ops_s* handle, vxa_dump_conntrack_s* section, unsigned int,
                   unsigned int*)
 {
-    std::unique_ptr<FlowSnapshot>& kept = state_of(handle).flows;
+    std::unique_ptr<FlowSnapshot>& kept = StateOf(handle).flows;
     if (section->protocol == 0) {
-        return count_flows(handle, kept, *section);
+        return CountFlows(handle, kept, *section);
     }
-    if (!kept || !fetch_flows(*kept, *section)) {
-        return fail(handle, -ENODATA, "no snapshot: ask for the count first");
+    if (!kept || !FetchFlows(*kept, *section)) {
+        return Fail(handle, -ENODATA, "no snapshot: ask for the count first");
     }
     return 0;
 }

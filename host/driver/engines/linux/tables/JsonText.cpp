@@ -6,21 +6,21 @@ namespace vxi {
 
 namespace {
 
-bool continues(std::string_view text, size_t i)
+bool Continues(std::string_view text, std::size_t i)
 {
     return i < text.size() && (static_cast<unsigned char>(text[i]) & 0xc0) == 0x80;
 }
 
 // Length of the UTF-8 sequence (RFC 3629) at the text's start: 0 when there is none.
-size_t sequence_length(std::string_view text)
+std::size_t SequenceLength(std::string_view text)
 {
     const auto first = static_cast<unsigned char>(text[0]);
-    const size_t length = first < 0x80 ? 1 : first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4;
+    const std::size_t length = first < 0x80 ? 1 : first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4;
     if ((first >= 0x80 && first < 0xc2) || first > 0xf4) {
         return 0;
     }
-    for (size_t i = 1; i < length; ++i) {
-        if (!continues(text, i)) {
+    for (std::size_t i = 1; i < length; ++i) {
+        if (!Continues(text, i)) {
             return 0;
         }
     }
@@ -43,7 +43,7 @@ void append_json_text(std::string& out, std::string_view text)
 {
     out += '"';
     while (!text.empty()) {
-        const size_t length = sequence_length(text);
+        const std::size_t length = SequenceLength(text);
         const char c = text[0];
         if (length == 0) {
             out += "\\ufffd";

@@ -15,17 +15,17 @@
 #include "api/Message.h"
 #include "api/Profiler.h"
 #include "engines/linux/HandleState.h"
-#include "engines/linux/tables/JsonText.h"
+#include "engines/linux/Slots.h"
 #include "engines/linux/netlink/NetNamespace.h"
 #include "engines/linux/netlink/NftDump.h"
+#include "engines/linux/tables/JsonText.h"
 #include "engines/linux/tables/RulesetJson.h"
-#include "engines/linux/Slots.h"
 
 namespace vxi {
 
 namespace {
 
-constexpr const char* trace_source = "host/driver/engines/linux";
+constexpr const char* kTraceSource = "host/driver/engines/linux";
 
 std::atomic<RuleProfiler*> current{nullptr};
 std::atomic<RuleProfiler*> inherited{nullptr};
@@ -36,7 +36,7 @@ void begin_again_in_child()
     if (RuleProfiler* const parents = current.exchange(nullptr)) {
         inherited = parents;
     }
-    switch_profiling(false);
+    SwitchProfiling(false);
 }
 
 void append_field(std::string& out, const char* name, std::string_view text)
@@ -49,7 +49,7 @@ void append_field(std::string& out, const char* name, std::string_view text)
 void append_rule(std::string& out, const RuleKey& key, const RuleCount& count)
 {
     out += '{';
-    append_field(out, "family", nft_family_name(key.family));
+    append_field(out, "family", NftFamilyName(key.family));
     append_field(out, "table", key.table);
     append_field(out, "chain", count.chain);
     out += "\"handle\": " + std::to_string(key.handle) +
@@ -57,82 +57,82 @@ void append_rule(std::string& out, const RuleKey& key, const RuleCount& count)
            ", \"bytes\": " + std::to_string(count.bytes) + '}';
 }
 
-Outcome count_rules(RuleCounts& counts)
+Outcome CountRules(RuleCounts& counts)
 {
     Netlink netlink;
-    Outcome outcome = open_nf_tables(netlink);
-    if (outcome.failed()) {
+    Outcome outcome = OpenNfTables(netlink);
+    if (outcome.Failed()) {
         return outcome;
     }
     const int status = read_rule_counts(netlink, counts);
     // Rules that change all the time: each counted as it was when its turn came.
     if (status < 0 && status != -EINTR) {
         outcome =
-            failure(status, "reading the rules' counters: %s", describe_status(status).c_str());
+            Failure(status, "reading the rules' counters: %s", DescribeStatus(status).c_str());
     }
     return outcome;
 }
 
 // Rules can be listed at all. Asked before the listing is tried, whose own complaint is
 // less clear.
-Outcome listable()
+Outcome Listable()
 {
     Netlink netlink;
-    return open_nf_tables(netlink);
+    return OpenNfTables(netlink);
 }
 
-int size_profile(vxi_handle_ops_s* handle, uint32_t& size)
+int SizeProfile(vxi_handle_ops_s* handle, std::uint32_t& size)
 {
-    const Outcome access = listable();
-    if (access.failed()) {
-        VXI_TRACE(handle, 1, trace_source, "no rule profile: %s", access.text.c_str());
+    const Outcome access = Listable();
+    if (access.Failed()) {
+        VXI_TRACE(handle, 1, kTraceSource, "no rule profile: %s", access.text.c_str());
         size = 0;
         return 0;
     }
     auto json = std::make_unique<std::string>();
-    const Outcome outcome = process_rule_profiler().report(*json);
-    if (outcome.failed()) {
-        return fail(handle, outcome.status, "%s", outcome.text.c_str());
+    const Outcome outcome = ProcessRuleProfiler().Report(*json);
+    if (outcome.Failed()) {
+        return Fail(handle, outcome.status, "%s", outcome.text.c_str());
     }
     // A caller adds the size field to it in 32 bits.
-    if (json->size() > std::numeric_limits<uint32_t>::max() - sizeof size) {
-        return fail(handle, -EFBIG, "the rules take %zu bytes", json->size());
+    if (json->size() > std::numeric_limits<std::uint32_t>::max() - sizeof size) {
+        return Fail(handle, -EFBIG, "the rules take %zu bytes", json->size());
     }
-    size = static_cast<uint32_t>(json->size());
-    state_of(handle).profile = std::move(json);
+    size = static_cast<std::uint32_t>(json->size());
+    StateOf(handle).profile = std::move(json);
     return 0;
 }
 
 }  // namespace
 
-void take_rule(const nlmsghdr& message, RuleCounts& counts)
+void TakeRule(const nlmsghdr& message, RuleCounts& counts)
 {
-    if (!is_nft(message, NFT_MSG_NEWRULE)) {
+    if (!IsNft(message, NFT_MSG_NEWRULE)) {
         return;
     }
     const Attributes rule(message, sizeof(nfgenmsg));
-    const auto handle = be64_of(rule.find(NFTA_RULE_HANDLE));
-    const auto counted = rule_counts(rule);
+    const auto handle = Be64Of(rule.Find(NFTA_RULE_HANDLE));
+    const auto counted = DecodeCounters(rule);
     if (handle && counted) {
-        counts[{nft_family(message), std::string(text_of(rule.find(NFTA_RULE_TABLE))), *handle}] = {
-            std::string(text_of(rule.find(NFTA_RULE_CHAIN))), counted->packets, counted->bytes};
+        counts[{NftFamily(message), std::string(TextOf(rule.Find(NFTA_RULE_TABLE))), *handle}] = {
+            std::string(TextOf(rule.Find(NFTA_RULE_CHAIN))), counted->packets, counted->bytes};
     }
 }
 
 int read_rule_counts(Netlink& netlink, RuleCounts& counts)
 {
-    return retry_interrupted([&] {
-        alignas(nlmsghdr) char buffer[nft_dump_size];
-        nlmsghdr* request = nft_dump(buffer, NFT_MSG_GETRULE, NFPROTO_UNSPEC);
+    return RetryInterrupted([&] {
+        alignas(nlmsghdr) char buffer[kNftDumpSize];
+        nlmsghdr* request = NftDump(buffer, NFT_MSG_GETRULE, NFPROTO_UNSPEC);
         counts.clear();
-        return netlink.request(*request, [&](const nlmsghdr& message) {
-            take_rule(message, counts);
+        return netlink.Request(*request, [&](const nlmsghdr& message) {
+            TakeRule(message, counts);
             return 0;
         });
     });
 }
 
-RuleCounts counted_since(const RuleCounts& before, const RuleCounts& now)
+RuleCounts CountedSince(const RuleCounts& before, const RuleCounts& now)
 {
     RuleCounts counted = now;
     for (auto& [key, count] : counted) {
@@ -146,7 +146,7 @@ RuleCounts counted_since(const RuleCounts& before, const RuleCounts& now)
     return counted;
 }
 
-std::string profile_json(const RuleCounts& counted, uint64_t milliseconds)
+std::string ProfileJson(const RuleCounts& counted, std::uint64_t milliseconds)
 {
     std::string text =
         "{\"profile\": {\"milliseconds\": " + std::to_string(milliseconds) + ", \"rules\": [";
@@ -161,77 +161,77 @@ std::string profile_json(const RuleCounts& counted, uint64_t milliseconds)
 
 bool append_object(std::string& listing, const std::string& object)
 {
-    constexpr std::string_view end = "]}";
-    if (listing.size() <= end.size() ||
-        listing.compare(listing.size() - end.size(), end.size(), end) != 0) {
+    constexpr std::string_view kEnd = "]}";
+    if (listing.size() <= kEnd.size() ||
+        listing.compare(listing.size() - kEnd.size(), kEnd.size(), kEnd) != 0) {
         return false;
     }
-    listing.resize(listing.size() - end.size());
+    listing.resize(listing.size() - kEnd.size());
     listing += (listing.back() == '[' ? "" : ", ") + object;
-    listing += end;
+    listing += kEnd;
     return true;
 }
 
-Outcome RuleProfiler::set(uint32_t value)
+Outcome RuleProfiler::Set(std::uint32_t value)
 {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     RuleCounts counts;
     if (value == 1) {
-        const Outcome outcome = count_rules(counts);
-        if (outcome.failed()) {
+        const Outcome outcome = CountRules(counts);
+        if (outcome.Failed()) {
             return outcome;
         }
     }
-    before_ = std::move(counts);
-    namespace_ = network_namespace();
-    since_ = std::chrono::steady_clock::now();
-    value_ = value;
-    switch_profiling(value == 1);
+    m_before = std::move(counts);
+    m_namespace = NetworkNamespace();
+    m_since = std::chrono::steady_clock::now();
+    m_value = value;
+    SwitchProfiling(value == 1);
     return {};
 }
 
-uint32_t RuleProfiler::value() const
+std::uint32_t RuleProfiler::Value() const
 {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return value_;
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_value;
 }
 
 // Empty while there is nothing to compare with.
-Outcome RuleProfiler::profile(std::string& object) const
+Outcome RuleProfiler::Profile(std::string& object) const
 {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    if (value_ != 1 || namespace_ != network_namespace()) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_value != 1 || m_namespace != NetworkNamespace()) {
         return {};
     }
     RuleCounts now;
-    const Outcome outcome = count_rules(now);
-    const auto passed = std::chrono::steady_clock::now() - since_;
-    if (!outcome.failed()) {
-        object = profile_json(
-            counted_since(before_, now),
-            static_cast<uint64_t>(
-                std::chrono::duration_cast<std::chrono::milliseconds>(passed).count()));
+    const Outcome outcome = CountRules(now);
+    const auto passed = std::chrono::steady_clock::now() - m_since;
+    if (!outcome.Failed()) {
+        object =
+            ProfileJson(CountedSince(m_before, now),
+                        static_cast<std::uint64_t>(
+                            std::chrono::duration_cast<std::chrono::milliseconds>(passed).count()));
     }
     return outcome;
 }
 
-Outcome RuleProfiler::report(std::string& json) const
+Outcome RuleProfiler::Report(std::string& json) const
 {
     std::string object;
-    Outcome outcome = profile(object);
-    if (!outcome.failed()) {
-        outcome = ruleset_json(json);
+    Outcome outcome = Profile(object);
+    if (!outcome.Failed()) {
+        outcome = RulesetJson(json);
     }
-    if (!outcome.failed() && !object.empty() && !append_object(json, object)) {
-        outcome = failure(-EPROTO, "libnftables' listing does not end as JSON does");
+    if (!outcome.Failed() && !object.empty() && !append_object(json, object)) {
+        outcome = Failure(-EPROTO, "libnftables' listing does not end as JSON does");
     }
     return outcome;
 }
 
-RuleProfiler& process_rule_profiler()
+RuleProfiler& ProcessRuleProfiler()
 {
-    static const int registered = pthread_atfork(nullptr, nullptr, begin_again_in_child);
-    (void)registered;
+    static const int kRegistered = pthread_atfork(nullptr, nullptr, begin_again_in_child);
+    (void)kRegistered;
     RuleProfiler* profiler = current.load();
     if (!profiler) {
         // Never destroyed: handles may be used until the process ends.
@@ -245,18 +245,18 @@ RuleProfiler& process_rule_profiler()
 
 int linux_slots::get_profile_stats(vxi_handle_ops_s* handle, void* record)
 {
-    uint32_t size = 0;
+    std::uint32_t size = 0;
     memcpy(&size, record, sizeof size);
     if (size == 0) {
-        const int status = size_profile(handle, size);
+        const int status = SizeProfile(handle, size);
         memcpy(record, &size, sizeof size);
         return status;
     }
-    const auto json = std::move(state_of(handle).profile);
+    const auto json = std::move(StateOf(handle).profile);
     if (!json) {
-        return fail(handle, -ENODATA, "no snapshot: ask for the size first");
+        return Fail(handle, -ENODATA, "no snapshot: ask for the size first");
     }
-    size = static_cast<uint32_t>(std::min<size_t>(size, json->size()));
+    size = static_cast<std::uint32_t>(std::min<std::size_t>(size, json->size()));
     memcpy(record, &size, sizeof size);
     memcpy(static_cast<char*>(record) + sizeof size, json->data(), size);
     return 0;

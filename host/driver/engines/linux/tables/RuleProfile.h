@@ -9,16 +9,16 @@
 #include <string>
 #include <tuple>
 
-#include "engines/linux/netlink/Netlink.h"
 #include "engines/linux/Outcome.h"
+#include "engines/linux/netlink/Netlink.h"
 
 namespace vxi {
 
 // The kernel numbers the rules of each table by itself.
 struct RuleKey {
-    uint8_t family;
+    std::uint8_t family;
     std::string table;
-    uint64_t handle;
+    std::uint64_t handle;
 
     bool operator<(const RuleKey& other) const
     {
@@ -28,26 +28,26 @@ struct RuleKey {
 
 struct RuleCount {
     std::string chain;
-    uint64_t packets;
-    uint64_t bytes;
+    std::uint64_t packets;
+    std::uint64_t bytes;
 };
 
 using RuleCounts = std::map<RuleKey, RuleCount>;
 
 // Adds the rule in one message of a dump of rules, if it has a counter of its own; of
 // several the first.
-void take_rule(const nlmsghdr& message, RuleCounts& counts);
+void TakeRule(const nlmsghdr& message, RuleCounts& counts);
 
 // All rules that count, of every family; 0 or a negated errno.
 int read_rule_counts(Netlink& netlink, RuleCounts& counts);
 
 // What the rules counted from `before` to `now`. A rule that is new has counted all it shows;
 // so has one whose counter was set back.
-RuleCounts counted_since(const RuleCounts& before, const RuleCounts& now);
+RuleCounts CountedSince(const RuleCounts& before, const RuleCounts& now);
 
 // {"profile": {"milliseconds": N, "rules": [{"family": .., "table": .., "chain": ..,
 // "handle": N, "packets": N, "bytes": N}, ..]}}, every rule that counts.
-std::string profile_json(const RuleCounts& counted, uint64_t milliseconds);
+std::string ProfileJson(const RuleCounts& counted, std::uint64_t milliseconds);
 
 // Puts one more object at the end of the array in a listing of libnftables; false when the
 // listing does not end like one.
@@ -59,28 +59,28 @@ class RuleProfiler {
 public:
     // `inherited` is the parent's after a fork: never used, because a thread of the parent
     // may have been changing it.
-    explicit RuleProfiler(const RuleProfiler* inherited) : inherited_(inherited) {}
+    explicit RuleProfiler(const RuleProfiler* inherited) : m_inherited(inherited) {}
 
     // 1 remembers the counts of this moment; any other value ends the profile.
-    Outcome set(uint32_t value);
-    uint32_t value() const;
+    Outcome Set(std::uint32_t value);
+    std::uint32_t Value() const;
 
     // The listing, with the profile in it while the switch is 1 and rules of the same
     // network namespace are asked for.
-    Outcome report(std::string& json) const;
+    Outcome Report(std::string& json) const;
 
 private:
-    Outcome profile(std::string& object) const;
+    Outcome Profile(std::string& object) const;
 
-    const RuleProfiler* const inherited_;
-    mutable std::mutex mutex_;  // guards everything below
-    uint32_t value_ = 0;
-    RuleCounts before_;
-    uint64_t namespace_ = 0;
-    std::chrono::steady_clock::time_point since_;
+    const RuleProfiler* const m_inherited;
+    mutable std::mutex m_mutex;  // guards everything below
+    std::uint32_t m_value = 0;
+    RuleCounts m_before;
+    std::uint64_t m_namespace = 0;
+    std::chrono::steady_clock::time_point m_since;
 };
 
 // The child of a fork gets one of its own, switched off.
-RuleProfiler& process_rule_profiler();
+RuleProfiler& ProcessRuleProfiler();
 
 }  // namespace vxi

@@ -3,17 +3,17 @@
 
 #include <bitset>
 
-#include "engines/linux/tables/FlowSnapshot.h"
 #include "engines/linux/netlink/SocketDump.h"
+#include "engines/linux/tables/FlowSnapshot.h"
 
 namespace vxi {
 
 // The states that a connection's socket can be in, and those that wait for connections.
-constexpr uint32_t flow_socket_states = ~0u & ~(1u << SocketBound);
+constexpr std::uint32_t kFlowSocketStates = ~0u & ~(1u << kSocketBound);
 
 // The flow of a socket that has a peer, from this host's end to the peer's.
-vxa_conntrack_entry_s socket_flow(uint8_t protocol, const inet_diag_msg& socket,
-                                  const Attributes& details);
+vxa_conntrack_entry_s SocketFlow(std::uint8_t protocol, const inet_diag_msg& socket,
+                                 const Attributes& details);
 
 using Ports = std::bitset<65536>;
 

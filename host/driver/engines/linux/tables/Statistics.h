@@ -14,23 +14,23 @@ namespace vxi {
 // own, so that a figure keeps its place while another part grows.
 class AreaWriter {
 public:
-    AreaWriter(uint64_t* slots, unsigned count);
+    AreaWriter(std::uint64_t* slots, unsigned count);
 
     // From `first` on; what does not fit before `end` waits for `finish`.
-    void put(unsigned first, unsigned end, ProcItems found);
+    void Put(unsigned first, unsigned end, ProcItems found);
     // The same, but what does not fit is dropped.
-    void put_or_drop(unsigned first, unsigned end, ProcItems found);
-    void put_one(unsigned slot, const char* name, uint64_t value);
-    void drop(uint64_t items) { names_.dropped += static_cast<unsigned>(items); }
+    void PutOrDrop(unsigned first, unsigned end, ProcItems found);
+    void PutOne(unsigned slot, const char* name, std::uint64_t value);
+    void Drop(std::uint64_t items) { m_names.dropped += static_cast<unsigned>(items); }
 
     // Puts what waits into slots that are still free and drops the rest.
-    SlotNames finish();
+    SlotNames Finish();
 
 private:
-    uint64_t* slots_;
-    unsigned count_;
-    SlotNames names_;
-    std::vector<ProcItem> waiting_;
+    std::uint64_t* m_slots;
+    unsigned m_count;
+    SlotNames m_names;
+    std::vector<ProcItem> m_waiting;
 };
 
 struct StatisticsNames {
@@ -45,7 +45,7 @@ struct StatisticsFolders {
     std::string net = "/proc/thread-self/net/";
     std::string netfilter = "/proc/sys/net/netfilter/";
 };
-StatisticsNames fill_statistics(const StatisticsFolders& folders, uint64_t* area1, uint64_t* area2,
-                                uint64_t* area3);
+StatisticsNames FillStatistics(const StatisticsFolders& folders, std::uint64_t* area1,
+                               std::uint64_t* area2, std::uint64_t* area3);
 
 }  // namespace vxi

@@ -23,22 +23,22 @@
 
 class Message {
 public:
-    explicit Message(const std::string& bytes) : size_(bytes.size()), bytes_(new char[size_])
+    explicit Message(const std::string& bytes) : m_size(bytes.size()), m_bytes(new char[m_size])
     {
-        memcpy(bytes_.get(), bytes.data(), size_);
-        header().nlmsg_len = static_cast<uint32_t>(size_);
+        memcpy(m_bytes.get(), bytes.data(), m_size);
+        Header().nlmsg_len = static_cast<std::uint32_t>(m_size);
     }
 
     // The first `size` bytes, whose header says so.
-    Message Cut(size_t size) const { return Message({bytes_.get(), size}); }
+    Message Cut(std::size_t size) const { return Message({m_bytes.get(), size}); }
 
-    nlmsghdr& header() const { return *reinterpret_cast<nlmsghdr*>(bytes_.get()); }
-    char* bytes() const { return bytes_.get(); }
-    size_t size() const { return size_; }
+    nlmsghdr& Header() const { return *reinterpret_cast<nlmsghdr*>(m_bytes.get()); }
+    char* Bytes() const { return m_bytes.get(); }
+    std::size_t size() const { return m_size; }
 
 private:
-    size_t size_;
-    std::unique_ptr<char[]> bytes_;
+    std::size_t m_size;
+    std::unique_ptr<char[]> m_bytes;
 };
 
 template <class Plain>
@@ -49,13 +49,13 @@ std::string BytesOf(const Plain& plain)
 
 // An attribute with bytes, or with others in it.
 struct Attribute {
-    uint16_t type;
+    std::uint16_t type;
     std::string bytes;
     std::vector<Attribute> nested = {};
 };
 using AttributeList = std::vector<Attribute>;
 
-inline Attribute Nest(uint16_t type, AttributeList nested)
+inline Attribute Nest(std::uint16_t type, AttributeList nested)
 {
     return {type, "", std::move(nested)};
 }
@@ -65,7 +65,8 @@ inline std::string Serialize(const AttributeList& attributes)
     std::string all;
     for (const Attribute& each : attributes) {
         std::string body = each.bytes + Serialize(each.nested);
-        all += BytesOf(nlattr{static_cast<uint16_t>(MNL_ATTR_HDRLEN + body.size()), each.type});
+        all +=
+            BytesOf(nlattr{static_cast<std::uint16_t>(MNL_ATTR_HDRLEN + body.size()), each.type});
         body.resize(MNL_ALIGN(body.size()));
         all += body;
     }
@@ -73,7 +74,7 @@ inline std::string Serialize(const AttributeList& attributes)
 }
 
 // `head` is what stands between the netlink header and the attributes.
-inline Message Compose(uint16_t type, const std::string& head, const AttributeList& attributes)
+inline Message Compose(std::uint16_t type, const std::string& head, const AttributeList& attributes)
 {
     nlmsghdr header = {};
     header.nlmsg_type = type;
@@ -81,11 +82,12 @@ inline Message Compose(uint16_t type, const std::string& head, const AttributeLi
 }
 
 // The attribute that a path of types leads to gets another size, or goes away with -1.
-inline AttributeList Resized(AttributeList attributes, const std::vector<uint16_t>& path, int size)
+inline AttributeList Resized(AttributeList attributes, const std::vector<std::uint16_t>& path,
+                             int size)
 {
     AttributeList* level = &attributes;
     auto at = level->end();
-    for (const uint16_t type : path) {
+    for (const std::uint16_t type : path) {
         level = at == level->end() ? level : &at->nested;
         at = level->begin();
         while (at->type != type) {
@@ -95,24 +97,24 @@ inline AttributeList Resized(AttributeList attributes, const std::vector<uint16_
     if (size < 0) {
         level->erase(at);
     } else {
-        at->bytes.resize(static_cast<size_t>(size));
+        at->bytes.resize(static_cast<std::size_t>(size));
     }
     return attributes;
 }
 
-constexpr uint16_t new_flow = NFNL_SUBSYS_CTNETLINK << 8 | IPCTNL_MSG_CT_NEW;
+constexpr std::uint16_t kNewFlow = NFNL_SUBSYS_CTNETLINK << 8 | IPCTNL_MSG_CT_NEW;
 
-inline Attribute Counters(uint16_t type, uint64_t packets, uint64_t bytes)
+inline Attribute Counters(std::uint16_t type, std::uint64_t packets, std::uint64_t bytes)
 {
     return Nest(type, {{CTA_COUNTERS_PACKETS, BytesOf(htobe64(packets))},
                        {CTA_COUNTERS_BYTES, BytesOf(htobe64(bytes))}});
 }
 
 // 10.0.0.1:1234 > 10.0.0.2:80
-inline AttributeList FlowAttributes(uint8_t protocol = IPPROTO_TCP)
+inline AttributeList FlowAttributes(std::uint8_t protocol = IPPROTO_TCP)
 {
-    const uint32_t status = IPS_SEEN_REPLY | IPS_ASSURED | IPS_CONFIRMED | IPS_OFFLOAD;
-    const uint8_t established = TCP_CONNTRACK_ESTABLISHED;
+    const std::uint32_t status = IPS_SEEN_REPLY | IPS_ASSURED | IPS_CONFIRMED | IPS_OFFLOAD;
+    const std::uint8_t established = TCP_CONNTRACK_ESTABLISHED;
     return {
         Nest(CTA_TUPLE_ORIG, {Nest(CTA_TUPLE_IP, {{CTA_IP_V4_SRC, BytesOf(inet_addr("10.0.0.1"))},
                                                   {CTA_IP_V4_DST, BytesOf(inet_addr("10.0.0.2"))}}),
@@ -127,17 +129,18 @@ inline AttributeList FlowAttributes(uint8_t protocol = IPPROTO_TCP)
         Counters(CTA_COUNTERS_REPLY, 3, 9)};
 }
 
-inline Message Flow(const AttributeList& attributes = FlowAttributes(), uint16_t type = new_flow)
+inline Message Flow(const AttributeList& attributes = FlowAttributes(),
+                    std::uint16_t type = kNewFlow)
 {
     return Compose(type, BytesOf(nfgenmsg{}), attributes);
 }
 
 struct SocketSample {
-    uint8_t state = vxi::SocketEstablished;
-    uint16_t near_port = 40000;
-    uint16_t far_port = 443;
-    size_t info_size = sizeof(tcp_info);
-    size_t mark_size = 4;
+    std::uint8_t state = vxi::kSocketEstablished;
+    std::uint16_t near_port = 40000;
+    std::uint16_t far_port = 443;
+    std::size_t info_size = sizeof(tcp_info);
+    std::size_t mark_size = 4;
 };
 
 inline Message Socket(const SocketSample& sample = {})
@@ -151,31 +154,32 @@ inline Message Socket(const SocketSample& sample = {})
     info.tcpi_bytes_sent = 11;
     info.tcpi_bytes_received = 22;
     const AttributeList attributes = {{INET_DIAG_INFO, BytesOf(info)},
-                                      {INET_DIAG_MARK, BytesOf(uint64_t{77})}};
+                                      {INET_DIAG_MARK, BytesOf(std::uint64_t{77})}};
     return Compose(SOCK_DIAG_BY_FAMILY, BytesOf(head),
                    Resized(Resized(attributes, {INET_DIAG_INFO}, int(sample.info_size)),
                            {INET_DIAG_MARK}, int(sample.mark_size)));
 }
 
-inline Message Nft(uint16_t type, const AttributeList& attributes)
+inline Message Nft(std::uint16_t type, const AttributeList& attributes)
 {
-    return Compose(static_cast<uint16_t>(NFNL_SUBSYS_NFTABLES << 8 | type),
+    return Compose(static_cast<std::uint16_t>(NFNL_SUBSYS_NFTABLES << 8 | type),
                    BytesOf(nfgenmsg{NFPROTO_BRIDGE, 0, 0}), attributes);
 }
 
 // With `key_size` bytes of 1.2.3.4.
-inline Message SetElement(size_t key_size = 4)
+inline Message SetElement(std::size_t key_size = 4)
 {
     std::string key = BytesOf(inet_addr("1.2.3.4"));
     key.resize(key_size);
-    return Nft(NFT_MSG_NEWSETELEM,
-               {Nest(NFTA_SET_ELEM_LIST_ELEMENTS,
-                     {Nest(NFTA_LIST_ELEM, {Nest(NFTA_SET_ELEM_KEY, {{NFTA_DATA_VALUE, key}}),
-                                            {NFTA_SET_ELEM_TIMEOUT, BytesOf(htobe64(61999))},
-                                            {NFTA_SET_ELEM_EXPIRATION, BytesOf(~uint64_t{0})}})})});
+    return Nft(
+        NFT_MSG_NEWSETELEM,
+        {Nest(NFTA_SET_ELEM_LIST_ELEMENTS,
+              {Nest(NFTA_LIST_ELEM, {Nest(NFTA_SET_ELEM_KEY, {{NFTA_DATA_VALUE, key}}),
+                                     {NFTA_SET_ELEM_TIMEOUT, BytesOf(htobe64(61999))},
+                                     {NFTA_SET_ELEM_EXPIRATION, BytesOf(~std::uint64_t{0})}})})});
 }
 
-inline Message Set(const std::string& name, uint32_t key_type)
+inline Message Set(const std::string& name, std::uint32_t key_type)
 {
     return Nft(NFT_MSG_NEWSET, {{NFTA_SET_TABLE, "t"},
                                 {NFTA_SET_NAME, name},
@@ -184,8 +188,8 @@ inline Message Set(const std::string& name, uint32_t key_type)
 
 inline AttributeList CounterAttributes()
 {
-    return {{NFTA_COUNTER_BYTES, BytesOf(uint64_t{1})},
-            {NFTA_COUNTER_PACKETS, BytesOf(uint64_t{2})}};
+    return {{NFTA_COUNTER_BYTES, BytesOf(std::uint64_t{1})},
+            {NFTA_COUNTER_PACKETS, BytesOf(std::uint64_t{2})}};
 }
 
 inline Message NamedCounter(const std::string& name)

@@ -3,9 +3,9 @@
 
 #include <cerrno>
 
-#include "engines/linux/tables/JsonText.h"
 #include "engines/linux/proc/KernelSettings.h"
 #include "engines/linux/proc/ProcText.h"
+#include "engines/linux/tables/JsonText.h"
 #include "engines/linux/tables/RuleProfile.h"
 #include "engines/linux/tables/Statistics.h"
 
@@ -20,25 +20,25 @@ std::string Show(const ProcItems& found)
     std::string text;
     for (const auto& item : found.items) {
         text += (text.empty() ? "" : " ") + item.name + "=" +
-                std::to_string(static_cast<int64_t>(item.value));
+                std::to_string(static_cast<std::int64_t>(item.value));
     }
     return text + (found.unreadable ? " !" + std::to_string(found.unreadable) : "");
 }
 
 ProcItems Paired(std::string_view text)
 {
-    return vxi::paired_lines(text, "Skip");
+    return vxi::PairedLines(text, "Skip");
 }
 
 ProcItems Columns(std::string_view text)
 {
-    return vxi::column_sums(text, "p", std::string_view("entries"));
+    return vxi::ColumnSums(text, "p", std::string_view("entries"));
 }
 
 ProcItems Interfaces(std::string_view lines)
 {
     ProcItems all;
-    for (auto& each : vxi::interface_lines("\n|received drop|sent colls\n" + std::string(lines))) {
+    for (auto& each : vxi::InterfaceLines("\n|received drop|sent colls\n" + std::string(lines))) {
         all.unreadable += each.counters.unreadable;
         all.items.insert(all.items.end(), each.counters.items.begin(), each.counters.items.end());
     }
@@ -64,13 +64,13 @@ TEST(ProcText, Tables)
         {Paired, "no colon\nIp: A\n: : :\nIp: 1\n", ""},
         {Paired, "Ip: A\0B\nIp: 1 2\n"s, "Ip.A\0B=1"},
         {Paired, "Skip: A\nSkip: 1\nIp: B\nIp: 2\n", "Ip.B=2"},
-        {vxi::single_lines, "Ip6InReceives   \t 5\nUdp6X 7\n", "Ip6InReceives=5 Udp6X=7"},
-        {vxi::single_lines, "Icmp6InType128 3\nIcmp6OutType1 3\nIcmp6InTypes 3\nType1 4\n",
+        {vxi::SingleLines, "Ip6InReceives   \t 5\nUdp6X 7\n", "Ip6InReceives=5 Udp6X=7"},
+        {vxi::SingleLines, "Icmp6InType128 3\nIcmp6OutType1 3\nIcmp6InTypes 3\nType1 4\n",
          "Icmp6InTypes=3 Type1=4"},
-        {vxi::single_lines, "A\nB 1 2\nC x\nD 4", "D=4 !3"},
-        {vxi::grouped_lines, "sockets: used 17\nTCP: inuse 1 orphan 0\n",
+        {vxi::SingleLines, "A\nB 1 2\nC x\nD 4", "D=4 !3"},
+        {vxi::GroupedLines, "sockets: used 17\nTCP: inuse 1 orphan 0\n",
          "sockets.used=17 TCP.inuse=1 TCP.orphan=0"},
-        {vxi::grouped_lines, "TCP: inuse 1 orphan\nUDP:\nRAW", "TCP.inuse=1 !1"},
+        {vxi::GroupedLines, "TCP: inuse 1 orphan\nUDP:\nRAW", "TCP.inuse=1 !1"},
         {Columns, "entries found drop\n", "p.found=0 p.drop=0"},
         {Columns, "entries  found drop\n0a 10 ff\n0a 01 01\n", "p.found=17 p.drop=256"},
         {Columns, "entries found drop\n1 2 3\n1 2\n",
@@ -86,8 +86,8 @@ TEST(ProcText, Tables)
     for (const auto& row : rows) {
         EXPECT_STREQ(Show(row.read(row.text)).c_str(), row.found.c_str()) << row.text;
     }
-    EXPECT_TRUE(vxi::interface_lines("x\ny").empty());
-    EXPECT_EQ(Show(vxi::column_sums("1 2 3\n10 20 30\n", "s", {"a", nullptr, "c", "d"})),
+    EXPECT_TRUE(vxi::InterfaceLines("x\ny").empty());
+    EXPECT_EQ(Show(vxi::ColumnSums("1 2 3\n10 20 30\n", "s", {"a", nullptr, "c", "d"})),
               "s.a=17 s.c=51");
 }
 
@@ -104,36 +104,36 @@ TEST(ProcText, FilesThatCannotBeRead)
 
 TEST(KernelSettings, NoneReadsAsAbsentWhenItIsThere)
 {
-    const std::pair<std::optional<int64_t>, uint32_t> rows[] = {
+    const std::pair<std::optional<std::int64_t>, std::uint32_t> rows[] = {
         {{}, 0xffffffff},         {0, 0},
         {-1, 0xfffffffe},         {0xfffffffd, 0xfffffffd},
-        {0xffffffff, 0xfffffffe}, {int64_t{1} << 40, 0xfffffffe}};
+        {0xffffffff, 0xfffffffe}, {std::int64_t{1} << 40, 0xfffffffe}};
     for (const auto& [value, read] : rows) {
-        EXPECT_EQ(vxi::setting_value(value), read);
+        EXPECT_EQ(vxi::SettingValue(value), read);
     }
 }
 
 TEST(AreaWriter, LetsAPartGrowIntoWhatOthersLeave)
 {
     const ProcItems items = {{{"a", 1}, {"b", 2}, {"c", 3}}};
-    uint64_t slots[7] = {9, 9, 9, 9, 9, 9, 9};
+    std::uint64_t slots[7] = {9, 9, 9, 9, 9, 9, 9};
     vxi::AreaWriter area(slots, 7);
-    area.put(0, 1, items);                                        // two wait
-    area.put_or_drop(3, 5, {{{"x", 4}, {"y", 5}, {"z", 6}}, 0});  // one is dropped
-    area.put_one(6, "own", 7);
-    area.put(2, 3, items);  // two wait, and find one slot
-    const vxi::SlotNames names = area.finish();
+    area.Put(0, 1, items);                                      // two wait
+    area.PutOrDrop(3, 5, {{{"x", 4}, {"y", 5}, {"z", 6}}, 0});  // one is dropped
+    area.PutOne(6, "own", 7);
+    area.Put(2, 3, items);  // two wait, and find one slot
+    const vxi::SlotNames names = area.Finish();
     EXPECT_EQ(names.names, (std::vector<std::string>{"a", "b", "a", "x", "y", "c", "own"}));
     EXPECT_EQ(names.dropped, 3u);
-    EXPECT_EQ(std::vector<uint64_t>(slots, slots + 7),
-              (std::vector<uint64_t>{1, 2, 1, 4, 5, 3, 7}));
+    EXPECT_EQ(std::vector<std::uint64_t>(slots, slots + 7),
+              (std::vector<std::uint64_t>{1, 2, 1, 4, 5, 3, 7}));
 }
 
 TEST(Statistics, WithoutAnyTable)
 {
-    uint64_t area1[208], area2[30], area3[555];
+    std::uint64_t area1[208], area2[30], area3[555];
     const auto names =
-        vxi::fill_statistics({"/proc/no such folder/", "/proc/none/"}, area1, area2, area3);
+        vxi::FillStatistics({"/proc/no such folder/", "/proc/none/"}, area1, area2, area3);
     EXPECT_EQ(names.tables, 0u);
     EXPECT_NE(names.source.find("without snmp snmp6 sockstat sockstat6"), names.source.npos);
     EXPECT_TRUE(names.areas[0].names[0].empty());
@@ -148,7 +148,7 @@ TEST(RuleProfile, SubtractsWhatWasCountedBefore)
     const vxi::RuleCounts now = {{{1, "t", 1}, {"c", 15, 120}},
                                  {{1, "t", 2}, {"c", 3, 30}},        // set back
                                  {{1, "\"\xff", 4}, {"c", 7, 70}}};  // new
-    EXPECT_EQ(vxi::profile_json(vxi::counted_since(before, now), 1500),
+    EXPECT_EQ(vxi::ProfileJson(vxi::CountedSince(before, now), 1500),
               R"({"profile": {"milliseconds": 1500, "rules": [)"
               R"({"family": "inet", "table": "\"\ufffd", "chain": "c", "handle": 4, )"
               R"("packets": 7, "bytes": 70}, )"

@@ -8,33 +8,33 @@
 #include <stdexcept>
 #include <thread>
 
-#include "support/kernel/Kernel.h"
-#include "support/kernel/Traffic.h"
 #include "engines/linux/scan/ScanMonitor.h"
 #include "engines/linux/scan/ScanTable.h"
+#include "support/kernel/Kernel.h"
+#include "support/kernel/Traffic.h"
 
 using kernel::Eventually;
 using kernel::Run;
 using kernel::Tables;
+using traffic::kPort;
 using traffic::Local;
-using traffic::port;
 
 namespace {
 
-using Counters = std::array<uint64_t, VXI_SCAN_COUNTERS>;
+using Counters = std::array<std::uint64_t, VXI_SCAN_COUNTERS>;
 
 // What traffic determines exactly: opened, established, half-open closed, closed, reset.
-using Figures = std::array<uint64_t, 5>;
+using Figures = std::array<std::uint64_t, 5>;
 
-void Start(uint32_t direction = VXI_SCAN_INBOUND, uint16_t at = port)
+void Start(std::uint32_t direction = VXI_SCAN_INBOUND, std::uint16_t at = kPort)
 {
     const OpenHandle handle = kernel::Open();
-    ASSERT_EQ(monitor_port(handle.get(), at, direction), 0) << error_text(handle.get());
+    ASSERT_EQ(MonitorPort(handle.get(), at, direction), 0) << ErrorText(handle.get());
 }
 
-int Ask(const OpenHandle& handle, uint32_t direction, Counters* counters = nullptr)
+int Ask(const OpenHandle& handle, std::uint32_t direction, Counters* counters = nullptr)
 {
-    scan_metrics_request request = scan_request(port, direction);
+    scan_metrics_request request = ScanRequest(kPort, direction);
     const int status = vxi_get_scan_metrics(handle.get(), &request, sizeof request);
     if (counters) {
         std::copy_n(request.counter, VXI_SCAN_COUNTERS, counters->begin());
@@ -42,11 +42,11 @@ int Ask(const OpenHandle& handle, uint32_t direction, Counters* counters = nullp
     return status;
 }
 
-Counters Read(uint32_t direction = VXI_SCAN_INBOUND)
+Counters Read(std::uint32_t direction = VXI_SCAN_INBOUND)
 {
     Counters counters = {};
     const OpenHandle handle = kernel::Open();
-    EXPECT_EQ(Ask(handle, direction, &counters), 0) << error_text(handle.get());
+    EXPECT_EQ(Ask(handle, direction, &counters), 0) << ErrorText(handle.get());
     return counters;
 }
 
@@ -59,7 +59,7 @@ Figures Exact(const Counters& counters)
 
 // The last packets may still be under way when the calls that sent them have returned. Ends the
 // case when the counters stay wrong: those that follow would wait as long for what cannot come.
-void ExpectSoon(const Figures& expected, uint32_t direction = VXI_SCAN_INBOUND,
+void ExpectSoon(const Figures& expected, std::uint32_t direction = VXI_SCAN_INBOUND,
                 unsigned seconds = 10)
 {
     if (Eventually([&] { return Exact(Read(direction)) == expected; }, seconds)) return;
@@ -67,16 +67,16 @@ void ExpectSoon(const Figures& expected, uint32_t direction = VXI_SCAN_INBOUND,
     throw std::runtime_error("the counters stayed as they were");
 }
 
-void InBothDirections(void (*body)(uint32_t direction))
+void InBothDirections(void (*body)(std::uint32_t direction))
 {
-    for (const uint32_t direction : {VXI_SCAN_INBOUND, VXI_SCAN_OUTBOUND}) {
+    for (const std::uint32_t direction : {VXI_SCAN_INBOUND, VXI_SCAN_OUTBOUND}) {
         SCOPED_TRACE(direction == VXI_SCAN_INBOUND ? "inbound" : "outbound");
         kernel::InOwn([&] { body(direction); });
     }
 }
 
 // Packets and bytes there and back, as rules of nft count them.
-void Witness(uint32_t direction)
+void Witness(std::uint32_t direction)
 {
     const char* const names[] = {"input", "output"};
     const std::string there = names[direction == VXI_SCAN_OUTBOUND];
@@ -89,7 +89,7 @@ void Witness(uint32_t direction)
         back + " priority 10; tcp sport 8443 counter name back; }; }'");
 }
 
-void CountOutcomes(uint32_t direction)
+void CountOutcomes(std::uint32_t direction)
 {
     Witness(direction);
     Figures total = {};
@@ -100,7 +100,7 @@ void CountOutcomes(uint32_t direction)
     for (const int family : {4, 6}) {
         Start(direction);  // goes on
         const traffic::Place place = Local(family);
-        const traffic::Place other = Local(family, port + 1);
+        const traffic::Place other = Local(family, kPort + 1);
         traffic::BeRefused(other, 5);
         traffic::BeRefused(place, 30);
         expect_more({30, 0, 30, 30, 0});
@@ -127,7 +127,7 @@ KERNEL_TEST(Scan, CountsEachOutcomeExactly)
 
 // Those that wait for room are left alone; those whose openers do not get the answer, though
 // the engine sees it, are counted once as they time out.
-void CountUnfinished(uint32_t direction)
+void CountUnfinished(std::uint32_t direction)
 {
     // The least that the kernel takes: the openers repeat their SYN after a second.
     Run("echo 0 > /proc/sys/net/ipv4/tcp_synack_retries");
@@ -146,7 +146,7 @@ void CountUnfinished(uint32_t direction)
         "tcp sport 8443 tcp flags == syn|ack drop; }; }'");
     v4 = traffic::Listen(Local(4));
     v6 = traffic::Listen(Local(6));
-    Start(direction, port + 1);
+    Start(direction, kPort + 1);
     Start(direction);
     const auto clients4 = traffic::Attempt(Local(4), 40);
     const auto clients6 = traffic::Attempt(Local(6), 20);
@@ -170,26 +170,26 @@ KERNEL_TEST(Scan, TellsTheDirectionsApart)
             "ip addr add fd00:9::2/64 dev near nodad");
         Start(VXI_SCAN_OUTBOUND);
         for (int i = 0; i < 20; ++i) {
-            traffic::Connect({"10.9.0.1", port});
-            traffic::Connect({"fd00:9::1", port});
+            traffic::Connect({"10.9.0.1", kPort});
+            traffic::Connect({"fd00:9::1", kPort});
         }
-        traffic::BeRefused({"10.9.0.3", port}, 5);
-        traffic::BeRefused({"fd00:9::3", port}, 6);
+        traffic::BeRefused({"10.9.0.3", kPort}, 5);
+        traffic::BeRefused({"fd00:9::3", kPort}, 6);
         ExpectSoon({51, 40, 11, 51, 0}, VXI_SCAN_OUTBOUND);
     });
     kernel::AwaitStop(opener);
     Run("ip link add far type veth peer name near netns " + std::to_string(opener) +
         "; ip link set far up; for i in 1 3; do ip addr add 10.9.0.$i/24 dev far; "
         "ip addr add fd00:9::$i/64 dev far nodad; done");
-    const auto v4 = traffic::Listen({"10.9.0.1", port});
-    const auto v6 = traffic::Listen({"fd00:9::1", port});
+    const auto v4 = traffic::Listen({"10.9.0.1", kPort});
+    const auto v6 = traffic::Listen({"fd00:9::1", kPort});
     Start();
     kill(opener, SIGCONT);
     kernel::ExpectEnd(opener);
     ExpectSoon({51, 40, 11, 51, 0});
 }
 
-uint64_t Uncounted()
+std::uint64_t Uncounted()
 {
     Statistics stats;
     EXPECT_EQ(vxi_get_stats(kernel::Open().get(), &stats, sizeof stats), 0);
@@ -211,7 +211,7 @@ KERNEL_TEST(Scan, CountsConnectionsBesideAFloodOfOpenings)
     EXPECT_EQ(counters[VXI_SCAN_ESTABLISHED], 50u);
     EXPECT_EQ(reported, "");
     // Most of them are given up long before the last repetition of an answer.
-    const uint64_t brief = flooded - vxi::half_open_lasting_max;
+    const std::uint64_t brief = flooded - vxi::kHalfOpenLastingMax;
     EXPECT_TRUE(Eventually([&] { return Read()[VXI_SCAN_HALF_OPEN_CLOSED] >= brief; }));
 
     // What finds no room at all is in no counter, and is not passed over in silence.
@@ -228,21 +228,21 @@ KERNEL_TEST(Scan, CountsConnectionsBesideAFloodOfOpenings)
 // Scanners send what no connection begins with.
 KERNEL_TEST(Scan, TakesNoStraySegmentForAConnection)
 {
-    constexpr uint8_t ece = 0x40, cwr = 0x80;
+    constexpr std::uint8_t kEce = 0x40, kCwr = 0x80;
     const Figures nothing = {}, opened = {1, 0, 0, 0, 0}, reset = {0, 0, 0, 1, 1};
-    const std::pair<uint8_t, Figures> cases[] = {{0, nothing},
-                                                 {TH_FIN | TH_PUSH | TH_URG, nothing},
-                                                 {TH_SYN | TH_FIN, nothing},
-                                                 {TH_SYN | TH_ACK, nothing},
-                                                 {TH_ACK, nothing},
-                                                 {TH_FIN | TH_ACK, {0, 0, 0, 1, 0}},
-                                                 {TH_SYN | TH_RST, reset},
-                                                 {TH_RST, reset},
-                                                 {TH_SYN, opened},
-                                                 {TH_SYN | ece | cwr, opened}};
+    const std::pair<std::uint8_t, Figures> cases[] = {{0, nothing},
+                                                      {TH_FIN | TH_PUSH | TH_URG, nothing},
+                                                      {TH_SYN | TH_FIN, nothing},
+                                                      {TH_SYN | TH_ACK, nothing},
+                                                      {TH_ACK, nothing},
+                                                      {TH_FIN | TH_ACK, {0, 0, 0, 1, 0}},
+                                                      {TH_SYN | TH_RST, reset},
+                                                      {TH_RST, reset},
+                                                      {TH_SYN, opened},
+                                                      {TH_SYN | kEce | kCwr, opened}};
     for (const auto& [flags, expected] : cases) {
         SCOPED_TRACE(testing::Message() << "flags " << unsigned{flags});
-        Start(VXI_SCAN_INBOUND, port + 1);
+        Start(VXI_SCAN_INBOUND, kPort + 1);
         Start();
         traffic::SendSegments(flags);
         EXPECT_EQ(Read()[VXI_SCAN_PACKETS_FORWARD], 1u);
@@ -298,12 +298,12 @@ KERNEL_TEST(ScanLife, EngineChosenLaterCountsTheSamePortOnly)
     ASSERT_EQ(vxi_engine_select("sim"), 0);
     const OpenHandle simulated(vxi_open());
     EXPECT_EQ(Ask(simulated, VXI_SCAN_INBOUND), -ENOENT);
-    ASSERT_EQ(monitor_port(simulated.get(), port), 0);
+    ASSERT_EQ(MonitorPort(simulated.get(), kPort), 0);
     ExpectSoon({});
     EXPECT_EQ(Tables(), TableOf(getpid()));
     const OpenHandle handle = kernel::Open();
     EXPECT_EQ(Ask(handle, VXI_SCAN_OUTBOUND), -ENOENT);
-    EXPECT_EQ(error_text(handle.get()),
+    EXPECT_EQ(ErrorText(handle.get()),
               "engine linux: vxi_get_scan_metrics: port 8443 outbound is not monitored (port "
               "8443 inbound is)");
 }
@@ -336,7 +336,7 @@ KERNEL_TEST(ScanLife, SurvivesOthers)
 
 KERNEL_TEST(ScanLife, ServesThreadsAtOnce)
 {
-    const auto work = [](uint32_t direction) {
+    const auto work = [](std::uint32_t direction) {
         for (int i = 0; i < 50; ++i) {
             Start(direction);
             // The other thread may have chosen its own direction since.
@@ -352,13 +352,13 @@ KERNEL_TEST(ScanLife, ServesThreadsAtOnce)
 
 // ---- kernels without the owner flag ----------------------------------------
 
-const vxi::ScanTarget inbound = {VXI_SCAN_INBOUND, port};
+const vxi::ScanTarget kInbound = {VXI_SCAN_INBOUND, kPort};
 
 KERNEL_TEST(ScanLife, WithoutOwnerKeepsItsTableAndRemovesThoseOfTheDead)
 {
     const pid_t killed = kernel::Spawn([] {
-        vxi::ScanMonitor monitor(vxi::TableLife::RemovedByUs);
-        EXPECT_EQ(monitor.set(inbound).status, 0);
+        vxi::ScanMonitor monitor(vxi::TableLife::kRemovedByUs);
+        EXPECT_EQ(monitor.Set(kInbound).status, 0);
         raise(SIGSTOP);
     });
     kernel::AwaitStop(killed);
@@ -369,27 +369,27 @@ KERNEL_TEST(ScanLife, WithoutOwnerKeepsItsTableAndRemovesThoseOfTheDead)
     kernel::ExpectEnd(killed, SIGKILL);
     Run("for t in " + alive + " vxi_scan_ " + own + "; do nft add table inet $t; done");
     EXPECT_EQ(Tables(), dead + " " + alive + " vxi_scan_ " + own);
-    vxi::ScanMonitor monitor(vxi::TableLife::RemovedByUs);
-    EXPECT_EQ(monitor.set(inbound).status, 0);
+    vxi::ScanMonitor monitor(vxi::TableLife::kRemovedByUs);
+    EXPECT_EQ(monitor.Set(kInbound).status, 0);
     EXPECT_EQ(Tables(), alive + " vxi_scan_ " + own);
-    kernel::ExpectEnd(kernel::Spawn([&] { monitor.stop(); }));
+    kernel::ExpectEnd(kernel::Spawn([&] { monitor.Stop(); }));
     EXPECT_EQ(Tables(), alive + " vxi_scan_ " + own) << "a child took its parent's table";
     vxi::ScanReading reading;
     for (const unsigned count : {5, 2}) {
         traffic::BeRefused(Local(4), count);
         EXPECT_TRUE(Eventually([&] {
-            EXPECT_EQ(monitor.get(inbound, reading).status, 0);
+            EXPECT_EQ(monitor.get(kInbound, reading).status, 0);
             return reading.figures[VXI_SCAN_HALF_OPEN_CLOSED] == count && !reading.rebuilt;
         }));
         Run("nft delete table inet " + own);
-        EXPECT_EQ(monitor.get(inbound, reading).status, 0);
+        EXPECT_EQ(monitor.get(kInbound, reading).status, 0);
         EXPECT_TRUE(reading.rebuilt);
         EXPECT_EQ(std::count(std::begin(reading.figures), std::end(reading.figures), 0u),
                   VXI_SCAN_COUNTERS);
     }
-    monitor.stop();
+    monitor.Stop();
     EXPECT_EQ(Tables(), alive + " vxi_scan_");
-    EXPECT_EQ(monitor.set(inbound).status, -ESHUTDOWN);
+    EXPECT_EQ(monitor.Set(kInbound).status, -ESHUTDOWN);
 }
 
 }  // namespace

@@ -13,40 +13,41 @@
 
 using kernel::Lines;
 using kernel::Run;
+using traffic::kPort;
 using traffic::Local;
-using traffic::port;
 
 namespace {
 
 int Count(Handle handle, vxa_dump_conntrack_s& count)
 {
-    count = conntrack_request();
+    count = ConntrackRequest();
     return vxi_get_conntrack(handle, &count, sizeof count, nullptr);
 }
 
-int Fill(const OpenHandle& handle, vxa_dump_conntrack_s& section, uint8_t protocol, uint16_t room)
+int Fill(const OpenHandle& handle, vxa_dump_conntrack_s& section, std::uint8_t protocol,
+         std::uint16_t room)
 {
-    section = conntrack_request(protocol);
+    section = ConntrackRequest(protocol);
     section.entry_ct = room;
     return vxi_get_conntrack(handle.get(), &section, 16 + 72u * room, nullptr);
 }
 
 // As callers fetch it, but with less room than was asked for.
-std::string Fetch(const OpenHandle& handle = kernel::Open(), uint16_t less = 0)
+std::string Fetch(const OpenHandle& handle = kernel::Open(), std::uint16_t less = 0)
 {
     vxa_dump_conntrack_s count;
-    EXPECT_EQ(Count(handle.get(), count), 0) << error_text(handle.get());
+    EXPECT_EQ(Count(handle.get(), count), 0) << ErrorText(handle.get());
     if (less > 0) {
         Run("conntrack -F 2>/dev/null");  // the flows are those that were counted
     }
-    auto room = static_cast<uint16_t>(count.entry_ct - less);
+    auto room = static_cast<std::uint16_t>(count.entry_ct - less);
     std::vector<char> block(2 * sizeof count + 72u * room);
     auto* udp = reinterpret_cast<vxa_dump_conntrack_s*>(block.data());
     EXPECT_EQ(Fill(handle, *udp, IPPROTO_UDP, room), 0);
-    room = static_cast<uint16_t>(room - udp->entry_ct);
+    room = static_cast<std::uint16_t>(room - udp->entry_ct);
     auto* tcp = reinterpret_cast<vxa_dump_conntrack_s*>(block.data() + 16 + 72u * udp->entry_ct);
     EXPECT_EQ(Fill(handle, *tcp, IPPROTO_TCP, room), 0);
-    return text_of(tb_dump_all_conn_track, udp);
+    return TextOf(tb_dump_all_conn_track, udp);
 }
 
 void ExpectHeading(const std::string& text, const std::string& heading)
@@ -110,7 +111,7 @@ void CompareWithConntrack(bool accounting)
         traffic::Converse(listener, Local(family), 3, true);
         keep({listener});
         keep(traffic::Attempt(Local(family), 4));
-        traffic::BeRefused(Local(family, port + 1), 2);  // gone at once
+        traffic::BeRefused(Local(family, kPort + 1), 2);  // gone at once
         keep(traffic::Exchange(Local(family, 9000), 1));
         keep(traffic::Exchange(Local(family, 9000 + family), 1, 3));
     }
@@ -138,8 +139,8 @@ chain p { type nat hook postrouting priority 100;
 chain m { type filter hook output priority 0; tcp dport 7002 ct mark set 77; };
 chain z { type filter hook output priority raw;
     tcp dport 7003 ct zone set 5; tcp dport 7004 ct original zone set 6; }; }')");
-    const std::pair<uint16_t, const char*> rows[] = {
-        {port, ""},
+    const std::pair<std::uint16_t, const char*> rows[] = {
+        {kPort, ""},
         {7000, " dnat=127.0.0.2:8443"},
         {7001, " snat=127.0.0.9:\\d+ dnat=127.0.0.2:8443"},
         {7002, " mark=77 snat=127.0.0.9:\\d+"},
@@ -147,7 +148,7 @@ chain z { type filter hook output priority raw;
         {7004, "( unreplied)? zone-orig=6"}};
     const auto translated = traffic::Listen(Local(4));
     for (const auto& [to, ends] : rows) {
-        const auto listener = to == port ? translated : traffic::Listen(Local(4, to));
+        const auto listener = to == kPort ? translated : traffic::Listen(Local(4, to));
         const auto client = traffic::Connect(Local(4, to));
         const std::string text = Fetch();
         const std::string line = ":" + std::to_string(to) + " .*[0-9-] ?(assured)?" + ends + "\n";
@@ -181,7 +182,7 @@ void CompareWithSs(const std::string& source)
     traffic::Converse(v4, Local(4), 3);
     const auto clients = traffic::Attempt(Local(6), 3);
     const auto more = traffic::Attempt(Local(4), 2);
-    const auto mapped = traffic::Exchange({"::ffff:127.0.0.1", port}, 1, 1);
+    const auto mapped = traffic::Exchange({"::ffff:127.0.0.1", kPort}, 1, 1);
     kernel::ExpectEnd(kernel::Spawn([&] {
         if (source.find("CAP_NET_ADMIN") != source.npos) {
             kernel::BecomeNobody();
@@ -252,9 +253,9 @@ void FailEveryAllocation(const std::function<int(Handle)>& call)
         allocations::Allow(allowed);
         const int status = call(handle.get());
         exhausted = allocations::LiftLimit();
-        ASSERT_EQ(status, exhausted ? -ENOMEM : 0) << allowed << error_text(handle.get());
+        ASSERT_EQ(status, exhausted ? -ENOMEM : 0) << allowed << ErrorText(handle.get());
         if (exhausted) {
-            EXPECT_NE(error_text(handle.get()).find(": out of memory"), std::string::npos);
+            EXPECT_NE(ErrorText(handle.get()).find(": out of memory"), std::string::npos);
             vxa_dump_conntrack_s section;
             EXPECT_EQ(Fill(handle, section, IPPROTO_TCP, 0), -ENODATA);
         }

@@ -5,37 +5,37 @@
 #include <signal.h>
 #include <sys/wait.h>
 
-#include "support/kernel/Kernel.h"
-#include "support/kernel/Traffic.h"
 #include "api/Variables.h"
 #include "engines/linux/netlink/NftBatch.h"
+#include "support/kernel/Kernel.h"
+#include "support/kernel/Traffic.h"
 
 using kernel::Run;
 
 namespace {
 
-const traffic::Place to = traffic::Local(4, 7777);
+const traffic::Place kTo = traffic::Local(4, 7777);
 
 // What the last size request found, at most `capacity` bytes.
-std::string Fill(const OpenHandle& handle, uint32_t capacity)
+std::string Fill(const OpenHandle& handle, std::uint32_t capacity)
 {
     std::string record(sizeof capacity + capacity, '\0');
     memcpy(record.data(), &capacity, sizeof capacity);
-    EXPECT_EQ(vxi_get_profile_stats(handle.get(), record.data()), 0) << error_text(handle.get());
+    EXPECT_EQ(vxi_get_profile_stats(handle.get(), record.data()), 0) << ErrorText(handle.get());
     memcpy(&capacity, record.data(), sizeof capacity);
     return record.substr(sizeof capacity, capacity);
 }
 
 std::string Payload(const OpenHandle& handle)
 {
-    uint32_t size = 0;
-    EXPECT_EQ(vxi_get_profile_stats(handle.get(), &size), 0) << error_text(handle.get());
+    std::uint32_t size = 0;
+    EXPECT_EQ(vxi_get_profile_stats(handle.get(), &size), 0) << ErrorText(handle.get());
     return Fill(handle, size);
 }
 
-int Switch(const OpenHandle& handle, uint32_t value)
+int Switch(const OpenHandle& handle, std::uint32_t value)
 {
-    return vxi_set_var(handle.get(), vxi::variable_rule_profiling, value);
+    return vxi_set_var(handle.get(), vxi::kVariableRuleProfiling, value);
 }
 
 std::string Listing()
@@ -48,7 +48,7 @@ kernel::Lines Profile(const OpenHandle& handle)
 {
     const std::string payload = Payload(handle);
     const std::string listing = Listing();
-    const size_t common = listing.size() - strlen("]}");
+    const std::size_t common = listing.size() - strlen("]}");
     EXPECT_EQ(payload.substr(0, common), listing.substr(0, common));
     return kernel::Matches(payload,
                            R"("chain": "c", "handle": \d+, "packets": (\d+), "bytes": (\d+)\})");
@@ -65,14 +65,14 @@ KERNEL_TEST(RuleProfile, IsTheListingOfNft)
     const OpenHandle handle = kernel::Open();
     EXPECT_EQ(Payload(handle), Listing());
     MakeRules();
-    traffic::Exchange(to, 3);
+    traffic::Exchange(kTo, 3);
     // A host that lets the kernel reap its children must get it as well.
     signal(SIGCHLD, SIG_IGN);
     const std::string payload = Payload(handle);
     signal(SIGCHLD, SIG_DFL);
     EXPECT_EQ(payload, Listing());
     ASSERT_EQ(Switch(handle, 2), 0);
-    uint32_t size = 0;
+    std::uint32_t size = 0;
     EXPECT_EQ(vxi_get_profile_stats(handle.get(), &size), 0);
     EXPECT_EQ(size, payload.size());
     Run("nft flush ruleset");
@@ -83,14 +83,14 @@ KERNEL_TEST(RuleProfile, IsTheListingOfNft)
 KERNEL_TEST(RuleProfile, AddsWhatWasCountedSinceTheSwitch)
 {
     MakeRules();
-    traffic::Exchange(to, 3);
+    traffic::Exchange(kTo, 3);
     ASSERT_EQ(Switch(kernel::Open(), 1), 0);  // for the process, whatever becomes of the handle
     const OpenHandle handle = kernel::Open();
     EXPECT_EQ(Profile(handle), (kernel::Lines{"0", "0"}));
-    traffic::Exchange(to, 4);  // each 38 bytes on the way
+    traffic::Exchange(kTo, 4);  // each 38 bytes on the way
     EXPECT_EQ(Profile(handle), (kernel::Lines{"152 4", "0"}));
     Run("nft insert rule ip t c udp dport 7777 counter");
-    traffic::Exchange(to, 2);
+    traffic::Exchange(kTo, 2);
     EXPECT_EQ(Profile(handle), (kernel::Lines{"228 6", "0", "2 76"}));
     kernel::ExpectEnd(kernel::Spawn([&] {
         EXPECT_EQ(profiler_running(), 0);
@@ -106,21 +106,21 @@ KERNEL_TEST(RuleProfile, AddsWhatWasCountedSinceTheSwitch)
 KERNEL_TEST(RuleProfile, SurvivesNamesThatAreNoText)
 {
     vxi::Netlink netlink;
-    ASSERT_EQ(netlink.open(NETLINK_NETFILTER), 0);
+    ASSERT_EQ(netlink.Open(NETLINK_NETFILTER), 0);
     vxi::NftBatch batch(netlink);
     nftnl_table* table = nftnl_table_alloc();
     nftnl_table_set_str(table, NFTNL_TABLE_NAME, "t\xff");
-    batch.add(NFT_MSG_NEWTABLE, NLM_F_CREATE, "table",
+    batch.Add(NFT_MSG_NEWTABLE, NLM_F_CREATE, "table",
               [&](nlmsghdr* header) { nftnl_table_nlmsg_build_payload(header, table); });
-    ASSERT_EQ(batch.send(vxi::NftBatch::Purpose::Commit).status, 0);
+    ASSERT_EQ(batch.send(vxi::NftBatch::Purpose::kCommit).status, 0);
     nftnl_table_free(table);
     const OpenHandle handle = kernel::Open();
-    uint32_t size = 0;
+    std::uint32_t size = 0;
     testing::internal::CaptureStderr();
     EXPECT_EQ(vxi_get_profile_stats(handle.get(), &size), -EIO);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
     EXPECT_EQ(size, 0u);
-    EXPECT_EQ(error_text(handle.get()),
+    EXPECT_EQ(ErrorText(handle.get()),
               "engine linux: vxi_get_profile_stats: libnftables cannot list the rules: it ended "
               "with signal 6 (a name that is no UTF-8?)");
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);  // nothing is left behind

@@ -8,29 +8,29 @@
 #include <fstream>
 #include <sstream>
 
+#include "api/Variables.h"
 #include "support/kernel/Kernel.h"
 #include "support/kernel/Traffic.h"
-#include "api/Variables.h"
 
 using kernel::Run;
+using traffic::kPort;
 using traffic::Local;
-using traffic::port;
 
 namespace {
 
 // As callers fetch it, though the rules go between their two requests.
-std::string Blacklist(const OpenHandle& handle, uint32_t missing_room = 0)
+std::string Blacklist(const OpenHandle& handle, std::uint32_t missing_room = 0)
 {
     vxa_blacklist_get_addrs_s head = {};
-    EXPECT_EQ(vxi_get_blacklist(handle.get(), &head), 0) << error_text(handle.get());
+    EXPECT_EQ(vxi_get_blacklist(handle.get(), &head), 0) << ErrorText(handle.get());
     Run("nft flush ruleset");
     std::vector<char> block(sizeof head + head.entries_size, 0x5a);
     head.entries_size -= missing_room;
     memcpy(block.data(), &head, sizeof head);
     auto* filled = reinterpret_cast<vxa_blacklist_get_addrs_s*>(block.data());
-    EXPECT_EQ(vxi_get_blacklist(handle.get(), filled), 0) << error_text(handle.get());
+    EXPECT_EQ(vxi_get_blacklist(handle.get(), filled), 0) << ErrorText(handle.get());
     EXPECT_TRUE(missing_room == 0 || block.back() == 0x5a) << "written beyond the room";
-    return text_of(tb_dump_blacklist, filled);
+    return TextOf(tb_dump_blacklist, filled);
 }
 
 KERNEL_TEST(Blacklist, HasTheElementsOfItsSets)
@@ -113,7 +113,7 @@ print "}; }; }" }' | nft -f -)");
     vxa_blacklist_get_addrs_s served = {};
     served.entries_size = 1;
     EXPECT_EQ(vxi_get_blacklist(handle.get(), &served), -ENODATA);
-    EXPECT_EQ(error_text(handle.get()),
+    EXPECT_EQ(ErrorText(handle.get()),
               "engine linux: vxi_get_blacklist: no snapshot: ask for the size first");
     Run("nft 'table ip t { set blacklist { type ipv4_addr; elements = { 1.1.1.1, 2.2.2.2 }; }; }'");
     EXPECT_NE(Blacklist(handle, 5).find(", 1 entries, "), ours.npos);
@@ -124,7 +124,7 @@ void CompareSockets(vxa_get_conn_states_s& states)
 {
     memset(&states, 0x5a, sizeof states);  // callers need not initialise it
     const OpenHandle handle = kernel::Open();
-    EXPECT_EQ(vxi_get_conn_states(handle.get(), &states), 0) << error_text(handle.get());
+    EXPECT_EQ(vxi_get_conn_states(handle.get(), &states), 0) << ErrorText(handle.get());
     std::ostringstream ours;
     for (const auto* tcp : {&states.tcp4, &states.tcp6}) {
         for (const auto count : *tcp) {
@@ -151,16 +151,16 @@ KERNEL_TEST(ConnStates, AreThoseOfProc)
         "tcp sport 8444 drop; }; }'");
     const auto v4 = traffic::Listen(Local(4));
     const auto v6 = traffic::Listen(Local(6));
-    const auto silent = traffic::Listen(Local(4, port + 1));
+    const auto silent = traffic::Listen(Local(4, kPort + 1));
     traffic::Converse(v4, Local(4), 7);
     traffic::Converse(v6, Local(6), 6);
     const auto open = traffic::Attempt(Local(4), 5);
-    const auto opening = traffic::Attempt(Local(4, port + 1), 4);
+    const auto opening = traffic::Attempt(Local(4, kPort + 1), 4);
     const auto closing = traffic::Connect(Local(6));
     ASSERT_EQ(shutdown(*closing, SHUT_WR), 0);
     const auto datagrams4 = traffic::Exchange(Local(4), 1);
     const auto datagrams6 = traffic::Exchange(Local(6), 1);
-    const auto more6 = traffic::Exchange(Local(6, port + 1), 1);
+    const auto more6 = traffic::Exchange(Local(6, kPort + 1), 1);
     ASSERT_TRUE(
         kernel::Eventually([] { return Run("ss -Htn state fin-wait-2 | wc -l") == "1\n"; }));
 
@@ -177,11 +177,11 @@ KERNEL_TEST(ConnStates, AreThoseOfProc)
 std::string StatisticsText(const OpenHandle& handle)
 {
     Statistics stats;
-    EXPECT_EQ(vxi_get_stats(handle.get(), &stats, sizeof stats), 0) << error_text(handle.get());
-    return text_of<vxa_stats_v2_s>(tb_dump_stats, &stats);
+    EXPECT_EQ(vxi_get_stats(handle.get(), &stats, sizeof stats), 0) << ErrorText(handle.get());
+    return TextOf<vxa_stats_v2_s>(tb_dump_stats, &stats);
 }
 
-constexpr const char* figures = "\n([^#\n]+)";
+constexpr const char* kFigures = "\n([^#\n]+)";
 
 kernel::Lines FromProc()
 {
@@ -198,7 +198,7 @@ awk 'NR == 2 { gsub(/\|/, " | "); side = ""; n = 0
     for (i = 1; i <= NF; i++) if ($i == "|") side = side == "" ? "rx" : "tx"
       else if (side != "") name[++n] = side "_" $i }
   NR > 2 { sub(":", " "); for (i = 2; i <= NF; i++) print $1 "." name[i - 1], $i }' dev)"),
-                           figures);
+                           kFigures);
 }
 
 KERNEL_TEST(Statistics, AreTheKernelsTables)
@@ -207,7 +207,7 @@ KERNEL_TEST(Statistics, AreTheKernelsTables)
 table inet b { chain d { ip saddr { 1.1.1.1, 1.1.1.2 } accept; }; set s { type ipv4_addr; }; }')");
     traffic::Exchange(Local(4), 7);
     const OpenHandle handle = kernel::Open();
-    ASSERT_EQ(monitor_port(handle.get(), port), 0);
+    ASSERT_EQ(MonitorPort(handle.get(), kPort), 0);
     kernel::Lines before, ours, wrong;
     std::string text;
     // Again where it differs: a socket that is being freed counts in one reading only.
@@ -215,7 +215,7 @@ table inet b { chain d { ip saddr { 1.1.1.1, 1.1.1.2 } accept; }; set s { type i
         before = FromProc();
         text = StatisticsText(handle);
         const kernel::Lines after = FromProc();
-        ours = kernel::Matches(text, figures);
+        ours = kernel::Matches(text, kFigures);
         wrong.clear();
         for (const std::string& figure : before) {
             // Memory in use is counted for the whole machine, not for the namespace.
@@ -243,21 +243,21 @@ KERNEL_TEST(Statistics, SayHowManyInterfacesFindNoSlot)
     EXPECT_NE(text.find(lost), text.npos) << text.substr(0, text.find('\n'));
 }
 
-uint32_t Value(const OpenHandle& handle, unsigned number)
+std::uint32_t Value(const OpenHandle& handle, unsigned number)
 {
     vxa_filter_variable_s variable = {};
-    EXPECT_EQ(vxi_get_var(handle.get(), number, &variable), 0) << error_text(handle.get());
+    EXPECT_EQ(vxi_get_var(handle.get(), number, &variable), 0) << ErrorText(handle.get());
     EXPECT_EQ(variable.number, number);
     return variable.value;
 }
 
 // A setting as its file shows it.
-uint32_t FromFile(std::string name)
+std::uint32_t FromFile(std::string name)
 {
     std::replace(name.begin(), name.end(), '.', '/');
     std::ifstream file("/proc/sys/" + name);
     long long value = 0;
-    return file >> value ? static_cast<uint32_t>(std::min(value, 0xfffffffeLL))
+    return file >> value ? static_cast<std::uint32_t>(std::min(value, 0xfffffffeLL))
                          : VXA_FILTER_VARIABLE_ABSENT;
 }
 
@@ -265,41 +265,41 @@ KERNEL_TEST(Variables, AreTheKernelsSettingsOrTheEngines)
 {
     Run("echo 11 > /proc/sys/net/ipv4/tcp_retries2");
     const OpenHandle handle = kernel::Open();
-    ASSERT_EQ(monitor_port(handle.get(), 443, VXI_SCAN_OUTBOUND), 0);
+    ASSERT_EQ(MonitorPort(handle.get(), 443, VXI_SCAN_OUTBOUND), 0);
     unsigned settings = 0;
     for (unsigned number = 0; number < VXA_FILTER_VARIABLE_COUNT; ++number) {
-        const std::string name = vxi::variable_name(number);
-        const uint32_t value = Value(handle, number);
-        if (name.compare(0, 4, "net.") == 0 && number != vxi::variable_conntrack_count) {
+        const std::string name = vxi::VariableName(number);
+        const std::uint32_t value = Value(handle, number);
+        if (name.compare(0, 4, "net.") == 0 && number != vxi::kVariableConntrackCount) {
             EXPECT_EQ(value, FromFile(name)) << name;
             ++settings;
         }
         const bool writable =
-            number == vxi::variable_trace_level || number == vxi::variable_rule_profiling;
+            number == vxi::kVariableTraceLevel || number == vxi::kVariableRuleProfiling;
         EXPECT_EQ(vxi_set_var(handle.get(), number, 1), writable ? 0 : -EROFS) << number;
     }
-    EXPECT_EQ(error_text(handle.get()),
+    EXPECT_EQ(ErrorText(handle.get()),
               "engine linux: vxi_set_var: variable 172 (net.core.optmem_max) is not writable");
     EXPECT_EQ(settings, 151u);
 
     struct stat own = {};
     ASSERT_EQ(stat("/proc/thread-self/ns/net", &own), 0);
-    const std::pair<unsigned, uint64_t> rows[] = {
+    const std::pair<unsigned, std::uint64_t> rows[] = {
         {106, 11},  // net.ipv4.tcp_retries2
         // A setting of the whole machine has no file in another namespace than the first.
         {166, VXA_FILTER_VARIABLE_ABSENT},
-        {vxi::variable_process_id, getpid()},
-        {vxi::variable_network_namespace, own.st_ino},
-        {vxi::variable_initial_namespace, 0},
-        {vxi::variable_scan_on, 1},
-        {vxi::variable_scan_port, 443},
-        {vxi::variable_scan_direction, VXI_SCAN_OUTBOUND},
-        {vxi::variable_scan_timeout_s, 130},
-        {vxi::variable_nft_tables, 1}};
+        {vxi::kVariableProcessId, getpid()},
+        {vxi::kVariableNetworkNamespace, own.st_ino},
+        {vxi::kVariableInitialNamespace, 0},
+        {vxi::kVariableScanOn, 1},
+        {vxi::kVariableScanPort, 443},
+        {vxi::kVariableScanDirection, VXI_SCAN_OUTBOUND},
+        {vxi::kVariableScanTimeoutS, 130},
+        {vxi::kVariableNftTables, 1}};
     for (const auto& [number, value] : rows) {
         EXPECT_EQ(Value(handle, number), value) << number;
     }
-    EXPECT_EQ(vxi_set_var(handle.get(), vxi::variable_trace_level, 4), -EINVAL);
+    EXPECT_EQ(vxi_set_var(handle.get(), vxi::kVariableTraceLevel, 4), -EINVAL);
     EXPECT_EQ(vxi_set_var(handle.get(), 173, 0), VXI_E_UNKNOWN_VARIABLE);
 }
 
@@ -307,18 +307,18 @@ KERNEL_TEST(Tables, WithoutPrivilege)
 {
     traffic::Exchange(Local(4), 3);
     const OpenHandle handle = kernel::Open();
-    ASSERT_EQ(monitor_port(handle.get(), 443), 0);
+    ASSERT_EQ(MonitorPort(handle.get(), 443), 0);
     kernel::BecomeNobody();
     const std::string text = StatisticsText(handle);
     EXPECT_NE(text.find("\nUdp.InDatagrams 3\n"), text.npos);
     EXPECT_EQ(text.find("rules.tables"), text.npos);
     EXPECT_EQ(text.find("# statistics: /proc/net; nf_tables needs CAP_NET_ADMIN (engine linux)"),
               0u);
-    for (unsigned rules = vxi::variable_nft_tables; rules <= vxi::variable_blacklist_elements;
+    for (unsigned rules = vxi::kVariableNftTables; rules <= vxi::kVariableBlacklistElements;
          ++rules) {
         EXPECT_EQ(Value(handle, rules), VXA_FILTER_VARIABLE_ABSENT) << rules;
     }
-    EXPECT_EQ(Value(handle, vxi::variable_capability_bits) >> CAP_NET_ADMIN & 1, 0u);
+    EXPECT_EQ(Value(handle, vxi::kVariableCapabilityBits) >> CAP_NET_ADMIN & 1, 0u);
     Records records;
     testing::internal::CaptureStderr();
     EXPECT_EQ(vxi_get_profile_stats(handle.get(), &records.profile_size), 0);
@@ -328,15 +328,15 @@ KERNEL_TEST(Tables, WithoutPrivilege)
 
     const auto missing = [&](int status) {
         EXPECT_EQ(status, -EPERM);
-        const std::string error = error_text(handle.get());
+        const std::string error = ErrorText(handle.get());
         EXPECT_NE(error.find(": nf_tables needs CAP_NET_ADMIN"), error.npos) << error;
     };
     missing(vxi_get_blacklist(handle.get(), &records.list));
-    records.scan = scan_request(443);
+    records.scan = ScanRequest(443);
     missing(vxi_get_scan_metrics(handle.get(), &records.scan, sizeof records.scan));
-    missing(monitor_port(handle.get(), 444));
-    EXPECT_EQ(vxi_set_var(handle.get(), vxi::variable_rule_profiling, 1), -EPERM);
-    EXPECT_EQ(Value(handle, vxi::variable_rule_profiling), 0u);
+    missing(MonitorPort(handle.get(), 444));
+    EXPECT_EQ(vxi_set_var(handle.get(), vxi::kVariableRuleProfiling, 1), -EPERM);
+    EXPECT_EQ(Value(handle, vxi::kVariableRuleProfiling), 0u);
     vxi_capability_s row;
     EXPECT_EQ(vxi_capabilities(handle.get(), &row, 1), 7);
     EXPECT_EQ(row.available, 0);
