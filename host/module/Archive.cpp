@@ -13,6 +13,7 @@ namespace vxa {
 namespace {
 
 using VxaCore::CZipOutputStream;
+using VxaCore::Host::AddedEntry;
 using VxaCore::Host::ArchiveEntry;
 
 using EntryList = std::vector<ArchiveEntry>;
@@ -46,6 +47,23 @@ int ArchiveClose(lua_State* L)
         if (!archive.archive().Close(error)) failure.Set(error);
     });
     return PushOutcome(L, closed, failure);
+}
+
+int ArchiveEntries(lua_State* L)
+{
+    const std::vector<AddedEntry>& entries = check_archive(L).archive().Entries();
+    lua_createtable(L, static_cast<int>(entries.size()), 0);
+    int row = 0;
+    for (const AddedEntry& entry : entries) {
+        lua_createtable(L, 0, 4);
+        SetText(L, "name", entry.name);
+        SetNumber(L, "bytes", static_cast<lua_Number>(entry.bytes));
+        SetNumber(L, "seconds", entry.seconds);
+        lua_pushboolean(L, entry.complete);
+        lua_setfield(L, -2, "ok");
+        lua_rawseti(L, -2, ++row);
+    }
+    return 1;
 }
 
 void PushEntry(lua_State* L, const ArchiveEntry& entry)
@@ -119,5 +137,5 @@ void OpenArchive(lua_State* L)
 
 SLB3_IMPLEMENTATION(VxaCore::CZipOutputStream, archive)
 {
-    archive.set("close", vxa::ArchiveClose);
+    archive.set("entries", vxa::ArchiveEntries).set("close", vxa::ArchiveClose);
 }

@@ -1,4 +1,5 @@
 // Driver handles: vxa.open and the methods of what it returns.
+#include <algorithm>
 #include <climits>
 
 #include "LuaBoundary.h"
@@ -82,6 +83,23 @@ int Capabilities(lua_State* L)
     return 1;
 }
 
+int Failures(lua_State* L)
+{
+    vxi_failure_s rows[VXI_FAILURES_KEPT];
+    const unsigned total = vxi_failures(check_handle(L), rows, VXI_FAILURES_KEPT);
+    const unsigned kept = std::min(total, 0U + VXI_FAILURES_KEPT);
+    lua_createtable(L, static_cast<int>(kept), 0);
+    for (unsigned i = 0; i < kept; ++i) {
+        lua_createtable(L, 0, 3);
+        SetText(L, "call", rows[i].call);
+        SetNumber(L, "status", rows[i].status);
+        SetText(L, "message", rows[i].message);
+        lua_rawseti(L, -2, static_cast<int>(i) + 1);
+    }
+    lua_pushnumber(L, total - kept);
+    return 2;
+}
+
 unsigned check_unsigned(lua_State* L, int index)
 {
     const double value = luaL_checknumber(L, index);
@@ -102,6 +120,7 @@ constexpr luaL_Reg kMethods[] = {
     {"close", Close},
     {"available", Available},
     {"error", Error},
+    {"failures", Failures},
     {"connections", HandleConnections},
     {"capabilities", Capabilities},
     {"set_variable", SetVariable},

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <stdexcept>
 #include <vector>
 
@@ -86,20 +87,21 @@ struct Writer {
     {
     }
 
-    // Copies to the input's end; false when either side fails.
-    bool Copy(wxInputStream& in);
+    // Copies to the input's end and counts what was written; false when either side fails.
+    bool Copy(wxInputStream& in, std::uint64_t& bytes);
 
     FileSink sink;
     wxMBConvUTF8 utf8;  // the shared one is set up on first use, without a lock
     wxZipOutputStream zip;
 };
 
-bool Writer::Copy(wxInputStream& in)
+bool Writer::Copy(wxInputStream& in, std::uint64_t& bytes)
 {
     std::vector<char> chunk(kChunkBytes);
     for (;;) {
         const std::size_t got = in.Read(chunk.data(), chunk.size()).LastRead();
         if (got > 0 && zip.Write(chunk.data(), got).LastWrite() != got) return false;
+        bytes += got;
         // Neither bytes nor an end: an input that is stuck must not hold us for ever.
         if (in.GetLastError() != wxSTREAM_NO_ERROR || got == 0)
             return in.GetLastError() == wxSTREAM_EOF;
@@ -127,7 +129,18 @@ struct CZipOutputStream::Archive::Content {
              (sink.ErrorNumber() ? ErrorText(sink.ErrorNumber()) : "zip writer failed"));
     }
 
+    // The time since the last call of this function, or since the archive was created.
+    double TakeSeconds()
+    {
+        const auto now = std::chrono::steady_clock::now();
+        const std::chrono::duration<double> elapsed = now - std::exchange(last_taken, now);
+        return elapsed.count();
+    }
+    bool Write(wxInputStream& in, std::unique_ptr<wxZipEntry> entry, Host::AddedEntry& added);
+
     std::string path;
+    std::vector<Host::AddedEntry> entries;
+    std::chrono::steady_clock::time_point last_taken = std::chrono::steady_clock::now();
     std::unique_ptr<Writer> writer;  // null once closed
     std::string problem;             // the first
     bool broken = false;             // the file cannot be written: no further entries
@@ -166,24 +179,39 @@ CZipOutputStream::Archive::~Archive()
     }
 }
 
+bool CZipOutputStream::Archive::Content::Write(wxInputStream& in, std::unique_ptr<wxZipEntry> entry,
+                                               Host::AddedEntry& added)
+{
+    if (!writer) Fail("the archive is closed");
+    if (!writer || broken) return false;
+    wxZipOutputStream& zip = writer->zip;
+    const bool copied = zip.PutNextEntry(entry.release()) && writer->Copy(in, added.bytes);
+    const bool ended = zip.CloseEntry() && zip.IsOk();
+    broken = !ended || writer->sink.ErrorNumber() != 0;
+    if (broken)
+        FailToWrite(writer->sink);
+    else if (!copied)
+        Fail(path + ": entry " + added.name + " is incomplete: its input failed");
+    return copied && !broken;
+}
+
 bool CZipOutputStream::Archive::Add(wxInputStream& in, bool text, const wxString& name,
                                     const wxString& comment)
 {
     Content& to = *m_content;
-    if (!to.writer) to.Fail("the archive is closed");
-    if (!to.writer || to.broken) return false;
-    Writer& writer = *to.writer;
+    Host::AddedEntry& added = to.entries.emplace_back();
+    added.name = ToUtf8(name);
     auto entry = std::make_unique<wxZipEntry>(name);
     entry->SetIsText(text);
     entry->SetComment(comment);
-    const bool copied = writer.zip.PutNextEntry(entry.release()) && writer.Copy(in);
-    const bool ended = writer.zip.CloseEntry() && writer.zip.IsOk();
-    to.broken = !ended || writer.sink.ErrorNumber() != 0;
-    if (to.broken)
-        to.FailToWrite(writer.sink);
-    else if (!copied)
-        to.Fail(to.path + ": entry " + ToUtf8(name) + " is incomplete: its input failed");
-    return copied && !to.broken;
+    added.complete = to.Write(in, std::move(entry), added);
+    added.seconds = to.TakeSeconds();
+    return added.complete;
+}
+
+const std::vector<Host::AddedEntry>& CZipOutputStream::Archive::Entries() const
+{
+    return m_content->entries;
 }
 
 bool CZipOutputStream::Archive::Close(std::string& error)

@@ -69,6 +69,20 @@ void Finish(vxi_handle_ops_s* handle, Call call, int status)
     Trace(handle, 1, kTraceSource, NameOf(call), __LINE__, "status %d: %s", status, handle->error);
 }
 
+// For vxi_failures, which says what counts as failed.
+void RememberFailure(vxi_handle_ops_s* handle, Call call, int status)
+{
+    const bool is_variable = call == Call::kGetVar || call == Call::kGetVarv;
+    const bool is_answered = call == Call::kDriverAvailable ? status > 0 : status == 0;
+    // Counts that vxi_capabilities returns, and the one status that callers expect.
+    if (is_answered || (call == Call::kCapabilities && status > 0) ||
+        (is_variable && status == VXI_E_UNKNOWN_VARIABLE)) {
+        return;
+    }
+    handle->failures.Add(NameOf(call), status,
+                         handle->explained ? handle->error : "the driver does not answer");
+}
+
 template <typename Body>
 int Perform(vxi_handle_ops_s* handle, Call call, Body body)
 {
@@ -80,10 +94,11 @@ int Perform(vxi_handle_ops_s* handle, Call call, Body body)
     int status = 0;
     if (Scripted(handle, call, status)) {
         Trace(handle, 1, kTraceSource, NameOf(call), __LINE__, "scripted status %d", status);
-        return status;
+    } else {
+        status = Guarded(handle, body);
+        Finish(handle, call, status);
     }
-    status = Guarded(handle, body);
-    Finish(handle, call, status);
+    RememberFailure(handle, call, status);
     return status;
 }
 
@@ -318,6 +333,11 @@ int vxi_get_error(vxi_handle_ops_s* handle, char* buffer, unsigned int size)
     }
     BoundedText(buffer, size).Plain(handle ? handle->error : "no handle: it is not open");
     return handle ? 0 : -EBADF;
+}
+
+unsigned int vxi_failures(const vxi_handle_ops_s* handle, vxi_failure_s* rows, unsigned int count)
+{
+    return handle ? handle->failures.CopyLatest(rows, count) : 0;
 }
 
 int vxi_get_stats(vxi_handle_ops_s* handle, vxa_stats_v2_s* stats, unsigned int size)

@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <string>
 
+#include "api/Failures.h"
 #include "vxi/engine.h"
 
 namespace vxi {
@@ -76,4 +77,5 @@ struct vxi_handle_ops_s {
     int (*trace_handler)(int, const char*, const char*, int, char*);
     char error[256];
     bool explained;  // a text was stored during the call being dispatched
+    vxi::Failures failures;
 };

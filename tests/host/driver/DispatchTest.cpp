@@ -231,6 +231,26 @@ TEST_F(Dispatch, FaultsNameEngineAndOperation)
     }
 }
 
+TEST_F(Dispatch, TheLatestFailuresAreRemembered)
+{
+    vxi_failure_s rows[VXI_FAILURES_KEPT];
+    vxa_filter_variable_s variable{};
+    EXPECT_EQ(0u, vxi_failures(nullptr, rows, 1) + vxi_failures(Driver(), rows, 1));
+    Script("vxi_get_conn_states=-5:times=150,vxi_driver_available=0");
+    for (int call = 0; call < 160; ++call) {
+        States();
+    }
+    EXPECT_EQ(VXI_E_UNKNOWN_VARIABLE, vxi_get_var(Driver(), 173, &variable));
+    EXPECT_EQ(0, vxi_driver_available(Driver()));
+    EXPECT_EQ(151u, vxi_failures(Driver(), rows, 2));
+    EXPECT_STREQ("vxi_driver_available", rows[1].call);
+    EXPECT_EQ(151u, vxi_failures(Driver(), rows, 1000));
+    EXPECT_STREQ("vxi_get_conn_states", rows[0].call);
+    EXPECT_EQ(-5, rows[98].status);
+    EXPECT_STREQ("engine sim: vxi_get_conn_states: Input/output error", rows[98].message);
+    EXPECT_EQ(0, rows[99].status);
+}
+
 using Read = int (*)(const char* text, unsigned* position);
 
 TEST_F(Dispatch, MalformedSettingsChangeNothing)

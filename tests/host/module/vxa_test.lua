@@ -75,6 +75,9 @@ vxa.capture(true)
 vxa.fault "vxi_get_stats=-5"
 SLB.filter.AddDriverDiagnostics(kept, handle, archive)  -- no way to return what failed
 vxa.fault()
+local failed, forgotten = handle:failures()
+same({ failed[1].call, failed[1].status, failed[1].message, forgotten },
+    { "vxi_get_stats", -5, "engine sim: vxi_get_stats: Input/output error", 0 }, "failures")
 kept = assert(vxa.Dom(state))
 vxa.capture(false)
 local records, messages = vxa.captured(), {}
@@ -179,9 +182,14 @@ end
 
 -- ---- archives and files ------------------------------------------------------------------
 
+local added, seconds = archive:entries(), 0
 archive = nil
 collect()
-same(#assert(vxa.zip_entries(scratch .. "/left.zip")), 4, "archive finished by the collector")
+for i, entry in ipairs(assert(vxa.zip_entries(scratch .. "/left.zip"))) do
+    same({ added[i].name, added[i].bytes, added[i].ok }, { entry.name, entry.bytes, true }, i)
+    seconds = seconds + added[i].seconds
+end
+check(#added == 4 and seconds > 0 and seconds < 60, "entries of the archive")
 refused("No space left on device", vxa.ZipOutputStream("/dev/full"):close())
 
 local made, again = vxa.temporary(scratch .. "/z"), vxa.temporary(scratch .. "/z")

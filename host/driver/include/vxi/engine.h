@@ -67,6 +67,24 @@ typedef struct vxi_capability_s {
  * negative on failure. Asks the system without changing it. */
 VXI_API int vxi_capabilities(vxi_handle_ops_s* handle, vxi_capability_s* rows, unsigned int count);
 
+/* The most failed calls that a handle remembers. */
+enum { VXI_FAILURES_KEPT = 100 };
+
+/* A call on a handle that failed. */
+typedef struct vxi_failure_s {
+    const char* call;  /* "vxi_get_stats"; lives for the process */
+    int status;        /* what the call returned */
+    char message[256]; /* what vxi_get_error returned after it */
+} vxi_failure_s;
+
+/* Copies the latest failed calls, at most `count` and VXI_FAILURES_KEPT, the oldest of them
+ * first, and returns how many calls on the handle have failed since it was opened. A
+ * vxi_driver_available that did not return 1 counts as failed, a vxi_get_var or vxi_get_varv
+ * that returned VXI_E_UNKNOWN_VARIABLE does not: that is how callers find out which variables
+ * exist. Returns 0 for a null handle. */
+VXI_API unsigned int vxi_failures(const vxi_handle_ops_s* handle, vxi_failure_s* rows,
+                                  unsigned int count);
+
 /* Scripted failures around any engine, for tests and rehearsals; see
  * engines/fault/README.md. Also by the environment variable VXI_FAULT. An empty
  * or null text removes all faults. -EINVAL and an unchanged script for a text that
