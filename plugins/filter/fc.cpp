@@ -7,7 +7,7 @@
 #include <lua.hpp>
 
 #include "ConnMetrics/ConnMetrics.h"
-#include "Diagnostics/Diagnostics.h"
+#include "Diagnostics/Bundle.h"
 #include "Export.h"
 #include "LuaArgs.h"
 #include "LuaBoundary.h"

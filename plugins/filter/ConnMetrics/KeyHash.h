@@ -1,5 +1,5 @@
-// Hash of a key's bytes under a secret drawn at construction, so that a peer whose address
-// becomes part of a key cannot choose keys that collide.
+// Hash of a key's bytes under a random secret: a peer whose address becomes part of a key must not
+// be able to choose keys that collide.
 #pragma once
 
 #include <cstdint>
@@ -10,6 +10,7 @@ namespace fc {
 
 class KeyHash {
 public:
+    // Draws the secret.
     KeyHash();
 
     std::uint64_t operator()(std::string_view key) const
@@ -19,7 +20,7 @@ public:
         std::uint64_t hash = m_secret[1] ^ key.size();
         if (key.size() < 8) return Fold(LoadShort(key) ^ m_secret[0], hash);
         for (; end - at > 16; at += 16) hash = Fold(Load(at) ^ m_secret[0], Load(at + 8) ^ hash);
-        // The rest, together with some bytes before it where it is short.
+        // The last 16 bytes, or all of a shorter key; they may overlap what was hashed already.
         at = key.size() < 16 ? at : end - 16;
         return Fold(Load(at) ^ m_secret[0], Load(end - 8) ^ hash);
     }
@@ -27,7 +28,7 @@ public:
 private:
     __extension__ using Product = unsigned __int128;
 
-    // Mixes every bit of the factors into both halves of the result.
+    // Multiplies to 128 bits and folds both halves into one, which mixes every bit of the factors.
     static std::uint64_t Fold(std::uint64_t a, std::uint64_t b)
     {
         const Product product = static_cast<Product>(a) * b;

@@ -1,22 +1,21 @@
+// Hash index from the bytes of a key to its count.
+
 #include "KeyIndex.h"
 
-#include <sys/random.h>
-
-#include <algorithm>
-#include <chrono>
-#include <cstddef>
 #include <cstring>
+
+#include "Limits.h"
 
 namespace fc {
 namespace {
 
-// Holds the 10000 keys of a full store at a load of 0.61.
-constexpr std::size_t kSlots = 16384;
-constexpr std::size_t kMostKeys = 10000;
+// A power of two; a full store has a load factor of 0.61.
+constexpr std::size_t kBuckets = 16384;
+static_assert(kMaxKeys < kBuckets);
 
 }  // namespace
 
-// Eight bytes a step: this is most of what refusing a key costs.
+// Eight bytes at a time: this is most of the cost of refusing a key.
 bool IsPlainAscii(std::string_view key)
 {
     std::uint64_t all = 0;
@@ -28,75 +27,68 @@ bool IsPlainAscii(std::string_view key)
     }
     for (; at < key.size(); ++at) all |= static_cast<unsigned char>(key[at]);
     const bool ascii = (all & UINT64_C(0x8080808080808080)) == 0;
-    return ascii && !key.empty() && std::memchr(key.data(), '\0', key.size()) == nullptr;
+    return ascii && !key.empty() && !std::memchr(key.data(), '\0', key.size());
 }
 
-// Where the kernel has no random numbers yet, the moment and the place in memory must do.
-KeyHash::KeyHash()
+std::size_t KeyIndex::RecordSize(std::size_t key_length)
 {
-    if (getrandom(m_secret, sizeof m_secret, GRND_NONBLOCK) == sizeof m_secret) return;
-    const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
-    m_secret[0] = static_cast<std::uint64_t>(now) * UINT64_C(0x9e3779b97f4a7c15);
-    m_secret[1] = reinterpret_cast<std::uintptr_t>(this) * UINT64_C(0xd6e8feb86659fd93);
+    return (offsetof(CacheLine, key) + key_length + sizeof(CacheLine) - 1) / sizeof(CacheLine);
 }
 
-std::size_t KeyIndex::CellsFor(std::size_t length)
+char* KeyIndex::KeyOf(std::size_t record)
 {
-    return (offsetof(Cell, bytes) + length + sizeof(Cell) - 1) / sizeof(Cell);
+    return reinterpret_cast<char*>(&m_records[record]) + offsetof(CacheLine, key);
 }
 
-char* KeyIndex::BytesOf(std::size_t cell)
+bool KeyIndex::IsInBucket(const Bucket& bucket, std::uint32_t fingerprint, std::string_view key)
 {
-    return reinterpret_cast<char*>(&m_cells[cell]) + offsetof(Cell, bytes);
+    return bucket.fingerprint == fingerprint &&
+           m_records[bucket.record - 1].key_length == key.size() &&
+           std::memcmp(KeyOf(bucket.record - 1), key.data(), key.size()) == 0;
 }
 
-bool KeyIndex::Holds(const Slot& slot, std::uint32_t tag, std::string_view key)
+KeyIndex::Bucket& KeyIndex::FindBucket(std::string_view key, std::uint64_t hash)
 {
-    return slot.tag == tag && m_cells[slot.record - 1].length == key.size() &&
-           std::memcmp(BytesOf(slot.record - 1), key.data(), key.size()) == 0;
+    const auto fingerprint = static_cast<std::uint32_t>(hash >> 32);
+    std::size_t at = hash & (kBuckets - 1);
+    while (m_buckets[at].record != 0 && !IsInBucket(m_buckets[at], fingerprint, key))
+        at = (at + 1) & (kBuckets - 1);
+    return m_buckets[at];
 }
 
-KeyIndex::Slot& KeyIndex::Find(std::string_view key, std::uint64_t hash)
+bool KeyIndex::AddToKnown(std::string_view key, std::uint32_t count)
 {
-    const auto tag = static_cast<std::uint32_t>(hash >> 32);
-    std::size_t at = hash & (kSlots - 1);
-    while (m_slots[at].record != 0 && !Holds(m_slots[at], tag, key)) at = (at + 1) & (kSlots - 1);
-    return m_slots[at];
-}
-
-bool KeyIndex::Count(std::string_view key, std::uint32_t count)
-{
-    if (m_slots.empty()) return false;
-    const Slot& slot = Find(key, m_hash(key));
-    if (slot.record == 0) return false;
-    m_cells[slot.record - 1].pending += count;
+    if (m_buckets.empty()) return false;
+    const Bucket& bucket = FindBucket(key, m_hash(key));
+    if (bucket.record == 0) return false;
+    m_records[bucket.record - 1].pending_count += count;
     return true;
 }
 
 void KeyIndex::Insert(std::string_view key, std::uint32_t* total)
 {
-    if (m_totals.size() >= kMostKeys || key.size() > UINT32_MAX) return;
-    if (m_slots.empty()) m_slots.resize(kSlots);
+    if (m_totals.size() >= kMaxKeys || key.size() > UINT32_MAX) return;
+    if (m_buckets.empty()) m_buckets.resize(kBuckets);
     const std::uint64_t hash = m_hash(key);
-    Slot& slot = Find(key, hash);
-    if (slot.record != 0) return;
-    const std::size_t cell = m_cells.size();
-    m_cells.reserve(kMostKeys);
-    m_totals.reserve(kMostKeys);
-    m_cells.resize(cell + CellsFor(key.size()));
+    Bucket& bucket = FindBucket(key, hash);
+    if (bucket.record != 0) return;
+    const std::size_t record = m_records.size();
+    m_records.reserve(kMaxKeys);
+    m_totals.reserve(kMaxKeys);
+    m_records.resize(record + RecordSize(key.size()));
     m_totals.push_back(total);
-    m_cells[cell].length = static_cast<std::uint32_t>(key.size());
-    std::memcpy(BytesOf(cell), key.data(), key.size());
-    slot = {static_cast<std::uint32_t>(hash >> 32), static_cast<std::uint32_t>(cell + 1)};
+    m_records[record].key_length = static_cast<std::uint32_t>(key.size());
+    std::memcpy(KeyOf(record), key.data(), key.size());
+    bucket = {static_cast<std::uint32_t>(hash >> 32), static_cast<std::uint32_t>(record + 1)};
 }
 
 void KeyIndex::Flush()
 {
-    std::size_t cell = 0;
+    std::size_t record = 0;
     for (std::uint32_t* total : m_totals) {
-        *total += m_cells[cell].pending;
-        m_cells[cell].pending = 0;
-        cell += CellsFor(m_cells[cell].length);
+        *total += m_records[record].pending_count;
+        m_records[record].pending_count = 0;
+        record += RecordSize(m_records[record].key_length);
     }
 }
 

@@ -1,9 +1,9 @@
-// Byte index in front of the working store, for keys of plain ASCII without NUL: those
-// decode to the same key in every locale, so comparing their bytes is enough.
+// Hash index from the bytes of a key to its count, in front of the working store.
 //
-// Feeding a known key reads a slot, and a record that holds the key's count next to its
-// bytes. The slots are few enough to stay in the cache, and the record of a key of up to 56
-// bytes is one cache line.
+// It takes keys of plain ASCII without NUL: those decode to the same string in every locale, so
+// comparing bytes is enough. Open addressing with linear probing. Feeding a known key reads a
+// bucket and a record, which has the key's count next to its bytes. The buckets are few enough to
+// stay in the cache, and the record of a key of up to 56 bytes is one cache line.
 #pragma once
 
 #include <cstddef>
@@ -15,50 +15,51 @@
 
 namespace fc {
 
-// Non-empty, no NUL, no byte above 127.
+// Returns whether the key is not empty and has neither a NUL nor a byte above 127.
 bool IsPlainAscii(std::string_view key);
 
 class KeyIndex {
 public:
-    // Adds to the count kept for the key. False when the key is not in the index.
-    bool Count(std::string_view key, std::uint32_t count);
+    // Adds to the pending count of a key. Returns false if the key is not in the index.
+    bool AddToKnown(std::string_view key, std::uint32_t count);
 
-    // Adds a key whose entry has its count at `total`, which must stay valid until Clear.
-    // Ignores keys that are known, and all keys once the index is full.
+    // Adds a key of the store, whose total must stay valid until Clear. Ignores known keys, and
+    // all keys once the index is full. Throws std::bad_alloc.
     void Insert(std::string_view key, std::uint32_t* total);
 
-    // Adds what was counted to the entries' totals.
+    // Adds the pending counts to the totals.
     void Flush();
 
-    // Forgets all keys and releases their memory.
+    // Removes all keys and releases their memory.
     void Clear();
 
-    std::size_t size() const { return m_totals.size(); }
+    // Returns the number of keys.
+    std::size_t Size() const { return m_totals.size(); }
 
 private:
-    struct Slot {
-        std::uint32_t tag;     // upper half of the hash
-        std::uint32_t record;  // number of its first cell, plus 1; 0: the slot is free
+    struct Bucket {
+        std::uint32_t fingerprint;  // upper half of the hash
+        std::uint32_t record;       // number of its first cache line plus 1; 0: free
     };
-    // A record fills as many successive cells as its key needs: beyond the first, all 64
-    // bytes of a cell are the key's.
-    struct alignas(64) Cell {
-        std::uint32_t pending;
-        std::uint32_t length;
-        char bytes[56];
+    // A record is as many successive cache lines as its key needs: the key continues over all of
+    // the later ones.
+    struct alignas(64) CacheLine {
+        std::uint32_t pending_count;
+        std::uint32_t key_length;
+        char key[56];
     };
-    static_assert(sizeof(Cell) == 64, "one cache line");
+    static_assert(sizeof(CacheLine) == 64);
 
-    static std::size_t CellsFor(std::size_t length);
-    char* BytesOf(std::size_t cell);
-    bool Holds(const Slot& slot, std::uint32_t tag, std::string_view key);
-    // The key's slot, or the free one where it belongs.
-    Slot& Find(std::string_view key, std::uint64_t hash);
+    static std::size_t RecordSize(std::size_t key_length);  // in cache lines
+    char* KeyOf(std::size_t record);
+    bool IsInBucket(const Bucket& bucket, std::uint32_t fingerprint, std::string_view key);
+    // Returns the key's bucket, or the free one where it belongs.
+    Bucket& FindBucket(std::string_view key, std::uint64_t hash);
 
     KeyHash m_hash;
-    std::vector<Slot> m_slots;  // a power of two; never full
-    std::vector<Cell> m_cells;
-    std::vector<std::uint32_t*> m_totals;  // by record, in the order of the cells
+    std::vector<Bucket> m_buckets;  // empty, or a power of two of which some are free
+    std::vector<CacheLine> m_records;
+    std::vector<std::uint32_t*> m_totals;  // in the order of the records
 };
 
 }  // namespace fc

@@ -1,10 +1,15 @@
-// The two stores: feeding and publication.
+// The two stores of connection metric feedback: feeding and publication.
+
+#include "Store.h"
 
 #include <cwchar>
+#include <new>
 #include <string>
+#include <string_view>
 
 #include "ConnMetrics.h"
 #include "KeyIndex.h"
+#include "Limits.h"
 #include "LuaBoundary.h"
 
 wxCriticalSection g_cmfb_map_fin_cs;
@@ -15,67 +20,64 @@ std::time_t g_last_fb_time = std::time(nullptr);
 
 namespace {
 
-constexpr std::size_t kMostKeys = 10000;
-constexpr std::time_t kPublicationIntervalS = 60;
-
 fc::KeyIndex s_index;
 
-// The C library's multibyte conversion; what it cannot decode is the empty text. Not left
-// to wxString, which reports a lack of memory there as if the text were null.
-wxString FromMultibyte(const char* text)
+// Decodes with the C library's multibyte conversion; returns an empty string for what it cannot
+// decode. wxString's own conversion takes a lack of memory for undecodable bytes.
+wxString DecodeMultibyte(const char* bytes)
 {
     std::mbstate_t state{};
-    const char* source = text;
+    const char* source = bytes;
     const std::size_t length = std::mbsrtowcs(nullptr, &source, 0, &state);
     if (length == static_cast<std::size_t>(-1)) return wxString();
     std::wstring wide(length, L'\0');
     state = {};
-    source = text;
+    source = bytes;
     std::mbsrtowcs(wide.data(), &source, length, &state);
     return wxString(wide);
 }
 
-// Only a count: the key's text stays as first fed.
-bool CountKnownKey(const wxString& key, std::uint32_t count)
+bool StoreIsFull()
 {
-    const auto found = g_cmfb_map.find(key);
-    if (found == g_cmfb_map.end()) return false;
-    found->second.count += count;
-    return true;
+    return g_cmfb_map.size() >= fc::kMaxKeys;
 }
 
-// Without memory for the index the entry is simply found through the map from now on.
-void IndexEntry(std::string_view bytes, const wxString& key)
+// Returns whether every stored key is in the index.
+bool IndexIsComplete()
+{
+    return s_index.Size() == g_cmfb_map.size();
+}
+
+// Without memory for the index the key is simply looked up in the map from then on.
+void IndexKey(std::string_view bytes, std::uint32_t* total)
 {
     try {
-        s_index.Insert(bytes, &g_cmfb_map.find(key)->second.count);
+        s_index.Insert(bytes, total);
     } catch (const std::bad_alloc&) {
     }
 }
 
-bool StoreIsFull()
-{
-    return g_cmfb_map.size() >= kMostKeys;
-}
-
-// A key that only the map can tell: new, or not plain.
-void AddThroughMap(std::string_view bytes, const char* text, std::uint32_t count)
+// Adds an observation whose key is not in the index.
+void AddToWorkingStore(std::string_view bytes, const char* text, std::uint32_t count)
 {
     const bool plain = fc::IsPlainAscii(bytes);
-    // Every stored key is indexed and this one is not among them: it is new.
-    if (plain && StoreIsFull() && s_index.size() == g_cmfb_map.size()) return;
-    const wxString key = FromMultibyte(bytes.data());
-    if (!CountKnownKey(key, count)) {
-        if (StoreIsFull()) return;
-        g_cmfb_map.emplace(key, vxa_conn_metric_feedback_s{FromMultibyte(text), count});
-    }
-    if (plain) IndexEntry(bytes, key);
+    if (plain && StoreIsFull() && IndexIsComplete()) return;
+    const wxString key = DecodeMultibyte(bytes.data());
+    auto entry = g_cmfb_map.find(key);
+    if (entry != g_cmfb_map.end())
+        entry->second.count += count;
+    else if (!StoreIsFull())
+        entry =
+            g_cmfb_map.emplace(key, vxa_conn_metric_feedback_s{DecodeMultibyte(text), count}).first;
+    else
+        return;
+    if (plain) IndexKey(bytes, &entry->second.count);
 }
 
 bool PublicationIsDue(std::time_t now)
 {
     wxCriticalSectionLocker lock(g_cmfb_map_fin_cs);
-    return now - g_last_fb_time > kPublicationIntervalS;
+    return now - g_last_fb_time >= fc::kMinPublicationIntervalS;
 }
 
 void Publish(std::time_t now)
@@ -102,7 +104,7 @@ void MergeConnMetrics(ConnMetricMap* from, ConnMetricMap* into)
         const auto known = into->find(entry->first);
         if (known != into->end())
             known->second.count += entry->second.count;
-        else if (into->size() < kMostKeys)
+        else if (into->size() < fc::kMaxKeys)
             into->insert(from->extract(entry));
         entry = next;
     }
@@ -114,8 +116,8 @@ int AddToConnMetrics(lua_State* L)
     const char* key = luaL_checklstring(L, 1, &length);
     const char* text = luaL_checkstring(L, 2);
     const auto count = static_cast<std::uint32_t>(fc::TruncateToInt64(luaL_checknumber(L, 3)));
-    if (count != 0 && !s_index.Count({key, length}, count))
-        fc::Guarded(L, [&] { AddThroughMap({key, length}, text, count); });
+    if (count != 0 && !s_index.AddToKnown({key, length}, count))
+        fc::Guarded(L, [&] { AddToWorkingStore({key, length}, text, count); });
     return 0;
 }
 

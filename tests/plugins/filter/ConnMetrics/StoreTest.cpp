@@ -15,6 +15,7 @@
 #include <lua.hpp>
 
 #include "ConnMetrics/ConnMetrics.h"
+#include "ConnMetrics/Store.h"
 #include "RecordingDriver.h"
 
 namespace {

@@ -12,7 +12,9 @@
 #include <wx/txtstrm.h>
 
 #include "AllocationLimit.h"
-#include "Diagnostics/Diagnostics.h"
+#include "Diagnostics/DriverErrors.h"
+#include "Diagnostics/Dumps.h"
+#include "Diagnostics/TextSink.h"
 #include "HostRecording.h"
 #include "LuaArgs.h"
 #include "RecordingDriver.h"

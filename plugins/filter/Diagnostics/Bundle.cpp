@@ -1,12 +1,14 @@
-// The driver's part of a diagnostic package: all dumps in their fixed order.
+// The driver's part of a diagnostic package: the dumps in their fixed order.
 
-#include "TextEntry.h"
+#include "Bundle.h"
+
+#include "DumpTrace.h"
+#include "Dumps.h"
 
 namespace Filter::Diagnostics {
 
 bool AddDriverContent(VxaCore::CDom* dom, vxi_handle_ops_s* handle, VxaCore::CZipOutputStream& zip)
 {
-    constexpr const char* kSelf = "AddDriverContent";
     static constexpr struct {
         bool (*add)(VxaCore::CDom*, vxi_handle_ops_s*, VxaCore::CZipOutputStream&);
         const char* failure;
@@ -18,9 +20,9 @@ bool AddDriverContent(VxaCore::CDom* dom, vxi_handle_ops_s* handle, VxaCore::CZi
         {AddDriverBlacklist, "AddDriverBlacklist diagnostics failed", 86},
         {AddDriverRuleStats, "AddDriverRuleStats diagnostics failed", 89},
     };
-    TraceLine(74, kSelf, "AddDriverContent()");
+    TraceAt(74, "AddDriverContent", "AddDriverContent()");
     for (const auto& dump : kDumps)
-        if (!dump.add(dom, handle, zip)) TraceLine(dump.line, kSelf, "%s", dump.failure);
+        if (!dump.add(dom, handle, zip)) TraceAt(dump.line, "AddDriverContent", "%s", dump.failure);
     return true;
 }
 
