@@ -19,6 +19,9 @@ private:
     int m_status;
 };
 
+// Describes a status: "Operation not permitted" for -EPERM.
+std::string DescribeStatus(int status);
+
 // Throws an Error with a printf-style message.
 [[noreturn]] void ThrowError(int status, const char* format, ...)
     __attribute__((format(printf, 2, 3)));

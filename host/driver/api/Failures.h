@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "api/Message.h"
+#include "api/BoundedText.h"
 #include "vxi/engine.h"
 
 namespace vxi {

@@ -1,102 +1,113 @@
-// The engines, and the choice among them.
+// The list of engines, and the choice among them.
 #include "api/Registry.h"
 
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <new>
+#include <string>
+
+#include "api/BoundedText.h"
 
 namespace vxi {
 
 namespace {
 
-struct Registered {
-    const Engine* engine;
-    const Operations* operations;
-};
+constexpr const Engine* kEngines[] = {&kLinuxEngine, &kSimEngine};  // the default first
 
-constexpr unsigned kEngineCount = 2;
-
-struct Registry {
-    Registered engines[kEngineCount];
-    const char* names[kEngineCount + 1];
-    // Null while the environment names an engine that does not exist.
-    std::atomic<const Registered*> chosen;
-    std::string wanted;
-
-    Registry();
-    const Registered* Find(const char* name) const;
-};
-
-Registry::Registry()
-    : engines{{&LinuxEngine(), Complete(LinuxEngine())}, {&SimEngine(), Complete(SimEngine())}},
-      names{engines[0].engine->name, engines[1].engine->name, nullptr}
+const Engine* FindEngine(const char* name)
 {
-    const char* name = std::getenv("VXI_ENGINE");
-    wanted = name && *name ? name : names[0];
-    chosen = Find(wanted.c_str());
-}
-
-const Registered* Registry::Find(const char* name) const
-{
-    for (const Registered& each : engines) {
-        if (std::strcmp(each.engine->name, name) == 0) {
-            return &each;
+    for (const Engine* engine : kEngines) {
+        if (std::strcmp(engine->name, name) == 0) {
+            return engine;
         }
     }
     return nullptr;
 }
 
-Registry& GlobalRegistry()
+struct Registry {
+    const char* names[std::size(kEngines) + 1] = {};
+    std::string requested;              // by the environment
+    std::atomic<const Engine*> chosen;  // null while the environment names an unknown engine
+
+    Registry();
+};
+
+Registry::Registry()
+{
+    for (std::size_t i = 0; i < std::size(kEngines); ++i) {
+        names[i] = kEngines[i]->name;
+    }
+    const char* const name = std::getenv("VXI_ENGINE");
+    requested = name && *name ? name : names[0];
+    chosen = FindEngine(requested.c_str());
+}
+
+Registry& ProcessRegistry()
 {
     // Never destroyed: handles may be opened by other objects' destructors at exit.
     static Registry& instance = *new Registry;
     return instance;
 }
 
-std::string UnknownEngine(const Registry& known)
+std::string UnknownEngine(const std::string& name)
 {
-    std::string text = "VXI_ENGINE names no engine: \"" + known.wanted + "\" (known engines:";
-    for (const char* const* name = known.names; *name; ++name) {
-        text += std::string(name == known.names ? " " : ", ") + *name;
+    std::string message = "unknown engine '" + name + "'; known are:";
+    const char* separator = " ";
+    for (const Engine* engine : kEngines) {
+        message.append(separator).append(engine->name);
+        separator = ", ";
     }
-    return text + ")";
+    return message;
 }
 
 }  // namespace
 
-const Engine* ChosenEngine(const Operations*& operations, std::string& error)
+const Engine& ChosenEngine()
 {
-    const Registered* chosen = GlobalRegistry().chosen.load(std::memory_order_acquire);
+    const Registry& registry = ProcessRegistry();
+    const Engine* const chosen = registry.chosen.load(std::memory_order_acquire);
     if (!chosen) {
-        error = UnknownEngine(GlobalRegistry());
-        return nullptr;
+        throw Error(-EINVAL, "VXI_ENGINE: " + UnknownEngine(registry.requested));
     }
-    operations = chosen->operations;
-    return chosen->engine;
+    return *chosen;
 }
 
 }  // namespace vxi
 
 const char* vxi_engine_name(void)
 {
-    const vxi::Registry& all = vxi::GlobalRegistry();
-    const vxi::Registered* chosen = all.chosen.load(std::memory_order_acquire);
-    return chosen ? chosen->engine->name : all.wanted.c_str();
+    const vxi::Registry& registry = vxi::ProcessRegistry();
+    const vxi::Engine* const chosen = registry.chosen.load(std::memory_order_acquire);
+    return chosen ? chosen->name : registry.requested.c_str();
 }
 
 int vxi_engine_select(const char* name)
 {
-    vxi::Registry& all = vxi::GlobalRegistry();
-    const vxi::Registered* found = name ? all.Find(name) : nullptr;
+    const vxi::Engine* const found = name ? vxi::FindEngine(name) : nullptr;
     if (!found) {
         return -EINVAL;
     }
-    all.chosen.store(found, std::memory_order_release);
+    vxi::ProcessRegistry().chosen.store(found, std::memory_order_release);
     return 0;
 }
 
 const char* const* vxi_engine_list(void)
 {
-    return vxi::GlobalRegistry().names;
+    return vxi::ProcessRegistry().names;
+}
+
+const char* vxi_unknown_engine(const char* name)
+{
+    // A plain array, so that a thread that ends has nothing to destroy.
+    static thread_local char message[256];
+    vxi::BoundedText text(message);
+    try {
+        text.Escaped(vxi::UnknownEngine(name ? name : ""));
+    } catch (const std::bad_alloc&) {
+        text.Plain("unknown engine");
+    }
+    return message;
 }

@@ -1,14 +1,12 @@
-// Which engines there are and which one the process uses.
+// Which engines there are, and which of them the process uses.
 #pragma once
-
-#include <string>
 
 #include "api/Engine.h"
 
 namespace vxi {
 
-// The engine of the next handle, with its table filled. Null with `error` set when
-// VXI_ENGINE names none. Takes no lock.
-const Engine* ChosenEngine(const Operations*& operations, std::string& error);
+// The engine of the next handle. Throws an Error while VXI_ENGINE names an unknown engine and
+// vxi_engine_select has not chosen one. Takes no lock.
+const Engine& ChosenEngine();
 
 }  // namespace vxi

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "api/Message.h"
+#include "api/BoundedText.h"
 #include "dumps/Address.h"
 #include "vxi/records.h"
 

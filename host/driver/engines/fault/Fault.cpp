@@ -1,3 +1,4 @@
+// Parses scripts of failures and answers calls from them.
 #include "engines/fault/Fault.h"
 
 #include <cctype>
@@ -6,13 +7,13 @@
 #include <cstdint>
 #include <cstdlib>
 #include <mutex>
-#include <new>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
-#include "api/Message.h"
+#include "api/BoundedText.h"
+#include "api/TextParser.h"
 #include "vxi/engine.h"
 
 namespace vxi::fault {
@@ -21,28 +22,19 @@ std::atomic<bool> scripted{false};
 
 namespace {
 
-constexpr std::uint64_t kForGood = UINT64_MAX;
+constexpr std::uint64_t kUnlimited = UINT64_MAX;
 
 struct Fault {
-    Call call;
+    Call call{};
     int status = 0;
-    std::string text;
+    std::string message;
     std::uint64_t successes_first = 0;  // calls that must succeed before the fault applies
-    std::uint64_t answers_left = kForGood;
+    std::uint64_t answers_left = kUnlimited;
 };
 
 using Script = std::vector<Fault>;
 
-struct State {
-    std::mutex mutex;
-    Script script;
-    std::string environment_error;
-    std::atomic<bool> environment_broken;  // spares every vxi_open the mutex
-
-    State();
-};
-
-std::string KnownCalls()
+std::string AllCallNames()
 {
     std::string names;
     for (const char* name : kCallNames) {
@@ -51,142 +43,104 @@ std::string KnownCalls()
     return names;
 }
 
-// Reads a script front to back; after a failure `expected` is what should be at `position`.
-class Reader {
+class ScriptParser : TextParser {
 public:
-    explicit Reader(std::string_view text) : m_text(text) {}
+    explicit ScriptParser(std::string_view text) : TextParser(text) {}
 
-    bool Read(Script& script);
-    unsigned Position() const { return static_cast<unsigned>(m_at); }
-    const std::string& Expected() const { return m_expected; }
+    Script Parse()
+    {
+        Script script;
+        ParseList([&] { script.push_back(ParseFault()); });
+        return script;
+    }
 
 private:
-    bool ParseFault(Fault& fault);
-    bool ParseOperation(Fault& fault);
-    bool ParseStatus(Fault& fault);
-    bool ParseField(Fault& fault);
-    bool ParseCount(std::size_t digits, std::uint64_t& value);
-    std::string UnescapedField();
-    bool Failed(std::string expected)
-    {
-        m_expected = std::move(expected);
-        return false;
-    }
-    bool Take(char c)
-    {
-        const bool there = m_at < m_text.size() && m_text[m_at] == c;
-        m_at += there;
-        return there;
-    }
-    void SkipBlanks()
-    {
-        while (m_at < m_text.size() && std::isspace(static_cast<unsigned char>(m_text[m_at]))) {
-            ++m_at;
-        }
-    }
-
-    std::string_view m_text;
-    std::size_t m_at = 0;
-    std::string m_expected;
+    Fault ParseFault();
+    Call ParseCall();
+    int ParseStatus(Call call);
+    void ParseField(Fault& fault);
+    std::uint64_t ParseCount(std::size_t begin, std::size_t end);
+    std::string TakeField();
 };
 
-bool Reader::Read(Script& script)
+Fault ScriptParser::ParseFault()
 {
+    Fault fault;
+    fault.call = ParseCall();
     SkipBlanks();
-    while (m_at < m_text.size()) {
-        script.emplace_back();
-        if (!ParseFault(script.back())) {
-            return false;
-        }
-        SkipBlanks();
-        if (m_at < m_text.size() && !Take(',')) {
-            return Failed("\",\" or the end");
-        }
-        SkipBlanks();
-    }
-    return true;
-}
-
-bool Reader::ParseFault(Fault& fault)
-{
-    if (!ParseOperation(fault) || !ParseStatus(fault)) {
-        return false;
-    }
+    Require('=');
+    SkipBlanks();
+    fault.status = ParseStatus(fault.call);
     while (Take(':')) {
-        if (!ParseField(fault)) {
-            return false;
-        }
+        ParseField(fault);
     }
-    return true;
+    if (fault.message.empty()) {
+        fault.message = DescribeStatus(fault.status);
+    }
+    return fault;
 }
 
-bool Reader::ParseOperation(Fault& fault)
-{
-    const std::size_t end = std::min(m_text.find_first_of("=,: \t\n", m_at), m_text.size());
-    if (!FindCall(m_text.substr(m_at, end - m_at), fault.call)) {
-        return Failed("one of " + KnownCalls());
-    }
-    m_at = end;
-    SkipBlanks();
-    return Take('=') || Failed("\"=\"");
-}
-
-bool Reader::ParseStatus(Fault& fault)
-{
-    SkipBlanks();
-    const char* const begin = m_text.data() + m_at;
-    const auto [end, error] = std::from_chars(begin, m_text.data() + m_text.size(), fault.status);
-    if (error != std::errc()) {
-        return Failed("a status number");
-    }
-    // A success without the engine would hand the caller a record that nobody filled.
-    if (fault.status == 0 && fault.call != Call::kDriverAvailable) {
-        return Failed("a status other than 0");
-    }
-    m_at += static_cast<std::size_t>(end - begin);
-    return true;
-}
-
-// "once", "times=N" and "after=N" are settings, anything else is the text.
-bool Reader::ParseField(Fault& fault)
+Call ScriptParser::ParseCall()
 {
     const std::size_t begin = m_at;
-    const std::string words = UnescapedField();
-    const std::size_t digits = words.find('=') + 1;
-    const std::string_view name = std::string_view(words).substr(0, digits);
-    if (words == "once") {
-        fault.answers_left = 1;
-        return true;
+    const auto call = FindCall(TakeUntil("=,: \t\n"));
+    if (!call) {
+        Fail(begin, "one of " + AllCallNames());
     }
-    if (name == "times=" || name == "after=") {
-        const std::size_t end = m_at;
-        m_at = begin + digits;
-        return ParseCount(end, name == "times=" ? fault.answers_left : fault.successes_first);
-    }
-    if (!fault.text.empty()) {
-        m_at = begin;
-        return Failed("once, times=N or after=N: this fault has a text already");
-    }
-    fault.text = words;
-    return true;
+    return *call;
 }
 
-bool Reader::ParseCount(std::size_t end, std::uint64_t& value)
+int ScriptParser::ParseStatus(Call call)
+{
+    const std::size_t begin = m_at;
+    int status = 0;
+    if (!TakeNumber(status)) {
+        Fail(begin, "a status number");
+    }
+    // A success without the engine would return a record that nothing has filled.
+    if (status == 0 && call != Call::kDriverAvailable) {
+        Fail(begin, "a status other than 0");
+    }
+    return status;
+}
+
+// "once", "times=N" or "after=N"; anything else is the message.
+void ScriptParser::ParseField(Fault& fault)
+{
+    const std::size_t begin = m_at;
+    const std::string field = TakeField();
+    const std::size_t digits = field.find('=') + 1;
+    const std::string_view name = std::string_view(field).substr(0, digits);
+    if (field == "once") {
+        fault.answers_left = 1;
+    } else if (name == "times=") {
+        fault.answers_left = ParseCount(begin + digits, m_at);
+    } else if (name == "after=") {
+        fault.successes_first = ParseCount(begin + digits, m_at);
+    } else if (fault.message.empty()) {
+        fault.message = field;
+    } else {
+        Fail(begin, "once, times=N or after=N: this fault has a message already");
+    }
+}
+
+std::uint64_t ScriptParser::ParseCount(std::size_t begin, std::size_t end)
 {
     const char* const last = m_text.data() + end;
-    const auto [stop, error] = std::from_chars(m_text.data() + m_at, last, value);
+    std::uint64_t count = 0;
+    const auto [stop, error] = std::from_chars(m_text.data() + begin, last, count);
     if (error != std::errc() || stop != last) {
-        return Failed("a whole number");
+        Fail(begin, "a whole number");
     }
-    m_at = end;
-    return true;
+    return count;
 }
 
-std::string Reader::UnescapedField()
+// Up to the next separator, with escapes resolved and trailing blanks removed.
+std::string ScriptParser::TakeField()
 {
     std::string field;
     std::size_t length = 0;
-    for (; m_at < m_text.size() && m_text[m_at] != ':' && m_text[m_at] != ','; ++m_at) {
+    for (; !AtEnd() && m_text[m_at] != ':' && m_text[m_at] != ','; ++m_at) {
         const bool escaped = m_text[m_at] == '\\' && m_at + 1 < m_text.size();
         m_at += escaped;
         field += m_text[m_at];
@@ -194,88 +148,94 @@ std::string Reader::UnescapedField()
             length = field.size();
         }
     }
-    field.resize(length);  // blanks in front of a separator are layout
+    field.resize(length);
     return field;
 }
 
-State::State()
+struct ScriptState {
+    std::mutex mutex;
+    Script script;
+    std::string environment_error;  // empty: VXI_FAULT is a script, or has been replaced
+
+    ScriptState();
+    void Replace(Script replacement);
+};
+
+ScriptState::ScriptState()
 {
-    const char* text = std::getenv("VXI_FAULT");
-    Reader reader(text ? text : "");
-    if (!reader.Read(script)) {
-        script.clear();
-        environment_error = "VXI_FAULT cannot be read at character " +
-                            std::to_string(reader.Position() + 1) + ": expected " +
-                            reader.Expected();
+    const char* const text = std::getenv("VXI_FAULT");
+    try {
+        Replace(ScriptParser(text ? text : "").Parse());
+    } catch (const ParseError& error) {
+        environment_error = std::string("VXI_FAULT ") + error.what();
     }
-    environment_broken = !environment_error.empty();
+}
+
+void ScriptState::Replace(Script replacement)
+{
+    script = std::move(replacement);
+    environment_error.clear();
     scripted = !script.empty();
 }
 
-State& GlobalState()
+ScriptState& ProcessScript()
 {
     // Never destroyed: handles may be used until the process ends.
-    static State& instance = *new State;
+    static ScriptState& instance = *new ScriptState;
     return instance;
 }
 
 }  // namespace
 
-bool EnvironmentUsable(std::string& error)
+void CheckEnvironment()
 {
-    State& all = GlobalState();
-    if (!all.environment_broken) {
-        return true;
+    ScriptState& state = ProcessScript();
+    const std::lock_guard<std::mutex> lock(state.mutex);
+    if (!state.environment_error.empty()) {
+        throw Error(-EINVAL, state.environment_error);
     }
-    const std::lock_guard<std::mutex> lock(all.mutex);
-    error = all.environment_error;
-    return error.empty();
 }
 
-bool NextAnswer(Call call, Answer& answer)
+std::optional<Answer> NextAnswer(Call call)
 {
-    State& all = GlobalState();
-    const std::lock_guard<std::mutex> lock(all.mutex);
-    for (Fault& each : all.script) {
-        if (each.call != call || each.successes_first > 0 || each.answers_left == 0) {
+    if (!scripted.load(std::memory_order_acquire)) {
+        return std::nullopt;
+    }
+    ScriptState& state = ProcessScript();
+    const std::lock_guard<std::mutex> lock(state.mutex);
+    for (Fault& fault : state.script) {
+        if (fault.call != call || fault.successes_first > 0 || fault.answers_left == 0) {
             continue;
         }
-        each.answers_left -= each.answers_left != kForGood;
-        answer.status = each.status;
-        BoundedText(answer.text).Plain(each.text);
-        return true;
+        fault.answers_left -= fault.answers_left != kUnlimited;
+        Answer answer{fault.status, ""};
+        BoundedText(answer.message).Plain(fault.message);
+        return answer;
     }
-    return false;
+    return std::nullopt;
 }
 
 void NoteSuccess(Call call)
 {
-    State& all = GlobalState();
-    const std::lock_guard<std::mutex> lock(all.mutex);
-    for (Fault& each : all.script) {
-        each.successes_first -= each.call == call && each.successes_first > 0;
+    if (!scripted.load(std::memory_order_acquire)) {
+        return;
+    }
+    ScriptState& state = ProcessScript();
+    const std::lock_guard<std::mutex> lock(state.mutex);
+    for (Fault& fault : state.script) {
+        fault.successes_first -= fault.call == call && fault.successes_first > 0;
     }
 }
 
 }  // namespace vxi::fault
 
 int vxi_fault_script(const char* script, unsigned int* position)
-try {
-    vxi::fault::Script faults;
-    vxi::fault::Reader reader(script ? script : "");
-    if (!reader.Read(faults)) {
-        if (position) {
-            *position = reader.Position();
-        }
-        return -EINVAL;
-    }
-    vxi::fault::State& all = vxi::fault::GlobalState();
-    const std::lock_guard<std::mutex> lock(all.mutex);
-    all.script = std::move(faults);
-    all.environment_error.clear();
-    all.environment_broken = false;
-    vxi::fault::scripted = !all.script.empty();
-    return 0;
-} catch (const std::bad_alloc&) {
-    return -ENOMEM;
+{
+    using namespace vxi::fault;
+    return vxi::ApplySettings(position, [&] {
+        Script parsed = ScriptParser(script ? script : "").Parse();
+        ScriptState& state = ProcessScript();
+        const std::lock_guard<std::mutex> lock(state.mutex);
+        state.Replace(std::move(parsed));
+    });
 }

@@ -1,30 +1,29 @@
-// Scripted failures around any engine. The grammar is in README.md.
+// Scripted failures of any engine. README.md describes the script's grammar.
 #pragma once
 
 #include <atomic>
-#include <string>
+#include <optional>
 
-#include "api/Calls.h"
+#include "api/Call.h"
 
 namespace vxi::fault {
 
 struct Answer {
     int status;
-    char text[200];  // empty: none was given
+    char message[256];
 };
 
-// Set while a script is in force. Dispatch looks here first, so that a process without
-// a script pays one load a call.
+// Set while a script is in force, so that a process without one pays one load per call.
 extern std::atomic<bool> scripted;
 
-// Reads VXI_FAULT, once. False with `error` set while its value is not a script and none has
+// Throws an Error while VXI_FAULT holds something else than a script and vxi_fault_script has not
 // replaced it.
-bool EnvironmentUsable(std::string& error);
+void CheckEnvironment();
 
-// True when the script has an answer for this call, which then must not reach the engine.
-bool NextAnswer(Call call, Answer& answer);
+// What the script answers to this call, which then must not reach the engine. Does not throw.
+std::optional<Answer> NextAnswer(Call call);
 
-// The engine performed the call with success.
+// Counts a call that the engine performed with success: a fault can wait for a number of them.
 void NoteSuccess(Call call);
 
 }  // namespace vxi::fault

@@ -7,14 +7,14 @@
 #include <cstdio>
 
 #include "api/Message.h"
-#include "engines/linux/Slots.h"
+#include "engines/linux/Operations.h"
 #include "engines/linux/netlink/ConntrackDump.h"
 #include "engines/linux/netlink/NftDump.h"
 #include "engines/linux/netlink/SocketDump.h"
 #include "engines/linux/proc/ProcText.h"
 #include "engines/linux/scan/ProcessMonitor.h"
 
-namespace vxi::linux_slots {
+namespace vxi {
 
 namespace {
 
@@ -124,7 +124,7 @@ constexpr Facility kFacilities[] = {
 
 // The driver is the kernel itself: it answers wherever a netlink socket can be had. What it
 // delivers is for the capabilities to say.
-int Available(vxi_handle_ops_s*)
+int LinuxOperations::DriverAvailable(vxi_handle_ops_s*)
 {
     const int descriptor = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_NETFILTER);
     if (descriptor >= 0) {
@@ -133,7 +133,7 @@ int Available(vxi_handle_ops_s*)
     return descriptor >= 0;
 }
 
-int Capabilities(vxi_handle_ops_s*, vxi_capability_s* rows, unsigned int count)
+int LinuxOperations::Capabilities(vxi_handle_ops_s*, vxi_capability_s* rows, unsigned int count)
 {
     const unsigned int wanted = std::min<unsigned int>(count, std::size(kFacilities));
     for (unsigned int i = 0; i < wanted; ++i) {
@@ -154,4 +154,4 @@ std::uint32_t FacilityBits()
     return bits;
 }
 
-}  // namespace vxi::linux_slots
+}  // namespace vxi

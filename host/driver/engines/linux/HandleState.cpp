@@ -1,6 +1,6 @@
 #include "engines/linux/HandleState.h"
 
-#include "engines/linux/Slots.h"
+#include "engines/linux/Operations.h"
 #include "engines/linux/tables/Blacklist.h"
 #include "engines/linux/tables/FlowSnapshot.h"
 
@@ -18,7 +18,7 @@ HandleState& StateOf(vxi_handle_ops_s* handle)
     return *static_cast<HandleState*>(handle->state);
 }
 
-void linux_slots::Close(vxi_handle_ops_s* handle)
+void LinuxOperations::Close(vxi_handle_ops_s* handle)
 {
     delete static_cast<HandleState*>(handle->state);
 }

@@ -1,20 +1,25 @@
+// Parses the settings of the simulated machine.
 #include "engines/sim/Settings.h"
 
 #include <algorithm>
-#include <charconv>
+#include <string>
+
+#include "api/TextParser.h"
 
 namespace vxi::sim {
 
 namespace {
 
-struct Number {
+constexpr std::uint64_t kPhaseTicksMax = 1000000000;
+
+struct NumberSetting {
     std::string_view name;
     std::uint64_t Settings::*member;
     std::uint64_t least;
     std::uint64_t most;
 };
 
-constexpr Number kNumbers[] = {
+constexpr NumberSetting kNumbers[] = {
     {"seed", &Settings::seed, 0, UINT64_MAX},
     {"port", &Settings::port, 0, 65535},
     {"cpus", &Settings::cpus, 1, 4096},
@@ -26,12 +31,12 @@ constexpr Number kNumbers[] = {
     {"rules", &Settings::rules, 0, 100000},
 };
 
-struct Name {
+struct ScenarioName {
     std::string_view name;
     Scenario scenario;
 };
 
-constexpr Name kScenarios[] = {
+constexpr ScenarioName kScenarios[] = {
     {"idle", Scenario::kIdle},
     {"busy", Scenario::kBusy},
     {"overloaded", Scenario::kOverloaded},
@@ -41,7 +46,7 @@ constexpr Name kScenarios[] = {
 };
 
 template <typename Row, std::size_t count>
-const Row* RowNamed(const Row (&rows)[count], std::string_view name)
+const Row* FindRow(const Row (&rows)[count], std::string_view name)
 {
     const Row* const end = rows + count;
     const Row* const found =
@@ -50,7 +55,7 @@ const Row* RowNamed(const Row (&rows)[count], std::string_view name)
 }
 
 template <typename Row, std::size_t count>
-std::string NamesOf(const Row (&rows)[count])
+std::string Names(const Row (&rows)[count])
 {
     std::string names;
     for (const Row& row : rows) {
@@ -59,120 +64,75 @@ std::string NamesOf(const Row (&rows)[count])
     return names;
 }
 
-class Reader {
+class SettingsParser : TextParser {
 public:
-    Reader(std::string_view text, SettingsError& error) : m_text(text), m_error(error) {}
+    explicit SettingsParser(std::string_view text) : TextParser(text) {}
 
-    bool Read(Settings& settings);
+    Settings Parse()
+    {
+        Settings settings;
+        ParseList([&] { ParseSetting(settings); });
+        return settings;
+    }
 
 private:
-    bool ParseSetting(Settings& settings);
-    bool ParseTimeline(std::vector<Phase>& phases);
-    bool ParsePhase(Phase& phase);
-    bool ParseNumber(std::uint64_t least, std::uint64_t most, std::uint64_t& value);
-
-    std::string_view Word()
-    {
-        const std::size_t begin = m_at;
-        m_at = std::min(m_text.find_first_of("=,:/ ", m_at), m_text.size());
-        return m_text.substr(begin, m_at - begin);
-    }
-    bool Take(char c)
-    {
-        const bool there = m_at < m_text.size() && m_text[m_at] == c;
-        m_at += there;
-        return there;
-    }
-    void SkipBlanks() { m_at = std::min(m_text.find_first_not_of(" \t\n", m_at), m_text.size()); }
-    bool Failed(std::size_t position, std::string expected)
-    {
-        m_error = {position, std::move(expected)};
-        return false;
-    }
-
-    std::string_view m_text;
-    SettingsError& m_error;
-    std::size_t m_at = 0;
+    void ParseSetting(Settings& settings);
+    std::vector<Phase> ParseTimeline();
+    Phase ParsePhase();
+    std::uint64_t ParseNumber(std::uint64_t least, std::uint64_t most);
+    std::string_view TakeWord() { return TakeUntil("=,:/ "); }
 };
 
-bool Reader::Read(Settings& settings)
-{
-    SkipBlanks();
-    while (m_at < m_text.size()) {
-        if (!ParseSetting(settings)) {
-            return false;
-        }
-        SkipBlanks();
-        if (m_at < m_text.size() && !Take(',')) {
-            return Failed(m_at, "\",\" or the end");
-        }
-        SkipBlanks();
-    }
-    return true;
-}
-
-bool Reader::ParseSetting(Settings& settings)
+void SettingsParser::ParseSetting(Settings& settings)
 {
     const std::size_t begin = m_at;
-    const std::string_view key = Word();
-    const Number* row = RowNamed(kNumbers, key);
-    if (!row && key != "scenario") {
-        return Failed(begin, "scenario or one of " + NamesOf(kNumbers));
+    const std::string_view name = TakeWord();
+    const NumberSetting* const number = FindRow(kNumbers, name);
+    if (!number && name != "scenario") {
+        Fail(begin, "scenario or one of " + Names(kNumbers));
     }
-    if (!Take('=')) {
-        return Failed(m_at, "\"=\"");
+    Require('=');
+    if (number) {
+        settings.*number->member = ParseNumber(number->least, number->most);
+    } else {
+        settings.timeline = ParseTimeline();
     }
-    return row ? ParseNumber(row->least, row->most, settings.*row->member)
-               : ParseTimeline(settings.timeline);
 }
 
-bool Reader::ParseTimeline(std::vector<Phase>& phases)
+std::vector<Phase> SettingsParser::ParseTimeline()
 {
-    phases.clear();
+    std::vector<Phase> phases;
     do {
-        phases.emplace_back();
-        if (!ParsePhase(phases.back())) {
-            return false;
-        }
+        phases.push_back(ParsePhase());
     } while (Take('/'));
-    return true;
+    return phases;
 }
 
-bool Reader::ParsePhase(Phase& phase)
+Phase SettingsParser::ParsePhase()
 {
     const std::size_t begin = m_at;
-    const Name* row = RowNamed(kScenarios, Word());
+    const ScenarioName* const row = FindRow(kScenarios, TakeWord());
     if (!row) {
-        return Failed(begin, "one of " + NamesOf(kScenarios));
+        Fail(begin, "one of " + Names(kScenarios));
     }
-    phase = {row->scenario, kDefaultPhaseTicks};
-    return !Take(':') || ParseNumber(1, 1000000000, phase.ticks);
+    return {row->scenario, Take(':') ? ParseNumber(1, kPhaseTicksMax) : kDefaultPhaseTicks};
 }
 
-bool Reader::ParseNumber(std::uint64_t least, std::uint64_t most, std::uint64_t& value)
+std::uint64_t SettingsParser::ParseNumber(std::uint64_t least, std::uint64_t most)
 {
-    const char* const begin = m_text.data() + m_at;
-    std::uint64_t parsed = 0;
-    const auto [end, error] = std::from_chars(begin, m_text.data() + m_text.size(), parsed);
-    if (error != std::errc() || parsed < least || parsed > most) {
-        return Failed(m_at,
-                      "a number from " + std::to_string(least) + " to " + std::to_string(most));
+    const std::size_t begin = m_at;
+    std::uint64_t number = 0;
+    if (!TakeNumber(number) || number < least || number > most) {
+        Fail(begin, "a number from " + std::to_string(least) + " to " + std::to_string(most));
     }
-    m_at += static_cast<std::size_t>(end - begin);
-    value = parsed;
-    return true;
+    return number;
 }
 
 }  // namespace
 
-bool read_settings(std::string_view text, Settings& settings, SettingsError& error)
+Settings ParseSettings(std::string_view text)
 {
-    Settings changed = settings;
-    if (!Reader(text, error).Read(changed)) {
-        return false;
-    }
-    settings = std::move(changed);
-    return true;
+    return SettingsParser(text).Parse();
 }
 
 }  // namespace vxi::sim

@@ -1,4 +1,4 @@
-// The simulated engine: one machine for the process, and what handles keep of it.
+// The simulated engine: one machine per process, and the snapshots that handles keep of it.
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -11,8 +11,9 @@
 #include "api/Engine.h"
 #include "api/FlowRoom.h"
 #include "api/Profiler.h"
-#include "api/Scan.h"
+#include "api/ScanTarget.h"
 #include "api/Source.h"
+#include "api/TextParser.h"
 #include "api/Variables.h"
 #include "engines/sim/Machine.h"
 #include "engines/sim/Settings.h"
@@ -25,41 +26,50 @@ namespace {
 
 constexpr std::uint8_t kUdp = 17;
 
-struct Process {
+struct Machine {
     std::mutex mutex;
     View view;
-    std::string environment_error;
+    std::string environment_error;  // empty: VXI_SIM can be used, or has been replaced
 
-    Process();
+    Machine();
 };
 
-Process::Process()
+Machine::Machine()
 {
-    const char* text = std::getenv("VXI_SIM");
+    const char* const text = std::getenv("VXI_SIM");
     Settings settings;
-    SettingsError error;
-    if (!read_settings(text ? text : "", settings, error)) {
-        environment_error = "VXI_SIM cannot be read at character " +
-                            std::to_string(error.position + 1) + ": expected " + error.expected;
+    try {
+        settings = ParseSettings(text ? text : "");
+    } catch (const ParseError& error) {
+        environment_error = std::string("VXI_SIM ") + error.what();
     }
     view.world = std::make_shared<const World>(std::move(settings));
-    NameStatistics();
+    PublishStatisticsNames();
 }
 
-Process& GlobalProcess()
+Machine& ProcessMachine()
 {
     // Never destroyed: handles may be used until the process ends.
-    static Process& instance = *new Process;
+    static Machine& instance = *new Machine;
     return instance;
 }
 
-View PresentView()
+void CheckEnvironment()
 {
-    const std::lock_guard<std::mutex> lock(GlobalProcess().mutex);
-    return GlobalProcess().view;
+    Machine& machine = ProcessMachine();
+    const std::lock_guard<std::mutex> lock(machine.mutex);
+    if (!machine.environment_error.empty()) {
+        throw Error(-EINVAL, machine.environment_error);
+    }
 }
 
-// What size and count requests leave for the fill requests that follow.
+View CurrentView()
+{
+    const std::lock_guard<std::mutex> lock(ProcessMachine().mutex);
+    return ProcessMachine().view;
+}
+
+// What size and count requests keep for the fill requests that follow.
 struct Snapshots {
     View flows;
     unsigned flow_fills_left = 0;
@@ -76,177 +86,60 @@ Snapshots& SnapshotsOf(vxi_handle_ops_s* handle)
     return *static_cast<Snapshots*>(handle->state);
 }
 
-bool EnvironmentUsable(std::string& error)
+void NoteTick(Table table, const View& view)
 {
-    Process& machine = GlobalProcess();
-    const std::lock_guard<std::mutex> lock(machine.mutex);
-    error = machine.environment_error;
-    return error.empty();
+    NoteSource(table, "simulated machine at tick %llu", static_cast<unsigned long long>(view.tick));
 }
 
-int Open(vxi_handle_ops_s*, std::string& error)
+void CountFlows(Snapshots& kept, vxa_dump_conntrack_s& section)
 {
-    return EnvironmentUsable(error) ? 0 : -EINVAL;
-}
-
-void Close(vxi_handle_ops_s* handle)
-{
-    delete static_cast<Snapshots*>(handle->state);
-}
-
-int Available(vxi_handle_ops_s*)
-{
-    return 1;
-}
-
-int get_stats(vxi_handle_ops_s*, vxa_stats_v2_s* stats, unsigned int)
-{
-    const View view = PresentView();
-    FillStatistics(view, *stats);
-    NoteSource(Table::kStatistics, "simulated machine at tick %llu",
-               static_cast<unsigned long long>(view.tick));
-    return 0;
-}
-
-int CountFlows(vxi_handle_ops_s* handle, vxa_dump_conntrack_s* section)
-{
-    Snapshots& kept = SnapshotsOf(handle);
-    kept.flows = PresentView();
+    kept.flows = CurrentView();
     kept.flow_fills_left = 2;
     kept.room = ShareFlowRoom(kept.flows.world->udp_flows, kept.flows.world->tcp_flows);
-    section->entry_ct = static_cast<std::uint16_t>(kept.room.udp + kept.room.tcp);
-    NoteSource(Table::kConntrack, "simulated machine at tick %llu",
-               static_cast<unsigned long long>(kept.flows.tick));
-    return 0;
+    section.entry_ct = static_cast<std::uint16_t>(kept.room.udp + kept.room.tcp);
+    NoteTick(Table::kConntrack, kept.flows);
 }
 
-void FillFlows(const View& view, vxa_dump_conntrack_s* section)
+void FillFlows(Snapshots& kept, vxa_dump_conntrack_s& section)
 {
-    auto* entry = reinterpret_cast<vxa_conntrack_entry_s*>(section + 1);
-    for (std::uint32_t i = 0; i < section->entry_ct; ++i) {
-        entry[i] = Flow(*view.world, section->protocol, i, view.tick);
+    const View& view = kept.flows;
+    const bool is_udp = section.protocol == kUdp;
+    section.total = is_udp ? view.world->udp_flows : view.world->tcp_flows;
+    section.entry_ct = static_cast<std::uint16_t>(
+        std::min<std::uint32_t>(section.entry_ct, is_udp ? kept.room.udp : kept.room.tcp));
+    auto* const entries = reinterpret_cast<vxa_conntrack_entry_s*>(&section + 1);
+    for (std::uint32_t i = 0; i < section.entry_ct; ++i) {
+        entries[i] = Flow(*view.world, section.protocol, i, view.tick);
     }
-}
-
-int get_conntrack(vxi_handle_ops_s* handle, vxa_dump_conntrack_s* section, unsigned int,
-                  unsigned int*)
-{
-    if (section->protocol == 0) {
-        return CountFlows(handle, section);
-    }
-    Snapshots& kept = SnapshotsOf(handle);
-    if (kept.flow_fills_left == 0) {
-        return Fail(handle, -ENODATA, "no snapshot: ask for the count first");
-    }
-    const bool is_udp = section->protocol == kUdp;
-    const World& world = *kept.flows.world;
-    section->total = is_udp ? world.udp_flows : world.tcp_flows;
-    section->entry_ct = static_cast<std::uint16_t>(
-        std::min<std::uint32_t>(section->entry_ct, is_udp ? kept.room.udp : kept.room.tcp));
-    FillFlows(kept.flows, section);
     if (--kept.flow_fills_left == 0) {
         kept.flows = View();
     }
-    return 0;
 }
 
-int SizeBlacklist(vxi_handle_ops_s* handle, vxa_blacklist_get_addrs_s* list)
+void SizeBlacklist(Snapshots& kept, vxa_blacklist_get_addrs_s& list)
 {
-    Snapshots& kept = SnapshotsOf(handle);
-    kept.blacklist = PresentView();
-    list->set_count = kBlacklistSets;
-    list->entries_size = static_cast<std::uint32_t>(kept.blacklist.world->settings.blacklist *
-                                                    sizeof(vxa_blacklist_entry_s));
-    NoteSource(Table::kBlacklist, "simulated machine at tick %llu",
-               static_cast<unsigned long long>(kept.blacklist.tick));
-    return 0;
+    kept.blacklist = CurrentView();
+    list.entries_size = static_cast<std::uint32_t>(kept.blacklist.world->settings.blacklist *
+                                                   sizeof(vxa_blacklist_entry_s));
+    NoteTick(Table::kBlacklist, kept.blacklist);
 }
 
-int get_blacklist(vxi_handle_ops_s* handle, vxa_blacklist_get_addrs_s* list)
+void FillBlacklist(Snapshots& kept, vxa_blacklist_get_addrs_s& list)
 {
-    if (list->entries_size == 0) {
-        return SizeBlacklist(handle, list);
-    }
-    Snapshots& kept = SnapshotsOf(handle);
-    if (!kept.blacklist.world) {
-        return Fail(handle, -ENODATA, "no snapshot: ask for the size first");
-    }
     const std::uint64_t all = kept.blacklist.world->settings.blacklist;
     const auto count = static_cast<std::uint32_t>(
-        std::min<std::uint64_t>(list->entries_size / sizeof(vxa_blacklist_entry_s), all));
-    auto* bytes = reinterpret_cast<unsigned char*>(list + 1);
+        std::min<std::uint64_t>(list.entries_size / sizeof(vxa_blacklist_entry_s), all));
+    auto* const bytes = reinterpret_cast<unsigned char*>(&list + 1);
     for (std::uint32_t i = 0; i < count; ++i) {
-        // The header is 44 bytes long, so the entries behind it are not aligned.
+        // The header is 44 bytes long, so the entries after it are not aligned.
         const auto entry = Blacklisted(*kept.blacklist.world, i, kept.blacklist.tick);
         std::memcpy(bytes + i * sizeof entry, &entry, sizeof entry);
     }
-    list->entries_size = count * static_cast<std::uint32_t>(sizeof(vxa_blacklist_entry_s));
-    list->set_count = kBlacklistSets;
+    list.entries_size = count * static_cast<std::uint32_t>(sizeof(vxa_blacklist_entry_s));
     kept.blacklist = View();
-    return 0;
 }
 
-int get_conn_states(vxi_handle_ops_s*, vxa_get_conn_states_s* states)
-{
-    const View view = PresentView();
-    FillConnStates(view, *states);
-    NoteSource(Table::kConnStates, "simulated machine at tick %llu",
-               static_cast<unsigned long long>(view.tick));
-    return 0;
-}
-
-int get_variable(vxi_handle_ops_s* handle, vxa_filter_variable_s* variable)
-{
-    variable->value = VariableValue(PresentView(), handle->trace_level, variable->number);
-    return 0;
-}
-
-int SetVariable(vxi_handle_ops_s* handle, unsigned int number, unsigned int value)
-{
-    if (number != kVariableRuleProfiling) {
-        return Fail(handle, -EROFS, "variable %u (%s) is not writable", number,
-                    VariableName(number));
-    }
-    Process& machine = GlobalProcess();
-    const std::lock_guard<std::mutex> lock(machine.mutex);
-    machine.view.rule_profiling = value;
-    machine.view.profiled_since = machine.view.tick;
-    SwitchProfiling(value == 1);
-    return 0;
-}
-
-int get_profile_stats(vxi_handle_ops_s* handle, void* record)
-{
-    Snapshots& kept = SnapshotsOf(handle);
-    std::uint32_t size = 0;
-    std::memcpy(&size, record, sizeof size);
-    if (size == 0) {
-        kept.profile = RuleProfile(PresentView());
-        size = static_cast<std::uint32_t>(kept.profile.size());
-    } else {
-        size = static_cast<std::uint32_t>(std::min<std::size_t>(size, kept.profile.size()));
-        std::memcpy(static_cast<char*>(record) + sizeof size, kept.profile.data(), size);
-        kept.profile = std::string();
-    }
-    std::memcpy(record, &size, sizeof size);
-    return 0;
-}
-
-int SetScanMonitoring(vxi_handle_ops_s*, scan_monitor_config* config)
-{
-    ScanTarget target;
-    TargetOf(*config, target);
-    const ProfilingPause pause;
-    Process& machine = GlobalProcess();
-    const std::lock_guard<std::mutex> lock(machine.mutex);
-    if (!(machine.view.target == target)) {
-        machine.view.target = target;
-        machine.view.counters = Counters{};
-    }
-    return 0;
-}
-
-void NextTick(View& view)
+void AdvanceTick(View& view)
 {
     const Settings& settings = view.world->settings;
     if (CountersRestart(settings, MomentAt(settings, view.tick))) {
@@ -258,94 +151,160 @@ void NextTick(View& view)
     ++view.tick;
 }
 
-int get_scan_metrics(vxi_handle_ops_s* handle, scan_metrics_request* request, unsigned int)
-{
-    Process& machine = GlobalProcess();
-    const std::lock_guard<std::mutex> lock(machine.mutex);
-    if (!(machine.view.target == TargetOf(*request))) {
-        return Fail(handle, -ENOENT, "port %u is not monitored in that direction",
-                    unsigned{request->port});
-    }
-    NextTick(machine.view);
-    DeliverCounters(machine.view.counters, *request);
-    return 0;
-}
+struct SimOperations : DefaultOperations {
+    static void Close(vxi_handle_ops_s* handle) { delete static_cast<Snapshots*>(handle->state); }
 
-int Capabilities(vxi_handle_ops_s*, vxi_capability_s* rows, unsigned int count)
-{
-    constexpr auto kAll = static_cast<unsigned int>(std::size(kFacilityNames));
-    for (unsigned int i = 0; i < std::min(count, kAll); ++i) {
-        rows[i] = {kFacilityNames[i], 1, "simulated"};
-    }
-    return static_cast<int>(kAll);
-}
+    static int DriverAvailable(vxi_handle_ops_s*) { return 1; }
 
-Operations MakeOperations()
-{
-    Operations table{};
-    table.engine = kEngineName;
-    table.close = Close;
-    table.available = Available;
-    table.get_stats = get_stats;
-    table.get_conntrack = get_conntrack;
-    table.get_blacklist = get_blacklist;
-    table.get_conn_states = get_conn_states;
-    table.get_variable = get_variable;
-    table.set_variable = SetVariable;
-    table.get_profile_stats = get_profile_stats;
-    table.set_scan_monitoring = SetScanMonitoring;
-    table.get_scan_metrics = get_scan_metrics;
-    table.capabilities = Capabilities;
-    return table;
-}
+    static int GetStats(vxi_handle_ops_s*, vxa_stats_v2_s* stats, unsigned int)
+    {
+        const View view = CurrentView();
+        FillStatistics(view, *stats);
+        NoteTick(Table::kStatistics, view);
+        return 0;
+    }
+
+    static int GetConntrack(vxi_handle_ops_s* handle, vxa_dump_conntrack_s* section, unsigned int,
+                            unsigned int*)
+    {
+        Snapshots& kept = SnapshotsOf(handle);
+        if (section->protocol == 0) {
+            CountFlows(kept, *section);
+        } else if (kept.flow_fills_left > 0) {
+            FillFlows(kept, *section);
+        } else {
+            throw Error(-ENODATA, "no snapshot: ask for the count first");
+        }
+        return 0;
+    }
+
+    static int GetBlacklist(vxi_handle_ops_s* handle, vxa_blacklist_get_addrs_s* list)
+    {
+        Snapshots& kept = SnapshotsOf(handle);
+        list->set_count = kBlacklistSets;
+        if (list->entries_size == 0) {
+            SizeBlacklist(kept, *list);
+        } else if (kept.blacklist.world) {
+            FillBlacklist(kept, *list);
+        } else {
+            throw Error(-ENODATA, "no snapshot: ask for the size first");
+        }
+        return 0;
+    }
+
+    static int GetConnStates(vxi_handle_ops_s*, vxa_get_conn_states_s* states)
+    {
+        const View view = CurrentView();
+        FillConnStates(view, *states);
+        NoteTick(Table::kConnStates, view);
+        return 0;
+    }
+
+    static int GetVarv(vxi_handle_ops_s* handle, vxa_filter_variable_s* variable)
+    {
+        variable->value = VariableValue(CurrentView(), handle->trace_level, variable->number);
+        return 0;
+    }
+
+    static int SetVar(vxi_handle_ops_s*, unsigned int number, unsigned int value)
+    {
+        if (number != kVariableRuleProfiling) {
+            ThrowError(-EROFS, "variable %u (%s) is not writable", number, VariableName(number));
+        }
+        Machine& machine = ProcessMachine();
+        const std::lock_guard<std::mutex> lock(machine.mutex);
+        machine.view.rule_profiling = value;
+        machine.view.profiled_since = machine.view.tick;
+        SwitchProfiling(value == 1);
+        return 0;
+    }
+
+    static int GetProfileStats(vxi_handle_ops_s* handle, void* record)
+    {
+        Snapshots& kept = SnapshotsOf(handle);
+        std::uint32_t size = 0;
+        std::memcpy(&size, record, sizeof size);
+        if (size == 0) {
+            kept.profile = RuleProfile(CurrentView());
+            size = static_cast<std::uint32_t>(kept.profile.size());
+        } else {
+            size = static_cast<std::uint32_t>(std::min<std::size_t>(size, kept.profile.size()));
+            std::memcpy(static_cast<char*>(record) + sizeof size, kept.profile.data(), size);
+            kept.profile = std::string();
+        }
+        std::memcpy(record, &size, sizeof size);
+        return 0;
+    }
+
+    static int SetScanMonitoring(vxi_handle_ops_s*, const ScanTarget& target)
+    {
+        const ProfilingPause pause;
+        Machine& machine = ProcessMachine();
+        const std::lock_guard<std::mutex> lock(machine.mutex);
+        if (!(machine.view.target == target)) {
+            machine.view.target = target;
+            machine.view.counters = Counters{};
+        }
+        return 0;
+    }
+
+    static int GetScanMetrics(vxi_handle_ops_s*, scan_metrics_request* request, unsigned int)
+    {
+        Machine& machine = ProcessMachine();
+        const std::lock_guard<std::mutex> lock(machine.mutex);
+        if (!(machine.view.target == RequestedTarget(*request))) {
+            ThrowError(-ENOENT, "port %u is not monitored in that direction",
+                       unsigned{request->port});
+        }
+        AdvanceTick(machine.view);
+        WriteCounters(machine.view.counters, *request);
+        return 0;
+    }
+
+    static int Capabilities(vxi_handle_ops_s*, vxi_capability_s* rows, unsigned int count)
+    {
+        const auto copied = std::min<std::size_t>(count, std::size(kFacilityNames));
+        for (std::size_t i = 0; i < copied; ++i) {
+            rows[i] = {kFacilityNames[i], 1, "simulated"};
+        }
+        return static_cast<int>(std::size(kFacilityNames));
+    }
+};
 
 }  // namespace
 
 }  // namespace vxi::sim
 
-const vxi::Engine& vxi::SimEngine()
-{
-    static const Operations kOperations = sim::MakeOperations();
-    static const Engine kEngine{sim::kEngineName, &kOperations, sim::Open, sim::EnvironmentUsable};
-    return kEngine;
-}
+const vxi::Engine vxi::kSimEngine = {sim::kEngineName, MakeOperations<sim::SimOperations>(),
+                                     sim::CheckEnvironment};
 
 int vxi_sim_configure(const char* settings, unsigned int* position)
-try {
+{
     using namespace vxi::sim;
-    Settings chosen;
-    SettingsError error;
-    if (!read_settings(settings ? settings : "", chosen, error)) {
-        if (position) {
-            *position = static_cast<unsigned int>(error.position);
-        }
-        return -EINVAL;
-    }
-    auto world = std::make_shared<const World>(std::move(chosen));
-    Process& machine = GlobalProcess();
-    const std::lock_guard<std::mutex> lock(machine.mutex);
-    // Monitoring is a setting of the driver, not of the machine it watches.
-    View fresh;
-    fresh.world = std::move(world);
-    fresh.target = machine.view.target;
-    machine.view = std::move(fresh);
-    machine.environment_error.clear();
-    return 0;
-} catch (const std::exception&) {
-    return -ENOMEM;
+    return vxi::ApplySettings(position, [&] {
+        auto world = std::make_shared<const World>(ParseSettings(settings ? settings : ""));
+        Machine& machine = ProcessMachine();
+        const std::lock_guard<std::mutex> lock(machine.mutex);
+        // The monitored port is a setting of the driver, not of the machine that it watches.
+        View fresh;
+        fresh.world = std::move(world);
+        fresh.target = machine.view.target;
+        machine.view = std::move(fresh);
+        machine.environment_error.clear();
+    });
 }
 
 void vxi_sim_machine(vxi_sim_machine_s* machine)
 {
     if (machine) {
-        const vxi::sim::View view = vxi::sim::PresentView();
+        const vxi::sim::View view = vxi::sim::CurrentView();
         *machine = vxi::sim::MachineAt(view.world->settings, view.tick);
     }
 }
 
 void vxi_sim_tick(void)
 {
-    vxi::sim::Process& machine = vxi::sim::GlobalProcess();
+    vxi::sim::Machine& machine = vxi::sim::ProcessMachine();
     const std::lock_guard<std::mutex> lock(machine.mutex);
-    vxi::sim::NextTick(machine.view);
+    vxi::sim::AdvanceTick(machine.view);
 }

@@ -154,7 +154,7 @@ std::string ProfileJson(const View& view)
 
 }  // namespace
 
-void NameStatistics()
+void PublishStatisticsNames()
 {
     SlotNames areas[3];
     for (const Slot& slot : kSlots) {

@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "api/Scan.h"
+#include "api/ScanTarget.h"
 #include "engines/sim/Machine.h"
 #include "engines/sim/World.h"
 
@@ -22,7 +22,7 @@ struct View {
     std::uint64_t profiled_since = 0;  // tick at which it became 1
 };
 
-void NameStatistics();
+void PublishStatisticsNames();
 void FillStatistics(const View& view, vxa_stats_v2_s& stats);
 void FillConnStates(const View& view, vxa_get_conn_states_s& states);
 std::uint32_t VariableValue(const View& view, int trace_level, std::uint32_t number);

@@ -14,17 +14,23 @@
 extern "C" {
 #endif
 
-/* Name of the engine that the next vxi_open uses: "linux" unless the environment
- * variable VXI_ENGINE or vxi_engine_select says otherwise. The text lives for the
- * process. */
+/* Name of the engine that the next vxi_open uses: the one chosen with vxi_engine_select, else
+ * the one named by the environment variable VXI_ENGINE, else "linux". The string lives for
+ * the process. */
 VXI_API const char* vxi_engine_name(void);
 
-/* Chooses the engine for handles opened from now on; open handles keep theirs.
- * -EINVAL for a name that no engine has (vxi_engine_list tells them). */
+/* Chooses the engine for handles opened from now on; open handles keep theirs. Returns -EINVAL
+ * for an unknown name. */
 VXI_API int vxi_engine_select(const char* name);
 
 /* The engines' names, null-terminated; lives for the process. */
 VXI_API const char* const* vxi_engine_list(void);
+
+/* The error message for a name that vxi_engine_select refuses:
+ *   unknown engine 'name'; known are: linux, sim
+ * Pure ASCII; the string belongs to the calling thread and lives until its next call of this
+ * function. */
+VXI_API const char* vxi_unknown_engine(const char* name);
 
 /* Why this thread's last vxi_open returned null; empty when it did not. */
 VXI_API const char* vxi_open_error(void);

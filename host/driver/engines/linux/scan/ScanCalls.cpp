@@ -1,11 +1,11 @@
 #include <string>
 
 #include "api/Message.h"
-#include "api/Scan.h"
-#include "engines/linux/Slots.h"
+#include "api/ScanTarget.h"
+#include "engines/linux/Operations.h"
 #include "engines/linux/scan/ProcessMonitor.h"
 
-namespace vxi::linux_slots {
+namespace vxi {
 
 namespace {
 
@@ -16,7 +16,7 @@ enum TraceLevel { kProblems = 1, kChanges = 2, kEverything = 3 };
 // For the host's log, because the call succeeds, and for the handle's trace.
 void ReportProblem(vxi_handle_ops_s* handle, const std::string& message)
 {
-    Report(message);
+    ReportToHost(message);
     VXI_TRACE(handle, kProblems, kTraceSource, "%s", message.c_str());
 }
 
@@ -39,14 +39,12 @@ void ReportReading(vxi_handle_ops_s* handle, const ScanTarget& target, const Sca
 
 }  // namespace
 
-int SetScanMonitoring(vxi_handle_ops_s* handle, scan_monitor_config* config)
+int LinuxOperations::SetScanMonitoring(vxi_handle_ops_s* handle, const ScanTarget& target)
 {
-    ScanTarget target;
-    TargetOf(*config, target);
     ScanMonitor& monitor = ProcessScanMonitor();
     const Outcome outcome = monitor.Set(target);
     if (outcome.Failed()) {
-        return Fail(handle, outcome.status, "%s", outcome.text.c_str());
+        ThrowError(outcome.status, "%s", outcome.text.c_str());
     }
     if (handle->trace_level >= kChanges) {
         VXI_TRACE(handle, kChanges, kTraceSource, "%s", monitor.Description().c_str());
@@ -54,17 +52,18 @@ int SetScanMonitoring(vxi_handle_ops_s* handle, scan_monitor_config* config)
     return 0;
 }
 
-int get_scan_metrics(vxi_handle_ops_s* handle, scan_metrics_request* request, unsigned int)
+int LinuxOperations::GetScanMetrics(vxi_handle_ops_s* handle, scan_metrics_request* request,
+                                    unsigned int)
 {
     ScanReading reading;
-    const ScanTarget target = TargetOf(*request);
+    const ScanTarget target = RequestedTarget(*request);
     const Outcome outcome = ProcessScanMonitor().get(target, reading);
     if (outcome.Failed()) {
-        return Fail(handle, outcome.status, "%s", outcome.text.c_str());
+        ThrowError(outcome.status, "%s", outcome.text.c_str());
     }
     ReportReading(handle, target, reading);
-    DeliverCounters(reading.figures, *request);
+    WriteCounters(reading.figures, *request);
     return 0;
 }
 
-}  // namespace vxi::linux_slots
+}  // namespace vxi

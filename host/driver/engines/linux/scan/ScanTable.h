@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "api/Scan.h"
+#include "api/ScanTarget.h"
 #include "engines/linux/netlink/NftBatch.h"
 
 namespace vxi {

@@ -13,7 +13,7 @@
 #include "api/Message.h"
 #include "api/Source.h"
 #include "engines/linux/HandleState.h"
-#include "engines/linux/Slots.h"
+#include "engines/linux/Operations.h"
 #include "engines/linux/netlink/NftDump.h"
 
 namespace vxi {
@@ -205,7 +205,7 @@ Outcome read_failure(int status)
 
 void TellSource(const vxi_handle_ops_s* handle, const BlacklistSnapshot& snapshot)
 {
-    const char* const engine = handle->operations->engine;
+    const char* const engine = handle->engine->name;
     SetSlotNames(engine, Area::kBlacklistSets, {snapshot.sets});
     SetSlotNames(engine, Area::kBlacklistSkipped, {snapshot.skipped});
     std::string text = "nf_tables sets named blacklist*";
@@ -232,7 +232,7 @@ int SizeBlacklist(vxi_handle_ops_s* handle, vxa_blacklist_get_addrs_s* list)
     auto snapshot = std::make_unique<BlacklistSnapshot>();
     const Outcome outcome = read_blacklist(netlink, *snapshot);
     if (outcome.Failed()) {
-        return Fail(handle, outcome.status, "%s", outcome.text.c_str());
+        ThrowError(outcome.status, "%s", outcome.text.c_str());
     }
     TellSource(handle, *snapshot);
     list->entries_size = BytesOf(snapshot->entries.size());
@@ -326,14 +326,14 @@ Outcome read_blacklist(Netlink& netlink, BlacklistSnapshot& snapshot)
     return {};
 }
 
-int linux_slots::get_blacklist(vxi_handle_ops_s* handle, vxa_blacklist_get_addrs_s* list)
+int LinuxOperations::GetBlacklist(vxi_handle_ops_s* handle, vxa_blacklist_get_addrs_s* list)
 {
     if (list->entries_size == 0) {
         return SizeBlacklist(handle, list);
     }
     const auto snapshot = std::move(StateOf(handle).blacklist);
     if (!snapshot) {
-        return Fail(handle, -ENODATA, "no snapshot: ask for the size first");
+        ThrowError(-ENODATA, "no snapshot: ask for the size first");
     }
     const std::size_t room = list->entries_size / sizeof(vxa_blacklist_entry_s);
     const std::uint32_t bytes = BytesOf(std::min(room, snapshot->entries.size()));

@@ -6,7 +6,7 @@
 #include <numeric>
 
 #include "api/Source.h"
-#include "engines/linux/Slots.h"
+#include "engines/linux/Operations.h"
 
 namespace vxi {
 
@@ -59,19 +59,15 @@ Outcome CountSockets(const SocketDump& dump, vxa_get_conn_states_s& states, std:
     return outcome;
 }
 
-namespace linux_slots {
-
-int get_conn_states(vxi_handle_ops_s* handle, vxa_get_conn_states_s* states)
+int LinuxOperations::GetConnStates(vxi_handle_ops_s*, vxa_get_conn_states_s* states)
 {
     std::string shortfall;
     const Outcome outcome = CountSockets(KernelSockets({~0u, false}), *states, shortfall);
     if (outcome.Failed()) {
-        return Fail(handle, outcome.status, "%s", outcome.text.c_str());
+        ThrowError(outcome.status, "%s", outcome.text.c_str());
     }
     NoteSource(Table::kConnStates, "sock_diag%s", shortfall.c_str());
     return 0;
 }
-
-}  // namespace linux_slots
 
 }  // namespace vxi

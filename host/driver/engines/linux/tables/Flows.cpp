@@ -6,12 +6,12 @@
 #include "api/Message.h"
 #include "api/Source.h"
 #include "engines/linux/HandleState.h"
-#include "engines/linux/Slots.h"
+#include "engines/linux/Operations.h"
 #include "engines/linux/netlink/ConntrackDump.h"
 #include "engines/linux/netlink/NetNamespace.h"
 #include "engines/linux/tables/SocketFlows.h"
 
-namespace vxi::linux_slots {
+namespace vxi {
 
 namespace {
 
@@ -71,7 +71,7 @@ private:
 };
 LastWaitingPorts last_waiting_ports;
 
-int read_from_sockets(vxi_handle_ops_s* handle, int conntrack_status, FlowSnapshot& flows)
+int read_from_sockets(int conntrack_status, FlowSnapshot& flows)
 {
     const std::string why = WhySockets(conntrack_status);
     std::string shortfall;
@@ -80,7 +80,7 @@ int read_from_sockets(vxi_handle_ops_s* handle, int conntrack_status, FlowSnapsh
     const Outcome outcome =
         read_socket_flows(KernelSockets({kFlowSocketStates, true}), flows, shortfall, waiting);
     if (outcome.Failed()) {
-        return Fail(handle, outcome.status, "%s; %s", why.c_str(), outcome.text.c_str());
+        ThrowError(outcome.status, "%s; %s", why.c_str(), outcome.text.c_str());
     }
     last_waiting_ports.Set(network, waiting);
     NoteSource(Table::kConntrack, "sock_diag, %s%s", why.c_str(), shortfall.c_str());
@@ -89,7 +89,7 @@ int read_from_sockets(vxi_handle_ops_s* handle, int conntrack_status, FlowSnapsh
 
 // Where no rule needs tracking the kernel does none, and its table stays empty: sockets
 // then tell more.
-int TakeSnapshot(vxi_handle_ops_s* handle, FlowSnapshot& flows)
+int TakeSnapshot(FlowSnapshot& flows)
 {
     std::uint32_t expected = 0;
     int status = CountTracked(expected);
@@ -98,22 +98,21 @@ int TakeSnapshot(vxi_handle_ops_s* handle, FlowSnapshot& flows)
         status = read_conntrack(DumpConntrack, flows);
     }
     if (status == -ECANCELED) {
-        return Fail(handle, status, "ctnetlink: %s", DescribeStatus(status).c_str());
+        ThrowError(status, "ctnetlink: %s", DescribeStatus(status).c_str());
     }
     const bool tracked = flows.udp.total + flows.tcp.total > 0;
     if (status == -EINTR || (status == 0 && tracked)) {
         NoteConntrack(flows, status == -EINTR);
         return 0;
     }
-    return read_from_sockets(handle, status, flows);
+    return read_from_sockets(status, flows);
 }
 
-int CountFlows(vxi_handle_ops_s* handle, std::unique_ptr<FlowSnapshot>& kept,
-               vxa_dump_conntrack_s& section)
+int CountFlows(std::unique_ptr<FlowSnapshot>& kept, vxa_dump_conntrack_s& section)
 {
     kept.reset();  // not two at a time
     auto flows = std::make_unique<FlowSnapshot>();
-    const int status = TakeSnapshot(handle, *flows);
+    const int status = TakeSnapshot(*flows);
     if (status == 0) {
         section.entry_ct = flows->Offer();
         kept = std::move(flows);
@@ -123,17 +122,17 @@ int CountFlows(vxi_handle_ops_s* handle, std::unique_ptr<FlowSnapshot>& kept,
 
 }  // namespace
 
-int get_conntrack(vxi_handle_ops_s* handle, vxa_dump_conntrack_s* section, unsigned int,
-                  unsigned int*)
+int LinuxOperations::GetConntrack(vxi_handle_ops_s* handle, vxa_dump_conntrack_s* section,
+                                  unsigned int, unsigned int*)
 {
     std::unique_ptr<FlowSnapshot>& kept = StateOf(handle).flows;
     if (section->protocol == 0) {
-        return CountFlows(handle, kept, *section);
+        return CountFlows(kept, *section);
     }
     if (!kept || !FetchFlows(*kept, *section)) {
-        return Fail(handle, -ENODATA, "no snapshot: ask for the count first");
+        ThrowError(-ENODATA, "no snapshot: ask for the count first");
     }
     return 0;
 }
 
-}  // namespace vxi::linux_slots
+}  // namespace vxi

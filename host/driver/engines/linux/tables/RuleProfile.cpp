@@ -15,7 +15,7 @@
 #include "api/Message.h"
 #include "api/Profiler.h"
 #include "engines/linux/HandleState.h"
-#include "engines/linux/Slots.h"
+#include "engines/linux/Operations.h"
 #include "engines/linux/netlink/NetNamespace.h"
 #include "engines/linux/netlink/NftDump.h"
 #include "engines/linux/tables/JsonText.h"
@@ -92,11 +92,11 @@ int SizeProfile(vxi_handle_ops_s* handle, std::uint32_t& size)
     auto json = std::make_unique<std::string>();
     const Outcome outcome = ProcessRuleProfiler().Report(*json);
     if (outcome.Failed()) {
-        return Fail(handle, outcome.status, "%s", outcome.text.c_str());
+        ThrowError(outcome.status, "%s", outcome.text.c_str());
     }
     // A caller adds the size field to it in 32 bits.
     if (json->size() > std::numeric_limits<std::uint32_t>::max() - sizeof size) {
-        return Fail(handle, -EFBIG, "the rules take %zu bytes", json->size());
+        ThrowError(-EFBIG, "the rules take %zu bytes", json->size());
     }
     size = static_cast<std::uint32_t>(json->size());
     StateOf(handle).profile = std::move(json);
@@ -243,7 +243,7 @@ RuleProfiler& ProcessRuleProfiler()
     return *profiler;
 }
 
-int linux_slots::get_profile_stats(vxi_handle_ops_s* handle, void* record)
+int LinuxOperations::GetProfileStats(vxi_handle_ops_s* handle, void* record)
 {
     std::uint32_t size = 0;
     memcpy(&size, record, sizeof size);
@@ -254,7 +254,7 @@ int linux_slots::get_profile_stats(vxi_handle_ops_s* handle, void* record)
     }
     const auto json = std::move(StateOf(handle).profile);
     if (!json) {
-        return Fail(handle, -ENODATA, "no snapshot: ask for the size first");
+        ThrowError(-ENODATA, "no snapshot: ask for the size first");
     }
     size = static_cast<std::uint32_t>(std::min<std::size_t>(size, json->size()));
     memcpy(record, &size, sizeof size);

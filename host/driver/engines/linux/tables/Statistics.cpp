@@ -7,7 +7,7 @@
 #include <cerrno>
 
 #include "api/Message.h"
-#include "engines/linux/Slots.h"
+#include "engines/linux/Operations.h"
 #include "engines/linux/netlink/NftDump.h"
 #include "engines/linux/scan/ProcessMonitor.h"
 #include "vxi/records.h"
@@ -246,14 +246,14 @@ StatisticsNames FillStatistics(const StatisticsFolders& folders, std::uint64_t* 
     return names;
 }
 
-int linux_slots::get_stats(vxi_handle_ops_s* handle, vxa_stats_v2_s* stats, unsigned int)
+int LinuxOperations::GetStats(vxi_handle_ops_s* handle, vxa_stats_v2_s* stats, unsigned int)
 {
     const StatisticsFolders folders;
     StatisticsNames names = FillStatistics(folders, stats->area1, stats->area2, stats->area3);
     if (names.tables == 0) {
-        return Fail(handle, -ENOENT, "none of the tables in %s can be read", folders.net.c_str());
+        ThrowError(-ENOENT, "none of the tables in %s can be read", folders.net.c_str());
     }
-    const char* const engine = handle->operations->engine;
+    const char* const engine = handle->engine->name;
     KeepNames(engine, Area::kStatistics1, std::move(names.areas[0]));
     KeepNames(engine, Area::kStatistics2, std::move(names.areas[1]));
     KeepNames(engine, Area::kStatistics3, std::move(names.areas[2]));

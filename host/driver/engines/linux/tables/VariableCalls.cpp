@@ -11,7 +11,7 @@
 #include <string_view>
 
 #include "api/Variables.h"
-#include "engines/linux/Slots.h"
+#include "engines/linux/Operations.h"
 #include "engines/linux/netlink/NetNamespace.h"
 #include "engines/linux/netlink/NftDump.h"
 #include "engines/linux/proc/KernelSettings.h"
@@ -110,7 +110,7 @@ std::uint32_t OwnValue(vxi_handle_ops_s* handle, std::uint32_t number)
         case kVariableCapabilityBits:
             return CapabilityBits();
         case kVariableFacilityBits:
-            return linux_slots::FacilityBits();
+            return FacilityBits();
         case kVariableScanOn:
         case kVariableScanPort:
         case kVariableScanDirection:
@@ -145,7 +145,7 @@ std::uint32_t OwnValue(vxi_handle_ops_s* handle, std::uint32_t number)
 
 }  // namespace
 
-int linux_slots::get_variable(vxi_handle_ops_s* handle, vxa_filter_variable_s* variable)
+int LinuxOperations::GetVarv(vxi_handle_ops_s* handle, vxa_filter_variable_s* variable)
 {
     const std::string_view name = VariableName(variable->number);
     const bool setting = name.substr(0, 4) == "net.";
@@ -154,18 +154,20 @@ int linux_slots::get_variable(vxi_handle_ops_s* handle, vxa_filter_variable_s* v
     return 0;
 }
 
-int linux_slots::SetVariable(vxi_handle_ops_s* handle, unsigned int number, unsigned int value)
+int LinuxOperations::SetVar(vxi_handle_ops_s* handle, unsigned int number, unsigned int value)
 {
     if (number == kVariableRuleProfiling) {
         const Outcome outcome = ProcessRuleProfiler().Set(value);
-        return outcome.Failed() ? Fail(handle, outcome.status, "%s", outcome.text.c_str()) : 0;
+        if (outcome.Failed()) {
+            throw Error(outcome.status, outcome.text);
+        }
+        return 0;
     }
     if (number != kVariableTraceLevel) {
-        return Fail(handle, -EROFS, "variable %u (%s) is not writable", number,
-                    VariableName(number));
+        ThrowError(-EROFS, "variable %u (%s) is not writable", number, VariableName(number));
     }
     if (value > kTraceLevelMax) {
-        return Fail(handle, -EINVAL, "trace level %u is above %u", value, kTraceLevelMax);
+        ThrowError(-EINVAL, "trace level %u is above %u", value, kTraceLevelMax);
     }
     handle->trace_level = static_cast<int>(value);
     return 0;

@@ -1,0 +1,10 @@
+// Problems that the host should hear of although no call fails; see vxi_set_message_handler.
+#pragma once
+
+#include <string>
+
+namespace vxi {
+
+void ReportToHost(const std::string& message);
+
+}  // namespace vxi
