@@ -1,3 +1,5 @@
+// Driver handles and host objects among the arguments of a native function.
+
 #include "LuaArgs.h"
 
 #include "SLB3/slb.h"
@@ -9,8 +11,8 @@ namespace {
 
 constexpr std::size_t kSlbHeaderBytes = 24;
 
-// Whether the metatable on top is the one that the registry has for its own `__class`: a
-// class of SLB3. Raw accesses, because the metatable may come from a script. [-0, +0, m]
+// Whether the metatable on top is an SLB3 class: the registry holds it under its own `__class`.
+// Uses raw access because the metatable may come from a script. [-0, +0, m]
 bool IsClassMetatable(lua_State* L)
 {
     lua_pushliteral(L, "__class");
@@ -21,8 +23,8 @@ bool IsClassMetatable(lua_State* L)
     return is_class;
 }
 
-// Checked before SLB3 is asked, which may take any userdata for an object of its own: a
-// script that swaps two arguments must not end the process. [-0, +0, m]
+// SLB3 may take any userdata for one of its objects, so this is checked first: a script that swaps
+// two arguments must not crash the process. [-0, +0, m]
 bool IsSlbObject(lua_State* L, int arg)
 {
     if (lua_type(L, arg) != LUA_TUSERDATA || lua_rawlen(L, arg) < kSlbHeaderBytes) return false;
@@ -44,7 +46,7 @@ template <typename T>
 T* CheckHostObject(lua_State* L, int arg, const char* expected)
 {
     T* object = TestHostObject<T>(L, arg);
-    if (object == nullptr) luaL_argerror(L, arg, expected);
+    if (!object) luaL_argerror(L, arg, expected);
     return object;
 }
 
@@ -53,7 +55,7 @@ T* CheckHostObject(lua_State* L, int arg, const char* expected)
 vxi_handle_ops_s* CheckDriverHandle(lua_State* L, int arg)
 {
     void* block = luaL_testudata(L, arg, "vxi_handle_t*");
-    if (block == nullptr || lua_rawlen(L, arg) < sizeof(vxi_handle_ops_s*))
+    if (!block || lua_rawlen(L, arg) < sizeof(vxi_handle_ops_s*))
         luaL_argerror(L, arg, "vxi handle expected");
     return *static_cast<vxi_handle_ops_s**>(block);
 }
@@ -61,7 +63,7 @@ vxi_handle_ops_s* CheckDriverHandle(lua_State* L, int arg)
 vxi_handle_ops_s* CheckOpenDriverHandle(lua_State* L, int arg)
 {
     vxi_handle_ops_s* handle = CheckDriverHandle(L, arg);
-    if (handle == nullptr) luaL_argerror(L, arg, "vxi handle already closed");
+    if (!handle) luaL_argerror(L, arg, "vxi handle already closed");
     return handle;
 }
 

@@ -1,7 +1,7 @@
-// Driver handle and host objects taken from the Lua stack.
+// Driver handles and host objects among the arguments of a native function.
 //
-// Each raises a Lua argument error with its fixed text for a wrong value and changes
-// nothing. Callers check in ascending position order.
+// The Check functions raise a Lua argument error with the quoted message for a wrong value.
+// Callers check in ascending order of position, before they change anything.
 #pragma once
 
 #include <lua.hpp>
@@ -15,17 +15,17 @@ class CZipOutputStream;
 
 namespace fc {
 
-// The handle, never null. "vxi handle expected", "vxi handle already closed". [-0, +0, v]
+// Returns an open handle, never null. "vxi handle expected", "vxi handle already closed".
+// [-0, +0, v]
 vxi_handle_ops_s* CheckOpenDriverHandle(lua_State* L, int arg);
 
-// The stored pointer as it is: null when the host has closed the handle.
-// "vxi handle expected". [-0, +0, v]
+// Returns the handle, or null if the host has closed it. "vxi handle expected". [-0, +0, v]
 vxi_handle_ops_s* CheckDriverHandle(lua_State* L, int arg);
 
 // "CDom object expected". [-0, +0, v]
 VxaCore::CDom* CheckDom(lua_State* L, int arg);
 
-// The same without an error: null for a wrong value. [-0, +0, m]
+// Returns null instead of raising an error. [-0, +0, m]
 VxaCore::CDom* TestDom(lua_State* L, int arg);
 
 // "CZipOutputStream object expected". [-0, +0, v]

@@ -1,13 +1,11 @@
-// What crosses between Lua and C++.
+// Guard between native functions and Lua: turns C++ exceptions into Lua errors.
 //
-// The same module runs under an interpreter that raises errors with longjmp, which
-// skips destructors, and under one that throws its own objects. Hence three zones in
-// every native function: check arguments into plain locals; run a body that knows no
-// lua_State inside Guarded; push results. No object with a destructor lives where Lua
-// can raise.
+// Lua built as C raises errors with longjmp, which skips destructors; Lua built as C++ throws its
+// own objects. A native function therefore has three parts: check the arguments into plain
+// locals; run the work inside Guarded, without calling Lua; push the results. No object with a
+// destructor is alive where Lua can raise.
 #pragma once
 
-#include <cstdint>
 #include <cstdio>
 #include <exception>
 
@@ -15,10 +13,10 @@
 
 namespace fc {
 
-// Runs `body` and turns a C++ exception into a Lua error with its text. [-0, +0, v]
-// Only std::exception is caught: in the C++ build of Lua a catch-all would swallow
-// Lua's own errors. The text is copied out before the handler ends, so that nothing
-// is alive when Lua jumps.
+// Runs `body` and raises a std::exception that it throws as a Lua error with the same message.
+// [-0, +0, v]
+// Does not catch anything else: Lua built as C++ throws its own errors through here. The message
+// is copied so that the exception object is gone when Lua raises.
 template <typename Body>
 void Guarded(lua_State* L, Body&& body)
 {
@@ -30,14 +28,6 @@ void Guarded(lua_State* L, Body&& body)
         std::snprintf(message, sizeof message, "%s", e.what());
     }
     luaL_error(L, "%s", message);
-}
-
-// Truncation toward zero for every double. C++ leaves NaN and values out of range
-// undefined; here they give what this platform's conversion instruction yields.
-inline std::int64_t TruncateToInt64(double value)
-{
-    constexpr double kLimit = 9223372036854775808.0;  // 2^63
-    return value >= -kLimit && value < kLimit ? static_cast<std::int64_t>(value) : INT64_MIN;
 }
 
 }  // namespace fc

@@ -11,6 +11,7 @@
 #include "KeyIndex.h"
 #include "Limits.h"
 #include "LuaBoundary.h"
+#include "Numbers.h"
 
 wxCriticalSection g_cmfb_map_fin_cs;
 ConnMetricMap g_cmfb_map;

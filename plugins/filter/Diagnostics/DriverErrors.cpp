@@ -10,7 +10,7 @@
 #include <string>
 
 #include "DumpTrace.h"
-#include "Text.h"
+#include "StringConversion.h"
 #include "VxaCore/LogTrace.h"
 
 namespace Filter::Diagnostics {

@@ -1,4 +1,6 @@
-// Metric collectors: each runs one command or reads one file and parses one line format.
+// Collectors: each runs one command or reads one file, and parses its lines.
+
+#include "Collectors.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -8,22 +10,23 @@
 #include <string>
 #include <string_view>
 
-#include "SystemHealth.h"
-#include "Text.h"
+#include "HealthTrace.h"
+#include "StringConversion.h"
 
 VmstatTable vxa_syshealth_vmstat_metrics = {{
-    // No heading is ever "null": physical memory comes from the configuration line.
+    // No column has this heading: physical memory comes from the line "System configuration:".
     {"vmstat_phys_mem", "null", 0, 0},
     {"vmstat_runQ", "r", 0, 0},
     {"vmstat_avm", "avm", 0, 0},
     {"vmstat_freemem", "fre", 0, 0},
     {"user_cpu", "us", 0, 0},
-    // Located beforehand: "sy" heads the system calls too, further left.
+    // Fixed column: an earlier column, of system calls, may have the heading "sy" as well.
     {"sys_cpu", "sy", 15, 0},
     {"idle_cpu", "id", 0, 0},
     {"wait_cpu", "wa", 0, 0},
 }};
 
+namespace fc {
 namespace {
 
 constexpr std::size_t kLineSize = 256;
@@ -37,70 +40,73 @@ struct CloseFile {
     void operator()(FILE* file) const { std::fclose(file); }
 };
 
-Pipe Run(const char* command)
+Pipe RunCommand(const char* command)
 {
     return Pipe(popen(command, "re"));
 }
 
-bool Complain(const fc::TracePoint& at, const char* message)
+void TraceFailure(const TracePoint& at, const char* message)
 {
-    fc::Trace(s_TraceEngine, at, "%s", message);
-    return false;
+    Trace(s_TraceEngine, at, "%s", message);
 }
 
 // ---- run queue -------------------------------------------------------------------------
 
-// The one-minute load average from the line of uptime. Positions are 32-bit, and the
-// text ends one character before the comma: the last digit is dropped, so that the
-// figure is the load in tenths that the thresholds were tuned with.
+// Reads the one-minute load average from the output of uptime. The last digit is dropped, so that
+// 0.52 yields 0.5: thresholds are compared with this value. Positions are 32-bit unsigned.
 bool ParseRunQueue(const char* line, double* out)
 {
-    const fc::TracePoint at = SYSHEALTH_AT("queryRunQueueLength");
+    const TracePoint at = SYSHEALTH_AT("queryRunQueueLength");
     const char* average = std::strstr(line, "average:");
-    if (average == nullptr) return Complain(at, "no match on average:");
+    if (!average) {
+        TraceFailure(at, "no match on average:");
+        return false;
+    }
     const std::string_view rest(average + std::strlen("average:"));
     const std::size_t comma = rest.find(',');
-    if (comma == std::string_view::npos) return Complain(at, "no match on comma");
+    if (comma == std::string_view::npos) {
+        TraceFailure(at, "no match on comma");
+        return false;
+    }
     const std::string length(rest.substr(0, static_cast<std::uint32_t>(comma) - 1u));
-    if (fc::Decode(length).ToDouble(out)) return true;
-    fc::Trace(s_TraceEngine, at, "failed to convert runqueue length string %s", length.c_str());
+    if (Decode(length).ToDouble(out)) return true;
+    Trace(s_TraceEngine, at, "failed to convert runqueue length string %s", length.c_str());
     return false;
 }
 
 // ---- memory ----------------------------------------------------------------------------
 
-// 1 when the line gave the figure, which is then stored.
-int StoreMemoryFigure(bool parsed, unsigned long long figure, const char* complaint,
-                      vxa_health_vmstat_metrics_t* row)
+// Returns 1 and stores the value if the line could be parsed.
+int StoreMemory(bool parsed, unsigned long long value, const char* complaint,
+                vxa_health_vmstat_metrics_t* row)
 {
     if (!parsed) {
-        Complain(SYSHEALTH_AT("getMemoryMetrics"), complaint);
+        TraceFailure(SYSHEALTH_AT("getMemoryMetrics"), complaint);
         return 0;
     }
-    row->value = figure;
+    row->value = value;
     return 1;
 }
 
+// Returns how many values of the line were stored.
 int ReadMemoryLine(const char* line, vxa_health_vmstat_metrics_t* table)
 {
-    unsigned long long figure = 0;
-    if (std::strstr(line, "MemTotal:") != nullptr) {
-        const bool parsed = std::sscanf(line, "MemTotal: %llu kB", &figure) == 1;
-        return StoreMemoryFigure(parsed, figure, "failed to parse MemTotal value",
-                                 &table[kVmPhysicalMemory]);
+    unsigned long long kb = 0;
+    if (std::strstr(line, "MemTotal:")) {
+        const bool parsed = std::sscanf(line, "MemTotal: %llu kB", &kb) == 1;
+        return StoreMemory(parsed, kb, "failed to parse MemTotal value",
+                           &table[kVmstatPhysicalMemory]);
     }
-    if (std::strstr(line, "MemFree:") != nullptr) {
-        const bool parsed = std::sscanf(line, "MemFree: %llu kB", &figure) == 1;
-        return StoreMemoryFigure(parsed, figure, "failed to parse MemFree value",
-                                 &table[kVmFreeMemory]);
+    if (std::strstr(line, "MemFree:")) {
+        const bool parsed = std::sscanf(line, "MemFree: %llu kB", &kb) == 1;
+        return StoreMemory(parsed, kb, "failed to parse MemFree value", &table[kVmstatFreeMemory]);
     }
     return 0;
 }
 
 // ---- vmstat ----------------------------------------------------------------------------
 
-// Calls visit(token, number) for the tokens between delimiters, numbered from 1. Runs of
-// delimiters separate like one.
+// Calls visit(token, number) for each non-empty token between delimiters, numbered from 1.
 template <typename Visit>
 void ForEachToken(std::string_view line, char delimiter, Visit visit)
 {
@@ -112,9 +118,9 @@ void ForEachToken(std::string_view line, char delimiter, Visit visit)
     }
 }
 
-unsigned long long LeadingNumber(const std::string& text)
+unsigned long long LeadingNumber(const std::string& token)
 {
-    return std::strtoull(text.c_str(), nullptr, 10);
+    return std::strtoull(token.c_str(), nullptr, 10);
 }
 
 int ReadConfigurationLine(const char* line, vxa_health_vmstat_metrics_t* table)
@@ -122,18 +128,18 @@ int ReadConfigurationLine(const char* line, vxa_health_vmstat_metrics_t* table)
     int stored = 0;
     ForEachToken(line, '=', [&](const std::string& token, int number) {
         if (number == 3) {
-            table[kVmPhysicalMemory].value = LeadingNumber(token);
+            table[kVmstatPhysicalMemory].value = LeadingNumber(token);
             stored = 1;
         }
     });
     return stored;
 }
 
-// Each heading locates the first row that waits for it; located rows keep their column.
+// Locates each row at the first heading that matches; located rows keep their column.
 void ReadHeadingLine(const char* line, vxa_health_vmstat_metrics_t* table)
 {
     ForEachToken(line, ' ', [&](const std::string& token, int number) {
-        for (int row = 0; row < kVmRows; ++row)
+        for (int row = 0; row < kVmstatCount; ++row)
             if (table[row].column == 0 && token == table[row].header) {
                 table[row].column = number;
                 return;
@@ -145,7 +151,7 @@ int ReadDataLine(const char* line, vxa_health_vmstat_metrics_t* table)
 {
     int stored = 0;
     ForEachToken(line, ' ', [&](const std::string& token, int number) {
-        for (int row = 0; row < kVmRows; ++row)
+        for (int row = 0; row < kVmstatCount; ++row)
             if (table[row].column == number) {
                 table[row].value = LeadingNumber(token);
                 ++stored;
@@ -157,29 +163,31 @@ int ReadDataLine(const char* line, vxa_health_vmstat_metrics_t* table)
 
 int ReadVmstatLine(const char* line, vxa_health_vmstat_metrics_t* table)
 {
-    if (std::strstr(line, "configuration:") != nullptr) return ReadConfigurationLine(line, table);
-    if (std::strstr(line, "avm") != nullptr) {
+    if (std::strstr(line, "configuration:")) return ReadConfigurationLine(line, table);
+    if (std::strstr(line, "avm")) {
         ReadHeadingLine(line, table);
         return 0;
     }
-    // A data line is known by the colons of its time stamp.
-    return std::strchr(line, ':') != nullptr ? ReadDataLine(line, table) : 0;
+    // The time stamp of a data line has colons.
+    return std::strchr(line, ':') ? ReadDataLine(line, table) : 0;
 }
 
 }  // namespace
+}  // namespace fc
 
 unsigned long long queryCpuCount()
 {
-    Pipe pipe = Run("nproc");
+    constexpr const char* kFunction = "queryCpuCount";
+    fc::Pipe pipe = fc::RunCommand("nproc");
     if (!pipe) {
-        Complain(SYSHEALTH_AT("queryCpuCount"), "failed to run command");
+        fc::TraceFailure(SYSHEALTH_AT(kFunction), "failed to run command");
         return 0;
     }
     unsigned long long count = 0;
     const int converted = std::fscanf(pipe.get(), "%llu", &count);
     pipe.reset();
     if (converted != 1) {
-        Complain(SYSHEALTH_AT("queryCpuCount"), "failed to parse cpu count");
+        fc::TraceFailure(SYSHEALTH_AT(kFunction), "failed to parse cpu count");
         return 0;
     }
     return count;
@@ -187,56 +195,58 @@ unsigned long long queryCpuCount()
 
 int queryRunQueueLength(double* out)
 {
-    constexpr const char* kSelf = "queryRunQueueLength";
-    Pipe pipe = Run("uptime");
+    constexpr const char* kFunction = "queryRunQueueLength";
+    fc::Pipe pipe = fc::RunCommand("uptime");
     if (!pipe) {
-        Complain(SYSHEALTH_AT(kSelf), "could not run command, failing");
+        fc::TraceFailure(SYSHEALTH_AT(kFunction), "could not run command, failing");
         return 1;
     }
-    char line[kLineSize] = {};
+    char line[fc::kLineSize] = {};
     const bool read = std::fgets(line, sizeof line, pipe.get()) != nullptr;
     pipe.reset();
     if (!read) {
-        Complain(SYSHEALTH_AT(kSelf), "could not retrieve command output, failing");
+        fc::TraceFailure(SYSHEALTH_AT(kFunction), "could not retrieve command output, failing");
         return 1;
     }
     double length = 0;
-    if (!ParseRunQueue(line, &length)) return 1;
+    if (!fc::ParseRunQueue(line, &length)) return 1;
     *out = length;
     return 0;
 }
 
 int getMemoryMetrics(vxa_health_vmstat_metrics_t* table)
 {
-    const std::unique_ptr<FILE, CloseFile> file(std::fopen("/proc/meminfo", "re"));
+    constexpr const char* kFunction = "getMemoryMetrics";
+    const std::unique_ptr<FILE, fc::CloseFile> file(std::fopen("/proc/meminfo", "re"));
     if (!file) {
-        Complain(SYSHEALTH_AT("getMemoryMetrics"), "failed to run command");
+        // Log filters match the same message as for the commands.
+        fc::TraceFailure(SYSHEALTH_AT(kFunction), "failed to run command");
         return 0;
     }
-    char line[kLineSize] = {};
+    char line[fc::kLineSize] = {};
     int found = 0;
-    // One line beyond the second figure is read before the search ends.
-    while (std::fgets(line, sizeof line, file.get()) != nullptr) {
+    // Reads one line more after the second value.
+    while (std::fgets(line, sizeof line, file.get())) {
         if (found == 2) return found;
-        found += ReadMemoryLine(line, table);
+        found += fc::ReadMemoryLine(line, table);
     }
     if (found == 2) return found;
-    Complain(SYSHEALTH_AT("getMemoryMetrics"), "could not retrieve command output, failing");
+    fc::TraceFailure(SYSHEALTH_AT(kFunction), "could not retrieve command output, failing");
     return 0;
 }
 
 int getVmstatMetrics(vxa_health_vmstat_metrics_t* table)
 {
-    const Pipe pipe = Run("vmstat -t 10 1");
+    constexpr const char* kFunction = "getVmstatMetrics";
+    const fc::Pipe pipe = fc::RunCommand("vmstat -t 10 1");
     if (!pipe) {
-        Complain(SYSHEALTH_AT("getVmstatMetrics"), "failed to run command");
+        fc::TraceFailure(SYSHEALTH_AT(kFunction), "failed to run command");
         return 0;
     }
-    char line[kLineSize] = {};
+    char line[fc::kLineSize] = {};
     int stored = 0;
-    while (std::fgets(line, sizeof line, pipe.get()) != nullptr)
-        stored += ReadVmstatLine(line, table);
+    while (std::fgets(line, sizeof line, pipe.get())) stored += fc::ReadVmstatLine(line, table);
     if (stored == 0)
-        Complain(SYSHEALTH_AT("getVmstatMetrics"), "could not retrieve command output, failing");
+        fc::TraceFailure(SYSHEALTH_AT(kFunction), "could not retrieve command output, failing");
     return stored;
 }

@@ -1,4 +1,6 @@
-// Health configuration: the two readers and the JSON log of what is in force.
+// The settings, and their two readers: the local file and the policy.
+
+#include "Config.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -14,116 +16,132 @@
 
 #include <cjson/cJSON.h>
 
-#include "SystemHealth.h"
+#include "HealthTrace.h"
+#include "Lock.h"
 #include "VxaCore/Dom.h"
 
-wxCriticalSection g_syshealth_cs;
-
-const wxString s_TraceEngine(L"SysHealth.eng");
-const wxString s_TraceScan(L"SysHealth.scan");
-const wxString s_TraceConf(L"SysHealth.conf");
-const wxString s_TraceMetr(L"SysHealth.metr");
-
-ConfigTable vxa_syshealth_config = {{
-    {"SYSTEM_CONNECTION_REFUSAL_PORT=", "SYS_CONF_CONN_REFUSAL_PORT", 65535, 0, 0, kJsonNumber},
-    {"SYSTEM_CONNECTION_REFUSAL_OUTBOUND=", "SYS_CONF_CONN_REFUSAL_OUTBOUND", 1, 0, 0, kJsonNumber},
-    {"SYSTEM_RECOVERY_FACTOR=", "SYS_CONF_RECOVER_FACTOR", 100, 0, 0, kJsonNumber},
-    {"SYSTEM_MIN_ACT_DURATION=", "SYS_CONF_MIN_ACT_DURATION", 60, 0, 0, kJsonNumber},
-    {"SYSTEM_CONNECTION_REFUSAL_PCT_THRESHOLD=", "SYS_THR_CONN_REFUSAL_PCT", 100, 0, 0,
-     kJsonObject},
-    {"SYSTEM_RUNQ_PCT_THRESHOLD=", "SYS_THR_RUNQ", 200, 0, 0, kJsonObject},
-    {"SYSTEM_CONNECTION_ESTABLISHED_PER_CPU=", "SYS_THR_CONN_EST_PER_CPU", 10000000, 0, 0,
-     kJsonObject},
-    {"SYSTEM_TOTAL_SCAN_MBYTES_PER_CPU=", "SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU", 100000, 0, 0,
-     kJsonObject},
-    {"SYSTEM_MIN_FREE_MEM_PCT=", "SYS_THR_FREE_MEM", 25, 0, 0, kJsonObject},
-    {"SYSTEM_MAX_ITERATION_INTERVAL=", "SYS_THR_MAX_ITERATION_INVL", 60, 0, 0, kJsonObject},
-    {"SYSTEM_UNLOAD_DRIVER=", "SYS_CONF_UNLOAD_DRIVER", 1, 0, 0, kJsonNumber},
-}};
-
+namespace fc {
 namespace {
 
-constexpr const char* kConfigFile = "/etc/vx_filter.conf";
-constexpr const char* kConfigLog = "/var/opt/vx_agent/diag/vx_filter_json.log";
-const std::string s_UnloadDriverKey("vxp.filter.FailOpenUnloadDriver");
+static_assert(kJsonNumber == cJSON_Number && kJsonObject == cJSON_Object);
 
-struct CloseFile {
-    void operator()(FILE* file) const { std::fclose(file); }
-};
-using File = std::unique_ptr<FILE, CloseFile>;
-
-struct DeleteJson {
-    void operator()(cJSON* json) const { cJSON_Delete(json); }
-};
-using Json = std::unique_ptr<cJSON, DeleteJson>;
-
-struct FreeJsonText {
-    void operator()(char* text) const { cJSON_free(text); }
+struct SettingRow {
+    Setting setting;
+    const char* file_key;
+    const char* policy_key;
+    double maximum;
+    int json_kind;
+    // For a threshold that needs the monitored port: its name in the error that the port is not
+    // set. Null for other settings.
+    const char* needs_port;
 };
 
-ConfigTable UnsetConfig()
+constexpr SettingRow kSettings[] = {
+    // TCP or UDP port to monitor.
+    {kSettingPort, "SYSTEM_CONNECTION_REFUSAL_PORT=", "SYS_CONF_CONN_REFUSAL_PORT", 65535,
+     kJsonNumber, nullptr},
+    // 1: the port is monitored outbound, otherwise inbound.
+    {kSettingOutbound, "SYSTEM_CONNECTION_REFUSAL_OUTBOUND=", "SYS_CONF_CONN_REFUSAL_OUTBOUND", 1,
+     kJsonNumber, nullptr},
+    // Only written to the JSON diagnostic file.
+    {kSettingRecoveryFactor, "SYSTEM_RECOVERY_FACTOR=", "SYS_CONF_RECOVER_FACTOR", 100, kJsonNumber,
+     nullptr},
+    // Minimum time in fail-open, minutes.
+    {kSettingMinDuration, "SYSTEM_MIN_ACT_DURATION=", "SYS_CONF_MIN_ACT_DURATION", 60, kJsonNumber,
+     nullptr},
+    // Thresholds, in the units of their metrics.
+    {kSettingRefusalPct, "SYSTEM_CONNECTION_REFUSAL_PCT_THRESHOLD=", "SYS_THR_CONN_REFUSAL_PCT",
+     100, kJsonObject, "Conn Refusal"},
+    {kSettingRunQueue, "SYSTEM_RUNQ_PCT_THRESHOLD=", "SYS_THR_RUNQ", 200, kJsonObject, nullptr},
+    {kSettingEstablished, "SYSTEM_CONNECTION_ESTABLISHED_PER_CPU=", "SYS_THR_CONN_EST_PER_CPU",
+     10000000, kJsonObject, "Conn Established"},
+    {kSettingScanMbytes, "SYSTEM_TOTAL_SCAN_MBYTES_PER_CPU=", "SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU",
+     100000, kJsonObject, "Scan Mbytes"},
+    {kSettingFreeMemory, "SYSTEM_MIN_FREE_MEM_PCT=", "SYS_THR_FREE_MEM", 25, kJsonObject, nullptr},
+    {kSettingMaxInterval, "SYSTEM_MAX_ITERATION_INTERVAL=", "SYS_THR_MAX_ITERATION_INVL", 60,
+     kJsonObject, nullptr},
+    // 1: the driver is to be unloaded in fail-open.
+    {kSettingUnloadDriver, "SYSTEM_UNLOAD_DRIVER=", "SYS_CONF_UNLOAD_DRIVER", 1, kJsonNumber,
+     nullptr},
+};
+
+constexpr bool EachSettingHasItsRow()
 {
-    ConfigTable table = CopyConfig();
-    for (auto& row : table) {
-        row.value = 0;
-        row.set = 0;
-    }
+    int next = 0;
+    for (const auto& row : kSettings)
+        if (row.setting != next++) return false;
+    return next == kSettingCount;
+}
+static_assert(EachSettingHasItsRow(), "kSettings has one row per Setting, in the same order");
+
+constexpr ConfigTable UnsetConfig()
+{
+    ConfigTable table{};
+    for (const auto& row : kSettings)
+        table[row.setting] = {row.file_key, row.policy_key, row.maximum, 0, 0, row.json_kind};
     return table;
 }
 
-void ClearScanThresholds(ConfigTable& table)
+constexpr const char* kConfigFile = "/etc/vx_filter.conf";
+const std::string s_UnloadDriverKey("vxp.filter.FailOpenUnloadDriver");
+
+void ClearThresholdsOfPort(ConfigTable& table)
 {
-    for (ConfigRow row : {kConfRefusalPct, kConfEstablished, kConfScanMbytes}) table[row].set = 0;
+    for (const auto& row : kSettings)
+        if (row.needs_port) table[row.setting].set = 0;
 }
 
-// In fail-open the filter no longer sees the port's connections as it should, so the
-// thresholds on them stay off; the count of settings is not lowered.
-void Commit(ConfigTable& table, int state)
+// In fail-open the thresholds that need the port are off; they still count as settings.
+void StoreConfig(ConfigTable& table, int state)
 {
-    if (state == 1) ClearScanThresholds(table);
+    if (state == 1) ClearThresholdsOfPort(table);
     wxCriticalSectionLocker lock(g_syshealth_cs);
     vxa_syshealth_config = table;
 }
 
-void TellUnloadDriver(VxaCore::CDom* dom, const ConfigTable& table)
+void SetUnloadDriver(VxaCore::CDom* dom, const ConfigTable& table)
 {
-    dom->Set(s_UnloadDriverKey, table[kConfUnloadDriver].value == 1.0);
+    dom->Set(s_UnloadDriverKey, table[kSettingUnloadDriver].value == 1.0);
 }
 
-void Store(vxa_syshealth_config_s& row, double value)
+void StoreSetting(vxa_syshealth_config_s& row, double value)
 {
     row.value = value;
     row.set = 1;
 }
 
-// Both readers trace exactly this line; log filters match it.
-int ReportCount(int count, const char* function)
+// Both readers emit exactly this message; log filters match it.
+int TraceCount(int count, const char* function)
 {
     if (count > 0)
-        fc::Trace(s_TraceConf, SYSHEALTH_AT(function), "readSystemHealthConfig returning %d",
-                  count);
+        Trace(s_TraceConf, SYSHEALTH_AT(function), "readSystemHealthConfig returning %d", count);
     return count;
 }
 
 // ---- file ------------------------------------------------------------------------------
 
-// 1 when the line gives this row a value within bounds. The message shows the value in
-// force, which the rejected one does not replace.
+// Returns 1 if the line sets this row to a value within bounds. The error shows the value in
+// force, not the rejected one; log filters match it.
 int ReadFileSetting(const char* line, vxa_syshealth_config_s& row)
 {
     const std::size_t key_length = std::strlen(row.file_key);
     if (std::strncmp(line, row.file_key, key_length) != 0) return 0;
     const double value = std::strtof(line + key_length, nullptr);
     if (value > 0 && value <= row.maximum) {
-        Store(row, value);
+        StoreSetting(row, value);
         return 1;
     }
-    fc::LogError(SYSHEALTH_AT("readSystemHealthConfig"),
-                 "value %f for  %s is out of range, max= %f", row.value, row.file_key, row.maximum);
+    LogError(SYSHEALTH_AT("readSystemHealthConfig"), "value %f for  %s is out of range, max= %f",
+             row.value, row.file_key, row.maximum);
     return 0;
 }
 
-// Neither a FIFO nor a device holds up the cycle. Null with the reason in errno.
+struct CloseFile {
+    void operator()(FILE* file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<FILE, CloseFile>;
+
+// Does not block on a FIFO or a device. Returns null and sets errno on failure.
 File OpenConfigFile()
 {
     const int descriptor = open(kConfigFile, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
@@ -133,15 +151,15 @@ File OpenConfigFile()
     return file;
 }
 
-// A key on several lines counts each time and the last one wins. What is no regular file has
-// no settings.
+// Returns how many lines set a setting; of several for the same key the last one wins. Anything
+// but a regular file has no settings.
 int ReadFileSettings(FILE* file, ConfigTable& table)
 {
     struct stat status {};
     if (fstat(fileno(file), &status) != 0 || !S_ISREG(status.st_mode)) return 0;
     char line[1024] = {};
     int count = 0;
-    while (std::fgets(line, sizeof line, file) != nullptr)
+    while (std::fgets(line, sizeof line, file))
         for (auto& row : table) count += ReadFileSetting(line, row);
     return count;
 }
@@ -150,12 +168,17 @@ int ReadFileSettings(FILE* file, ConfigTable& table)
 
 constexpr const char* kPolicyReader = "readSystemHealthPolicy";
 
-// Null for a text that is not JSON, with `*error` where it stops being JSON: the same place that
-// cJSON_GetErrorPtr gives, but this call's own, not one shared by all threads.
+struct DeleteJson {
+    void operator()(cJSON* json) const { cJSON_Delete(json); }
+};
+using Json = std::unique_ptr<cJSON, DeleteJson>;
+
+// Returns null for a string that is not JSON, with the position of the fault in *error. Unlike
+// cJSON_GetErrorPtr, this position is not shared between threads.
 //
-// cJSON reports a lack of memory in the same way, and a policy must not be dropped for that.
-// Only malloc sets ENOMEM. It can do so even when it succeeds, by mmap after brk was refused, but
-// not twice in a row: it then has room left.
+// cJSON returns null for a lack of memory as well, and that must not drop the policy. Only malloc
+// sets ENOMEM here. glibc's malloc may do so although it succeeds, when brk fails and mmap does
+// not (sysmalloc in malloc/malloc.c), but not twice in a row: there is room left then.
 Json ParsePolicy(const char* json, const char** error)
 {
     for (int attempts_left = 2; attempts_left > 0; --attempts_left) {
@@ -169,21 +192,21 @@ Json ParsePolicy(const char* json, const char** error)
 int StorePolicySetting(vxa_syshealth_config_s& row, double value, bool in_bounds)
 {
     if (!in_bounds) {
-        fc::Trace(s_TraceEngine, SYSHEALTH_AT(kPolicyReader), " value out of boundary [%s]",
-                  row.policy_key);
+        Trace(s_TraceEngine, SYSHEALTH_AT(kPolicyReader), " value out of boundary [%s]",
+              row.policy_key);
         return 0;
     }
-    Store(row, value);
-    fc::Trace(s_TraceConf, SYSHEALTH_AT(kPolicyReader), "stored %s  %f", row.policy_key, value);
+    StoreSetting(row, value);
+    Trace(s_TraceConf, SYSHEALTH_AT(kPolicyReader), "stored %s  %f", row.policy_key, value);
     return 1;
 }
 
-// The policy may set a plain number to 0, which the file cannot: the management side
-// sends every such setting, also those that are off.
+// Returns 1 if the policy sets this row to a value within bounds. Unlike the file, a policy may set
+// a plain number to 0.
 int ReadPolicySetting(const cJSON* policy, vxa_syshealth_config_s& row)
 {
     const cJSON* member = cJSON_GetObjectItem(policy, row.policy_key);
-    if (member == nullptr) return 0;
+    if (!member) return 0;
     if (row.json_kind == kJsonNumber) {
         const double value = member->valuedouble;
         return StorePolicySetting(row, value, value >= 0 && value <= row.maximum);
@@ -194,76 +217,21 @@ int ReadPolicySetting(const cJSON* policy, vxa_syshealth_config_s& row)
         const double value = number->valuedouble;
         return StorePolicySetting(row, value, value > 0 && value <= row.maximum);
     }
-    fc::Trace(s_TraceEngine, SYSHEALTH_AT(kPolicyReader), "unsupport json type[%d]", member->type);
+    Trace(s_TraceEngine, SYSHEALTH_AT(kPolicyReader), "unsupport json type[%d]", member->type);
     row.set = 0;
     return 0;
 }
 
-// ---- JSON log --------------------------------------------------------------------------
+// ---- thresholds without a port -----------------------------------------------------------
 
-bool AddSetting(cJSON* root, const vxa_syshealth_config_s& row)
+// Switches the threshold off if no port is set. Returns whether it did.
+bool RejectWithoutPort(Setting threshold)
 {
-    if (row.json_kind == kJsonNumber)
-        return cJSON_AddNumberToObject(root, row.policy_key, row.value) != nullptr;
-    cJSON* object = cJSON_AddObjectToObject(root, row.policy_key);
-    return object != nullptr && cJSON_AddNumberToObject(object, "value", row.value) != nullptr;
-}
-
-struct Descriptor {
-    int number;
-    explicit Descriptor(int opened) : number(opened) {}
-    ~Descriptor()
-    {
-        if (number >= 0) close(number);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-};
-
-bool WriteAll(int file, const std::string& text)
-{
-    std::size_t written = 0;
-    while (written < text.size()) {
-        const ssize_t part = write(file, text.data() + written, text.size() - written);
-        if (part < 0 && errno == EINTR) continue;
-        if (part <= 0) return false;
-        written += static_cast<std::size_t>(part);
-    }
+    wxCriticalSectionLocker lock(g_syshealth_cs);
+    auto& row = vxa_syshealth_config[threshold];
+    if (row.set == 0 || vxa_syshealth_config[kSettingPort].set != 0) return false;
+    row.set = 0;
     return true;
-}
-
-// Another user may own the folder or the file: links are not followed, a FIFO or a lease does not
-// hold up the cycle, and a file that also has another name is left alone.
-int OpenConfigLog()
-{
-    const int file =
-        open(kConfigLog, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0644);
-    struct stat status {};
-    if (file < 0 || (fstat(file, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 1))
-        return file;
-    close(file);
-    return -1;
-}
-
-// Overwrites instead of truncating first: freeing the file's block and allocating it again in
-// every cycle cost 2 to 4 ms on ext4, this 0.04 ms. A shorter text is written with line feeds up
-// to the old length, in one call, and then cut: a reader never finds the tail of the old one.
-bool ReplaceContents(int file, std::string text)
-{
-    constexpr off_t kLargestOfOurs = 16384;
-    const auto length = static_cast<off_t>(text.size());
-    struct stat status {};
-    if (fstat(file, &status) != 0) return false;
-    if (status.st_size > kLargestOfOurs && ftruncate(file, length) != 0) return false;
-    const off_t old_length = status.st_size > kLargestOfOurs ? length : status.st_size;
-    if (old_length > length) text.resize(static_cast<std::size_t>(old_length), '\n');
-    return WriteAll(file, text) && (old_length <= length || ftruncate(file, length) == 0);
-}
-
-bool OutputFailed(const char* why, int line)
-{
-    fc::Trace(s_TraceEngine, {"plugins/filter/SystemHealth", line, "outputCloudConfig"}, "%s", why);
-    return false;
 }
 
 }  // namespace
@@ -274,59 +242,58 @@ ConfigTable CopyConfig()
     return vxa_syshealth_config;
 }
 
+bool RejectThresholdsWithoutPort()
+{
+    bool rejected = false;
+    for (const auto& row : kSettings) {
+        if (!row.needs_port || !RejectWithoutPort(row.setting)) continue;
+        LogError(SYSHEALTH_AT("CheckSystemHealthMetrics"),
+                 "SysHealth - %s enabled but monitoring port not configured", row.needs_port);
+        rejected = true;
+    }
+    return rejected;
+}
+
+}  // namespace fc
+
+ConfigTable vxa_syshealth_config = fc::UnsetConfig();
+
 int DisableScanMetric()
 {
     wxCriticalSectionLocker lock(g_syshealth_cs);
-    ClearScanThresholds(vxa_syshealth_config);
+    fc::ClearThresholdsOfPort(vxa_syshealth_config);
     return 0;
 }
 
 int readSystemHealthConfig(VxaCore::CDom* dom, int state)
 {
-    const File file = OpenConfigFile();
+    const fc::File file = fc::OpenConfigFile();
     // A missing file switches monitoring off; a lack of memory must not.
     if (!file && errno == ENOMEM) throw std::bad_alloc();
-    ConfigTable table = UnsetConfig();
+    ConfigTable table = fc::UnsetConfig();
     int count = 0;
     if (file) {
-        count = ReadFileSettings(file.get(), table);
-        TellUnloadDriver(dom, table);
+        count = fc::ReadFileSettings(file.get(), table);
+        fc::SetUnloadDriver(dom, table);
     }
-    Commit(table, state);
-    return ReportCount(count, "readSystemHealthConfig");
+    fc::StoreConfig(table, state);
+    return fc::TraceCount(count, "readSystemHealthConfig");
 }
 
 int readSystemHealthPolicy(VxaCore::CDom* dom, int state, const char* json)
 {
-    ConfigTable table = UnsetConfig();
+    ConfigTable table = fc::UnsetConfig();
     const char* error = nullptr;
-    const Json policy = ParsePolicy(json, &error);
+    const fc::Json policy = fc::ParsePolicy(json, &error);
     if (!policy) {
-        Commit(table, 0);
-        fc::Trace(s_TraceEngine, SYSHEALTH_AT(kPolicyReader), "json parsing error [%s]",
-                  error != nullptr ? error : "");
+        fc::StoreConfig(table, 0);
+        fc::Trace(s_TraceEngine, SYSHEALTH_AT(fc::kPolicyReader), "json parsing error [%s]",
+                  error ? error : "");
         return 0;
     }
     int count = 0;
-    for (auto& row : table) count += ReadPolicySetting(policy.get(), row);
-    TellUnloadDriver(dom, table);
-    Commit(table, state);
-    return ReportCount(count, kPolicyReader);
-}
-
-bool outputCloudConfig()
-{
-    const Json root(cJSON_CreateObject());
-    if (!root) return OutputFailed("Fail to cJSON_CreateObject for root", __LINE__);
-    for (const auto& row : CopyConfig())
-        if (row.set == 1 && !AddSetting(root.get(), row))
-            return OutputFailed("Fail to cJSON_CreateObject for object", __LINE__);
-    const std::unique_ptr<char, FreeJsonText> text(cJSON_Print(root.get()));
-    if (!text) return OutputFailed("Fail to print JSON", __LINE__);
-    const Descriptor file(OpenConfigLog());
-    if (file.number < 0)
-        return OutputFailed("Failed to open file of json config for writing.", __LINE__);
-    if (!ReplaceContents(file.number, text.get() + std::string("\n")))
-        return OutputFailed("Failed to write json config to file", __LINE__);
-    return true;
+    for (auto& row : table) count += fc::ReadPolicySetting(policy.get(), row);
+    fc::SetUnloadDriver(dom, table);
+    fc::StoreConfig(table, state);
+    return fc::TraceCount(count, fc::kPolicyReader);
 }

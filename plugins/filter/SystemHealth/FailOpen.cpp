@@ -1,3 +1,5 @@
+// Fail-open decision.
+
 #include "FailOpen.h"
 
 namespace fc {
@@ -14,9 +16,9 @@ FailOpenDecision DecideFailOpen(const FailOpenState& state, std::uint64_t now_us
 {
     if (MustStayInFailOpen(state, now_us, minimum_minutes))
         return {kActionFailOpen, true, state.activated_us};
-    // The minimum is over: fail-open ends whatever the metrics say, and may begin again
-    // with the next cycle. The status line still calls this cycle one in fail-open,
-    // because the script leaves it only on receiving the action.
+    // The minimum time is over: fail-open ends whatever the metrics are, and may begin again in the
+    // next cycle. The status line still shows this cycle in fail-open: the script leaves it after
+    // it has received the action.
     if (state.activated) return {kActionNormal, true, state.activated_us};
     if (metrics_over > 0) return {kActionFailOpen, true, now_us};
     return {kActionNormal, false, state.activated_us};

@@ -1,33 +1,33 @@
-// The fail-open decision alone: no clock, no I/O, no Lua.
+// Fail-open decision: pure functions without clock, I/O or Lua.
 #pragma once
 
 #include <cstdint>
 
 namespace fc {
 
-// What the script is told to do.
+// Result of a cycle for the script.
 enum Action {
-    kActionNormal = 0,    // out of fail-open
+    kActionNormal = 0,    // not in fail-open
     kActionFailOpen = 1,  // in fail-open
     kActionDisabled = 2,  // nothing to monitor
-    kActionNoLoad = 5,    // run queue or processor count not collected
+    kActionNoLoad = 5,    // run-queue length or processor count not collected
     kActionBadCall = 6,   // wrong arguments
-    kActionNoMemory = 7   // memory figures not collected
+    kActionNoMemory = 7   // memory values not collected
 };
 
 struct FailOpenState {
-    bool activated;              // as the script holds it
-    std::uint64_t activated_us;  // moment of the last transition into fail-open
+    bool activated;              // as passed by the script
+    std::uint64_t activated_us;  // last transition into fail-open
 };
 
 struct FailOpenDecision {
     int action;
-    bool end_activated;  // as the status line shows it
+    bool end_activated;  // end state in the status line
     std::uint64_t activated_us;
 };
 
-// Whether fail-open must still last, so that the thresholds need not be looked at.
-// Differences are unsigned: a clock set back gives a huge one and ends fail-open.
+// Returns whether the state is within its minimum time in fail-open, in which thresholds are not
+// evaluated. Time differences are unsigned: a clock set back ends fail-open.
 bool MustStayInFailOpen(const FailOpenState& state, std::uint64_t now_us,
                         std::uint64_t minimum_minutes);
 

@@ -1,9 +1,20 @@
-// The Lua queries of the health state. Each copies a plain record under the lock and
-// pushes it afterwards: Lua may raise while it pushes.
+// Lua functions that report the state of the health monitor.
+//
+// Each copies a plain record under the lock and pushes it after unlocking, because Lua may raise
+// while it pushes.
 
+#include "Queries.h"
+
+#include "Collectors.h"
+#include "Config.h"
+#include "Cycle.h"
+#include "HealthTrace.h"
+#include "Lock.h"
 #include "LuaBoundary.h"
-#include "SystemHealth.h"
+#include "Metrics.h"
+#include "Numbers.h"
 
+namespace fc {
 namespace {
 
 struct ScanPort {
@@ -18,33 +29,33 @@ struct MetricsRecord {
 
 int ReadEnabled()
 {
-    fc::Trace(s_TraceEngine, SYSHEALTH_AT("GetSysHealthEnabled"), "GetSysHealthEnabled() called");
+    Trace(s_TraceEngine, SYSHEALTH_AT("GetSysHealthEnabled"), "GetSysHealthEnabled() called");
     wxCriticalSectionLocker lock(g_syshealth_cs);
-    fc::Trace(s_TraceEngine, SYSHEALTH_AT("GetSysHealthEnabled"),
-              "GetSysHealthEnabled() returning %d", syshealth_enabled);
+    Trace(s_TraceEngine, SYSHEALTH_AT("GetSysHealthEnabled"), "GetSysHealthEnabled() returning %d",
+          syshealth_enabled);
     return syshealth_enabled;
 }
 
-// The two lines go to different categories; log filters select on each.
+// The two messages are in different categories; log filters match both.
 ScanPort ReadScanPort()
 {
-    fc::Trace(s_TraceMetr, SYSHEALTH_AT("GetScanMetricPort"), "GetScanMetricPort() called");
+    Trace(s_TraceMetr, SYSHEALTH_AT("GetScanMetricPort"), "GetScanMetricPort() called");
     wxCriticalSectionLocker lock(g_syshealth_cs);
-    const auto& row = vxa_syshealth_config[kConfPort];
+    const auto& row = vxa_syshealth_config[kSettingPort];
     ScanPort port{false, 0};
-    if (syshealth_enabled == 1 && row.set != 0) port = {true, fc::TruncateToInt64(row.value)};
-    fc::Trace(s_TraceEngine, SYSHEALTH_AT("GetScanMetricPort"), "GetScanMetricPort() returning");
+    if (syshealth_enabled == 1 && row.set != 0) port = {true, TruncateToInt64(row.value)};
+    Trace(s_TraceEngine, SYSHEALTH_AT("GetScanMetricPort"), "GetScanMetricPort() returning");
     return port;
 }
 
-// The processor count is taken under the lock, so that it belongs to these metrics.
+// Counts the processors with the lock held, so that the count belongs to these metrics.
 void ReadMetrics(MetricsRecord* record)
 {
-    fc::Trace(s_TraceMetr, SYSHEALTH_AT("GetSysHealthMetrics"), "GetSysHealthMetrics() called");
+    Trace(s_TraceMetr, SYSHEALTH_AT("GetSysHealthMetrics"), "GetSysHealthMetrics() called");
     wxCriticalSectionLocker lock(g_syshealth_cs);
     record->metrics = health_metrics;
     record->cpus = queryCpuCount();
-    fc::Trace(s_TraceMetr, SYSHEALTH_AT("GetSysHealthMetrics"), "GetSysHealthMetrics() returning");
+    Trace(s_TraceMetr, SYSHEALTH_AT("GetSysHealthMetrics"), "GetSysHealthMetrics() returning");
 }
 
 void SetInteger(lua_State* L, const char* field, std::int64_t value)  // [-0, +0, m]
@@ -56,8 +67,8 @@ void SetInteger(lua_State* L, const char* field, std::int64_t value)  // [-0, +0
 void PushMetric(lua_State* L, const health_metrics_s& metric)  // [-0, +1, m]
 {
     lua_createtable(L, 0, 3);
-    SetInteger(L, "value", fc::TruncateToInt64(metric.value));
-    SetInteger(L, "threshold", fc::TruncateToInt64(metric.threshold));
+    SetInteger(L, "value", TruncateToInt64(metric.value));
+    SetInteger(L, "threshold", TruncateToInt64(metric.threshold));
     lua_pushstring(L, metric.short_name);
     lua_setfield(L, -2, "name");
 }
@@ -70,19 +81,20 @@ void PushCpuCount(lua_State* L, unsigned long long cpus)  // [-0, +1, m]
 }
 
 }  // namespace
+}  // namespace fc
 
 int GetSysHealthEnabled(lua_State* L)
 {
     int enabled = 0;
-    fc::Guarded(L, [&] { enabled = ReadEnabled(); });
+    fc::Guarded(L, [&] { enabled = fc::ReadEnabled(); });
     lua_pushboolean(L, enabled != 0);
     return 1;
 }
 
 int GetScanMetricPort(lua_State* L)
 {
-    ScanPort port{false, 0};
-    fc::Guarded(L, [&] { port = ReadScanPort(); });
+    fc::ScanPort port{false, 0};
+    fc::Guarded(L, [&] { port = fc::ReadScanPort(); });
     lua_pushboolean(L, port.monitored);
     lua_pushnumber(L, static_cast<lua_Number>(port.port));
     return 2;
@@ -90,15 +102,15 @@ int GetScanMetricPort(lua_State* L)
 
 int GetSysHealthMetrics(lua_State* L)
 {
-    MetricsRecord record{};
-    fc::Guarded(L, [&] { ReadMetrics(&record); });
+    fc::MetricsRecord record{};
+    fc::Guarded(L, [&] { fc::ReadMetrics(&record); });
     lua_pushboolean(L, 1);
-    lua_createtable(L, kMetRows + 1, 0);
-    for (int row = 0; row < kMetRows; ++row) {
-        PushMetric(L, record.metrics[row]);
+    lua_createtable(L, fc::kMetricCount + 1, 0);
+    for (int row = 0; row < fc::kMetricCount; ++row) {
+        fc::PushMetric(L, record.metrics[row]);
         lua_rawseti(L, -2, row + 1);
     }
-    PushCpuCount(L, record.cpus);
-    lua_rawseti(L, -2, kMetRows + 1);
+    fc::PushCpuCount(L, record.cpus);
+    lua_rawseti(L, -2, fc::kMetricCount + 1);
     return 2;
 }

@@ -10,7 +10,9 @@
 
 #include "HostRecording.h"
 #include "Sandbox.h"
-#include "SystemHealth/SystemHealth.h"
+#include "SystemHealth/Collectors.h"
+#include "SystemHealth/ConfigLog.h"
+#include "SystemHealth/Metrics.h"
 
 namespace {
 
@@ -115,8 +117,8 @@ TEST_F(HealthTest, LogOfSettingsThatCannotBeWritten)
 
 TEST_F(HealthTest, FactorMovesThresholdsAway)
 {
-    health_metrics[kMetRunQueue] = {"", "", 0, 50, 25, 1};
-    health_metrics[kMetFreeMemory] = {"", "", 1, 12.5, 25, 1};
+    health_metrics[fc::kMetricRunQueue] = {"", "", 0, 50, 25, 1};
+    health_metrics[fc::kMetricFreeMemory] = {"", "", 1, 12.5, 25, 1};
     EXPECT_EQ(check_health_metric_thresholds(1), 2);
     EXPECT_EQ(check_health_metric_thresholds(1.5), 2);
     EXPECT_EQ(check_health_metric_thresholds(2), 0);

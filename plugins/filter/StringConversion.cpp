@@ -1,8 +1,8 @@
-#include "Text.h"
+// UTF-8 decoder and encoder.
 
-#include <cstdint>
-#include <cstdio>
-#include <new>
+#include "StringConversion.h"
+
+#include <cstddef>
 
 namespace fc {
 namespace {
@@ -12,7 +12,7 @@ bool IsScalarValue(char32_t code_point)
     return code_point < 0xd800 || (code_point > 0xdfff && code_point < 0x110000);
 }
 
-// Stores the code point at the start of non-empty bytes and returns how many it takes; 0 when
+// Decodes the code point at the start of non-empty bytes. Returns its length in bytes, or 0 if
 // they do not start with valid UTF-8 (RFC 3629).
 std::size_t DecodeUtf8(std::string_view bytes, char32_t* code_point)
 {
@@ -39,42 +39,26 @@ void AppendUtf8(std::string* bytes, char32_t code_point)
 
 }  // namespace
 
-std::string FormatV(const char* format, va_list arguments)
-{
-    char buffer[512];
-    va_list measured;
-    va_copy(measured, arguments);
-    const int length = std::vsnprintf(buffer, sizeof buffer, format, measured);
-    va_end(measured);
-    // No memory, or a result longer than an int can count.
-    if (length < 0) throw std::bad_alloc();
-    const auto size = static_cast<std::size_t>(length);
-    if (size < sizeof buffer) return {buffer, size};
-    std::string bytes(size, '\0');
-    std::vsnprintf(bytes.data(), size + 1, format, arguments);
-    return bytes;
-}
-
 wxString Decode(std::string_view bytes)
 {
-    std::wstring text;
-    text.reserve(bytes.size());
+    std::wstring wide;
+    wide.reserve(bytes.size());
     while (!bytes.empty()) {
         const auto byte = static_cast<unsigned char>(bytes[0]);
         char32_t code_point = byte;
         const std::size_t length = byte < 0x80 ? 1 : DecodeUtf8(bytes, &code_point);
-        text += static_cast<wchar_t>(length != 0 ? code_point : byte);
+        wide += static_cast<wchar_t>(length != 0 ? code_point : byte);
         bytes.remove_prefix(length != 0 ? length : 1);
     }
-    return wxString(text);
+    return wxString(wide);
 }
 
-std::string Encode(const wxString& text)
+std::string Encode(const wxString& string)
 {
     std::string bytes;
-    bytes.reserve(text.length());
-    const wchar_t* const wide = text.wx_str();
-    for (std::size_t i = 0; i < text.length(); ++i)
+    bytes.reserve(string.length());
+    const wchar_t* const wide = string.wx_str();
+    for (std::size_t i = 0; i < string.length(); ++i)
         AppendUtf8(&bytes, static_cast<char32_t>(wide[i]));
     return bytes;
 }
