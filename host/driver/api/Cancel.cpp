@@ -1,7 +1,10 @@
+// Keeps the host's cancel check.
 #include "api/Cancel.h"
 
 #include <atomic>
+#include <cerrno>
 
+#include "api/Error.h"
 #include "vxi/engine.h"
 
 namespace vxi {
@@ -12,10 +15,12 @@ std::atomic<int (*)(void)> cancel_check{nullptr};
 
 }  // namespace
 
-bool IsCancelled()
+void ThrowIfCancelled(const char* source)
 {
     const auto check = cancel_check.load(std::memory_order_relaxed);
-    return check && check() != 0;
+    if (check && check() != 0) {
+        ThrowError(-ECANCELED, "%s: %s", source, DescribeStatus(-ECANCELED).c_str());
+    }
 }
 
 }  // namespace vxi

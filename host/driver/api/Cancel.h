@@ -3,7 +3,8 @@
 
 namespace vxi {
 
-// Whether the host wants the read that is going on to end.
-bool IsCancelled();
+// Throws Error with -ECANCELED when the host wants the current read to end. `source` is what is
+// being read, for the message.
+void ThrowIfCancelled(const char* source);
 
 }  // namespace vxi

@@ -1,3 +1,4 @@
+// vxi_driver_available and vxi_capabilities: what the engine delivers on this machine.
 #include <linux/netlink.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -5,12 +6,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <optional>
+#include <string>
 
-#include "api/Message.h"
+#include "api/Error.h"
 #include "engines/linux/Operations.h"
-#include "engines/linux/netlink/ConntrackDump.h"
-#include "engines/linux/netlink/NftDump.h"
-#include "engines/linux/netlink/SocketDump.h"
+#include "engines/linux/netlink/Ctnetlink.h"
+#include "engines/linux/netlink/NfTables.h"
+#include "engines/linux/netlink/SockDiag.h"
 #include "engines/linux/proc/ProcText.h"
 #include "engines/linux/scan/ProcessMonitor.h"
 
@@ -18,112 +21,129 @@ namespace vxi {
 
 namespace {
 
-void Describe(vxi_capability_s& row, bool available, const std::string& detail)
-{
-    row.available = available;
-    snprintf(row.detail, sizeof row.detail, "%s", detail.c_str());
-}
+// Each returns the source of a facility's data, or throws Error with the reason why there is none.
 
-void ScanMetrics(vxi_capability_s& row)
+std::string ScanMetricsSource()
 {
     ScanMonitor& monitor = ProcessScanMonitor();
     const Outcome outcome = monitor.Rehearse();
-    Describe(row, !outcome.Failed(), outcome.Failed() ? outcome.text : monitor.Description());
+    if (outcome.Failed()) {
+        throw Error(outcome.status, outcome.text);
+    }
+    return monitor.Description();
 }
 
-std::string ConntrackDetail(int status, std::uint32_t tracked)
+std::string SocketsSource()
+try {
+    CheckSockDiag();
+    return "sock_diag";
+} catch (const Error& error) {
+    ThrowError(error.Status(), "sock_diag: %s", error.what());
+}
+
+// Why conntrack entries cannot be read, or none are there to be read; nothing otherwise.
+std::optional<std::string> WhyNotTracked(std::uint32_t& entries)
+try {
+    entries = CountConntrackEntries();
+    if (entries > 0) {
+        return std::nullopt;
+    }
+    return "no flow is tracked (a rule that refers to ct starts tracking)";
+} catch (const Error& error) {
+    return error.Status() == -EPERM ? "tracked flows need CAP_NET_ADMIN"
+                                    : std::string("ctnetlink: ") + error.what();
+}
+
+// Sockets are read where no flows are tracked.
+std::string ConntrackSource()
 {
-    if (status == -EPERM) {
-        return "sock_diag; tracked flows need CAP_NET_ADMIN";
+    std::uint32_t entries = 0;
+    if (const auto reason = WhyNotTracked(entries)) {
+        return SocketsSource() + "; " + *reason;
     }
-    if (status < 0) {
-        return "sock_diag; ctnetlink: " + DescribeStatus(status);
-    }
-    if (tracked == 0) {
-        return "sock_diag; no flow is tracked (a rule that refers to ct starts tracking)";
-    }
-    return "ctnetlink, " + std::to_string(tracked) + " flows of all protocols tracked";
+    return "ctnetlink, " + std::to_string(entries) + " flows of all protocols tracked";
 }
 
-void ConnStates(vxi_capability_s& row)
-{
-    const int status = AskForNoSockets();
-    Describe(row, status == 0, status == 0 ? "sock_diag" : "sock_diag: " + DescribeStatus(status));
-}
-
-// Sockets take the place of tracked flows.
-void Conntrack(vxi_capability_s& row)
-{
-    std::uint32_t tracked = 0;
-    const int status = CountTracked(tracked);
-    ConnStates(row);
-    if (row.available || tracked > 0) {
-        Describe(row, true, ConntrackDetail(status, tracked));
-    }
-}
-
-Outcome RulesReadable()
+void CheckNfTables()
 {
     Netlink netlink;
-    return OpenNfTables(netlink);
+    OpenNfTables(netlink);
 }
 
-void Statistics(vxi_capability_s& row)
+std::string StatisticsSource()
 {
-    std::string text;
-    const int status = read_proc("/proc/thread-self/net/snmp", text);
-    const Outcome rules = RulesReadable();
+    std::string table;
+    const int status = read_proc("/proc/thread-self/net/snmp", table);
     if (status < 0) {
-        Describe(row, false, "/proc/net/snmp: " + DescribeStatus(status));
-    } else {
-        Describe(row, true, "/proc/net" + (rules.Failed() ? "; " + rules.text : " and nf_tables"));
+        ThrowError(status, "/proc/net/snmp: %s", DescribeStatus(status).c_str());
     }
+    try {
+        CheckNfTables();
+    } catch (const Error& error) {
+        return std::string("/proc/net; ") + error.what();
+    }
+    return "/proc/net and nf_tables";
 }
 
-void Variables(vxi_capability_s& row)
+std::string VariablesSource()
 {
     const bool readable = access("/proc/sys/net/ipv4", R_OK | X_OK) == 0;
-    Describe(row, true,
-             readable ? "/proc/sys/net" : "the engine's own alone: /proc/sys/net is not readable");
+    return readable ? "/proc/sys/net" : "the engine's own alone: /proc/sys/net is not readable";
 }
 
-void Blacklist(vxi_capability_s& row)
+std::string BlacklistSource()
 {
-    const Outcome rules = RulesReadable();
-    Describe(row, !rules.Failed(), rules.Failed() ? rules.text : "nf_tables sets named blacklist*");
+    CheckNfTables();
+    return "nf_tables sets named blacklist*";
 }
 
-void RuleProfile(vxi_capability_s& row)
+std::string RuleProfileSource()
 {
-    const Outcome rules = RulesReadable();
-    Describe(row, !rules.Failed(),
-             rules.Failed() ? rules.text : "nf_tables, listed by libnftables");
+    CheckNfTables();
+    return "nf_tables, listed by libnftables";
 }
 
-void ScanAccess(vxi_capability_s& row)
+// Throws unless scan metrics are likely to be available.
+std::string ScanMetricsAccess()
 {
-    row.available = !RulesReadable().Failed();
+    CheckNfTables();
+    return "nf_tables";
 }
 
-// A rehearsal of the scan table makes the kernel wait for all processors: `quick` goes by
-// access alone.
+// `check` throws like `source` but is quick: rehearsing the scan table makes the kernel wait for
+// all processors.
 struct Facility {
-    const char* name;
-    void (*probe)(vxi_capability_s&);
-    void (*quick)(vxi_capability_s&);
+    std::string (*source)();
+    std::string (*check)();
 };
 
 constexpr Facility kFacilities[] = {
-    {"scan-metrics", ScanMetrics, ScanAccess},  {"statistics", Statistics, Statistics},
-    {"variables", Variables, Variables},        {"conntrack", Conntrack, Conntrack},
-    {"conn-states", ConnStates, ConnStates},    {"blacklist", Blacklist, Blacklist},
-    {"rule-profile", RuleProfile, RuleProfile},
+    {ScanMetricsSource, ScanMetricsAccess}, {StatisticsSource, StatisticsSource},
+    {VariablesSource, VariablesSource},     {ConntrackSource, ConntrackSource},
+    {SocketsSource, SocketsSource},         {BlacklistSource, BlacklistSource},
+    {RuleProfileSource, RuleProfileSource},
 };
+static_assert(std::size(kFacilities) == std::size(kFacilityNames), "one for each facility");
+
+vxi_capability_s Capability(const char* name, std::string (*source)())
+{
+    vxi_capability_s row = {};
+    row.name = name;
+    std::string detail;
+    try {
+        detail = source();
+        row.available = 1;
+    } catch (const Error& error) {
+        detail = error.what();
+    }
+    snprintf(row.detail, sizeof row.detail, "%s", detail.c_str());
+    return row;
+}
 
 }  // namespace
 
-// The driver is the kernel itself: it answers wherever a netlink socket can be had. What it
-// delivers is for the capabilities to say.
+// The driver is the kernel itself, which answers wherever a netlink socket can be opened. The
+// capabilities show what it delivers.
 int LinuxOperations::DriverAvailable(vxi_handle_ops_s*)
 {
     const int descriptor = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_NETFILTER);
@@ -137,8 +157,7 @@ int LinuxOperations::Capabilities(vxi_handle_ops_s*, vxi_capability_s* rows, uns
 {
     const unsigned int wanted = std::min<unsigned int>(count, std::size(kFacilities));
     for (unsigned int i = 0; i < wanted; ++i) {
-        rows[i].name = kFacilities[i].name;
-        kFacilities[i].probe(rows[i]);
+        rows[i] = Capability(kFacilityNames[i], kFacilities[i].source);
     }
     return std::size(kFacilities);
 }
@@ -146,10 +165,9 @@ int LinuxOperations::Capabilities(vxi_handle_ops_s*, vxi_capability_s* rows, uns
 std::uint32_t FacilityBits()
 {
     std::uint32_t bits = 0;
-    vxi_capability_s row = {};
     for (unsigned i = 0; i < std::size(kFacilities); ++i) {
-        kFacilities[i].quick(row);
-        bits |= static_cast<std::uint32_t>(row.available != 0) << i;
+        const auto row = Capability(kFacilityNames[i], kFacilities[i].check);
+        bits |= static_cast<std::uint32_t>(row.available) << i;
     }
     return bits;
 }

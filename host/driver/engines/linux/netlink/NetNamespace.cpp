@@ -1,3 +1,4 @@
+// Identifies network namespaces by what /proc shows of them.
 #include "engines/linux/netlink/NetNamespace.h"
 
 #include <sys/stat.h>
@@ -5,14 +6,17 @@
 
 namespace vxi {
 
-std::uint64_t NetworkNamespace()
+std::optional<std::uint64_t> NetworkNamespace()
 {
     struct stat info;
-    return stat("/proc/thread-self/ns/net", &info) == 0 ? info.st_ino : 0;
+    if (stat("/proc/thread-self/ns/net", &info) != 0) {
+        return std::nullopt;
+    }
+    return info.st_ino;
 }
 
-// The inode differs between kernels. Settings of the whole machine are shown in the initial
-// namespace alone.
+// The inode of the initial namespace differs between kernels. This setting of the whole machine
+// is shown in the initial namespace alone (net/core/sysctl_net_core.c).
 bool InInitialNamespace()
 {
     return access("/proc/sys/net/core/netdev_max_backlog", F_OK) == 0;

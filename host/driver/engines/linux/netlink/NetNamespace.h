@@ -2,13 +2,15 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 namespace vxi {
 
-// Its inode; 0 when that cannot be told.
-std::uint64_t NetworkNamespace();
+// Inode of the calling thread's network namespace (namespaces(7)); nothing where /proc does not
+// show it.
+std::optional<std::uint64_t> NetworkNamespace();
 
-// Whether it is the one that the machine started with.
+// Whether it is the namespace that the machine started with.
 bool InInitialNamespace();
 
 }  // namespace vxi

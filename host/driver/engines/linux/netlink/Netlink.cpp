@@ -1,3 +1,4 @@
+// Exchanges with the kernel over netlink (netlink(7), RFC 3549).
 #include "engines/linux/netlink/Netlink.h"
 
 #include <endian.h>
@@ -10,21 +11,42 @@
 #include <cstring>
 #include <exception>
 
+#include "api/Error.h"
+
 namespace vxi {
 
 namespace {
 
-constexpr std::size_t kBufferSize =
-    64 * 1024;  // the kernel fills up to 32 KiB a datagram of a dump
+// The kernel fills up to 32 KiB per datagram of a dump (netlink_dump in net/netlink/af_netlink.c).
+constexpr std::size_t kBufferSize = 64 * 1024;
 constexpr unsigned kDatagramsMax = 65536;
 constexpr unsigned kRetriesMax = 5;
-constexpr int kMore = 1;  // an answer that is not finished; finished ones are 0 or negative
 
-// The kernel answers while it works on the request, so this only ends a wait for
-// something that will not come.
+// The kernel answers while it processes the request, so this only ends a wait for an answer
+// that will not come.
 constexpr timeval kAnswerWait = {2, 0};
 
-int ErrorOf(const nlmsghdr& message)
+[[noreturn]] void ThrowStatus(int status)
+{
+    throw Error(status, DescribeStatus(status));
+}
+
+// Result of a system call that is repeated while signals interrupt it, five times at most.
+template <typename Call>
+std::size_t Uninterrupted(Call call)
+{
+    ssize_t result = call();
+    for (unsigned retries = 0; result < 0 && errno == EINTR && retries < kRetriesMax; ++retries) {
+        result = call();
+    }
+    if (result < 0) {
+        ThrowStatus(errno == EAGAIN ? -ETIMEDOUT : -errno);
+    }
+    return static_cast<std::size_t>(result);
+}
+
+// The status in an NLMSG_ERROR message; 0 for an acknowledgement.
+int ErrorStatus(const nlmsghdr& message)
 {
     if (message.nlmsg_len < mnl_nlmsg_size(sizeof(nlmsgerr))) {
         return -EPROTO;
@@ -34,8 +56,8 @@ int ErrorOf(const nlmsghdr& message)
     return report.error > 0 ? -EPROTO : report.error;
 }
 
-// A dump that fails half-way says so in its last message.
-int ErrorOfDone(const nlmsghdr& message)
+// The status in an NLMSG_DONE message: a dump that fails half-way reports it there.
+int DoneStatus(const nlmsghdr& message)
 {
     std::int32_t error = 0;
     if (message.nlmsg_len >= mnl_nlmsg_size(sizeof error)) {
@@ -44,86 +66,140 @@ int ErrorOfDone(const nlmsghdr& message)
     return error < 0 ? error : 0;
 }
 
-// The answer to one request, as its messages come in.
+// The answer to one request, as its messages arrive.
 class Answer {
 public:
-    Answer(std::uint32_t sequence, Netlink::Visit visit) : m_sequence(sequence), m_visit(visit) {}
+    Answer(std::uint32_t sequence, Netlink::Visitor visit) : m_sequence(sequence), m_visit(visit) {}
 
-    int Take(const nlmsghdr& message)
+    // Whether no more messages are to be read.
+    bool Take(const nlmsghdr& message)
     {
         if (message.nlmsg_seq != m_sequence) {
-            return kMore;
+            return false;
         }
         m_interrupted = m_interrupted || (message.nlmsg_flags & NLM_F_DUMP_INTR);
         switch (message.nlmsg_type) {
             case NLMSG_NOOP:
-                return kMore;
+                return false;
             case NLMSG_ERROR:
-                return ErrorOf(message);
+                return End(ErrorStatus(message));
             case NLMSG_DONE:
-                return ErrorOfDone(message);
+                return End(DoneStatus(message));
             case NLMSG_OVERRUN:
-                return -ENOBUFS;
+                return End(-ENOBUFS);
             default:
                 Show(message);
-                return m_visited == -ECANCELED ? -ECANCELED : kMore;
+                return m_cancelled;
         }
     }
 
-    int Status() const { return m_interrupted ? -EINTR : m_visited; }
+    bool Cancelled() const { return m_cancelled; }
+
+    Consistency Result() const
+    {
+        if (m_thrown) {
+            std::rethrow_exception(m_thrown);
+        }
+        if (m_status < 0) {
+            ThrowStatus(m_status);
+        }
+        return m_interrupted ? Consistency::kInterrupted : Consistency::kConsistent;
+    }
 
 private:
+    bool End(int status)
+    {
+        m_interrupted = m_interrupted || status == -EINTR;
+        m_status = status == -EINTR ? 0 : status;
+        return true;
+    }
+
     void Show(const nlmsghdr& message)
     {
+        if (m_thrown) {
+            return;
+        }
         try {
-            m_visited = m_visited < 0 ? m_visited : m_visit(message);
+            m_visit(message);
+        } catch (const Error& error) {
+            m_thrown = std::current_exception();
+            m_cancelled = error.Status() == -ECANCELED;
         } catch (const std::exception&) {
-            m_visited = -ENOMEM;  // what visitors can run out of
+            m_thrown = std::current_exception();
         }
     }
 
     std::uint32_t m_sequence;
-    Netlink::Visit m_visit;
+    Netlink::Visitor m_visit;
     bool m_interrupted = false;
-    int m_visited = 0;
+    bool m_cancelled = false;
+    int m_status = 0;
+    std::exception_ptr m_thrown;
 };
 
-int Configure(int descriptor)
+// The part of an answer to a batch that decides: which message was refused first.
+class BatchAnswer {
+public:
+    BatchAnswer(std::uint32_t first, std::uint32_t last) : m_first(first), m_last(last) {}
+
+    // Whether no more messages are to be read.
+    bool Take(const nlmsghdr& message)
+    {
+        const std::uint32_t sequence = message.nlmsg_seq;
+        if (message.nlmsg_type != NLMSG_ERROR || sequence - m_first > m_last - m_first) {
+            return false;
+        }
+        const int status = ErrorStatus(message);
+        if (status < 0 && !m_refusal) {
+            m_refusal = {status, sequence};
+        }
+        // A refusal of the first message applies to the whole batch and may be the only answer.
+        return sequence == m_last || (sequence == m_first && status < 0);
+    }
+
+    const std::optional<Netlink::Refusal>& FirstRefusal() const { return m_refusal; }
+
+private:
+    std::uint32_t m_first;
+    std::uint32_t m_last;
+    std::optional<Netlink::Refusal> m_refusal;
+};
+
+void Configure(int descriptor)
 {
     const int on = 1;
     sockaddr_nl address = {};
     address.nl_family = AF_NETLINK;
     if (setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &kAnswerWait, sizeof kAnswerWait) < 0 ||
-        bind(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address) < 0)
-        return -errno;
-    // Acknowledgements without a copy of the request; kernels that lack it copy.
+        bind(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address) < 0) {
+        ThrowStatus(-errno);
+    }
+    // Acknowledgements without a copy of the request; kernels that lack the option copy it.
     setsockopt(descriptor, SOL_NETLINK, NETLINK_CAP_ACK, &on, sizeof on);
-    return 0;
 }
 
 }  // namespace
 
-int Netlink::Open(int protocol)
+void Netlink::Open(int protocol)
 {
     Close();
     // Message ends are rounded up to 4 bytes.
     if (!m_buffer) {
         m_buffer = std::make_unique<char[]>(kBufferSize + NLMSG_ALIGNTO);
     }
-    const int descriptor = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, protocol);
-    if (descriptor < 0) {
-        return -errno;
+    m_descriptor = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, protocol);
+    if (!IsOpen()) {
+        ThrowStatus(-errno);
     }
-    const int status = Configure(descriptor);
-    if (status < 0) {
-        ::close(descriptor);
-    } else {
-        m_descriptor = descriptor;
+    try {
+        Configure(m_descriptor);
+    } catch (...) {
+        Close();
+        throw;
     }
-    return status;
 }
 
-void Netlink::Close()
+void Netlink::Close() noexcept
 {
     // Taken away first: the child of a fork must not close a number that has since been
     // given to another file.
@@ -133,119 +209,89 @@ void Netlink::Close()
     }
 }
 
-int Netlink::send(const void* data, std::size_t size)
+void Netlink::Send(const void* data, std::size_t size)
 {
     sockaddr_nl kernel = {};
     kernel.nl_family = AF_NETLINK;
-    return RetryInterrupted([&] {
-        const ssize_t sent = sendto(m_descriptor, data, size, 0,
-                                    reinterpret_cast<sockaddr*>(&kernel), sizeof kernel);
-        if (sent < 0) {
-            return -errno;
-        }
-        return static_cast<std::size_t>(sent) == size ? 0 : -EMSGSIZE;
+    const std::size_t sent = Uninterrupted([&] {
+        return sendto(m_descriptor, data, size, 0, reinterpret_cast<sockaddr*>(&kernel),
+                      sizeof kernel);
     });
+    if (sent != size) {
+        ThrowStatus(-EMSGSIZE);
+    }
 }
 
-// One datagram into the buffer: its size, 0 for one that did not come from the kernel, or
-// a negated errno.
-std::ptrdiff_t Netlink::Receive()
+// Reads one datagram into the buffer. Returns its size, 0 when it is not from the kernel.
+std::size_t Netlink::Receive()
 {
     sockaddr_nl sender = {};
     socklen_t sender_size = sizeof sender;
-    ssize_t size = 0;
-    const int status = RetryInterrupted([&] {
-        size = recvfrom(m_descriptor, m_buffer.get(), kBufferSize, MSG_TRUNC,
+    const std::size_t size = Uninterrupted([&] {
+        return recvfrom(m_descriptor, m_buffer.get(), kBufferSize, MSG_TRUNC,
                         reinterpret_cast<sockaddr*>(&sender), &sender_size);
-        return size < 0 ? -errno : 0;
     });
-    if (status == -EAGAIN) {
-        return -ETIMEDOUT;
-    }
-    if (status < 0) {
-        return status;
-    }
-    if (static_cast<std::size_t>(size) > kBufferSize) {
-        return -EMSGSIZE;
+    if (size > kBufferSize) {
+        ThrowStatus(-EMSGSIZE);
     }
     const bool from_kernel = sender_size == sizeof sender && sender.nl_pid == 0;
     return from_kernel ? size : 0;
 }
 
-// Hands every message that arrives to `take` until it returns something else than `more`.
-int Netlink::Collect(Visit take)
-{
-    int failed = -EOVERFLOW;
+void Netlink::ReceiveUntil(FunctionRef<bool(const nlmsghdr&)> is_last)
+try {
     for (unsigned datagrams = 0; datagrams < kDatagramsMax; ++datagrams) {
-        const std::ptrdiff_t received = Receive();
-        if (received < 0) {
-            failed = static_cast<int>(received);
-            break;
-        }
-        int rest = static_cast<int>(received);
+        int rest = static_cast<int>(Receive());
         auto* message = reinterpret_cast<const nlmsghdr*>(m_buffer.get());
         for (; mnl_nlmsg_ok(message, rest); message = mnl_nlmsg_next(message, &rest)) {
-            const int status = take(*message);
-            if (status != kMore) {
-                return status;
+            if (is_last(*message)) {
+                return;
             }
         }
     }
+    ThrowStatus(-EOVERFLOW);
+} catch (...) {
     Close();
-    return failed;
+    throw;
 }
 
-int Netlink::Request(nlmsghdr& message, Visit visit)
+Consistency Netlink::Request(nlmsghdr& message, Visitor visit)
 {
     message.nlmsg_seq = NextSequence();
     Answer answer(message.nlmsg_seq, visit);
-    int status = send(&message, message.nlmsg_len);
-    if (status == 0) {
-        status = Collect([&](const nlmsghdr& part) { return answer.Take(part); });
-    }
-    if (status == -ECANCELED) {
+    Send(&message, message.nlmsg_len);
+    ReceiveUntil([&](const nlmsghdr& part) { return answer.Take(part); });
+    if (answer.Cancelled()) {
         Close();
     }
-    return status < 0 ? status : answer.Status();
+    return answer.Result();
 }
 
-Netlink::BatchResult Netlink::Transact(const void* messages, std::size_t size, std::uint32_t first,
-                                       std::uint32_t last)
+std::optional<Netlink::Refusal> Netlink::Transact(const void* messages, std::size_t size,
+                                                  std::uint32_t first, std::uint32_t last)
 {
-    BatchResult result;
-    const auto take = [&](const nlmsghdr& part) {
-        const std::uint32_t sequence = part.nlmsg_seq;
-        if (part.nlmsg_type != NLMSG_ERROR || sequence - first > last - first) {
-            return kMore;
-        }
-        const int status = ErrorOf(part);
-        if (status < 0 && result.status == 0) {
-            result = {status, sequence};
-        }
-        // A failure of the first message stands for the whole batch and may be the only
-        // answer.
-        return sequence == last || (sequence == first && status < 0) ? 0 : kMore;
-    };
-    int status = send(messages, size);
-    if (status == 0) {
-        status = Collect(take);
-    }
-    if (status < 0) {
-        result = {status, first};
-    }
-    if (result.status < 0) {
+    BatchAnswer answer(first, last);
+    try {
+        Send(messages, size);
+    } catch (...) {
         Close();
+        throw;
+    }
+    ReceiveUntil([&](const nlmsghdr& part) { return answer.Take(part); });
+    if (answer.FirstRefusal()) {
+        Close();
+    }
+    return answer.FirstRefusal();
+}
+
+Consistency RetryInterrupted(FunctionRef<Consistency()> dump)
+{
+    Consistency result = dump();
+    for (unsigned retries = 0; result == Consistency::kInterrupted && retries < kRetriesMax;
+         ++retries) {
+        result = dump();
     }
     return result;
-}
-
-int RetryInterrupted(FunctionRef<int()> attempt)
-{
-    int status = attempt();
-    for (unsigned retries = 0; status == -EINTR && retries < kRetriesMax; ++retries) {
-        status = attempt();
-    }
-    return status;
 }
 
 Attributes::Attributes(const nlmsghdr& message, std::size_t header_size)
@@ -289,7 +335,7 @@ Attributes::Iterator& Attributes::Iterator::operator++()
     return *this = size < m_rest ? Iterator(m_at + size, m_rest - size) : Iterator(nullptr, 0);
 }
 
-std::optional<std::uint32_t> Be32Of(const nlattr* attribute)
+std::optional<std::uint32_t> DecodeBe32(const nlattr* attribute)
 {
     std::uint32_t value;
     if (!attribute || mnl_attr_get_payload_len(attribute) != sizeof value) {
@@ -299,7 +345,7 @@ std::optional<std::uint32_t> Be32Of(const nlattr* attribute)
     return be32toh(value);
 }
 
-std::optional<std::uint64_t> Be64Of(const nlattr* attribute)
+std::optional<std::uint64_t> DecodeBe64(const nlattr* attribute)
 {
     std::uint64_t value;
     if (!attribute || mnl_attr_get_payload_len(attribute) != sizeof value) {
@@ -309,13 +355,13 @@ std::optional<std::uint64_t> Be64Of(const nlattr* attribute)
     return be64toh(value);
 }
 
-std::string_view TextOf(const nlattr* attribute)
+std::string_view DecodeString(const nlattr* attribute)
 {
     if (!attribute) {
         return {};
     }
-    auto* text = static_cast<const char*>(mnl_attr_get_payload(attribute));
-    return {text, strnlen(text, mnl_attr_get_payload_len(attribute))};
+    auto* string = static_cast<const char*>(mnl_attr_get_payload(attribute));
+    return {string, strnlen(string, mnl_attr_get_payload_len(attribute))};
 }
 
 }  // namespace vxi

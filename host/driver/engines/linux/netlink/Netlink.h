@@ -1,8 +1,8 @@
-// One netlink socket: requests, dumps and attribute access.
+// A netlink socket: requests, dumps and attribute access.
 //
-// Answers come from the kernel, but their shape differs between kernels and nothing in
-// them is taken on trust: every length is checked before it is used, every loop is
-// bounded, and a message from anyone but the kernel is dropped.
+// Answers come from the kernel, but their shape differs between kernels. So every length is
+// checked before it is used, every loop is bounded, and messages from any other sender are
+// dropped.
 #pragma once
 
 #include <linux/netlink.h>
@@ -18,17 +18,22 @@
 
 namespace vxi {
 
+// Whether the kernel's table changed during a dump (NLM_F_DUMP_INTR): if so, entries may be
+// missing or appear twice.
+enum class Consistency { kConsistent, kInterrupted };
+
+// Functions throw vxi::Error with a negated errno and what that errno means.
 class Netlink {
 public:
-    // Called for each message of an answer; a negative status or an exception stops the
-    // calls, but the answer is still read to its end, so that the socket can be used again.
-    // -ECANCELED ends the exchange at once and closes the socket.
-    using Visit = FunctionRef<int(const nlmsghdr&)>;
+    // Called for each message of an answer. An exception stops the calls, but the answer is
+    // still read to its end before the exception is thrown again, so that the socket can be
+    // used afterwards. An Error with -ECANCELED ends the exchange at once and closes the socket.
+    using Visitor = FunctionRef<void(const nlmsghdr&)>;
 
-    // What became of a batch: the first failure and the message that met it.
-    struct BatchResult {
-        int status = 0;
-        std::uint32_t sequence = 0;
+    // A message of a batch that the kernel refused, and why (a negated errno).
+    struct Refusal {
+        int status;
+        std::uint32_t sequence;
     };
 
     Netlink() = default;
@@ -36,40 +41,41 @@ public:
     Netlink(const Netlink&) = delete;
     Netlink& operator=(const Netlink&) = delete;
 
-    // Opens a close-on-exec socket on one of the kernel's netlink protocols
-    // (NETLINK_NETFILTER..); an open one is closed first. 0 or a negated errno.
-    int Open(int protocol);
-    void Close();
-    bool IsOpen() const { return m_descriptor.load() >= 0; }
+    // Opens a close-on-exec socket for one of the kernel's netlink protocols
+    // (NETLINK_NETFILTER..); an open one is closed first.
+    void Open(int protocol);
+    void Close() noexcept;
+    bool IsOpen() const noexcept { return m_descriptor.load() >= 0; }
 
     std::uint32_t NextSequence() { return ++m_sequence; }
 
-    // Sends one request, flagged NLM_F_DUMP or NLM_F_ACK, and passes the answer to `visit`
-    // (the sequence number is set here). -EINTR when the kernel says that the dump is not
-    // consistent. When the exchange itself fails, the socket is closed.
-    int Request(nlmsghdr& message, Visit visit);
+    // Sends one request, flagged NLM_F_DUMP or NLM_F_ACK, and passes the answer to `visit` (the
+    // sequence number is set here). A request that the kernel refuses leaves the socket open;
+    // when the exchange itself fails, the socket is closed.
+    Consistency Request(nlmsghdr& message, Visitor visit);
 
-    // Sends messages `first` to `last` (sequence numbers; `last` asks for an
-    // acknowledgement) as one transaction. After any failure the socket is closed, for
-    // further answers may be queued.
-    BatchResult Transact(const void* messages, std::size_t size, std::uint32_t first,
-                         std::uint32_t last);
+    // Sends the messages with sequence numbers `first` to `last` as one transaction; `last` asks
+    // for an acknowledgement. Returns the first message that the kernel refused, nothing when it
+    // accepted all. After a refusal the socket is closed, because more answers may be queued.
+    std::optional<Refusal> Transact(const void* messages, std::size_t size, std::uint32_t first,
+                                    std::uint32_t last);
 
 private:
-    int send(const void* data, std::size_t size);
-    std::ptrdiff_t Receive();
-    int Collect(Visit take);
+    void Send(const void* data, std::size_t size);
+    std::size_t Receive();
+    void ReceiveUntil(FunctionRef<bool(const nlmsghdr&)> is_last);
 
-    std::atomic<int> m_descriptor{-1};  // read by a fork's child while another thread writes
+    std::atomic<int> m_descriptor{-1};  // read in a fork's child while another thread writes
     std::uint32_t m_sequence = 0;
     std::unique_ptr<char[]> m_buffer;
 };
 
-// Calls `attempt` again, five times at most, while it returns -EINTR.
-int RetryInterrupted(FunctionRef<int()> attempt);
+// Repeats a dump while the kernel's table changes under it, five times at most. Returns how the
+// last one ended.
+Consistency RetryInterrupted(FunctionRef<Consistency()> dump);
 
-// The attributes behind a message's header of `header_size` bytes, or inside another
-// attribute. Ends before the first one that does not fit into what contains it.
+// The attributes after a message's header of `header_size` bytes, or inside another attribute.
+// Stops at the first attribute that overruns its container.
 class Attributes {
 public:
     Attributes(const nlmsghdr& message, std::size_t header_size);
@@ -89,7 +95,7 @@ public:
     Iterator begin() const { return {m_first, m_size}; }
     Iterator end() const { return {nullptr, 0}; }
 
-    // The first one of that type; null when there is none.
+    // The first attribute of that type; null when there is none.
     const nlattr* Find(std::uint16_t type) const;
 
 private:
@@ -97,9 +103,12 @@ private:
     std::size_t m_size;
 };
 
-// Contents of an attribute; empty for a null attribute or one of another length.
-std::optional<std::uint32_t> Be32Of(const nlattr* attribute);
-std::optional<std::uint64_t> Be64Of(const nlattr* attribute);
-std::string_view TextOf(const nlattr* attribute);
+// The big-endian number in an attribute; nothing for a null attribute or another length.
+std::optional<std::uint32_t> DecodeBe32(const nlattr* attribute);
+std::optional<std::uint64_t> DecodeBe64(const nlattr* attribute);
+
+// The string in an attribute, without its NUL; empty for a null attribute. Points into the
+// message.
+std::string_view DecodeString(const nlattr* attribute);
 
 }  // namespace vxi

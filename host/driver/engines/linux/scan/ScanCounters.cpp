@@ -9,7 +9,8 @@
 #include <cerrno>
 #include <optional>
 
-#include "engines/linux/netlink/NftDump.h"
+#include "api/Error.h"
+#include "engines/linux/netlink/NfTables.h"
 
 namespace vxi {
 
@@ -31,53 +32,59 @@ struct SetCounts {
     std::optional<std::uint32_t> v6;
 };
 
-int read_set_counts(Netlink& netlink, const std::string& table, SetCounts& counts)
+// Throws when the table changed during each of six dumps.
+void DumpConsistently(FunctionRef<Consistency()> dump)
 {
-    return RetryInterrupted([&] {
+    if (RetryInterrupted(dump) == Consistency::kInterrupted) {
+        throw Error(-EINTR, "the rules changed during each of six readings");
+    }
+}
+
+SetCounts ReadSetCounts(Netlink& netlink, const std::string& table)
+{
+    SetCounts counts;
+    DumpConsistently([&] {
         alignas(nlmsghdr) char buffer[kRequestSize];
-        nlmsghdr* request = NftRequest(buffer, NFT_MSG_GETSET, NLM_F_DUMP);
+        nlmsghdr* request = PutNftRequest(buffer, NFT_MSG_GETSET, NLM_F_DUMP);
         mnl_attr_put_strz(request, NFTA_SET_TABLE, table.c_str());
         return netlink.Request(*request, [&](const nlmsghdr& message) {
             const Attributes set(message, sizeof(nfgenmsg));
-            const bool is_v4 = TextOf(set.Find(NFTA_SET_NAME)) == kHalfOpenSetV4;
-            (is_v4 ? counts.v4 : counts.v6) = Be32Of(set.Find(kSetCountAttribute));
-            return 0;
+            const bool is_v4 = DecodeString(set.Find(NFTA_SET_NAME)) == kHalfOpenSetV4;
+            (is_v4 ? counts.v4 : counts.v6) = DecodeBe32(set.Find(kSetCountAttribute));
         });
     });
+    return counts;
 }
 
-int CountElements(Netlink& netlink, const std::string& table, const char* set,
-                  std::optional<std::uint32_t> known, std::uint64_t& elements)
+std::uint64_t CountElements(Netlink& netlink, const std::string& table, const char* set,
+                            std::optional<std::uint32_t> known)
 {
     if (known && (*known == 0 || *known > kListedMax)) {
-        elements = *known;
-        return 0;
+        return *known;
     }
-    return RetryInterrupted([&] {
+    std::uint64_t elements = 0;
+    DumpConsistently([&] {
         alignas(nlmsghdr) char buffer[kRequestSize];
-        nlmsghdr* request = NftRequest(buffer, NFT_MSG_GETSETELEM, NLM_F_DUMP);
+        nlmsghdr* request = PutNftRequest(buffer, NFT_MSG_GETSETELEM, NLM_F_DUMP);
         mnl_attr_put_strz(request, NFTA_SET_ELEM_LIST_TABLE, table.c_str());
         mnl_attr_put_strz(request, NFTA_SET_ELEM_LIST_SET, set);
         elements = 0;
-        return netlink.Request(*request, [&](const nlmsghdr& message) {
-            elements += ElementsIn(message);
-            return 0;
-        });
+        return netlink.Request(*request,
+                               [&](const nlmsghdr& message) { elements += ElementsIn(message); });
     });
+    return elements;
 }
 
-int read_chain(Netlink& netlink, const std::string& table, const char* chain,
+void ReadChain(Netlink& netlink, const std::string& table, const char* chain,
                ScanCounterValues& values)
 {
-    return RetryInterrupted([&] {
+    DumpConsistently([&] {
         alignas(nlmsghdr) char buffer[kRequestSize];
-        nlmsghdr* request = NftRequest(buffer, NFT_MSG_GETRULE, NLM_F_DUMP);
+        nlmsghdr* request = PutNftRequest(buffer, NFT_MSG_GETRULE, NLM_F_DUMP);
         mnl_attr_put_strz(request, NFTA_RULE_TABLE, table.c_str());
         mnl_attr_put_strz(request, NFTA_RULE_CHAIN, chain);
-        return netlink.Request(*request, [&](const nlmsghdr& message) {
-            TakeChain(message, values);
-            return 0;
-        });
+        return netlink.Request(*request,
+                               [&](const nlmsghdr& message) { TakeChain(message, values); });
     });
 }
 
@@ -86,6 +93,14 @@ bool AnyFell(const ScanCounterValues& earlier, const ScanCounterValues& later)
     return !std::equal(
         earlier.values.begin(), earlier.values.end(), later.values.begin(),
         [](const auto& was, const auto& is) { return !is.present || was.packets <= is.packets; });
+}
+
+// A dump of a table that is gone is an empty one.
+void RequireComplete(const ScanCounterValues& values, ScanCounter first, ScanCounter end)
+{
+    if (!values.Complete(first, end)) {
+        throw Error(-ENOENT, "No such file or directory");
+    }
 }
 
 std::int64_t ClosedSinceStart(const ScanCounterValues& before, std::uint64_t half_open,
@@ -104,23 +119,22 @@ bool ScanCounterValues::Complete(ScanCounter first, ScanCounter end) const
                        [](const Value& value) { return value.present; });
 }
 
-int TakeCounter(const nlmsghdr& message, ScanCounterValues& values)
+void TakeCounter(const nlmsghdr& message, ScanCounterValues& values)
 {
     if (!IsNft(message, NFT_MSG_NEWOBJ)) {
-        return 0;
+        return;
     }
     const Attributes object(message, sizeof(nfgenmsg));
-    const auto name = TextOf(object.Find(NFTA_OBJ_NAME));
+    const auto name = DecodeString(object.Find(NFTA_OBJ_NAME));
     const auto known = std::find(kScanCounterNames.begin(), kScanCounterNames.end(), name);
     if (known == kScanCounterNames.end()) {
-        return 0;
+        return;
     }
-    const auto counts = CountsOf(object.Find(NFTA_OBJ_DATA));
+    const auto counts = DecodeCounter(object.Find(NFTA_OBJ_DATA));
     if (!counts) {
-        return -EPROTO;
+        throw Error(-EPROTO, "Protocol error");
     }
     values.values[known - kScanCounterNames.begin()] = {counts->packets, counts->bytes, true};
-    return 0;
 }
 
 void TakeChain(const nlmsghdr& message, ScanCounterValues& values)
@@ -129,8 +143,8 @@ void TakeChain(const nlmsghdr& message, ScanCounterValues& values)
         return;
     }
     const Attributes rule(message, sizeof(nfgenmsg));
-    const auto counts = DecodeCounters(rule);
-    const auto chain = TextOf(rule.Find(NFTA_RULE_CHAIN));
+    const auto counts = DecodeRuleCounter(rule);
+    const auto chain = DecodeString(rule.Find(NFTA_RULE_CHAIN));
     if (counts && (chain == kScanForwardChain || chain == kScanBackwardChain)) {
         const auto counter =
             chain == kScanForwardChain ? ScanCounter::kForward : ScanCounter::kBackward;
@@ -154,47 +168,32 @@ std::uint64_t ElementsIn(const nlmsghdr& message)
     return elements;
 }
 
-int read_scan_counters(Netlink& netlink, const std::string& table, ScanCounterValues& values)
+void ReadScanCounters(Netlink& netlink, const std::string& table, ScanCounterValues& values)
 {
-    const int status = RetryInterrupted([&] {
+    DumpConsistently([&] {
         alignas(nlmsghdr) char buffer[kRequestSize];
-        nlmsghdr* request = NftRequest(buffer, NFT_MSG_GETOBJ, NLM_F_DUMP);
+        nlmsghdr* request = PutNftRequest(buffer, NFT_MSG_GETOBJ, NLM_F_DUMP);
         mnl_attr_put_strz(request, NFTA_OBJ_TABLE, table.c_str());
         mnl_attr_put_u32(request, NFTA_OBJ_TYPE, htonl(NFT_OBJECT_COUNTER));
-        return netlink.Request(
-            *request, [&](const nlmsghdr& message) { return TakeCounter(message, values); });
+        return netlink.Request(*request,
+                               [&](const nlmsghdr& message) { TakeCounter(message, values); });
     });
-    // A dump of a table that is gone is an empty one.
-    const bool complete = values.Complete(ScanCounter::kNew, ScanCounter::kForward);
-    return status == 0 && !complete ? -ENOENT : status;
+    RequireComplete(values, ScanCounter::kNew, ScanCounter::kForward);
 }
 
-int read_scan_traffic(Netlink& netlink, const std::string& table, ScanCounterValues& values)
+void ReadScanTraffic(Netlink& netlink, const std::string& table, ScanCounterValues& values)
 {
-    int status = 0;
     for (const char* chain : {kScanForwardChain, kScanBackwardChain}) {
-        if (status == 0) {
-            status = read_chain(netlink, table, chain, values);
-        }
+        ReadChain(netlink, table, chain, values);
     }
-    const bool complete = values.Complete(ScanCounter::kForward, ScanCounter::kCount);
-    return status == 0 && !complete ? -ENOENT : status;
+    RequireComplete(values, ScanCounter::kForward, ScanCounter::kCount);
 }
 
-int CountHalfOpen(Netlink& netlink, const std::string& table, std::uint64_t& half_open)
+std::uint64_t CountHalfOpen(Netlink& netlink, const std::string& table)
 {
-    SetCounts known;
-    std::uint64_t v4 = 0;
-    std::uint64_t v6 = 0;
-    int status = read_set_counts(netlink, table, known);
-    if (status == 0) {
-        status = CountElements(netlink, table, kHalfOpenSetV4, known.v4, v4);
-    }
-    if (status == 0) {
-        status = CountElements(netlink, table, kHalfOpenSetV6, known.v6, v6);
-    }
-    half_open = v4 + v6;
-    return status;
+    const SetCounts known = ReadSetCounts(netlink, table);
+    return CountElements(netlink, table, kHalfOpenSetV4, known.v4) +
+           CountElements(netlink, table, kHalfOpenSetV6, known.v6);
 }
 
 std::uint64_t HalfOpenClosed::Update(const ScanCounterValues& before, std::uint64_t half_open,

@@ -27,16 +27,16 @@ struct ScanCounterValues {
     bool Complete(ScanCounter first, ScanCounter end) const;
 };
 
-// Named counters, packets and bytes of both directions, half-open connections. Each is 0, or a
-// negated errno: -ENOENT when the table or a part of it is gone, -EPROTO for an answer that does
-// not hold what it must.
-int read_scan_counters(Netlink& netlink, const std::string& table, ScanCounterValues& values);
-int read_scan_traffic(Netlink& netlink, const std::string& table, ScanCounterValues& values);
-int CountHalfOpen(Netlink& netlink, const std::string& table, std::uint64_t& half_open);
+// Named counters, packets and bytes of both directions, half-open connections. Each throws Error:
+// -ENOENT when the table or a part of it is gone, -EPROTO for an answer that does not hold what it
+// must, -EINTR when the rules changed during each of six readings.
+void ReadScanCounters(Netlink& netlink, const std::string& table, ScanCounterValues& values);
+void ReadScanTraffic(Netlink& netlink, const std::string& table, ScanCounterValues& values);
+std::uint64_t CountHalfOpen(Netlink& netlink, const std::string& table);
 
 // What one message of such an answer says: a named counter, the rule that counts all packets of a
 // chain, elements of a set.
-int TakeCounter(const nlmsghdr& message, ScanCounterValues& values);
+void TakeCounter(const nlmsghdr& message, ScanCounterValues& values);
 void TakeChain(const nlmsghdr& message, ScanCounterValues& values);
 std::uint64_t ElementsIn(const nlmsghdr& message);
 

@@ -9,10 +9,10 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <new>
 #include <vector>
 
-#include "api/Message.h"
+#include "api/Error.h"
+#include "engines/linux/netlink/NfTables.h"
 
 namespace vxi {
 
@@ -34,29 +34,15 @@ Outcome ended()
 Outcome SocketFailure(int status)
 {
     if (status == -EPROTONOSUPPORT || status == -EAFNOSUPPORT) {
-        return Failure(status, "this kernel has no netfilter netlink (nfnetlink)");
+        return Failure(status, "%s", kNoNetfilterNetlink);
     }
     return Failure(status, "netfilter netlink socket: %s", DescribeStatus(status).c_str());
-}
-
-// Of a batch that the kernel refused.
-Outcome BatchFailure(const NftBatch& batch, const Netlink::BatchResult& result, bool whole)
-{
-    const int status = result.status;
-    if (whole && status == -EPERM) {
-        return Failure(status, "nf_tables needs CAP_NET_ADMIN");
-    }
-    if (whole && status == -EOPNOTSUPP) {
-        return Failure(status, "this kernel has no nf_tables");
-    }
-    return Failure(status, "nf_tables refused the %s: %s", batch.Label(result.sequence).c_str(),
-                   DescribeStatus(status).c_str());
 }
 
 Outcome read_failure(int status)
 {
     if (status == -EPERM) {
-        return Failure(status, "nf_tables needs CAP_NET_ADMIN");
+        return Failure(status, "%s", kNftNeedsPrivilege);
     }
     if (status == -EINTR) {
         return Failure(status, "the rules changed during each of six readings");
@@ -159,20 +145,21 @@ void ScanMonitor::Stop()
 ScanMonitor::Loaded ScanMonitor::Load(NftBatch::Purpose purpose, Netlink& netlink,
                                       const ScanTableSpec& spec) const
 {
-    const int opened = netlink.Open(NETLINK_NETFILTER);
-    if (opened < 0) {
-        return {SocketFailure(opened)};
-    }
-    NftBatch batch(netlink);
-    const std::uint32_t table = AddScanTable(batch, spec);
-    const Netlink::BatchResult result = batch.send(purpose);
-    if (result.status == 0) {
+    std::uint32_t table = 0;
+    try {
+        netlink.Open(NETLINK_NETFILTER);
+        NftBatch batch(netlink);
+        table = AddScanTable(batch, spec);
+        batch.Send(purpose);
         return {};
+    } catch (const NftRefused& refused) {
+        const int of_table = refused.Sequence() == table ? refused.Status() : 0;
+        return {{refused.Status(), refused.what()},
+                of_table == -EPERM || of_table == -EEXIST,
+                spec.owned && (of_table == -EOPNOTSUPP || of_table == -EINVAL)};
+    } catch (const Error& error) {
+        return {SocketFailure(error.Status())};
     }
-    const int of_table = result.sequence == table ? result.status : 0;
-    return {BatchFailure(batch, result, result.sequence + 1 == table),
-            of_table == -EPERM || of_table == -EEXIST,
-            spec.owned && (of_table == -EOPNOTSUPP || of_table == -EINVAL)};
 }
 
 Outcome ScanMonitor::Build()
@@ -230,18 +217,13 @@ int ScanMonitor::ReadTable(ScanReading& reading)
 {
     ScanCounterValues before;
     ScanCounterValues after;
-    int status = read_scan_counters(m_netlink, m_spec.name, before);
-    if (status == 0) {
-        status = CountHalfOpen(m_netlink, m_spec.name, reading.half_open);
-    }
-    if (status == 0) {
-        status = read_scan_counters(m_netlink, m_spec.name, after);
-    }
-    if (status == 0) {
-        status = read_scan_traffic(m_netlink, m_spec.name, after);
-    }
-    if (status < 0) {
-        return status;
+    try {
+        ReadScanCounters(m_netlink, m_spec.name, before);
+        reading.half_open = CountHalfOpen(m_netlink, m_spec.name);
+        ReadScanCounters(m_netlink, m_spec.name, after);
+        ReadScanTraffic(m_netlink, m_spec.name, after);
+    } catch (const Error& error) {
+        return error.Status();
     }
     ScanFigures(after, m_halfOpenClosed.Update(before, reading.half_open, after), reading.figures);
     m_halfOpen = reading.half_open;
@@ -254,13 +236,13 @@ int ScanMonitor::ReadTable(ScanReading& reading)
 // Nobody waits for this: a table that stays is removed by the next process.
 void ScanMonitor::RemoveTable(const std::string& name)
 try {
-    if (!m_netlink.IsOpen() && m_netlink.Open(NETLINK_NETFILTER) < 0) {
-        return;
+    if (!m_netlink.IsOpen()) {
+        m_netlink.Open(NETLINK_NETFILTER);
     }
     NftBatch batch(m_netlink);
     AddTableRemoval(batch, name);
-    batch.send(NftBatch::Purpose::kCommit);
-} catch (const std::bad_alloc&) {
+    batch.Send(NftBatch::Purpose::kCommit);
+} catch (const std::exception&) {
 }
 
 void ScanMonitor::TakeDown()
@@ -272,27 +254,31 @@ void ScanMonitor::TakeDown()
     m_netlink.Close();
 }
 
-// Tables that the kernel does not remove by itself, of processes that were killed.
+// Tables that the kernel does not remove by itself, of processes that were killed. One that stays
+// does no harm.
 void ScanMonitor::RemoveLeftovers()
 {
-    if (m_leftoversRemoved || m_netlink.Open(NETLINK_NETFILTER) < 0) {
+    if (m_leftoversRemoved) {
         return;
     }
-    m_leftoversRemoved = true;
     std::vector<std::string> names;
-    alignas(nlmsghdr) char buffer[64];
-    nlmsghdr* request = NftRequest(buffer, NFT_MSG_GETTABLE, NLM_F_DUMP);
-    m_netlink.Request(*request, [&](const nlmsghdr& message) {
+    const auto collect = [&](const nlmsghdr& message) {
         const Attributes table(message, sizeof(nfgenmsg));
-        const auto name = TextOf(table.Find(NFTA_TABLE_NAME));
-        const auto flags = Be32Of(table.Find(NFTA_TABLE_FLAGS));
+        const auto name = DecodeString(table.Find(NFTA_TABLE_NAME));
+        const auto flags = DecodeBe32(table.Find(NFTA_TABLE_FLAGS));
         const pid_t process = ScanTableProcess(name);
         const bool owned = flags && (*flags & NFT_TABLE_F_OWNER);
         if (process && !owned && IsDeadOrSelf(process)) {
             names.emplace_back(name);
         }
-        return 0;
-    });
+    };
+    try {
+        m_netlink.Open(NETLINK_NETFILTER);
+        m_leftoversRemoved = true;
+        alignas(nlmsghdr) char buffer[64];
+        m_netlink.Request(*PutNftRequest(buffer, NFT_MSG_GETTABLE, NLM_F_DUMP), collect);
+    } catch (const Error&) {
+    }
     for (const std::string& name : names) {
         RemoveTable(name);
     }

@@ -1,3 +1,4 @@
+// vxi_get_blacklist: nf_tables sets and their elements (linux/netfilter/nf_tables.h).
 #include "engines/linux/tables/Blacklist.h"
 
 #include <libmnl/libmnl.h>
@@ -10,42 +11,43 @@
 #include <cstring>
 #include <limits>
 
-#include "api/Message.h"
+#include "api/Error.h"
 #include "api/Source.h"
-#include "engines/linux/HandleState.h"
+#include "engines/linux/HandleSnapshots.h"
 #include "engines/linux/Operations.h"
-#include "engines/linux/netlink/NftDump.h"
+#include "engines/linux/netlink/NfTables.h"
 
 namespace vxi {
 
 namespace {
 
-// What nft calls ipv4_addr and ipv6_addr; the kernel only stores the number.
-constexpr std::uint32_t kEyTypeIpv4 = 7;
-constexpr std::uint32_t kEyTypeIpv6 = 8;
+// Numbers of nft's data types ipv4_addr and ipv6_addr (TYPE_IPADDR and TYPE_IP6ADDR in nftables'
+// datatype.h); the kernel only stores them.
+constexpr std::uint32_t kKeyTypeIpv4 = 7;
+constexpr std::uint32_t kKeyTypeIpv6 = 8;
 
-// A caller adds the header to the size in 32 bits.
+// Callers add the size of the header to entries_size, in 32 bits.
 constexpr std::size_t kEntriesMax =
     (std::numeric_limits<std::uint32_t>::max() - sizeof(vxa_blacklist_get_addrs_s)) /
     sizeof(vxa_blacklist_entry_s);
 
-const char* WhySkipped(std::uint32_t key_type, std::uint32_t flags)
+const char* SkipReason(std::uint32_t key_type, std::uint32_t flags)
 {
-    // Its keys select a value, they are not a list of addresses.
+    // The keys of a map select a value, they are not a list of addresses.
     if (flags & (NFT_SET_MAP | NFT_SET_OBJECT)) {
         return "a map";
     }
-    return key_type == kEyTypeIpv4 || key_type == kEyTypeIpv6
+    return key_type == kKeyTypeIpv4 || key_type == kKeyTypeIpv6
                ? nullptr
                : "its elements are not of type ipv4_addr or ipv6_addr";
 }
 
-bool StartsWith(std::string_view text, std::string_view start)
+bool StartsWith(std::string_view string, std::string_view start)
 {
-    return text.substr(0, start.size()) == start;
+    return string.substr(0, start.size()) == start;
 }
 
-bool read_address(const nlattr* data, std::size_t size, Address& address)
+bool CopyAddress(const nlattr* data, std::size_t size, Address& address)
 {
     const nlattr* value = data ? Attributes(*data).Find(NFTA_DATA_VALUE) : nullptr;
     if (!value || mnl_attr_get_payload_len(value) != size) {
@@ -55,7 +57,7 @@ bool read_address(const nlattr* data, std::size_t size, Address& address)
     return true;
 }
 
-Address Highest(std::size_t size)
+Address HighestAddress(std::size_t size)
 {
     Address address = {};
     std::fill_n(address.begin(), size, 0xff);
@@ -63,7 +65,7 @@ Address Highest(std::size_t size)
 }
 
 // Returns address - 1; address must not be zero.
-Address Before(Address address, std::size_t size)
+Address PreviousAddress(Address address, std::size_t size)
 {
     std::size_t i = size;
     while (i > 0 && address[i - 1]-- == 0) {
@@ -72,23 +74,23 @@ Address Before(Address address, std::size_t size)
     return address;
 }
 
-bool read_element(const nlattr& attribute, const BlacklistSet& set, BlacklistElement& element)
+bool DecodeElement(const nlattr& attribute, const BlacklistSet& set, BlacklistElement& element)
 {
     const Attributes attributes(attribute);
-    const std::size_t size = set.address_size();
-    const std::uint32_t flags = Be32Of(attributes.Find(NFTA_SET_ELEM_FLAGS)).value_or(0);
-    element.ends_interval = flags & NFT_SET_ELEM_INTERVAL_END;
-    element.timeout_ms = Be64Of(attributes.Find(NFTA_SET_ELEM_TIMEOUT));
-    element.expires_ms = Be64Of(attributes.Find(NFTA_SET_ELEM_EXPIRATION));
+    const std::size_t size = set.AddressSize();
+    const std::uint32_t flags = DecodeBe32(attributes.Find(NFTA_SET_ELEM_FLAGS)).value_or(0);
+    element.interval_end = flags & NFT_SET_ELEM_INTERVAL_END;
+    element.timeout_ms = DecodeBe64(attributes.Find(NFTA_SET_ELEM_TIMEOUT));
+    element.expires_ms = DecodeBe64(attributes.Find(NFTA_SET_ELEM_EXPIRATION));
     if (flags & NFT_SET_ELEM_CATCHALL) {
-        element.last = Highest(size);
+        element.key_end = HighestAddress(size);
         return true;
     }
-    Address last;
-    if (read_address(attributes.Find(NFTA_SET_ELEM_KEY_END), size, last)) {
-        element.last = last;
+    Address key_end = {};
+    if (CopyAddress(attributes.Find(NFTA_SET_ELEM_KEY_END), size, key_end)) {
+        element.key_end = key_end;
     }
-    return read_address(attributes.Find(NFTA_SET_ELEM_KEY), size, element.key);
+    return CopyAddress(attributes.Find(NFTA_SET_ELEM_KEY), size, element.key);
 }
 
 std::uint32_t Seconds(std::uint64_t ms)
@@ -97,8 +99,8 @@ std::uint32_t Seconds(std::uint64_t ms)
         std::min<std::uint64_t>(ms / 1000, std::numeric_limits<std::uint32_t>::max()));
 }
 
-vxa_blacklist_entry_s EntryOf(const BlacklistSet& set, std::uint16_t set_index,
-                              const BlacklistElement& element, const Address& last)
+vxa_blacklist_entry_s MakeEntry(const BlacklistSet& set, std::uint16_t set_index,
+                                const BlacklistElement& element, const Address& last)
 {
     vxa_blacklist_entry_s entry = {};
     memcpy(entry.address, element.key.data(), sizeof entry.address);
@@ -114,160 +116,166 @@ vxa_blacklist_entry_s EntryOf(const BlacklistSet& set, std::uint16_t set_index,
     return entry;
 }
 
-using ElementsAt = std::vector<BlacklistElement>::const_iterator;
+using ElementIterator = std::vector<BlacklistElement>::const_iterator;
 
-// Last address of the element at `at`; those after it have the same address or higher ones.
-Address LastOf(const BlacklistSet& set, ElementsAt at, ElementsAt end)
+// Last address of the element at `at` in a list sorted by address.
+Address LastAddress(const BlacklistSet& set, ElementIterator at, ElementIterator end)
 {
-    if (at->last || !set.intervals) {
-        return at->last.value_or(at->key);
+    if (at->key_end || !set.intervals) {
+        return at->key_end.value_or(at->key);
     }
     const auto next =
         std::find_if(at, end, [&](const BlacklistElement& other) { return other.key != at->key; });
-    const std::size_t size = set.address_size();
-    return next != end ? Before(next->key, size) : Highest(size);
+    const std::size_t size = set.AddressSize();
+    return next != end ? PreviousAddress(next->key, size) : HighestAddress(size);
 }
 
-int read_sets(Netlink& netlink, std::vector<BlacklistSet>& sets)
+std::vector<BlacklistSet> ReadSets(Netlink& netlink, BlacklistSnapshot& snapshot)
 {
-    return RetryInterrupted([&] {
+    std::vector<BlacklistSet> sets;
+    const Consistency consistency = RetryInterrupted([&] {
         alignas(nlmsghdr) char buffer[kNftDumpSize];
-        nlmsghdr* request = NftDump(buffer, NFT_MSG_GETSET, NFPROTO_UNSPEC);
+        nlmsghdr* request = PutNftDump(buffer, NFT_MSG_GETSET, NFPROTO_UNSPEC);
         sets.clear();
         return netlink.Request(*request, [&](const nlmsghdr& message) {
-            if (auto set = DecodeSet(message)) {
+            if (auto set = DecodeBlacklistSet(message)) {
                 sets.push_back(std::move(*set));
             }
-            return 0;
         });
     });
+    snapshot.interrupted |= consistency == Consistency::kInterrupted;
+    return sets;
 }
 
-int read_elements(Netlink& netlink, const BlacklistSet& set,
-                  std::vector<BlacklistElement>& elements, std::uint64_t& unreadable)
-{
-    return RetryInterrupted([&] {
+struct SetElements {
+    std::vector<BlacklistElement> elements;
+    std::uint64_t unreadable;
+    Consistency consistency;
+};
+
+// Nothing when the set has been removed since the sets were listed.
+std::optional<SetElements> ReadElements(Netlink& netlink, const BlacklistSet& set)
+try {
+    SetElements found;
+    found.consistency = RetryInterrupted([&] {
         alignas(nlmsghdr) char buffer[kNftDumpSize];
-        nlmsghdr* request = NftDump(buffer, NFT_MSG_GETSETELEM, set.nft_family);
+        nlmsghdr* request = PutNftDump(buffer, NFT_MSG_GETSETELEM, set.nft_family);
         mnl_attr_put_strz(request, NFTA_SET_ELEM_LIST_TABLE, set.table.c_str());
         mnl_attr_put_strz(request, NFTA_SET_ELEM_LIST_SET, set.name.c_str());
-        elements.clear();
-        unreadable = 0;
+        found.elements.clear();
+        found.unreadable = 0;
         return netlink.Request(*request, [&](const nlmsghdr& message) {
-            unreadable += TakeElements(message, set, elements);
-            return 0;
+            found.unreadable += AppendElements(message, set, found.elements);
         });
     });
+    return found;
+} catch (const Error& error) {
+    if (error.Status() != -ENOENT) {
+        throw;
+    }
+    return std::nullopt;
 }
 
-void append(std::vector<vxa_blacklist_entry_s>&& entries, BlacklistSnapshot& snapshot)
+void AppendEntries(std::vector<vxa_blacklist_entry_s>&& entries, BlacklistSnapshot& snapshot)
 {
     const std::size_t fitting = std::min(entries.size(), kEntriesMax - snapshot.entries.size());
-    snapshot.beyond += entries.size() - fitting;
+    snapshot.dropped += entries.size() - fitting;
     snapshot.entries.insert(snapshot.entries.end(), entries.begin(), entries.begin() + fitting);
 }
 
-// What came of an interrupted dump is used: six readings without rest are answer enough.
-bool Usable(int status, BlacklistSnapshot& snapshot)
-{
-    snapshot.interrupted = snapshot.interrupted || status == -EINTR;
-    return status == 0 || status == -EINTR;
-}
-
-int read_set(Netlink& netlink, const BlacklistSet& set, BlacklistSnapshot& snapshot)
+void ReadSet(Netlink& netlink, const BlacklistSet& set, BlacklistSnapshot& snapshot)
 {
     const std::string name = NftFamilyName(set.nft_family) + " " + set.table + " " + set.name;
-    if (set.skipped) {
-        snapshot.skipped.push_back(name + ": " + set.skipped);
-        return 0;
+    if (set.skip_reason) {
+        snapshot.skipped.push_back(name + ": " + set.skip_reason);
+        return;
+    }
+    auto found = ReadElements(netlink, set);
+    if (!found) {
+        return;
     }
     constexpr std::size_t kIndexMax = std::numeric_limits<std::uint16_t>::max();
-    std::vector<BlacklistElement> elements;
-    std::uint64_t unreadable = 0;
-    const int status = read_elements(netlink, set, elements, unreadable);
-    if (status == -ENOENT) {
-        return 0;  // removed since the sets were listed
-    }
-    if (!Usable(status, snapshot)) {
-        return status;
-    }
     const auto index = static_cast<std::uint16_t>(std::min(snapshot.sets.size(), kIndexMax));
-    append(EntriesOf(set, index, std::move(elements)), snapshot);
-    snapshot.unreadable += unreadable;
+    AppendEntries(BlacklistEntries(set, index, std::move(found->elements)), snapshot);
+    snapshot.unreadable += found->unreadable;
+    snapshot.interrupted |= found->consistency == Consistency::kInterrupted;
     snapshot.sets.push_back(name);
-    return 0;
 }
 
-Outcome read_failure(int status)
-{
-    return Failure(status, "reading the nf_tables sets: %s", DescribeStatus(status).c_str());
-}
-
-void TellSource(const vxi_handle_ops_s* handle, const BlacklistSnapshot& snapshot)
+void NoteBlacklistSource(const vxi_handle_ops_s* handle, const BlacklistSnapshot& snapshot)
 {
     const char* const engine = handle->engine->name;
     SetSlotNames(engine, Area::kBlacklistSets, {snapshot.sets});
     SetSlotNames(engine, Area::kBlacklistSkipped, {snapshot.skipped});
-    std::string text = "nf_tables sets named blacklist*";
+    std::string source = "nf_tables sets named blacklist*";
     if (snapshot.interrupted) {
-        text += ", incomplete: they changed during each of six readings";
+        source += ", incomplete: they changed during each of six readings";
     }
     if (snapshot.unreadable > 0) {
-        text += ", " + std::to_string(snapshot.unreadable) + " elements unreadable";
+        source += ", " + std::to_string(snapshot.unreadable) + " elements unreadable";
     }
-    if (snapshot.beyond > 0) {
-        text += ", " + std::to_string(snapshot.beyond) + " more do not fit";
+    if (snapshot.dropped > 0) {
+        source += ", " + std::to_string(snapshot.dropped) + " more do not fit";
     }
-    NoteSource(Table::kBlacklist, "%s", text.c_str());
+    NoteSource(Table::kBlacklist, "%s", source.c_str());
 }
 
-std::uint32_t BytesOf(std::size_t entries)
+std::uint32_t SizeInBytes(std::size_t entries)
 {
     return static_cast<std::uint32_t>(entries * sizeof(vxa_blacklist_entry_s));
 }
 
-int SizeBlacklist(vxi_handle_ops_s* handle, vxa_blacklist_get_addrs_s* list)
+void SizeBlacklist(vxi_handle_ops_s* handle, vxa_blacklist_get_addrs_s& list)
 {
-    Netlink netlink;
-    auto snapshot = std::make_unique<BlacklistSnapshot>();
-    const Outcome outcome = read_blacklist(netlink, *snapshot);
-    if (outcome.Failed()) {
-        ThrowError(outcome.status, "%s", outcome.text.c_str());
+    auto snapshot = std::make_unique<BlacklistSnapshot>(ReadBlacklist());
+    NoteBlacklistSource(handle, *snapshot);
+    list.entries_size = SizeInBytes(snapshot->entries.size());
+    list.set_count = static_cast<std::uint32_t>(snapshot->sets.size());
+    Snapshots(handle).blacklist = std::move(snapshot);
+}
+
+void FillBlacklist(vxi_handle_ops_s* handle, vxa_blacklist_get_addrs_s& list)
+{
+    const auto snapshot = std::move(Snapshots(handle).blacklist);
+    if (!snapshot) {
+        throw Error(-ENODATA, "no snapshot: ask for the size first");
     }
-    TellSource(handle, *snapshot);
-    list->entries_size = BytesOf(snapshot->entries.size());
-    list->set_count = static_cast<std::uint32_t>(snapshot->sets.size());
-    StateOf(handle).blacklist = std::move(snapshot);
-    return 0;
+    const std::size_t room = list.entries_size / sizeof(vxa_blacklist_entry_s);
+    const std::uint32_t bytes = SizeInBytes(std::min(room, snapshot->entries.size()));
+    // The header is 44 bytes long, so the entries after it are not aligned.
+    std::copy_n(reinterpret_cast<const char*>(snapshot->entries.data()), bytes,
+                reinterpret_cast<char*>(&list + 1));
+    list.entries_size = bytes;
+    list.set_count = static_cast<std::uint32_t>(snapshot->sets.size());
 }
 
 }  // namespace
 
-std::optional<BlacklistSet> DecodeSet(const nlmsghdr& message)
+std::optional<BlacklistSet> DecodeBlacklistSet(const nlmsghdr& message)
 {
     if (!IsNft(message, NFT_MSG_NEWSET)) {
         return {};
     }
     const Attributes attributes(message, sizeof(nfgenmsg));
-    const auto name = TextOf(attributes.Find(NFTA_SET_NAME));
-    const auto flags = Be32Of(attributes.Find(NFTA_SET_FLAGS)).value_or(0);
-    const auto type = Be32Of(attributes.Find(NFTA_SET_KEY_TYPE)).value_or(0);
+    const auto name = DecodeString(attributes.Find(NFTA_SET_NAME));
+    const auto flags = DecodeBe32(attributes.Find(NFTA_SET_FLAGS)).value_or(0);
+    const auto type = DecodeBe32(attributes.Find(NFTA_SET_KEY_TYPE)).value_or(0);
     if (!StartsWith(name, "blacklist")) {
         return {};
     }
     BlacklistSet set;
     set.nft_family = NftFamily(message);
-    set.table = TextOf(attributes.Find(NFTA_SET_TABLE));
+    set.table = DecodeString(attributes.Find(NFTA_SET_TABLE));
     set.name = name;
-    set.family = type == kEyTypeIpv4 ? 4 : 6;
+    set.family = type == kKeyTypeIpv4 ? 4 : 6;
     set.intervals = flags & NFT_SET_INTERVAL;
-    set.timeout_ms = Be64Of(attributes.Find(NFTA_SET_TIMEOUT)).value_or(0);
-    set.skipped = WhySkipped(type, flags);
+    set.timeout_ms = DecodeBe64(attributes.Find(NFTA_SET_TIMEOUT)).value_or(0);
+    set.skip_reason = SkipReason(type, flags);
     return set;
 }
 
-std::uint64_t TakeElements(const nlmsghdr& message, const BlacklistSet& set,
-                           std::vector<BlacklistElement>& elements)
+std::uint64_t AppendElements(const nlmsghdr& message, const BlacklistSet& set,
+                             std::vector<BlacklistElement>& elements)
 {
     if (!IsNft(message, NFT_MSG_NEWSETELEM)) {
         return 0;
@@ -279,7 +287,7 @@ std::uint64_t TakeElements(const nlmsghdr& message, const BlacklistSet& set,
     std::uint64_t unreadable = 0;
     for (const nlattr& attribute : Attributes(*list)) {
         BlacklistElement element;
-        if (read_element(attribute, set, element)) {
+        if (DecodeElement(attribute, set, element)) {
             elements.push_back(element);
         } else {
             ++unreadable;
@@ -288,60 +296,47 @@ std::uint64_t TakeElements(const nlmsghdr& message, const BlacklistSet& set,
     return unreadable;
 }
 
-std::vector<vxa_blacklist_entry_s> EntriesOf(const BlacklistSet& set, std::uint16_t set_index,
-                                             std::vector<BlacklistElement> elements)
+std::vector<vxa_blacklist_entry_s> BlacklistEntries(const BlacklistSet& set,
+                                                    std::uint16_t set_index,
+                                                    std::vector<BlacklistElement> elements)
 {
-    // An end before a start at the same address: neighbours may touch.
+    // An interval's end comes before a start at the same address: intervals may be adjacent.
     std::sort(elements.begin(), elements.end(), [](const auto& a, const auto& b) {
-        return a.key != b.key ? a.key < b.key : a.ends_interval > b.ends_interval;
+        return a.key != b.key ? a.key < b.key : a.interval_end > b.interval_end;
     });
     std::vector<vxa_blacklist_entry_s> entries;
     entries.reserve(elements.size());
     for (auto element = elements.begin(); element != elements.end(); ++element) {
-        if (!element->ends_interval) {
-            const Address last = LastOf(set, element, elements.end());
-            entries.push_back(EntryOf(set, set_index, *element, last));
+        if (!element->interval_end) {
+            const Address last = LastAddress(set, element, elements.end());
+            entries.push_back(MakeEntry(set, set_index, *element, last));
         }
     }
     return entries;
 }
 
-Outcome read_blacklist(Netlink& netlink, BlacklistSnapshot& snapshot)
+BlacklistSnapshot ReadBlacklist()
 {
-    const Outcome opened = OpenNfTables(netlink);
-    if (opened.Failed()) {
-        return opened;
-    }
-    std::vector<BlacklistSet> sets;
-    int status = read_sets(netlink, sets);
-    if (!Usable(status, snapshot)) {
-        return read_failure(status);
-    }
-    for (const BlacklistSet& set : sets) {
-        status = read_set(netlink, set, snapshot);
-        if (status < 0) {
-            return read_failure(status);
+    Netlink netlink;
+    OpenNfTables(netlink);
+    try {
+        BlacklistSnapshot snapshot;
+        for (const BlacklistSet& set : ReadSets(netlink, snapshot)) {
+            ReadSet(netlink, set, snapshot);
         }
+        return snapshot;
+    } catch (const Error& error) {
+        ThrowError(error.Status(), "reading the nf_tables sets: %s", error.what());
     }
-    return {};
 }
 
 int LinuxOperations::GetBlacklist(vxi_handle_ops_s* handle, vxa_blacklist_get_addrs_s* list)
 {
     if (list->entries_size == 0) {
-        return SizeBlacklist(handle, list);
+        SizeBlacklist(handle, *list);
+    } else {
+        FillBlacklist(handle, *list);
     }
-    const auto snapshot = std::move(StateOf(handle).blacklist);
-    if (!snapshot) {
-        ThrowError(-ENODATA, "no snapshot: ask for the size first");
-    }
-    const std::size_t room = list->entries_size / sizeof(vxa_blacklist_entry_s);
-    const std::uint32_t bytes = BytesOf(std::min(room, snapshot->entries.size()));
-    // The header is 44 bytes long, so the entries behind it are not aligned.
-    std::copy_n(reinterpret_cast<const char*>(snapshot->entries.data()), bytes,
-                reinterpret_cast<char*>(list + 1));
-    list->entries_size = bytes;
-    list->set_count = static_cast<std::uint32_t>(snapshot->sets.size());
     return 0;
 }
 

@@ -1,3 +1,4 @@
+// vxi_get_conn_states: how many sockets are in which state.
 #include "engines/linux/tables/ConnStates.h"
 
 #include <netinet/in.h>
@@ -23,8 +24,8 @@ struct TableCounts {
     }
 };
 
-// A state that has no slot counts in the one that no state uses.
-unsigned SlotOf(std::uint8_t state)
+// A state beyond the slots counts in slot 0, which no state uses.
+unsigned StateSlot(std::uint8_t state)
 {
     return state < kStateSlots ? state : 0;
 }
@@ -43,30 +44,26 @@ void Deliver(const SocketTable& table, const TableCounts& counts, vxa_get_conn_s
 
 }  // namespace
 
-Outcome CountSockets(const SocketDump& dump, vxa_get_conn_states_s& states, std::string& shortfall)
+std::string CountSockets(const SocketDump& dump, vxa_get_conn_states_s& states)
 {
     TableCounts counts[kSocketTableCount];
     const SocketSink sink = {[&](unsigned table) { counts[table] = {}; },
                              [&](unsigned table, const inet_diag_msg& socket, const Attributes&) {
-                                 ++counts[table].by_state[SlotOf(socket.idiag_state)];
+                                 ++counts[table].by_state[StateSlot(socket.idiag_state)];
                              }};
-    const Outcome outcome = read_sockets(dump, sink, shortfall);
+    std::string missing = ReadSockets(dump, sink);
     states = {};
     states.version = 1;
     for (unsigned table = 0; table < kSocketTableCount; ++table) {
         Deliver(kSocketTables[table], counts[table], states);
     }
-    return outcome;
+    return missing;
 }
 
 int LinuxOperations::GetConnStates(vxi_handle_ops_s*, vxa_get_conn_states_s* states)
 {
-    std::string shortfall;
-    const Outcome outcome = CountSockets(KernelSockets({~0u, false}), *states, shortfall);
-    if (outcome.Failed()) {
-        ThrowError(outcome.status, "%s", outcome.text.c_str());
-    }
-    NoteSource(Table::kConnStates, "sock_diag%s", shortfall.c_str());
+    const std::string missing = CountSockets(KernelSockets({~0u, false}), *states);
+    NoteSource(Table::kConnStates, "sock_diag%s", missing.c_str());
     return 0;
 }
 

@@ -1,12 +1,15 @@
 // Sockets counted by state and IP version.
 #pragma once
 
-#include "engines/linux/netlink/SocketDump.h"
+#include <string>
+
+#include "engines/linux/netlink/SockDiag.h"
 #include "vxi/records.h"
 
 namespace vxi {
 
-// Outcome and shortfall as read_sockets has them.
-Outcome CountSockets(const SocketDump& dump, vxa_get_conn_states_s& states, std::string& shortfall);
+// Counts the sockets of `dump` into `states`. Returns what is missing, and throws, as ReadSockets
+// does.
+std::string CountSockets(const SocketDump& dump, vxa_get_conn_states_s& states);
 
 }  // namespace vxi

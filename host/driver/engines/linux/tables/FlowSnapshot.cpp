@@ -1,3 +1,4 @@
+// Collects flows and cuts them to what a section can hold.
 #include "engines/linux/tables/FlowSnapshot.h"
 
 #include <netinet/in.h>
@@ -22,7 +23,7 @@ void FlowList::Add(const vxa_conntrack_entry_s& entry, const FlowDetail* detail)
     ++total;
 }
 
-void FlowList::append(const FlowList& other)
+void FlowList::Append(const FlowList& other)
 {
     const std::size_t taken = std::min(other.entries.size(), kMostFlows - entries.size());
     entries.insert(entries.end(), other.entries.begin(),
@@ -30,7 +31,7 @@ void FlowList::append(const FlowList& other)
     total += other.total;
 }
 
-FlowList* FlowSnapshot::Of(std::uint8_t protocol)
+FlowList* FlowSnapshot::Find(std::uint8_t protocol)
 {
     switch (protocol) {
         case IPPROTO_UDP:
@@ -54,7 +55,7 @@ std::uint16_t FlowSnapshot::Offer()
 
 bool FetchFlows(FlowSnapshot& snapshot, vxa_dump_conntrack_s& section)
 {
-    FlowList* const list = snapshot.Of(section.protocol);
+    FlowList* const list = snapshot.Find(section.protocol);
     if (!list || list->fetched) {
         return false;
     }

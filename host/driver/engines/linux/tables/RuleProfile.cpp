@@ -1,3 +1,4 @@
+// vxi_get_profile_stats: the listing of all rules, with what they counted while profiling is on.
 #include "engines/linux/tables/RuleProfile.h"
 
 #include <libmnl/libmnl.h>
@@ -12,13 +13,13 @@
 #include <cstring>
 #include <limits>
 
-#include "api/Message.h"
+#include "api/Error.h"
 #include "api/Profiler.h"
-#include "engines/linux/HandleState.h"
+#include "engines/linux/HandleSnapshots.h"
 #include "engines/linux/Operations.h"
 #include "engines/linux/netlink/NetNamespace.h"
-#include "engines/linux/netlink/NftDump.h"
-#include "engines/linux/tables/JsonText.h"
+#include "engines/linux/netlink/NfTables.h"
+#include "engines/linux/tables/JsonString.h"
 #include "engines/linux/tables/RulesetJson.h"
 
 namespace vxi {
@@ -30,8 +31,8 @@ constexpr const char* kTraceSource = "host/driver/engines/linux";
 std::atomic<RuleProfiler*> current{nullptr};
 std::atomic<RuleProfiler*> inherited{nullptr};
 
-// What a thread of the parent did with its lock stays as it was for good.
-void begin_again_in_child()
+// In a fork's child the parent's lock may be held for good by a thread that is not there.
+void ForgetParentsProfiler()
 {
     if (RuleProfiler* const parents = current.exchange(nullptr)) {
         inherited = parents;
@@ -39,97 +40,98 @@ void begin_again_in_child()
     SwitchProfiling(false);
 }
 
-void append_field(std::string& out, const char* name, std::string_view text)
+void AppendField(std::string& out, const char* name, std::string_view value)
 {
     out.append("\"").append(name).append("\": ");
-    append_json_text(out, text);
+    AppendJsonString(out, value);
     out += ", ";
 }
 
-void append_rule(std::string& out, const RuleKey& key, const RuleCount& count)
+void AppendRule(std::string& out, const RuleKey& key, const RuleCount& count)
 {
     out += '{';
-    append_field(out, "family", NftFamilyName(key.family));
-    append_field(out, "table", key.table);
-    append_field(out, "chain", count.chain);
+    AppendField(out, "family", NftFamilyName(key.family));
+    AppendField(out, "table", key.table);
+    AppendField(out, "chain", count.chain);
     out += "\"handle\": " + std::to_string(key.handle) +
            ", \"packets\": " + std::to_string(count.packets) +
            ", \"bytes\": " + std::to_string(count.bytes) + '}';
 }
 
-Outcome CountRules(RuleCounts& counts)
+// Where rules change all the time, each is counted as it was when its turn came.
+RuleCounts ReadRuleCounts()
 {
     Netlink netlink;
-    Outcome outcome = OpenNfTables(netlink);
-    if (outcome.Failed()) {
-        return outcome;
+    OpenNfTables(netlink);
+    try {
+        RuleCounts counts;
+        RetryInterrupted([&] {
+            alignas(nlmsghdr) char buffer[kNftDumpSize];
+            counts.clear();
+            return netlink.Request(*PutNftDump(buffer, NFT_MSG_GETRULE, NFPROTO_UNSPEC),
+                                   [&](const nlmsghdr& message) { AddRule(message, counts); });
+        });
+        return counts;
+    } catch (const Error& error) {
+        ThrowError(error.Status(), "reading the rules' counters: %s", error.what());
     }
-    const int status = read_rule_counts(netlink, counts);
-    // Rules that change all the time: each counted as it was when its turn came.
-    if (status < 0 && status != -EINTR) {
-        outcome =
-            Failure(status, "reading the rules' counters: %s", DescribeStatus(status).c_str());
-    }
-    return outcome;
 }
 
-// Rules can be listed at all. Asked before the listing is tried, whose own complaint is
-// less clear.
-Outcome Listable()
-{
+// Whether this process may list the rules. Asked first, because nf_tables' own refusal is clearer
+// than that of libnftables.
+bool CanListRules(vxi_handle_ops_s* handle)
+try {
     Netlink netlink;
-    return OpenNfTables(netlink);
+    OpenNfTables(netlink);
+    return true;
+} catch (const Error& error) {
+    VXI_TRACE(handle, 1, kTraceSource, "no rule profile: %s", error.what());
+    return false;
 }
 
-int SizeProfile(vxi_handle_ops_s* handle, std::uint32_t& size)
+// Reads the rules and returns the size of their profile; 0 where they cannot be listed.
+std::uint32_t SizeProfile(vxi_handle_ops_s* handle)
 {
-    const Outcome access = Listable();
-    if (access.Failed()) {
-        VXI_TRACE(handle, 1, kTraceSource, "no rule profile: %s", access.text.c_str());
-        size = 0;
+    if (!CanListRules(handle)) {
         return 0;
     }
-    auto json = std::make_unique<std::string>();
-    const Outcome outcome = ProcessRuleProfiler().Report(*json);
-    if (outcome.Failed()) {
-        ThrowError(outcome.status, "%s", outcome.text.c_str());
-    }
-    // A caller adds the size field to it in 32 bits.
-    if (json->size() > std::numeric_limits<std::uint32_t>::max() - sizeof size) {
+    auto json = std::make_unique<std::string>(ProcessRuleProfiler().Report());
+    // Callers add the size of the size field, in 32 bits.
+    if (json->size() > std::numeric_limits<std::uint32_t>::max() - sizeof(std::uint32_t)) {
         ThrowError(-EFBIG, "the rules take %zu bytes", json->size());
     }
-    size = static_cast<std::uint32_t>(json->size());
-    StateOf(handle).profile = std::move(json);
-    return 0;
+    const auto size = static_cast<std::uint32_t>(json->size());
+    Snapshots(handle).profile = std::move(json);
+    return size;
+}
+
+// Copies at most `room` bytes to `destination`; returns how many.
+std::uint32_t FillProfile(vxi_handle_ops_s* handle, std::uint32_t room, char* destination)
+{
+    const auto json = std::move(Snapshots(handle).profile);
+    if (!json) {
+        throw Error(-ENODATA, "no snapshot: ask for the size first");
+    }
+    const auto size = static_cast<std::uint32_t>(std::min<std::size_t>(room, json->size()));
+    memcpy(destination, json->data(), size);
+    return size;
 }
 
 }  // namespace
 
-void TakeRule(const nlmsghdr& message, RuleCounts& counts)
+void AddRule(const nlmsghdr& message, RuleCounts& counts)
 {
     if (!IsNft(message, NFT_MSG_NEWRULE)) {
         return;
     }
     const Attributes rule(message, sizeof(nfgenmsg));
-    const auto handle = Be64Of(rule.Find(NFTA_RULE_HANDLE));
-    const auto counted = DecodeCounters(rule);
+    const auto handle = DecodeBe64(rule.Find(NFTA_RULE_HANDLE));
+    const auto counted = DecodeRuleCounter(rule);
     if (handle && counted) {
-        counts[{NftFamily(message), std::string(TextOf(rule.Find(NFTA_RULE_TABLE))), *handle}] = {
-            std::string(TextOf(rule.Find(NFTA_RULE_CHAIN))), counted->packets, counted->bytes};
+        counts[{NftFamily(message), std::string(DecodeString(rule.Find(NFTA_RULE_TABLE))),
+                *handle}] = {std::string(DecodeString(rule.Find(NFTA_RULE_CHAIN))),
+                             counted->packets, counted->bytes};
     }
-}
-
-int read_rule_counts(Netlink& netlink, RuleCounts& counts)
-{
-    return RetryInterrupted([&] {
-        alignas(nlmsghdr) char buffer[kNftDumpSize];
-        nlmsghdr* request = NftDump(buffer, NFT_MSG_GETRULE, NFPROTO_UNSPEC);
-        counts.clear();
-        return netlink.Request(*request, [&](const nlmsghdr& message) {
-            TakeRule(message, counts);
-            return 0;
-        });
-    });
 }
 
 RuleCounts CountedSince(const RuleCounts& before, const RuleCounts& now)
@@ -153,41 +155,32 @@ std::string ProfileJson(const RuleCounts& counted, std::uint64_t milliseconds)
     const char* between = "";
     for (const auto& [key, count] : counted) {
         text += between;
-        append_rule(text, key, count);
+        AppendRule(text, key, count);
         between = ", ";
     }
     return text + "]}}";
 }
 
-bool append_object(std::string& listing, const std::string& object)
+void AppendObject(std::string& listing, const std::string& object)
 {
     constexpr std::string_view kEnd = "]}";
     if (listing.size() <= kEnd.size() ||
         listing.compare(listing.size() - kEnd.size(), kEnd.size(), kEnd) != 0) {
-        return false;
+        throw Error(-EPROTO, "libnftables' listing does not end as JSON does");
     }
     listing.resize(listing.size() - kEnd.size());
     listing += (listing.back() == '[' ? "" : ", ") + object;
     listing += kEnd;
-    return true;
 }
 
-Outcome RuleProfiler::Set(std::uint32_t value)
+void RuleProfiler::Set(std::uint32_t value)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    RuleCounts counts;
-    if (value == 1) {
-        const Outcome outcome = CountRules(counts);
-        if (outcome.Failed()) {
-            return outcome;
-        }
-    }
-    m_before = std::move(counts);
+    m_before = value == 1 ? ReadRuleCounts() : RuleCounts();
     m_namespace = NetworkNamespace();
     m_since = std::chrono::steady_clock::now();
     m_value = value;
     SwitchProfiling(value == 1);
-    return {};
 }
 
 std::uint32_t RuleProfiler::Value() const
@@ -196,41 +189,34 @@ std::uint32_t RuleProfiler::Value() const
     return m_value;
 }
 
-// Empty while there is nothing to compare with.
-Outcome RuleProfiler::Profile(std::string& object) const
+// Nothing while there are no counts to compare with.
+std::optional<std::string> RuleProfiler::Profile() const
 {
+    using std::chrono::milliseconds;
     const std::lock_guard<std::mutex> lock(m_mutex);
     if (m_value != 1 || m_namespace != NetworkNamespace()) {
-        return {};
+        return std::nullopt;
     }
-    RuleCounts now;
-    const Outcome outcome = CountRules(now);
+    const RuleCounts now = ReadRuleCounts();
     const auto passed = std::chrono::steady_clock::now() - m_since;
-    if (!outcome.Failed()) {
-        object =
-            ProfileJson(CountedSince(m_before, now),
-                        static_cast<std::uint64_t>(
-                            std::chrono::duration_cast<std::chrono::milliseconds>(passed).count()));
-    }
-    return outcome;
+    return ProfileJson(
+        CountedSince(m_before, now),
+        static_cast<std::uint64_t>(std::chrono::duration_cast<milliseconds>(passed).count()));
 }
 
-Outcome RuleProfiler::Report(std::string& json) const
+std::string RuleProfiler::Report() const
 {
-    std::string object;
-    Outcome outcome = Profile(object);
-    if (!outcome.Failed()) {
-        outcome = RulesetJson(json);
+    const std::optional<std::string> profile = Profile();
+    std::string json = RulesetJson();
+    if (profile) {
+        AppendObject(json, *profile);
     }
-    if (!outcome.Failed() && !object.empty() && !append_object(json, object)) {
-        outcome = Failure(-EPROTO, "libnftables' listing does not end as JSON does");
-    }
-    return outcome;
+    return json;
 }
 
 RuleProfiler& ProcessRuleProfiler()
 {
-    static const int kRegistered = pthread_atfork(nullptr, nullptr, begin_again_in_child);
+    static const int kRegistered = pthread_atfork(nullptr, nullptr, ForgetParentsProfiler);
     (void)kRegistered;
     RuleProfiler* profiler = current.load();
     if (!profiler) {
@@ -247,18 +233,9 @@ int LinuxOperations::GetProfileStats(vxi_handle_ops_s* handle, void* record)
 {
     std::uint32_t size = 0;
     memcpy(&size, record, sizeof size);
-    if (size == 0) {
-        const int status = SizeProfile(handle, size);
-        memcpy(record, &size, sizeof size);
-        return status;
-    }
-    const auto json = std::move(StateOf(handle).profile);
-    if (!json) {
-        ThrowError(-ENODATA, "no snapshot: ask for the size first");
-    }
-    size = static_cast<std::uint32_t>(std::min<std::size_t>(size, json->size()));
+    size = size == 0 ? SizeProfile(handle)
+                     : FillProfile(handle, size, static_cast<char*>(record) + sizeof size);
     memcpy(record, &size, sizeof size);
-    memcpy(static_cast<char*>(record) + sizeof size, json->data(), size);
     return 0;
 }
 

@@ -1,4 +1,4 @@
-// Rule profiling: what every rule has counted since the switch (variable 62) became 1.
+// Rule profile: what every rule has counted since the switch (variable 62) was set to 1.
 #pragma once
 
 #include <chrono>
@@ -9,12 +9,11 @@
 #include <string>
 #include <tuple>
 
-#include "engines/linux/Outcome.h"
 #include "engines/linux/netlink/Netlink.h"
 
 namespace vxi {
 
-// The kernel numbers the rules of each table by itself.
+// The kernel numbers the rules of each table separately.
 struct RuleKey {
     std::uint8_t family;
     std::string table;
@@ -34,53 +33,49 @@ struct RuleCount {
 
 using RuleCounts = std::map<RuleKey, RuleCount>;
 
-// Adds the rule in one message of a dump of rules, if it has a counter of its own; of
-// several the first.
-void TakeRule(const nlmsghdr& message, RuleCounts& counts);
+// Adds the rule in one message of a dump of rules if it has a counter.
+void AddRule(const nlmsghdr& message, RuleCounts& counts);
 
-// All rules that count, of every family; 0 or a negated errno.
-int read_rule_counts(Netlink& netlink, RuleCounts& counts);
-
-// What the rules counted from `before` to `now`. A rule that is new has counted all it shows;
-// so has one whose counter was set back.
+// What the rules counted from `before` to `now`. The counts of a new rule, and of one whose counter
+// was reset in between, are taken as they are.
 RuleCounts CountedSince(const RuleCounts& before, const RuleCounts& now);
 
 // {"profile": {"milliseconds": N, "rules": [{"family": .., "table": .., "chain": ..,
-// "handle": N, "packets": N, "bytes": N}, ..]}}, every rule that counts.
+// "handle": N, "packets": N, "bytes": N}, ..]}}
 std::string ProfileJson(const RuleCounts& counted, std::uint64_t milliseconds);
 
-// Puts one more object at the end of the array in a listing of libnftables; false when the
-// listing does not end like one.
-bool append_object(std::string& listing, const std::string& object);
+// Adds one more object to the array in a listing of libnftables. Throws Error when the listing does
+// not end like one.
+void AppendObject(std::string& listing, const std::string& object);
 
-// The switch, and what was counted when it was set. One for the process; safe from any
-// thread.
+// The switch, and what the rules had counted when it was set. One for the process; safe from any
+// thread. Functions throw Error.
 class RuleProfiler {
 public:
-    // `inherited` is the parent's after a fork: never used, because a thread of the parent
-    // may have been changing it.
+    // `inherited` is the parent's profiler after a fork. It is kept for leak checkers, but not
+    // used: a thread of the parent may have been changing it.
     explicit RuleProfiler(const RuleProfiler* inherited) : m_inherited(inherited) {}
 
-    // 1 remembers the counts of this moment; any other value ends the profile.
-    Outcome Set(std::uint32_t value);
+    // 1 stores the current counts; any other value ends the profile.
+    void Set(std::uint32_t value);
     std::uint32_t Value() const;
 
-    // The listing, with the profile in it while the switch is 1 and rules of the same
-    // network namespace are asked for.
-    Outcome Report(std::string& json) const;
+    // RulesetJson, and the profile as one more object in it while the switch is 1 and the thread
+    // is in the network namespace in which it was set.
+    std::string Report() const;
 
 private:
-    Outcome Profile(std::string& object) const;
+    std::optional<std::string> Profile() const;
 
     const RuleProfiler* const m_inherited;
     mutable std::mutex m_mutex;  // guards everything below
     std::uint32_t m_value = 0;
     RuleCounts m_before;
-    std::uint64_t m_namespace = 0;
+    std::optional<std::uint64_t> m_namespace;
     std::chrono::steady_clock::time_point m_since;
 };
 
-// The child of a fork gets one of its own, switched off.
+// After a fork the child has its own, switched off.
 RuleProfiler& ProcessRuleProfiler();
 
 }  // namespace vxi

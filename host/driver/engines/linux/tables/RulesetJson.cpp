@@ -1,3 +1,4 @@
+// Runs libnftables (libnftables(3)) in a child process and reads its listing from a pipe.
 #include "engines/linux/tables/RulesetJson.h"
 
 #include <fcntl.h>
@@ -11,8 +12,10 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <utility>
 
-#include "api/Message.h"
+#include "api/BoundedText.h"
+#include "api/Error.h"
 
 namespace vxi {
 
@@ -23,18 +26,20 @@ using Clock = std::chrono::steady_clock;
 constexpr unsigned kListingWaitS = 20;
 constexpr std::size_t kListingSizeMax = std::size_t{1} << 30;
 
-// The last byte that the child writes: what stands before is the listing, or why there is
-// none. Neither can hold these bytes.
+// The last byte that the child writes: before it is the listing, or the reason why there is none.
+// Neither contains these bytes.
 constexpr char kListed = '\0';
 constexpr char kRefused = '\1';
 
+// The child's end of the pipe: the first descriptor after the standard streams.
+constexpr int kOutput = 3;
+
 // ---- in the child ---------------------------------------------------------------
 
-// Nothing of the parent's is to be touched: its handlers, standard streams, open files (the
-// writing end of another thread's pipe among them), and no core of it is to be written.
+// Drops what belongs to the parent: its signal handlers, standard streams and open files (among
+// them the writing end of another thread's pipe). No core of its memory may be written either.
 void LeaveParentBehind(int output)
 {
-    constexpr int kEpt = 3;
     struct sigaction standard = {};
     standard.sa_handler = SIG_DFL;
     for (int number : {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGPIPE, SIGTERM, SIGALRM}) {
@@ -44,25 +49,24 @@ void LeaveParentBehind(int output)
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
     prctl(PR_SET_DUMPABLE, 0);
-    dup2(output, kEpt);
+    dup2(output, kOutput);
     const int nothing = open("/dev/null", O_RDWR);
     for (int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         dup2(nothing, stream);
     }
-    close_range(kEpt + 1, ~0U, 0);
+    close_range(kOutput + 1, ~0U, 0);
     alarm(kListingWaitS);
 }
 
-void WriteAll(const char* text, std::size_t size)
+void WriteAll(const char* bytes, std::size_t size)
 {
-    constexpr int kOutput = 3;
     while (size > 0) {
-        const ssize_t written = write(kOutput, text, size);
+        const ssize_t written = write(kOutput, bytes, size);
         if (written < 0 && errno != EINTR) {
             _exit(1);
         }
         const std::size_t done = written > 0 ? static_cast<std::size_t>(written) : 0;
-        text += done;
+        bytes += done;
         size -= done;
     }
 }
@@ -75,50 +79,56 @@ void WriteAll(const char* text, std::size_t size)
         _exit(1);
     }
     nft_ctx_output_set_flags(context, NFT_CTX_OUTPUT_JSON);
-    const bool good = nft_run_cmd_from_buffer(context, "list ruleset") == 0;
-    const char* text =
-        good ? nft_ctx_get_output_buffer(context) : nft_ctx_get_error_buffer(context);
-    WriteAll(text, strlen(text));
-    WriteAll(good ? &kListed : &kRefused, 1);
+    const bool listed = nft_run_cmd_from_buffer(context, "list ruleset") == 0;
+    const char* result =
+        listed ? nft_ctx_get_output_buffer(context) : nft_ctx_get_error_buffer(context);
+    WriteAll(result, strlen(result));
+    WriteAll(listed ? &kListed : &kRefused, 1);
     _exit(0);
 }
 
 // ---- in the parent --------------------------------------------------------------
 
-int WaitMs(Clock::time_point deadline)
+int MillisecondsUntil(Clock::time_point deadline)
 {
     const auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
     return left > 0 ? static_cast<int>(left) : 0;
 }
 
-// Until the child closes its end; 0 or a negated errno.
-int read_all(int input, std::string& text)
+[[noreturn]] void ThrowListing(int status)
+{
+    ThrowError(status, "listing the rules: %s", DescribeStatus(status).c_str());
+}
+
+// Everything until the child closes its end of the pipe.
+std::string ReadAll(int input)
 {
     constexpr std::size_t kChunk = 64 * 1024;
     const auto deadline = Clock::now() + std::chrono::seconds(kListingWaitS);
-    while (text.size() < kListingSizeMax) {
+    std::string output;
+    while (output.size() < kListingSizeMax) {
         pollfd readable = {input, POLLIN, 0};
-        const int ready = poll(&readable, 1, WaitMs(deadline));
+        const int ready = poll(&readable, 1, MillisecondsUntil(deadline));
         if (ready == 0) {
-            return -ETIMEDOUT;
+            ThrowListing(-ETIMEDOUT);
         }
-        const std::size_t used = text.size();
-        text.resize(used + kChunk);
-        const ssize_t got = ready > 0 ? read(input, &text[used], kChunk) : -1;
-        text.resize(used + (got > 0 ? static_cast<std::size_t>(got) : 0));
-        if (got == 0) {
-            return 0;
-        }
+        const std::size_t used = output.size();
+        output.resize(used + kChunk);
+        const ssize_t got = ready > 0 ? read(input, &output[used], kChunk) : -1;
         if (got < 0 && errno != EINTR && errno != EAGAIN) {
-            return -errno;
+            ThrowListing(-errno);
+        }
+        output.resize(used + (got > 0 ? static_cast<std::size_t>(got) : 0));
+        if (got == 0) {
+            return output;
         }
     }
-    return -EFBIG;
+    ThrowListing(-EFBIG);
 }
 
-// How the child ended. A host that reaps all its children may have been faster: then the
-// last byte alone tells whether it came to its end.
+// The child's wait status; 0 when a host that reaps all its children was faster. Then the last
+// byte of the output alone shows whether it finished.
 int Reap(pid_t child)
 {
     int status = 0;
@@ -129,73 +139,90 @@ int Reap(pid_t child)
     return reaped == child ? status : 0;
 }
 
-Outcome ended_early(int wait_status)
+[[noreturn]] void ThrowEndedEarly(int wait_status)
 {
     if (WIFSIGNALED(wait_status)) {
-        return Failure(-EIO, "libnftables cannot list the rules: it ended with signal %d%s",
-                       WTERMSIG(wait_status),
-                       WTERMSIG(wait_status) == SIGABRT ? " (a name that is no UTF-8?)" : "");
+        ThrowError(-EIO, "libnftables cannot list the rules: it ended with signal %d%s",
+                   WTERMSIG(wait_status),
+                   WTERMSIG(wait_status) == SIGABRT ? " (a name that is no UTF-8?)" : "");
     }
-    return Failure(-EIO, "libnftables cannot list the rules: it ended early");
+    throw Error(-EIO, "libnftables cannot list the rules: it ended early");
 }
 
-Outcome Judge(int read_status, int wait_status, std::string& text)
+// The listing in the child's output, or an Error for what else it ends with.
+std::string Listing(std::string output, int wait_status)
 {
-    if (read_status < 0) {
-        return Failure(read_status, "listing the rules: %s", DescribeStatus(read_status).c_str());
-    }
-    const char last = text.empty() ? '\n' : text.back();
+    const char last = output.empty() ? '\n' : output.back();
     if (last != kListed && last != kRefused) {
-        return ended_early(wait_status);
+        ThrowEndedEarly(wait_status);
     }
-    text.pop_back();
-    while (!text.empty() && text.back() == '\n') {
-        text.pop_back();
+    output.pop_back();
+    while (!output.empty() && output.back() == '\n') {
+        output.pop_back();
     }
-    if (last == kListed) {
-        return {};
+    if (last == kRefused) {
+        char reason[160];
+        BoundedText(reason).Escaped(output);
+        ThrowError(-EIO, "libnftables cannot list the rules: %s", reason);
     }
-    char reason[160];
-    BoundedText(reason).Escaped(text);
-    return Failure(-EIO, "libnftables cannot list the rules: %s", reason);
+    return output;
 }
 
-// Takes its text from the child while it writes.
-Outcome Collect(int input, pid_t child, std::string& text)
+// Reads the child's output, then waits for its end; on failure kills it first.
+std::string Collect(int input, pid_t child)
 {
-    int read_status = -ENOMEM;
+    std::string output;
     try {
-        read_status = read_all(input, text);
-    } catch (const std::exception&) {
-        // The child is to be ended and reaped in any case.
-    }
-    if (read_status < 0) {
+        output = ReadAll(input);
+    } catch (...) {
         kill(child, SIGKILL);
+        Reap(child);
+        throw;
     }
-    const int wait_status = Reap(child);
-    return Judge(read_status, wait_status, text);
+    return Listing(std::move(output), Reap(child));
 }
+
+// A pipe whose ends are closed at the end of their scope.
+struct Pipe {
+    Pipe()
+    {
+        if (pipe2(ends, O_CLOEXEC) < 0) {
+            ThrowListing(-errno);
+        }
+    }
+    ~Pipe()
+    {
+        close(ends[0]);
+        CloseOutput();
+    }
+    Pipe(const Pipe&) = delete;
+    Pipe& operator=(const Pipe&) = delete;
+
+    void CloseOutput()
+    {
+        if (ends[1] >= 0) {
+            close(ends[1]);
+            ends[1] = -1;
+        }
+    }
+
+    int ends[2];
+};
 
 }  // namespace
 
-Outcome RulesetJson(std::string& json)
+std::string RulesetJson()
 {
-    json.clear();
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) < 0) {
-        return Failure(-errno, "listing the rules: %s", DescribeStatus(-errno).c_str());
-    }
+    Pipe pipe;
     const pid_t child = fork();
     if (child == 0) {
-        ListRules(ends[1]);
+        ListRules(pipe.ends[1]);
     }
-    const int status = -errno;
-    close(ends[1]);
-    const Outcome outcome =
-        child > 0 ? Collect(ends[0], child, json)
-                  : Failure(status, "listing the rules: %s", DescribeStatus(status).c_str());
-    close(ends[0]);
-    return outcome;
+    if (child < 0) {
+        ThrowListing(-errno);
+    }
+    pipe.CloseOutput();
+    return Collect(pipe.ends[0], child);
 }
 
 }  // namespace vxi

@@ -1,3 +1,4 @@
+// vxi_get_stats: counters from /proc, numbers of rules, and the engine's own.
 #include "engines/linux/tables/Statistics.h"
 
 #include <linux/netfilter/nf_tables.h>
@@ -6,9 +7,9 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "api/Message.h"
+#include "api/Error.h"
 #include "engines/linux/Operations.h"
-#include "engines/linux/netlink/NftDump.h"
+#include "engines/linux/netlink/NfTables.h"
 #include "engines/linux/scan/ProcessMonitor.h"
 #include "vxi/records.h"
 
@@ -39,15 +40,15 @@ const std::vector<const char*> kSoftnetColumns = {
     nullptr,      nullptr,       nullptr,        nullptr,      "received_rps",
     "flow_limit", "backlog_len", nullptr,        "input_qlen", "process_qlen"};
 
-// The tables of one folder; remembers which were not there.
+// The tables of one directory; remembers which could not be read.
 class Tables {
 public:
-    explicit Tables(const std::string& folder) : m_folder(folder) {}
+    explicit Tables(const std::string& directory) : m_directory(directory) {}
 
     std::string Read(const char* name)
     {
         std::string text;
-        if (read_proc(m_folder + name, text) < 0) {
+        if (read_proc(m_directory + name, text) < 0) {
             m_missing += std::string(m_missing.empty() ? ", without " : " ") + name;
         } else {
             ++m_count;
@@ -59,7 +60,7 @@ public:
     const std::string& Missing() const { return m_missing; }
 
 private:
-    const std::string& m_folder;
+    const std::string& m_directory;
     std::string m_missing;
     unsigned m_count = 0;
 };
@@ -67,7 +68,7 @@ private:
 SlotNames FillProtocols(Tables& tables, std::uint64_t* slots)
 {
     AreaWriter area(slots, VXA_STATS_AREA1_COUNT);
-    // By ICMP type, and so growing with traffic; the totals stand under "Icmp".
+    // "IcmpMsg" has a column for each ICMP type seen and grows with traffic; "Icmp" has the totals.
     area.Put(kSnmpSlot, kSnmp6Slot, PairedLines(tables.Read("snmp"), "IcmpMsg"));
     area.Put(kSnmp6Slot, kSockstatSlot, SingleLines(tables.Read("snmp6")));
     const std::string sockets = tables.Read("sockstat");
@@ -78,7 +79,7 @@ SlotNames FillProtocols(Tables& tables, std::uint64_t* slots)
 
 void PutTracking(const std::string& netfilter, AreaWriter& area)
 {
-    constexpr std::int64_t kCountable = 65535;  // flows that a count request can tell
+    constexpr std::int64_t kCountable = 65535;  // what the 16 bits of a count request can express
     static constexpr const char* kNames[] = {"count", "max", "buckets"};
     for (unsigned i = 0; i < std::size(kNames); ++i) {
         const auto value = read_proc_number(netfilter + "nf_conntrack_" + kNames[i]);
@@ -93,27 +94,33 @@ void PutTracking(const std::string& netfilter, AreaWriter& area)
     }
 }
 
-Outcome PutRules(AreaWriter& area)
-{
-    static constexpr struct {
-        const char* name;
-        std::uint16_t get_type;
-    } kInds[] = {{"rules.tables", NFT_MSG_GETTABLE},
-                 {"rules.chains", NFT_MSG_GETCHAIN},
-                 {"rules.rules", NFT_MSG_GETRULE},
-                 {"rules.sets", NFT_MSG_GETSET}};
+struct RuleKind {
+    const char* name;
+    std::uint16_t get_type;
+};
+
+std::uint64_t CountObjects(Netlink& netlink, const RuleKind& kind)
+try {
+    return CountNftObjects(netlink, kind.get_type);
+} catch (const Error& error) {
+    ThrowError(error.Status(), "%s: %s", kind.name, error.what());
+}
+
+// Returns the end of the source: that nf_tables is part of it, or why it is not.
+std::string PutRules(AreaWriter& area)
+try {
+    static constexpr RuleKind kKinds[] = {{"rules.tables", NFT_MSG_GETTABLE},
+                                          {"rules.chains", NFT_MSG_GETCHAIN},
+                                          {"rules.rules", NFT_MSG_GETRULE},
+                                          {"rules.sets", NFT_MSG_GETSET}};
     Netlink netlink;
-    const Outcome opened = OpenNfTables(netlink);
-    for (unsigned i = 0; i < std::size(kInds) && !opened.Failed(); ++i) {
-        std::uint64_t count = 0;
-        const int status = CountNft(netlink, kInds[i].get_type, count);
-        // Where rules change all the time, about this many is close enough.
-        if (status < 0 && status != -EINTR) {
-            return Failure(status, "%s: %s", kInds[i].name, DescribeStatus(status).c_str());
-        }
-        area.PutOne(kRulesSlot + i, kInds[i].name, count);
+    OpenNfTables(netlink);
+    for (unsigned i = 0; i < std::size(kKinds); ++i) {
+        area.PutOne(kRulesSlot + i, kKinds[i].name, CountObjects(netlink, kKinds[i]));
     }
-    return opened;
+    return " and nf_tables";
+} catch (const Error& error) {
+    return std::string("; ") + error.what();
 }
 
 void PutScan(AreaWriter& area)
@@ -126,20 +133,21 @@ void PutScan(AreaWriter& area)
 }
 
 SlotNames FillFilter(Tables& tables, const std::string& netfilter, std::uint64_t* slots,
-                     Outcome& rules)
+                     std::string& rules_source)
 {
     AreaWriter area(slots, VXA_STATS_AREA2_COUNT);
     PutTracking(netfilter, area);
-    // "entries" is the table's size, given once for every processor: it stands above.
+    // "entries" is the size of the whole table in every processor's line: nf_conntrack_count has
+    // it.
     area.PutOrDrop(
         kConntrackSumsSlot, kRulesSlot,
         ColumnSums(tables.Read("stat/nf_conntrack"), "conntrack", std::string_view("entries")));
-    rules = PutRules(area);
+    rules_source = PutRules(area);
     PutScan(area);
     return area.Finish();
 }
 
-// The first interfaces are the machine's own; those of its guests come later.
+// Takes the first interfaces, which are the machine's own; those of its guests come later.
 void PutInterfaces(const std::vector<ProcInterface>& interfaces, AreaWriter& area)
 {
     unsigned slot = kInterfacesSlot;
@@ -167,7 +175,7 @@ SlotNames FillDevices(Tables& tables, std::uint64_t* slots)
     return area.Finish();
 }
 
-// Interfaces come and go; the rest changes with the kernel only.
+// Sets the names only when they differ: interfaces come and go, the rest changes with the kernel.
 void KeepNames(const char* engine, Area area, SlotNames&& names)
 {
     const auto known = SlotNamesOf(engine, area);
@@ -231,27 +239,26 @@ SlotNames AreaWriter::Finish()
     return std::move(m_names);
 }
 
-StatisticsNames FillStatistics(const StatisticsFolders& folders, std::uint64_t* area1,
+StatisticsNames FillStatistics(const StatisticsDirectories& directories, std::uint64_t* area1,
                                std::uint64_t* area2, std::uint64_t* area3)
 {
     StatisticsNames names;
-    Tables tables(folders.net);
-    Outcome rules;
+    Tables tables(directories.net);
+    std::string rules_source;
     names.areas[0] = FillProtocols(tables, area1);
-    names.areas[1] = FillFilter(tables, folders.netfilter, area2, rules);
+    names.areas[1] = FillFilter(tables, directories.netfilter, area2, rules_source);
     names.areas[2] = FillDevices(tables, area3);
-    names.source = "/proc/net" + tables.Missing() +
-                   (rules.Failed() ? "; " + rules.text : std::string(" and nf_tables"));
+    names.source = "/proc/net" + tables.Missing() + rules_source;
     names.tables = tables.Count();
     return names;
 }
 
 int LinuxOperations::GetStats(vxi_handle_ops_s* handle, vxa_stats_v2_s* stats, unsigned int)
 {
-    const StatisticsFolders folders;
-    StatisticsNames names = FillStatistics(folders, stats->area1, stats->area2, stats->area3);
+    const StatisticsDirectories directories;
+    StatisticsNames names = FillStatistics(directories, stats->area1, stats->area2, stats->area3);
     if (names.tables == 0) {
-        ThrowError(-ENOENT, "none of the tables in %s can be read", folders.net.c_str());
+        ThrowError(-ENOENT, "none of the tables in %s can be read", directories.net.c_str());
     }
     const char* const engine = handle->engine->name;
     KeepNames(engine, Area::kStatistics1, std::move(names.areas[0]));

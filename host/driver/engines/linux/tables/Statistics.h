@@ -1,4 +1,4 @@
-// The statistics block: which of the kernel's counters is in which slot.
+// The statistics record: which of the kernel's counters is in which slot.
 #pragma once
 
 #include <cstdint>
@@ -10,20 +10,20 @@
 
 namespace vxi {
 
-// Gives the items of one area their slots. Every part of an area begins at a slot of its
-// own, so that a figure keeps its place while another part grows.
+// Gives the items of one area their slots. Every part of an area begins at a fixed slot, so that a
+// counter keeps its place while another part grows.
 class AreaWriter {
 public:
     AreaWriter(std::uint64_t* slots, unsigned count);
 
-    // From `first` on; what does not fit before `end` waits for `finish`.
+    // Puts items from slot `first` on; those that do not fit before `end` wait for Finish.
     void Put(unsigned first, unsigned end, ProcItems found);
-    // The same, but what does not fit is dropped.
+    // The same, but items that do not fit are dropped.
     void PutOrDrop(unsigned first, unsigned end, ProcItems found);
     void PutOne(unsigned slot, const char* name, std::uint64_t value);
     void Drop(std::uint64_t items) { m_names.dropped += static_cast<unsigned>(items); }
 
-    // Puts what waits into slots that are still free and drops the rest.
+    // Puts the waiting items into slots that are still free and drops the rest.
     SlotNames Finish();
 
 private:
@@ -35,17 +35,17 @@ private:
 
 struct StatisticsNames {
     SlotNames areas[3];
-    std::string source;   // for people: where the figures come from and what is missing
+    std::string source;   // where the values come from and what is missing, for users
     unsigned tables = 0;  // files that could be read
 };
 
-// Fills the areas from the tables in the folder `net` and the settings in `netfilter` (both
-// end in "/"), and with what else this process knows.
-struct StatisticsFolders {
+// Fills the areas from the tables in the directory `net` and the settings in `netfilter` (both end
+// in "/"), from nf_tables and from this process's scan monitoring.
+struct StatisticsDirectories {
     std::string net = "/proc/thread-self/net/";
     std::string netfilter = "/proc/sys/net/netfilter/";
 };
-StatisticsNames FillStatistics(const StatisticsFolders& folders, std::uint64_t* area1,
+StatisticsNames FillStatistics(const StatisticsDirectories& directories, std::uint64_t* area1,
                                std::uint64_t* area2, std::uint64_t* area3);
 
 }  // namespace vxi

@@ -19,7 +19,7 @@
 #include <string>
 #include <vector>
 
-#include "engines/linux/netlink/SocketDump.h"
+#include "engines/linux/netlink/SockDiag.h"
 
 class Message {
 public:

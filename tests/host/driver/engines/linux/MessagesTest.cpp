@@ -6,13 +6,14 @@
 
 #include "../../Fixture.h"
 #include "Messages.h"
+#include "api/Error.h"
 #include "dumps/Address.h"
-#include "engines/linux/netlink/ConntrackDump.h"
 #include "engines/linux/scan/ScanCounters.h"
 #include "engines/linux/tables/Blacklist.h"
 #include "engines/linux/tables/ConnStates.h"
+#include "engines/linux/tables/FlowsFromConntrack.h"
+#include "engines/linux/tables/FlowsFromSockets.h"
 #include "engines/linux/tables/RuleProfile.h"
-#include "engines/linux/tables/SocketFlows.h"
 
 namespace {
 
@@ -66,7 +67,7 @@ TEST(TakeFlow, ReadsWhatIsThereInItsSize)
     for (const auto& row : rows) {
         const Message message = Flow(Resized(FlowAttributes(), row.path, row.size));
         FlowSnapshot flows;
-        vxi::TakeFlow(message.Header(), flows);
+        vxi::AddConntrackFlow(message.Header(), flows);
         EXPECT_EQ(flows.unreadable, row.line ? 0u : 1u);
         EXPECT_EQ(Lines(flows),
                   row.line ? "tcp 10.0.0.1:1234 > 10.0.0.2:80 " + (row.line + "\n"s) : "");
@@ -77,11 +78,11 @@ TEST(ReadConntrack, GivesUpAfterFiveRetries)
 {
     unsigned readings = 0;
     FlowSnapshot flows;
-    const auto dump = [&](const vxi::Netlink::Visit& visit) {
+    const auto dump = [&](vxi::Netlink::Visitor visit) {
         visit(Flow(FlowAttributes(IPPROTO_UDP)).Header());
-        return ++readings, -EINTR;
+        return ++readings, vxi::Consistency::kInterrupted;
     };
-    EXPECT_EQ(vxi::read_conntrack(dump, flows), -EINTR);
+    EXPECT_EQ(vxi::ReadConntrackFlows(dump, flows), vxi::Consistency::kInterrupted);
     EXPECT_EQ(readings, 6u);
     EXPECT_EQ(flows.udp.total, 1u) << "only the last reading counts";
 }
@@ -91,12 +92,16 @@ struct Tables {
     std::vector<SocketSample> sockets = {{}};
     int status[vxi::kSocketTableCount] = {};
 
-    int operator()(const vxi::SocketTable& table, vxi::Netlink::Visit visit) const
+    vxi::Consistency operator()(const vxi::SocketTable& table, vxi::Netlink::Visitor visit) const
     {
         for (const SocketSample& socket : sockets) {
             visit(Socket(socket).Header());
         }
-        return status[&table - vxi::kSocketTables];
+        const int end = status[&table - vxi::kSocketTables];
+        if (end < 0 && end != -EINTR) {
+            throw vxi::Error(end, strerror(-end));
+        }
+        return end ? vxi::Consistency::kInterrupted : vxi::Consistency::kConsistent;
     }
 };
 
@@ -115,27 +120,27 @@ TEST(ReadSockets, FailOnlyWhenNoTableCanBeRead)
     };
     for (const auto& row : rows) {
         vxa_get_conn_states_s states;
-        std::string shortfall;
-        const vxi::Outcome outcome = vxi::CountSockets(row.tables, states, shortfall);
-        EXPECT_EQ(outcome.status, row.status);
-        EXPECT_EQ(outcome.Failed() ? outcome.text : shortfall, row.text);
-        EXPECT_EQ(states.count, row.count);
-        EXPECT_EQ(states.tcp4[vxi::kSocketEstablished] + states.tcp4[0], row.count > 0);
-
         FlowSnapshot flows;
-        vxi::WaitingPorts waiting;
-        EXPECT_EQ(vxi::read_socket_flows(row.tables, flows, shortfall, waiting).status, row.status);
+        vxi::ListeningPorts listening;
+        try {
+            EXPECT_EQ(vxi::CountSockets(row.tables, states), row.text);
+            EXPECT_EQ(states.count, row.count);
+            EXPECT_EQ(states.tcp4[vxi::kSocketEstablished] + states.tcp4[0], row.count > 0);
+            EXPECT_EQ(vxi::ReadSocketFlows(row.tables, flows, listening), row.text);
+            EXPECT_EQ(row.status, 0);
+        } catch (const vxi::Error& error) {
+            EXPECT_EQ(error.Status(), row.status);
+            EXPECT_STREQ(error.what(), row.text);
+        }
         EXPECT_EQ(flows.udp.total + flows.tcp.total, row.count);
     }
 }
 
 // Of the sockets of one table; `waiting` is what an earlier reading left.
-std::string SocketLines(const std::vector<SocketSample>& sockets, vxi::WaitingPorts& waiting)
+std::string SocketLines(const std::vector<SocketSample>& sockets, vxi::ListeningPorts& waiting)
 {
     FlowSnapshot flows;
-    std::string shortfall;
-    const Tables tables = {sockets, {0, -ENOENT, -ENOENT, -ENOENT}};
-    EXPECT_FALSE(vxi::read_socket_flows(tables, flows, shortfall, waiting).Failed());
+    vxi::ReadSocketFlows(Tables{sockets, {0, -ENOENT, -ENOENT, -ENOENT}}, flows, waiting);
     return Lines(flows);
 }
 
@@ -152,7 +157,7 @@ TEST(SocketFlows, TakeOnlyWhatIsWhole)
         {{99, 1, 2, 0}, "NONE - - - socket mark=77\n"},
     };
     for (const auto& [socket, line] : rows) {
-        vxi::WaitingPorts waiting;
+        vxi::ListeningPorts waiting;
         EXPECT_EQ(SocketLines({socket}, waiting), "tcp 0.0.0.0:1 > 0.0.0.0:2 "s + line);
     }
 }
@@ -171,7 +176,7 @@ TEST(SocketFlows, KeepTheirDirectionAfterTheListener)
                     {{accepted}, ":443 "},
                     {{}, ""},
                     {{accepted}, ":40000 "}};
-    vxi::WaitingPorts waiting;
+    vxi::ListeningPorts waiting;
     for (const auto& reading : readings) {
         const std::string line = SocketLines(reading.sockets, waiting);
         EXPECT_EQ(line.empty(), reading.sockets.empty());
@@ -206,12 +211,12 @@ TEST(BlacklistElements, Intervals)
     for (const auto& each : cases) {
         std::vector<BlacklistElement> elements;
         for (const Element& element : each.elements) {
-            elements.emplace_back().ends_interval = element.end;
+            elements.emplace_back().interval_end = element.end;
             elements.back().key[2] = static_cast<std::uint8_t>(element.address >> 8);
             elements.back().key[3] = static_cast<std::uint8_t>(element.address);
         }
         std::string text;
-        for (const auto& entry : vxi::EntriesOf(AddressSet(each.intervals), 0, elements)) {
+        for (const auto& entry : vxi::BlacklistEntries(AddressSet(each.intervals), 0, elements)) {
             char address[vxi::kAddressTextSize];
             text.append(address, vxi::PutAddress(address, entry.address, 4));
             if (entry.flags & VXA_BLACKLIST_RANGE) {
@@ -227,11 +232,11 @@ TEST(BlacklistElements, OfAnotherSizeAreLeftOutAndCounted)
 {
     for (const std::size_t size : {0, 3, 5, 16}) {
         std::vector<BlacklistElement> elements;
-        EXPECT_EQ(vxi::TakeElements(SetElement(size).Header(), AddressSet(false), elements), 1u);
+        EXPECT_EQ(vxi::AppendElements(SetElement(size).Header(), AddressSet(false), elements), 1u);
         EXPECT_TRUE(elements.empty()) << size;
     }
     for (const char* name : {"blacklis", "Blacklist", "my_blacklist"}) {
-        EXPECT_FALSE(vxi::DecodeSet(Set(name, 7).Header())) << name;
+        EXPECT_FALSE(vxi::DecodeBlacklistSet(Set(name, 7).Header())) << name;
     }
 }
 
@@ -286,38 +291,42 @@ struct Reader {
 std::uint64_t ReadFlow(const nlmsghdr& message)
 {
     FlowSnapshot flows;
-    vxi::TakeFlow(message, flows);
+    vxi::AddConntrackFlow(message, flows);
     return flows.udp.total + flows.tcp.total + flows.other_protocols + flows.unreadable;
 }
 
 std::uint64_t ReadSocket(const nlmsghdr& message)
 {
     FlowSnapshot flows;
-    std::string shortfall;
-    vxi::WaitingPorts waiting;
-    const auto dump = [&](const vxi::SocketTable&, vxi::Netlink::Visit visit) {
-        return visit(message);
+    vxi::ListeningPorts listening;
+    const auto dump = [&](const vxi::SocketTable&, vxi::Netlink::Visitor visit) {
+        visit(message);
+        return vxi::Consistency::kConsistent;
     };
-    vxi::read_socket_flows(dump, flows, shortfall, waiting);
+    vxi::ReadSocketFlows(dump, flows, listening);
     return flows.udp.total + flows.tcp.total;
 }
 
 std::uint64_t ReadElement(const nlmsghdr& message)
 {
     std::vector<BlacklistElement> elements;
-    vxi::TakeElements(message, AddressSet(false), elements);
+    vxi::AppendElements(message, AddressSet(false), elements);
     return elements.size();
 }
 
 std::uint64_t ReadSet(const nlmsghdr& message)
 {
-    return vxi::DecodeSet(message).has_value();
+    return vxi::DecodeBlacklistSet(message).has_value();
 }
 
 std::uint64_t ReadCounter(const nlmsghdr& message)
 {
     vxi::ScanCounterValues values;
-    vxi::TakeCounter(message, values);
+    try {
+        vxi::TakeCounter(message, values);
+    } catch (const vxi::Error&) {
+        return 0;
+    }
     vxi::TakeChain(message, values);
     return values[vxi::ScanCounter::kNew].present + values[vxi::ScanCounter::kForward].present;
 }
@@ -325,7 +334,7 @@ std::uint64_t ReadCounter(const nlmsghdr& message)
 std::uint64_t ReadRule(const nlmsghdr& message)
 {
     vxi::RuleCounts counts;
-    vxi::TakeRule(message, counts);
+    vxi::AddRule(message, counts);
     return counts.size();
 }
 

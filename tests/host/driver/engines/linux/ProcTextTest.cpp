@@ -3,9 +3,10 @@
 
 #include <cerrno>
 
+#include "api/Error.h"
 #include "engines/linux/proc/KernelSettings.h"
 #include "engines/linux/proc/ProcText.h"
-#include "engines/linux/tables/JsonText.h"
+#include "engines/linux/tables/JsonString.h"
 #include "engines/linux/tables/RuleProfile.h"
 #include "engines/linux/tables/Statistics.h"
 
@@ -162,14 +163,15 @@ TEST(RuleProfile, IsAppendedToTheListing)
 {
     for (const char* refused : {"", "]}", "{\"nftables\": [{}]}\n"}) {
         std::string listing = refused;
-        EXPECT_FALSE(vxi::append_object(listing, "X"));
+        EXPECT_THROW(vxi::AppendObject(listing, "X"), vxi::Error);
     }
     std::string listing = "{\"nftables\": []}";
-    EXPECT_TRUE(vxi::append_object(listing, "X") && vxi::append_object(listing, "Y"));
+    vxi::AppendObject(listing, "X");
+    vxi::AppendObject(listing, "Y");
     EXPECT_EQ(listing, "{\"nftables\": [X, Y]}");
 }
 
-TEST(JsonText, KeepsUtf8AndReplacesTheRest)
+TEST(JsonString, KeepsUtf8AndReplacesTheRest)
 {
     const std::pair<std::string, const char*> rows[] = {
         {"a/\x7f\"\\\x1f", "\"a/\x7f\\\"\\\\\\u001f\""},
@@ -184,7 +186,7 @@ TEST(JsonText, KeepsUtf8AndReplacesTheRest)
     };
     for (const auto& [text, expected] : rows) {
         std::string json;
-        vxi::append_json_text(json, text);
+        vxi::AppendJsonString(json, text);
         EXPECT_EQ(json, expected);
     }
 }

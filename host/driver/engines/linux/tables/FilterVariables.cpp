@@ -1,3 +1,4 @@
+// vxi_get_var and vxi_set_var: the kernel's settings and the engine's own values by number.
 #include <linux/capability.h>
 #include <linux/netfilter/nf_tables.h>
 #include <sys/syscall.h>
@@ -10,10 +11,11 @@
 #include <string>
 #include <string_view>
 
+#include "api/Error.h"
 #include "api/Variables.h"
 #include "engines/linux/Operations.h"
 #include "engines/linux/netlink/NetNamespace.h"
-#include "engines/linux/netlink/NftDump.h"
+#include "engines/linux/netlink/NfTables.h"
 #include "engines/linux/proc/KernelSettings.h"
 #include "engines/linux/proc/ProcText.h"
 #include "engines/linux/scan/ProcessMonitor.h"
@@ -42,8 +44,8 @@ std::uint32_t KernelVersion()
     return major << 16 | std::min(minor, 255U) << 8 | std::min(patch, 255U);
 }
 
-// The effective capabilities 0 to 30, by their own numbers. Number 31 is left out: all of
-// them together would read as "absent".
+// The effective capabilities 0 to 30 (capabilities(7)), a bit each. Number 31 is left out: all bits
+// set would read as "absent".
 std::uint32_t CapabilityBits()
 {
     __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
@@ -66,28 +68,25 @@ std::uint32_t ScanValue(std::uint32_t number)
     }
 }
 
-std::uint32_t NftCount(std::uint16_t get_type)
+std::uint64_t CountNftObjects(std::uint16_t get_type)
 {
     Netlink netlink;
-    std::uint64_t count = 0;
-    if (OpenNfTables(netlink).Failed()) {
-        return kAbsent;
-    }
-    const int status = CountNft(netlink, get_type, count);
-    return status == 0 || status == -EINTR ? SettingValue(static_cast<std::int64_t>(count))
-                                           : kAbsent;
+    OpenNfTables(netlink);
+    return CountNftObjects(netlink, get_type);
 }
 
-std::uint32_t BlacklistElements()
-{
-    Netlink netlink;
-    BlacklistSnapshot snapshot;
-    return read_blacklist(netlink, snapshot).Failed()
-               ? kAbsent
-               : SettingValue(static_cast<std::int64_t>(snapshot.entries.size()));
+// A number from nf_tables; absent where nf_tables cannot be read.
+std::uint32_t NftValue(std::uint32_t number)
+try {
+    const std::uint64_t count = number == kVariableNftTables  ? CountNftObjects(NFT_MSG_GETTABLE)
+                                : number == kVariableNftRules ? CountNftObjects(NFT_MSG_GETRULE)
+                                                              : ReadBlacklist().entries.size();
+    return SettingValue(static_cast<std::int64_t>(count));
+} catch (const Error&) {
+    return kAbsent;
 }
 
-// Tracking works while some rule asks for it; then there are flows.
+// Connections are tracked while a rule needs it, and then there are entries.
 bool ConntrackActive()
 {
     return read_proc_number(SettingPath(VariableName(kVariableConntrackCount))).value_or(0) > 0;
@@ -127,15 +126,13 @@ std::uint32_t OwnValue(vxi_handle_ops_s* handle, std::uint32_t number)
         case kVariableProcessId:
             return static_cast<std::uint32_t>(getpid());
         case kVariableNetworkNamespace:
-            return SettingValue(static_cast<std::int64_t>(NetworkNamespace()));
+            return SettingValue(static_cast<std::int64_t>(NetworkNamespace().value_or(0)));
         case kVariableInitialNamespace:
             return InInitialNamespace();
         case kVariableNftTables:
-            return NftCount(NFT_MSG_GETTABLE);
         case kVariableNftRules:
-            return NftCount(NFT_MSG_GETRULE);
         case kVariableBlacklistElements:
-            return BlacklistElements();
+            return NftValue(number);
         case kVariableRuleProfiling:
             return ProcessRuleProfiler().Value();
         default:
@@ -157,10 +154,7 @@ int LinuxOperations::GetVarv(vxi_handle_ops_s* handle, vxa_filter_variable_s* va
 int LinuxOperations::SetVar(vxi_handle_ops_s* handle, unsigned int number, unsigned int value)
 {
     if (number == kVariableRuleProfiling) {
-        const Outcome outcome = ProcessRuleProfiler().Set(value);
-        if (outcome.Failed()) {
-            throw Error(outcome.status, outcome.text);
-        }
+        ProcessRuleProfiler().Set(value);
         return 0;
     }
     if (number != kVariableTraceLevel) {

@@ -1,4 +1,5 @@
-#include "engines/linux/netlink/SocketDump.h"
+// Requests of linux/inet_diag.h.
+#include "engines/linux/netlink/SockDiag.h"
 
 #include <linux/sock_diag.h>
 #include <netinet/in.h>
@@ -6,9 +7,10 @@
 
 #include <cerrno>
 #include <cstring>
+#include <optional>
 
 #include "api/Cancel.h"
-#include "api/Message.h"
+#include "api/Error.h"
 
 namespace vxi {
 
@@ -26,13 +28,10 @@ struct Request {
     inet_diag_req_v2 sockets;
 };
 
-int DumpSockets(const SocketTable& table, const SocketQuery& query, const Netlink::Visit& visit)
+Consistency DumpSockets(const SocketTable& table, const SocketQuery& query, Netlink::Visitor visit)
 {
     Netlink netlink;
-    const int status = netlink.Open(NETLINK_SOCK_DIAG);
-    if (status < 0) {
-        return status;
-    }
+    netlink.Open(NETLINK_SOCK_DIAG);
     Request request = {};
     request.header.nlmsg_len = sizeof request;
     request.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
@@ -40,13 +39,13 @@ int DumpSockets(const SocketTable& table, const SocketQuery& query, const Netlin
     request.sockets.sdiag_family = table.family;
     request.sockets.sdiag_protocol = table.protocol;
     request.sockets.idiag_states = query.states;
-    if (query.details && table.protocol == IPPROTO_TCP) {
+    if (query.with_tcp_info && table.protocol == IPPROTO_TCP) {
         request.sockets.idiag_ext = 1 << (INET_DIAG_INFO - 1);
     }
     return netlink.Request(request.header, visit);
 }
 
-void TakeSocket(const nlmsghdr& message, unsigned table, const SocketSink& sink)
+void AddSocket(const nlmsghdr& message, unsigned table, const SocketSink& sink)
 {
     if (message.nlmsg_type != SOCK_DIAG_BY_FAMILY ||
         message.nlmsg_len < NLMSG_LENGTH(sizeof(inet_diag_msg))) {
@@ -54,16 +53,16 @@ void TakeSocket(const nlmsghdr& message, unsigned table, const SocketSink& sink)
     }
     inet_diag_msg socket;
     memcpy(&socket, NLMSG_DATA(&message), sizeof socket);
-    sink.take(table, socket, Attributes(message, sizeof socket));
+    sink.add(table, socket, Attributes(message, sizeof socket));
 }
 
-int read_table(const SocketDump& dump, unsigned table, const SocketSink& sink)
+Consistency ReadTable(const SocketDump& dump, unsigned table, const SocketSink& sink)
 {
     return RetryInterrupted([&] {
         sink.begin(table);
         return dump(kSocketTables[table], [&](const nlmsghdr& message) {
-            TakeSocket(message, table, sink);
-            return IsCancelled() ? -ECANCELED : 0;
+            AddSocket(message, table, sink);
+            ThrowIfCancelled("sock_diag");
         });
     });
 }
@@ -72,40 +71,41 @@ int read_table(const SocketDump& dump, unsigned table, const SocketSink& sink)
 
 SocketDump KernelSockets(const SocketQuery& query)
 {
-    return [query](const SocketTable& table, const Netlink::Visit& visit) {
+    return [query](const SocketTable& table, Netlink::Visitor visit) {
         return DumpSockets(table, query, visit);
     };
 }
 
-int AskForNoSockets()
+void CheckSockDiag()
 {
-    return DumpSockets(kSocketTables[0], {0, false}, [](const nlmsghdr&) { return 0; });
+    DumpSockets(kSocketTables[0], {0, false}, [](const nlmsghdr&) {});
 }
 
-Outcome read_sockets(const SocketDump& dump, const SocketSink& sink, std::string& shortfall)
+std::string ReadSockets(const SocketDump& dump, const SocketSink& sink)
 {
     unsigned failed = 0;
-    int last_failure = 0;
-    shortfall.clear();
+    std::string missing;
+    std::optional<Error> last_failure;
     for (unsigned table = 0; table < kSocketTableCount; ++table) {
-        const int status = read_table(dump, table, sink);
-        if (status == -ECANCELED) {
-            return Failure(status, "sock_diag: %s", DescribeStatus(status).c_str());
-        }
-        if (status == -EINTR) {
-            shortfall += std::string(", ") + kSocketTables[table].name + " interrupted: incomplete";
-        } else if (status < 0) {
+        const std::string name = kSocketTables[table].name;
+        try {
+            if (ReadTable(dump, table, sink) == Consistency::kInterrupted) {
+                missing += ", " + name + " interrupted: incomplete";
+            }
+        } catch (const Error& error) {
+            if (error.Status() == -ECANCELED) {
+                throw;
+            }
             sink.begin(table);
-            shortfall += std::string(", ") + kSocketTables[table].name +
-                         " missing: " + DescribeStatus(status);
-            last_failure = status;
+            missing += ", " + name + " missing: " + error.what();
+            last_failure = error;
             ++failed;
         }
     }
     if (failed == kSocketTableCount) {
-        return Failure(last_failure, "sock_diag: %s", DescribeStatus(last_failure).c_str());
+        ThrowError(last_failure->Status(), "sock_diag: %s", last_failure->what());
     }
-    return {};
+    return missing;
 }
 
 }  // namespace vxi

@@ -1,4 +1,5 @@
-#include "engines/linux/tables/SocketFlows.h"
+// Decodes sockets (linux/inet_diag.h) and finds which end opened their connections.
+#include "engines/linux/tables/FlowsFromSockets.h"
 
 #include <libmnl/libmnl.h>
 #include <linux/netfilter/nf_conntrack_tcp.h>
@@ -15,10 +16,10 @@ namespace vxi {
 namespace {
 
 constexpr std::uint32_t kMsPerS = 1000;
-constexpr std::uint8_t kTimeWaitTimer = 3;  // idiag_timer: idiag_expires ends the socket
+constexpr std::uint8_t kTimeWaitTimer = 3;  // in idiag_timer: idiag_expires is the end of TIME_WAIT
 
-// The nearest state of a tracked flow.
-std::uint8_t TrackedStateOf(std::uint8_t socket_state)
+// The conntrack state nearest to a socket's.
+std::uint8_t ConntrackState(std::uint8_t socket_state)
 {
     static constexpr std::uint8_t kStates[] = {
         TCP_CONNTRACK_NONE,      TCP_CONNTRACK_ESTABLISHED, TCP_CONNTRACK_SYN_SENT,
@@ -27,12 +28,12 @@ std::uint8_t TrackedStateOf(std::uint8_t socket_state)
         TCP_CONNTRACK_LAST_ACK,  TCP_CONNTRACK_NONE,        TCP_CONNTRACK_LAST_ACK,
         TCP_CONNTRACK_SYN_RECV,
     };
-    static_assert(std::size(kStates) == kSocketNewSynReceived + 1, "one for each");
+    static_assert(std::size(kStates) == kSocketNewSynReceived + 1, "one for each state");
     return socket_state < std::size(kStates) ? kStates[socket_state]
                                              : std::uint8_t{TCP_CONNTRACK_NONE};
 }
 
-// A socket of IPv6 that speaks IPv4 has an IPv4 flow.
+// An IPv6 socket with IPv4-mapped addresses (RFC 4291, 2.5.5.2) has an IPv4 flow.
 bool IsIpv4(const inet_diag_msg& socket)
 {
     static constexpr std::uint8_t kMapped[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
@@ -41,7 +42,7 @@ bool IsIpv4(const inet_diag_msg& socket)
             memcmp(socket.id.idiag_dst, kMapped, sizeof kMapped) == 0);
 }
 
-void TakeAddresses(const inet_diag_msg& socket, vxa_conntrack_entry_s& entry)
+void CopyAddresses(const inet_diag_msg& socket, vxa_conntrack_entry_s& entry)
 {
     if (IsIpv4(socket)) {
         const unsigned word = socket.idiag_family == AF_INET ? 0 : 3;
@@ -55,15 +56,15 @@ void TakeAddresses(const inet_diag_msg& socket, vxa_conntrack_entry_s& entry)
     memcpy(entry.destination, socket.id.idiag_dst, sizeof entry.destination);
 }
 
-// No connection yet: what the kernel has counted are attempts.
+// Not a connection yet: what the kernel has counted are attempts.
 bool IsOpening(std::uint8_t socket_state)
 {
     return socket_state == kSocketSynSent || socket_state == kSocketSynReceived ||
            socket_state == kSocketNewSynReceived;
 }
 
-// The record grows with every kernel: what is used must be in it.
-void TakeCounters(const nlattr* attribute, vxa_conntrack_entry_s& entry)
+// tcp_info grows with new kernels: it must reach as far as what is used.
+void CopyCounters(const nlattr* attribute, vxa_conntrack_entry_s& entry)
 {
     constexpr std::size_t kNeeded = offsetof(tcp_info, tcpi_bytes_sent) + sizeof(__u64);
     if (!attribute || mnl_attr_get_payload_len(attribute) < kNeeded) {
@@ -78,19 +79,19 @@ void TakeCounters(const nlattr* attribute, vxa_conntrack_entry_s& entry)
     entry.bytes_backward = info.tcpi_bytes_received;
 }
 
-void TakeMark(const nlattr* attribute, vxa_conntrack_entry_s& entry)
+void CopyMark(const nlattr* attribute, vxa_conntrack_entry_s& entry)
 {
     if (attribute && mnl_attr_get_payload_len(attribute) == sizeof entry.mark) {
         memcpy(&entry.mark, mnl_attr_get_payload(attribute), sizeof entry.mark);
     }
 }
 
-std::uint16_t PortOf(const std::uint8_t (&bytes)[2])
+std::uint16_t DecodePort(const std::uint8_t (&bytes)[2])
 {
     return static_cast<std::uint16_t>(bytes[0] << 8 | bytes[1]);
 }
 
-void TurnRound(vxa_conntrack_entry_s& entry)
+void Reverse(vxa_conntrack_entry_s& entry)
 {
     std::swap(entry.source, entry.destination);
     std::swap(entry.source_port, entry.destination_port);
@@ -98,51 +99,53 @@ void TurnRound(vxa_conntrack_entry_s& entry)
     std::swap(entry.bytes_forward, entry.bytes_backward);
 }
 
-// What one table showed.
+// What one of the kernel's tables showed.
 struct TableSockets {
     FlowList flows;
-    Ports waiting;  // of sockets without a peer
-    Ports in_use;   // of sockets with one
+    Ports listening;  // of sockets without a peer
+    Ports in_use;     // of sockets with one
 };
 
-void TakeSocket(std::uint8_t protocol, const inet_diag_msg& socket, const Attributes& details,
-                TableSockets& table)
+void AddSocket(std::uint8_t protocol, const inet_diag_msg& socket, const Attributes& details,
+               TableSockets& table)
 {
     if (socket.id.idiag_dport == 0) {
-        table.waiting.set(ntohs(socket.id.idiag_sport));
+        table.listening.set(ntohs(socket.id.idiag_sport));
     } else {
         table.in_use.set(ntohs(socket.id.idiag_sport));
         table.flows.Add(SocketFlow(protocol, socket, details));
     }
 }
 
-void HandOver(const Ports& waiting, FlowList& from, FlowList& to)
+// Appends `from` to `to`, each flow from the end that opened it, and empties it.
+void MoveFlows(const Ports& listening, FlowList& from, FlowList& to)
 {
     for (vxa_conntrack_entry_s& entry : from.entries) {
-        if (waiting.test(PortOf(entry.source_port))) {
-            TurnRound(entry);
+        if (listening.test(DecodePort(entry.source_port))) {
+            Reverse(entry);
         }
     }
-    to.append(from);
+    to.Append(from);
     from = {};
 }
 
 using AllSockets = std::array<TableSockets, kSocketTableCount>;
 
-// A socket of IPv6 can wait for IPv4 as well, so the ports of both tables count for both.
-void HandOver(std::uint8_t protocol, AllSockets& tables, Ports& waiting, FlowList& to)
+// Moves the flows of both IP versions. An IPv6 socket can listen for IPv4 too, so the ports of
+// both tables count for both.
+void MoveFlows(std::uint8_t protocol, AllSockets& tables, Ports& listening, FlowList& to)
 {
     Ports now, in_use;
     for (unsigned i = 0; i < kSocketTableCount; ++i) {
         if (kSocketTables[i].protocol == protocol) {
-            now |= tables[i].waiting;
+            now |= tables[i].listening;
             in_use |= tables[i].in_use;
         }
     }
-    waiting = now | (waiting & in_use);
+    listening = now | (listening & in_use);
     for (unsigned i = 0; i < kSocketTableCount; ++i) {
         if (kSocketTables[i].protocol == protocol) {
-            HandOver(waiting, tables[i].flows, to);
+            MoveFlows(listening, tables[i].flows, to);
         }
     }
 }
@@ -154,38 +157,35 @@ vxa_conntrack_entry_s SocketFlow(std::uint8_t protocol, const inet_diag_msg& soc
 {
     vxa_conntrack_entry_s entry = {};
     entry.flags = VXA_FLOW_FROM_SOCK_DIAG;
-    TakeAddresses(socket, entry);
+    CopyAddresses(socket, entry);
     memcpy(entry.source_port, &socket.id.idiag_sport, sizeof entry.source_port);
     memcpy(entry.destination_port, &socket.id.idiag_dport, sizeof entry.destination_port);
     if (protocol == IPPROTO_TCP) {
-        entry.tcp_state = TrackedStateOf(socket.idiag_state);
+        entry.tcp_state = ConntrackState(socket.idiag_state);
         if (!IsOpening(socket.idiag_state)) {
-            TakeCounters(details.Find(INET_DIAG_INFO), entry);
+            CopyCounters(details.Find(INET_DIAG_INFO), entry);
         }
     }
     if (socket.idiag_timer == kTimeWaitTimer) {
         entry.timeout_s = socket.idiag_expires / kMsPerS;
     }
-    TakeMark(details.Find(INET_DIAG_MARK), entry);
+    CopyMark(details.Find(INET_DIAG_MARK), entry);
     return entry;
 }
 
-Outcome read_socket_flows(const SocketDump& dump, FlowSnapshot& flows, std::string& shortfall,
-                          WaitingPorts& waiting)
+std::string ReadSocketFlows(const SocketDump& dump, FlowSnapshot& flows, ListeningPorts& listening)
 {
     const auto tables = std::make_unique<AllSockets>();
     const SocketSink sink = {
         [&](unsigned table) { (*tables)[table] = {}; },
         [&](unsigned table, const inet_diag_msg& socket, const Attributes& details) {
-            TakeSocket(kSocketTables[table].protocol, socket, details, (*tables)[table]);
+            AddSocket(kSocketTables[table].protocol, socket, details, (*tables)[table]);
         }};
     flows = {};
-    const Outcome outcome = read_sockets(dump, sink, shortfall);
-    if (!outcome.Failed()) {
-        HandOver(IPPROTO_UDP, *tables, waiting.udp, flows.udp);
-        HandOver(IPPROTO_TCP, *tables, waiting.tcp, flows.tcp);
-    }
-    return outcome;
+    std::string missing = ReadSockets(dump, sink);
+    MoveFlows(IPPROTO_UDP, *tables, listening.udp, flows.udp);
+    MoveFlows(IPPROTO_TCP, *tables, listening.tcp, flows.tcp);
+    return missing;
 }
 
 }  // namespace vxi
