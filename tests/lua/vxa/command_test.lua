@@ -1,13 +1,14 @@
 -- The command from outside: options, exit statuses, what it prints where. The machine and
 -- its traffic are those of the simulated engine, unless a case chooses the other.
 --
--- Runs in the sandbox: it writes /etc/vx_filter.conf and mounts a small disk.
+-- The fake machine has the files at fixed paths and the commands that the module runs.
 
 local health_policy = require "health_policy"
 local json = require "dkjson"
 local testing = require "testing"
 
-local CONF = "/etc/vx_filter.conf"
+local MACHINE = os.getenv "FAKE_MACHINE"
+local CONF = MACHINE .. "/etc/vx_filter.conf"
 local ROOT = os.getenv "VXA_ROOT"
 
 local function shell(command)
@@ -17,7 +18,8 @@ local function shell(command)
     return text, status
 end
 
-local SCRATCH = shell("mktemp -d -p /var/opt"):gsub("%s+$", "")
+local SCRATCH = MACHINE .. "/work"
+shell("mkdir " .. SCRATCH)
 
 local function write(name, text)
     testing.write(name:find("^/") and name or SCRATCH .. "/" .. name, text)
@@ -30,14 +32,14 @@ for _, name in ipairs { "vxa", "fc", "filter", "argparse", "dkjson" } do
 end
 shell(([[cd %s && for name in uptime nproc; do
     printf '#!/bin/sh\necho run >hostile\n' >$name; chmod +x $name; done
-    ln -s %s/bin/vxa '/var/opt/it is']]):format(SCRATCH, ROOT))
+    ln -s %s/bin/vxa '../it is']]):format(SCRATCH, ROOT))
 local HOSTILE = "PATH=.:$PATH LUA_INIT='error()' LUA_PATH='./?.lua' LUA_CPATH='/nonexistent/?.so'"
 
 -- Returns what it printed, its exit status and what it printed on standard error. `hook`: code to
 -- run once the command has loaded `module`.
 local function vxa(arguments, environment, module, hook)
     if hook then
-        write("/var/opt/hook.lua", ([[
+        write(MACHINE .. "/hook.lua", ([[
             local load, done = require
             function require(name)
                 local loaded = load(name)
@@ -46,9 +48,9 @@ local function vxa(arguments, environment, module, hook)
             end]]):format(module, hook))
     end
     local text, status = shell(
-        ("cd %s && env %s VXI_ENGINE=sim %s %s '/var/opt/it is' %s 2>err")
+        ("cd %s && env %s VXI_ENGINE=sim %s %s '../it is' %s 2>err")
             :format(SCRATCH, HOSTILE, environment or "",
-                hook and [[lua5.2 -E -e "dofile('/var/opt/hook.lua')"]] or "", arguments))
+                hook and [[lua5.2 -E -e "dofile('../hook.lua')"]] or "", arguments))
     return text, status, testing.read(SCRATCH .. "/err")
 end
 
@@ -71,13 +73,13 @@ local function match_in_order(text, patterns, what)
 end
 
 -- For the linux engine. They show the traps: nproc obeys OMP_NUM_THREADS, uptime the locale.
-write("/var/opt/sandbox/bin/nproc", "#!/bin/sh\necho ${OMP_NUM_THREADS:-${FAKE_CPUS-4}}\n")
-write("/var/opt/sandbox/bin/uptime", [[#!/bin/sh
+write(MACHINE .. "/usr/local/bin/nproc", "#!/bin/sh\necho ${OMP_NUM_THREADS:-${FAKE_CPUS-4}}\n")
+write(MACHINE .. "/usr/local/bin/uptime", [[#!/bin/sh
 load=0.50
 [ "${LC_ALL:-$LC_NUMERIC}" = C.UTF-8 ] || load=0,50
 echo " 12:00:00 up 1 day,  1:00,  1 user,  load average: $load, 0.40, 0.30"
 ]])
-write("/var/opt/sandbox/meminfo", "MemTotal: 1000 kB\nMemFree: 375 kB\nMemAvailable: 1 kB\n")
+write(MACHINE .. "/proc/meminfo", "MemTotal: 1000 kB\nMemFree: 375 kB\nMemAvailable: 1 kB\n")
 
 write("broken.json", '{\n  "SYS_THR_RUNQ": }')
 write("mistyped.json", '{"SYS_CONF_MIN_ACT_DURATION": "30"}')
@@ -89,9 +91,7 @@ write("instant.json", RUNQ:format(81, 0))
 write("outbound.json", '{"SYS_CONF_CONN_REFUSAL_PORT":80,"SYS_CONF_CONN_REFUSAL_OUTBOUND":1}')
 write("portless.json", '{"SYS_THR_CONN_REFUSAL_PCT": {"value": 10}}')
 write("other.zip", "kept as it is")
-testing.equal(select(2, shell(([[mount --bind /var/opt/sandbox/bin /usr/local/bin && cd %s
-    mkdir folder small; mkdir -m 755 lib; mkdir -m 777 shared; mkfifo fifo; ln -s other.zip link
-    mount -t tmpfs -o size=8k none small]]):format(SCRATCH))), 0, "set-up")
+testing.equal(select(2, shell(([[cd %s && mkdir folder; mkdir -m 755 lib; mkdir -m 777 shared; mkfifo fifo; ln -s other.zip link]]):format(SCRATCH))), 0, "set-up")
 vxa "diag p.zip"
 
 -- ---- calls that are refused ---------------------------------------------------------
@@ -124,7 +124,8 @@ local refused = {
     { "diag other.zip", 2, "other.zip already exists; use %-%-force to replace it" },
     { "diag folder --force", 2, "folder is a directory and is not replaced" },
     { "diag fifo --force", 2, "fifo is not a regular file and is not replaced" },
-    { "diag small/a.zip", 1, "cannot write small/a.zip: No space left", "VXI_SIM=flows=3000" },
+    { "diag a.zip", 1, "cannot write a.zip: File too large",
+      "VXI_SIM=flows=3000 env --ignore-signal=XFSZ prlimit --fsize=8192" },
     { "show --raw p.zip", 2, "%-%-raw needs an entry" },
     { "show other.zip", 1, "other.zip: no zip archive, or a part of one" },
     { "show p.zip vxa_none.txt", 1, "p.zip: has no entry vxa_none.txt" },
@@ -140,11 +141,11 @@ end
 
 -- Lua modules that are missing.
 for _, name in ipairs { "argparse", "dkjson" } do
-    local err = shell(("unshare -m sh -c 'mount --bind %s/lib /usr/share/lua/5.2; %s/bin/vxa "
-        .. "status' 2>&1"):format(SCRATCH, ROOT))
+    local err = shell(([[cd %s && lua5.2 -E -e "local find = package.searchers[2]
+        package.searchers[2] = function(name) return name ~= '%s' and find(name) or '' end" \
+        '../it is' status 2>&1]]):format(SCRATCH, name))
     matches(err, ("^vxa: Lua module '%s' is missing; install Debian's package lua%%-%s")
         :format(name, name), "missing module")
-    shell(("cp -L /usr/share/lua/5.2/%s.lua %s/lib"):format(name, SCRATCH))
 end
 
 -- ---- what is printed ----------------------------------------------------------------
@@ -398,13 +399,14 @@ local configured = {
       SYS_THR_CONN_REFUSAL_PCT = 10, SYS_THR_CONN_EST_PER_CPU = false }, {} },
 }
 
-shell("rm -r /var/opt/vx_agent")
+shell("rm -r " .. MACHINE .. "/var/opt/vx_agent")
 for _, row in ipairs(configured) do
     if row[2] then write(CONF, row[2]) end
     local out, _, err = vxa("run --json --cycles 1 " .. row[1], "VXI_SIM=cpus=256")
     os.remove(CONF)
     local start = records_of(out)[1]
-    local logged = health_policy.check(testing.read "/var/opt/vx_agent/diag/vx_filter_json.log")
+    local logged = health_policy.check(testing.read(MACHINE
+        .. "/var/opt/vx_agent/diag/vx_filter_json.log"))
     for key, value in pairs(logged) do logged[key] = tonumber(("%.14g"):format(value)) end
     testing.equal(logged, start.settings, "settings of " .. row[1])
     for key, value in pairs(row[3]) do testing.equal(logged[key] or false, value, key) end
@@ -416,10 +418,10 @@ matches(select(3, vxa("run --cycles 1")), "^vxa: configuration /etc/vx_filter.co
 os.remove(CONF)
 
 -- That the settings cannot be logged is reported once.
-shell("rm -rf /var/opt/vx_agent && touch /var/opt/vx_agent")
+shell(("cd %s/var/opt; rm -rf vx_agent && touch vx_agent"):format(MACHINE))
 matches(select(3, vxa("run --cycles 3 --interval 0.01")),
     "^vxa: Failed to output cloud config %([^\n]*\n$", "no log")
-shell("rm -f /var/opt/vx_agent")
+shell(("rm -f %s/var/opt/vx_agent"):format(MACHINE))
 
 -- ---- signals ----------------------------------------------------------------------------
 

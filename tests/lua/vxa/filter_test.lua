@@ -1,8 +1,5 @@
 -- The filter script on the real module: the health monitor's transitions, values and who is over;
 -- connection feedback on a clock of the test's; and whose addresses are whose.
--- Runs in the sandbox, which has the files and commands that the module reads.
-
-package.path = arg[0]:match("^(.*)/") .. "/../../../lua/?.lua;" .. package.path
 
 local addresses = require "vxa.machine.addresses"
 local filter = require "filter"
@@ -10,7 +7,7 @@ local recorder = require "recorder"
 local testing = require "testing"
 local vxa = require "vxa"
 
-local SANDBOX = os.getenv("SANDBOX") .. "/"
+local MACHINE = os.getenv("FAKE_MACHINE") .. "/"
 local dom = vxa.Dom()
 
 testing.raises("require 'fc' first", filter.new, { dom = dom })
@@ -21,10 +18,10 @@ testing.raises("options.policy must be a string, not number", filter.new, { dom 
 
 -- What the module finds on the machine; nil for a command or file that gives nothing.
 local function set_machine(load, free_pct)
-    testing.write(SANDBOX .. "nproc.out", "4\n")
-    testing.write(SANDBOX .. "uptime.out", load and (" up 1 day, load average: %s, 0.4, 0.3\n")
+    testing.write(MACHINE .. "nproc.out", "4\n")
+    testing.write(MACHINE .. "uptime.out", load and (" up 1 day, load average: %s, 0.4, 0.3\n")
         :format(load) or "")
-    testing.write(SANDBOX .. "meminfo", free_pct and ("MemTotal: 1000000 kB\nMemFree: %d kB\n")
+    testing.write(MACHINE .. "proc/meminfo", free_pct and ("MemTotal: 1000000 kB\nMemFree: %d kB\n")
         :format(free_pct * 10000) or "")
 end
 
