@@ -10,7 +10,8 @@ const char* const kConfigLog = "/var/opt/vx_agent/diag/vx_filter_json.log";
 FakeMachine::FakeMachine()
 {
     const std::string bin = Path("/usr/local/bin");
-    for (const std::string& folder : {bin, Path("/etc"), Path("/proc"), Path("/var/opt/vx_agent/diag")})
+    for (const std::string& folder :
+         {bin, Path("/etc"), Path("/proc"), Path("/var/opt/vx_agent/diag")})
         fs::create_directories(folder);
     for (const std::string name : {"nproc", "uptime", "vmstat"}) {
         const std::string path = bin + "/" + name;

@@ -51,8 +51,7 @@ private:
     {
         char link[32];
         std::snprintf(link, sizeof link, "/proc/self/fd/%d", directory);
-        const ssize_t length =
-            path[0] == '/' ? -1 : readlink(link, m_absolute, sizeof m_absolute);
+        const ssize_t length = path[0] == '/' ? -1 : readlink(link, m_absolute, sizeof m_absolute);
         if (length <= 0) return path;
         std::snprintf(m_absolute + length, sizeof m_absolute - length, "/%s", path);
         return m_absolute;
