@@ -7,8 +7,9 @@
 #include "api/BoundedText.h"
 #include "api/Call.h"
 #include "api/Engine.h"
-#include "api/Source.h"
 #include "engines/fault/Fault.h"
+#include "records/FlowDetails.h"
+#include "records/TableOrigin.h"
 
 using namespace vxi;
 
@@ -78,7 +79,7 @@ template <typename Body>
 int Fetch(vxi_handle_ops_s* handle, Call call, Table table, Body body)
 {
     return Perform(handle, call, [&] {
-        begin_fetch(table, handle->engine->name);
+        BeginFetch(table, handle->engine->name);
         return body();
     });
 }
@@ -118,7 +119,7 @@ int GetConntrack(vxi_handle_ops_s* handle, vxa_dump_conntrack_s* section, unsign
     }
     const std::size_t room = (size - sizeof *section) / sizeof(vxa_conntrack_entry_s);
     section->entry_ct = static_cast<std::uint16_t>(std::min<std::size_t>(section->entry_ct, room));
-    NoteFlowDetails(*section, {});
+    SetFlowDetails(*section, {});
     return handle->operations->get_conntrack(handle, section, size, extra);
 }
 

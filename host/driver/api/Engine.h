@@ -8,7 +8,7 @@
 
 #include "api/Error.h"
 #include "api/Handle.h"
-#include "api/ScanTarget.h"
+#include "records/ScanTarget.h"
 #include "vxi/engine.h"
 
 namespace vxi {

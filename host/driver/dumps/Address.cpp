@@ -1,3 +1,4 @@
+// Formats addresses.
 #include "dumps/Address.h"
 
 #include <algorithm>
@@ -9,7 +10,7 @@ namespace {
 
 constexpr unsigned kGroups = 8;
 
-char* PutByte(char* out, unsigned byte)
+char* WriteByte(char* out, unsigned byte)
 {
     if (byte >= 100) {
         *out++ = static_cast<char>('0' + byte / 100);
@@ -21,18 +22,18 @@ char* PutByte(char* out, unsigned byte)
     return out;
 }
 
-char* PutQuad(char* out, const std::uint8_t* bytes)
+char* WriteQuad(char* out, const std::uint8_t* bytes)
 {
     for (unsigned i = 0; i < 4; ++i) {
         if (i > 0) {
             *out++ = '.';
         }
-        out = PutByte(out, bytes[i]);
+        out = WriteByte(out, bytes[i]);
     }
     return out;
 }
 
-char* PutGroup(char* out, unsigned group)
+char* WriteGroup(char* out, unsigned group)
 {
     static const char kDigits[] = "0123456789abcdef";
     bool leading = true;
@@ -52,7 +53,7 @@ struct Run {
     unsigned length;
 };
 
-// The first of the longest; a single zero group is not shortened.
+// Returns the first of the longest runs of zero groups; a single one is not shortened.
 Run LongestZeros(const unsigned (&group)[kGroups])
 {
     Run best{kGroups, 1};
@@ -69,12 +70,12 @@ Run LongestZeros(const unsigned (&group)[kGroups])
     return best.begin == kGroups ? Run{kGroups, 0} : best;
 }
 
-char* PutIpv6(char* out, const std::uint8_t (&address)[16])
+char* WriteIpv6(char* out, const std::uint8_t (&address)[16])
 {
     static constexpr std::uint8_t kMapped[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
     if (std::memcmp(address, kMapped, sizeof kMapped) == 0) {
         out = std::copy_n("::ffff:", 7, out);
-        return PutQuad(out, address + 12);
+        return WriteQuad(out, address + 12);
     }
     unsigned group[kGroups];
     for (unsigned i = 0; i < kGroups; ++i) {
@@ -90,20 +91,20 @@ char* PutIpv6(char* out, const std::uint8_t (&address)[16])
         if (i > 0 && i != zeros.begin + zeros.length) {
             *out++ = ':';
         }
-        out = PutGroup(out, group[i]);
+        out = WriteGroup(out, group[i]);
     }
     return out;
 }
 
 }  // namespace
 
-char* PutAddress(char* out, const std::uint8_t (&address)[16], std::uint8_t family)
+char* WriteAddress(char* out, const std::uint8_t (&address)[16], std::uint8_t family)
 {
     switch (family) {
         case 4:
-            return PutQuad(out, address);
+            return WriteQuad(out, address);
         case 6:
-            return PutIpv6(out, address);
+            return WriteIpv6(out, address);
         default:
             *out++ = '?';
             return out;

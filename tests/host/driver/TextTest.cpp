@@ -5,15 +5,16 @@
 #include <random>
 
 #include "Fixture.h"
-#include "api/Source.h"
 #include "dumps/Address.h"
+#include "records/PublishedNames.h"
+#include "records/TableOrigin.h"
 
 namespace {
 
 void begin(vxi::Table table, const char* engine, const char* source = "a test")
 {
-    vxi::begin_fetch(table, engine);
-    vxi::NoteSource(table, "%s", source);
+    vxi::BeginFetch(table, engine);
+    vxi::SetTableSource(table, "%s", source);
 }
 
 vxa_conntrack_entry_s Entry(std::uint8_t family, std::uint8_t state, std::uint8_t flags)
@@ -91,7 +92,7 @@ TEST(Text, Connections)
 
 TEST(Text, Blacklist)
 {
-    vxi::SetSlotNames("made", vxi::Area::kBlacklistSets, {{"ip x\n blacklist\\\xff"}, 0});
+    vxi::PublishNames("made", vxi::NameList::kBlacklistSets, {{"ip x\n blacklist\\\xff"}, 0});
     begin(vxi::Table::kBlacklist, "made", "a set\n\x1b[31m");
     vxa_blacklist_entry_s rows[2] = {};
     inet_pton(AF_INET6, "2001:db8::", rows[0].address);
@@ -138,11 +139,11 @@ TEST(Text, Sockets)
 
 TEST(Text, Statistics)
 {
-    vxi::SlotNames names;
+    vxi::NumberedNames names;
     names.names = {"", "Ip.In", "e\xc3\xbf th\\0\n", std::string(2000, 'n')};
     names.names.resize(300, "beyond");  // more names than slots
     names.dropped = 6;
-    vxi::SetSlotNames("made", vxi::Area::kStatistics2, names);
+    vxi::PublishNames("made", vxi::NameList::kStatistics2, names);
     begin(vxi::Table::kStatistics, "made");
     Statistics stats;
     stats.area3 = nullptr;
@@ -199,7 +200,7 @@ TEST(Address, LikeTheLibraryOnRandomOnes)
         char expected[INET6_ADDRSTRLEN], text[vxi::kAddressTextSize];
         for (const int family : {4, 6}) {
             inet_ntop(family == 4 ? AF_INET : AF_INET6, address, expected, sizeof expected);
-            *vxi::PutAddress(text, address, static_cast<std::uint8_t>(family)) = '\0';
+            *vxi::WriteAddress(text, address, static_cast<std::uint8_t>(family)) = '\0';
             ASSERT_STREQ(expected, text);
         }
     }

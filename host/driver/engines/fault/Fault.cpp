@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "api/BoundedText.h"
-#include "api/TextParser.h"
+#include "engines/TextParser.h"
 #include "vxi/engine.h"
 
 namespace vxi::fault {

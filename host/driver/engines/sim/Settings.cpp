@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <string>
 
-#include "api/TextParser.h"
+#include "engines/TextParser.h"
 
 namespace vxi::sim {
 

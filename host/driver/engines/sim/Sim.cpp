@@ -9,16 +9,16 @@
 #include <string>
 
 #include "api/Engine.h"
-#include "api/FlowRoom.h"
 #include "api/Profiler.h"
-#include "api/ScanTarget.h"
-#include "api/Source.h"
-#include "api/TextParser.h"
-#include "api/Variables.h"
+#include "engines/TextParser.h"
 #include "engines/sim/Machine.h"
 #include "engines/sim/Settings.h"
 #include "engines/sim/Tables.h"
 #include "engines/sim/World.h"
+#include "records/FlowShares.h"
+#include "records/ScanTarget.h"
+#include "records/TableOrigin.h"
+#include "records/Variables.h"
 
 namespace vxi::sim {
 
@@ -73,7 +73,7 @@ View CurrentView()
 struct Snapshots {
     View flows;
     unsigned flow_fills_left = 0;
-    FlowRoom room{};
+    FlowShares flows_offered{};
     View blacklist;
     std::string profile;
 };
@@ -88,15 +88,16 @@ Snapshots& SnapshotsOf(vxi_handle_ops_s* handle)
 
 void NoteTick(Table table, const View& view)
 {
-    NoteSource(table, "simulated machine at tick %llu", static_cast<unsigned long long>(view.tick));
+    SetTableSource(table, "simulated machine at tick %llu",
+                   static_cast<unsigned long long>(view.tick));
 }
 
 void CountFlows(Snapshots& kept, vxa_dump_conntrack_s& section)
 {
     kept.flows = CurrentView();
     kept.flow_fills_left = 2;
-    kept.room = ShareFlowRoom(kept.flows.world->udp_flows, kept.flows.world->tcp_flows);
-    section.entry_ct = static_cast<std::uint16_t>(kept.room.udp + kept.room.tcp);
+    kept.flows_offered = ShareFlowTable(kept.flows.world->udp_flows, kept.flows.world->tcp_flows);
+    section.entry_ct = static_cast<std::uint16_t>(kept.flows_offered.udp + kept.flows_offered.tcp);
     NoteTick(Table::kConntrack, kept.flows);
 }
 
@@ -105,8 +106,8 @@ void FillFlows(Snapshots& kept, vxa_dump_conntrack_s& section)
     const View& view = kept.flows;
     const bool is_udp = section.protocol == kUdp;
     section.total = is_udp ? view.world->udp_flows : view.world->tcp_flows;
-    section.entry_ct = static_cast<std::uint16_t>(
-        std::min<std::uint32_t>(section.entry_ct, is_udp ? kept.room.udp : kept.room.tcp));
+    section.entry_ct = static_cast<std::uint16_t>(std::min<std::uint32_t>(
+        section.entry_ct, is_udp ? kept.flows_offered.udp : kept.flows_offered.tcp));
     auto* const entries = reinterpret_cast<vxa_conntrack_entry_s*>(&section + 1);
     for (std::uint32_t i = 0; i < section.entry_ct; ++i) {
         entries[i] = Flow(*view.world, section.protocol, i, view.tick);

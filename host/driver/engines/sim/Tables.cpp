@@ -6,9 +6,9 @@
 #include <algorithm>
 #include <iterator>
 
-#include "api/Source.h"
-#include "api/Variables.h"
 #include "engines/sim/Random.h"
+#include "records/PublishedNames.h"
+#include "records/Variables.h"
 
 namespace vxi::sim {
 
@@ -40,56 +40,58 @@ std::uint64_t ScanCounter(const View& view)
     return view.counters[counter];
 }
 
-struct Slot {
-    Area area;
+struct StatisticsSlot {
+    NameList list;
     unsigned index;
     const char* name;
     std::uint64_t (*value)(const View&);
 };
 
-constexpr Slot kSlots[] = {
-    {Area::kStatistics1, 0, "Ip.InReceives", ScanCounter<VXI_SCAN_PACKETS_FORWARD>},
-    {Area::kStatistics1, 1, "Ip.OutRequests", ScanCounter<VXI_SCAN_PACKETS_BACKWARD>},
-    {Area::kStatistics1, 2, "Tcp.PassiveOpens", ScanCounter<VXI_SCAN_ESTABLISHED>},
-    {Area::kStatistics1, 3, "Tcp.AttemptFails", ScanCounter<VXI_SCAN_HALF_OPEN_CLOSED>},
-    {Area::kStatistics1, 4, "Tcp.EstabResets", ScanCounter<VXI_SCAN_RESET>},
-    {Area::kStatistics1, 5, "Tcp.CurrEstab",
+constexpr StatisticsSlot kSlots[] = {
+    {NameList::kStatistics1, 0, "Ip.InReceives", ScanCounter<VXI_SCAN_PACKETS_FORWARD>},
+    {NameList::kStatistics1, 1, "Ip.OutRequests", ScanCounter<VXI_SCAN_PACKETS_BACKWARD>},
+    {NameList::kStatistics1, 2, "Tcp.PassiveOpens", ScanCounter<VXI_SCAN_ESTABLISHED>},
+    {NameList::kStatistics1, 3, "Tcp.AttemptFails", ScanCounter<VXI_SCAN_HALF_OPEN_CLOSED>},
+    {NameList::kStatistics1, 4, "Tcp.EstabResets", ScanCounter<VXI_SCAN_RESET>},
+    {NameList::kStatistics1, 5, "Tcp.CurrEstab",
      [](const View& view) { return SocketsIn(view, TCP_ESTABLISHED); }},
-    {Area::kStatistics1, 192, "sockets.used",
+    {NameList::kStatistics1, 192, "sockets.used",
      [](const View& view) { return TcpSockets(view) + view.world->udp_flows; }},
-    {Area::kStatistics1, 193, "TCP.inuse",
+    {NameList::kStatistics1, 193, "TCP.inuse",
      [](const View& view) { return TcpSockets(view) - SocketsIn(view, TCP_TIME_WAIT); }},
-    {Area::kStatistics1, 194, "TCP.tw",
+    {NameList::kStatistics1, 194, "TCP.tw",
      [](const View& view) { return SocketsIn(view, TCP_TIME_WAIT); }},
-    {Area::kStatistics1, 195, "UDP.inuse",
+    {NameList::kStatistics1, 195, "UDP.inuse",
      [](const View& view) { return std::uint64_t{view.world->udp_flows}; }},
 
-    {Area::kStatistics2, 0, "conntrack.count",
+    {NameList::kStatistics2, 0, "conntrack.count",
      [](const View& view) { return view.world->settings.flows; }},
-    {Area::kStatistics2, 1, "conntrack.max",
+    {NameList::kStatistics2, 1, "conntrack.max",
      [](const View&) { return std::uint64_t{kConntrackMax}; }},
-    {Area::kStatistics2, 2, "conntrack.buckets",
+    {NameList::kStatistics2, 2, "conntrack.buckets",
      [](const View&) { return std::uint64_t{kConntrackBuckets}; }},
-    {Area::kStatistics2, 3, "rules.tables", [](const View&) { return std::uint64_t{kRuleTables}; }},
-    {Area::kStatistics2, 4, "rules.chains", [](const View&) { return std::uint64_t{kRuleChains}; }},
-    {Area::kStatistics2, 5, "rules.rules",
+    {NameList::kStatistics2, 3, "rules.tables",
+     [](const View&) { return std::uint64_t{kRuleTables}; }},
+    {NameList::kStatistics2, 4, "rules.chains",
+     [](const View&) { return std::uint64_t{kRuleChains}; }},
+    {NameList::kStatistics2, 5, "rules.rules",
      [](const View& view) { return view.world->settings.rules; }},
-    {Area::kStatistics2, 6, "rules.sets",
+    {NameList::kStatistics2, 6, "rules.sets",
      [](const View&) { return std::uint64_t{kBlacklistSets}; }},
-    {Area::kStatistics2, 7, "blacklist.elements",
+    {NameList::kStatistics2, 7, "blacklist.elements",
      [](const View& view) { return view.world->settings.blacklist; }},
-    {Area::kStatistics2, 8, "scan.on",
+    {NameList::kStatistics2, 8, "scan.on",
      [](const View& view) { return std::uint64_t{view.target.direction != 0}; }},
-    {Area::kStatistics2, 9, "scan.port",
+    {NameList::kStatistics2, 9, "scan.port",
      [](const View& view) { return std::uint64_t{view.target.port}; }},
-    {Area::kStatistics2, 10, "sim.tick", [](const View& view) { return view.tick; }},
+    {NameList::kStatistics2, 10, "sim.tick", [](const View& view) { return view.tick; }},
 
-    {Area::kStatistics3, 0, "TcpExt.TCPSynRetrans", ScanCounter<VXI_SCAN_SYN_RETRANSMITTED>},
-    {Area::kStatistics3, 256, "eth0.rx_bytes", ScanCounter<VXI_SCAN_BYTES_FORWARD>},
-    {Area::kStatistics3, 257, "eth0.rx_packets", ScanCounter<VXI_SCAN_PACKETS_FORWARD>},
-    {Area::kStatistics3, 264, "eth0.tx_bytes", ScanCounter<VXI_SCAN_BYTES_BACKWARD>},
-    {Area::kStatistics3, 265, "eth0.tx_packets", ScanCounter<VXI_SCAN_PACKETS_BACKWARD>},
-    {Area::kStatistics3, 528, "softnet.processed",
+    {NameList::kStatistics3, 0, "TcpExt.TCPSynRetrans", ScanCounter<VXI_SCAN_SYN_RETRANSMITTED>},
+    {NameList::kStatistics3, 256, "eth0.rx_bytes", ScanCounter<VXI_SCAN_BYTES_FORWARD>},
+    {NameList::kStatistics3, 257, "eth0.rx_packets", ScanCounter<VXI_SCAN_PACKETS_FORWARD>},
+    {NameList::kStatistics3, 264, "eth0.tx_bytes", ScanCounter<VXI_SCAN_BYTES_BACKWARD>},
+    {NameList::kStatistics3, 265, "eth0.tx_packets", ScanCounter<VXI_SCAN_PACKETS_BACKWARD>},
+    {NameList::kStatistics3, 528, "softnet.processed",
      [](const View& view) {
          return view.counters[VXI_SCAN_PACKETS_FORWARD] + view.counters[VXI_SCAN_PACKETS_BACKWARD];
      }},
@@ -156,14 +158,14 @@ std::string ProfileJson(const View& view)
 
 void PublishStatisticsNames()
 {
-    SlotNames areas[3];
-    for (const Slot& slot : kSlots) {
-        auto& names = areas[static_cast<unsigned>(slot.area)].names;
+    NumberedNames areas[3];
+    for (const StatisticsSlot& slot : kSlots) {
+        auto& names = areas[static_cast<unsigned>(slot.list)].names;
         names.resize(std::max<std::size_t>(names.size(), slot.index + 1));
         names[slot.index] = slot.name;
     }
     for (unsigned area = 0; area < 3; ++area) {
-        SetSlotNames(kEngineName, static_cast<Area>(area), std::move(areas[area]));
+        PublishNames(kEngineName, static_cast<NameList>(area), std::move(areas[area]));
     }
 }
 
@@ -173,8 +175,8 @@ void FillStatistics(const View& view, vxa_stats_v2_s& stats)
     std::fill_n(stats.area1, 0 + VXA_STATS_AREA1_COUNT, 0);
     std::fill_n(stats.area2, 0 + VXA_STATS_AREA2_COUNT, 0);
     std::fill_n(stats.area3, 0 + VXA_STATS_AREA3_COUNT, 0);
-    for (const Slot& slot : kSlots) {
-        areas[static_cast<unsigned>(slot.area)][slot.index] = slot.value(view);
+    for (const StatisticsSlot& slot : kSlots) {
+        areas[static_cast<unsigned>(slot.list)][slot.index] = slot.value(view);
     }
 }
 

@@ -5,9 +5,9 @@
 #include <memory>
 #include <string>
 
-#include "api/ScanTarget.h"
 #include "engines/sim/Machine.h"
 #include "engines/sim/World.h"
+#include "records/ScanTarget.h"
 
 namespace vxi::sim {
 

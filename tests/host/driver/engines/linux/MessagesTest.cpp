@@ -218,9 +218,9 @@ TEST(BlacklistElements, Intervals)
         std::string text;
         for (const auto& entry : vxi::BlacklistEntries(AddressSet(each.intervals), 0, elements)) {
             char address[vxi::kAddressTextSize];
-            text.append(address, vxi::PutAddress(address, entry.address, 4));
+            text.append(address, vxi::WriteAddress(address, entry.address, 4));
             if (entry.flags & VXA_BLACKLIST_RANGE) {
-                text.append("-").append(address, vxi::PutAddress(address, entry.last, 4));
+                text.append("-").append(address, vxi::WriteAddress(address, entry.last, 4));
             }
             text += " ";
         }

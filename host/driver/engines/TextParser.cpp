@@ -1,5 +1,5 @@
-// What the parsers of VXI_FAULT and VXI_SIM have in common.
-#include "api/TextParser.h"
+// The common part of the parsers of VXI_FAULT and VXI_SIM.
+#include "engines/TextParser.h"
 
 #include <algorithm>
 #include <cctype>

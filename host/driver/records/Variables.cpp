@@ -1,4 +1,5 @@
-#include "api/Variables.h"
+// The names of the filter variables.
+#include "records/Variables.h"
 
 #include <iterator>
 
@@ -189,7 +190,7 @@ constexpr const char* kNames[] = {
     "net.core.wmem_default",
     "net.core.optmem_max",
 };
-static_assert(std::size(kNames) == VXA_FILTER_VARIABLE_COUNT, "one name a number");
+static_assert(std::size(kNames) == VXA_FILTER_VARIABLE_COUNT, "one name per number");
 
 }  // namespace
 

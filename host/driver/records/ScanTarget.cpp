@@ -1,5 +1,5 @@
 // Reads scan configurations and remembers the last one.
-#include "api/ScanTarget.h"
+#include "records/ScanTarget.h"
 
 #include <atomic>
 #include <cerrno>

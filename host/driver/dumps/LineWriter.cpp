@@ -1,8 +1,9 @@
-#include "dumps/Lines.h"
+// Flushes lines to the sink.
+#include "dumps/LineWriter.h"
 
 namespace vxi {
 
-void Lines::Flush()
+void LineWriter::Flush()
 {
     if (m_used > 0) {
         m_buffer[m_used] = '\0';
