@@ -1,9 +1,11 @@
--- The filter script's two parts. In health monitoring: holds the fail-open state, runs one
--- health check cycle whenever it is asked to, and carries out what the cycle decides. In
--- connection feedback: turns the driver's flows into observations, and fetches the report.
+-- The filter script: a health monitor that decides on fail-open, and connection feedback.
 --
--- An agent can ship this file as it stands. It needs the module `fc` (which fills SLB.filter),
--- health_policy.lua and strict_json.lua, and nothing else:
+-- The health monitor holds the fail-open state, runs a health check cycle each time it is asked
+-- to, and carries out the result. Connection feedback turns the driver's flows into observations
+-- and fetches the module's report.
+--
+-- An agent can ship this file unchanged. It needs only the module `fc` (which fills SLB.filter),
+-- health_policy.lua and strict_json.lua:
 --
 --     require "fc"
 --     local filter = require "filter"
@@ -19,31 +21,30 @@
 --         feedback:sample(assert(handle:connections()))
 --         local report = feedback:report()   -- about once a minute, nil otherwise
 --
--- Who owns what. The module samples the machine, compares six metrics with their thresholds
--- and remembers when fail-open began. The script owns the state: the module believes whatever
--- state it is given, and changes nothing itself. The module also keeps the observations; the
--- script knows which flows it has fed already. So keep exactly one monitor and one feedback
--- per process, and call them from one thread.
+-- The module samples the machine, compares six metrics with their thresholds and remembers when
+-- fail-open began. The script owns the state: the module trusts the state it is given and does
+-- not change it. The module keeps the observations; the script knows which flows it has already
+-- fed. So keep exactly one monitor and one feedback per process, and call them from one thread.
 
 local health_policy = require "health_policy"
 
 local filter = {}
 
-filter.ACTIVATED = "Activated"     -- in fail-open: the filter lets everything pass
+filter.ACTIVATED = "Activated"     -- in fail-open: the filter passes everything
 filter.DEACTIVATED = "Deactivated" -- the filter enforces
 
 -- Action codes of SLB.filter.CheckSystemHealthMetrics.
-filter.NORMAL = 0       -- judged: out of fail-open, or leaving it now
+filter.NORMAL = 0       -- judged: not in fail-open, or leaving it now
 filter.FAIL_OPEN = 1    -- judged: in fail-open, or entering it now
-filter.DISABLED = 2     -- nothing to judge by: no settings, or a threshold lacks its port
-filter.NO_LOAD = 5      -- run-queue length or processor count could not be read
-filter.BAD_ARGUMENT = 6 -- document, state or policy is not what the module takes
-filter.NO_MEMORY = 7    -- memory figures could not be read
+filter.DISABLED = 2     -- not judged: no settings, or a connection threshold without a port
+filter.NO_LOAD = 5      -- the run-queue length or the number of processors cannot be read
+filter.BAD_ARGUMENT = 6 -- the module does not accept the document, the state or the policy
+filter.NO_MEMORY = 7    -- the memory sizes cannot be read
 
--- The six metrics, in the module's order. `full_name` is theirs in the module's traces.
--- `below`: bad when too low. `rate`: calculated from the driver's counters of the monitored
--- port, so it needs a port and, for a first value, a second cycle. `default` is the threshold
--- without a setting.
+-- The six metrics, in the module's order. `full_name` is used in the module's traces. `below`:
+-- bad when too low. `rate`: calculated from the driver's counters for the monitored port, so it
+-- needs a port, and a second cycle for its first value. `default`: the threshold if `setting` is
+-- unset.
 filter.metrics = {
     { name = "rqpct", setting = "SYS_THR_RUNQ", unit = "processes",
       full_name = "runnable_processes_per_cpu_pct",
@@ -66,8 +67,8 @@ filter.metrics = {
 
 -- ---- options ----------------------------------------------------------------------------
 
--- Raises an error in the caller's caller unless every option is one of `known`, which has the
--- Lua type of each.
+-- Raises an error, at the caller of the calling function, unless every option is in `known` and
+-- has the Lua type given there.
 local function check_options(options, known)
     if type(options) ~= "table" then
         error("a table of options expected, not " .. type(options), 3)
@@ -88,7 +89,7 @@ end
 
 -- ---- what the module reports ------------------------------------------------------------
 
--- What a cycle means in words, by action and by the state it was asked with.
+-- What a cycle's action means, by the state passed to it where that matters.
 local words = {
     [filter.NORMAL] = { Deactivated = "normal", Activated = "leave fail-open" },
     [filter.FAIL_OPEN] = { Deactivated = "enter fail-open", Activated = "stay fail-open" },
@@ -109,8 +110,9 @@ local function to_number(text)
     return tonumber(text) or not_finite[text]
 end
 
--- Reads the module's verbose status line, which has three decimals: GetSysHealthMetrics cuts
--- values and thresholds to whole numbers.
+-- Parses the status line of the module's verbose log, which has three decimals;
+-- GetSysHealthMetrics truncates values and thresholds to whole numbers. Returns nil for any other
+-- line.
 function filter.parse_status(text)
     local minimum, active, port =
         text:match("^SysHealth: .* min_dur=(%d+) act_dur=(%d+) port=(%d+)")
@@ -123,7 +125,7 @@ function filter.parse_status(text)
     return status
 end
 
--- The cycle's status line among the records that the host's log kept, or nil.
+-- Returns the cycle's parsed status line from the log records, or nil.
 local function status_of(records)
     for i = #records, 1, -1 do
         local status = records[i].kind == "log" and filter.parse_status(records[i].message)
@@ -131,8 +133,8 @@ local function status_of(records)
     end
 end
 
--- The metrics that the module's own traces name as beyond their thresholds, with six decimals,
--- by full name.
+-- Returns, by full name, the metrics that the module's traces report as beyond their thresholds,
+-- with six decimals.
 local function crossings_of(records)
     local found = {}
     for _, record in ipairs(records) do
@@ -155,13 +157,13 @@ local function to_millionths(number)
     return tonumber(("%.6f"):format(number))
 end
 
--- Values and thresholds by metric, and how the module has rounded them.
-local function figures_of(status)
+-- Returns values and thresholds by metric, and the function that rounds as the module has.
+local function readings_of(status)
     if status then return status.figures, to_thousandths end
-    local figures = {}
+    local readings = {}
     local _, rows = SLB.filter.GetSysHealthMetrics()
-    for i = 1, #filter.metrics do figures[rows[i].name] = rows[i] end
-    return figures, math.floor
+    for i = 1, #filter.metrics do readings[rows[i].name] = rows[i] end
+    return readings, math.floor
 end
 
 -- ---- judging ----------------------------------------------------------------------------
@@ -171,32 +173,33 @@ local function is_over(metric, value, threshold)
     return value > threshold
 end
 
--- The threshold that was judged by, or nil where the metric is off. A threshold of 0 in the
--- figures is one that is off, or one too small for their decimals: the policy tells. During
--- fail-open the module switches off those of the port.
-local function threshold_of(metric, figure, rounded, setting, before)
-    local is_exact = setting and rounded(setting) == figure.threshold
-    if figure.threshold ~= 0 then return is_exact and setting or figure.threshold end
+-- Returns the threshold that the module judged by, or nil if the metric is off. A rounded
+-- threshold of 0 is either off or too small for the decimals; the setting decides. During
+-- fail-open the module switches off the thresholds of the port.
+local function threshold_of(metric, reading, rounded, setting, before)
+    local is_exact = setting and rounded(setting) == reading.threshold
+    if reading.threshold ~= 0 then return is_exact and setting or reading.threshold end
     if is_exact and not (metric.rate and before == filter.ACTIVATED) then return setting end
 end
 
 local Monitor = {}
 Monitor.__index = Monitor
 
--- A difference that the module shows as 0 although there was nothing to take it from.
+-- Whether the value is a difference from an earlier cycle that did not exist: the module reports
+-- 0 for it.
 function Monitor:lacks_value(metric, value)
     if value ~= 0 then return false end
     return metric.rate and not self.has_counted or metric.name == "delta_t" and not self.has_run
 end
 
-function Monitor:judge(metric, figure, rounded, crossing, before)
+function Monitor:judge(metric, reading, rounded, crossing, before)
     local setting = self.settings[metric.setting] or metric.default
-    local row = { name = metric.name, over = false, value = figure.value,
-                  threshold = threshold_of(metric, figure, rounded, setting, before) }
+    local row = { name = metric.name, over = false, value = reading.value,
+                  threshold = threshold_of(metric, reading, rounded, setting, before) }
     if crossing then
         row.value, row.threshold, row.over = crossing.value, crossing.threshold, true
     end
-    -- The trace has six decimals, and 0 for a threshold of 1e-9.
+    -- The trace has six decimals and shows a threshold of 1e-9 as 0.
     if crossing and setting and to_millionths(setting) == crossing.threshold then
         row.threshold = setting
     end
@@ -207,9 +210,9 @@ function Monitor:judge(metric, figure, rounded, crossing, before)
     return row
 end
 
--- The figures at hand are rounded. Where the module went into fail-open and neither they nor
--- its traces show why, those equal to their thresholds are the cause.
-local function blame_ties(metrics, over)
+-- Rounded values may hide a crossing. If the module entered fail-open and neither values nor
+-- traces show why, the metrics equal to their thresholds are the cause.
+local function mark_ties(metrics, over)
     for _, metric in ipairs(metrics) do
         if metric.enabled and metric.value == metric.threshold then
             metric.over = true
@@ -220,10 +223,10 @@ end
 
 function Monitor:measure(result, records)
     local status = status_of(records)
-    local figures, rounded = figures_of(status)
+    local readings, rounded = readings_of(status)
     local crossings, has_counted = crossings_of(records), self.has_counted
     for i, metric in ipairs(filter.metrics) do
-        local row = self:judge(metric, figures[metric.name], rounded,
+        local row = self:judge(metric, readings[metric.name], rounded,
             crossings[metric.full_name], result.before)
         result.metrics[i] = row
         if row.over then result.over[#result.over + 1] = row end
@@ -243,19 +246,20 @@ end
 local MONITOR_OPTIONS = { dom = "userdata", policy = "string", settings = "table",
                           enforce = "function", records = "function" }
 
--- options.dom       the host's document
--- options.policy    policy text (JSON); "" or nil: the module reads /etc/vx_filter.conf
--- options.settings  numbers by policy key that are in force, if the caller knows them; the
---                   policy is then not checked here
--- options.enforce   function(on, unload_driver), called at each transition before the state
---                   changes; `unload_driver` is the policy's wish for fail-open. When it
---                   raises, the state stays as it was and the error reaches the caller.
---                   Without it, the state is only kept in the document.
--- options.records   function returning the log records since the last cycle. With the status
---                   line among them the values have three decimals, with the trace
---                   "SysHealth.eng" those beyond their thresholds have six. Without it they
---                   are whole numbers, and with the configuration file as the policy a
---                   threshold below 1 looks like a metric that is off.
+-- Returns a monitor with the state "Deactivated". Options:
+--
+-- dom       the host's document
+-- policy    the policy in JSON; "" or nil: the module reads /etc/vx_filter.conf
+-- settings  the settings in force, numbers by policy key, if the caller knows them; the policy
+--           is then not checked here
+-- enforce   function(on, unload_driver), called at each transition before the state changes;
+--           `unload_driver` is what the policy asks for during fail-open. If it raises an error,
+--           the state does not change and the error reaches the caller. Without this option, the
+--           state is only kept in the document.
+-- records   function that returns the log records since the last cycle. With the status line
+--           among them, values have three decimals; with the traces of "SysHealth.eng", those
+--           beyond their thresholds have six. Without this option, values are whole numbers, and
+--           a threshold below 1 from the configuration file looks like a metric that is off.
 function filter.new(options)
     if type(options) == "table" and not is_document(options.dom) then
         error("options.dom must be an SLB.Dom, not " .. type(options.dom), 2)
@@ -268,8 +272,8 @@ function filter.new(options)
     return monitor
 end
 
--- A policy pushed by the management side: in force from the next cycle on. The module itself
--- does not report what is wrong with a policy, so the first result with it does.
+-- Sets the policy for the next cycle on. The module does not report what is wrong with a policy,
+-- so the result of its first cycle does.
 function Monitor:set_policy(text, settings)
     if text ~= nil and type(text) ~= "string" then
         error("the policy must be a string, not " .. type(text), 2)
@@ -277,16 +281,16 @@ function Monitor:set_policy(text, settings)
     self.policy, self.settings = text or "", settings or {}
     self.policy_error, self.policy_warnings = nil, nil
     if settings or self.policy == "" then return end
-    local found, fault = health_policy.check(self.policy)
+    local found, report = health_policy.check(self.policy)
     if found then
-        self.settings, self.policy_warnings = found, #fault > 0 and fault or nil
+        self.settings, self.policy_warnings = found, #report > 0 and report or nil
     else
-        self.settings, self.policy_error = health_policy.check(self.policy, true) or {}, fault
+        self.settings, self.policy_error = health_policy.check(self.policy, true) or {}, report
     end
 end
 
--- Other scripts read here whether the filter enforces. A document that cannot be written must
--- not keep the filter from acting: it is reported, no more.
+-- Stores the state for other scripts. If that fails, the filter must still act: the failure is
+-- only reported.
 function Monitor:publish()
     local stored, message = self.dom:set("vxp.filter.FailOpenState", self.state)
     self.unpublished = not stored and message or nil
@@ -301,22 +305,23 @@ function Monitor:change(state)
     self:publish()
 end
 
--- Runs one cycle and returns
---   action, text        the code and its meaning in words
---   before, state       the state the module was asked with, and the state held now
---   transition          "entered" or "left" where this cycle changed the state
---   unpublished         why the document does not show the state, where it does not
---   policy_error        what is wrong with the policy, in its first cycle only: it is not JSON,
---                       or a member has the wrong type
---   policy_warnings     likewise, an array: members that are ignored
---   measured            true when metrics were judged; only then:
---   metrics             six rows {name, value, threshold, enabled, over}; without a value where
---                       the metric is off, or a difference to a cycle that there was not
---   over                the rows beyond their thresholds
---   exact               true when the values come from the status line; only then:
---   min_duration_s      how long fail-open lasts at least
---   in_fail_open_s      how long it has lasted
---   port                the port that the driver counts, 0 for none
+-- Runs one cycle and returns a table:
+--
+-- action, text        the action code and a description
+-- before, state       the state before this cycle, and the state now
+-- transition          "entered" or "left" if this cycle changed the state
+-- unpublished         why the document does not have the current state, if it does not
+-- policy_error        what is wrong with the policy (not JSON, or a member of the wrong type), in
+--                     its first cycle only
+-- policy_warnings     array of what the module ignores in the policy, in its first cycle only
+-- measured            whether metrics were judged; the rest is there only if so
+-- metrics             six rows {name, value, threshold, enabled, over}; no value if the metric is
+--                     off or is a difference from an earlier cycle that did not exist
+-- over                the rows beyond their thresholds
+-- exact               whether the values come from the status line; the rest only if so
+-- min_duration_s      minimum duration of fail-open
+-- in_fail_open_s      how long fail-open has lasted
+-- port                the port that the driver counts, 0 for none
 function Monitor:cycle()
     local before = self.state
     local action = SLB.filter.CheckSystemHealthMetrics(self.dom, before, self.policy).action
@@ -329,11 +334,11 @@ function Monitor:cycle()
     if result.measured then self:measure(result, records) end
     self.has_run = true
 
-    -- Any other action decides nothing: the state stays, fail-open included, so that a
-    -- failing sample cannot switch enforcement on a machine under stress.
+    -- After any other action the state stays as it is, also in fail-open: a failed sample must
+    -- not switch enforcement on a machine under stress.
     if action == filter.FAIL_OPEN and before == filter.DEACTIVATED then
         result.transition = "entered"
-        if #result.over == 0 then blame_ties(result.metrics, result.over) end
+        if #result.over == 0 then mark_ties(result.metrics, result.over) end
         self:change(filter.ACTIVATED)
     elseif action == filter.NORMAL and before == filter.ACTIVATED then
         result.transition = "left"
@@ -343,24 +348,23 @@ function Monitor:cycle()
     return result
 end
 
--- ---- connection feedback --------------------------------------------------------------
+-- ---- connection feedback ----------------------------------------------------------------
 
--- The module publishes what was fed when it is asked to and more than 60 whole seconds
--- have passed since it did so last, or since it was loaded.
+-- Minimum time between two publications by the module, or from its loading to the first.
 filter.PUBLICATION_INTERVAL_S = 61
 
--- Maximum number of distinct keys that the module keeps between publications.
+-- Maximum number of distinct keys that the module keeps between two publications.
 filter.KEYS_KEPT = 10000
 
--- Bits of an observation's "flags" that the flow table can tell.
+-- Bits of an observation's "flags" that can be derived from a flow.
 filter.UDP_CONNECTION = 0x2
 filter.OUTBOUND_CONNECTION = 0x4
-local FLAGS_LIMIT = 0x8  -- above their sum
+local FLAGS_LIMIT = 0x8  -- greater than their sum
 
--- What the module is told of a flow: the key under which equal ones are counted, and lines
--- of a name, a TAB and a value. Equal are flows to the same service, whoever opened them: a
--- client's port differs every time, and a server has more clients than the module has room
--- for. `flow` is a row of handle:connections(); `outbound`: it was opened from this machine.
+-- Returns the observation of a flow: its key and its text, lines of name, TAB and value; and its
+-- flags. Flows to the same service have the same key, so that they are counted together: the
+-- client's address and port would make more keys than the module keeps. `flow` is a row of
+-- handle:connections(); `outbound`: it was opened from this machine.
 function filter.observation(flow, outbound)
     local flags = (flow.protocol == "udp" and filter.UDP_CONNECTION or 0)
         + (outbound and filter.OUTBOUND_CONNECTION or 0)
@@ -370,10 +374,10 @@ function filter.observation(flow, outbound)
     return key, text, flags
 end
 
--- Lua hashes a string of 32 characters or more by some of them only, every second or third:
--- keys that differ in the others collide, and a table of 60,000 takes seconds or minutes to
--- fill. So nothing here is kept under a string composed of addresses and ports, but in nested
--- tables, by address and by number.
+-- Returns the subtable at `key`, making it if needed. Flows are kept in nested tables by address
+-- and port, not under a concatenated string: Lua 5.2 hashes only every second or third character
+-- of a string of 32 characters or more (luaS_hash in lstring.c), and keys that differ in the
+-- others collide: a table of 60,000 would take seconds to minutes to fill.
 local function branch(tree, key)
     local found = tree[key]
     if not found then
@@ -383,12 +387,12 @@ local function branch(tree, key)
     return found
 end
 
--- The flow's protocol and destination port in a number.
+-- Returns the flow's protocol and destination port as one number.
 local function service(flow)
     return flow.dport * 2 + (flow.protocol == "udp" and 1 or 0)
 end
 
--- Notes the flow as present; false when it was there already.
+-- Adds the flow to the tree; returns false if it was there already.
 local function add(tree, flow)
     local ports = branch(branch(branch(tree, flow.dst), service(flow)), flow.src)
     local is_new = not ports[flow.sport]
@@ -408,21 +412,23 @@ Feedback.__index = Feedback
 
 local FEEDBACK_OPTIONS = { is_local = "function", interrupted = "function" }
 
--- options.is_local     function(address): whether it is one of this machine's. Without it no
---                      flow counts as outbound.
--- options.interrupted  function(), asked while a sample goes through the flows: true ends it
--- The module must be loaded: the time to the first publication runs from then on.
+-- Returns a feedback. Load the module immediately before: the time to the first publication
+-- starts then. Options:
+--
+-- is_local     function(address) that returns whether the address is this machine's. Without it,
+--              no flow counts as outbound.
+-- interrupted  function() called repeatedly during a sample; if it returns true, the sample ends
 function filter.feedback(options)
     options = options or {}
     check_options(options, FEEDBACK_OPTIONS)
     local feedback = setmetatable({ is_local = options.is_local, present = {} }, Feedback)
     feedback.interrupted = options.interrupted or function() return false end
-    feedback:start_over(os.time())
+    feedback:reset(os.time())
     return feedback
 end
 
--- Nothing is fed, and the module has room for all keys. `published`: since when.
-function Feedback:start_over(published)
+-- Nothing has been fed since `published`, the time of the module's last publication.
+function Feedback:reset(published)
     self.published = published
     self.fed, self.refused = 0, 0
     self.rows, self.keys, self.key_count = {}, {}, 0  -- rows by destination and service
@@ -430,13 +436,13 @@ end
 
 local ROWS_BETWEEN_CHECKS = 1000
 
--- The flows as a tree, how many they are, and an array of those that the last sample did not
--- have; nil when interrupted.
+-- Returns the flows as a tree, their number, and an array of those that were not in the previous
+-- sample; nil if interrupted.
 function Feedback:compare(flows)
     local present, total, new = {}, 0, {}
     for i, flow in ipairs(flows) do
         if i % ROWS_BETWEEN_CHECKS == 0 and self.interrupted() then return nil end
-        if add(present, flow) then  -- both ends of a connection within the machine are listed
+        if add(present, flow) then  -- a connection within the machine can be listed twice
             total = total + 1
             if not contains(self.present, flow) then new[#new + 1] = flow end
         end
@@ -444,11 +450,11 @@ function Feedback:compare(flows)
     return present, total, new
 end
 
--- Feeds one observation for each flow that the previous sample did not have. A flow that
--- lasts is counted once; one that comes and goes between two samples is not seen, unless
--- the driver still remembers it; one that comes back with the same ports in time for the
--- next sample counts as the same. Returns how many flows there are and how many are new;
--- nil and "interrupted" when options.interrupted ended it, with nothing fed.
+-- Feeds one observation for each flow that was not in the previous sample. A flow that lasts is
+-- counted once. A flow that starts and ends between two samples is missed unless the driver still
+-- remembers it; one that ends and starts again with the same ports in between counts as the same.
+-- Returns the number of flows and of new ones; or, with nothing fed, nil and "interrupted" if
+-- options.interrupted ended the sample.
 function Feedback:sample(flows)
     local present, total, new = self:compare(flows)
     if not present then return nil, "interrupted" end
@@ -457,7 +463,7 @@ function Feedback:sample(flows)
     return total, #new
 end
 
--- The row that the module's report will have for an observation.
+-- Returns the row that the module's report will have for the observation of a flow.
 local function row_of(flow, flags)
     local udp = flow.protocol == "udp"
     return { protocol = flow.protocol, dst_addr = flow.dst, dst_port = flow.dport, flags = flags,
@@ -465,8 +471,7 @@ local function row_of(flow, flags)
              cf_outbound_connection = flags >= filter.OUTBOUND_CONNECTION and 1 or 0, count = 0 }
 end
 
--- Keeps count of an observation in the way of the module, which drops those beyond its room
--- silently.
+-- Counts an observation as the module does, which silently drops new keys once it has KEYS_KEPT.
 function Feedback:count(flow, flags, key)
     local rows = branch(self.rows, flow.dst)
     local number = flow.dport * FLAGS_LIMIT + flags
@@ -489,13 +494,13 @@ function Feedback:feed(flow)
     self:count(flow, flags, key)
 end
 
--- Seconds until the module can publish; 0 when it can. A clock that was set back prolongs
--- it, for the module as well.
+-- Returns the seconds until the module can publish, 0 if it can now. If the clock is set back,
+-- this gets longer, as it does for the module.
 function Feedback:due()
     return math.max(0, self.published + filter.PUBLICATION_INTERVAL_S - os.time())
 end
 
--- Most frequent first; equally frequent ones in the module's order.
+-- Sorts rows by descending count; rows with equal counts keep the module's order.
 local function sort_by_count(rows)
     local position = {}
     for i, row in ipairs(rows) do position[row] = i end
@@ -505,27 +510,28 @@ local function sort_by_count(rows)
     end)
 end
 
--- Publishes and fetches what was fed, or returns nil while that is not due. A report has
---   rows          as SLB.filter.GetConnMetrics gives them, most frequent first
---   observations  the sum of their counts
---   refused       observations for which the module had no room: it keeps 10000 keys
---   since, time   the seconds between which they were fed
+-- Publishes and fetches what was fed. Returns nil if that is not due yet, otherwise a report:
+--
+-- rows          the rows of SLB.filter.GetConnMetrics, most frequent first
+-- observations  the sum of their counts
+-- refused       number of observations that the module dropped: it keeps KEYS_KEPT keys
+-- since, time   the period in which they were fed, seconds since the epoch
 function Feedback:report()
     if self:due() > 0 then return nil end
     SLB.filter.UpdateConnMetrics()
     local report = { rows = SLB.filter.GetConnMetrics(), observations = 0,
                      since = self.published, time = os.time() }
-    -- A clock that was set back in between: the module kept everything for later.
+    -- If the clock was set back in between, the module did not publish and keeps everything.
     if #report.rows == 0 and self.fed > 0 then return nil end
     for _, row in ipairs(report.rows) do report.observations = report.observations + row.count end
     report.refused = self.fed - report.observations
     sort_by_count(report.rows)
-    -- Taken after the call, so never before the module's own note of the time.
-    self:start_over(report.time)
+    -- Taken after the call, so never earlier than the time the module has recorded.
+    self:reset(report.time)
     return report
 end
 
--- What was fed since the last report and is not published yet, in the form of a report.
+-- Returns what was fed since the last report, not yet published, in the form of a report.
 function Feedback:rest()
     local rows, keys = {}, self.keys
     for row in pairs(keys) do rows[#rows + 1] = row end

@@ -1,21 +1,21 @@
--- What a health policy sets, and whether that is what its author meant.
+-- The settings of a health policy, and a check for mistakes in one.
 --
--- The module ignores names it does not know and values out of bounds without a log line,
--- and takes a number in quotes for 0. So check a policy before the module gets it:
+-- The module silently ignores unknown names and values out of bounds, and takes a number in
+-- quotes for 0. So check a policy before the module gets it:
 --
 --     local health_policy = require "health_policy"
 --     local settings, warnings = health_policy.check(text)
 --     if not settings then log("policy refused: " .. warnings) end
 --
--- Needs nothing but strict_json.lua.
+-- Needs only strict_json.lua.
 
 local strict_json = require "strict_json"
 
 local health_policy = {}
 
--- Every setting. `conf` is its name in /etc/vx_filter.conf. A threshold is an object in
--- JSON: {"SYS_THR_RUNQ": {"value": 8}}; everything else a plain number. Thresholds with
--- `needs_port` disable monitoring when no port is set.
+-- All settings. `key` is the name in a policy, `conf` in /etc/vx_filter.conf, `max` the largest
+-- value. In a policy a `threshold` is an object, {"SYS_THR_RUNQ": {"value": 8}}, and any other
+-- setting a plain number. A threshold with `needs_port` disables monitoring if no port is set.
 health_policy.settings = {
     { key = "SYS_CONF_CONN_REFUSAL_PORT", conf = "SYSTEM_CONNECTION_REFUSAL_PORT", max = 65535 },
     { key = "SYS_CONF_CONN_REFUSAL_OUTBOUND", conf = "SYSTEM_CONNECTION_REFUSAL_OUTBOUND",
@@ -35,13 +35,13 @@ health_policy.settings = {
     { key = "SYS_CONF_UNLOAD_DRIVER", conf = "SYSTEM_UNLOAD_DRIVER", max = 1 },
 }
 
--- The module finds members whatever the case of their letters.
+-- The module ignores the case of member names.
 local by_lower_key = {}
 for _, setting in ipairs(health_policy.settings) do by_lower_key[setting.key:lower()] = setting end
 
 -- ---- lists of complaints ----------------------------------------------------------------
 
--- A policy may hold a hundred thousand members: the list ends with "and N more".
+-- A policy can have a hundred thousand members, so a list ends with "and N more".
 local MOST_COMPLAINTS = 20
 
 local Complaints = {}
@@ -60,7 +60,7 @@ function Complaints:add(format, ...)
     self.count = self.count + 1
 end
 
--- The list as a plain array.
+-- Ends the list and returns it as a plain array.
 function Complaints:close()
     local rest = self.count - MOST_COMPLAINTS
     if rest > 0 then self[#self + 1] = ("and %d more"):format(rest) end
@@ -70,7 +70,7 @@ end
 
 -- ---- names ------------------------------------------------------------------------------
 
--- How many letters must be changed, added or removed to turn one name into the other.
+-- Returns the Levenshtein distance of two names.
 local function distance(from, to)
     local row = {}
     for j = 0, #to do row[j] = j end
@@ -91,28 +91,30 @@ local function shorten(text)
     return #text <= LONGEST_SHOWN and text or text:sub(1, LONGEST_SHOWN) .. "..."
 end
 
--- Adds a warning about a name that no setting has. `field` is "key" in a policy, "conf" in
--- the file; a name of the other kind leads to its setting as well.
-function Complaints:add_unknown(place, name, field)
-    local best, nearest
-    if self:has_room() and #name <= LONGEST_SHOWN then
-        for _, setting in ipairs(health_policy.settings) do
-            for _, candidate in ipairs { setting.key, setting.conf } do
-                local changes = distance(name:upper(), candidate)
-                local most = math.min(math.max(#name, #candidate) / 4, (nearest or 100) - 1)
-                if changes <= most then
-                    best, nearest = setting[field], changes
-                end
-            end
+-- Returns the setting with the name most similar to `name`, or nil if none is similar.
+local function most_similar(name)
+    local best, best_distance
+    for _, setting in ipairs(health_policy.settings) do
+        for _, candidate in ipairs { setting.key, setting.conf } do
+            local changes = distance(name:upper(), candidate)
+            local most = math.min(math.max(#name, #candidate) / 4, (best_distance or 100) - 1)
+            if changes <= most then best, best_distance = setting, changes end
         end
     end
+    return best
+end
+
+-- Adds a warning about an unknown name and suggests a setting. `field` is how settings are named
+-- at this place: "key" in a policy, "conf" in the configuration file.
+function Complaints:add_unknown(place, name, field)
+    local similar = self:has_room() and #name <= LONGEST_SHOWN and most_similar(name)
     self:add("%s'%s' is not a setting; it is ignored%s", place, shorten(name),
-        best and (" (did you mean '%s'?)"):format(best) or "")
+        similar and (" (did you mean '%s'?)"):format(similar[field]) or "")
 end
 
 -- ---- members ----------------------------------------------------------------------------
 
--- The member "value" that counts, and whether there are several.
+-- Returns the first member "value", which the module takes, and whether there are several.
 local function value_of(threshold)
     local found, again = nil, false
     for _, member in ipairs(threshold.members or {}) do
@@ -128,25 +130,25 @@ local function as_number(value)
         or value.type == "string" and tonumber(value.value:match("^%s*(%d+%.?%d*)%s*$"))
 end
 
--- What belongs there, with the number that the author wrote in the wrong form.
-local function wanted(setting, value)
+-- Returns the correct form of a member, with the author's number if there is one.
+local function expected(setting, value)
     local number = as_number(value_of(value) or value)
     local text = number and ("%.14g"):format(number)
     return setting.threshold and ('{"value": %s}'):format(text or "NUMBER") or text or "a number"
 end
 
-local NAMES = { object = "an object", array = "an array" }
+local TYPE_NAMES = { object = "an object", array = "an array" }
 
-local function shown(value)
+local function describe(value)
     if value.type == "number" then return ("%.14g"):format(value.value) end
     if value.type == "string" then return '"' .. shorten(value.value) .. '"' end
-    return NAMES[value.type] or value.type
+    return TYPE_NAMES[value.type] or value.type
 end
 
-local function shown_whole(value)
+local function describe_member(value)
     local inner = value_of(value)
-    if inner then return ('{"value": %s}'):format(shown(inner)) end
-    return shown(value) .. (value.type == "object" and ' without "value"' or "")
+    if inner then return ('{"value": %s}'):format(describe(inner)) end
+    return describe(value) .. (value.type == "object" and ' without "value"' or "")
 end
 
 function health_policy.in_bounds(setting, number)
@@ -154,23 +156,23 @@ function health_policy.in_bounds(setting, number)
     return number >= 0 and number <= setting.max
 end
 
--- What the module makes of a number within bounds: plain numbers lose their fraction.
+-- Returns what the module makes of a number within bounds: plain numbers lose their fraction.
 function health_policy.effective(setting, number, warnings, name)
     if setting.threshold or number == math.floor(number) then return number end
     warnings:add("%s: %.14g counts as %d", name, number, math.floor(number))
     return math.floor(number)
 end
 
--- Returns the number that the module takes for this setting, or nil. Without `faults`, a
--- member of the wrong type gets a warning with what the module makes of it.
-local function check_member(setting, value, faults, warnings)
+-- Returns the number that the module takes for this setting, or nil. A member of the wrong type
+-- is an error if `errors` is given, otherwise a warning that says what the module makes of it.
+local function check_member(setting, value, errors, warnings)
     local source, again = value, false
     if setting.threshold then source, again = value_of(value) end
     if not source or source.type ~= "number" then
         local effect = setting.threshold and "; it is ignored" or "; it counts as 0"
-        local list = faults or warnings
-        list:add("%s must be %s, not %s%s", setting.key, wanted(setting, value),
-            shown_whole(value), faults and "" or effect)
+        local list = errors or warnings
+        list:add("%s must be %s, not %s%s", setting.key, expected(setting, value),
+            describe_member(value), errors and "" or effect)
         return not setting.threshold and 0 or nil
     end
     if again then warnings:add("%s has its value repeated; the first counts", setting.key) end
@@ -183,7 +185,7 @@ end
 
 local function check_members(members, lenient)
     local settings, seen, warnings = {}, {}, health_policy.complaints()
-    local faults = not lenient and health_policy.complaints() or nil
+    local errors = not lenient and health_policy.complaints() or nil
     for _, member in ipairs(members) do
         local setting = by_lower_key[member.key:lower()]
         if not setting then
@@ -192,18 +194,18 @@ local function check_members(members, lenient)
             warnings:add("'%s' is repeated; the first counts", member.key)
         else
             seen[setting] = true
-            settings[setting.key] = check_member(setting, member.value, faults, warnings)
+            settings[setting.key] = check_member(setting, member.value, errors, warnings)
         end
     end
-    if lenient or faults.count == 0 then return settings, warnings:close() end
-    local rest = faults.count > 1 and (" (and %d more)"):format(faults.count - 1) or ""
-    return nil, faults[1] .. rest
+    if lenient or errors.count == 0 then return settings, warnings:close() end
+    local rest = errors.count > 1 and (" (and %d more)"):format(errors.count - 1) or ""
+    return nil, errors[1] .. rest
 end
 
 -- ---- the whole policy -------------------------------------------------------------------
 
--- A line of /etc/vx_filter.conf in a text that is not JSON, named as such.
-local function conf_syntax(text)
+-- Recognizes the syntax of /etc/vx_filter.conf: returns a message, line and column, or nothing.
+local function find_conf_syntax(text)
     local at, name = ("\n" .. text):match("\n[ \t]*()([%w_]+)[ \t]*=")
     if not at or not (name:find("^SYSTEM_") or name:find("^SYS_")) then return end
     return "a policy is JSON; NAME=NUMBER is the syntax of /etc/vx_filter.conf",
@@ -215,20 +217,19 @@ local function parse(text)
     if policy then
         if policy.type == "object" then return policy end
         message, line, column = "a policy is a JSON object: {...}", 1, 1
-    elseif conf_syntax(text) then
-        message, line, column = conf_syntax(text)
+    elseif find_conf_syntax(text) then
+        message, line, column = find_conf_syntax(text)
     end
     return nil, ("line %d, column %d: %s"):format(line, column, message)
 end
 
--- Returns the settings that will be in force, numbers by their keys, and an array of
--- warnings, one for each member that is ignored (at most 20 and how many more). Or nil and
--- what is wrong: not JSON, or a member of the wrong type. The module takes a plain number
--- of the wrong type for 0 and ignores such a threshold; with `lenient` so does this, and
--- warns.
+-- Returns the settings that will be in force, numbers by their keys, and an array of warnings,
+-- one for each member that is ignored (at most 20 and "and N more"). Returns nil and a message if
+-- the policy is not JSON or a member has the wrong type. The module takes a plain number of the
+-- wrong type for 0 and ignores such a threshold; with `lenient`, so does this, with a warning.
 function health_policy.check(text, lenient)
-    local policy, fault = parse(text)
-    if not policy then return nil, fault end
+    local policy, message = parse(text)
+    if not policy then return nil, message end
     return check_members(policy.members, lenient)
 end
 

@@ -1,18 +1,17 @@
--- A JSON reader for what people write by hand: it accepts RFC 8259 and nothing else, says
--- where and why something is not JSON, and keeps the order of members and repeated ones,
--- which decoded tables lose.
+-- A JSON parser for files written by hand. It accepts exactly RFC 8259, reports where and why a
+-- text is not JSON, and keeps the order of members and repeated members, which a plain Lua table
+-- loses.
 --
 --     local value, message, line, column = strict_json.parse(text)
 --
--- A value is a table with a `type`: "number" and "string" have a `value`; "object" has
--- `members`, an array of { key, value } in their order; "array", "true", "false" and
--- "null" have nothing more (the elements of an array are checked and dropped). Without a
--- value: what is wrong and where; line and column count from 1, columns in characters. A
--- byte order mark in front is skipped.
+-- A value is a table with a `type`: "number" and "string" also have a `value`, "object" has
+-- `members`, an array of {key=, value=} in their order; "array", "true", "false" and "null" have
+-- nothing else (the elements of an array are checked and dropped). On an error, `value` is nil;
+-- line and column start at 1, columns count characters. A byte order mark is skipped.
 
 local strict_json = {}
 
-local DEEPEST_NESTING = 1000  -- as in the module's parser
+local DEEPEST_NESTING = 1000  -- CJSON_NESTING_LIMIT of cJSON, the module's parser
 
 local char, floor = string.char, math.floor
 
@@ -20,7 +19,8 @@ local function fail(at, format, ...)
     error({ at = at, message = format:format(...) }, 0)
 end
 
-local function shown(text, at)
+-- Returns what is at this place, for a message.
+local function describe(text, at)
     local word = text:match("^[%w_.+-]+", at) or text:match("^[^%c\128-\255]", at)
         or text:match("^[\194-\244][\128-\191]+", at)
     return word and "'" .. word:sub(1, 20) .. "'" or ("byte 0x%02x"):format(text:byte(at))
@@ -30,7 +30,7 @@ local function unexpected(text, at, hint)
     if text:find("^//", at) or text:find("^/%*", at) or text:find("^#", at) then
         fail(at, "JSON has no comments")
     end
-    fail(at, "unexpected %s%s", at > #text and "end" or shown(text, at), hint)
+    fail(at, "unexpected %s%s", at > #text and "end" or describe(text, at), hint)
 end
 
 local function skip_blanks(text, at)
@@ -48,7 +48,7 @@ local function utf8(code)
     return char(0xF0 + floor(code / 262144), 0x80 + floor(code / 4096) % 64, third, last)
 end
 
--- The character of an escape with four hexadecimal digits, and where it ends.
+-- Returns the character of a \uXXXX escape, or of the two of a surrogate pair, and where it ends.
 local function unicode_escape(text, at)
     local code = tonumber(text:match("^\\u(%x%x%x%x)", at) or fail(at, "unknown escape"), 16)
     if code == 0 then fail(at, "NUL characters are not accepted") end
@@ -83,7 +83,7 @@ end
 
 local value_at
 
--- Reads elements and commas up to the closing bracket; returns where it ends.
+-- Parses elements and commas up to the closing bracket; returns the position after it.
 local function list_at(text, at, closing, element_at)
     at = skip_blanks(text, at + 1)
     if text:sub(at, at) == closing then return at + 1 end
@@ -122,7 +122,7 @@ local function array_at(text, at, depth)
     end)
 end
 
--- The module's parser takes at most 63 characters for a number.
+-- cJSON, the module's parser, takes at most 63 characters for a number.
 local function number_at(text, at)
     local whole, stop = text:match("^(%-?%d+)()", at)
     if not whole or whole:find("^%-?0%d") then unexpected(text, at, ": a value expected") end
@@ -156,7 +156,7 @@ local function document(text)
     return value
 end
 
--- Line and column of an offset in a text.
+-- Returns line and column of an offset in a text.
 function strict_json.place(text, at)
     local before = text:sub(1, at - 1)
     local _, lines = before:gsub("\n", "")

@@ -1,4 +1,4 @@
--- What the script tests share: comparing, the records that the host wrote, the sandbox.
+-- What the Lua tests share: comparisons, files, and the host's log records.
 
 local json = require "dkjson"
 
@@ -6,16 +6,10 @@ local testing = {}
 
 local failures, checks = 0, 0
 
-local function show(value, depth)
-    depth = depth or 0
-    if type(value) == "string" then return ("%q"):format(value) end
-    if type(value) ~= "table" or depth > 4 then return tostring(value) end
-    local parts = {}
-    for _, v in ipairs(value) do parts[#parts + 1] = show(v, depth + 1) end
-    for k, v in pairs(value) do
-        if type(k) ~= "number" then parts[#parts + 1] = k .. "=" .. show(v, depth + 1) end
-    end
-    return "{" .. table.concat(parts, ",\n  ") .. "}"
+local function show(value)
+    return json.encode(value, { indent = true, exception = function(_, other)
+        return ("%q"):format(tostring(other))
+    end })
 end
 
 local function same(a, b)
@@ -25,48 +19,54 @@ local function same(a, b)
     return true
 end
 
--- `callers`: how many stand between this call and the line to be named; 0 when not given.
+-- `callers`: number of calls between this one and the line to report; default 0.
 function testing.equal(got, expected, what, callers)
     checks = checks + 1
     if same(got, expected) then return end
     failures = failures + 1
     local place = debug.getinfo(2 + (callers or 0), "Sl")
-    io.stderr:write(("%s:%d: %s\n  expected %s\n  got      %s\n"):format(place.short_src,
-        place.currentline, what or "", show(expected), show(got)))
+    print(("%s:%d: %s\n  expected %s\n  got      %s"):format(place.short_src, place.currentline,
+        what or "", show(expected), show(got)))
 end
 
--- The call must raise an error that ends in the text: what stands in front of it names the
--- function, in words that differ between interpreters.
+-- The call must raise an error that ends so; its start differs between interpreters.
 function testing.raises(tail, f, ...)
     local ok, message = pcall(f, ...)
     testing.equal(ok, false, "no error; expected " .. tail, 1)
-    testing.equal(tostring(message):sub(-#tail), tail, "error text", 1)
+    testing.equal(tostring(message):sub(-#tail), tail, "error message", 1)
 end
 
--- Ends the script: status 1 when a check failed, or none was made.
+-- The text must match a pattern, or each of an array of patterns after the one before.
+function testing.matches(text, patterns, what)
+    local from = 1
+    for _, pattern in ipairs(type(patterns) == "table" and patterns or { patterns }) do
+        local _, last = text:find(pattern, pattern:find("^%^") and 1 or from)
+        testing.equal(last and pattern or text:sub(from), pattern, what, 1)
+        from = last or from  -- patterns may share a line feed
+    end
+end
+
+-- Ends the script with status 1 if a check failed or none was made.
 function testing.finish()
     collectgarbage()
-    io.stdout:write(("%d checks, %d failed\n"):format(checks, failures))
+    print(("%d checks, %d failed"):format(checks, failures))
     os.exit(failures == 0 and checks > 0, true)
 end
 
 function testing.write(path, text)
-    local file = assert(io.open(path, "w"))
-    assert(file:write(text))
-    assert(file:close())
+    assert(assert(assert(io.open(path, "w")):write(text)):close())
 end
 
 function testing.read(path)
     local file = io.open(path, "rb")
-    if not file then return nil end
-    local text = file:read("*a")
-    file:close()
+    local text = file and file:read("*a")
+    if file then file:close() end
     return text
 end
 
-local position = 0
+local position = 0  -- of the first record that is new
 
--- The records of that kind ("trace" or "log") that were written since the last call.
+-- The records written since the last call, as arrays "trace" and "log".
 function testing.records(path)
     local records = {trace = {}, log = {}}
     local text = testing.read(path) or ""

@@ -142,6 +142,8 @@ return function(options)
     -- Ctrl-C also ends the commands that the module runs: their failure says nothing then.
     exit.if_interrupted(monitored.vxa)
     if options.json then show_json(status, monitored.vxa) else show_text(status) end
+    monitored.messages:show()  -- of the cycle
+    monitored.messages:take()  -- of the queries after it
     monitored.messages:show()
     session.close_document(monitored)
     if status.result.measured or status.result.action == filter.DISABLED then return 0 end
