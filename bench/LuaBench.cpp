@@ -1,3 +1,5 @@
+// Lua state for the benchmarks of native functions.
+
 #include "LuaBench.h"
 
 #include <chrono>
@@ -16,9 +18,9 @@ int Empty(lua_State*)
 
 }  // namespace
 
-void Die(const char* what)
+void Die(const char* message)
 {
-    std::fprintf(stderr, "benchmark: %s\n", what);
+    std::fprintf(stderr, "benchmark: %s\n", message);
     std::exit(1);
 }
 
@@ -29,11 +31,11 @@ lua_State* State()
 
 void Open(lua_State* state)
 {
-    if (state == nullptr) Die("no memory for Lua");
+    if (!state) Die("no memory for Lua");
     s_lua = state;
     luaL_openlibs(s_lua);
     lua_register(s_lua, "empty", Empty);
-    Run("package.cpath = '" LIBRARY_DIR "/?.so' package.path = '" SCRIPT_DIR
+    Run("package.cpath = '" LIBRARY_DIR "/?.so' package.path = '" SCRIPT_DIR "/?.lua;" BENCH_DIR
         "/?.lua;' .. package.path vxa = require 'vxa' require 'fc' doc, filter = vxa.Dom(), "
         "SLB.filter");
 }

@@ -1,5 +1,4 @@
-// What the benchmarks of native functions share: one Lua state with both modules, and
-// chunks measured in it.
+// Lua state for the benchmarks of native functions, and chunks measured in it.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -8,11 +7,11 @@
 
 namespace lua_bench {
 
-// Ends the program with the reason on standard error.
-[[noreturn]] void Die(const char* what);
+// Exits with 1 and the message on standard error.
+[[noreturn]] void Die(const char* message);
 
-// Makes the state: `vxa`, `filter` (the table of native functions), `doc` and `empty`, a C
-// function that does nothing.
+// Makes the only state, with the globals `vxa`, `filter` (table of the native functions), `doc` (a
+// document) and `empty` (a C function that does nothing).
 void Open(lua_State* state = luaL_newstate());
 void Close();
 
@@ -20,14 +19,14 @@ lua_State* State();
 
 void Run(const char* chunk);
 
-// Compiles a chunk, to be called with Call.
+// Returns a reference to the chunk's function for Call.
 int Compile(const char* chunk);
 void Call(int compiled);
 
-// Runs a chunk once per iteration; its own loop makes so many calls.
+// Runs a chunk once per iteration. The time is reported per call: a chunk may loop.
 void Measure(benchmark::State& state, const char* chunk, long calls_per_chunk = 1);
 
-// The same, but `prepare` runs before each, untimed.
+// Runs another chunk before each iteration, untimed.
 void MeasureAfter(benchmark::State& state, const char* prepare, const char* chunk,
                   long calls_per_chunk = 1);
 

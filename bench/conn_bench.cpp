@@ -1,17 +1,16 @@
-// Speed of the connection feedback under Lua beside the same work in plain Lua, and how
-// long its lock is held.
+// Benchmarks of connection feedback: its functions against the same work in plain Lua, and how long
+// its lock is held.
 
 #include <dlfcn.h>
 #include <pthread.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
-#include <ctime>
 #include <string>
 
+#include "Clock.h"
+#include "Interpose.h"
 #include "LuaBench.h"
-#include "Observations.h"
 
 namespace {
 
@@ -20,45 +19,33 @@ using lua_bench::Compile;
 
 using Clock = std::chrono::steady_clock;
 
-// Seconds that time(2) of this program is ahead.
-std::atomic<std::time_t> s_ahead_s{0};
-
-// While on, this thread's longest hold of a mutex.
-struct Watch {
+// The longest time for which this thread held a mutex while `on`.
+struct LockWatch {
     bool on;
     int held;
     Clock::time_point since;
     Clock::duration longest;
 };
-thread_local Watch s_watch;
-
-int Advance(lua_State*)
-{
-    s_ahead_s += 61;
-    return 0;
-}
+thread_local LockWatch s_watch;
 
 // ---- feeding ---------------------------------------------------------------------------
 
-// The store knows the keys up to `known`; keys `first` to `last` are fed. A script makes the
-// key of an observation from what it saw: so it is a new string each time, made untimed.
+// Measures feeding the keys `first` to `last` where the store has the keys 1 to `known`. Makes new
+// strings for the keys each time, untimed, as a script does for each observation.
 void Feed(benchmark::State& state, const char* add, int known, int first, int last)
 {
     const std::string function = add;
     const std::string range = std::to_string(first) + ", " + std::to_string(last);
-    lua_bench::Run(("empty_stores() feed(" + function + ", keys(1, " + std::to_string(known) +
-                    "), short_texts) collectgarbage()")
-                       .c_str());
-    lua_bench::MeasureAfter(state, ("fresh = keys(" + range + ")").c_str(),
-                            ("local add, keys, texts = " + function +
-                             ", fresh, short_texts "
-                             "for i = 1, #keys do add(keys[i], texts[i], 1) end")
-                                .c_str(),
-                            last - first + 1);
+    const std::string setup = "o.empty_stores() o.feed(" + function + ", o.keys(1, " +
+                              std::to_string(known) + "), o.short_texts) collectgarbage()";
+    const std::string prepare = "keys = o.keys(" + range + ")";
+    const std::string chunk = "o.feed(" + function + ", keys, o.short_texts)";
+    lua_bench::Run(setup.c_str());
+    lua_bench::MeasureAfter(state, prepare.c_str(), chunk.c_str(), last - first + 1);
 }
 
 constexpr const char* kModule = "filter.AddToConnMetrics";
-constexpr const char* kPlain = "plain_add";
+constexpr const char* kPlain = "plain.add";
 
 void AddFew(benchmark::State& state)
 {
@@ -95,9 +82,9 @@ void PlainAddRefused(benchmark::State& state)
 void Report(benchmark::State& state)
 {
     lua_bench::MeasureAfter(state,
-                            "rows = nil empty_stores() "
-                            "feed(filter.AddToConnMetrics, all_keys, long_texts) publish() "
-                            "collectgarbage()",
+                            "rows = nil o.empty_stores() "
+                            "o.feed(filter.AddToConnMetrics, o.all_keys, o.long_texts) "
+                            "o.publish() collectgarbage()",
                             "rows = filter.GetConnMetrics()");
     lua_bench::Run("assert(#rows == 10000 and rows[10000].flags) rows = nil");
 }
@@ -105,15 +92,15 @@ void Report(benchmark::State& state)
 void PlainReport(benchmark::State& state)
 {
     lua_bench::Run(
-        "empty_stores() entries = {} "
-        "for i = 1, #all_keys do entries[i] = {text = long_texts[i], count = 1} end");
-    lua_bench::MeasureAfter(state, "rows = nil collectgarbage()", "rows = plain_rows(entries)");
+        "o.empty_stores() entries = {} "
+        "for i = 1, #o.all_keys do entries[i] = {text = o.long_texts[i], count = 1} end");
+    lua_bench::MeasureAfter(state, "rows = nil collectgarbage()", "rows = plain.rows(entries)");
     lua_bench::Run("assert(#rows == 10000 and rows[10000].flags) rows, entries = nil");
 }
 
 // ---- the lock --------------------------------------------------------------------------
 
-// The longest hold during `chunk`, which begins with `prepare` done.
+// Measures the longest hold of a mutex during `chunk`, with `prepare` run before it.
 void MeasureHold(benchmark::State& state, const char* prepare, const char* chunk)
 {
     const int prepared = Compile(prepare);
@@ -123,7 +110,7 @@ void MeasureHold(benchmark::State& state, const char* prepare, const char* chunk
         s_watch = {true, 0, {}, {}};
         Call(compiled);
         s_watch.on = false;
-        if (s_watch.longest == Clock::duration::zero()) lua_bench::Die("no lock was seen");
+        if (s_watch.longest == Clock::duration::zero()) lua_bench::Die("no mutex was locked");
         state.SetIterationTime(std::chrono::duration<double>(s_watch.longest).count());
     }
     luaL_unref(lua_bench::State(), LUA_REGISTRYINDEX, prepared);
@@ -133,14 +120,16 @@ void MeasureHold(benchmark::State& state, const char* prepare, const char* chunk
 void PublishHold(benchmark::State& state)
 {
     MeasureHold(state,
-                "empty_stores() feed(filter.AddToConnMetrics, all_keys, short_texts) advance()",
+                "o.empty_stores() o.feed(filter.AddToConnMetrics, o.all_keys, o.short_texts) "
+                "advance()",
                 "filter.UpdateConnMetrics()");
 }
 
 void TakeHold(benchmark::State& state)
 {
     MeasureHold(state,
-                "empty_stores() feed(filter.AddToConnMetrics, all_keys, short_texts) publish()",
+                "o.empty_stores() o.feed(filter.AddToConnMetrics, o.all_keys, o.short_texts) "
+                "o.publish()",
                 "assert(#filter.GetConnMetrics() == 10000)");
 }
 
@@ -157,18 +146,7 @@ BENCHMARK(TakeHold)->UseManualTime()->Iterations(1);
 
 }  // namespace
 
-#define BENCH_EXPORT extern "C" __attribute__((visibility("default")))
-
-BENCH_EXPORT std::time_t time(std::time_t* result) noexcept
-{
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    now.tv_sec += s_ahead_s;
-    if (result != nullptr) *result = now.tv_sec;
-    return now.tv_sec;
-}
-
-BENCH_EXPORT int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept
+BENCH_INTERPOSE int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept
 {
     static const auto next =
         reinterpret_cast<int (*)(pthread_mutex_t*)>(dlsym(RTLD_NEXT, "pthread_mutex_lock"));
@@ -177,7 +155,7 @@ BENCH_EXPORT int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept
     return status;
 }
 
-BENCH_EXPORT int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept
+BENCH_INTERPOSE int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept
 {
     static const auto next =
         reinterpret_cast<int (*)(pthread_mutex_t*)>(dlsym(RTLD_NEXT, "pthread_mutex_unlock"));
@@ -191,8 +169,8 @@ int main(int argc, char** argv)
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
     lua_bench::Open();
-    lua_register(lua_bench::State(), "advance", Advance);
-    lua_bench::Run(kObservations);
+    lua_register(lua_bench::State(), "advance", AdvanceClock);
+    lua_bench::Run("o, plain = require 'observations', require 'plain_feedback'");
     benchmark::RunSpecifiedBenchmarks();
     lua_bench::Close();
     return 0;

@@ -1,6 +1,8 @@
-// diagnostics_bench FLOWS ...: a diagnostic package of the linux engine beside the tools
-// that show the same tables, and the processor time of a feedback sample, in a network
-// namespace of its own with so many tracked connections and 1000 blacklisted addresses.
+// Benchmarks of the linux engine's tables: a diagnostic package against the tools that list the
+// same tables, and the processor time of a feedback sample.
+//
+// diagnostics_bench FLOWS: runs in a new network namespace with FLOWS conntrack entries and 1000
+// blacklisted addresses.
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,26 +12,27 @@
 #include <ctime>
 #include <string>
 
+#include "Environment.h"
 #include "LuaBench.h"
-#include "Stage.h"
 #include "vxi/engine.h"
 
 namespace {
 
 constexpr unsigned int kBlacklisted = 1000;
 
-std::string s_problem;  // why nothing can be measured here
+std::string s_problem;  // why nothing can be measured; empty if it can
 char s_archive[] = "/dev/shm/diagnostics_bench.XXXXXX";
 
-bool Feed(const char* command, const std::string& input)
+bool RunWithInput(const char* command, const std::string& input)
 {
     FILE* pipe = popen(command, "we");
-    if (pipe == nullptr) return false;
+    if (!pipe) return false;
     const bool written = std::fwrite(input.data(), 1, input.size(), pipe) == input.size();
     return pclose(pipe) == 0 && written;
 }
 
-std::string Rules()
+// For nft.
+std::string Ruleset()
 {
     std::string rules =
         "table inet bench {\n set blacklist { type ipv4_addr; elements = { 172.16.0.1";
@@ -40,10 +43,10 @@ std::string Rules()
            "ct state invalid counter; }\n}\n";
 }
 
-// Every fourth of UDP.
-std::string Flows(unsigned int count)
+// For conntrack. Every fourth entry is of UDP.
+std::string ConntrackEntries(unsigned int count)
 {
-    std::string flows;
+    std::string entries;
     char line[400];
     for (unsigned int i = 0; i < count; ++i) {
         char source[20];
@@ -55,18 +58,19 @@ std::string Flows(unsigned int count)
                       "--sport %u --dport 443 --reply-port-src 443 --reply-port-dst %u%s\n",
                       source, source, udp ? "udp" : "tcp", port, port,
                       udp ? "" : " --state ESTABLISHED");
-        flows += line;
+        entries += line;
     }
-    return flows;
+    return entries;
 }
 
+// Returns the reason if it failed.
 std::string Prepare(unsigned int flows)
 {
-    if (const char* error = stage::EnterNetworkNamespace(); *error != '\0')
-        return std::string("no network namespace of its own: ") + error;
-    if (!Feed("nft -f -", Rules())) return "nft cannot set up the blacklist";
-    if (!Feed("conntrack -R - >/dev/null 2>&1", Flows(flows)))
-        return "conntrack cannot make the connections";
+    if (const char* error = environment::EnterNetworkNamespace(); *error != '\0')
+        return std::string("no network namespace: ") + error;
+    if (!RunWithInput("nft -f -", Ruleset())) return "nft could not set up the blacklist";
+    if (!RunWithInput("conntrack -R - >/dev/null 2>&1", ConntrackEntries(flows)))
+        return "conntrack could not make the entries";
     return "";
 }
 
@@ -88,7 +92,7 @@ void Tools(benchmark::State& state)
         if (std::system(command.c_str()) != 0) return state.SkipWithError("the tools failed");
 }
 
-// A fresh script: all flows are new to it and fed.
+// With a new script each time, to which all flows are new, so that it feeds them all.
 void Sample(benchmark::State& state)
 {
     if (!s_problem.empty()) return state.SkipWithError(s_problem.c_str());
@@ -108,7 +112,7 @@ BENCHMARK(Sample)->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond)
 BENCHMARK(Package)->UseRealTime()->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(Tools)->UseRealTime()->Iterations(1)->Unit(benchmark::kMillisecond);
 
-// The package is what it is measured for: every connection in it, and no event.
+// Checks that a package has all entries and that no event was written.
 void CheckPackage(unsigned int flows)
 {
     lua_pushinteger(lua_bench::State(), static_cast<lua_Integer>(flows));
@@ -128,9 +132,9 @@ int main(int argc, char** argv)
 {
     benchmark::Initialize(&argc, argv);
     const unsigned int flows = argc == 2 ? static_cast<unsigned int>(std::atoi(argv[1])) : 0;
-    if (flows == 0) lua_bench::Die("usage: diagnostics_bench [OPTION ...] FLOWS");
+    if (flows == 0) lua_bench::Die("usage: diagnostics_bench [OPTION...] FLOWS");
     const int descriptor = mkstemp(s_archive);
-    if (descriptor < 0) lua_bench::Die("no file in /dev/shm");
+    if (descriptor < 0) lua_bench::Die("cannot make a file in /dev/shm");
     close(descriptor);
     s_problem = Prepare(flows);
     vxi_engine_select("linux");

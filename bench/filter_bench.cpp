@@ -1,12 +1,11 @@
-// Speed of the filter module under Lua, each figure beside what it is measured against.
-// bench/run runs this program and prints the table of ratios.
+// Benchmarks of the health monitor's functions, and what they are measured against.
 
 #include <cstdio>
 #include <cstring>
 #include <string>
 
+#include "Environment.h"
 #include "LuaBench.h"
-#include "Stage.h"
 #include "vxi/engine.h"
 
 namespace {
@@ -16,7 +15,7 @@ using lua_bench::Measure;
 
 constexpr int kCallsPerLoop = 1000;
 
-// The policies: with a port where the engine can count, else without.
+// The first where the engine can count a port, otherwise the second.
 constexpr const char* kPortPolicy =
     "{\"SYS_CONF_CONN_REFUSAL_PORT\": 8080, \"SYS_THR_CONN_REFUSAL_PCT\": {\"value\": 90}, "
     "\"SYS_THR_CONN_EST_PER_CPU\": {\"value\": 9000000}, "
@@ -25,17 +24,17 @@ constexpr const char* kPortPolicy =
 constexpr const char* kPlainPolicy =
     "{\"SYS_THR_RUNQ\": {\"value\": 200}, \"SYS_THR_FREE_MEM\": {\"value\": 1}}";
 
-std::string s_linux_note;
+// Why the linux engine cannot count a port here; empty if it can.
+std::string s_linux_problem;
 
-// Whether scan counters can be had here; else why not.
-std::string LinuxScanNote(vxi_handle_ops_s* handle)
+std::string FindScanProblem(vxi_handle_ops_s* handle)
 {
     vxi_capability_s rows[16];
     const int count = vxi_capabilities(handle, rows, 16);
     for (int i = 0; i < count && i < 16; ++i)
         if (std::strcmp(rows[i].name, "scan-metrics") == 0)
             return rows[i].available != 0 ? "" : rows[i].detail;
-    return "the engine does not tell";
+    return "the engine does not report scan-metrics";
 }
 
 void PrepareLua()
@@ -43,31 +42,31 @@ void PrepareLua()
     lua_bench::Open();
     lua_pushstring(lua_bench::State(), kPortPolicy);
     lua_setglobal(lua_bench::State(), "port_policy");
-    lua_pushstring(lua_bench::State(), s_linux_note.empty() ? kPortPolicy : kPlainPolicy);
+    lua_pushstring(lua_bench::State(), s_linux_problem.empty() ? kPortPolicy : kPlainPolicy);
     lua_setglobal(lua_bench::State(), "policy");
 }
 
-void FindOutWhatLinuxDelivers()
+void FindLinuxProblem()
 {
-    const char* const namespace_error = stage::EnterNetworkNamespace();
+    const char* const namespace_error = environment::EnterNetworkNamespace();
     vxi_handle_ops_s* handle = vxi_open();
-    s_linux_note = handle == nullptr ? vxi_open_error() : LinuxScanNote(handle);
-    if (s_linux_note.empty() && *namespace_error != '\0')
-        s_linux_note = std::string("no network namespace of its own: ") + namespace_error;
+    s_linux_problem = !handle ? vxi_open_error() : FindScanProblem(handle);
+    if (s_linux_problem.empty() && *namespace_error != '\0')
+        s_linux_problem = std::string("no network namespace: ") + namespace_error;
     vxi_close(handle);
 }
 
-// The module sends its configuration until a first fetch succeeds, to one engine; here two
-// engines take turns.
+// Configures the engine here: the module does so only until a first fetch succeeds, for one engine,
+// and here two take turns.
 void MonitorPort(const char* engine)
 {
-    constexpr int port = 8080;
+    constexpr int kPort = 8080;
     static scan_monitor_config config{};
     config.version = 1;
-    config.inbound[port / 32] = UINT32_C(1) << (port % 32);
+    config.inbound[kPort / 32] = UINT32_C(1) << (kPort % 32);
     vxi_engine_select(engine);
     vxi_handle_ops_s* handle = vxi_open();
-    if (vxi_set_scan_monitoring(handle, &config) != 0) Die("scan monitoring cannot be set");
+    if (vxi_set_scan_monitoring(handle, &config) != 0) Die("scan monitoring could not be set");
     vxi_close(handle);
 }
 
@@ -78,9 +77,9 @@ constexpr const char* kCycle =
 void ReadCommand(const char* command)
 {
     FILE* pipe = popen(command, "re");
-    if (pipe == nullptr) Die("popen");
+    if (!pipe) Die("popen");
     char line[256];
-    while (std::fgets(line, sizeof line, pipe) != nullptr) benchmark::DoNotOptimize(line);
+    while (std::fgets(line, sizeof line, pipe)) benchmark::DoNotOptimize(line);
     pclose(pipe);
 }
 
@@ -100,26 +99,26 @@ void BareNproc(benchmark::State& state)
 void WholeCycle(benchmark::State& state)
 {
     Measure(state, kCycle);
-    state.SetLabel(s_linux_note.empty() ? "one port counted by nf_tables"
-                                        : "no port: " + s_linux_note);
+    state.SetLabel(s_linux_problem.empty() ? "one port counted by nf_tables"
+                                           : "no port: " + s_linux_problem);
 }
 
 void OwnWork(benchmark::State& state)
 {
-    stage::UseCommands(stage::Commands::kCanned);
+    environment::UseCommands(environment::Commands::kFixed);
     Measure(state, kCycle);
-    stage::UseCommands(stage::Commands::kReal);
+    environment::UseCommands(environment::Commands::kReal);
 }
 
 void SimulatedCycle(benchmark::State& state)
 {
     vxi_engine_select("sim");
-    stage::UseCommands(stage::Commands::kSimulated);
+    environment::UseCommands(environment::Commands::kSimulated);
     Measure(
         state,
         "local action = filter.CheckSystemHealthMetrics(doc, 'Deactivated', port_policy).action "
         "assert(action == 0 or action == 1, action)");
-    stage::UseCommands(stage::Commands::kReal);
+    environment::UseCommands(environment::Commands::kReal);
     vxi_engine_select("linux");
 }
 
@@ -166,10 +165,10 @@ int main(int argc, char** argv)
 {
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
-    stage::Prepare();
-    FindOutWhatLinuxDelivers();
+    environment::Prepare();
+    FindLinuxProblem();
     MonitorPort("sim");
-    if (s_linux_note.empty()) MonitorPort("linux");
+    if (s_linux_problem.empty()) MonitorPort("linux");
     vxi_engine_select("linux");
     PrepareLua();
     benchmark::RunSpecifiedBenchmarks();

@@ -1,9 +1,10 @@
-// What counting a port's connections costs the traffic: processor time of connections and of
-// 1-byte round trips over loopback, with and without. Prints one JSON object.
+// Cost of scan monitoring to the traffic of the monitored port: processor time of connections and
+// of 1-byte round trips over loopback, with and without counting. Prints one JSON object.
 //
-// One thread is both ends, on one processor, so that the process's own time is all of it. The
-// places take turns round by round, each in a network namespace of its own, so that a busy moment
-// of the machine hits all of them; a ratio is the median of the rounds' ratios.
+// One thread does both ends, on one processor, so that the process's own time is all of it. The
+// measured connections, in a network namespace with counting and one without, take turns in each
+// round, so that a busy moment of the machine affects all of them. A ratio is the median of the
+// rounds' ratios.
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -31,6 +32,7 @@ constexpr int kRounds = 151;
 constexpr int kRoundTrips = 600;
 constexpr int kConnections = 60;
 
+// Reports that nothing can be measured, which is not an error.
 [[noreturn]] void Fail(const char* what)
 {
     std::printf("{\"problem\": \"%s: %s\"}\n", what, std::strerror(errno));
@@ -51,7 +53,7 @@ struct Address {
         auto& v4 = reinterpret_cast<sockaddr_in&>(storage);
         auto& v6 = reinterpret_cast<sockaddr_in6&>(storage);
         storage.ss_family = static_cast<sa_family_t>(family);
-        v4.sin_port = htons(port);  // at the same place in both
+        v4.sin_port = htons(port);  // at the same offset in both
         if (family == AF_INET)
             v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         else
@@ -68,18 +70,20 @@ int Socket(int family)
     return fd;
 }
 
-void Pass(int from, int to)
+void SendByte(int from, int to)
 {
     char byte = 'x';
-    Require(send(from, &byte, 1, MSG_NOSIGNAL) == 1 && recv(to, &byte, 1, 0) == 1, "1 byte");
+    Require(send(from, &byte, 1, MSG_NOSIGNAL) == 1 && recv(to, &byte, 1, 0) == 1,
+            "sending 1 byte");
 }
 
 using Times = std::vector<double>;
 
-// A listener with one connection, in the namespace in which it was made.
-class Place {
+// A listener and one connection to it, in a network namespace.
+class LoopbackPair {
 public:
-    Place(int network, int family, std::uint16_t port) : m_network(network), m_address(family, port)
+    LoopbackPair(int network, int family, std::uint16_t port)
+        : m_network(network), m_address(family, port)
     {
         Enter();
         m_listener = Socket(family);
@@ -92,19 +96,20 @@ public:
     void MeasureRound()
     {
         Enter();
-        roundTrips.push_back(Processor_ns(kRoundTrips, [&] {
-            Pass(m_client, m_server);
-            Pass(m_server, m_client);
+        round_trips.push_back(ProcessorNs(kRoundTrips, [&] {
+            SendByte(m_client, m_server);
+            SendByte(m_server, m_client);
         }));
-        connections.push_back(Processor_ns(kConnections, [&] { OpenAndClose(); }));
+        connections.push_back(ProcessorNs(kConnections, [&] { OpenAndClose(); }));
     }
 
-    Times roundTrips;
+    Times round_trips;
     Times connections;
 
 private:
+    // Returns the processor time per call.
     template <typename Work>
-    static double Processor_ns(int times, Work work)
+    static double ProcessorNs(int times, Work work)
     {
         timespec before, after;
         clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &before);
@@ -137,7 +142,7 @@ private:
         const int server = Accept();
         close(client);
         char byte;
-        Require(recv(server, &byte, 1, 0) == 0, "end of a connection");
+        Require(recv(server, &byte, 1, 0) == 0, "closing a connection");
         close(server);
     }
 
@@ -148,8 +153,8 @@ private:
     int m_server;
 };
 
-// The namespace stays entered.
-int NewNetwork()
+// Makes a network namespace, enters it and returns its descriptor.
+int EnterNewNetwork()
 {
     Require(unshare(CLONE_NEWNET) == 0, "network namespace");
     Require(std::system("ip link set lo up") == 0, "ip link set lo up");
@@ -222,10 +227,10 @@ constexpr Pair kPairs[] = {
 int main()
 {
     StayOnOneProcessor();
-    const int bare = NewNetwork();
-    const int counted = NewNetwork();
+    const int bare = EnterNewNetwork();
+    const int counted = EnterNewNetwork();
     StartCounting();
-    std::vector<Place> with, without;
+    std::vector<LoopbackPair> with, without;
     for (const Pair& pair : kPairs) {
         with.emplace_back(counted, pair.family, pair.port);
         without.emplace_back(bare, pair.family, pair.port);
@@ -238,7 +243,7 @@ int main()
     std::printf("{");
     for (std::size_t i = 0; i < with.size(); ++i) {
         const std::string name = kPairs[i].name;
-        Print((name + "_round_trip").c_str(), with[i].roundTrips, without[i].roundTrips, ", ");
+        Print((name + "_round_trip").c_str(), with[i].round_trips, without[i].round_trips, ", ");
         Print((name + "_connection").c_str(), with[i].connections, without[i].connections,
               i + 1 == with.size() ? "}\n" : ", ");
     }
