@@ -1,14 +1,12 @@
+// Children, network namespaces and commands of tests against the kernel.
 #include "support/kernel/Kernel.h"
 
 #include <sched.h>
 #include <signal.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <regex>
-#include <thread>
 
 namespace kernel {
 
@@ -16,49 +14,43 @@ pid_t Spawn(const std::function<void()>& body, pid_t (*make)())
 {
     fflush(nullptr);
     const pid_t child = make();
-    if (child != 0) {
-        return child;
-    }
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    try {
+    if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
         body();
-    } catch (const std::exception& error) {
-        ADD_FAILURE() << error.what();
+        // Not _exit: what the library does at exit is under test too.
+        exit(testing::Test::HasFailure() ? 1 : 0);
     }
-    fflush(nullptr);
-    // Not _exit: what the library does at exit is under test too.
-    exit(testing::Test::HasFailure() ? 1 : 0);
+    return child;
 }
 
-void ExpectEnd(pid_t child, int expected)
+void ExpectStatus(pid_t child, int expected)
 {
     int status = -1;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(waitpid(child, &status, WUNTRACED), child);
     EXPECT_EQ(status, expected) << "see the failures above";
 }
 
-void AwaitStop(pid_t child)
-{
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, WUNTRACED), child);
-    ASSERT_TRUE(WIFSTOPPED(status)) << "the child has ended";
-}
-
-void EnterNew()
+void EnterNewNamespace()
 {
     ASSERT_EQ(unshare(CLONE_NEWNET), 0) << strerror(errno);
     // The kernel makes the route of the address a little later.
     Run("ip link set lo up; timeout 10 sh -c 'until ip -6 route get ::1; do :; done' 2>&1");
 }
 
-void InOwn(const std::function<void()>& body)
+void InNewNamespace(const std::function<void()>& body)
 {
-    if (system("unshare -n sh -c 'ip link set lo up && nft list tables && command -v conntrack "
-               "&& command -v ss' >/dev/null 2>&1") != 0) {
-        GTEST_SKIP() << "needs root, nf_tables and the commands ip, nft, conntrack and ss";
+    const std::pair<const char*, std::string> needs[] = {
+        {"CAP_SYS_ADMIN to unshare the network namespace", "unshare -n true"},
+        {"ip and ss of iproute2", "ip -V && ss -V"},
+        {"nf_tables in the kernel and nft", "unshare -n nft list tables"},
+        {"nf_conntrack_netlink in the kernel and conntrack", "unshare -n conntrack -L"}};
+    for (const auto& [facility, command] : needs) {
+        if (system(("(" + command + ") >/dev/null 2>&1").c_str()) != 0) {
+            GTEST_SKIP() << "needs " << facility;
+        }
     }
-    ExpectEnd(Spawn([&] {
-        EnterNew();
+    ExpectStatus(Spawn([&] {
+        EnterNewNamespace();
         body();
     }));
 }
@@ -75,37 +67,26 @@ std::string Run(const std::string& command)
     return output;
 }
 
-std::string Tables()
-{
-    return Run("printf %s \"$(nft list tables inet | cut -d ' ' -f 3 | xargs)\"");
-}
-
-Lines Matches(const std::string& text, const char* pattern)
+Lines Matches(const std::string& text, const char* pattern, const char* format)
 {
     const std::regex regex(pattern);
     Lines lines;
     for (std::sregex_iterator at(text.begin(), text.end(), regex), end; at != end; ++at) {
-        std::string line;
-        for (const auto& group : std::set<std::string>(std::next(at->begin()), at->end())) {
-            line += (line.empty() ? "" : " ") + group;
-        }
-        lines.insert(line);
+        lines.insert(at->format(format));
     }
     return lines;
 }
 
 void BecomeNobody()
 {
-    ASSERT_EQ(setresgid(65534, 65534, 65534), 0);
-    ASSERT_EQ(setresuid(65534, 65534, 65534), 0);
+    ASSERT_TRUE(setresgid(65534, 65534, 65534) == 0 && setresuid(65534, 65534, 65534) == 0);
 }
 
 bool Eventually(const std::function<bool()>& done, unsigned seconds)
 {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
     bool met = done();
-    while (!met && std::chrono::steady_clock::now() < end) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    for (unsigned polls = seconds * 100; polls > 0 && !met; --polls) {
+        usleep(10'000);
         met = done();
     }
     return met;

@@ -1,6 +1,7 @@
-// What tests against the kernel do in network namespaces of their own.
+// Children, network namespaces and commands of tests against the kernel.
 #pragma once
 
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <functional>
@@ -11,26 +12,24 @@
 
 namespace kernel {
 
-// Runs `body` in a child, which ends when `body` returns, and is killed when this process ends.
+// Runs `body` in a child, which then ends, and which is killed when this process ends.
 pid_t Spawn(const std::function<void()>& body, pid_t (*make)() = fork);
-// Waits for its end; its expectations become the test's.
-void ExpectEnd(pid_t child, int expected = 0);
-// Waits until the child has stopped itself.
-void AwaitStop(pid_t child);
 
-// Moves this process into a new namespace, loopback up; runs `body` in a child that is there.
-void EnterNew();
-void InOwn(const std::function<void()>& body);
+// Waits until the child has ended or stopped, with this status of wait(2). A failure in the child
+// is one of this test.
+void ExpectStatus(pid_t child, int expected = 0);
+constexpr int kStopped = W_STOPCODE(SIGSTOP);
+
+// Moves this process into a new network namespace; runs `body` in such a one, in a child.
+void EnterNewNamespace();
+void InNewNamespace(const std::function<void()>& body);
 
 // Output of a command, which must succeed.
 std::string Run(const std::string& command);
 
-// Names of the inet tables of this namespace.
-std::string Tables();
-
-// For each match in `text` what its groups matched, in alphabetical order.
+// Each match of `pattern` in `text`, as std::match_results::format writes it.
 using Lines = std::multiset<std::string>;
-Lines Matches(const std::string& text, const char* pattern);
+Lines Matches(const std::string& text, const char* pattern, const char* format = "$1");
 
 void BecomeNobody();
 
@@ -42,11 +41,11 @@ OpenHandle Open();
 
 }  // namespace kernel
 
-// A test whose body runs in a network namespace of its own.
-#define KERNEL_TEST(suite, name)    \
-    static void suite##name();      \
-    TEST(suite, name)               \
-    {                               \
-        kernel::InOwn(suite##name); \
-    }                               \
+// A test whose body runs in a network namespace of its own; skipped where that is not possible.
+#define KERNEL_TEST(suite, name)             \
+    static void suite##name();               \
+    TEST(suite, name)                        \
+    {                                        \
+        kernel::InNewNamespace(suite##name); \
+    }                                        \
     static void suite##name()

@@ -1,6 +1,9 @@
 // Known numbers of TCP connections and of datagrams.
 #pragma once
 
+#include <sys/socket.h>
+
+#include <cerrno>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -10,14 +13,13 @@ namespace traffic {
 
 constexpr std::uint16_t kPort = 8443;
 
-// Where a connection goes; the host is a numerical address.
-struct Place {
-    std::string host;
-    std::uint16_t port;
+// A numerical address and a port.
+struct Place : sockaddr_storage {
+    Place(const std::string& host, std::uint16_t port);
+    operator sockaddr*() const { return reinterpret_cast<sockaddr*>(const_cast<Place*>(this)); }
 };
 
-// On loopback. For IPv4 an address that connections come to but do not come from, so that
-// source and destination differ.
+// On loopback; connections to the IPv4 one come from another address.
 inline Place Local(int family, std::uint16_t at = kPort)
 {
     return {family == 4 ? "127.0.0.2" : "::1", at};
@@ -26,28 +28,20 @@ inline Place Local(int family, std::uint16_t at = kPort)
 // A file descriptor that closes itself.
 using Socket = std::shared_ptr<const int>;
 
-// Waits for a connection for ten seconds at most.
 Socket Listen(const Place& place, int backlog = 128);
 Socket Accept(const Socket& listener);
 
-Socket Connect(const Place& place);
+// Each of these connections must meet this errno; with EINPROGRESS nothing is waited for.
+std::vector<Socket> Connect(const Place& place, unsigned count = 1, int error = 0);
 
-// `count` connections, one after the other: a byte each way, then the client ends it, with
-// a reset if so wished.
+// One connection after the other: a byte each way, then the client ends it, maybe with a reset.
 void Converse(const Socket& listener, const Place& place, unsigned count, bool reset = false);
 
-// `count` connections to a place where nobody listens.
-void BeRefused(const Place& place, unsigned count);
-
-// `count` connection attempts that are not waited for.
-std::vector<Socket> Attempt(const Place& place, unsigned count);
-
-// `count` TCP segments without data or checksum, each from another place of IPv4: counted on
-// the way in, and answered by nothing.
+// TCP segments without data or checksum, each from another address: the rules see them, nobody
+// answers.
 void SendSegments(std::uint8_t flags, unsigned count = 1);
 
-// `count` datagrams of 10 bytes to a place of this host, and `answers` of 100 bytes back; the
-// two sockets, the one at the place first.
+// Datagrams of 10 bytes to a place of this host and answers of 100 bytes; returns both sockets.
 std::vector<Socket> Exchange(const Place& place, unsigned count, unsigned answers = 0);
 
 }  // namespace traffic
