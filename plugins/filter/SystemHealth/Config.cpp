@@ -32,47 +32,47 @@ struct SettingRow {
     double maximum;
     int json_kind;
     // For a threshold that needs the monitored port: its name in the error that the port is not
-    // set. Null for other settings.
-    const char* needs_port;
+    // set.
+    const char* needs_port = nullptr;
 };
 
 constexpr SettingRow kSettings[] = {
     // TCP or UDP port to monitor.
     {kSettingPort, "SYSTEM_CONNECTION_REFUSAL_PORT=", "SYS_CONF_CONN_REFUSAL_PORT", 65535,
-     kJsonNumber, nullptr},
+     kJsonNumber},
     // 1: the port is monitored outbound, otherwise inbound.
     {kSettingOutbound, "SYSTEM_CONNECTION_REFUSAL_OUTBOUND=", "SYS_CONF_CONN_REFUSAL_OUTBOUND", 1,
-     kJsonNumber, nullptr},
+     kJsonNumber},
     // Only written to the JSON diagnostic file.
-    {kSettingRecoveryFactor, "SYSTEM_RECOVERY_FACTOR=", "SYS_CONF_RECOVER_FACTOR", 100, kJsonNumber,
-     nullptr},
+    {kSettingRecoveryFactor, "SYSTEM_RECOVERY_FACTOR=", "SYS_CONF_RECOVER_FACTOR", 100,
+     kJsonNumber},
     // Minimum time in fail-open, minutes.
-    {kSettingMinDuration, "SYSTEM_MIN_ACT_DURATION=", "SYS_CONF_MIN_ACT_DURATION", 60, kJsonNumber,
-     nullptr},
+    {kSettingMinDuration, "SYSTEM_MIN_ACT_DURATION=", "SYS_CONF_MIN_ACT_DURATION", 60, kJsonNumber},
     // Thresholds, in the units of their metrics.
     {kSettingRefusalPct, "SYSTEM_CONNECTION_REFUSAL_PCT_THRESHOLD=", "SYS_THR_CONN_REFUSAL_PCT",
      100, kJsonObject, "Conn Refusal"},
-    {kSettingRunQueue, "SYSTEM_RUNQ_PCT_THRESHOLD=", "SYS_THR_RUNQ", 200, kJsonObject, nullptr},
+    {kSettingRunQueue, "SYSTEM_RUNQ_PCT_THRESHOLD=", "SYS_THR_RUNQ", 200, kJsonObject},
     {kSettingEstablished, "SYSTEM_CONNECTION_ESTABLISHED_PER_CPU=", "SYS_THR_CONN_EST_PER_CPU",
      10000000, kJsonObject, "Conn Established"},
     {kSettingScanMbytes, "SYSTEM_TOTAL_SCAN_MBYTES_PER_CPU=", "SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU",
      100000, kJsonObject, "Scan Mbytes"},
-    {kSettingFreeMemory, "SYSTEM_MIN_FREE_MEM_PCT=", "SYS_THR_FREE_MEM", 25, kJsonObject, nullptr},
+    {kSettingFreeMemory, "SYSTEM_MIN_FREE_MEM_PCT=", "SYS_THR_FREE_MEM", 25, kJsonObject},
     {kSettingMaxInterval, "SYSTEM_MAX_ITERATION_INTERVAL=", "SYS_THR_MAX_ITERATION_INVL", 60,
-     kJsonObject, nullptr},
+     kJsonObject},
     // 1: the driver is to be unloaded in fail-open.
-    {kSettingUnloadDriver, "SYSTEM_UNLOAD_DRIVER=", "SYS_CONF_UNLOAD_DRIVER", 1, kJsonNumber,
-     nullptr},
+    {kSettingUnloadDriver, "SYSTEM_UNLOAD_DRIVER=", "SYS_CONF_UNLOAD_DRIVER", 1, kJsonNumber},
 };
 
 constexpr bool EachSettingHasItsRow()
 {
     int next = 0;
     for (const auto& row : kSettings)
-        if (row.setting != next++) return false;
+        if (row.setting != next++ || (row.json_kind != kJsonNumber && row.json_kind != kJsonObject))
+            return false;
     return next == kSettingCount;
 }
-static_assert(EachSettingHasItsRow(), "kSettings has one row per Setting, in the same order");
+static_assert(EachSettingHasItsRow(),
+              "kSettings has one complete row per Setting, in the same order");
 
 constexpr ConfigTable UnsetConfig()
 {

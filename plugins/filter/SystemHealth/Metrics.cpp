@@ -90,31 +90,32 @@ struct MetricRow {
     const char* name;
     const char* short_name;
     std::int32_t direction;
-    double initial_threshold;                 // reported before the first cycle
-    Setting setting;                          // its threshold
-    std::optional<double> default_threshold;  // none: the metric is off when the setting is not set
+    double initial_threshold;  // reported before the first cycle
+    Setting setting;           // its threshold
     double (*value)(const Sample&);
+    // Without one, the metric is off when the setting is not set.
+    std::optional<double> default_threshold = std::nullopt;
 };
 
 constexpr MetricRow kMetrics[] = {
     // Unit: one-minute load average.
     {kMetricRunQueue, "runnable_processes_per_cpu_pct", "rqpct", kBadAbove, 50, kSettingRunQueue,
-     std::nullopt, RunQueue},
+     RunQueue},
     // Unit: percent of the new connections.
     {kMetricRefusalPct, "connections_refused_per_new_conn_pct", "refusalpct", kBadAbove, 10,
-     kSettingRefusalPct, std::nullopt, RefusalPct},
+     kSettingRefusalPct, RefusalPct},
     // Unit: connections per second and processor.
     {kMetricEstablished, "connections_established_per_cpu", "estab", kBadAbove, 50,
-     kSettingEstablished, std::nullopt, EstablishedPerCpu},
+     kSettingEstablished, EstablishedPerCpu},
     // Unit: MiB per second and processor.
     {kMetricScanMbytes, "total_scan_mbytes_per_cpu", "scanmb", kBadAbove, 100, kSettingScanMbytes,
-     std::nullopt, ScanMbytesPerCpu},
+     ScanMbytesPerCpu},
     // Unit: percent of the physical memory.
     {kMetricFreeMemory, "free_memory_pct", "frepct", kBadBelow, 100, kSettingFreeMemory,
-     std::nullopt, FreeMemoryPct},
+     FreeMemoryPct},
     // Unit: seconds since the previous cycle.
     {kMetricInterval, "iteration interval", "delta_t", kBadAbove, 100, kSettingMaxInterval,
-     kDefaultMaxIntervalS, Interval},
+     Interval, kDefaultMaxIntervalS},
 };
 
 constexpr bool EachMetricHasItsRow()

@@ -7,9 +7,13 @@
 #include "Config.h"
 #include "vxi/vxi.h"
 
-extern int initial_monitored_port;                        // the port last configured in the driver
-extern int first_run;                                     // 1 until the first successful fetch
-extern std::array<double, VXI_SCAN_COUNTERS> scan_rates;  // per second
+// The port last configured in the driver.
+extern int initial_monitored_port;
+// 1 until the first successful fetch, then 0.
+extern int first_run;
+// Per second, indexed by VXI_SCAN_NEW and so on.
+extern std::array<double, VXI_SCAN_COUNTERS> scan_rates;
+// Counters of the last successful fetch.
 extern std::array<std::uint64_t, VXI_SCAN_COUNTERS> prev_scan_metrics;
 
 namespace fc {
