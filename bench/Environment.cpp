@@ -114,7 +114,7 @@ const char* EnterNetworkNamespace()
 // (libio/pclose.c).
 BENCH_INTERPOSE FILE* popen(const char* command, const char* mode)
 {
-    static const auto next = environment::Next<environment::Open>("popen");
+    static const auto kNext = environment::Next<environment::Open>("popen");
     switch (environment::s_commands) {
         case environment::Commands::kSimulated:
             return environment::SimulatedCommand(command);
@@ -124,33 +124,33 @@ BENCH_INTERPOSE FILE* popen(const char* command, const char* mode)
                     ? "4\n"
                     : " 10:00:00 up 1 day, load average: 0.52, 0.58, 0.59\n");
         default:
-            return next(command, mode);
+            return kNext(command, mode);
     }
 }
 
 BENCH_INTERPOSE FILE* fopen(const char* path, const char* mode)
 {
-    static const auto next = environment::Next<environment::Open>("fopen");
-    return environment::OpenFile(next, path, mode);
+    static const auto kNext = environment::Next<environment::Open>("fopen");
+    return environment::OpenFile(kNext, path, mode);
 }
 
 BENCH_INTERPOSE FILE* fopen64(const char* path, const char* mode)
 {
-    static const auto next = environment::Next<environment::Open>("fopen64");
-    return environment::OpenFile(next, path, mode);
+    static const auto kNext = environment::Next<environment::Open>("fopen64");
+    return environment::OpenFile(kNext, path, mode);
 }
 
 // The mode argument is present only if the file may be created.
-#define INTERPOSE_OPEN(name)                                                               \
-    BENCH_INTERPOSE int name(const char* path, int flags, ...)                             \
-    {                                                                                      \
-        static const auto next = environment::Next<int (*)(const char*, int, ...)>(#name); \
-        va_list arguments;                                                                 \
-        va_start(arguments, flags);                                                        \
-        const bool creates = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;   \
-        const mode_t mode = creates ? va_arg(arguments, mode_t) : 0;                       \
-        va_end(arguments);                                                                 \
-        return environment::OpenDescriptor(next, path, flags, mode);                       \
+#define INTERPOSE_OPEN(name)                                                                \
+    BENCH_INTERPOSE int name(const char* path, int flags, ...)                              \
+    {                                                                                       \
+        static const auto kNext = environment::Next<int (*)(const char*, int, ...)>(#name); \
+        va_list arguments;                                                                  \
+        va_start(arguments, flags);                                                         \
+        const bool creates = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;    \
+        const mode_t mode = creates ? va_arg(arguments, mode_t) : 0;                        \
+        va_end(arguments);                                                                  \
+        return environment::OpenDescriptor(kNext, path, flags, mode);                       \
     }
 
 INTERPOSE_OPEN(open)

@@ -148,20 +148,20 @@ BENCHMARK(TakeHold)->UseManualTime()->Iterations(1);
 
 BENCH_INTERPOSE int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept
 {
-    static const auto next =
+    static const auto kNext =
         reinterpret_cast<int (*)(pthread_mutex_t*)>(dlsym(RTLD_NEXT, "pthread_mutex_lock"));
-    const int status = next(mutex);
+    const int status = kNext(mutex);
     if (s_watch.on && s_watch.held++ == 0) s_watch.since = Clock::now();
     return status;
 }
 
 BENCH_INTERPOSE int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept
 {
-    static const auto next =
+    static const auto kNext =
         reinterpret_cast<int (*)(pthread_mutex_t*)>(dlsym(RTLD_NEXT, "pthread_mutex_unlock"));
     if (s_watch.on && --s_watch.held == 0)
         s_watch.longest = std::max(s_watch.longest, Clock::now() - s_watch.since);
-    return next(mutex);
+    return kNext(mutex);
 }
 
 int main(int argc, char** argv)
