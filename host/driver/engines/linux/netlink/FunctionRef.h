@@ -1,5 +1,5 @@
-// A reference to something callable, for parameters: unlike std::function it never
-// allocates, so passing one cannot fail half-way through an exchange with the kernel.
+// A reference to a callable object, for parameters. Unlike std::function it never allocates, so
+// passing one cannot fail half-way through an exchange with the kernel.
 #pragma once
 
 #include <memory>
@@ -8,15 +8,15 @@
 
 namespace vxi {
 
-template <class Signature>
+template <typename Signature>
 class FunctionRef;
 
-// Valid while what it was made from lives; take it as a parameter, do not keep it.
-template <class Result, class... Arguments>
+// Valid as long as the object that it refers to: do not keep it beyond the call.
+template <typename Result, typename... Arguments>
 class FunctionRef<Result(Arguments...)> {
 public:
-    template <class Callable,
-              class = std::enable_if_t<!std::is_same_v<std::decay_t<Callable>, FunctionRef>>>
+    template <typename Callable,
+              typename = std::enable_if_t<!std::is_same_v<std::decay_t<Callable>, FunctionRef>>>
     FunctionRef(Callable&& callable)
         : m_object(const_cast<void*>(static_cast<const void*>(std::addressof(callable)))),
           m_call([](void* object, Arguments... arguments) -> Result {

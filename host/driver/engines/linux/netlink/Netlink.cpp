@@ -335,24 +335,27 @@ Attributes::Iterator& Attributes::Iterator::operator++()
     return *this = size < m_rest ? Iterator(m_at + size, m_rest - size) : Iterator(nullptr, 0);
 }
 
+bool CopyPayload(const nlattr* attribute, void* to, std::size_t size)
+{
+    if (!attribute || mnl_attr_get_payload_len(attribute) != size) {
+        return false;
+    }
+    memcpy(to, mnl_attr_get_payload(attribute), size);
+    return true;
+}
+
 std::optional<std::uint32_t> DecodeBe32(const nlattr* attribute)
 {
     std::uint32_t value;
-    if (!attribute || mnl_attr_get_payload_len(attribute) != sizeof value) {
-        return {};
-    }
-    memcpy(&value, mnl_attr_get_payload(attribute), sizeof value);
-    return be32toh(value);
+    return CopyPayload(attribute, &value, sizeof value) ? std::optional(be32toh(value))
+                                                        : std::nullopt;
 }
 
 std::optional<std::uint64_t> DecodeBe64(const nlattr* attribute)
 {
     std::uint64_t value;
-    if (!attribute || mnl_attr_get_payload_len(attribute) != sizeof value) {
-        return {};
-    }
-    memcpy(&value, mnl_attr_get_payload(attribute), sizeof value);
-    return be64toh(value);
+    return CopyPayload(attribute, &value, sizeof value) ? std::optional(be64toh(value))
+                                                        : std::nullopt;
 }
 
 std::string_view DecodeString(const nlattr* attribute)

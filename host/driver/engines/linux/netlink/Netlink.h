@@ -103,6 +103,10 @@ private:
     std::size_t m_size;
 };
 
+// Copies the payload of an attribute to `to`. False when the attribute is null or its payload is
+// not `size` bytes long.
+bool CopyPayload(const nlattr* attribute, void* to, std::size_t size);
+
 // The big-endian number in an attribute; nothing for a null attribute or another length.
 std::optional<std::uint32_t> DecodeBe32(const nlattr* attribute);
 std::optional<std::uint64_t> DecodeBe64(const nlattr* attribute);

@@ -26,6 +26,8 @@ namespace {
 constexpr std::uint32_t kKeyTypeIpv4 = 7;
 constexpr std::uint32_t kKeyTypeIpv6 = 8;
 
+constexpr std::string_view kNamePrefix = "blacklist";
+
 // Callers add the size of the header to entries_size, in 32 bits.
 constexpr std::size_t kEntriesMax =
     (std::numeric_limits<std::uint32_t>::max() - sizeof(vxa_blacklist_get_addrs_s)) /
@@ -42,19 +44,10 @@ const char* SkipReason(std::uint32_t key_type, std::uint32_t flags)
                : "its elements are not of type ipv4_addr or ipv6_addr";
 }
 
-bool StartsWith(std::string_view string, std::string_view start)
-{
-    return string.substr(0, start.size()) == start;
-}
-
 bool CopyAddress(const nlattr* data, std::size_t size, Address& address)
 {
     const nlattr* value = data ? Attributes(*data).Find(NFTA_DATA_VALUE) : nullptr;
-    if (!value || mnl_attr_get_payload_len(value) != size) {
-        return false;
-    }
-    memcpy(address.data(), mnl_attr_get_payload(value), size);
-    return true;
+    return CopyPayload(value, address.data(), size);
 }
 
 Address HighestAddress(std::size_t size)
@@ -260,7 +253,7 @@ std::optional<BlacklistSet> DecodeBlacklistSet(const nlmsghdr& message)
     const auto name = DecodeString(attributes.Find(NFTA_SET_NAME));
     const auto flags = DecodeBe32(attributes.Find(NFTA_SET_FLAGS)).value_or(0);
     const auto type = DecodeBe32(attributes.Find(NFTA_SET_KEY_TYPE)).value_or(0);
-    if (!StartsWith(name, "blacklist")) {
+    if (name.substr(0, kNamePrefix.size()) != kNamePrefix) {
         return {};
     }
     BlacklistSet set;
@@ -300,10 +293,8 @@ std::vector<vxa_blacklist_entry_s> BlacklistEntries(const BlacklistSet& set,
                                                     std::uint16_t set_index,
                                                     std::vector<BlacklistElement> elements)
 {
-    // An interval's end comes before a start at the same address: intervals may be adjacent.
-    std::sort(elements.begin(), elements.end(), [](const auto& a, const auto& b) {
-        return a.key != b.key ? a.key < b.key : a.interval_end > b.interval_end;
-    });
+    std::sort(elements.begin(), elements.end(),
+              [](const auto& a, const auto& b) { return a.key < b.key; });
     std::vector<vxa_blacklist_entry_s> entries;
     entries.reserve(elements.size());
     for (auto element = elements.begin(); element != elements.end(); ++element) {

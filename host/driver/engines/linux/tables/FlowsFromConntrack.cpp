@@ -17,16 +17,6 @@ namespace vxi {
 
 namespace {
 
-// False when the attribute is missing or not `size` bytes long.
-bool CopyPayload(const nlattr* attribute, void* to, std::size_t size)
-{
-    if (!attribute || mnl_attr_get_payload_len(attribute) != size) {
-        return false;
-    }
-    memcpy(to, mnl_attr_get_payload(attribute), size);
-    return true;
-}
-
 bool DecodeAddresses(const Attributes& tuple, vxa_conntrack_entry_s& entry)
 {
     static constexpr struct {

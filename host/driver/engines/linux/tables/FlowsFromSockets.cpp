@@ -79,13 +79,6 @@ void CopyCounters(const nlattr* attribute, vxa_conntrack_entry_s& entry)
     entry.bytes_backward = info.tcpi_bytes_received;
 }
 
-void CopyMark(const nlattr* attribute, vxa_conntrack_entry_s& entry)
-{
-    if (attribute && mnl_attr_get_payload_len(attribute) == sizeof entry.mark) {
-        memcpy(&entry.mark, mnl_attr_get_payload(attribute), sizeof entry.mark);
-    }
-}
-
 std::uint16_t DecodePort(const std::uint8_t (&bytes)[2])
 {
     return static_cast<std::uint16_t>(bytes[0] << 8 | bytes[1]);
@@ -169,7 +162,7 @@ vxa_conntrack_entry_s SocketFlow(std::uint8_t protocol, const inet_diag_msg& soc
     if (socket.idiag_timer == kTimeWaitTimer) {
         entry.timeout_s = socket.idiag_expires / kMsPerS;
     }
-    CopyMark(details.Find(INET_DIAG_MARK), entry);
+    CopyPayload(details.Find(INET_DIAG_MARK), &entry.mark, sizeof entry.mark);
     return entry;
 }
 
