@@ -1,5 +1,5 @@
-// The parts of the module `vxa`: each registers what it needs in a new state and lists
-// its functions. What scripts may rely on is told in docs/lua-vxa.md.
+// The parts of the Lua module `vxa`, and what they use of each other. docs/lua-vxa.md describes
+// the functions.
 #pragma once
 
 #include <lua.hpp>
@@ -9,34 +9,39 @@
 
 namespace vxa {
 
-// Each fills the module's table on top. [-0, +0, m]
-void OpenDocument(lua_State* L);         // Document.cpp: Dom
-void OpenArchive(lua_State* L);          // Archive.cpp: ZipOutputStream, ZipEntries, ZipRead
-void OpenHandle(lua_State* L);           // Handle.cpp: open, and the handle's methods
-void OpenEngine(lua_State* L);           // Engine.cpp: engine, engines, fault, simulate...
-void OpenLog(lua_State* L);              // Log.cpp: trace, verbose, LogTo, capture, captured
-void OpenJson(lua_State* L);             // Json.cpp: ParseJson
-void open_pending_file(lua_State* L);    // PendingFile.cpp: temporary, and the file's methods
-void OpenSystem(lua_State* L);           // System.cpp: clock, files, environment
-void OpenText(lua_State* L);             // Text.cpp: printable, hexdump
-void OpenSignals(lua_State* L);          // Signals.cpp: sleep, CatchSignals, interrupted, reloads
-void OpenSettingsFile(lua_State* L);     // SettingsFile.cpp: read_file, ConfLine
-void OpenSimulatedMemory(lua_State* L);  // SimulatedMemory.cpp: SimulateMemory
+// Each adds its functions to the module's table on top. [-0, +0, m]
 
-// Name of the latest signal that CatchSignals caught, or null. Signals.cpp
+// objects/
+void OpenDocuments(lua_State* L);       // Dom and its methods
+void OpenArchiveWriters(lua_State* L);  // ZipOutputStream and its methods
+void OpenDriverHandles(lua_State* L);   // open and the handle's methods
+void OpenTemporaryFiles(lua_State* L);  // temporary and its methods
+// functions/
+void OpenArchives(lua_State* L);         // zip_entries, zip_read
+void OpenEngines(lua_State* L);          // engine, engines, fault, simulate, ...
+void OpenFiles(lua_State* L);            // mkdir, file_kind, read_file, conf_line
+void OpenJsonValues(lua_State* L);       // parse_json
+void OpenLogs(lua_State* L);             // trace, verbose, log_to, capture, captured
+void OpenSignals(lua_State* L);          // sleep, catch_signals, interrupted, reloads
+void OpenSimulatedMemory(lua_State* L);  // simulate_memory
+void OpenSystem(lua_State* L);           // clock, time, setenv, isatty, terminal_columns, euid
+void OpenTerminalText(lua_State* L);     // printable, hexdump
+
+// Returns the name of the latest signal that catch_signals caught, or null. Signals.cpp
 const char* CaughtSignalName();
 
-// The open handle that is argument 1; an argument error when there is none. [-0, +0, v]
-vxi_handle_ops_s* check_handle(lua_State* L);
+// Returns the open handle that is argument 1; else raises an argument error. DriverHandles.cpp
+// [-0, +0, v]
+vxi_handle_ops_s* CheckHandle(lua_State* L);
 
-// The file that vxa.temporary has made, if the argument is one: else null. An argument error
-// when it is closed. [-0, +0, v]
-const VxaCore::Host::PendingFile* test_pending_file(lua_State* L, int index);
-
-// What a method whose driver call failed returns: nil and the driver's text. [-0, +2, m]
+// Pushes nil and the message of the handle's last failed call. DriverHandles.cpp [-0, +2, m]
 int PushDriverError(lua_State* L, vxi_handle_ops_s* handle);
 
-// The handle's method, and what it needs in a new state. Connections.cpp
+// Returns the file if the argument is one that vxa.temporary made, else null; raises an argument
+// error if it is closed. TemporaryFiles.cpp [-0, +0, v]
+const VxaCore::Host::PendingFile* TestPendingFile(lua_State* L, int index);
+
+// The handle's method `connections`, and what it needs in a new state. Connections.cpp
 int HandleConnections(lua_State* L);
 void RegisterConnections(lua_State* L);
 

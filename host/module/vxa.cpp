@@ -1,4 +1,4 @@
-// Entry of the Lua module `vxa`: host objects and switches for scripts.
+// Entry of the Lua module `vxa`: what scripts use where the agent would provide its own objects.
 #include <fcntl.h>
 #include <langinfo.h>
 #include <unistd.h>
@@ -7,16 +7,16 @@
 #include <clocale>
 #include <cstring>
 
-#include "HostObject.h"
 #include "Module.h"
-#include "vxa_core/host.h"
+#include "boundary/HostObject.h"
+#include "vxa_core/log.h"
 
 namespace vxa {
 
 namespace {
 
-// Document keys and event texts outside ASCII convert only under a UTF-8 locale, and
-// numbers in settings are read with a point.
+// wxWidgets converts document keys and events outside ASCII only in a UTF-8 locale, and strtof(3)
+// reads the settings' decimal points only with a numeric locale that has them.
 bool SetLocale()
 {
     std::setlocale(LC_NUMERIC, "C");
@@ -24,9 +24,9 @@ bool SetLocale()
            std::setlocale(LC_CTYPE, "C.UTF-8") != nullptr;
 }
 
-// A process may start without its standard streams. The next file opened would take
-// their place and receive what is written to them: traces in a document's event log. Writing
-// to standard output fails as before: its loss must not pass for success.
+// If the process was started without its standard streams, the next file opened would get their
+// descriptors, and traces would be written to a document's events. Writing to standard output must
+// still fail, so its descriptor is opened for reading only.
 bool OccupyStandardDescriptors()
 {
     for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream)
@@ -40,18 +40,19 @@ int OpenModule(lua_State* L)
 {
     lua_newtable(L);
     RegisterOwners(L);
-    OpenDocument(L);
-    OpenArchive(L);
-    OpenHandle(L);
-    OpenEngine(L);
-    OpenLog(L);
-    OpenJson(L);
-    open_pending_file(L);
-    OpenSystem(L);
-    OpenText(L);
+    OpenDocuments(L);
+    OpenArchiveWriters(L);
+    OpenDriverHandles(L);
+    OpenTemporaryFiles(L);
+    OpenArchives(L);
+    OpenEngines(L);
+    OpenFiles(L);
+    OpenJsonValues(L);
+    OpenLogs(L);
     OpenSignals(L);
-    OpenSettingsFile(L);
     OpenSimulatedMemory(L);
+    OpenSystem(L);
+    OpenTerminalText(L);
     lua_pushliteral(L, VXA_VERSION);
     lua_setfield(L, -2, "version");
     return 1;
@@ -63,11 +64,11 @@ int OpenModule(lua_State* L)
 
 extern "C" __attribute__((visibility("default"))) int luaopen_vxa(lua_State* L)
 {
-    // Once a process: the second state may be on a thread of its own.
+    // Once per process: another state may be on another thread.
     static const bool kHasLocale = vxa::SetLocale();
     static const bool kHasStreams = vxa::OccupyStandardDescriptors();
     if (!kHasStreams) return luaL_error(L, "/dev/null cannot be opened: %s", std::strerror(errno));
     if (!kHasLocale) return luaL_error(L, "the locale C.UTF-8 is missing on this system");
-    VxaCore::Host::TakeGeneralLog();
+    VxaCore::Host::InstallGeneralLog();
     return vxa::OpenModule(L);
 }

@@ -1,10 +1,9 @@
-// The host's configuration document, with the agent events written through it.
+// The host's configuration document, through which agent events are written.
 //
-// Scripts hold it as an SLB3 object of the class "SLB.Dom". The host owns every
-// document; a pointer taken from a script is valid for the call that took it.
+// Scripts hold it as an SLB3 object of the class "SLB.Dom". The host owns every document; a
+// pointer taken from a script is valid only during the call that took it.
 #pragma once
 
-#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -17,31 +16,30 @@ namespace VxaCore {
 
 class VXA_CORE_API CDom {
 public:
-    class Store;  // what keeps the document: the host's business
+    class Store;  // where the document is kept; defined by the host
 
     explicit CDom(std::unique_ptr<Store> store);
     ~CDom();
     CDom(const CDom&) = delete;
     CDom& operator=(const CDom&) = delete;
 
-    // Sets a boolean key. Safe from any thread. A store that cannot be written
-    // keeps the value in memory and reports through the error log.
+    // Sets a boolean key. Safe from any thread. A value that cannot be stored is kept in memory
+    // and reported in the error log.
     void Set(const std::string& key, bool value);
 
-    // Writes an agent event. The format is printf-like ("%d", "%s"; wide and narrow
-    // strings both fit "%s"); the writer knows how many arguments it was given, and a
-    // conversion without an argument is written as it stands, so a text that was
-    // composed elsewhere may be passed as the format whatever it holds. Safe from any
-    // thread. When the call returns the event is stored.
+    // Writes an agent event; it is stored when the call returns. Safe from any thread.
+    //
+    // Without arguments, "%%" becomes "%" and everything else is written as it is: a composed
+    // string is safe to pass whatever it contains. With arguments, the format is that of
+    // wxString::Format and must match them ("%s" takes wide and narrow strings).
     void DoAgentEventWrite(int id, const wxString& format);
     template <typename First, typename... Rest>
     void DoAgentEventWrite(int id, const wxString& format, First first, Rest... rest)
     {
-        WriteEventText(
-            id, wxString::Format(FittingFormat(format, 1 + sizeof...(rest)), first, rest...));
+        WriteEvent(id, wxString::Format(format, first, rest...));
     }
 
-    // The same for a format in UTF-8; bytes that are no UTF-8 are read as Latin-1.
+    // The same for a format in UTF-8. If it is not valid UTF-8, it is decoded as Latin-1.
     void DoAgentEventWriteUtf8(int id, const char* format);
     template <typename First, typename... Rest>
     void DoAgentEventWriteUtf8(int id, const char* format, First first, Rest... rest)
@@ -53,9 +51,7 @@ public:
 
 private:
     static wxString DecodeUtf8(const char* text);
-    // The format with conversions beyond its arguments made plain text.
-    static wxString FittingFormat(const wxString& format, std::size_t arguments);
-    void WriteEventText(int id, const wxString& text);
+    void WriteEvent(int id, const wxString& text);
 
     std::unique_ptr<Store> m_store;
 };
@@ -63,6 +59,6 @@ private:
 }  // namespace VxaCore
 
 SLB3_DECLARATION(VxaCore::CDom, "SLB.Dom", policy::NoDelete)
-// One instance for all libraries, exported by the library that owns the class: SLB3 tells
-// classes apart by a function's address.
+// The original SLB3 identifies a class by the address of a function in here: one instance for the
+// whole process, exported by the library that owns the class.
 extern template struct VXA_CORE_API SLB3::policy::NoDelete::Implementation<VxaCore::CDom>;

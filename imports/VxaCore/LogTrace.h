@@ -1,13 +1,13 @@
 // The host's trace log.
 //
-// A message belongs to a category; categories are off until the host switches
-// them on. Callers ask first and format only then:
+// A message belongs to a category; categories are off until the host switches them on. Ask
+// first and format only then:
 //
 //     if (VxaCore::LogTraceIsEnabled(category))
 //         VxaCore::LogTrace(category, file, line, function, message);
 //
-// Both functions may be called from any thread at any time, also before main and
-// while the process exits. Neither raises.
+// Both functions may be called from any thread at any time, also before main and during exit.
+// Neither throws.
 #pragma once
 
 #include <wx/string.h>
@@ -16,13 +16,12 @@
 
 namespace VxaCore {
 
-// Whether messages of this category are wanted now. Costs a few nanoseconds while
-// no category at all is on.
+// Whether the category is on. Costs a few nanoseconds while all categories are off.
 VXA_CORE_API bool LogTraceIsEnabled(const wxString& category);
 
-// Writes one record. `file` is the source's path in the source tree without its
-// extension ("plugins/filter/fc"); log filters select on it. The record is in the
-// log when the call returns. Nothing is written when the category is off.
+// Writes one record if the category is on; it is in the log when the call returns. `file` is
+// the path of the source file without its extension ("plugins/filter/fc"); log filters select
+// on it.
 VXA_CORE_API void LogTrace(const wxString& category, const char* file, int line,
                            const char* function, const wxString& message);
 

@@ -1,8 +1,8 @@
 // The host's diagnostic archive writer.
 //
-// Scripts hold it as an SLB3 object of the class "SLB.wx.ZipOutputStream". The
-// host owns every writer; a pointer taken from a script is valid for the call that
-// took it. One writer must be used by one thread at a time.
+// Scripts hold it as an SLB3 object of the class "SLB.wx.ZipOutputStream". The host owns every
+// writer; a pointer taken from a script is valid only during the call that took it. For one
+// thread at a time.
 #pragma once
 
 #include <memory>
@@ -17,17 +17,18 @@ namespace VxaCore {
 
 class VXA_CORE_API CZipOutputStream {
 public:
-    class Archive;  // the file behind it: the host's business
+    class Archive;  // the zip file; defined by the host
 
     explicit CZipOutputStream(std::unique_ptr<Archive> archive);
     ~CZipOutputStream();
     CZipOutputStream(const CZipOutputStream&) = delete;
     CZipOutputStream& operator=(const CZipOutputStream&) = delete;
 
-    // Adds one entry with everything that `in` yields up to its end. `text` marks the
-    // entry as text in the archive's directory; the bytes are stored as they are.
-    // `comment` is the entry's comment. False when the archive is closed or could not
-    // be written; it then stays closed to further entries. The host's next close reports it.
+    // Adds one entry with everything that `in` yields up to its end. `text` sets the entry's
+    // text flag in the archive's directory; the bytes are stored unchanged. `comment` is the
+    // entry's comment. Returns false if `in` fails or the archive is closed or cannot be
+    // written; after a failed write it accepts no more entries. The host reports the first
+    // failure when it closes the archive.
     bool AddFromStream(wxInputStream& in, bool text, const wxString& name, const wxString& comment);
 
     Archive& archive() { return *m_archive; }

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "vxa_core/host.h"
+#include "vxa_core/log.h"
 
 namespace host {
 
@@ -20,9 +20,8 @@ inline void EnableTraces(bool on)  // of all categories; off at first
 // What was traced since the last call, and the same as "CATEGORY FUNCTION: MESSAGE".
 inline std::vector<Record> TakeTraces()
 {
-    std::uint64_t dropped = 0;
     std::vector<Record> traces;
-    for (Record& record : VxaCore::Host::TakeCaptured(dropped))
+    for (Record& record : VxaCore::Host::TakeCaptured().records)
         if (record.trace) traces.push_back(std::move(record));
     return traces;
 }

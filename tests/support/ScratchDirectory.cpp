@@ -1,9 +1,7 @@
 #include "ScratchDirectory.h"
 
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
+#include <stdlib.h>
+
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -11,11 +9,9 @@
 
 ScratchDirectory::ScratchDirectory()
 {
-    const char* const parent = std::getenv("TMPDIR");
-    m_path = std::string(parent && parent[0] != '\0' ? parent : "/tmp") + "/fc-test-XXXXXX";
-    if (mkdtemp(m_path.data())) return;
-    std::fprintf(stderr, "TMPDIR: cannot make %s: %s\n", m_path.c_str(), std::strerror(errno));
-    std::exit(1);
+    std::string pattern = (std::filesystem::temp_directory_path() / "vxa-test-XXXXXX").string();
+    if (!mkdtemp(pattern.data())) throw std::runtime_error("no scratch directory: " + pattern);
+    m_path = pattern;
 }
 
 ScratchDirectory::~ScratchDirectory()

@@ -1,3 +1,4 @@
+// Reading zip archives.
 #include "vxa_core/archive_reader.h"
 
 #include <errno.h>
@@ -13,20 +14,18 @@
 #include <wx/zipstrm.h>
 
 #include "files/File.h"
-#include "files/Text.h"
+#include "text/Utf8.h"
 
 namespace VxaCore::Host {
 
 namespace {
 
 constexpr std::size_t kMostEntries = 10000;
-constexpr std::size_t kLongestName = 4096;  // as long as paths get
+constexpr std::size_t kLongestName = 4096;  // PATH_MAX
 constexpr std::size_t kChunkBytes = 65536;
-constexpr off_t kSmallestArchive = 22;  // the record that ends every archive
+constexpr off_t kSmallestArchive = 22;  // end of central directory record, APPNOTE 4.3.16
 
-constexpr const char* kNoArchive = "no zip archive, or a part of one";
-
-using EntryPointer = std::unique_ptr<wxZipEntry>;
+constexpr const char* kNotAnArchive = "not a zip archive, or only part of one";
 
 class Reader {
 public:
@@ -34,20 +33,20 @@ public:
 
     // Reads from the file's current position.
     Reader(const std::string& path, FileDescriptor file)
-        : m_path(path), m_file(std::move(file)), m_stream(m_file.get()), m_zip(m_stream, m_utf8)
+        : m_path(path), m_file(std::move(file)), m_stream(m_file.Get()), m_zip(m_stream, m_utf8)
     {
-        // Reads the directory's own record, which tells an archive from other files.
+        // Finds and reads the end of central directory record, which only archives have.
         m_count = m_zip.GetTotalEntries();
-        if (m_zip.GetLastError() != wxSTREAM_NO_ERROR) Fail(kNoArchive);
+        if (m_zip.GetLastError() != wxSTREAM_NO_ERROR) Fail(kNotAnArchive);
         if (m_count < 0 || static_cast<std::size_t>(m_count) > kMostEntries)
             Fail("has more than " + std::to_string(kMostEntries) + " entries");
     }
 
-    // Null after the last one.
-    EntryPointer Next()
+    // Returns null after the last entry.
+    std::unique_ptr<wxZipEntry> Next()
     {
         if (m_listed == m_count) return nullptr;
-        EntryPointer entry(m_zip.GetNextEntry());
+        std::unique_ptr<wxZipEntry> entry(m_zip.GetNextEntry());
         if (!entry)
             Fail("damaged: only " + std::to_string(m_listed) + " of " + std::to_string(m_count) +
                  " entries can be listed");
@@ -63,23 +62,23 @@ public:
     }
 
 private:
-    // A pipe or device would hold the reader for as long as it likes.
+    // Opening or reading a pipe or device could block.
     static FileDescriptor Open(const std::string& path)
     {
         FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
         struct stat status;
-        if (!file || fstat(file.get(), &status) != 0)
-            throw std::runtime_error("cannot read " + path + ": " + ErrorText(errno));
+        if (!file || fstat(file.Get(), &status) != 0) ThrowErrno("cannot read " + path);
         if (!S_ISREG(status.st_mode)) throw std::runtime_error(path + " is not a file");
-        // wxWidgets takes what is too short for a record for an archive without entries.
-        if (status.st_size < kSmallestArchive) throw std::runtime_error(path + ": " + kNoArchive);
+        // wxWidgets reads a file that is too short for any record as an empty archive.
+        if (status.st_size < kSmallestArchive)
+            throw std::runtime_error(path + ": " + kNotAnArchive);
         return file;
     }
 
     void CheckReadable(const wxZipEntry& entry, const std::string& what,
                        std::uint64_t most_bytes) const;
 
-    wxLogNull m_quiet;  // the reasons are given here; wxWidgets' own would come on top
+    wxLogNull m_quiet;  // exceptions carry the reasons; wxWidgets would log its own too
     std::string m_path;
     FileDescriptor m_file;
     wxFileInputStream m_stream;
@@ -89,7 +88,7 @@ private:
     int m_listed = 0;
 };
 
-std::string NameOf(const wxZipEntry& entry)
+std::string EntryName(const wxZipEntry& entry)
 {
     return ToUtf8(entry.GetName(wxPATH_UNIX));
 }
@@ -99,15 +98,16 @@ void Reader::CheckReadable(const wxZipEntry& entry, const std::string& what,
 {
     if (entry.GetFlags() & wxZIP_ENCRYPTED) Fail(what + " is encrypted");
     if (entry.GetMethod() != wxZIP_METHOD_STORE && entry.GetMethod() != wxZIP_METHOD_DEFLATE)
-        Fail(what + " is packed in an unknown way (" + std::to_string(entry.GetMethod()) + ")");
+        Fail(what + " uses an unknown compression method (" + std::to_string(entry.GetMethod()) +
+             ")");
     if (entry.GetSize() < 0 || static_cast<std::uint64_t>(entry.GetSize()) > most_bytes)
         Fail(what + " has more than " + std::to_string(most_bytes) + " bytes");
 }
 
-// Grows with what is really there: the declared size of a damaged entry costs nothing.
+// Memory grows with what is read: the declared size of a damaged entry costs nothing.
 std::string Reader::Read(wxZipEntry& entry, std::uint64_t most_bytes)
 {
-    const std::string what = "entry " + NameOf(entry);
+    const std::string what = "entry " + EntryName(entry);
     CheckReadable(entry, what, most_bytes);
     const auto declared = static_cast<std::uint64_t>(entry.GetSize());
     std::vector<char> chunk(kChunkBytes);
@@ -116,13 +116,13 @@ std::string Reader::Read(wxZipEntry& entry, std::uint64_t most_bytes)
         bytes.append(chunk.data(), got);
         if (bytes.size() > declared) Fail(what + " is damaged: longer than declared");
     }
-    // wxWidgets compares size and checksum when it comes to the entry's end.
+    // wxWidgets compares size and checksum at the end of the entry.
     if (m_zip.GetLastError() != wxSTREAM_EOF || bytes.size() != declared)
         Fail(what + " is damaged");
     return bytes;
 }
 
-std::uint64_t Size(wxFileOffset size)
+std::uint64_t ToUnsigned(wxFileOffset size)
 {
     return static_cast<std::uint64_t>(std::max<wxFileOffset>(size, 0));
 }
@@ -130,11 +130,11 @@ std::uint64_t Size(wxFileOffset size)
 std::vector<ArchiveEntry> List(Reader& reader)
 {
     std::vector<ArchiveEntry> entries;
-    while (const EntryPointer entry = reader.Next()) {
-        std::string name = NameOf(*entry);
-        if (name.size() > kLongestName) reader.Fail("damaged: an entry's name has no end");
-        entries.push_back({std::move(name), Size(entry->GetSize()),
-                           Size(entry->GetCompressedSize()), entry->IsText()});
+    while (const auto entry = reader.Next()) {
+        std::string name = EntryName(*entry);
+        if (name.size() > kLongestName) reader.Fail("damaged: the name of an entry does not end");
+        entries.push_back({std::move(name), ToUnsigned(entry->GetSize()),
+                           ToUnsigned(entry->GetCompressedSize()), entry->IsText()});
     }
     return entries;
 }
@@ -149,10 +149,9 @@ std::vector<ArchiveEntry> ListArchive(const std::string& path)
 
 std::vector<ArchiveEntry> ListArchive(const PendingFile& file)
 {
-    FileDescriptor own(fcntl(file.Descriptor(), F_DUPFD_CLOEXEC, 0));
-    if (!own || lseek(own.get(), 0, SEEK_SET) != 0)
-        throw std::runtime_error("cannot read " + file.Path() + ": " + ErrorText(errno));
-    Reader reader(file.Path(), std::move(own));
+    FileDescriptor copy(fcntl(file.Descriptor(), F_DUPFD_CLOEXEC, 0));
+    if (!copy || lseek(copy.Get(), 0, SEEK_SET) != 0) ThrowErrno("cannot read " + file.Path());
+    Reader reader(file.Path(), std::move(copy));
     return List(reader);
 }
 
@@ -160,8 +159,8 @@ std::string ReadArchiveEntry(const std::string& path, const std::string& name,
                              std::uint64_t most_bytes)
 {
     Reader reader(path);
-    while (const EntryPointer entry = reader.Next())
-        if (NameOf(*entry) == name) return reader.Read(*entry, most_bytes);
+    while (const auto entry = reader.Next())
+        if (EntryName(*entry) == name) return reader.Read(*entry, most_bytes);
     reader.Fail("has no entry " + name);
 }
 

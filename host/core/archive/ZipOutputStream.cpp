@@ -1,3 +1,4 @@
+// The diagnostic archive writer.
 #include "VxaCore/ZipOutputStream.h"
 
 #include <errno.h>
@@ -5,15 +6,15 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <optional>
 #include <stdexcept>
 #include <vector>
 
-#include <wx/log.h>
 #include <wx/zipstrm.h>
 
 #include "files/File.h"
-#include "files/Text.h"
 #include "log/LogSink.h"
+#include "text/Utf8.h"
 #include "vxa_core/archive.h"
 
 template struct SLB3::policy::NoDelete::Implementation<VxaCore::CZipOutputStream>;
@@ -25,73 +26,81 @@ namespace {
 constexpr std::size_t kChunkBytes = 65536;
 constexpr int kCompressionLevel = 6;
 
-// The zip writer emits headers a few bytes at a time. wxWidgets' own file streams report
-// failures through the log and forget their cause.
-class FileSink : public wxOutputStream {
+// Collects the zip writer's headers, which come a few bytes at a time. wxWidgets' own file
+// streams report failures through the log and lose the cause.
+class BufferedFile : public wxOutputStream {
 public:
-    explicit FileSink(FileDescriptor file) : m_file(std::move(file))
+    BufferedFile(FileDescriptor descriptor, const std::string& path)
+        : m_file(std::move(descriptor), path)
     {
         m_buffer.reserve(kChunkBytes);
     }
 
-    // All of it on the disk, where the file has one.
-    bool Finish()
+    // Writes what is buffered to the disk and closes the file.
+    void Finish()
     {
-        const bool flushed = Flush();
-        if (flushed && fsync(m_file.get()) != 0 && errno != EINVAL && errno != EROFS)
-            m_errno = errno;
-        if (!m_file.Close() && m_errno == 0) m_errno = errno;
-        return m_errno == 0;
+        Try([&] {
+            Flush();
+            m_file.Sync();
+            m_file.Close();
+        });
     }
 
-    int ErrorNumber() const { return m_errno; }
+    // The first failure with the path and the reason; empty if there was none.
+    const std::string& Error() const { return m_error; }
 
 protected:
     std::size_t OnSysWrite(const void* bytes, std::size_t size) override
     {
-        if (m_buffer.size() + size > kChunkBytes && !Flush()) return Refuse();
         const auto* first = static_cast<const char*>(bytes);
-        if (size > kChunkBytes) return WriteFully(m_file.get(), {first, size}) ? size : Fail();
-        m_buffer.insert(m_buffer.end(), first, first + size);
-        return size;
-    }
-
-private:
-    bool Flush()
-    {
-        if (m_errno == 0 && !WriteFully(m_file.get(), {m_buffer.data(), m_buffer.size()})) Fail();
-        m_buffer.clear();
-        return m_errno == 0;
-    }
-
-    std::size_t Fail()
-    {
-        m_errno = errno;
-        return Refuse();
-    }
-
-    std::size_t Refuse()
-    {
+        Try([&] {
+            if (m_buffer.size() + size > kChunkBytes) Flush();
+            if (size > kChunkBytes)
+                m_file.Write({first, size});
+            else
+                m_buffer.insert(m_buffer.end(), first, first + size);
+        });
+        if (m_error.empty()) return size;
         m_lasterror = wxSTREAM_WRITE_ERROR;
         return 0;
     }
 
-    FileDescriptor m_file;
+private:
+    // No exception may pass through wxWidgets' frames. Does nothing after a failure.
+    template <typename Function>
+    void Try(Function function)
+    {
+        if (!m_error.empty()) return;
+        try {
+            function();
+        } catch (const std::exception& error) {
+            m_error = error.what();
+        }
+    }
+
+    void Flush()
+    {
+        m_file.Write({m_buffer.data(), m_buffer.size()});
+        m_buffer.clear();
+    }
+
+    File m_file;
     std::vector<char> m_buffer;
-    int m_errno = 0;
+    std::string m_error;
 };
 
-// The open file and its compressor, a quarter of a megabyte of buffers.
+// The open file and its compressor, with a quarter of a megabyte of buffers.
 struct Writer {
-    explicit Writer(FileDescriptor file) : sink(std::move(file)), zip(sink, kCompressionLevel, utf8)
+    Writer(FileDescriptor descriptor, const std::string& path)
+        : file(std::move(descriptor), path), zip(file, kCompressionLevel, utf8)
     {
     }
 
-    // Copies to the input's end and counts what was written; false when either side fails.
+    // Copies the input to its end and counts the bytes; returns whether all was read and written.
     bool Copy(wxInputStream& in, std::uint64_t& bytes);
 
-    FileSink sink;
-    wxMBConvUTF8 utf8;  // the shared one is set up on first use, without a lock
+    BufferedFile file;
+    wxMBConvUTF8 utf8;  // wxWidgets sets up the shared one on first use, without a lock
     wxZipOutputStream zip;
 };
 
@@ -102,127 +111,119 @@ bool Writer::Copy(wxInputStream& in, std::uint64_t& bytes)
         const std::size_t got = in.Read(chunk.data(), chunk.size()).LastRead();
         if (got > 0 && zip.Write(chunk.data(), got).LastWrite() != got) return false;
         bytes += got;
-        // Neither bytes nor an end: an input that is stuck must not hold us for ever.
+        // An input that returns neither bytes nor an end would be read forever.
         if (in.GetLastError() != wxSTREAM_NO_ERROR || got == 0)
             return in.GetLastError() == wxSTREAM_EOF;
     }
 }
 
+double SecondsSince(std::chrono::steady_clock::time_point moment)
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - moment).count();
+}
+
 }  // namespace
 
-struct CZipOutputStream::Archive::Content {
-    // Throws the reason in errno for a file that could not be opened.
-    Content(const std::string& archive_path, FileDescriptor file) : path(archive_path)
+struct CZipOutputStream::Archive::State {
+    State(FileDescriptor descriptor, const std::string& archive_path)
+        : path(archive_path), writer(std::in_place, CheckOpen(std::move(descriptor)), path)
     {
-        if (!file) throw std::runtime_error("cannot write " + path + ": " + ErrorText(errno));
-        writer = std::make_unique<Writer>(std::move(file));
     }
 
-    void Fail(const std::string& reason)
+    // Errno is that of opening it.
+    FileDescriptor CheckOpen(FileDescriptor descriptor) const
     {
-        if (problem.empty()) problem = reason;
+        if (!descriptor) ThrowErrno("cannot write " + path);
+        return descriptor;
     }
-    // With the file's reason, else the zip writer's.
-    void FailToWrite(const FileSink& sink)
+    void KeepError(const std::string& error)
     {
-        Fail("cannot write " + path + ": " +
-             (sink.ErrorNumber() ? ErrorText(sink.ErrorNumber()) : "zip writer failed"));
+        if (first_error.empty()) first_error = error;
     }
-
-    // The time since the last call of this function, or since the archive was created.
-    double TakeSeconds()
+    void KeepWriteError()
     {
-        const auto now = std::chrono::steady_clock::now();
-        const std::chrono::duration<double> elapsed = now - std::exchange(last_taken, now);
-        return elapsed.count();
+        const std::string& reason = writer->file.Error();
+        KeepError(reason.empty() ? "cannot write " + path + ": zip writer failed" : reason);
     }
     bool Write(wxInputStream& in, std::unique_ptr<wxZipEntry> entry, Host::AddedEntry& added);
 
-    std::string path;
+    const std::string path;
+    std::optional<Writer> writer;  // empty once closed
+    std::string first_error;
+    bool is_broken = false;  // the file cannot be written: no more entries
     std::vector<Host::AddedEntry> entries;
-    std::chrono::steady_clock::time_point last_taken = std::chrono::steady_clock::now();
-    std::unique_ptr<Writer> writer;  // null once closed
-    std::string problem;             // the first
-    bool broken = false;             // the file cannot be written: no further entries
+    std::chrono::steady_clock::time_point last_end = std::chrono::steady_clock::now();
 };
 
-CZipOutputStream::Archive::Archive(std::unique_ptr<Content> content) : m_content(std::move(content))
+bool CZipOutputStream::Archive::State::Write(wxInputStream& in, std::unique_ptr<wxZipEntry> entry,
+                                             Host::AddedEntry& added)
 {
+    if (!writer) KeepError("the archive is closed");
+    if (!writer || is_broken) return false;
+    wxZipOutputStream& zip = writer->zip;
+    const bool is_copied = zip.PutNextEntry(entry.release()) && writer->Copy(in, added.bytes);
+    const bool is_ended = zip.CloseEntry() && zip.IsOk();
+    is_broken = !is_ended || !writer->file.Error().empty();
+    if (is_broken)
+        KeepWriteError();
+    else if (!is_copied)
+        KeepError(path + ": entry " + added.name + " is incomplete: its input failed");
+    return is_copied && !is_broken;
 }
+
+CZipOutputStream::Archive::Archive(std::unique_ptr<State> state) : m_state(std::move(state)) {}
 
 std::unique_ptr<CZipOutputStream::Archive> CZipOutputStream::Archive::Create(
     const std::string& path)
 {
-    // A FIFO without a reader fails instead of holding us up.
+    // O_NONBLOCK: opening a FIFO without a reader fails instead of waiting.
     constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
     FileDescriptor file(open(path.c_str(), kFlags, 0600));
-    if (file) fcntl(file.get(), F_SETFL, 0);
-    return std::unique_ptr<Archive>(new Archive(std::make_unique<Content>(path, std::move(file))));
+    if (file) fcntl(file.Get(), F_SETFL, 0);
+    return std::unique_ptr<Archive>(new Archive(std::make_unique<State>(std::move(file), path)));
 }
 
 std::unique_ptr<CZipOutputStream::Archive> CZipOutputStream::Archive::Create(
     const Host::PendingFile& file)
 {
-    FileDescriptor own(fcntl(file.Descriptor(), F_DUPFD_CLOEXEC, 0));
+    FileDescriptor copy(fcntl(file.Descriptor(), F_DUPFD_CLOEXEC, 0));
     return std::unique_ptr<Archive>(
-        new Archive(std::make_unique<Content>(file.Path(), std::move(own))));
+        new Archive(std::make_unique<State>(std::move(copy), file.Path())));
 }
 
 CZipOutputStream::Archive::~Archive()
 {
-    try {
-        std::string error;
-        if (m_content->writer && !Close(error))
-            wxLogError("archive: %s", wxString::FromUTF8(CleanUtf8(error.c_str()).c_str()));
-    } catch (const std::exception& failure) {
-        ReportLostRecord(failure.what());
-    }
-}
-
-bool CZipOutputStream::Archive::Content::Write(wxInputStream& in, std::unique_ptr<wxZipEntry> entry,
-                                               Host::AddedEntry& added)
-{
-    if (!writer) Fail("the archive is closed");
-    if (!writer || broken) return false;
-    wxZipOutputStream& zip = writer->zip;
-    const bool copied = zip.PutNextEntry(entry.release()) && writer->Copy(in, added.bytes);
-    const bool ended = zip.CloseEntry() && zip.IsOk();
-    broken = !ended || writer->sink.ErrorNumber() != 0;
-    if (broken)
-        FailToWrite(writer->sink);
-    else if (!copied)
-        Fail(path + ": entry " + added.name + " is incomplete: its input failed");
-    return copied && !broken;
+    if (m_state->writer) LogException("archive", [this] { Close(); });
 }
 
 bool CZipOutputStream::Archive::Add(wxInputStream& in, bool text, const wxString& name,
                                     const wxString& comment)
 {
-    Content& to = *m_content;
-    Host::AddedEntry& added = to.entries.emplace_back();
+    Host::AddedEntry& added = m_state->entries.emplace_back();
     added.name = ToUtf8(name);
     auto entry = std::make_unique<wxZipEntry>(name);
     entry->SetIsText(text);
     entry->SetComment(comment);
-    added.complete = to.Write(in, std::move(entry), added);
-    added.seconds = to.TakeSeconds();
-    return added.complete;
+    added.is_complete = m_state->Write(in, std::move(entry), added);
+    added.seconds = SecondsSince(m_state->last_end);
+    m_state->last_end = std::chrono::steady_clock::now();
+    return added.is_complete;
 }
 
 const std::vector<Host::AddedEntry>& CZipOutputStream::Archive::Entries() const
 {
-    return m_content->entries;
+    return m_state->entries;
 }
 
-bool CZipOutputStream::Archive::Close(std::string& error)
+void CZipOutputStream::Archive::Close()
 {
-    if (const auto writer = std::move(m_content->writer)) {
-        const bool complete = writer->zip.Close();
-        const bool stored = writer->sink.Finish();
-        if (!complete || !stored) m_content->FailToWrite(writer->sink);
+    if (auto& writer = m_state->writer) {
+        const bool is_complete = writer->zip.Close();
+        writer->file.Finish();
+        if (!is_complete || !writer->file.Error().empty()) m_state->KeepWriteError();
+        writer.reset();
     }
-    error = m_content->problem;
-    return error.empty();
+    if (!m_state->first_error.empty()) throw std::runtime_error(m_state->first_error);
 }
 
 CZipOutputStream::CZipOutputStream(std::unique_ptr<Archive> archive) : m_archive(std::move(archive))

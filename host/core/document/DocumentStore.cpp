@@ -1,60 +1,68 @@
+// Host documents in memory and in state directories.
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <deque>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 
-#include "document/Json.h"
 #include "document/StateDirectory.h"
-#include "files/Text.h"
+#include "text/Json.h"
 #include "vxa_core/document.h"
+#include "vxa_core/text.h"
 
 namespace VxaCore {
 
 using Host::DocumentValue;
 using Host::Event;
+using Host::EventList;
 
-struct CDom::Store::Content {
+// For the functions: with the mutex held.
+struct CDom::Store::State {
+    void CheckOpen() const;
+    void StoreDocument();
+    void StoreEvents();
+
     std::mutex mutex;
     JsonItem document;
     std::unique_ptr<StateDirectory> directory;  // null: in memory
-    std::vector<Event> events;                  // all of them in memory; else those not yet stored
-    bool unwritten = false;                     // the document has changed since it was last stored
-    bool closed = false;
-    std::string close_problem;  // what Close returned
+    std::deque<Event> events;   // without a directory all of them, else those not yet stored
+    bool is_unwritten = false;  // the document has changed since it was last stored
+    bool is_closed = false;
+    std::string close_error;  // what Close throws; empty if everything is stored
 };
 
 namespace {
 
-constexpr char kClosed[] = "the document is closed";
-
-JsonItem Checked(cJSON* item)
+JsonItem CheckMemory(cJSON* item)
 {
     if (!item) throw std::bad_alloc();
     return JsonItem(item);
 }
 
-// Numbers are kept as texts of their shortest exact form: cJSON writes doubles with 15
-// digits when that comes close enough, and so would change large counts.
-std::string NumberText(double number)
+// Numbers are kept as strings in their shortest exact form: cJSON writes a double with 15
+// digits where that comes close enough, which would change large counts.
+std::string FormatNumber(double number)
 {
     char text[32];
     return {text, std::to_chars(text, text + sizeof text, number).ptr};
 }
 
-double NumberOf(const cJSON* item)
+double ParseNumber(const cJSON* item)
 {
     double number = 0;
     std::from_chars(item->valuestring, item->valuestring + std::strlen(item->valuestring), number);
     return number;
 }
 
-// Replaces the numbers of a list or object, nested ones as well.
+// Replaces the numbers in a list or object, nested ones included.
 void KeepNumbersExact(cJSON* parent)
 {
     for (cJSON* item = parent->child; item; item = item->next) {
         if (cJSON_IsNumber(item)) {
-            const std::string text = NumberText(item->valuedouble);
+            const std::string text = FormatNumber(item->valuedouble);
             item->valuestring = static_cast<char*>(cJSON_malloc(text.size() + 1));
             if (!item->valuestring) throw std::bad_alloc();
             std::memcpy(item->valuestring, text.c_str(), text.size() + 1);
@@ -66,28 +74,27 @@ void KeepNumbersExact(cJSON* parent)
 
 JsonItem ReadDocument(const StateDirectory& directory)
 {
-    const std::string text = directory.ReadDocument();
+    const std::string text = directory.ReadDocument().value_or("");
     const std::string name = directory.Path() + "/document.json";
-    if (text.empty()) return Checked(cJSON_CreateObject());
-    std::size_t stop = 0;
-    JsonItem document = ParseJson(text, stop);
-    if (!document) {
-        const JsonPlace place = PlaceOf(text, stop);
-        // Nothing of the content: the file may be one that the reader of the message
-        // must not read.
-        throw std::runtime_error(name + ": not valid JSON at line " + std::to_string(place.line) +
-                                 ", column " + std::to_string(place.column));
+    if (text.empty()) return CheckMemory(cJSON_CreateObject());
+    ParsedJson parsed = ParseJson(text);
+    if (!parsed.item) {
+        const JsonPosition at = PositionAt(text, parsed.stop);
+        // Nothing of the content: the user who sees the message may not be allowed to read it.
+        throw std::runtime_error(name + ": not valid JSON at line " + std::to_string(at.line) +
+                                 ", column " + std::to_string(at.column));
     }
-    if (!cJSON_IsObject(document.get())) throw std::runtime_error(name + " holds no JSON object");
-    KeepNumbersExact(document.get());
-    return document;
+    if (!cJSON_IsObject(parsed.item.get()))
+        throw std::runtime_error(name + " holds no JSON object");
+    KeepNumbersExact(parsed.item.get());
+    return std::move(parsed.item);
 }
 
 DocumentValue ToValue(const cJSON* item)
 {
     if (!item || cJSON_IsNull(item)) return std::monostate();
     if (cJSON_IsBool(item)) return static_cast<bool>(cJSON_IsTrue(item));
-    if (cJSON_IsRaw(item)) return NumberOf(item);
+    if (cJSON_IsRaw(item)) return ParseNumber(item);
     if (cJSON_IsString(item)) return std::string(item->valuestring);
     return Host::NestedValue();
 }
@@ -95,25 +102,27 @@ DocumentValue ToValue(const cJSON* item)
 struct ToItem {
     cJSON* operator()(std::monostate) const { return nullptr; }
     cJSON* operator()(bool value) const { return cJSON_CreateBool(value); }
-    cJSON* operator()(double value) const { return cJSON_CreateRaw(NumberText(value).c_str()); }
+    cJSON* operator()(double value) const { return cJSON_CreateRaw(FormatNumber(value).c_str()); }
     cJSON* operator()(const std::string& value) const { return cJSON_CreateString(value.c_str()); }
     cJSON* operator()(const Host::NestedValue&) const { return nullptr; }
 };
 
-// What keeps a pair out of any document; empty when nothing does.
-std::string Unfit(const std::string& key, const DocumentValue& value)
+// Throws if no document can hold the pair.
+void CheckPair(const std::string& key, const DocumentValue& value)
 {
-    if (!IsPlainUtf8(key)) return "the key is no UTF-8 text without zero bytes";
-    if (const auto* text = std::get_if<std::string>(&value); text && !IsPlainUtf8(*text))
-        return "the value of " + key + " is no UTF-8 text without zero bytes";
+    const auto refuse = [&](const char* problem) {
+        throw std::runtime_error("the value of " + key + " must be " + problem);
+    };
+    if (!Host::IsPlainUtf8(key))
+        throw std::runtime_error("key must be valid UTF-8 without NUL bytes");
+    if (const auto* text = std::get_if<std::string>(&value); text && !Host::IsPlainUtf8(*text))
+        refuse("valid UTF-8 without NUL bytes");
     if (const auto* number = std::get_if<double>(&value); number && !std::isfinite(*number))
-        return "the value of " + key + " is no finite number";
-    if (std::holds_alternative<Host::NestedValue>(value))
-        return "the value of " + key + " is neither boolean, number nor text";
-    return {};
+        refuse("a finite number");
+    if (std::holds_alternative<Host::NestedValue>(value)) refuse("a boolean, number or string");
 }
 
-bool Same(const DocumentValue& a, const DocumentValue& b)
+bool IsSame(const DocumentValue& a, const DocumentValue& b)
 {
     if (a.index() != b.index()) return false;
     if (const auto* text = std::get_if<std::string>(&a)) return *text == std::get<std::string>(b);
@@ -124,146 +133,150 @@ bool Same(const DocumentValue& a, const DocumentValue& b)
 
 void Replace(cJSON* document, const std::string& key, const DocumentValue& value)
 {
-    const bool remove = std::holds_alternative<std::monostate>(value);
-    JsonItem item = remove ? JsonItem() : Checked(std::visit(ToItem(), value));
+    const bool is_removed = std::holds_alternative<std::monostate>(value);
+    JsonItem item = is_removed ? JsonItem() : CheckMemory(std::visit(ToItem(), value));
     cJSON_DeleteItemFromObjectCaseSensitive(document, key.c_str());
-    if (item && !cJSON_AddItemToObject(document, key.c_str(), item.release()))
-        throw std::bad_alloc();
+    if (!item) return;
+    if (!cJSON_AddItemToObject(document, key.c_str(), item.get())) throw std::bad_alloc();
+    (void)item.release();
+}
+
+std::string Print(const cJSON* document)
+{
+    const std::unique_ptr<char, void (*)(void*)> text(cJSON_Print(document), cJSON_free);
+    if (!text) throw std::bad_alloc();
+    return std::string(text.get()) + "\n";
 }
 
 std::string EventLine(const Event& event)
 {
     std::string line = "{\"time\":";
-    AppendTime(line, event.time_s);
+    AppendJsonTime(line, event.time_s);
     line += ",\"id\":" + std::to_string(event.id) + ",\"text\":";
     AppendJsonString(line, event.text);
     return line += "}\n";
 }
 
-bool ParseEvent(const std::string& line, Event& event)
+// Returns nothing for a line that is not an event.
+std::optional<Event> ParseEvent(const std::string& line)
 {
-    std::size_t stop = 0;
-    const JsonItem item = ParseJson(line, stop);
+    const JsonItem item = ParseJson(line).item;
     const cJSON* time = cJSON_GetObjectItemCaseSensitive(item.get(), "time");
     const cJSON* id = cJSON_GetObjectItemCaseSensitive(item.get(), "id");
     const cJSON* text = cJSON_GetObjectItemCaseSensitive(item.get(), "text");
-    if (!cJSON_IsNumber(time) || !cJSON_IsNumber(id) || !cJSON_IsString(text)) return false;
-    event = {time->valuedouble, id->valueint, text->valuestring};
-    return true;
+    if (!cJSON_IsNumber(time) || !cJSON_IsNumber(id) || !cJSON_IsString(text)) return std::nullopt;
+    return Event{time->valuedouble, id->valueint, text->valuestring};
 }
 
-std::vector<Event> ParseEvents(const std::string& text, std::size_t& unreadable)
+EventList ParseEvents(const std::string& text)
 {
-    std::vector<Event> events;
+    EventList list;
     for (std::size_t start = 0; start < text.size();) {
         const std::size_t end = std::min(text.find('\n', start), text.size());
-        Event event;
-        if (ParseEvent(text.substr(start, end - start), event))
-            events.push_back(std::move(event));
+        if (auto event = ParseEvent(text.substr(start, end - start)))
+            list.events.push_back(*std::move(event));
         else
-            ++unreadable;
+            ++list.unreadable;
         start = end + 1;
     }
-    return events;
+    return list;
+}
+
+// Calls the function; keeps the message of the first failure.
+template <typename Function>
+void KeepError(std::string& first_error, Function function)
+try {
+    function();
+} catch (const std::runtime_error& error) {
+    if (first_error.empty()) first_error = error.what();
 }
 
 }  // namespace
 
-CDom::Store::Store(std::unique_ptr<Content> content) : m_content(std::move(content)) {}
+void CDom::Store::State::CheckOpen() const
+{
+    if (is_closed) throw std::runtime_error("the document is closed");
+}
+
+void CDom::Store::State::StoreDocument()
+{
+    if (!directory || !is_unwritten) return;
+    directory->ReplaceDocument(Print(document.get()));
+    is_unwritten = false;
+}
+
+void CDom::Store::State::StoreEvents()
+{
+    for (; directory && !events.empty(); events.pop_front())
+        directory->AppendEvent(EventLine(events.front()));
+}
+
+CDom::Store::Store(std::unique_ptr<State> state) : m_state(std::move(state)) {}
 CDom::Store::~Store() = default;
 
 std::unique_ptr<CDom::Store> CDom::Store::InMemory()
 {
-    auto content = std::make_unique<Content>();
-    content->document = Checked(cJSON_CreateObject());
-    return std::unique_ptr<Store>(new Store(std::move(content)));
+    auto state = std::make_unique<State>();
+    state->document = CheckMemory(cJSON_CreateObject());
+    return std::unique_ptr<Store>(new Store(std::move(state)));
 }
 
 std::unique_ptr<CDom::Store> CDom::Store::InDirectory(const std::string& path)
 {
-    auto content = std::make_unique<Content>();
-    content->directory = std::make_unique<StateDirectory>(path);
-    content->document = ReadDocument(*content->directory);
-    return std::unique_ptr<Store>(new Store(std::move(content)));
+    auto state = std::make_unique<State>();
+    state->directory = std::make_unique<StateDirectory>(path);
+    state->document = ReadDocument(*state->directory);
+    return std::unique_ptr<Store>(new Store(std::move(state)));
 }
 
 DocumentValue CDom::Store::Get(const std::string& key) const
 {
-    const std::lock_guard<std::mutex> lock(m_content->mutex);
-    return ToValue(cJSON_GetObjectItemCaseSensitive(m_content->document.get(), key.c_str()));
+    const std::lock_guard<std::mutex> lock(m_state->mutex);
+    return ToValue(cJSON_GetObjectItemCaseSensitive(m_state->document.get(), key.c_str()));
 }
 
-bool CDom::Store::Set(const std::string& key, const DocumentValue& value, std::string& error)
+void CDom::Store::Set(const std::string& key, const DocumentValue& value)
 {
-    const std::lock_guard<std::mutex> lock(m_content->mutex);
-    error = m_content->closed ? kClosed : Unfit(key, value);
-    if (!error.empty()) return false;
-    cJSON* document = m_content->document.get();
-    if (!Same(ToValue(cJSON_GetObjectItemCaseSensitive(document, key.c_str())), value)) {
+    const std::lock_guard<std::mutex> lock(m_state->mutex);
+    m_state->CheckOpen();
+    CheckPair(key, value);
+    cJSON* document = m_state->document.get();
+    if (!IsSame(ToValue(cJSON_GetObjectItemCaseSensitive(document, key.c_str())), value)) {
         Replace(document, key, value);
-        m_content->unwritten = true;
+        m_state->is_unwritten = true;
     }
-    error = StoreDocument();
-    return error.empty();
+    m_state->StoreDocument();
 }
 
-std::string CDom::Store::StoreDocument()
+void CDom::Store::WriteEvent(int id, const std::string& utf8)
 {
-    if (!m_content->directory || !m_content->unwritten) return {};
-    const JsonText text(cJSON_Print(m_content->document.get()));
-    if (!text) throw std::bad_alloc();
-    std::string problem = m_content->directory->ReplaceDocument(std::string(text.get()) + "\n");
-    m_content->unwritten = !problem.empty();
-    return problem;
+    const std::lock_guard<std::mutex> lock(m_state->mutex);
+    m_state->CheckOpen();
+    m_state->events.push_back({SecondsSinceEpoch(), id, utf8});
+    m_state->StoreEvents();
 }
 
-bool CDom::Store::WriteEvent(int id, const std::string& utf8, std::string& error)
+EventList CDom::Store::Events() const
 {
-    const std::lock_guard<std::mutex> lock(m_content->mutex);
-    error = m_content->closed ? kClosed : "";
-    if (!error.empty()) return false;
-    m_content->events.push_back({WallClock(), id, utf8});
-    error = StoreEvents();
-    return error.empty();
+    const std::lock_guard<std::mutex> lock(m_state->mutex);
+    m_state->CheckOpen();
+    const std::deque<Event>& in_memory = m_state->events;
+    EventList list;
+    if (m_state->directory) list = ParseEvents(m_state->directory->ReadEvents());
+    list.events.insert(list.events.end(), in_memory.begin(), in_memory.end());
+    return list;
 }
 
-std::string CDom::Store::StoreEvents()
+void CDom::Store::Close()
 {
-    if (!m_content->directory) return {};
-    std::vector<Event>& waiting = m_content->events;
-    std::string problem;
-    std::size_t stored = 0;
-    while (stored < waiting.size() && problem.empty()) {
-        problem = m_content->directory->AppendEvent(EventLine(waiting[stored]));
-        stored += problem.empty();
+    const std::lock_guard<std::mutex> lock(m_state->mutex);
+    if (!m_state->is_closed) {
+        KeepError(m_state->close_error, [&] { m_state->StoreDocument(); });
+        KeepError(m_state->close_error, [&] { m_state->StoreEvents(); });
+        m_state->is_closed = true;
+        m_state->directory.reset();
     }
-    waiting.erase(waiting.begin(), waiting.begin() + static_cast<std::ptrdiff_t>(stored));
-    return problem;
-}
-
-std::vector<Event> CDom::Store::Events(std::size_t& unreadable) const
-{
-    const std::lock_guard<std::mutex> lock(m_content->mutex);
-    unreadable = 0;
-    if (m_content->closed) throw std::runtime_error(kClosed);
-    if (!m_content->directory) return m_content->events;
-    std::vector<Event> events = ParseEvents(m_content->directory->ReadEvents(), unreadable);
-    events.insert(events.end(), m_content->events.begin(), m_content->events.end());
-    return events;
-}
-
-bool CDom::Store::Close(std::string& error)
-{
-    const std::lock_guard<std::mutex> lock(m_content->mutex);
-    if (!m_content->closed) {
-        const std::string document_problem = StoreDocument();
-        const std::string events_problem = StoreEvents();
-        m_content->close_problem = document_problem.empty() ? events_problem : document_problem;
-        m_content->closed = true;
-        m_content->directory.reset();
-    }
-    error = m_content->close_problem;
-    return error.empty();
+    if (!m_state->close_error.empty()) throw std::runtime_error(m_state->close_error);
 }
 
 }  // namespace VxaCore

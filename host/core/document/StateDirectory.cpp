@@ -1,3 +1,4 @@
+// The files of a state directory.
 #include "document/StateDirectory.h"
 
 #include <errno.h>
@@ -8,42 +9,67 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <stdexcept>
+#include <system_error>
 
 #include <wx/log.h>
 
-#include "files/Text.h"
+#include "text/Utf8.h"
 
 namespace VxaCore {
 
 namespace {
 
 constexpr char kDocument[] = "document.json";
-constexpr char kTemporary[] = "document.json.tmp";  // one is enough: only the lock's holder writes
+constexpr char kTemporary[] = "document.json.tmp";  // only the holder of the lock writes it
 constexpr char kEvents[] = "events.jsonl";
 constexpr char kLock[] = "lock";
 
-// Who holds the lock, as far as its file tells: the process may be in another
-// namespace, or not have written its number yet.
-std::string HolderName(int lock_fd)
+// The name of a process, or nothing if it cannot be read.
+std::string ProcessName(long pid)
+try {
+    const std::string path = "/proc/" + std::to_string(pid) + "/comm";
+    const std::string comm =
+        File(FileDescriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC)), path).ReadAll();
+    return comm.substr(0, comm.find('\n'));
+} catch (const std::system_error&) {
+    return {};
+}
+
+// Describes the holder of the lock. Its process may be in another PID namespace, or may not
+// have written its number yet.
+std::string DescribeHolder(const File& lock)
 {
-    char number[24] = "";
-    if (pread(lock_fd, number, sizeof number - 1, 0) < 0) return "another process";
-    const long pid = std::strtol(number, nullptr, 10);
+    const std::string content = lock.ReadAll();
+    const long pid = std::strtol(content.c_str(), nullptr, 10);
     if (pid == getpid()) return "this process";
     if (pid <= 0 || (kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH))
         return "another process";
-    std::string name;
-    const FileDescriptor comm(
-        open(("/proc/" + std::to_string(pid) + "/comm").c_str(), O_RDONLY | O_CLOEXEC));
-    if (comm && ReadFully(comm.get(), name) && !name.empty())
-        name = " (" + name.substr(0, name.find('\n')) + ")";
-    return "process " + std::to_string(pid) + name;
+    const std::string name = ProcessName(pid);
+    return "process " + std::to_string(pid) + (name.empty() ? "" : " (" + name + ")");
+}
+
+FileDescriptor OpenStateDirectory(const std::string& path)
+try {
+    const FileDescriptor found = OpenDirectory(path, IfMissing::kMake);
+    FileDescriptor directory(openat(found.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!directory) throw std::runtime_error(ErrorText(errno));
+    return directory;
+} catch (const std::runtime_error& error) {
+    throw std::runtime_error("state directory " + path + ": " + error.what());
+}
+
+// Why a file is refused, or null. If others may write to the directory, a hard link would make
+// any file of its file system one of this directory's.
+const char* ReasonToRefuse(const struct stat& status)
+{
+    if (S_ISLNK(status.st_mode)) return "it is a symbolic link";
+    if (!S_ISREG(status.st_mode)) return "it is not a regular file";
+    return status.st_nlink > 1 ? "it has more than one hard link" : nullptr;
 }
 
 // The next process must be able to open what this one made, whatever the umask. Some file
 // systems have no modes.
-void KeepForOwner(int file, const struct stat& status)
+void AllowOwner(int file, const struct stat& status)
 {
     constexpr mode_t kOwner = S_IRUSR | S_IWUSR;
     if (status.st_uid == geteuid() && (status.st_mode & kOwner) != kOwner)
@@ -52,159 +78,121 @@ void KeepForOwner(int file, const struct stat& status)
 
 }  // namespace
 
-StateDirectory::StateDirectory(const std::string& path) : m_path(path)
+StateDirectory::StateDirectory(const std::string& path)
+    : m_path(path),
+      m_directory(OpenStateDirectory(path)),
+      m_lock(Lock()),
+      m_events(Open(kEvents, O_RDWR | O_APPEND | O_CREAT).value())
 {
-    std::string problem;
-    const FileDescriptor found = OpenDirectory(path, Missing::kMade, problem);
-    if (!found) throw std::runtime_error("state directory " + path + ": " + problem);
-    m_directory = FileDescriptor(openat(found.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!m_directory) throw std::runtime_error("state directory " + path + ": " + ErrorText(errno));
-    Lock();
-    m_events = OpenForWriting(kEvents, O_RDWR | O_APPEND | O_CREAT);
-    (void)OpenDocument();  // refused now, before the first write
-    WriteHolder();
-    MendEvents();
+    (void)Open(kDocument, O_RDONLY);  // refused now, before anything is written
+    WriteProcessId();
+    if (fsync(m_directory.Get()) != 0) ThrowErrno("cannot write " + m_path);
+    RemoveUnfinishedEvent();
 }
 
 StateDirectory::~StateDirectory()
 {
-    // A number left behind would name a process that no longer holds the directory.
-    if (m_lock) (void)!ftruncate(m_lock.get(), 0);
+    // The number would name a process that no longer holds the directory.
+    (void)!ftruncate(m_lock.Descriptor(), 0);
 }
 
-void StateDirectory::Lock()
+File StateDirectory::Lock() const
 {
-    FileDescriptor lock = OpenForWriting(kLock, O_RDWR | O_CREAT);
-    if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
-        if (errno != EWOULDBLOCK) throw std::runtime_error(Failure("cannot lock", kLock));
-        throw std::runtime_error("state directory " + m_path + " is in use by " +
-                                 HolderName(lock.get()));
-    }
-    m_lock = std::move(lock);
+    File lock = Open(kLock, O_RDWR | O_CREAT).value();
+    if (flock(lock.Descriptor(), LOCK_EX | LOCK_NB) == 0) return lock;
+    if (errno != EWOULDBLOCK) ThrowErrno("cannot lock " + m_path + "/" + kLock);
+    throw std::runtime_error("state directory " + m_path + " is in use by " + DescribeHolder(lock));
 }
 
-void StateDirectory::WriteHolder()
+void StateDirectory::WriteProcessId()
 {
-    if (ftruncate(m_lock.get(), 0) != 0 ||
-        !WriteFully(m_lock.get(), std::to_string(getpid()) + "\n"))
-        throw std::runtime_error(Failure("cannot write", kLock));
+    m_lock.Truncate(0);
+    m_lock.Write(std::to_string(getpid()) + "\n");
 }
 
-// A record cut short by a kill or a power failure: its call never returned.
-void StateDirectory::MendEvents()
+// A record cut short when the process was killed or the power failed: its call never returned.
+void StateDirectory::RemoveUnfinishedEvent()
 {
-    if (fsync(m_directory.get()) != 0) throw std::runtime_error(Failure("cannot write", kEvents));
     const std::string text = ReadEvents();
     const std::size_t complete = text.rfind('\n') + 1;  // 0 without any line feed
-    m_eventsSize = static_cast<long long>(complete);
+    m_eventsSize = static_cast<off_t>(complete);
     if (complete == text.size()) return;
-    if (ftruncate(m_events.get(), m_eventsSize) != 0)
-        throw std::runtime_error(Failure("cannot mend", kEvents));
-    wxLogWarning("%s/%s: removed an unfinished last record of %zu bytes",
-                 wxString::FromUTF8(CleanUtf8(m_path.c_str()).c_str()), kEvents,
+    m_events.Truncate(m_eventsSize);
+    wxLogWarning("%s/%s: removed an unfinished last record of %zu bytes", FromUtf8(m_path), kEvents,
                  text.size() - complete);
 }
 
-std::string StateDirectory::Failure(const char* what, const char* name) const
+// Opens a regular file with one link, without following links or waiting for the other end of a
+// FIFO. Returns nothing if it does not exist and is not to be created.
+std::optional<File> StateDirectory::Open(const char* name, int flags) const
 {
-    return Failure(what, name, ErrorText(errno));
-}
-
-std::string StateDirectory::Failure(const char* what, const char* name,
-                                    const std::string& reason) const
-{
-    return std::string(what) + " " + m_path + "/" + name + ": " + reason;
-}
-
-// Where others may write to the directory, a hard link would make any file of its file
-// system one of this directory's.
-FileDescriptor StateDirectory::Open(const char* name, int flags, std::string& reason) const
-{
-    FileDescriptor file = OpenRegular(m_directory.get(), name, flags, reason);
+    const std::string path = m_path + "/" + name;
+    const auto fail = [&](const std::string& reason) {
+        const bool is_read = (flags & O_ACCMODE) == O_RDONLY;
+        throw std::runtime_error((is_read ? "cannot read " : "cannot write ") + path + ": " +
+                                 reason);
+    };
+    constexpr int kCareful = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    FileDescriptor file(openat(m_directory.Get(), name, flags | kCareful, 0644));
+    const int cause = errno;
+    // Where a link or directory is in the way, errno misleads or open(2) succeeds.
     struct stat status;
-    if (!file) return file;
-    if (fstat(file.get(), &status) == 0 && status.st_nlink <= 1) {
-        KeepForOwner(file.get(), status);
-        return file;
+    const bool exists = file ? fstat(file.Get(), &status) == 0
+                             : fstatat(m_directory.Get(), name, &status, AT_SYMLINK_NOFOLLOW) == 0;
+    if (const char* reason = exists ? ReasonToRefuse(status) : nullptr) fail(reason);
+    if (!file && cause == ENOENT && !(flags & O_CREAT)) return std::nullopt;
+    if (!file || !exists) fail(ErrorText(cause));
+    AllowOwner(file.Get(), status);
+    return File(std::move(file), path);
+}
+
+std::optional<std::string> StateDirectory::ReadDocument() const
+{
+    const std::optional<File> file = Open(kDocument, O_RDONLY);
+    if (!file) return std::nullopt;
+    return file->ReadAll();
+}
+
+// Whatever else has the name makes opening fail if it cannot be removed.
+void StateDirectory::RemoveTemporary() const
+{
+    if (unlinkat(m_directory.Get(), kTemporary, 0) != 0 && errno == EISDIR)
+        (void)unlinkat(m_directory.Get(), kTemporary, AT_REMOVEDIR);
+}
+
+void StateDirectory::ReplaceDocument(const std::string& text)
+try {
+    const std::string failure = "cannot replace " + m_path + "/" + kDocument;
+    RemoveTemporary();  // left by a process that was killed
+    File file = Open(kTemporary, O_WRONLY | O_CREAT | O_EXCL).value();
+    file.Write(text);
+    file.Sync();
+    file.Close();
+    if (renameat(m_directory.Get(), kTemporary, m_directory.Get(), kDocument) != 0)
+        ThrowErrno(failure);
+    if (fsync(m_directory.Get()) != 0) ThrowErrno(failure);
+} catch (const std::runtime_error&) {
+    RemoveTemporary();
+    throw;
+}
+
+void StateDirectory::AppendEvent(const std::string& line)
+try {
+    m_events.Write(line);
+    m_events.Sync();
+    m_eventsSize += static_cast<off_t>(line.size());
+} catch (const std::runtime_error& error) {
+    try {
+        m_events.Truncate(m_eventsSize);
+    } catch (const std::runtime_error& second) {
+        throw std::runtime_error(std::string(error.what()) + "; " + second.what());
     }
-    reason = "it has more than one hard link";
-    (void)file.Close();
-    errno = EINVAL;
-    return file;
-}
-
-FileDescriptor StateDirectory::OpenForWriting(const char* name, int flags) const
-{
-    std::string reason;
-    FileDescriptor file = Open(name, flags, reason);
-    if (!file) throw std::runtime_error(Failure("cannot write", name, reason));
-    return file;
-}
-
-// Empty when there is none.
-FileDescriptor StateDirectory::OpenDocument() const
-{
-    std::string reason;
-    FileDescriptor file = Open(kDocument, O_RDONLY, reason);
-    if (!file && errno != ENOENT)
-        throw std::runtime_error(Failure("cannot read", kDocument, reason));
-    return file;
-}
-
-std::string StateDirectory::ReadDocument() const
-{
-    std::string text;
-    const FileDescriptor file = OpenDocument();
-    if (!file) return text;
-    if (!ReadFully(file.get(), text)) throw std::runtime_error(Failure("cannot read", kDocument));
-    return text;
-}
-
-std::string StateDirectory::WriteTemporary(const std::string& text)
-{
-    // A kill leaves a part behind. Whatever else has the name makes opening fail, if it
-    // stays.
-    if (unlinkat(m_directory.get(), kTemporary, 0) != 0 && errno == EISDIR)
-        (void)unlinkat(m_directory.get(), kTemporary, AT_REMOVEDIR);
-    std::string reason;
-    FileDescriptor file = Open(kTemporary, O_WRONLY | O_CREAT | O_EXCL, reason);
-    if (!file) return Failure("cannot write", kTemporary, reason);
-    if (!WriteFully(file.get(), text) || fsync(file.get()) != 0 || !file.Close())
-        return Failure("cannot write", kTemporary);
-    return {};
-}
-
-std::string StateDirectory::ReplaceDocument(const std::string& text)
-{
-    std::string problem = WriteTemporary(text);
-    if (problem.empty() &&
-        renameat(m_directory.get(), kTemporary, m_directory.get(), kDocument) != 0)
-        problem = Failure("cannot replace", kDocument);
-    if (!problem.empty()) {
-        unlinkat(m_directory.get(), kTemporary, 0);
-        return problem;
-    }
-    return fsync(m_directory.get()) == 0 ? "" : Failure("cannot replace", kDocument);
-}
-
-std::string StateDirectory::AppendEvent(const std::string& line)
-{
-    const auto line_size = static_cast<long long>(line.size());
-    if (WriteFully(m_events.get(), line) && fdatasync(m_events.get()) == 0) {
-        m_eventsSize += line_size;
-        return {};
-    }
-    std::string problem = Failure("cannot write", kEvents);
-    if (ftruncate(m_events.get(), m_eventsSize) != 0)
-        problem += "; " + Failure("cannot mend", kEvents);
-    return problem;
+    throw;
 }
 
 std::string StateDirectory::ReadEvents() const
 {
-    std::string text;
-    if (!ReadFully(m_events.get(), text)) throw std::runtime_error(Failure("cannot read", kEvents));
-    return text;
+    return m_events.ReadAll();
 }
 
 }  // namespace VxaCore

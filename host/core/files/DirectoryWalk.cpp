@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <stdexcept>
 
 #include <linux/magic.h>
 
@@ -17,9 +18,10 @@ namespace VxaCore {
 
 namespace {
 
-constexpr int kMostLinks = 40;  // the kernel's own bound
+constexpr int kMostLinks = 40;  // as in the kernel's path lookup: path_resolution(7)
 
-// Through the descriptor's name: a mode may deny its owner the opening that fchmod takes.
+// Through the descriptor's name: fchmod(2) needs a descriptor open for reading or writing, which
+// the present mode may deny even the owner.
 bool SetMode(int fd, mode_t mode)
 {
     return chmod(("/proc/self/fd/" + std::to_string(fd)).c_str(), mode) == 0;
@@ -27,156 +29,128 @@ bool SetMode(int fd, mode_t mode)
 
 class DirectoryWalk {
 public:
-    explicit DirectoryWalk(Missing missing) : m_missing(missing) {}
+    explicit DirectoryWalk(IfMissing if_missing) : m_ifMissing(if_missing) {}
 
-    // Empty on failure.
     FileDescriptor Open(const std::string& path)
     {
-        const bool unfit = path.empty() || path.size() >= PATH_MAX;
-        if (unfit) m_problem = ErrorText(path.empty() ? ENOENT : ENAMETOOLONG);
-        return !unfit && Enter(path) ? std::move(m_at) : FileDescriptor();
+        if (path.empty()) throw std::runtime_error(ErrorText(ENOENT));
+        if (path.size() >= PATH_MAX) throw std::runtime_error(ErrorText(ENAMETOOLONG));
+        std::string rest = path;
+        GoToStart(rest);
+        while (!rest.empty()) EnterNext(rest);
+        return std::move(m_directory);
     }
-
-    // What kept it from being opened.
-    const std::string& Problem() const { return m_problem; }
 
 private:
-    bool Enter(const std::string& path);
-    bool Start(const std::string& path);
-    bool TakeComponent(std::string& rest);
-    bool Step(const std::string& name, std::string& rest);
-    bool Make(const std::string& name);
-    bool Follow(int link, const struct stat& status, const std::string& name, std::string& rest);
-    bool FollowOfKernel(const std::string& name);
-    std::string PathOf(const std::string& name) const { return m_where + name; }
-    bool Fail(int cause, const std::string& problem)
-    {
-        m_problem = problem;
-        errno = cause;
-        return false;
-    }
-    bool Fail(const std::string& name)
-    {
-        return Fail(errno, PathOf(name) + ": " + ErrorText(errno));
-    }
+    void GoToStart(const std::string& path);
+    void EnterNext(std::string& rest);
+    FileDescriptor OpenOrMake(const std::string& name);
+    void Make(const std::string& name);
+    void Follow(int link, const struct stat& status, const std::string& name, std::string& rest);
+    void Enter(FileDescriptor next, const std::string& name);
+    std::string PathOf(const std::string& name) const { return m_path + name; }
 
-    Missing m_missing;
-    FileDescriptor m_at;
-    std::string m_where;  // the path of m_at as far as walked, with a slash; empty at the start
-    std::string m_problem;
+    IfMissing m_ifMissing;
+    FileDescriptor m_directory;
+    std::string m_path;  // of m_directory, ending in a slash; empty for the working directory
     int m_links = 0;
 };
 
-bool DirectoryWalk::Start(const std::string& path)
+void DirectoryWalk::GoToStart(const std::string& path)
 {
-    m_where = path[0] == '/' ? "/" : m_where;
-    const char* start = path[0] == '/' ? "/" : ".";
-    if (!m_at || path[0] == '/')
-        m_at = FileDescriptor(open(start, O_PATH | O_DIRECTORY | O_CLOEXEC));
-    return m_at || Fail(errno, std::string(start) + ": " + ErrorText(errno));
+    const bool is_absolute = path[0] == '/';
+    if (m_directory && !is_absolute) return;
+    const char* start = is_absolute ? "/" : ".";
+    m_path = is_absolute ? start : "";
+    m_directory = FileDescriptor(open(start, O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!m_directory) ThrowErrno(start);
 }
 
-bool DirectoryWalk::Enter(const std::string& path)
-{
-    std::string rest = path;
-    if (!Start(path)) return false;
-    while (!rest.empty())
-        if (!TakeComponent(rest)) return false;
-    return true;
-}
-
-bool DirectoryWalk::TakeComponent(std::string& rest)
+// Takes the first component off `rest`; the target of a link goes in front of what is left.
+void DirectoryWalk::EnterNext(std::string& rest)
 {
     const std::size_t end = std::min(rest.find('/'), rest.size());
     const std::string name = rest.substr(0, end);
     rest.erase(0, end + 1);
-    return name.empty() || Step(name, rest);
+    if (name.empty()) return;
+    FileDescriptor next = OpenOrMake(name);
+    struct stat status;
+    if (!next || fstat(next.Get(), &status) != 0) ThrowErrno(PathOf(name));
+    if (S_ISLNK(status.st_mode))
+        Follow(next.Get(), status, name, rest);
+    else if (S_ISDIR(status.st_mode))
+        Enter(std::move(next), name);
+    else
+        throw std::runtime_error(PathOf(name) + " is not a directory");
 }
 
-bool DirectoryWalk::Step(const std::string& name, std::string& rest)
+void DirectoryWalk::Enter(FileDescriptor next, const std::string& name)
+{
+    m_directory = std::move(next);
+    m_path += name + "/";
+}
+
+FileDescriptor DirectoryWalk::OpenOrMake(const std::string& name)
 {
     constexpr int kUnfollowed = O_PATH | O_NOFOLLOW | O_CLOEXEC;
-    FileDescriptor next(openat(m_at.get(), name.c_str(), kUnfollowed));
-    if (!next && errno == ENOENT && m_missing == Missing::kMade) {
-        if (!Make(name)) return false;
-        next = FileDescriptor(openat(m_at.get(), name.c_str(), kUnfollowed));
-    }
-    struct stat status;
-    if (!next || fstat(next.get(), &status) != 0) return Fail(name);
-    if (S_ISLNK(status.st_mode)) return Follow(next.get(), status, name, rest);
-    if (!S_ISDIR(status.st_mode)) return Fail(ENOTDIR, PathOf(name) + " is not a directory");
-    m_at = std::move(next);
-    m_where += name + "/";
-    return true;
+    FileDescriptor next(openat(m_directory.Get(), name.c_str(), kUnfollowed));
+    if (next || errno != ENOENT || m_ifMissing == IfMissing::kFail) return next;
+    Make(name);
+    return FileDescriptor(openat(m_directory.Get(), name.c_str(), kUnfollowed));
 }
 
-// Mode 0755 whatever the umask: tools of other users read in there, and only the owner writes.
-bool DirectoryWalk::Make(const std::string& name)
+// Mode 0755 whatever the umask: other users' tools read in there, and only the owner writes.
+void DirectoryWalk::Make(const std::string& name)
 {
-    const auto fail = [&] {
-        return Fail(errno, "cannot make directory " + PathOf(name) + ": " + ErrorText(errno));
-    };
+    const std::string failure = "cannot make directory " + PathOf(name);
     constexpr mode_t kMode = 0755;
-    if (mkdirat(m_at.get(), name.c_str(), kMode) != 0) return errno == EEXIST || fail();
+    if (mkdirat(m_directory.Get(), name.c_str(), kMode) != 0) {
+        if (errno == EEXIST) return;
+        ThrowErrno(failure);
+    }
     constexpr int kFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-    const FileDescriptor made(openat(m_at.get(), name.c_str(), kFlags));
+    const FileDescriptor made(openat(m_directory.Get(), name.c_str(), kFlags));
     struct stat status;
-    if (!made || fstat(made.get(), &status) != 0) return fail();
+    if (!made || fstat(made.Get(), &status) != 0) ThrowErrno(failure);
     const mode_t special = status.st_mode & 07000;
-    return (status.st_mode & 0777) == kMode || SetMode(made.get(), special | kMode) || fail();
+    if ((status.st_mode & 0777) != kMode && !SetMode(made.Get(), special | kMode))
+        ThrowErrno(failure);
 }
 
-// In a folder that others can change, a link of theirs would lead the caller, who may be root,
+// In a directory that others can change, their link would lead the caller, who may be root,
 // wherever they like. Owner and target are read from the link that was opened.
-bool DirectoryWalk::Follow(int link, const struct stat& status, const std::string& name,
+void DirectoryWalk::Follow(int link, const struct stat& status, const std::string& name,
                            std::string& rest)
 {
     if (status.st_uid != 0 && status.st_uid != geteuid())
-        return Fail(EPERM, PathOf(name) + " is a symbolic link that another user (uid " +
-                               std::to_string(status.st_uid) + ") made");
-    if (++m_links > kMostLinks) {
-        errno = ELOOP;
-        return Fail(name);
-    }
+        throw std::runtime_error(PathOf(name) + " is a symbolic link that another user (uid " +
+                                 std::to_string(status.st_uid) + ") made");
+    if (++m_links > kMostLinks) throw std::runtime_error(PathOf(name) + ": " + ErrorText(ELOOP));
     struct statfs system;
-    if (fstatfs(link, &system) == 0 && system.f_type == PROC_SUPER_MAGIC)
-        return FollowOfKernel(name);
+    if (fstatfs(link, &system) == 0 && system.f_type == PROC_SUPER_MAGIC) {
+        // The target of a link such as /proc/PID/cwd need not have a path that leads there.
+        constexpr int kFollowed = O_PATH | O_DIRECTORY | O_CLOEXEC;
+        FileDescriptor target(openat(m_directory.Get(), name.c_str(), kFollowed));
+        if (!target) ThrowErrno(PathOf(name));
+        return Enter(std::move(target), name);
+    }
     char target[PATH_MAX];
     const ssize_t length = readlinkat(link, "", target, sizeof target);
-    if (length <= 0 || length == sizeof target) return Fail(name);
+    if (length <= 0 || length == sizeof target) ThrowErrno(PathOf(name));
     rest = std::string(target, static_cast<std::size_t>(length)) + "/" + rest;
-    return Start(rest);
-}
-
-// What these links lead to need not have a name that leads there as well.
-bool DirectoryWalk::FollowOfKernel(const std::string& name)
-{
-    FileDescriptor next(openat(m_at.get(), name.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!next) return Fail(name);
-    m_at = std::move(next);
-    m_where += name + "/";
-    return true;
+    GoToStart(rest);
 }
 
 }  // namespace
 
-FileDescriptor OpenDirectory(const std::string& path, Missing missing, std::string& problem)
+FileDescriptor OpenDirectory(const std::string& path, IfMissing if_missing)
 {
-    DirectoryWalk walk(missing);
-    FileDescriptor directory = walk.Open(path);
-    problem = walk.Problem();
-    return directory;
+    return DirectoryWalk(if_missing).Open(path);
 }
 
-namespace Host {
-
-std::string MakeDirectories(const std::string& path)
+void Host::MakeDirectories(const std::string& path)
 {
-    std::string problem;
-    (void)OpenDirectory(path, Missing::kMade, problem);
-    return problem;
+    (void)OpenDirectory(path, IfMissing::kMake);
 }
-
-}  // namespace Host
 
 }  // namespace VxaCore

@@ -1,3 +1,4 @@
+// Open files, and reading files that may belong to other users.
 #include "files/File.h"
 
 #include <errno.h>
@@ -5,13 +6,25 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <system_error>
 
 #include "vxa_core/files.h"
 
 namespace VxaCore {
+
+namespace {
+
+// A sparse file of any size costs its owner nothing, but reading it would take all our memory.
+constexpr std::size_t kMostBytes = 64 << 20;
+constexpr std::size_t kChunkBytes = 16384;
+
+}  // namespace
+
+void ThrowErrno(const std::string& what)
+{
+    throw std::system_error(errno, std::generic_category(), what);
+}
 
 std::string ErrorText(int error_number)
 {
@@ -19,70 +32,62 @@ std::string ErrorText(int error_number)
     return strerror_r(error_number, buffer, sizeof buffer);
 }
 
-bool WriteFully(int fd, std::string_view bytes)
+FileDescriptor::~FileDescriptor()
+{
+    if (m_fd >= 0) (void)close(m_fd);
+}
+
+File::File(FileDescriptor descriptor, std::string path)
+    : m_descriptor(std::move(descriptor)), m_path(std::move(path))
+{
+}
+
+void File::Throw(const char* operation) const
+{
+    const int cause = errno;
+    throw std::system_error(cause, std::generic_category(),
+                            "cannot " + std::string(operation) + " " + m_path);
+}
+
+void File::Write(std::string_view bytes)
 {
     while (!bytes.empty()) {
-        const ssize_t written = ::write(fd, bytes.data(), bytes.size());
-        if (written < 0 && errno != EINTR) return false;
+        const ssize_t written = write(Descriptor(), bytes.data(), bytes.size());
+        if (written < 0 && errno != EINTR) Throw("write");
         if (written > 0) bytes.remove_prefix(static_cast<std::size_t>(written));
     }
-    return true;
 }
 
-bool ReadFully(int fd, std::string& bytes)
+// fdatasync(2): EINVAL and EROFS mean that the file does not support synchronisation.
+void File::Sync()
 {
-    // A sparse file costs nobody anything, and its bytes would cost us the machine's memory.
-    constexpr std::size_t kMostBytes = 64 << 20;
-    char chunk[16384];
-    bytes.clear();
+    if (fdatasync(Descriptor()) != 0 && errno != EINVAL && errno != EROFS) Throw("write");
+}
+
+void File::Truncate(off_t size)
+{
+    if (ftruncate(Descriptor(), size) != 0) Throw("truncate");
+}
+
+void File::Close()
+{
+    if (close(m_descriptor.Release()) != 0) Throw("write");
+}
+
+std::string File::ReadAll() const
+{
+    std::string bytes;
+    char chunk[kChunkBytes];
     for (;;) {
-        const ssize_t got = pread(fd, chunk, sizeof chunk, static_cast<off_t>(bytes.size()));
+        const ssize_t got = pread(Descriptor(), chunk, sizeof chunk, off_t(bytes.size()));
+        if (got == 0) return bytes;
         if (got > 0 && bytes.size() >= kMostBytes) {
             errno = EFBIG;
-            return false;
+            Throw("read");
         }
-        if (got > 0)
-            bytes.append(chunk, static_cast<std::size_t>(got));
-        else if (got == 0)
-            return true;
-        else if (errno != EINTR)
-            return false;
+        if (got < 0 && errno != EINTR) Throw("read");
+        bytes.append(chunk, got > 0 ? static_cast<std::size_t>(got) : 0);
     }
-}
-
-bool FileDescriptor::Close()
-{
-    const int fd = std::exchange(m_fd, -1);
-    return fd < 0 || close(fd) == 0;
-}
-
-namespace {
-
-// Of what a status without following links tells; null for a regular file.
-const char* WrongKind(const struct stat& status)
-{
-    if (S_ISLNK(status.st_mode)) return "it is a symbolic link";
-    return S_ISREG(status.st_mode) ? nullptr : "it is not a regular file";
-}
-
-}  // namespace
-
-FileDescriptor OpenRegular(int directory, const char* name, int flags, std::string& reason)
-{
-    constexpr int kCareful = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-    FileDescriptor file(openat(directory, name, flags | kCareful, 0644));
-    int cause = errno;
-    // The system's own words for a link or a directory in the way mislead or are missing.
-    struct stat status;
-    const bool known = file ? fstat(file.get(), &status) == 0
-                            : fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0;
-    const char* wrong = known ? WrongKind(status) : nullptr;
-    if (file && known && !wrong) return file;
-    if (wrong) cause = EINVAL;
-    reason = wrong ? wrong : ErrorText(cause);
-    (void)file.Close();
-    errno = cause;
-    return file;
 }
 
 namespace Host {
@@ -90,7 +95,10 @@ namespace Host {
 const char* FileKind(const std::string& path)
 {
     struct stat status;
-    if (lstat(path.c_str(), &status) != 0) return nullptr;
+    if (lstat(path.c_str(), &status) != 0) {
+        if (errno == ENOENT) return "none";
+        throw FileError(errno, path + ": " + ErrorText(errno));
+    }
     switch (status.st_mode & S_IFMT) {
         case S_IFREG:
             return "file";
@@ -103,27 +111,24 @@ const char* FileKind(const std::string& path)
     }
 }
 
-std::string ReadFile(const std::string& path, std::size_t most_bytes, std::string& bytes)
+std::string ReadFile(const std::string& path, std::size_t most_bytes)
 {
-    const auto fail = [&](int cause, const std::string& reason) {
-        errno = cause;
-        return path + ": " + reason;
-    };
+    const auto fail = [&](int cause) { throw FileError(cause, path + ": " + ErrorText(cause)); };
     const FileDescriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat status;
-    if (!file || fstat(file.get(), &status) != 0) return fail(errno, ErrorText(errno));
-    if (S_ISDIR(status.st_mode)) return fail(EISDIR, ErrorText(EISDIR));
-    if (!S_ISREG(status.st_mode)) return fail(EINVAL, "not a regular file");
-    // Files of the kernel declare no size, and one may grow while it is read.
-    bytes.clear();
-    char chunk[16384];
+    if (!file || fstat(file.Get(), &status) != 0) fail(errno);
+    if (S_ISDIR(status.st_mode)) fail(EISDIR);
+    if (!S_ISREG(status.st_mode)) throw FileError(EINVAL, path + ": not a regular file");
+    // Files in /proc report size 0, and a file can grow while it is read.
+    std::string bytes;
+    char chunk[kChunkBytes];
     while (bytes.size() <= most_bytes) {
-        const ssize_t got = read(file.get(), chunk, sizeof chunk);
-        if (got < 0 && errno != EINTR) return fail(errno, ErrorText(errno));
-        if (got == 0) return "";
+        const ssize_t got = read(file.Get(), chunk, sizeof chunk);
+        if (got < 0 && errno != EINTR) fail(errno);
+        if (got == 0) return bytes;
         bytes.append(chunk, got > 0 ? static_cast<std::size_t>(got) : 0);
     }
-    return fail(EFBIG, "has more than " + std::to_string(most_bytes) + " bytes");
+    throw FileError(EFBIG, path + ": has more than " + std::to_string(most_bytes) + " bytes");
 }
 
 }  // namespace Host

@@ -1,5 +1,7 @@
-// Small file operations shared by the stores: complete writes, error texts.
+// Open files. Operations that fail throw std::system_error with the file's path and the reason.
 #pragma once
+
+#include <sys/types.h>
 
 #include <string>
 #include <string_view>
@@ -7,47 +9,62 @@
 
 namespace VxaCore {
 
+// Throws std::system_error with the reason in errno after `what` and a colon.
+[[noreturn]] void ThrowErrno(const std::string& what);
+
 // strerror without its shared buffer.
 std::string ErrorText(int error_number);
-
-// Writes all of it, or false with errno set; how much got out is unknown then.
-bool WriteFully(int fd, std::string_view bytes);
-
-// Reads from offset 0 to the end, or false with errno set; EFBIG where that is more than 64 MiB.
-bool ReadFully(int fd, std::string& bytes);
 
 // Owns a descriptor.
 class FileDescriptor {
 public:
     FileDescriptor() = default;
     explicit FileDescriptor(int fd) : m_fd(fd) {}
-    ~FileDescriptor() { (void)Close(); }
-    FileDescriptor(FileDescriptor&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
+    ~FileDescriptor();
+    FileDescriptor(FileDescriptor&& other) noexcept : m_fd(other.Release()) {}
     FileDescriptor& operator=(FileDescriptor&& other) noexcept
     {
         std::swap(m_fd, other.m_fd);
         return *this;
     }
-    int get() const { return m_fd; }
+    int Get() const { return m_fd; }
+    int Release() { return std::exchange(m_fd, -1); }
     explicit operator bool() const { return m_fd >= 0; }
-    // False with errno set when the system reports a late write error.
-    bool Close();
 
 private:
     int m_fd = -1;
 };
 
-// Opens a regular file: never what a symbolic link leads to, and without waiting for the
-// other end of a FIFO. `name` may be relative to the open `directory` (or AT_FDCWD). When
-// it fails the descriptor is empty, `reason` tells why, and errno is ENOENT for a file
-// that is missing, EINVAL for one of another kind.
-FileDescriptor OpenRegular(int directory, const char* name, int flags, std::string& reason);
+class File {
+public:
+    // Takes over an open descriptor; `path` is for messages only.
+    File(FileDescriptor descriptor, std::string path);
 
-enum class Missing { kMade, kRefused };
+    int Descriptor() const { return m_descriptor.Get(); }
 
-// Opens a directory for names only (O_PATH). Follows a symbolic link only if root or the caller
-// owns it, anywhere in the path. Directories it makes get mode 0755 whatever the umask. When it
-// fails the descriptor is empty, and `problem` names the component and the reason.
-FileDescriptor OpenDirectory(const std::string& path, Missing missing, std::string& problem);
+    // Writes all of it. After a failure it is unknown how much was written.
+    void Write(std::string_view bytes);
+    // Flushes what was written to the disk; does nothing for a pipe or device.
+    void Sync();
+    void Truncate(off_t size);
+    // Throws also for a write error that the system reports only now.
+    void Close();
+
+    // Returns the content from the start, of at most 64 MiB.
+    std::string ReadAll() const;
+
+private:
+    [[noreturn]] void Throw(const char* operation) const;
+
+    FileDescriptor m_descriptor;
+    std::string m_path;
+};
+
+enum class IfMissing { kMake, kFail };
+
+// Opens a directory for looking up names only (O_PATH). Follows a symbolic link only if root or
+// the caller owns it, anywhere in the path. Makes missing directories with mode 0755 whatever
+// the umask. Throws std::runtime_error with the component and the reason.
+FileDescriptor OpenDirectory(const std::string& path, IfMissing if_missing);
 
 }  // namespace VxaCore

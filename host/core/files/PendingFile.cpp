@@ -1,3 +1,4 @@
+// Files that get their name when they are complete.
 #include "vxa_core/pending_file.h"
 
 #include <errno.h>
@@ -16,7 +17,7 @@ namespace VxaCore::Host {
 
 namespace {
 
-constexpr int kMostParts = 100;  // names that others may have taken before we give up
+constexpr int kMostParts = 100;  // names in use by others that are tried
 constexpr mode_t kMode = 0600;
 
 bool IsSameFile(const struct stat& a, const struct stat& b)
@@ -24,174 +25,188 @@ bool IsSameFile(const struct stat& a, const struct stat& b)
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
-// Gives the open file, which may have no name yet, one more name.
-bool Link(int file, int folder, const char* name)
-{
-    if (linkat(file, "", folder, name, AT_EMPTY_PATH) == 0) return true;
-    if (errno == EEXIST) return false;
-    // The call above is for root only.
-    const std::string open_file = "/proc/self/fd/" + std::to_string(file);
-    return linkat(AT_FDCWD, open_file.c_str(), folder, name, AT_SYMLINK_FOLLOW) == 0;
-}
-
-// Where a file system cannot rename without replacing, a second name must do.
-bool RenameKeeping(int folder, const char* from, const char* to)
-{
-    if (renameat2(folder, from, folder, to, RENAME_NOREPLACE) == 0) return true;
-    return (errno == EINVAL || errno == ENOSYS) && linkat(folder, from, folder, to, 0) == 0 &&
-           unlinkat(folder, from, 0) == 0;
-}
-
-// Removes what a killed process left behind: a file of ours that nobody has locked. Anything
-// else stays.
+// Removes a file of ours that nothing has locked, which a killed process left; returns whether
+// it did.
 bool RemoveStale(int folder, const char* name)
 {
     struct stat status;
     if (fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(status.st_mode) ||
         status.st_uid != geteuid() || status.st_nlink != 1)
         return false;
-    std::string reason;
-    const FileDescriptor file = OpenRegular(folder, name, O_RDWR, reason);
-    return file && flock(file.get(), LOCK_EX | LOCK_NB) == 0 && unlinkat(folder, name, 0) == 0;
+    constexpr int kFlags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    const FileDescriptor file(openat(folder, name, kFlags));
+    return file && flock(file.Get(), LOCK_EX | LOCK_NB) == 0 && unlinkat(folder, name, 0) == 0;
+}
+
+FileDescriptor OpenFolder(const std::string& path)
+try {
+    const std::size_t slash = path.rfind('/');
+    if (slash + 1 == path.size()) throw std::runtime_error(ErrorText(EISDIR));
+    return OpenDirectory(slash == path.npos ? "." : path.substr(0, slash + 1), IfMissing::kFail);
+} catch (const std::runtime_error& error) {
+    throw std::runtime_error("cannot write " + path + ": " + error.what());
 }
 
 }  // namespace
 
 struct PendingFile::State {
-    std::string path;
-    std::string name;       // in the folder
-    FileDescriptor folder;  // for names only: it need not be readable
-    FileDescriptor file;
-    std::string part;  // the name until Publish; empty where there is none
+    explicit State(const std::string& file_path)
+        : path(file_path), name(path.substr(path.rfind('/') + 1)), folder(OpenFolder(path))
+    {
+    }
 
-    void OpenFolder();
+    const std::string path;
+    const std::string name;       // in the folder
+    const FileDescriptor folder;  // for names only: it need not be readable
+    FileDescriptor file;
+    std::string part;  // the name until Publish; empty if there is none
+
     void Create();
-    bool CreatePart(int number);
-    bool LinkPart(int number);
-    // Tries the call with the parts' names until one is free.
-    bool TakePart(bool (State::*take)(int number));
-    bool Exists(const std::string& some_name) const;
-    // Whether the name is that of this file.
+    void Name(IfExists if_exists);
+    void RemovePart() const;
     bool Has(const std::string& some_name) const;
-    bool Name(Existing existing);
-    bool Replace();
-    // A name that fills the file system's limit loses its end.
+
+private:
+    // These return false if the name is taken, and throw std::system_error.
+    bool CreatePart(const std::string& part_name);
+    bool Link(const std::string& new_name) const;
+    bool RenamePart() const;
+    bool ReplaceExisting();
+
+    // Calls the function with the names for parts until it returns true.
+    bool TakePart(bool (State::*take)(const std::string& part_name));
+    bool Exists(const std::string& some_name) const;
+    // The end of a name as long as the file system allows makes room for the suffix.
     std::string PartName(int number) const
     {
         const std::string suffix = ".part" + std::to_string(number);
         return name.substr(0, NAME_MAX - suffix.size()) + suffix;
     }
-    std::string Failure() const;
-    void RemovePart();
+    bool LinkPart(const std::string& part_name) { return Link(part_name); }
+    [[noreturn]] void ThrowCannotWrite() const { ThrowErrno("cannot write " + path); }
+    [[noreturn]] void ThrowCannotName() const;
 };
 
-void PendingFile::State::OpenFolder()
+void PendingFile::State::ThrowCannotName() const
 {
-    const std::size_t slash = path.rfind('/');
-    name = path.substr(slash + 1);  // all of it without a slash
-    const std::string where = slash == path.npos ? "." : path.substr(0, slash + 1);
-    std::string problem = ErrorText(EISDIR);
-    if (!name.empty()) folder = OpenDirectory(where, Missing::kRefused, problem);
-    if (!folder) throw std::runtime_error("cannot write " + path + ": " + problem);
+    const int cause = errno;
+    const std::string part_path = path.substr(0, path.size() - name.size()) + part;
+    const std::string failure = part.empty() ? "cannot name the finished file " + path
+                                             : "cannot rename " + part_path + " to " + path;
+    errno = cause;
+    ThrowErrno(failure);
 }
 
 bool PendingFile::State::Exists(const std::string& some_name) const
 {
     struct stat status;
-    return fstatat(folder.get(), some_name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+    return fstatat(folder.Get(), some_name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
+// Whether the name belongs to this file.
 bool PendingFile::State::Has(const std::string& some_name) const
 {
     struct stat named, opened;
-    return fstatat(folder.get(), some_name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
-           fstat(file.get(), &opened) == 0 && IsSameFile(named, opened);
+    return fstatat(folder.Get(), some_name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+           fstat(file.Get(), &opened) == 0 && IsSameFile(named, opened);
 }
 
-// The lock shows others that the file is in use. Between making and locking it, one of them
-// can have taken it for stale.
-bool PendingFile::State::CreatePart(int number)
+// Gives the file, which may have no name yet, one more.
+bool PendingFile::State::Link(const std::string& new_name) const
 {
-    const std::string part_name = PartName(number);
-    constexpr int kFlags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-    file = FileDescriptor(openat(folder.get(), part_name.c_str(), kFlags, kMode));
-    if (!file) return false;
-    (void)flock(file.get(), LOCK_EX | LOCK_NB);
-    if (Has(part_name)) return true;
-    errno = EEXIST;
+    if (linkat(file.Get(), "", folder.Get(), new_name.c_str(), AT_EMPTY_PATH) == 0) return true;
+    if (errno == EEXIST) return false;
+    // AT_EMPTY_PATH needs CAP_DAC_READ_SEARCH; open(2), O_TMPFILE, describes this way.
+    const std::string open_file = "/proc/self/fd/" + std::to_string(file.Get());
+    if (linkat(AT_FDCWD, open_file.c_str(), folder.Get(), new_name.c_str(), AT_SYMLINK_FOLLOW) == 0)
+        return true;
+    if (errno != EEXIST) ThrowCannotName();
     return false;
 }
 
-bool PendingFile::State::LinkPart(int number)
+// The lock shows other processes that the file is in use. Between creating and locking it, one
+// of them can have removed it as stale.
+bool PendingFile::State::CreatePart(const std::string& part_name)
 {
-    return Link(file.get(), folder.get(), PartName(number).c_str());
+    constexpr int kFlags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+    file = FileDescriptor(openat(folder.Get(), part_name.c_str(), kFlags, kMode));
+    if (!file && errno != EEXIST) ThrowCannotWrite();
+    if (!file) return false;
+    (void)flock(file.Get(), LOCK_EX | LOCK_NB);
+    return Has(part_name);
 }
 
-bool PendingFile::State::TakePart(bool (State::*take)(int number))
+bool PendingFile::State::TakePart(bool (State::*take)(const std::string& part_name))
 {
     for (int number = 1; number <= kMostParts; ++number) {
-        if ((this->*take)(number)) {
-            part = PartName(number);
+        const std::string part_name = PartName(number);
+        if ((this->*take)(part_name)) {
+            part = part_name;
             return true;
         }
-        if (errno != EEXIST) return false;
-        if (RemoveStale(folder.get(), PartName(number).c_str())) --number;
+        if (RemoveStale(folder.Get(), part_name.c_str())) --number;
     }
-    errno = EEXIST;
     return false;
 }
 
 void PendingFile::State::Create()
 {
     for (int number = 1; number <= kMostParts && Exists(PartName(number)); ++number)
-        (void)RemoveStale(folder.get(), PartName(number).c_str());
-    file = FileDescriptor(openat(folder.get(), ".", O_TMPFILE | O_RDWR | O_CLOEXEC, kMode));
-    if (file)
-        (void)flock(file.get(), LOCK_EX | LOCK_NB);
-    else if (!TakePart(&State::CreatePart))
-        throw std::runtime_error("cannot write " + path + ": " + ErrorText(errno));
-    // The umask may have taken even the owner's access. Some file systems have no modes.
-    (void)fchmod(file.get(), kMode);
+        (void)RemoveStale(folder.Get(), PartName(number).c_str());
+    file = FileDescriptor(openat(folder.Get(), ".", O_TMPFILE | O_RDWR | O_CLOEXEC, kMode));
+    if (file) {
+        (void)flock(file.Get(), LOCK_EX | LOCK_NB);
+    } else if (!TakePart(&State::CreatePart)) {
+        errno = EEXIST;
+        ThrowCannotWrite();
+    }
+    // The umask may have removed even the owner's access. Some file systems have no modes.
+    (void)fchmod(file.Get(), kMode);
 }
 
-std::string PendingFile::State::Failure() const
+// Where the file system cannot rename without replacing, links instead.
+bool PendingFile::State::RenamePart() const
 {
-    const std::string reason = ErrorText(errno);
-    if (part.empty()) return "cannot name the finished file " + path + ": " + reason;
-    return "cannot rename " + path.substr(0, path.size() - name.size()) + part + " to " + path +
-           ": " + reason;
+    const char *const from = part.c_str(), *const to = name.c_str();
+    if (renameat2(folder.Get(), from, folder.Get(), to, RENAME_NOREPLACE) == 0) return true;
+    if ((errno == EINVAL || errno == ENOSYS) &&
+        linkat(folder.Get(), from, folder.Get(), to, 0) == 0 &&
+        unlinkat(folder.Get(), from, 0) == 0)
+        return true;
+    if (errno != EEXIST) ThrowCannotName();
+    return false;
 }
 
-// Over a name that is taken, a file without one must go through a name that is free.
-bool PendingFile::State::Replace()
+// A file without a name first gets one that is free, because linkat(2) does not replace.
+bool PendingFile::State::ReplaceExisting()
 {
     struct stat status;
-    if (fstatat(folder.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-        !S_ISREG(status.st_mode)) {
-        errno = EEXIST;
-        return false;
-    }
+    const bool exists = fstatat(folder.Get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+    if (exists && !S_ISREG(status.st_mode)) return false;
     if (part.empty() && !TakePart(&State::LinkPart)) return false;
-    return renameat(folder.get(), part.c_str(), folder.get(), name.c_str()) == 0;
+    if (renameat(folder.Get(), part.c_str(), folder.Get(), name.c_str()) != 0) ThrowCannotName();
+    return true;
 }
 
-bool PendingFile::State::Name(Existing existing)
+void PendingFile::State::Name(IfExists if_exists)
 {
-    if (part.empty() && Link(file.get(), folder.get(), name.c_str())) return true;
-    if (existing == Existing::kReplaced && (errno == EEXIST || !part.empty())) return Replace();
-    return !part.empty() && RenameKeeping(folder.get(), part.c_str(), name.c_str());
+    if (fsync(file.Get()) != 0) ThrowCannotName();
+    if (part.empty() && Link(name)) return;
+    const bool is_named =
+        if_exists == IfExists::kReplace ? ReplaceExisting() : !part.empty() && RenamePart();
+    if (is_named) return;
+    errno = EEXIST;
+    ThrowCannotName();
 }
 
-void PendingFile::State::RemovePart()
+void PendingFile::State::RemovePart() const
 {
-    // What somebody has put in its place is theirs.
-    if (!part.empty() && Has(part)) (void)unlinkat(folder.get(), part.c_str(), 0);
+    // Another user may have put something else in its place.
+    if (!part.empty() && Has(part)) (void)unlinkat(folder.Get(), part.c_str(), 0);
 }
 
-PendingFile::PendingFile(const std::string& path) : m_state(std::make_unique<State>())
+PendingFile::PendingFile(const std::string& path) : m_state(std::make_unique<State>(path))
 {
-    m_state->path = path;
-    m_state->OpenFolder();
     m_state->Create();
 }
 
@@ -207,21 +222,21 @@ const std::string& PendingFile::Path() const
 
 int PendingFile::Descriptor() const
 {
-    return m_state->file.get();
+    return m_state->file.Get();
 }
 
-std::string PendingFile::Publish(Existing existing)
+void PendingFile::Publish(IfExists if_exists)
 {
     State& state = *m_state;
     const FileDescriptor readable(
-        openat(state.folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (fsync(state.file.get()) != 0 || !state.Name(existing)) return state.Failure();
+        openat(state.folder.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    state.Name(if_exists);
     if (!state.Has(state.name))
-        return state.path + " was replaced by something else at the moment it was written";
+        throw std::runtime_error(state.path +
+                                 " was replaced by something else at the moment it was written");
     state.part.clear();
-    // The file has its name now, and a failure would tell the opposite.
-    if (readable) (void)fsync(readable.get());
-    return {};
+    // The file has its name now: to report a failure would be wrong.
+    if (readable) (void)fsync(readable.Get());
 }
 
 }  // namespace VxaCore::Host

@@ -1,10 +1,11 @@
-// The general log: what wxLogError and its like write.
+// The general log: what wxLogError and the like write.
 #include <wx/debug.h>
 #include <wx/log.h>
 #include <wx/thread.h>
 
-#include "files/Text.h"
 #include "log/LogSink.h"
+#include "text/Json.h"
+#include "text/Utf8.h"
 
 namespace VxaCore {
 
@@ -28,7 +29,7 @@ const char* LevelName(wxLogLevel level)
     }
 }
 
-// wxWidgets takes no lock around its target, and the sink has its own.
+// wxWidgets does not lock its target; the sink has its own mutex.
 class GeneralLog : public wxLog {
 protected:
     void DoLogRecord(wxLogLevel level, const wxString& message, const wxLogRecordInfo&) override
@@ -36,7 +37,7 @@ protected:
         if (level >= wxLOG_Debug && !GetVerbose()) return;
         try {
             Host::LogRecord record;
-            record.time_s = WallClock();
+            record.time_s = SecondsSinceEpoch();
             record.label = LevelName(level);
             record.message = ToUtf8(message);
             WriteRecord(std::move(record));
@@ -46,13 +47,12 @@ protected:
     }
 };
 
-// wxWidgets deletes its target itself when a host shuts it down, so each place that
-// needs one gets its own object.
+// wxUninitialize deletes the active target, so each place that needs one gets its own object.
 bool InstallAtLoad()
 {
 #ifdef NDEBUG
-    // Without memory the report of a failed assertion in wxWidgets crashes, where the caller
-    // would have got std::bad_alloc.
+    // Out of memory, an assertion in wxWidgets fails and its report crashes; without assertions
+    // the caller gets std::bad_alloc.
     wxDisableAsserts();
 #endif
     if (wxLog* chosen_by_host = wxLog::SetActiveTarget(new GeneralLog))
@@ -71,10 +71,10 @@ void SetVerbose(bool on)
     wxLog::SetVerbose(on);
 }
 
-void TakeGeneralLog()
+void InstallGeneralLog()
 {
     if (!wxThread::IsMain()) {
-        // Never destroyed: a destructor for each thread can fail to be registered without
+        // Shared and never destroyed: registering a thread_local destructor can fail for lack of
         // memory, which ends the process. wxWidgets does not delete the targets of threads.
         static GeneralLog& other_threads = *new GeneralLog;
         wxLog::SetThreadActiveTarget(&other_threads);

@@ -1,3 +1,4 @@
+// Where the records of both logs go.
 #include "log/LogSink.h"
 
 #include <errno.h>
@@ -6,72 +7,78 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <cstring>
-#include <deque>
-#include <iterator>
+#include <cstdio>
 #include <mutex>
+#include <string_view>
 #include <utility>
 
+#include <wx/log.h>
+
 #include "files/File.h"
-#include "files/Text.h"
+#include "text/Json.h"
+#include "text/Printable.h"
+#include "text/Utf8.h"
 
 namespace VxaCore {
 
 namespace {
 
-constexpr std::size_t kCaptureLimit = 10000;
+constexpr std::size_t kMostCaptured = 10000;
 
 struct Sink {
     std::mutex mutex;
     std::string path;
-    int fd = -1;
-    bool torn = false;  // the file's last line has no end: the next record begins a new one
-    bool capture = false;
-    std::deque<Host::LogRecord> captured;
-    std::uint64_t dropped = 0;
+    FileDescriptor file;
+    bool ends_inside_line = false;  // the next record begins a new one
+    bool is_capturing = false;
+    Host::CapturedRecords captured;
 };
 
-// Never destroyed: libraries log from static destructors too.
+// Never destroyed: static destructors of other libraries log, too.
 Sink& GlobalSink()
 {
     static Sink& instance = *new Sink;
     return instance;
 }
 
-void WriteToStandardError(const std::string& text)
+// A failure can be reported nowhere.
+void WriteToStandardError(std::string_view text) noexcept
 {
-    // Nowhere is left to report a failure to.
-    (void)WriteFully(STDERR_FILENO, text);
+    ssize_t written = 0;
+    while (!text.empty() && (written >= 0 || errno == EINTR)) {
+        written = write(STDERR_FILENO, text.data(), text.size());
+        if (written > 0) text.remove_prefix(static_cast<std::size_t>(written));
+    }
 }
 
-// With the sink's lock. A record cut short by a full disk stays as it is: taking back
-// bytes from a file that others append to as well could take theirs.
-void WriteToFile(Sink& to, const Host::LogRecord& record)
+// With the mutex held. A record cut short by a full disk stays: truncating a file that others
+// append to could remove their records.
+void WriteToFile(Sink& sink, const Host::LogRecord& record)
 {
-    const std::string line = (to.torn ? "\n" : "") + JsonLine(record);
+    const std::string line = (sink.ends_inside_line ? "\n" : "") + JsonLine(record);
     ssize_t written;
-    do written = ::write(to.fd, line.data(), line.size());
+    do written = write(sink.file.Get(), line.data(), line.size());
     while (written < 0 && errno == EINTR);
     if (written == static_cast<ssize_t>(line.size())) {
-        to.torn = false;
+        sink.ends_inside_line = false;
         return;
     }
-    const std::string reason = written < 0 ? ErrorText(errno) : "only part of it was taken";
-    to.torn = to.torn || written > 0;
-    WriteToStandardError("not in log file " + to.path + " (" + reason +
+    const std::string reason = written < 0 ? ErrorText(errno) : "only part of it was written";
+    sink.ends_inside_line = sink.ends_inside_line || written > 0;
+    WriteToStandardError("not in log file " + sink.path + " (" + reason +
                          "): " + ReadableLine(record));
 }
 
-void Capture(Sink& to, Host::LogRecord&& record)
+void Capture(Host::CapturedRecords& captured, Host::LogRecord&& record)
 {
-    if (to.captured.size() == kCaptureLimit) {
-        to.captured.pop_front();
-        ++to.dropped;
+    if (captured.records.size() == kMostCaptured) {
+        captured.records.pop_front();
+        ++captured.dropped;
     }
-    to.captured.push_back(std::move(record));
+    captured.records.push_back(std::move(record));
 }
 
-bool EndsInsideALine(int fd)
+bool EndsInsideLine(int fd)
 {
     struct stat status;
     char last = '\n';
@@ -79,7 +86,18 @@ bool EndsInsideALine(int fd)
     return pread(fd, &last, 1, status.st_size - 1) == 1 && last != '\n';
 }
 
-std::string ClockText(double time_s)
+// O_NONBLOCK: a full pipe makes records go to standard error instead of blocking. Readable too,
+// to find out how the last line ends; a pipe or terminal may not be.
+FileDescriptor OpenLogFile(const std::string& path)
+{
+    constexpr int kFlags = O_APPEND | O_CREAT | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
+    FileDescriptor file(open(path.c_str(), O_RDWR | kFlags, 0640));
+    if (!file) file = FileDescriptor(open(path.c_str(), O_WRONLY | kFlags, 0640));
+    if (!file) ThrowErrno("cannot write log file " + path);
+    return file;
+}
+
+std::string FormatClock(double time_s)
 {
     const auto seconds = static_cast<time_t>(time_s);
     const auto milliseconds = static_cast<int>((time_s - static_cast<double>(seconds)) * 1e3);
@@ -97,7 +115,12 @@ void ReportLostRecord(const char* reason) noexcept
 {
     char text[128];
     const int length = std::snprintf(text, sizeof text, "log record lost: %.80s\n", reason);
-    (void)WriteFully(STDERR_FILENO, {text, static_cast<std::size_t>(length)});
+    WriteToStandardError({text, static_cast<std::size_t>(length)});
+}
+
+void LogError(const char* label, const char* message)
+{
+    wxLogError("%s: %s", label, FromUtf8(message));
 }
 
 std::string JsonLine(const Host::LogRecord& record)
@@ -107,7 +130,7 @@ std::string JsonLine(const Host::LogRecord& record)
         line.append(",\"").append(name).append("\":");
         AppendJsonString(line, value);
     };
-    AppendTime(line, record.time_s);
+    AppendJsonTime(line, record.time_s);
     text("kind", record.trace ? "trace" : "log");
     text(record.trace ? "category" : "level", record.label);
     if (record.trace) {
@@ -121,7 +144,7 @@ std::string JsonLine(const Host::LogRecord& record)
 
 std::string ReadableLine(const Host::LogRecord& record)
 {
-    std::string line = ClockText(record.time_s);
+    std::string line = FormatClock(record.time_s);
     if (record.trace) {
         AppendReadable(line, record.label + " " + record.file + ":" + std::to_string(record.line) +
                                  " " + record.function + ": ");
@@ -134,56 +157,39 @@ std::string ReadableLine(const Host::LogRecord& record)
 
 void WriteRecord(Host::LogRecord record)
 {
-    Sink& to = GlobalSink();
-    const std::lock_guard<std::mutex> lock(to.mutex);
-    if (to.fd >= 0) WriteToFile(to, record);
-    if (to.capture)
-        Capture(to, std::move(record));
-    else if (to.fd < 0)
+    Sink& sink = GlobalSink();
+    const std::lock_guard<std::mutex> lock(sink.mutex);
+    if (sink.file) WriteToFile(sink, record);
+    if (sink.is_capturing)
+        Capture(sink.captured, std::move(record));
+    else if (!sink.file)
         WriteToStandardError(ReadableLine(record));
 }
 
 namespace Host {
 
-bool LogTo(const std::string& path, std::string& error)
+void LogTo(const std::string& path)
 {
-    int fd = -1;
-    if (!path.empty()) {
-        // A pipe that nobody reads loses records, to standard error, but holds up nobody.
-        constexpr int kFlags = O_APPEND | O_CREAT | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
-        // Readable as well, to see how the last line ends; a pipe or terminal may not be.
-        fd = open(path.c_str(), O_RDWR | kFlags, 0640);
-        if (fd < 0) fd = open(path.c_str(), O_WRONLY | kFlags, 0640);
-        if (fd < 0) {
-            error = "cannot write log file " + path + ": " + ErrorText(errno);
-            return false;
-        }
-    }
-    Sink& to = GlobalSink();
-    const std::lock_guard<std::mutex> lock(to.mutex);
-    if (to.fd >= 0) close(to.fd);
-    to.fd = fd;
-    to.path = path;
-    to.torn = fd >= 0 && EndsInsideALine(fd);
-    return true;
+    FileDescriptor file = path.empty() ? FileDescriptor() : OpenLogFile(path);
+    Sink& sink = GlobalSink();
+    const std::lock_guard<std::mutex> lock(sink.mutex);
+    sink.path = path;
+    sink.file = std::move(file);
+    sink.ends_inside_line = sink.file && EndsInsideLine(sink.file.Get());
 }
 
 void CaptureLog(bool on)
 {
-    Sink& to = GlobalSink();
-    const std::lock_guard<std::mutex> lock(to.mutex);
-    to.capture = on;
+    Sink& sink = GlobalSink();
+    const std::lock_guard<std::mutex> lock(sink.mutex);
+    sink.is_capturing = on;
 }
 
-std::vector<LogRecord> TakeCaptured(std::uint64_t& dropped)
+CapturedRecords TakeCaptured()
 {
-    Sink& to = GlobalSink();
-    const std::lock_guard<std::mutex> lock(to.mutex);
-    std::vector<LogRecord> taken(std::make_move_iterator(to.captured.begin()),
-                                 std::make_move_iterator(to.captured.end()));
-    to.captured.clear();
-    dropped = std::exchange(to.dropped, 0);
-    return taken;
+    Sink& sink = GlobalSink();
+    const std::lock_guard<std::mutex> lock(sink.mutex);
+    return std::exchange(sink.captured, {});
 }
 
 }  // namespace Host

@@ -1,3 +1,4 @@
+// The trace log and its switches.
 #include "VxaCore/LogTrace.h"
 
 #include <algorithm>
@@ -6,8 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "files/Text.h"
 #include "log/LogSink.h"
+#include "text/Json.h"
+#include "text/Utf8.h"
 
 namespace VxaCore {
 
@@ -23,18 +25,18 @@ struct Switches {
     std::vector<Switch> list;  // later ones win
 };
 
-// Never destroyed: static destructors of other libraries still ask.
+// Never destroyed: static destructors of other libraries log, too.
 Switches& GlobalSwitches()
 {
     static Switches& instance = *new Switches;
     return instance;
 }
 
-// Whether any category at all may be on: all that callers pay for while none is.
-// Zero-initialised, so static constructors of other libraries may ask too.
+// Whether any category may be on: the only cost while none is. Zero-initialised, so that static
+// constructors of other libraries can log.
 std::atomic<bool> s_any_on{false};
 
-// Goes back to the last "*" only: longer stretches for earlier ones gain nothing.
+// Backtracks to the last "*" only: a longer match for an earlier one gains nothing.
 bool Matches(const wchar_t* pattern, const wchar_t* text)
 {
     const wchar_t* after_star = nullptr;
@@ -57,23 +59,23 @@ bool Matches(const wchar_t* pattern, const wchar_t* text)
     return !*pattern;
 }
 
-// With the lock held.
+// With the mutex held.
 bool IsOn(const std::vector<Switch>& list, const wchar_t* category)
 {
-    const auto decides = [&](const Switch& s) { return Matches(s.pattern.c_str(), category); };
-    const auto last = std::find_if(list.rbegin(), list.rend(), decides);
+    const auto matches = [&](const Switch& s) { return Matches(s.pattern.c_str(), category); };
+    const auto last = std::find_if(list.rbegin(), list.rend(), matches);
     return last != list.rend() && last->on;
 }
 
-// Keeps the list as short as its meaning allows, so that a host may switch for ever.
+// Removes switches that no longer matter, so that the list stays short.
 void Apply(std::vector<Switch>& list, Switch change)
 {
-    const auto replaced = [&](const Switch& s) {
+    const auto is_replaced = [&](const Switch& s) {
         return change.pattern == L"*" || s.pattern == change.pattern;
     };
-    list.erase(std::remove_if(list.begin(), list.end(), replaced), list.end());
-    const bool plain = change.pattern.find_first_of(L"*?") == std::wstring::npos;
-    if (!plain || IsOn(list, change.pattern.c_str()) != change.on)
+    list.erase(std::remove_if(list.begin(), list.end(), is_replaced), list.end());
+    const bool is_plain = change.pattern.find_first_of(L"*?") == std::wstring::npos;
+    if (!is_plain || IsOn(list, change.pattern.c_str()) != change.on)
         list.push_back(std::move(change));
     if (std::none_of(list.begin(), list.end(), [](const Switch& s) { return s.on; })) list.clear();
 }
@@ -82,12 +84,12 @@ void WriteTrace(const wxString& category, const char* file, int line, const char
                 const wxString& message)
 {
     Host::LogRecord record;
-    record.time_s = WallClock();
+    record.time_s = SecondsSinceEpoch();
     record.trace = true;
     record.label = ToUtf8(category);
-    record.file = CleanUtf8(file);
+    record.file = ReplaceInvalidUtf8(file);
     record.line = line;
-    record.function = CleanUtf8(function);
+    record.function = ReplaceInvalidUtf8(function);
     record.message = ToUtf8(message);
     WriteRecord(std::move(record));
 }
@@ -97,9 +99,9 @@ void WriteTrace(const wxString& category, const char* file, int line, const char
 bool LogTraceIsEnabled(const wxString& category)
 {
     if (!s_any_on.load(std::memory_order_acquire)) return false;
-    Switches& all = GlobalSwitches();
-    const std::lock_guard<std::mutex> lock(all.mutex);
-    return IsOn(all.list, category.wc_str());
+    Switches& switches = GlobalSwitches();
+    const std::lock_guard<std::mutex> lock(switches.mutex);
+    return IsOn(switches.list, category.wc_str());
 }
 
 void LogTrace(const wxString& category, const char* file, int line, const char* function,
@@ -117,10 +119,10 @@ namespace Host {
 
 void SwitchTrace(const wxString& pattern, bool on)
 {
-    Switches& all = GlobalSwitches();
-    const std::lock_guard<std::mutex> lock(all.mutex);
-    Apply(all.list, {pattern.ToStdWstring(), on});
-    s_any_on.store(!all.list.empty(), std::memory_order_release);
+    Switches& switches = GlobalSwitches();
+    const std::lock_guard<std::mutex> lock(switches.mutex);
+    Apply(switches.list, {pattern.ToStdWstring(), on});
+    s_any_on.store(!switches.list.empty(), std::memory_order_release);
 }
 
 }  // namespace Host

@@ -1,3 +1,4 @@
+// Files that get their name when they are complete, on file systems with and without O_TMPFILE.
 #include "vxa_core/pending_file.h"
 
 #include <fcntl.h>
@@ -13,9 +14,9 @@
 
 #include "ScratchDirectory.h"
 
-static bool file_system_has_nameless_files = true;
+static bool supports_tmpfile = true;
 
-// In the place of the C library's, also for vxa_core.
+// Replaces the C library's function, for vxa_core too.
 extern "C" __attribute__((visibility("default"))) int openat(int folder, const char* path,
                                                              int flags, ...)
 {
@@ -23,7 +24,7 @@ extern "C" __attribute__((visibility("default"))) int openat(int folder, const c
     va_start(more, flags);
     const auto mode = va_arg(more, mode_t);
     va_end(more);
-    if ((flags & O_TMPFILE) == O_TMPFILE && !file_system_has_nameless_files) {
+    if ((flags & O_TMPFILE) == O_TMPFILE && !supports_tmpfile) {
         errno = EOPNOTSUPP;
         return -1;
     }
@@ -32,14 +33,14 @@ extern "C" __attribute__((visibility("default"))) int openat(int folder, const c
 
 namespace {
 
-using VxaCore::Host::Existing;
+using VxaCore::Host::IfExists;
 using VxaCore::Host::PendingFile;
 using Names = std::set<std::string>;
 
 class Pending : public testing::TestWithParam<bool> {
 protected:
-    Pending() { file_system_has_nameless_files = GetParam(); }
-    ~Pending() override { file_system_has_nameless_files = true; }
+    Pending() { supports_tmpfile = GetParam(); }
+    ~Pending() override { supports_tmpfile = true; }
 
     std::string Path(const std::string& name) const { return m_scratch.Path("folder/" + name); }
     Names Folder() const
@@ -49,70 +50,74 @@ protected:
             names.insert(entry.path().filename());
         return names;
     }
-    // Writes "new" and publishes; what was wrong.
-    std::string Write(const std::string& name, Existing existing) const
+    // Writes "new" and publishes the file; returns the error.
+    static std::string Publish(PendingFile& file, IfExists if_exists)
+    try {
+        EXPECT_EQ(write(file.Descriptor(), "new", 3), 3);
+        file.Publish(if_exists);
+        return "";
+    } catch (const std::runtime_error& error) {
+        return error.what();
+    }
+    std::string Write(const std::string& name, IfExists if_exists) const
     {
         PendingFile file(Path(name));
-        EXPECT_EQ(write(file.Descriptor(), "new", 3), 3);
-        return file.Publish(existing);
+        return Publish(file, if_exists);
     }
 
     const ScratchDirectory m_scratch;
     const bool m_made = std::filesystem::create_directory(Path(""));
 };
 
-TEST_P(Pending, GetsItsNameWhenItIsComplete)
+TEST_P(Pending, IsNamedWhenItIsComplete)
 {
-    // What killed processes left goes, unless it is in use or no file of ours.
+    // What killed processes left is removed, unless it is in use or not a file.
     for (const char* name : {"a.part1", "a.part2", "a.part4", "a.partx", "b.part1"})
         WriteText(Path(name), "left");
     std::filesystem::create_directory(Path("a.part3"));
     const int used = open(Path("a.part4").c_str(), O_RDONLY);
     ASSERT_EQ(flock(used, LOCK_EX), 0);
-    EXPECT_EQ(Write("a", Existing::kKept), "");
+    EXPECT_EQ(Write("a", IfExists::kFail), "");
     EXPECT_EQ(ReadText(Path("a")), "new");
     EXPECT_EQ(std::filesystem::status(Path("a")).permissions(), std::filesystem::perms{0600});
     WriteText(Path("a"), "old");
-    EXPECT_NE(Write("a", Existing::kKept).find("a: File exists"), std::string::npos);
+    EXPECT_NE(Write("a", IfExists::kFail).find("a: File exists"), std::string::npos);
     EXPECT_EQ(ReadText(Path("a")), "old");
-    EXPECT_EQ(Write("a", Existing::kReplaced), "");
+    EXPECT_EQ(Write("a", IfExists::kReplace), "");
     EXPECT_EQ(ReadText(Path("a")), "new");
-    {
-        const PendingFile forgotten(Path("c"));
-    }
+    PendingFile(Path("never published"));
     EXPECT_EQ(Folder(), (Names{"a", "a.part3", "a.part4", "a.partx", "b.part1"}));
     close(used);
-    for (const Existing existing : {Existing::kKept, Existing::kReplaced})
-        EXPECT_EQ(Write(std::string(255, 'n'), existing), "");
+    for (const IfExists if_exists : {IfExists::kFail, IfExists::kReplace})
+        EXPECT_EQ(Write(std::string(255, 'n'), if_exists), "");
 }
 
-// Somebody else owns the folder, and has all that appears there swapped for links.
-TEST_P(Pending, NeverWritesWhereALinkLeads)
+// Another user owns the folder and replaces everything in it by links.
+TEST_P(Pending, NeverWritesThroughALink)
 {
     const std::string victim = m_scratch.Path("victim");
     WriteText(victim, "kept");
     std::filesystem::create_symlink(victim, Path("link"));
-    EXPECT_NE(Write("link", Existing::kReplaced), "");
+    EXPECT_NE(Write("link", IfExists::kReplace), "");
     std::filesystem::remove(Path("link"));
     PendingFile file(Path("a"));
     for (const std::string& name : Folder()) {
         std::filesystem::rename(Path(name), Path("moved"));
         std::filesystem::create_symlink(victim, Path(name));
     }
-    EXPECT_EQ(write(file.Descriptor(), "new", 3), 3);
-    EXPECT_EQ(file.Publish(Existing::kReplaced).empty(), GetParam());
+    EXPECT_EQ(Publish(file, IfExists::kReplace).empty(), GetParam());
     EXPECT_EQ(ReadText(victim), "kept");
 }
 
-TEST_P(Pending, NeedsNoFolderThatCanBeRead)
+TEST_P(Pending, DoesNotReadTheFolder)
 {
     constexpr uid_t kNobody = 65534;  // root may read every folder
     const uid_t user = geteuid();
     ASSERT_EQ(chmod(m_scratch.Path("").c_str(), 0755) + chmod(Path("").c_str(), 0300), 0);
-    const bool privileged = chown(Path("").c_str(), kNobody, kNobody) == 0;
-    ASSERT_EQ(privileged ? seteuid(kNobody) : 0, 0);
-    EXPECT_EQ(Write("a", Existing::kKept), "");
-    ASSERT_EQ(privileged ? seteuid(user) : 0, 0);
+    const bool is_privileged = chown(Path("").c_str(), kNobody, kNobody) == 0;
+    ASSERT_EQ(is_privileged ? seteuid(kNobody) : 0, 0);
+    EXPECT_EQ(Write("a", IfExists::kFail), "");
+    ASSERT_EQ(is_privileged ? seteuid(user) : 0, 0);
     chmod(Path("").c_str(), 0700);
     EXPECT_EQ(ReadText(Path("a")), "new");
 }

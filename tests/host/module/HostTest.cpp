@@ -8,9 +8,9 @@
 #include <cstring>
 #include <filesystem>
 
-#include "AlikeAddresses.h"
 #include "LuaHost.h"
 #include "ScratchDirectory.h"
+#include "objects/CollidingAddresses.h"
 #include "vxi/vxi.h"
 
 namespace {
@@ -173,9 +173,9 @@ TEST(Objects, StaySafeWhateverFinalizersReach)
     EXPECT_GT(std::filesystem::file_size(zip), 0u);
 }
 
-TEST(AlikeAddresses, ThousandsThatAgreeInWhatLuaHashesAreRefused)
+TEST(CollidingAddresses, AreRefusedBeyondTheLimit)
 {
-    vxa::AlikeAddresses addresses;
+    vxa::CollidingAddresses addresses;
     std::size_t admitted = 0;
     for (int i = 0; i < 4000; ++i) {  // each twice: known ones are admitted again
         char address[] = "2001:1db8:1111:2222:3333:4444:5555:6666";

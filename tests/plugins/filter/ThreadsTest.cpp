@@ -5,9 +5,9 @@
 #include <atomic>
 #include <thread>
 
-#include "FakeMachine.h"
 #include "LuaHost.h"
 #include "RecordingDriver.h"
+#include "Sandbox.h"
 
 namespace {
 
@@ -49,7 +49,8 @@ constexpr const char* kQueries = R"(
 
 TEST(Threads, CyclesAndQueriesAtOnce)
 {
-    const FakeMachine machine;
+    REQUIRE_SANDBOX();
+    sandbox::FakeMachine();
     LuaHost cycles;
     LuaHost more_cycles;
     LuaHost queries;

@@ -1,4 +1,4 @@
-// Reading zip archives, which may come from anywhere: what a file claims about itself is
+// Reading zip archives, which may come from anywhere: what a file declares about itself is
 // checked before memory is spent on it.
 #pragma once
 
@@ -12,21 +12,21 @@
 namespace VxaCore::Host {
 
 struct ArchiveEntry {
-    std::string name;            // UTF-8 without zero bytes, otherwise whatever the archive says
-    std::uint64_t bytes;         // as declared; reading the entry is what proves it
-    std::uint64_t packed_bytes;  // what it takes in the archive
-    bool text;                   // marked as text by its writer
+    std::string name;            // UTF-8 without NUL, otherwise whatever the archive contains
+    std::uint64_t bytes;         // as declared; only reading the entry proves it
+    std::uint64_t packed_bytes;  // in the archive
+    bool text;                   // the text flag set by its writer
 };
 
-// The archive's directory, in its order. At most 10000 entries. Throws
-// std::runtime_error with the reason, the path in front.
+// Returns the archive's directory, in its order. At most 10000 entries. Throws
+// std::runtime_error with the path and the reason.
 VXA_CORE_API std::vector<ArchiveEntry> ListArchive(const std::string& path);
 
 // The same for an archive that was written into the file and closed.
 VXA_CORE_API std::vector<ArchiveEntry> ListArchive(const PendingFile& file);
 
-// The bytes of the first entry of that name, complete and with the right checksum; never
-// more than `kMostBytes`. Throws as above; also when there is no such entry.
+// Returns the bytes of the first entry of that name, complete and with the right checksum;
+// never more than `most_bytes`. Throws as above; also if there is no such entry.
 VXA_CORE_API std::string ReadArchiveEntry(const std::string& path, const std::string& name,
                                           std::uint64_t most_bytes);
 

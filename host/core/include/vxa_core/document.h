@@ -1,17 +1,18 @@
-// What keeps a host document: memory alone, or a state directory.
+// Where a host document is kept: in memory, or in a state directory.
 //
 // A state directory holds
 //   document.json   the keys, one JSON object; only ever replaced as a whole
-//   events.jsonl    one line an event: {"time":T,"id":N,"text":"..."}
-//   lock            locked (flock(2)) by the process that has the directory open
-// The process may be killed at any moment: document.json is the old or the new one,
-// never a part, and an event whose call has returned is there. An unfinished last line
-// of events.jsonl is cut off when the directory is next opened. The owner can read and write
-// the files whatever the umask.
+//   events.jsonl    one line per event: {"time":T,"id":N,"text":"..."}
+//   lock            locked with flock(2) by the process that has the directory open
+// The process may be killed at any moment: document.json is then the old or the new one,
+// complete, and an event whose call has returned is there. An unfinished last line of
+// events.jsonl is removed when the directory is next opened. The owner can read and write the
+// files whatever the umask.
 //
-// All calls are safe from any thread. std::bad_alloc may leave any of them.
+// All calls are safe from any thread and may throw std::bad_alloc.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <variant>
@@ -23,10 +24,10 @@ namespace VxaCore {
 
 namespace Host {
 
-// An array or object written into document.json by someone else: kept, not read.
+// An array or object that another program wrote into document.json: kept, not read.
 struct NestedValue {};
 
-// A key's value; monostate where the key is absent or null. Texts are UTF-8 without NUL.
+// A key's value; monostate if the key is missing or null. Strings are UTF-8 without NUL.
 using DocumentValue = std::variant<std::monostate, bool, double, std::string, NestedValue>;
 
 struct Event {
@@ -35,20 +36,27 @@ struct Event {
     std::string text;  // UTF-8
 };
 
+struct EventList {
+    std::vector<Event> events;   // oldest first
+    std::size_t unreadable = 0;  // lines in the file that are not events
+};
+
 }  // namespace Host
 
 class VXA_CORE_API CDom::Store {
 public:
-    // Lives as long as the store.
+    // Keeps everything in memory until the store is destroyed.
     static std::unique_ptr<Store> InMemory();
 
-    // Opens a state directory, made when missing (parents too). Throws
-    // std::runtime_error with the reason: it cannot be made, read or written, another
-    // opener holds it (the text names the process), a symbolic link in the path belongs
-    // to another user than root and the caller, one of its files is a symbolic link,
-    // has more than one hard link or is not a regular file (nothing is written then), or
-    // document.json is not a JSON object (the message has line and column, nothing of the
-    // content; the file is left alone).
+    // Opens a state directory; makes it and its parents if they are missing. Throws
+    // std::runtime_error with the reason:
+    // - it cannot be made, read or written
+    // - another store holds it (the message names the process)
+    // - a symbolic link in the path belongs to a user other than root and the caller
+    // - one of its files is a symbolic link, has more than one hard link or is not a regular
+    //   file; nothing is written then
+    // - document.json is not a JSON object; the message has line and column but nothing of the
+    //   content, and the file is left alone
     static std::unique_ptr<Store> InDirectory(const std::string& path);
 
     ~Store();
@@ -57,35 +65,29 @@ public:
 
     Host::DocumentValue Get(const std::string& key) const;
 
-    // Sets a key, or removes it (monostate). Writes only what changed, or what an
-    // earlier failure left unwritten. False and the reason in `error` when it could not
-    // be stored: the value is then kept in memory, except in a closed store, and except
-    // for values no document can hold (a NestedValue, a number that is not finite, a
-    // text or key that is not UTF-8 or holds a NUL).
-    bool Set(const std::string& key, const Host::DocumentValue& value, std::string& error);
+    // Sets a key, or removes it (monostate). Writes only what changed, or what an earlier
+    // failure left unwritten. Throws std::runtime_error if it could not be stored; the value is
+    // then kept in memory, except in a closed store and for values that no document can hold (a
+    // NestedValue, a number that is not finite, a string or key that is not UTF-8 or has a NUL).
+    void Set(const std::string& key, const Host::DocumentValue& value);
 
-    // Stores an event. False and the reason in `error` when it could not be stored: it
-    // is then kept in memory (except in a closed store) and tried again with the next.
-    bool WriteEvent(int id, const std::string& utf8, std::string& error);
+    // Stores an event. Throws std::runtime_error if it could not be stored; it is then kept in
+    // memory, except in a closed store, and tried again with the next.
+    void WriteEvent(int id, const std::string& utf8);
 
-    // All events, oldest first, those from before this process included. Throws
-    // std::runtime_error when they cannot be read. `unreadable` is the number of lines
-    // that are no events.
-    std::vector<Host::Event> Events(std::size_t& unreadable) const;
+    // Returns all events, those from before this process included. Throws std::runtime_error if
+    // they cannot be read.
+    Host::EventList Events() const;
 
-    // Releases the directory. Afterwards Get still returns what the document held, Set,
-    // WriteEvent and Events fail with "the document is closed", and Close returns the
-    // same again. False and the reason in `error` when something kept in memory still
-    // could not be stored.
-    bool Close(std::string& error);
+    // Releases the directory. Afterwards Get still returns what the document held; Set,
+    // WriteEvent and Events throw "the document is closed". Throws std::runtime_error, the same
+    // each time, if something kept in memory still could not be stored.
+    void Close();
 
 private:
-    struct Content;
-    explicit Store(std::unique_ptr<Content> content);
-    // With the lock held; the reason of a failure, else empty.
-    std::string StoreDocument();
-    std::string StoreEvents();
-    std::unique_ptr<Content> m_content;
+    struct State;
+    explicit Store(std::unique_ptr<State> state);
+    std::unique_ptr<State> m_state;
 };
 
 }  // namespace VxaCore

@@ -93,8 +93,7 @@ protected:
     Lines Events() const
     {
         Lines lines;
-        std::size_t unreadable = 0;
-        for (const auto& event : m_document->store().Events(unreadable))
+        for (const auto& event : m_document->store().Events().events)
             lines.push_back(std::to_string(event.id) + " " + event.text);
         return lines;
     }

@@ -1,0 +1,74 @@
+// Reading zip archives: vxa.zip_entries and vxa.zip_read.
+#include <vector>
+
+#include "Module.h"
+#include "boundary/Exceptions.h"
+#include "boundary/Holder.h"
+#include "boundary/Values.h"
+#include "vxa_core/archive_reader.h"
+
+namespace vxa {
+
+namespace {
+
+using VxaCore::Host::ArchiveEntry;
+
+using EntryList = std::vector<ArchiveEntry>;
+
+// Larger than any driver table; while it is pushed, the bytes are in memory twice.
+constexpr double kMostEntryBytes = 256.0 * 1024 * 1024;
+
+void PushEntry(lua_State* L, const ArchiveEntry& entry)
+{
+    lua_createtable(L, 0, 4);
+    SetString(L, "name", entry.name);
+    SetNumber(L, "bytes", static_cast<lua_Number>(entry.bytes));
+    SetNumber(L, "packed_bytes", static_cast<lua_Number>(entry.packed_bytes));
+    SetBoolean(L, "text", entry.text);
+}
+
+int ZipEntries(lua_State* L)
+{
+    using VxaCore::Host::ListArchive;
+    const auto* file = TestPendingFile(L, 1);
+    const char* path = file ? nullptr : CheckPath(L, 1);
+    auto* list = NewHolder<EntryList>(L);
+    if (!SucceedsOrPushError(L, [&] { *list = file ? ListArchive(*file) : ListArchive(path); }))
+        return 2;
+    PushArray(L, *list, PushEntry);
+    return 1;
+}
+
+int ZipRead(lua_State* L)
+{
+    const char* path = CheckPath(L, 1);
+    const std::string_view name = CheckBytes(L, 2);
+    const double most_bytes = luaL_optnumber(L, 3, kMostEntryBytes);
+    luaL_argcheck(L, most_bytes >= 0 && most_bytes <= kMostEntryBytes, 3,
+                  "a number of bytes from 0 to 268435456 expected");
+    auto* bytes = NewHolder<std::string>(L);
+    const bool is_read = SucceedsOrPushError(L, [&] {
+        *bytes = VxaCore::Host::ReadArchiveEntry(path, std::string(name),
+                                                 static_cast<std::uint64_t>(most_bytes));
+    });
+    if (!is_read) return 2;
+    PushAndFree(L, *bytes);
+    return 1;
+}
+
+constexpr luaL_Reg kFunctions[] = {
+    {"zip_entries", ZipEntries},
+    {"zip_read", ZipRead},
+    {nullptr, nullptr},
+};
+
+}  // namespace
+
+void OpenArchives(lua_State* L)
+{
+    RegisterHolder<EntryList>(L);
+    RegisterHolder<std::string>(L);
+    luaL_setfuncs(L, kFunctions, 0);
+}
+
+}  // namespace vxa

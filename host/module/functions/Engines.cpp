@@ -1,0 +1,126 @@
+// Choosing libvxi's engine, scripted faults, and the simulated machine.
+#include "Module.h"
+#include "boundary/Values.h"
+#include "vxi/engine.h"
+
+namespace vxa {
+
+namespace {
+
+// Pushes the names of all engines as "linux, sim". [-0, +1, m]
+void PushKnownEngines(lua_State* L)
+{
+    luaL_Buffer text;
+    luaL_buffinit(L, &text);
+    const char* separator = "";
+    for (const char* const* name = vxi_engine_list(); *name; ++name) {
+        luaL_addstring(&text, separator);
+        luaL_addstring(&text, *name);
+        separator = ", ";
+    }
+    luaL_pushresult(&text);
+}
+
+int Engine(lua_State* L)
+{
+    const char* name = luaL_optstring(L, 1, nullptr);
+    if (name && vxi_engine_select(name) != 0) {
+        lua_pushnil(L);
+        PushKnownEngines(L);
+        lua_pushfstring(L, "unknown engine '%s'; known are: %s", name, lua_tostring(L, -1));
+        lua_remove(L, -2);
+        return 2;
+    }
+    lua_pushstring(L, vxi_engine_name());
+    return 1;
+}
+
+int Engines(lua_State* L)
+{
+    lua_newtable(L);
+    int index = 0;
+    for (const char* const* name = vxi_engine_list(); *name; ++name) {
+        lua_pushstring(L, *name);
+        lua_rawseti(L, -2, ++index);
+    }
+    return 1;
+}
+
+// Passes argument 1 to a function of libvxi that parses settings. Pushes true, or nil and where
+// they cannot be parsed. [-0, +(1|2), v]
+int Configure(lua_State* L, const char* what, int (*apply)(const char*, unsigned*))
+{
+    const char* text = luaL_optstring(L, 1, "");
+    unsigned position = 0;
+    const int status = apply(text, &position);
+    if (status == 0) {
+        lua_pushboolean(L, 1);
+        return 1;
+    }
+    lua_pushnil(L);
+    lua_pushfstring(L, "%s: cannot be read from character %d on: '%s'", what,
+                    static_cast<int>(position) + 1, text + position);
+    return 2;
+}
+
+int Fault(lua_State* L)
+{
+    return Configure(L, "fault script", vxi_fault_script);
+}
+
+int Simulate(lua_State* L)
+{
+    return Configure(L, "simulation settings", vxi_sim_configure);
+}
+
+int CheckEnvironment(lua_State* L)
+{
+    const char* error = vxi_check_environment();
+    if (!*error) {
+        lua_pushboolean(L, 1);
+        return 1;
+    }
+    lua_pushnil(L);
+    lua_pushstring(L, error);
+    return 2;
+}
+
+// For machines without a monitored port, where nothing else advances the simulation.
+int SimulatedTick(lua_State*)
+{
+    vxi_sim_tick();
+    return 0;
+}
+
+int SimulatedMachine(lua_State* L)
+{
+    vxi_sim_machine_s machine{};
+    vxi_sim_machine(&machine);
+    lua_createtable(L, 0, 5);
+    SetNumber(L, "tick", static_cast<lua_Number>(machine.tick));
+    SetNumber(L, "run_queue_length", machine.run_queue_length);
+    SetNumber(L, "cpu_count", machine.cpu_count);
+    SetNumber(L, "memory_total_kb", static_cast<lua_Number>(machine.memory_total_kb));
+    SetNumber(L, "memory_free_kb", static_cast<lua_Number>(machine.memory_free_kb));
+    return 1;
+}
+
+constexpr luaL_Reg kFunctions[] = {
+    {"engine", Engine},
+    {"engines", Engines},
+    {"fault", Fault},
+    {"simulate", Simulate},
+    {"check_environment", CheckEnvironment},
+    {"simulated_machine", SimulatedMachine},
+    {"simulated_tick", SimulatedTick},
+    {nullptr, nullptr},
+};
+
+}  // namespace
+
+void OpenEngines(lua_State* L)
+{
+    luaL_setfuncs(L, kFunctions, 0);
+}
+
+}  // namespace vxa

@@ -1,0 +1,109 @@
+// Files that may belong to other users: vxa.mkdir, vxa.file_kind, vxa.read_file; and the lines of
+// the settings file: vxa.conf_line.
+#include <errno.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "Module.h"
+#include "boundary/Exceptions.h"
+#include "boundary/Holder.h"
+#include "boundary/Values.h"
+#include "vxa_core/files.h"
+
+namespace vxa {
+
+namespace {
+
+int MakeDirectory(lua_State* L)
+{
+    const char* path = CheckPath(L, 1);
+    return PushSuccess(L, [&] { VxaCore::Host::MakeDirectories(path); });
+}
+
+int FileKind(lua_State* L)
+{
+    const char* path = CheckPath(L, 1);
+    const char* kind = nullptr;
+    if (!SucceedsOrPushError(L, [&] { kind = VxaCore::Host::FileKind(path); })) return 2;
+    lua_pushstring(L, kind);
+    return 1;
+}
+
+// read_file(path, most_bytes): the bytes; or nil, the message and the error number.
+int ReadFile(lua_State* L)
+{
+    const char* path = CheckPath(L, 1);
+    const lua_Number most_bytes = luaL_checknumber(L, 2);
+    luaL_argcheck(L, most_bytes >= 0 && most_bytes <= 1e9, 2,
+                  "a number of bytes up to 1e9 expected");
+    auto* bytes = NewHolder<std::string>(L);
+    int error_number = ENOMEM;
+    const auto read = [&] {
+        try {
+            *bytes = VxaCore::Host::ReadFile(path, static_cast<std::size_t>(most_bytes));
+        } catch (const VxaCore::Host::FileError& error) {
+            error_number = error.ErrorNumber();
+            throw;
+        }
+    };
+    if (!SucceedsOrPushError(L, read)) {
+        lua_pushnumber(L, error_number);
+        return 3;
+    }
+    PushAndFree(L, *bytes);
+    return 1;
+}
+
+// The filter module reads the settings with fgets(3) into a buffer of this size: each piece of a
+// longer line counts as a line.
+constexpr std::size_t kLineBuffer = 1024;
+
+// Returns what one call of fgets would read from the start of `rest`.
+std::string_view FirstLine(std::string_view rest)
+{
+    const std::size_t newline = rest.substr(0, kLineBuffer - 1).find('\n');
+    return rest.substr(0, newline == rest.npos ? kLineBuffer - 1 : newline + 1);
+}
+
+// conf_line(text, at): the line that begins at the offset `at` (from 1) up to its first NUL, the
+// number after its first "=" (nil if there is none), and the offset of the next line.
+int ConfLine(lua_State* L)
+{
+    const std::string_view text = CheckBytes(L, 1);
+    const lua_Number at = luaL_checknumber(L, 2);
+    luaL_argcheck(L, at >= 1 && at <= static_cast<lua_Number>(text.size()), 2,
+                  "an offset within the string expected");
+    const std::size_t begin = static_cast<std::size_t>(at) - 1;
+    const std::string_view taken = FirstLine(text.substr(begin));
+    char line[kLineBuffer];
+    line[taken.copy(line, sizeof line - 1)] = '\0';
+    lua_pushstring(L, line);
+    const char* value = std::strchr(line, '=');
+    char* end = nullptr;
+    const float number = value ? std::strtof(value + 1, &end) : 0;
+    if (value && end != value + 1)
+        lua_pushnumber(L, number);
+    else
+        lua_pushnil(L);
+    lua_pushnumber(L, static_cast<lua_Number>(begin + taken.size() + 1));
+    return 3;
+}
+
+constexpr luaL_Reg kFunctions[] = {
+    {"mkdir", MakeDirectory}, {"file_kind", FileKind}, {"read_file", ReadFile},
+    {"conf_line", ConfLine},  {nullptr, nullptr},
+};
+
+}  // namespace
+
+void OpenFiles(lua_State* L)
+{
+    RegisterHolder<std::string>(L);
+    luaL_setfuncs(L, kFunctions, 0);
+}
+
+}  // namespace vxa
