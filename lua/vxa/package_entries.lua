@@ -1,19 +1,19 @@
--- The entries that the module adds to a diagnostic package, in its order.
+-- The entries of a diagnostic package.
 --
--- `content` describes an entry; `capability` is the engine's row about its table. `operation` is
--- the first word of the agent event for a failed driver call, `by` the module's function in its
--- traces. Tables that can fail without an event have the driver's `call` and what is wrong then.
+-- Those with a `call` are added by AddDriverDiagnostics, in this order. `call` is the driver call
+-- that reads the table, `capability` the engine's row about it. `otherwise` is why the entry is
+-- missing or empty if no call failed and the engine has the capability.
 return {
-    { name = "vxa_stats.txt", content = "driver statistics", capability = "statistics",
-      operation = "GET_STATS", by = "AddDriverStatistics" },
-    { name = "vxa_variables.txt", content = "driver variables", capability = "variables",
-      operation = "GET_VARIABLE", by = "AddDriverVariables", call = "vxi_get_varv",
-      without_event = "the driver does not have all of the variables" },
-    { name = "vxa_conn_track.txt", content = "connections", capability = "conntrack",
-      operation = "GET_CONN_TRACK", by = "AddDriverConnTrack" },
-    { name = "vxa_blacklist.txt", content = "blacklisted addresses", capability = "blacklist",
-      operation = "BLACKLIST_ADD", by = "AddDriverBlacklist" },
-    { name = "vxa.tpf", content = "rule profile", capability = "rule-profile",
-      operation = "vxi_get_profile_stats()", by = "AddDriverRuleStats",
-      call = "vxi_get_profile_stats", without_event = "the driver has no rule profile" },
+    { name = "vxa_stats.txt", content = "driver statistics", call = "vxi_get_stats",
+      capability = "statistics",
+      otherwise = "out of memory, or the driver's record has an unknown layout" },
+    { name = "vxa_variables.txt", content = "driver variables", call = "vxi_get_varv",
+      capability = "variables", otherwise = "the driver does not have all of the variables" },
+    { name = "vxa_conn_track.txt", content = "connections", call = "vxi_get_conntrack",
+      capability = "conntrack", otherwise = "the driver has no connections" },
+    { name = "vxa_blacklist.txt", content = "blacklisted addresses", call = "vxi_get_blacklist",
+      capability = "blacklist", otherwise = "out of memory" },
+    { name = "vxa.tpf", content = "rule profile", call = "vxi_get_profile_stats",
+      capability = "rule-profile", otherwise = "the driver has no rule profile" },
+    { name = "vxa_conn_states.txt", content = "sockets by state" },
 }

@@ -1,8 +1,7 @@
 -- vxa diag: writes a diagnostic package with the driver's tables and reports what it lacks.
 --
--- The module adds all entries in one call that does not return failures. Its traces show when
--- each table began, hence how long it took, and why an entry without an event is missing. Sizes
--- are read from the finished package.
+-- The module adds all entries in one call that does not return failures. The archive knows how
+-- long each entry took, the driver handle which calls failed and why.
 
 local console = require "vxa.output.console"
 local exit = require "vxa.exit"
@@ -16,7 +15,7 @@ local session = require "vxa.session"
 local not_replaced = { directory = "a directory", link = "a symbolic link",
                        other = "not a regular file" }
 
--- Only a regular file may be replaced: renaming over a device would take it away from everyone.
+-- Only a regular file may be replaced: renaming over a device would remove it for everyone.
 local function check_target(vxa, path, force)
     local kind, message = vxa.file_kind(path)
     if not kind then exit.fail(1, "cannot write %s", message) end
@@ -49,90 +48,70 @@ end
 
 -- ---- what happened ----------------------------------------------------------------------
 
-local function starts_with(text, start)
-    return text:sub(1, #start) == start
-end
-
--- Splits the traces at the first line of each table; the bundle's last line ends the last one.
-local function split_traces(records)
-    local traces, current = {}, nil
-    for _, record in ipairs(records) do
-        if record.kind == "trace" then
-            local is_end = starts_with(record.message, "AddDriverContent returned")
-            if is_end or record.message == record["function"] .. "()" then
-                if is_end or starts_with(record["function"], "AddDriver") then
-                    if current then current.seconds = record.time - current.started end
-                    current = { started = record.time, lines = {} }
-                    traces[record["function"]] = current
-                end
-            end
-            if current then current.lines[#current.lines + 1] = record.message end
+-- Returns descriptions of the failures of a driver call, each once.
+local function describe_failures(failures, call)
+    local descriptions, times = {}, {}
+    for _, failure in ipairs(failures) do
+        if failure.call == call then
+            local description = ("%s failed with %d: %s")
+                :format(call, failure.status, failure.message)
+            if not times[description] then descriptions[#descriptions + 1] = description end
+            times[description] = (times[description] or 0) + 1
         end
     end
-    return traces
+    for i, description in ipairs(descriptions) do
+        local count = times[description]
+        if count > 1 then descriptions[i] = ("%s (%d times)"):format(description, count) end
+    end
+    return descriptions
 end
 
-local function has_line(trace, pattern)
-    for _, line in ipairs(trace and trace.lines or {}) do
-        if line:find(pattern) then return true end
+local function has_failure(failures, call)
+    for _, failure in ipairs(failures) do
+        if failure.call == call then return true end
     end
     return false
 end
 
--- Describes an event such as "GET_STATS|fffffffb (engine sim: vxi_get_stats: …)"; an event of
--- another form is returned unchanged.
-local function describe_event(event)
-    local operation, code, cause = event.text:match("^(.-)|(%x%x%x%x%x%x%x%x) %((.*)%)$")
-    if not operation then return event.text end
-    local status = tonumber(code, 16)
-    if status >= 2 ^ 31 then status = status - 2 ^ 32 end
-    return ("%s failed with %d: %s"):format(operation, status, cause)
-end
-
--- Returns descriptions of the entry's events, each once.
-local function events_of(events, entry)
-    local causes, times = {}, {}
-    for _, event in ipairs(events) do
-        if starts_with(event.text, entry.operation .. "|") then
-            local cause = describe_event(event)
-            if not times[cause] then causes[#causes + 1] = cause end
-            times[cause] = (times[cause] or 0) + 1
-        end
-    end
-    for i, cause in ipairs(causes) do
-        if times[cause] > 1 then causes[i] = ("%s (%d times)"):format(cause, times[cause]) end
-    end
-    return causes
-end
-
--- The driver's message about its last failed call, if that was one of this entry's.
-local function driver_message(entry, built)
-    return entry.call and built.driver_error:find(entry.call, 1, true) and built.driver_error
-end
-
--- Returns why an entry without an event is missing or empty.
-local function reason_without_event(entry, built, trace)
+-- Returns why an entry is missing or empty although its own call did not fail.
+local function other_reason(entry, written, built)
     local capability = built.capabilities[entry.capability]
-    if has_line(trace, "^IsDriverOpen [%-0]") then return "the driver is not available" end
-    if has_line(trace, "^totConn%.entry_ct was 0$") then return "the driver has no connections" end
-    if has_line(trace, "^malloc") then return "out of memory" end
-    if capability and not capability.available then return capability.detail end
-    return driver_message(entry, built) or entry.without_event or "the driver returned nothing"
+    if not written and has_failure(built.failures, "vxi_driver_available") then
+        return "the driver is not available"
+    end
+    return capability and not capability.available and capability.detail or entry.otherwise
 end
 
--- Returns a row for each entry: its size and time if it is there, and what is wrong with it.
-local function judge(built)
-    local traces, rows = split_traces(built.records), {}
-    for i, entry in ipairs(package_entries) do
-        local written, trace = built.entries[entry.name], traces[entry.by]
-        local row = { name = entry.name, bytes = written and written.bytes,
-                      seconds = trace and trace.seconds, problems = events_of(built.events, entry) }
-        local is_empty = not written or written.bytes == 0
-        if is_empty and #row.problems == 0 then
-            row.problems[1] = reason_without_event(entry, built, trace)
+-- Returns a row for an entry: its size and time if it is there, and what is wrong with it.
+local function judge(entry, built)
+    local written = built.written[entry.name]
+    local row = { name = entry.name, bytes = written and written.bytes,
+                  seconds = written and written.seconds,
+                  problems = describe_failures(built.failures, entry.call) }
+    local is_empty = not written or written.bytes == 0
+    if is_empty and #row.problems == 0 then
+        row.problems[1] = other_reason(entry, written, built)
+    end
+    row.state = not written and "missing" or is_empty and "empty" or "incomplete"
+    return row
+end
+
+-- Returns the rows of all entries, and of failed calls that belong to none, such as switching
+-- rule profiling off.
+local function judge_all(built)
+    local rows, known = {}, { vxi_driver_available = true }
+    for _, entry in ipairs(package_entries) do
+        if entry.call then
+            rows[#rows + 1] = judge(entry, built)
+            known[entry.call] = true
         end
-        row.state = not written and "missing" or is_empty and "empty" or "incomplete"
-        rows[i] = row
+    end
+    for _, failure in ipairs(built.failures) do
+        if not known[failure.call] then
+            known[failure.call] = true
+            rows[#rows + 1] = { name = failure.call, state = "failed",
+                                problems = describe_failures(built.failures, failure.call) }
+        end
     end
     return rows
 end
@@ -153,38 +132,34 @@ local function events_after(dom, count)
     return { table.unpack(events, count + 1) }, #events
 end
 
--- Fills the archive. Returns {entries, list, records, events, …}, or nil and a message.
+-- Fills the archive. Returns {list, written, failures, events, capabilities}, or nil and a message.
 local function build(attached, handle, file)
     local vxa, dom = attached.vxa, attached.dom
     local _, earlier_events = events_after(dom, 0)
     local archive, message = vxa.ZipOutputStream(file)
     if not archive then return nil, message end
-    attached.messages:take()
     SLB.filter.AddDriverDiagnostics(dom, handle, archive)
-    local driver_error, records = handle:error(), attached.messages:take()
+    attached.messages:take()
+    local written, failures = by_name(archive:entries()), handle:failures()
     local closed
     closed, message = archive:close()
     if not closed then return nil, message end
     local list
     list, message = vxa.zip_entries(file)
     if not list then return nil, message end
-    return { list = list, entries = by_name(list), records = records, driver_error = driver_error,
+    return { list = list, written = written, failures = failures,
              events = events_after(dom, earlier_events),
              capabilities = by_name(handle:capabilities()) }
 end
 
 -- ---- output -----------------------------------------------------------------------------
 
-local function milliseconds(seconds)
-    -- Times come from the system's clock, which may have been set back.
-    return seconds and seconds >= 0 and ("%.1f"):format(seconds * 1000) or "-"
-end
-
 local function show_entries(rows)
     local cells = { { "entry", "bytes", "ms" } }
     for _, row in ipairs(rows) do
         if row.bytes then
-            cells[#cells + 1] = { row.name, ("%.0f"):format(row.bytes), milliseconds(row.seconds) }
+            cells[#cells + 1] = { row.name, ("%.0f"):format(row.bytes),
+                                  ("%.1f"):format(row.seconds * 1000) }
         end
     end
     console.lines(format.columns(cells, { [2] = true, [3] = true }))
@@ -200,20 +175,21 @@ local function show_problems(rows)
     console.lines(format.columns(cells, {}))
 end
 
-local function is_explained(event)
-    for _, entry in ipairs(package_entries) do
-        if starts_with(event.text, entry.operation .. "|") then return true end
+-- The module writes an event for a failed call, with the driver's message.
+local function is_explained(event, failures)
+    for _, failure in ipairs(failures) do
+        if event.text:find("(" .. failure.message .. ")", 1, true) then return true end
     end
     return false
 end
 
 -- Counts the events and lists those that show_problems does not.
-local function show_events(events, directory)
-    if #events == 0 then return end
-    console.line("%s in the host document%s", format.count(#events, "event"),
+local function show_events(built, directory)
+    if #built.events == 0 then return end
+    console.line("%s in the host document%s", format.count(#built.events, "event"),
         directory and ", kept in " .. printable(directory) or " (--state DIR keeps them)")
-    for _, event in ipairs(events) do
-        if not is_explained(event) then
+    for _, event in ipairs(built.events) do
+        if not is_explained(event, built.failures) then
             console.line("  %d  %s", event.id, printable(event.text))
         end
     end
@@ -248,7 +224,6 @@ return function(options)
     local attached = session.attach(options)
     local vxa = attached.vxa
     session.capture_logs(attached, options)
-    for _, category in ipairs { "filter", "diagnostics" } do vxa.trace(category, true) end
     session.open_document(attached, options)
     local handle, message = session.open_driver(vxa)
     if not handle then exit.fail(1, "cannot open the driver: %s", message) end
@@ -259,11 +234,11 @@ return function(options)
     local seconds = vxa.clock() - started
     handle:close()
     attached.messages:show()
-    local rows = judge(built)
+    local rows = judge_all(built)
     console.line("vxa %s, engine %s", vxa.version, attached.engine)
     show_entries(rows)
     show_problems(rows)
-    show_events(built.events, options.state)
+    show_events(built, options.state)
     local bytes = show_total(built, options.archive, seconds)
     session.close_document(attached)
     if bytes > 0 then return 0 end

@@ -221,19 +221,21 @@ local runs = {
       .. " +ms\n.*\np.zip: 5 entries, [%d.]+ kB packed into [%d.]+ kB, in " },
     -- Events of earlier packages are not reported again.
     { "diag p.zip --force --state kept", "VXI_FAULT=vxi_get_stats=-5:disk", "\nmissing  "
-      .. "vxa_stats.txt  GET_STATS failed with %-5: engine sim: vxi_get_stats: disk\n"
+      .. "vxa_stats.txt  vxi_get_stats failed with %-5: engine sim: vxi_get_stats: disk\n"
       .. "1 event in the host document, kept in kept\np.zip: 4 entries" },
     { "diag p.zip --force --state kept", "VXI_FAULT=vxi_get_conntrack=-5:after=1", "\nincomplete  "
-      .. "vxa_conn_track.txt  GET_CONN_TRACK failed with %-5: .* %(2 times%)\n2 events" },
+      .. "vxa_conn_track.txt  vxi_get_conntrack failed with %-5: .* %(2 times%)\n2 events" },
     { "diag p.zip --force", "VXI_SIM=flows=0",
       "\nmissing  vxa_conn_track.txt  the driver has no connections\np.zip: 4 entries" },
     { "diag p.zip --force", "VXI_FAULT=vxi_get_profile_stats=-5:gone",
-      "\nempty  vxa.tpf  engine sim: vxi_get_profile_stats: gone\np.zip: 5 entries" },
+      "\nempty  vxa.tpf  vxi_get_profile_stats failed with %-5: engine sim: .*: gone\np.zip: 5 " },
     { "diag p.zip --force", "VXI_FAULT=vxi_driver_available=0,vxi_get_profile_stats=-1",
       "\nmissing  vxa_stats.txt       the driver is not available\n.*  vxa_variables.*"
       .. "_conn_track.*_blacklist.*\nempty    vxa.tpf .*\np.zip: 1 entry, 0 bytes",
       "^vxa: the driver returned nothing\n$", 1 },
     { "show p.zip vxa.tpf", "", "^%(vxa.tpf is empty%)\n$" },
+    { "diag p.zip --force", "VXI_FAULT=vxi_get_varv=-10017,vxi_get_var=-5",
+      "  vxa_variables.txt  the driver does not have all.*\nfailed   vxi_get_var +.* with %-5" },
     { "diag p.zip --force --profile 0.01", "VXI_SIM=rules=2", "p.zip: 5 entries" },
     { "show p.zip vxa.tpf", "", "^1 table, 1 chain, 2 rules; profiled for 0 ticks .*\nhandle  "
       .. "packets  bytes  %+packets  %+bytes  rule\ninet filter input\n"
