@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include <wx/log.h>
+
 #include "Collectors.h"
 #include "Config.h"
 #include "ConfigLog.h"
@@ -217,20 +219,23 @@ unsigned long long SecondsInFailOpen(const Cycle& cycle)
 // and its action must reach the script.
 struct MetricsStatus {
     // A name and two numbers, which have up to DBL_MAX_10_EXP + 1 digits.
-    static constexpr std::size_t kMetricSize = 64 + 2 * (DBL_MAX_10_EXP + 1);
+    static constexpr int kMetricSize = 64 + 2 * (DBL_MAX_10_EXP + 1);
     char string[kMetricCount * kMetricSize] = "";
 
     explicit MetricsStatus(const MetricTable& metrics)
     {
         char* end = string;
-        for (const auto& metric : metrics)
-            end += std::max(0, std::snprintf(end, kMetricSize, " %s=%.3f(%.3f)", metric.short_name,
-                                             metric.value, metric.threshold));
+        for (const auto& metric : metrics) {
+            const int length = std::snprintf(end, kMetricSize, " %s=%.3f(%.3f)", metric.short_name,
+                                             metric.value, metric.threshold);
+            end += std::clamp(length, 0, kMetricSize - 1);
+        }
     }
 };
 
 void LogStatusLine(const Cycle& cycle, int action)
 {
+    if (!wxLog::GetVerbose()) return;
     const unsigned long long seconds = cycle.now_us / kUsPerSecond;
     const unsigned long long microseconds = cycle.now_us % kUsPerSecond;
     LogVerbose(SYSHEALTH_AT(kFunction),
