@@ -1,4 +1,4 @@
-// Composing of trace and log messages.
+// Composes and writes trace messages and messages of the general log.
 
 #include "Trace.h"
 

@@ -46,7 +46,6 @@ FC_PUBLIC int queryRunQueueLength(double* out);
 FC_PUBLIC int getMemoryMetrics(vxa_health_vmstat_metrics_t* table);
 
 // Fills the same table from a vmstat that prints a line "System configuration:" and the columns
-// "avm" and "fre": physical memory in MB, free memory in pages. Blocks for its
-// ten-second sample. Returns the number of values stored, 0 on failure. The check cycle does not
-// call it.
+// "avm" and "fre": physical memory in MB, free memory in pages. Blocks for its ten-second sample.
+// Returns the number of values stored, 0 on failure. The check cycle does not call it.
 FC_PUBLIC int getVmstatMetrics(vxa_health_vmstat_metrics_t* table);
