@@ -1,4 +1,4 @@
-# What tests of the plugin share.
+# What tests of the Lua modules share.
 
 set(TEST_SUPPORT_DIR ${CMAKE_CURRENT_LIST_DIR})
 
@@ -13,37 +13,30 @@ list(GET SANITIZER_ENVIRONMENT 0 lsan_options)
 set(SANITIZER_PROPERTIES ENVIRONMENT ${lsan_options}
     ENVIRONMENT_MODIFICATION "TSAN_OPTIONS=set:halt_on_error=1")
 
-# add_sandboxed_lua_test(NAME SCRIPT): the script under stock lua5.2 in the sandbox, with
-# the recording driver in the place of libvxi. The preloads are for the interpreter alone.
-function(add_sandboxed_lua_test name script)
-    set(environment ${LUA_TEST_ENVIRONMENT})
-    set(preload $<TARGET_FILE:recorder>)
-    foreach(item ${environment})
-        if(item MATCHES "^LD_PRELOAD=(.*)")
-            set(preload "${CMAKE_MATCH_1}:${preload}")
-        endif()
-    endforeach()
-    list(FILTER environment EXCLUDE REGEX "^LD_PRELOAD=")
-    list(FILTER environment EXCLUDE REGEX "^LUA_CPATH=")
-    add_test(NAME ${name} COMMAND sandbox_exec ${CMAKE_COMMAND} -E env
-        ${environment} ${SANITIZER_ENVIRONMENT} LC_ALL=C
+# add_lua_test(NAME SCRIPT [RECORDER] [ENVIRONMENT VARIABLE=VALUE...]): the script under stock
+# lua5.2, on the built libraries and a fake machine; RECORDER: with the recording driver in the
+# place of libvxi.
+function(add_lua_test name script)
+    cmake_parse_arguments(PARSE_ARGV 2 arg "RECORDER" "" "ENVIRONMENT")
+    set(preload ${SANITIZER_PRELOAD} $<TARGET_FILE:fixed_paths>)
+    if(arg_RECORDER)
+        list(APPEND preload $<TARGET_FILE:recorder>)
+    endif()
+    list(JOIN preload ":" preload)
+    # The preloads are for interpreters, not for what starts them.
+    add_test(NAME ${name} COMMAND fake_machine ${CMAKE_COMMAND} -E env
+        ${SANITIZER_ENVIRONMENT} LC_ALL=C ${arg_ENVIRONMENT}
         "LUA_CPATH=${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/?.so;$<TARGET_FILE_DIR:recorder>/?.so"
-        "LUA_PATH=${TEST_SUPPORT_DIR}/?.lua;;"
+        "LUA_PATH=${PROJECT_SOURCE_DIR}/lua/?.lua;${TEST_SUPPORT_DIR}/?.lua;;"
+        "VXA_ROOT=${PROJECT_SOURCE_DIR}" "VXA_LIB=${CMAKE_LIBRARY_OUTPUT_DIRECTORY}"
         "LD_PRELOAD=${preload}"
         ${LUA} ${CMAKE_CURRENT_SOURCE_DIR}/${script})
-    set_tests_properties(${name} PROPERTIES SKIP_RETURN_CODE 77 TIMEOUT 120)
+    set_tests_properties(${name} PROPERTIES TIMEOUT 300)
 endfunction()
 
-# add_plugin_lua_test(NAME SCRIPT): the script under stock lua5.2, on the built libraries.
-function(add_plugin_lua_test name script)
-    add_test(NAME ${name} COMMAND ${LUA} ${CMAKE_CURRENT_SOURCE_DIR}/${script})
-    set_tests_properties(${name} PROPERTIES TIMEOUT 300 ENVIRONMENT
-        "${LUA_TEST_ENVIRONMENT};${SANITIZER_ENVIRONMENT};LUA_PATH=${TEST_SUPPORT_DIR}/?.lua\;\;")
-endfunction()
-
-# discover_plugin_tests(TARGET): its GoogleTest cases, with the environment they need.
+# discover_plugin_tests(TARGET [OPTION...]): its GoogleTest cases, with the environment they need.
 function(discover_plugin_tests target)
-    gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST
+    gtest_discover_tests(${target} ${ARGN} DISCOVERY_MODE PRE_TEST
         PROPERTIES ${SANITIZER_PROPERTIES} TIMEOUT 120)
 endfunction()
 

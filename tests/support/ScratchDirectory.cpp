@@ -1,7 +1,9 @@
 #include "ScratchDirectory.h"
 
-#include <stdlib.h>
-
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -9,9 +11,11 @@
 
 ScratchDirectory::ScratchDirectory()
 {
-    std::string pattern = (std::filesystem::temp_directory_path() / "vxa-test-XXXXXX").string();
-    if (!mkdtemp(pattern.data())) throw std::runtime_error("no scratch directory: " + pattern);
-    m_path = pattern;
+    const char* const parent = std::getenv("TMPDIR");
+    m_path = std::string(parent && parent[0] != '\0' ? parent : "/tmp") + "/fc-test-XXXXXX";
+    if (mkdtemp(m_path.data())) return;
+    std::fprintf(stderr, "TMPDIR: cannot make %s: %s\n", m_path.c_str(), std::strerror(errno));
+    std::exit(1);
 }
 
 ScratchDirectory::~ScratchDirectory()

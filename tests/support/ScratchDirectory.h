@@ -1,20 +1,23 @@
-// A directory of its own for each test, removed afterwards; files as texts.
+// A directory for one test, removed afterwards, and whole files as strings.
 #pragma once
 
 #include <string>
 
 class ScratchDirectory {
 public:
-    ScratchDirectory();
+    ScratchDirectory();  // in TMPDIR or /tmp; ends the program with a message if that fails
     ~ScratchDirectory();
     ScratchDirectory(const ScratchDirectory&) = delete;
     ScratchDirectory& operator=(const ScratchDirectory&) = delete;
 
-    std::string Path(const std::string& name) const { return m_path + "/" + name; }
+    std::string Path(const std::string& name) const
+    {
+        return name.empty() || name[0] == '/' ? m_path + name : m_path + "/" + name;
+    }
 
 private:
     std::string m_path;
 };
 
-std::string ReadText(const std::string& path);  // empty when it cannot be read
+std::string ReadText(const std::string& path);  // empty if it cannot be read
 void WriteText(const std::string& path, const std::string& text);

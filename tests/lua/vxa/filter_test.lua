@@ -1,7 +1,5 @@
--- The filter script on the real module, with the sandbox's files, commands and clock; and which
+-- The filter script on the real module, a fake machine and a clock that the test sets; and which
 -- addresses are this machine's.
-
-package.path = arg[0]:match("^(.*)/") .. "/../../../lua/?.lua;" .. package.path
 
 local addresses = require "vxa.machine.addresses"
 local filter = require "filter"
@@ -11,7 +9,7 @@ local testing = require "testing"
 local vxa = require "vxa"
 
 local equal, raises = testing.equal, testing.raises
-local SANDBOX = os.getenv("SANDBOX") .. "/"
+local MACHINE = os.getenv("FAKE_MACHINE") .. "/"
 local dom = vxa.Dom()
 
 raises("require 'fc' first", filter.new, { dom = dom })
@@ -24,9 +22,8 @@ raises("options.policy must be a string, not number", filter.new, { dom = dom, p
 
 -- What the module finds on the machine; nil for a command or file without it.
 local function set_machine(load, free_pct)
-    testing.write(SANDBOX .. "nproc.out", "4\n")
-    testing.write(SANDBOX .. "uptime.out", ("load average: %s, 0.4, 0.3\n"):format(load or ""))
-    testing.write(SANDBOX .. "meminfo", ("MemTotal: 1000 kB\n%s %d kB\n")
+    testing.write(MACHINE .. "uptime.out", ("load average: %s, 0.4, 0.3\n"):format(load or ""))
+    testing.write(MACHINE .. "proc/meminfo", ("MemTotal: 1000 kB\n%s %d kB\n")
         :format(free_pct and "MemFree:" or "", (free_pct or 0) * 10))
 end
 
@@ -195,7 +192,7 @@ equal({ reports, reported + feedback:rest().observations }, { 4, fed }, "reports
 
 -- ---- addresses --------------------------------------------------------------------------
 
-addresses.IPV4_PATH, addresses.IPV6_PATH = SANDBOX .. "fib_trie", SANDBOX .. "if_inet6"
+addresses.IPV4_PATH, addresses.IPV6_PATH = MACHINE .. "fib_trie", MACHINE .. "if_inet6"
 testing.write(addresses.IPV4_PATH, "  +-- 192.0.2.0/24 2 0 2\n     |-- 192.0.2.2\n"
     .. "        /32 host LOCAL\n     |-- 192.0.2.255\n        /32 link BROADCAST\n")
 testing.write(addresses.IPV6_PATH, "fd000000000000000000000000000002 04 40 00 82 eth0\n"

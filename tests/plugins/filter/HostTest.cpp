@@ -8,9 +8,9 @@
 #include <thread>
 #include <vector>
 
+#include "FakeMachine.h"
 #include "LuaHost.h"
 #include "RecordingDriver.h"
-#include "Sandbox.h"
 
 namespace {
 
@@ -34,8 +34,7 @@ bool IsMapped(const std::string& file)
 // The module alone: nothing else may keep it in the process.
 TEST(Host, StaysMappedWithItsStateWhenItsLuaStateCloses)
 {
-    REQUIRE_SANDBOX();
-    sandbox::SetOutput("nproc", "4\n");
+    const FakeMachine machine;
     ASSERT_FALSE(IsMapped("/fc.so"));
     {
         LuaHost host;

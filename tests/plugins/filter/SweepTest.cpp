@@ -12,9 +12,9 @@
 #include <vector>
 
 #include "AllocationLimit.h"
+#include "FakeMachine.h"
 #include "LuaHost.h"
 #include "RecordingDriver.h"
-#include "Sandbox.h"
 #include "VxaCore/LogTrace.h"
 
 namespace {
@@ -62,8 +62,6 @@ class Sweep : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        REQUIRE_SANDBOX();
-        sandbox::FakeMachine();
         ASSERT_EQ(
             m_other.Run(std::string(kLoadModules) + "vxa.log_to('/dev/null') vxa.verbose(true)"),
             "");
@@ -84,6 +82,7 @@ protected:
         EXPECT_EQ(error, "");
     }
 
+    const FakeMachine m_machine;
     LuaHost m_other;
 };
 

@@ -5,9 +5,9 @@
 #include <atomic>
 #include <thread>
 
+#include "FakeMachine.h"
 #include "LuaHost.h"
 #include "RecordingDriver.h"
-#include "Sandbox.h"
 
 namespace {
 
@@ -49,8 +49,7 @@ constexpr const char* kQueries = R"(
 
 TEST(Threads, CyclesAndQueriesAtOnce)
 {
-    REQUIRE_SANDBOX();
-    sandbox::FakeMachine();
+    const FakeMachine machine;
     LuaHost cycles;
     LuaHost more_cycles;
     LuaHost queries;

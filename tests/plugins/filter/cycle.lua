@@ -6,20 +6,20 @@ local recorder = require "recorder"
 local vxa = require "vxa"
 require "fc"
 
-local sandbox = assert(os.getenv "SANDBOX")
-local logs = sandbox .. "/records.jsonl"
-local config_file = "/etc/vx_filter.conf"
-local config_log = "/var/opt/vx_agent/diag/vx_filter_json.log"
+local machine_path = assert(os.getenv "FAKE_MACHINE")
+local logs = machine_path .. "/records.jsonl"
+local config_file = machine_path .. "/etc/vx_filter.conf"
+local config_log = machine_path .. "/var/opt/vx_agent/diag/vx_filter_json.log"
 local filter = SLB.filter
 local dom = vxa.Dom()
 
 vxa.log_to(logs)
 
 local function machine(load, cpus, total_kb, free_kb)
-    t.write(sandbox .. "/uptime.out", load and
+    t.write(machine_path .. "/uptime.out", load and
         (" 10:00:00 up 1 day,  1 user,  load average: %s, 1.00, 1.00\n"):format(load) or "")
-    t.write(sandbox .. "/nproc.out", cpus and cpus .. "\n" or "")
-    t.write(sandbox .. "/meminfo", free_kb and
+    t.write(machine_path .. "/nproc.out", cpus and cpus .. "\n" or "")
+    t.write(machine_path .. "/proc/meminfo", free_kb and
         ("MemTotal: %d kB\nMemFree: %d kB\nBuffers: 1 kB\n"):format(total_kb, free_kb) or "")
 end
 
@@ -87,7 +87,7 @@ equal_metrics({0, 0, 0, 0, 0, 0}, {50, 10, 50, 100, 100, 100}, 4)
 vxa.trace("SysHealth.*", true)
 
 -- Held to the end: the collector would close them in the midst of what is recorded.
-local zip = vxa.ZipOutputStream(sandbox .. "/a.zip")
+local zip = vxa.ZipOutputStream(machine_path .. "/a.zip")
 local handle = vxa.open()
 local type_codes = {["nil"] = 0, boolean = 1, number = 3, table = 5, ["function"] = 6}
 for _, wrong in ipairs {false, 1, "SLB.Dom", {}, print, io.stdout, zip, handle} do
@@ -427,7 +427,7 @@ for output, expected in pairs {
     [(" "):rep(250) .. load] = "5 no match on average:",
     [""] = "5 could not retrieve command output, failing",
 } do
-    t.write(sandbox .. "/uptime.out", output)
+    t.write(machine_path .. "/uptime.out", output)
     local action, _, records = cycle(1, off, runq)
     local complaint = messages(records, "queryRunQueueLength")[1]
     local rqlen = table.concat(messages(records, "calculateHealthMetrics")):match "rqlen=(%d+%.%d)"
@@ -437,7 +437,7 @@ machine("0.52", 4, 1000000, 250000)
 
 for output, count in pairs {["8\n"] = 8, [" \n 12 processors\n"] = 12, ["eight\n"] = 0, [""] = 0,
         ["18446744073709551615"] = 2 ^ 64} do
-    t.write(sandbox .. "/nproc.out", output)
+    t.write(machine_path .. "/nproc.out", output)
     t.records(logs)
     t.equal(metrics()[7].cpu_count, count, output)
     t.equal(messages(t.records(logs), "queryCpuCount"),
@@ -457,7 +457,7 @@ for text, expected in pairs {
         "16000 4000 failed to parse MemTotal value",
     ["MemTotal: 16000 kB\nMemFree: kB\n"] = "failing failed to parse MemFree value",
 } do
-    t.write(sandbox .. "/meminfo", text)
+    t.write(machine_path .. "/proc/meminfo", text)
     local action, _, records = cycle(1, off, bounds)
     local complaints = messages(records, "getMemoryMetrics")
     local outcome = "failing"

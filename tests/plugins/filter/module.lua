@@ -5,7 +5,7 @@ local t = require "testing"
 local recorder = require "recorder"
 local vxa = require "vxa"
 
-local logs = os.getenv "SANDBOX" .. "/records.jsonl"
+local logs = os.getenv "FAKE_MACHINE" .. "/records.jsonl"
 vxa.log_to(logs)
 t.equal(require "fc", true)
 t.equal(package.loaded.fc, true)

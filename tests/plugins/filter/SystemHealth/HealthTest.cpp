@@ -8,8 +8,8 @@
 #include <filesystem>
 #include <sstream>
 
+#include "FakeMachine.h"
 #include "HostRecording.h"
-#include "Sandbox.h"
 #include "SystemHealth/Collectors.h"
 #include "SystemHealth/ConfigLog.h"
 #include "SystemHealth/Metrics.h"
@@ -22,10 +22,11 @@ class HealthTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        REQUIRE_SANDBOX();
         host::EnableTraces(true);
         host::TakeTraces();
     }
+
+    const FakeMachine m_machine;
 };
 
 // While it lives, the process may use that much of a resource.
@@ -70,14 +71,14 @@ TEST_F(HealthTest, Vmstat)
     for (const auto& [output, expected] : cases) {
         VmstatTable table = vxa_syshealth_vmstat_metrics;
         for (auto& row : table) row.value = 9;
-        sandbox::SetOutput("vmstat", output.c_str());
+        WriteText(m_machine.Path("vmstat.out"), output);
         const int stored = getVmstatMetrics(table.data());
         std::ostringstream values, columns;
         for (const auto& row : table) values << " " << row.value;
         for (const auto& row : table) columns << " " << row.column;
         EXPECT_EQ(std::to_string(stored) + values.str() + ", columns" + columns.str(), expected);
         EXPECT_EQ(host::TakeTraceLines(), stored != 0 ? Lines{} : Lines{lacking});
-        EXPECT_EQ(sandbox::Read(sandbox::Path("vmstat.args")), "-t 10 1\n");
+        EXPECT_EQ(ReadText(m_machine.Path("vmstat.args")), "-t 10 1\n");
     }
 }
 
@@ -102,12 +103,11 @@ TEST_F(HealthTest, NothingCanBeOpened)
 
 TEST_F(HealthTest, LogOfSettingsThatCannotBeWritten)
 {
-    std::filesystem::remove(sandbox::kConfigLog);
+    const std::string log = m_machine.Path(kConfigLog);
     const mode_t mask = umask(0);
     EXPECT_TRUE(outputCloudConfig());
     umask(mask);
-    EXPECT_EQ(std::filesystem::status(sandbox::kConfigLog).permissions(),
-              std::filesystem::perms(0644));
+    EXPECT_EQ(std::filesystem::status(log).permissions(), std::filesystem::perms(0644));
     std::signal(SIGXFSZ, SIG_IGN);
     const Limit none(RLIMIT_FSIZE, 0);
     EXPECT_FALSE(outputCloudConfig());

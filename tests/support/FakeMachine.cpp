@@ -1,0 +1,28 @@
+#include "FakeMachine.h"
+
+#include <cstdlib>
+#include <filesystem>
+
+namespace fs = std::filesystem;
+
+const char* const kConfigLog = "/var/opt/vx_agent/diag/vx_filter_json.log";
+
+FakeMachine::FakeMachine()
+{
+    const std::string bin = Path("/usr/local/bin");
+    for (const std::string& folder :
+         {bin, Path("/etc"), Path("/proc"), Path("/var/opt/vx_agent/diag")})
+        fs::create_directories(folder);
+    for (const std::string name : {"nproc", "uptime", "vmstat"}) {
+        const std::string path = bin + "/" + name;
+        const std::string machine_path = "\"$FAKE_MACHINE/" + name;
+        WriteText(path, "#!/bin/sh\necho \"$*\" >" + machine_path + ".args\"\nexec cat " +
+                            machine_path + ".out\" 2>/dev/null\n");
+        fs::permissions(path, fs::perms::all);
+    }
+    WriteText(Path("nproc.out"), "4\n");
+    WriteText(Path("uptime.out"), " 10:00:00 up 1 day, load average: 0.52, 0.58, 0.59\n");
+    WriteText(Path("/proc/meminfo"), "MemTotal: 1000000 kB\nMemFree: 250000 kB\nBuffers: 1 kB\n");
+    setenv("FAKE_MACHINE", Path("").c_str(), 1);
+    setenv("PATH", (bin + ":" + std::getenv("PATH")).c_str(), 1);
+}
