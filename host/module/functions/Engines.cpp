@@ -7,28 +7,12 @@ namespace vxa {
 
 namespace {
 
-// Pushes the names of all engines as "linux, sim". [-0, +1, m]
-void PushKnownEngines(lua_State* L)
-{
-    luaL_Buffer text;
-    luaL_buffinit(L, &text);
-    const char* separator = "";
-    for (const char* const* name = vxi_engine_list(); *name; ++name) {
-        luaL_addstring(&text, separator);
-        luaL_addstring(&text, *name);
-        separator = ", ";
-    }
-    luaL_pushresult(&text);
-}
-
 int Engine(lua_State* L)
 {
     const char* name = luaL_optstring(L, 1, nullptr);
     if (name && vxi_engine_select(name) != 0) {
         lua_pushnil(L);
-        PushKnownEngines(L);
-        lua_pushfstring(L, "unknown engine '%s'; known are: %s", name, lua_tostring(L, -1));
-        lua_remove(L, -2);
+        lua_pushstring(L, vxi_unknown_engine(name));
         return 2;
     }
     lua_pushstring(L, vxi_engine_name());

@@ -1,9 +1,10 @@
 #include <string>
 
-#include "api/Message.h"
-#include "api/ScanTarget.h"
+#include "api/Error.h"
+#include "api/HostMessages.h"
 #include "engines/linux/Operations.h"
 #include "engines/linux/scan/ProcessMonitor.h"
+#include "records/ScanTarget.h"
 
 namespace vxi {
 

@@ -9,8 +9,8 @@
 #include <string>
 #include <string_view>
 
-#include "api/ScanTarget.h"
 #include "engines/linux/netlink/NftBatch.h"
+#include "records/ScanTarget.h"
 
 namespace vxi {
 

@@ -12,10 +12,11 @@
 #include <limits>
 
 #include "api/Error.h"
-#include "api/Source.h"
 #include "engines/linux/HandleSnapshots.h"
 #include "engines/linux/Operations.h"
 #include "engines/linux/netlink/NfTables.h"
+#include "records/PublishedNames.h"
+#include "records/TableOrigin.h"
 
 namespace vxi {
 
@@ -198,8 +199,8 @@ void ReadSet(Netlink& netlink, const BlacklistSet& set, BlacklistSnapshot& snaps
 void NoteBlacklistSource(const vxi_handle_ops_s* handle, const BlacklistSnapshot& snapshot)
 {
     const char* const engine = handle->engine->name;
-    SetSlotNames(engine, Area::kBlacklistSets, {snapshot.sets});
-    SetSlotNames(engine, Area::kBlacklistSkipped, {snapshot.skipped});
+    PublishNames(engine, NameList::kBlacklistSets, {snapshot.sets});
+    PublishNames(engine, NameList::kBlacklistSkipped, {snapshot.skipped});
     std::string source = "nf_tables sets named blacklist*";
     if (snapshot.interrupted) {
         source += ", incomplete: they changed during each of six readings";
@@ -210,7 +211,7 @@ void NoteBlacklistSource(const vxi_handle_ops_s* handle, const BlacklistSnapshot
     if (snapshot.dropped > 0) {
         source += ", " + std::to_string(snapshot.dropped) + " more do not fit";
     }
-    NoteSource(Table::kBlacklist, "%s", source.c_str());
+    SetTableSource(Table::kBlacklist, "%s", source.c_str());
 }
 
 std::uint32_t SizeInBytes(std::size_t entries)

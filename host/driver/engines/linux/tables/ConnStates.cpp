@@ -6,8 +6,8 @@
 
 #include <numeric>
 
-#include "api/Source.h"
 #include "engines/linux/Operations.h"
+#include "records/TableOrigin.h"
 
 namespace vxi {
 
@@ -63,7 +63,7 @@ std::string CountSockets(const SocketDump& dump, vxa_get_conn_states_s& states)
 int LinuxOperations::GetConnStates(vxi_handle_ops_s*, vxa_get_conn_states_s* states)
 {
     const std::string missing = CountSockets(KernelSockets({~0u, false}), *states);
-    NoteSource(Table::kConnStates, "sock_diag%s", missing.c_str());
+    SetTableSource(Table::kConnStates, "sock_diag%s", missing.c_str());
     return 0;
 }
 

@@ -12,7 +12,6 @@
 #include <string_view>
 
 #include "api/Error.h"
-#include "api/Variables.h"
 #include "engines/linux/Operations.h"
 #include "engines/linux/netlink/NetNamespace.h"
 #include "engines/linux/netlink/NfTables.h"
@@ -21,6 +20,7 @@
 #include "engines/linux/scan/ProcessMonitor.h"
 #include "engines/linux/tables/Blacklist.h"
 #include "engines/linux/tables/RuleProfile.h"
+#include "records/Variables.h"
 
 namespace vxi {
 

@@ -7,13 +7,13 @@
 #include <cstring>
 #include <utility>
 
-#include "api/FlowRoom.h"
+#include "records/FlowShares.h"
 
 namespace vxi {
 
 void FlowList::Add(const vxa_conntrack_entry_s& entry, const FlowDetail* detail)
 {
-    if (entries.size() < kMostFlows) {
+    if (entries.size() < kFlowsMax) {
         if (detail) {
             details.push_back(*detail);
             details.back().index = static_cast<std::uint32_t>(entries.size());
@@ -25,7 +25,7 @@ void FlowList::Add(const vxa_conntrack_entry_s& entry, const FlowDetail* detail)
 
 void FlowList::Append(const FlowList& other)
 {
-    const std::size_t taken = std::min(other.entries.size(), kMostFlows - entries.size());
+    const std::size_t taken = std::min(other.entries.size(), kFlowsMax - entries.size());
     entries.insert(entries.end(), other.entries.begin(),
                    other.entries.begin() + static_cast<std::ptrdiff_t>(taken));
     total += other.total;
@@ -45,12 +45,12 @@ FlowList* FlowSnapshot::Find(std::uint8_t protocol)
 
 std::uint16_t FlowSnapshot::Offer()
 {
-    const FlowRoom room = ShareFlowRoom(udp.total, tcp.total);
-    udp.entries.resize(room.udp);
-    tcp.entries.resize(room.tcp);
+    const FlowShares shares = ShareFlowTable(udp.total, tcp.total);
+    udp.entries.resize(shares.udp);
+    tcp.entries.resize(shares.tcp);
     udp.fetched = false;
     tcp.fetched = false;
-    return static_cast<std::uint16_t>(room.udp + room.tcp);
+    return static_cast<std::uint16_t>(shares.udp + shares.tcp);
 }
 
 bool FetchFlows(FlowSnapshot& snapshot, vxa_dump_conntrack_s& section)
@@ -65,7 +65,7 @@ bool FetchFlows(FlowSnapshot& snapshot, vxa_dump_conntrack_s& section)
     }
     section.entry_ct = static_cast<std::uint16_t>(count);
     section.total = list->total;
-    NoteFlowDetails(section, std::move(list->details));
+    SetFlowDetails(section, std::move(list->details));
     *list = {};
     return true;
 }

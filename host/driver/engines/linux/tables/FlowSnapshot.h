@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "api/Source.h"
+#include "records/FlowDetails.h"
 #include "vxi/records.h"
 
 namespace vxi {

@@ -6,13 +6,13 @@
 #include <utility>
 
 #include "api/Error.h"
-#include "api/Source.h"
 #include "engines/linux/HandleSnapshots.h"
 #include "engines/linux/Operations.h"
 #include "engines/linux/netlink/Ctnetlink.h"
 #include "engines/linux/netlink/NetNamespace.h"
 #include "engines/linux/tables/FlowsFromConntrack.h"
 #include "engines/linux/tables/FlowsFromSockets.h"
+#include "records/TableOrigin.h"
 
 namespace vxi {
 
@@ -52,7 +52,7 @@ void NoteConntrackSource(const FlowSnapshot& flows, Consistency consistency)
     if (flows.unreadable > 0) {
         source += ", without " + std::to_string(flows.unreadable) + " unreadable";
     }
-    NoteSource(Table::kConntrack, "%s", source.c_str());
+    SetTableSource(Table::kConntrack, "%s", source.c_str());
 }
 
 // Reads the kernel's table into `flows`. Returns why sockets have to be read instead, nothing
@@ -84,7 +84,7 @@ try {
     const std::string missing =
         ReadSocketFlows(KernelSockets({kFlowSocketStates, true}), flows, listening);
     last_listening_ports.Set(network, listening);
-    NoteSource(Table::kConntrack, "sock_diag, %s%s", reason.c_str(), missing.c_str());
+    SetTableSource(Table::kConntrack, "sock_diag, %s%s", reason.c_str(), missing.c_str());
 } catch (const Error& error) {
     ThrowError(error.Status(), "%s; %s", reason.c_str(), error.what());
 }

@@ -11,6 +11,7 @@
 #include "engines/linux/Operations.h"
 #include "engines/linux/netlink/NfTables.h"
 #include "engines/linux/scan/ProcessMonitor.h"
+#include "records/TableOrigin.h"
 #include "vxi/records.h"
 
 namespace vxi {
@@ -65,7 +66,7 @@ private:
     unsigned m_count = 0;
 };
 
-SlotNames FillProtocols(Tables& tables, std::uint64_t* slots)
+NumberedNames FillProtocols(Tables& tables, std::uint64_t* slots)
 {
     AreaWriter area(slots, VXA_STATS_AREA1_COUNT);
     // "IcmpMsg" has a column for each ICMP type seen and grows with traffic; "Icmp" has the totals.
@@ -132,8 +133,8 @@ void PutScan(AreaWriter& area)
     area.PutOne(kOwnSlot + 4, "scan.uncounted", scan.uncounted);
 }
 
-SlotNames FillFilter(Tables& tables, const std::string& netfilter, std::uint64_t* slots,
-                     std::string& rules_source)
+NumberedNames FillFilter(Tables& tables, const std::string& netfilter, std::uint64_t* slots,
+                         std::string& rules_source)
 {
     AreaWriter area(slots, VXA_STATS_AREA2_COUNT);
     PutTracking(netfilter, area);
@@ -165,7 +166,7 @@ void PutInterfaces(const std::vector<ProcInterface>& interfaces, AreaWriter& are
     }
 }
 
-SlotNames FillDevices(Tables& tables, std::uint64_t* slots)
+NumberedNames FillDevices(Tables& tables, std::uint64_t* slots)
 {
     AreaWriter area(slots, VXA_STATS_AREA3_COUNT);
     area.Put(kNetstatSlot, kInterfacesSlot, PairedLines(tables.Read("netstat"), nullptr));
@@ -176,11 +177,11 @@ SlotNames FillDevices(Tables& tables, std::uint64_t* slots)
 }
 
 // Sets the names only when they differ: interfaces come and go, the rest changes with the kernel.
-void KeepNames(const char* engine, Area area, SlotNames&& names)
+void PublishIfChanged(const char* engine, NameList list, NumberedNames&& names)
 {
-    const auto known = SlotNamesOf(engine, area);
+    const auto known = PublishedNames(engine, list);
     if (!known || known->names != names.names || known->dropped != names.dropped) {
-        SetSlotNames(engine, area, std::move(names));
+        PublishNames(engine, list, std::move(names));
     }
 }
 
@@ -223,7 +224,7 @@ void AreaWriter::PutOne(unsigned slot, const char* name, std::uint64_t value)
     m_names.names[slot] = name;
 }
 
-SlotNames AreaWriter::Finish()
+NumberedNames AreaWriter::Finish()
 {
     unsigned slot = 0;
     for (ProcItem& item : m_waiting) {
@@ -261,10 +262,10 @@ int LinuxOperations::GetStats(vxi_handle_ops_s* handle, vxa_stats_v2_s* stats, u
         ThrowError(-ENOENT, "none of the tables in %s can be read", directories.net.c_str());
     }
     const char* const engine = handle->engine->name;
-    KeepNames(engine, Area::kStatistics1, std::move(names.areas[0]));
-    KeepNames(engine, Area::kStatistics2, std::move(names.areas[1]));
-    KeepNames(engine, Area::kStatistics3, std::move(names.areas[2]));
-    NoteSource(Table::kStatistics, "%s", names.source.c_str());
+    PublishIfChanged(engine, NameList::kStatistics1, std::move(names.areas[0]));
+    PublishIfChanged(engine, NameList::kStatistics2, std::move(names.areas[1]));
+    PublishIfChanged(engine, NameList::kStatistics3, std::move(names.areas[2]));
+    SetTableSource(Table::kStatistics, "%s", names.source.c_str());
     return 0;
 }
 

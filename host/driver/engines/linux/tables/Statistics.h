@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "api/Source.h"
 #include "engines/linux/proc/ProcText.h"
+#include "records/PublishedNames.h"
 
 namespace vxi {
 
@@ -24,17 +24,17 @@ public:
     void Drop(std::uint64_t items) { m_names.dropped += static_cast<unsigned>(items); }
 
     // Puts the waiting items into slots that are still free and drops the rest.
-    SlotNames Finish();
+    NumberedNames Finish();
 
 private:
     std::uint64_t* m_slots;
     unsigned m_count;
-    SlotNames m_names;
+    NumberedNames m_names;
     std::vector<ProcItem> m_waiting;
 };
 
 struct StatisticsNames {
-    SlotNames areas[3];
+    NumberedNames areas[3];
     std::string source;   // where the values come from and what is missing, for users
     unsigned tables = 0;  // files that could be read
 };

@@ -108,7 +108,7 @@ TEST(AreaWriter, LetsAPartGrowIntoWhatOthersLeave)
     area.PutOrDrop(3, 5, {{{"x", 4}, {"y", 5}, {"z", 6}}, 0});  // one is dropped
     area.PutOne(6, "own", 7);
     area.Put(2, 3, items);  // two wait, and find one slot
-    const vxi::SlotNames names = area.Finish();
+    const vxi::NumberedNames names = area.Finish();
     EXPECT_EQ(names.names, (std::vector<std::string>{"a", "b", "a", "x", "y", "c", "own"}));
     EXPECT_EQ(names.dropped, 3u);
     EXPECT_EQ(std::vector<std::uint64_t>(slots, slots + 7),

@@ -9,7 +9,7 @@
 #include <sstream>
 
 #include "AllocationLimit.h"
-#include "api/Variables.h"
+#include "records/Variables.h"
 #include "support/kernel/Kernel.h"
 #include "support/kernel/Traffic.h"
 

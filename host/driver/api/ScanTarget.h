@@ -1,4 +1,0 @@
-// Former place of the header below.
-#pragma once
-
-#include "records/ScanTarget.h"
