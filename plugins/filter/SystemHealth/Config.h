@@ -1,4 +1,4 @@
-// Health configuration: eleven settings, read in every cycle from the local file or the policy.
+// Health configuration: the settings, read in every cycle from the local file or the policy.
 #pragma once
 
 #include <array>
