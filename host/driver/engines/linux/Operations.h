@@ -14,7 +14,8 @@ struct LinuxOperations {
 #include "api/operations.def"
 };
 
-// Bit n is set when row n of the capabilities is available, as far as can be told at once.
+// Bit n is set when row n of the capabilities is available. Scan metrics count as available where
+// nf_tables is: loading their table to see takes too long.
 std::uint32_t FacilityBits();
 
 }  // namespace vxi

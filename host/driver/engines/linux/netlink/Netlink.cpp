@@ -358,6 +358,18 @@ std::optional<std::uint64_t> DecodeBe64(const nlattr* attribute)
                                                         : std::nullopt;
 }
 
+std::optional<Counts> DecodeCounts(const nlattr* counter, std::uint16_t packets_type,
+                                   std::uint16_t bytes_type)
+{
+    if (!counter) {
+        return std::nullopt;
+    }
+    const Attributes attributes(*counter);
+    const auto packets = DecodeBe64(attributes.Find(packets_type));
+    const auto bytes = DecodeBe64(attributes.Find(bytes_type));
+    return packets && bytes ? std::optional(Counts{*packets, *bytes}) : std::nullopt;
+}
+
 std::string_view DecodeString(const nlattr* attribute)
 {
     if (!attribute) {

@@ -111,6 +111,16 @@ bool CopyPayload(const nlattr* attribute, void* to, std::size_t size);
 std::optional<std::uint32_t> DecodeBe32(const nlattr* attribute);
 std::optional<std::uint64_t> DecodeBe64(const nlattr* attribute);
 
+struct Counts {
+    std::uint64_t packets;
+    std::uint64_t bytes;
+};
+
+// The two big-endian numbers in a counter's attributes, of the given types; nothing when one is
+// missing.
+std::optional<Counts> DecodeCounts(const nlattr* counter, std::uint16_t packets_type,
+                                   std::uint16_t bytes_type);
+
 // The string in an attribute, without its NUL; empty for a null attribute. Points into the
 // message.
 std::string_view DecodeString(const nlattr* attribute);

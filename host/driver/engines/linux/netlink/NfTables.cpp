@@ -87,18 +87,12 @@ std::uint8_t NftFamily(const nlmsghdr& message)
     return static_cast<const nfgenmsg*>(mnl_nlmsg_get_payload(&message))->nfgen_family;
 }
 
-std::optional<NftCounts> DecodeCounter(const nlattr* counter)
+std::optional<Counts> DecodeCounter(const nlattr* counter)
 {
-    if (!counter) {
-        return std::nullopt;
-    }
-    const Attributes attributes(*counter);
-    const auto packets = DecodeBe64(attributes.Find(NFTA_COUNTER_PACKETS));
-    const auto bytes = DecodeBe64(attributes.Find(NFTA_COUNTER_BYTES));
-    return packets && bytes ? std::optional(NftCounts{*packets, *bytes}) : std::nullopt;
+    return DecodeCounts(counter, NFTA_COUNTER_PACKETS, NFTA_COUNTER_BYTES);
 }
 
-std::optional<NftCounts> DecodeRuleCounter(const Attributes& rule)
+std::optional<Counts> DecodeRuleCounter(const Attributes& rule)
 {
     const nlattr* expressions = rule.Find(NFTA_RULE_EXPRESSIONS);
     if (!expressions) {

@@ -36,16 +36,11 @@ nlmsghdr* PutNftDump(void* buffer, std::uint16_t type, std::uint8_t family);
 bool IsNft(const nlmsghdr& message, std::uint16_t type);
 std::uint8_t NftFamily(const nlmsghdr& message);
 
-struct NftCounts {
-    std::uint64_t packets;
-    std::uint64_t bytes;
-};
-
 // What a counter's attributes (NFTA_COUNTER_*) hold; nothing when one is missing.
-std::optional<NftCounts> DecodeCounter(const nlattr* counter);
+std::optional<Counts> DecodeCounter(const nlattr* counter);
 
 // The first counter among a rule's expressions; nothing when the rule has none.
-std::optional<NftCounts> DecodeRuleCounter(const Attributes& rule);
+std::optional<Counts> DecodeRuleCounter(const Attributes& rule);
 
 // Name of a family in nft's syntax; "family N" for one that nft does not know.
 std::string NftFamilyName(std::uint8_t family);

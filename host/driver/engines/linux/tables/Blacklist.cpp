@@ -45,10 +45,11 @@ const char* SkipReason(std::uint32_t key_type, std::uint32_t flags)
                : "its elements are not of type ipv4_addr or ipv6_addr";
 }
 
-bool CopyAddress(const nlattr* data, std::size_t size, Address& address)
+std::optional<Address> DecodeAddress(const nlattr* data, std::size_t size)
 {
-    const nlattr* value = data ? Attributes(*data).Find(NFTA_DATA_VALUE) : nullptr;
-    return CopyPayload(value, address.data(), size);
+    Address address = {};
+    const nlattr* const value = data ? Attributes(*data).Find(NFTA_DATA_VALUE) : nullptr;
+    return CopyPayload(value, address.data(), size) ? std::optional(address) : std::nullopt;
 }
 
 Address HighestAddress(std::size_t size)
@@ -68,23 +69,27 @@ Address PreviousAddress(Address address, std::size_t size)
     return address;
 }
 
-bool DecodeElement(const nlattr& attribute, const BlacklistSet& set, BlacklistElement& element)
+// Nothing for an element without a key of the set's size.
+std::optional<BlacklistElement> DecodeElement(const nlattr& attribute, const BlacklistSet& set)
 {
     const Attributes attributes(attribute);
     const std::size_t size = set.AddressSize();
     const std::uint32_t flags = DecodeBe32(attributes.Find(NFTA_SET_ELEM_FLAGS)).value_or(0);
+    BlacklistElement element;
     element.interval_end = flags & NFT_SET_ELEM_INTERVAL_END;
     element.timeout_ms = DecodeBe64(attributes.Find(NFTA_SET_ELEM_TIMEOUT));
     element.expires_ms = DecodeBe64(attributes.Find(NFTA_SET_ELEM_EXPIRATION));
     if (flags & NFT_SET_ELEM_CATCHALL) {
         element.key_end = HighestAddress(size);
-        return true;
+        return element;
     }
-    Address key_end = {};
-    if (CopyAddress(attributes.Find(NFTA_SET_ELEM_KEY_END), size, key_end)) {
-        element.key_end = key_end;
+    const auto key = DecodeAddress(attributes.Find(NFTA_SET_ELEM_KEY), size);
+    if (!key) {
+        return std::nullopt;
     }
-    return CopyAddress(attributes.Find(NFTA_SET_ELEM_KEY), size, element.key);
+    element.key = *key;
+    element.key_end = DecodeAddress(attributes.Find(NFTA_SET_ELEM_KEY_END), size);
+    return element;
 }
 
 std::uint32_t Seconds(std::uint64_t ms)
@@ -280,9 +285,8 @@ std::uint64_t AppendElements(const nlmsghdr& message, const BlacklistSet& set,
     }
     std::uint64_t unreadable = 0;
     for (const nlattr& attribute : Attributes(*list)) {
-        BlacklistElement element;
-        if (DecodeElement(attribute, set, element)) {
-            elements.push_back(element);
+        if (const auto element = DecodeElement(attribute, set)) {
+            elements.push_back(*element);
         } else {
             ++unreadable;
         }

@@ -30,7 +30,7 @@ unsigned StateSlot(std::uint8_t state)
     return state < kStateSlots ? state : 0;
 }
 
-void Deliver(const SocketTable& table, const TableCounts& counts, vxa_get_conn_states_s& states)
+void StoreCounts(const SocketTable& table, const TableCounts& counts, vxa_get_conn_states_s& states)
 {
     const bool v4 = table.family == AF_INET;
     if (table.protocol == IPPROTO_UDP) {
@@ -55,7 +55,7 @@ std::string CountSockets(const SocketDump& dump, vxa_get_conn_states_s& states)
     states = {};
     states.version = 1;
     for (unsigned table = 0; table < kSocketTableCount; ++table) {
-        Deliver(kSocketTables[table], counts[table], states);
+        StoreCounts(kSocketTables[table], counts[table], states);
     }
     return missing;
 }

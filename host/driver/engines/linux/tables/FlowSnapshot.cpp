@@ -11,7 +11,7 @@
 
 namespace vxi {
 
-void FlowList::Add(const vxa_conntrack_entry_s& entry, const FlowDetail* detail)
+void FlowList::Add(const vxa_conntrack_entry_s& entry, const std::optional<FlowDetail>& detail)
 {
     if (entries.size() < kFlowsMax) {
         if (detail) {

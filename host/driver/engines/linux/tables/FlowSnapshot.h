@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "records/FlowDetails.h"
@@ -16,8 +17,8 @@ struct FlowList {
     std::uint32_t total = 0;
     bool fetched = true;
 
-    // `detail` may be null; its index is set here.
-    void Add(const vxa_conntrack_entry_s& entry, const FlowDetail* detail = nullptr);
+    // The index of `detail` is set here.
+    void Add(const vxa_conntrack_entry_s& entry, const std::optional<FlowDetail>& detail = {});
     void Append(const FlowList& other);
 };
 

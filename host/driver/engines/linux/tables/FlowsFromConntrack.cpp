@@ -4,11 +4,13 @@
 #include <arpa/inet.h>
 #include <libmnl/libmnl.h>
 #include <linux/netfilter/nf_conntrack_common.h>
+#include <linux/netfilter/nf_conntrack_tcp.h>
 #include <linux/netfilter/nfnetlink.h>
 #include <linux/netfilter/nfnetlink_conntrack.h>
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 
 #include "api/Cancel.h"
 #include "engines/linux/netlink/Ctnetlink.h"
@@ -17,7 +19,17 @@ namespace vxi {
 
 namespace {
 
-bool DecodeAddresses(const Attributes& tuple, vxa_conntrack_entry_s& entry)
+// The addresses and ports of one direction (CTA_TUPLE_*).
+struct Tuple {
+    std::uint8_t protocol = 0;
+    std::uint8_t family = 0;  // 4 or 6
+    std::uint8_t source[16] = {};
+    std::uint8_t destination[16] = {};
+    std::uint8_t source_port[2] = {};
+    std::uint8_t destination_port[2] = {};
+};
+
+bool CopyAddresses(const nlattr* attribute, Tuple& tuple)
 {
     static constexpr struct {
         std::uint8_t family;
@@ -25,38 +37,55 @@ bool DecodeAddresses(const Attributes& tuple, vxa_conntrack_entry_s& entry)
         std::uint16_t destination;
         std::size_t size;
     } kFamilies[] = {{4, CTA_IP_V4_SRC, CTA_IP_V4_DST, 4}, {6, CTA_IP_V6_SRC, CTA_IP_V6_DST, 16}};
-    const nlattr* const addresses = tuple.Find(CTA_TUPLE_IP);
-    if (!addresses) {
+    if (!attribute) {
         return false;
     }
-    const Attributes ip(*addresses);
-    for (const auto& family : kFamilies) {
-        if (CopyPayload(ip.Find(family.source), entry.source, family.size) &&
-            CopyPayload(ip.Find(family.destination), entry.destination, family.size)) {
-            entry.family = family.family;
+    const Attributes addresses(*attribute);
+    for (const auto& each : kFamilies) {
+        if (CopyPayload(addresses.Find(each.source), tuple.source, each.size) &&
+            CopyPayload(addresses.Find(each.destination), tuple.destination, each.size)) {
+            tuple.family = each.family;
             return true;
         }
     }
     return false;
 }
 
-// False when the tuple is incomplete. Only UDP and TCP tuples are read further than the protocol:
-// others have no ports, or something else in their place.
-bool DecodeTuple(const nlattr& attribute, vxa_conntrack_entry_s& entry, std::uint8_t& protocol)
+// Nothing when a part is missing. Of protocols other than UDP and TCP only the number is read:
+// they have no ports, or something else in their place.
+std::optional<Tuple> DecodeTuple(const nlattr* attribute)
 {
-    const Attributes tuple(attribute);
-    const nlattr* const transport = tuple.Find(CTA_TUPLE_PROTO);
-    if (!transport ||
-        !CopyPayload(Attributes(*transport).Find(CTA_PROTO_NUM), &protocol, sizeof protocol)) {
-        return false;
+    if (!attribute) {
+        return std::nullopt;
     }
-    if (protocol != IPPROTO_UDP && protocol != IPPROTO_TCP) {
-        return true;
+    const Attributes attributes(*attribute);
+    const nlattr* const transport = attributes.Find(CTA_TUPLE_PROTO);
+    if (!transport) {
+        return std::nullopt;
     }
-    const Attributes ports(*transport);
-    return DecodeAddresses(tuple, entry) &&
-           CopyPayload(ports.Find(CTA_PROTO_SRC_PORT), entry.source_port, 2) &&
-           CopyPayload(ports.Find(CTA_PROTO_DST_PORT), entry.destination_port, 2);
+    Tuple tuple;
+    const Attributes numbers(*transport);
+    if (!CopyPayload(numbers.Find(CTA_PROTO_NUM), &tuple.protocol, sizeof tuple.protocol)) {
+        return std::nullopt;
+    }
+    const bool has_ports = tuple.protocol == IPPROTO_UDP || tuple.protocol == IPPROTO_TCP;
+    if (has_ports && !(CopyAddresses(attributes.Find(CTA_TUPLE_IP), tuple) &&
+                       CopyPayload(numbers.Find(CTA_PROTO_SRC_PORT), tuple.source_port, 2) &&
+                       CopyPayload(numbers.Find(CTA_PROTO_DST_PORT), tuple.destination_port, 2))) {
+        return std::nullopt;
+    }
+    return tuple;
+}
+
+vxa_conntrack_entry_s MakeEntry(const Tuple& tuple)
+{
+    vxa_conntrack_entry_s entry = {};
+    entry.family = tuple.family;
+    memcpy(entry.source, tuple.source, sizeof entry.source);
+    memcpy(entry.destination, tuple.destination, sizeof entry.destination);
+    memcpy(entry.source_port, tuple.source_port, sizeof entry.source_port);
+    memcpy(entry.destination_port, tuple.destination_port, sizeof entry.destination_port);
+    return entry;
 }
 
 std::uint8_t FlowFlags(std::uint32_t status)
@@ -76,44 +105,38 @@ std::uint8_t FlowFlags(std::uint32_t status)
     return static_cast<std::uint8_t>(result);
 }
 
-std::uint8_t DecodeTcpState(const nlattr& protocol_info)
+std::uint8_t DecodeTcpState(const nlattr* protocol_info)
 {
-    std::uint8_t state = 0;
-    if (const nlattr* tcp = Attributes(protocol_info).Find(CTA_PROTOINFO_TCP)) {
+    std::uint8_t state = TCP_CONNTRACK_NONE;
+    const nlattr* const tcp =
+        protocol_info ? Attributes(*protocol_info).Find(CTA_PROTOINFO_TCP) : nullptr;
+    if (tcp) {
         CopyPayload(Attributes(*tcp).Find(CTA_PROTOINFO_TCP_STATE), &state, sizeof state);
     }
     return state;
 }
 
-// Packets and bytes of one direction; false where the kernel does not count them
-// (nf_conntrack_acct is 0).
-bool DecodeCounters(const nlattr* attribute, std::uint32_t& packets, std::uint64_t& bytes)
+std::uint32_t Saturated(std::uint64_t packets)
 {
-    if (!attribute) {
-        return false;
-    }
-    const Attributes counters(*attribute);
-    const auto counted = DecodeBe64(counters.Find(CTA_COUNTERS_PACKETS));
-    const auto size = DecodeBe64(counters.Find(CTA_COUNTERS_BYTES));
-    if (!counted || !size) {
-        return false;
-    }
-    packets = static_cast<std::uint32_t>(std::min<std::uint64_t>(*counted, UINT32_MAX));
-    bytes = *size;
-    return true;
+    return static_cast<std::uint32_t>(std::min<std::uint64_t>(packets, UINT32_MAX));
 }
 
-void DecodeBothCounters(const nlattr* forward, const nlattr* backward, vxa_conntrack_entry_s& entry)
+// The kernel counts both directions, or none while nf_conntrack_acct is 0.
+void CopyCounters(const nlattr* forward, const nlattr* backward, vxa_conntrack_entry_s& entry)
 {
-    vxa_conntrack_entry_s counted = entry;
-    if (DecodeCounters(forward, counted.packets_forward, counted.bytes_forward) &&
-        DecodeCounters(backward, counted.packets_backward, counted.bytes_backward)) {
-        entry = counted;
-        entry.flags |= VXA_FLOW_COUNTERS_VALID;
+    const auto sent = DecodeCounts(forward, CTA_COUNTERS_PACKETS, CTA_COUNTERS_BYTES);
+    const auto received = DecodeCounts(backward, CTA_COUNTERS_PACKETS, CTA_COUNTERS_BYTES);
+    if (!sent || !received) {
+        return;
     }
+    entry.flags |= VXA_FLOW_COUNTERS_VALID;
+    entry.packets_forward = Saturated(sent->packets);
+    entry.bytes_forward = sent->bytes;
+    entry.packets_backward = Saturated(received->packets);
+    entry.bytes_backward = received->bytes;
 }
 
-void DecodeZone(const nlattr* attribute, const char* name, FlowDetail& detail)
+void CopyZone(const nlattr* attribute, const char* name, FlowDetail& detail)
 {
     std::uint16_t zone = 0;
     if (CopyPayload(attribute, &zone, sizeof zone) && zone != 0) {
@@ -124,31 +147,33 @@ void DecodeZone(const nlattr* attribute, const char* name, FlowDetail& detail)
 
 // The reply tuple has the addresses and ports after translation, with source and destination
 // exchanged.
-void DecodeTranslation(const nlattr& reply, std::uint8_t family, FlowDetail& detail)
+void CopyTranslation(const Tuple& reply, FlowDetail& detail)
 {
-    vxa_conntrack_entry_s answer = {};
-    std::uint8_t protocol = 0;
-    detail.translated = DecodeTuple(reply, answer, protocol) && answer.family == family;
-    memcpy(detail.source, answer.destination, sizeof detail.source);
-    memcpy(detail.destination, answer.source, sizeof detail.destination);
-    memcpy(detail.source_port, answer.destination_port, sizeof detail.source_port);
-    memcpy(detail.destination_port, answer.source_port, sizeof detail.destination_port);
+    detail.translated = true;
+    memcpy(detail.source, reply.destination, sizeof detail.source);
+    memcpy(detail.destination, reply.source, sizeof detail.destination);
+    memcpy(detail.source_port, reply.destination_port, sizeof detail.source_port);
+    memcpy(detail.destination_port, reply.source_port, sizeof detail.destination_port);
 }
 
-// False for most flows, which are in the default zone and not translated.
-bool DecodeDetail(const nlattr* const* found, const vxa_conntrack_entry_s& entry,
-                  FlowDetail& detail)
+// Nothing for most flows, which are in the default zone and not translated.
+std::optional<FlowDetail> DecodeDetail(const nlattr* const* found,
+                                       const vxa_conntrack_entry_s& entry)
 {
+    FlowDetail detail = {};
     const nlattr* const reply = found[CTA_TUPLE_REPLY];
-    DecodeZone(found[CTA_ZONE], "zone", detail);
-    DecodeZone(Attributes(*found[CTA_TUPLE_ORIG]).Find(CTA_TUPLE_ZONE), "zone-orig", detail);
+    CopyZone(found[CTA_ZONE], "zone", detail);
+    CopyZone(Attributes(*found[CTA_TUPLE_ORIG]).Find(CTA_TUPLE_ZONE), "zone-orig", detail);
     if (reply) {
-        DecodeZone(Attributes(*reply).Find(CTA_TUPLE_ZONE), "zone-reply", detail);
-        if (entry.flags & (VXA_FLOW_SNAT | VXA_FLOW_DNAT)) {
-            DecodeTranslation(*reply, entry.family, detail);
+        CopyZone(Attributes(*reply).Find(CTA_TUPLE_ZONE), "zone-reply", detail);
+    }
+    if (entry.flags & (VXA_FLOW_SNAT | VXA_FLOW_DNAT)) {
+        const auto tuple = DecodeTuple(reply);
+        if (tuple && tuple->family == entry.family) {
+            CopyTranslation(*tuple, detail);
         }
     }
-    return detail.zone != 0 || detail.translated;
+    return detail.zone != 0 || detail.translated ? std::optional(detail) : std::nullopt;
 }
 
 }  // namespace
@@ -165,26 +190,25 @@ void AddConntrackFlow(const nlmsghdr& message, FlowSnapshot& flows)
             found[type] = &attribute;
         }
     }
-    vxa_conntrack_entry_s entry = {};
-    std::uint8_t protocol = 0;
-    if (!found[CTA_TUPLE_ORIG] || !DecodeTuple(*found[CTA_TUPLE_ORIG], entry, protocol)) {
+    const auto tuple = DecodeTuple(found[CTA_TUPLE_ORIG]);
+    if (!tuple) {
         ++flows.unreadable;
         return;
     }
-    FlowList* const list = flows.Find(protocol);
+    FlowList* const list = flows.Find(tuple->protocol);
     if (!list) {
         ++flows.other_protocols;
         return;
     }
+    vxa_conntrack_entry_s entry = MakeEntry(*tuple);
     entry.flags = FlowFlags(DecodeBe32(found[CTA_STATUS]).value_or(0));
     entry.timeout_s = DecodeBe32(found[CTA_TIMEOUT]).value_or(0);
     entry.mark = DecodeBe32(found[CTA_MARK]).value_or(0);
-    if (protocol == IPPROTO_TCP && found[CTA_PROTOINFO]) {
-        entry.tcp_state = DecodeTcpState(*found[CTA_PROTOINFO]);
+    if (tuple->protocol == IPPROTO_TCP) {
+        entry.tcp_state = DecodeTcpState(found[CTA_PROTOINFO]);
     }
-    DecodeBothCounters(found[CTA_COUNTERS_ORIG], found[CTA_COUNTERS_REPLY], entry);
-    FlowDetail detail = {};
-    list->Add(entry, DecodeDetail(found, entry, detail) ? &detail : nullptr);
+    CopyCounters(found[CTA_COUNTERS_ORIG], found[CTA_COUNTERS_REPLY], entry);
+    list->Add(entry, DecodeDetail(found, entry));
 }
 
 Consistency ReadConntrackFlows(const ConntrackDump& dump, FlowSnapshot& flows)

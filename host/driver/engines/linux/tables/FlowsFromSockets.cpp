@@ -79,6 +79,28 @@ void CopyCounters(const nlattr* attribute, vxa_conntrack_entry_s& entry)
     entry.bytes_backward = info.tcpi_bytes_received;
 }
 
+// The flow of a socket with a peer, from this host to the peer.
+vxa_conntrack_entry_s MakeEntry(std::uint8_t protocol, const inet_diag_msg& socket,
+                                const Attributes& details)
+{
+    vxa_conntrack_entry_s entry = {};
+    entry.flags = VXA_FLOW_FROM_SOCK_DIAG;
+    CopyAddresses(socket, entry);
+    memcpy(entry.source_port, &socket.id.idiag_sport, sizeof entry.source_port);
+    memcpy(entry.destination_port, &socket.id.idiag_dport, sizeof entry.destination_port);
+    if (protocol == IPPROTO_TCP) {
+        entry.tcp_state = ConntrackState(socket.idiag_state);
+        if (!IsOpening(socket.idiag_state)) {
+            CopyCounters(details.Find(INET_DIAG_INFO), entry);
+        }
+    }
+    if (socket.idiag_timer == kTimeWaitTimer) {
+        entry.timeout_s = socket.idiag_expires / kMsPerS;
+    }
+    CopyPayload(details.Find(INET_DIAG_MARK), &entry.mark, sizeof entry.mark);
+    return entry;
+}
+
 std::uint16_t DecodePort(const std::uint8_t (&bytes)[2])
 {
     return static_cast<std::uint16_t>(bytes[0] << 8 | bytes[1]);
@@ -106,7 +128,7 @@ void AddSocket(std::uint8_t protocol, const inet_diag_msg& socket, const Attribu
         table.listening.set(ntohs(socket.id.idiag_sport));
     } else {
         table.in_use.set(ntohs(socket.id.idiag_sport));
-        table.flows.Add(SocketFlow(protocol, socket, details));
+        table.flows.Add(MakeEntry(protocol, socket, details));
     }
 }
 
@@ -144,27 +166,6 @@ void MoveFlows(std::uint8_t protocol, AllSockets& tables, Ports& listening, Flow
 }
 
 }  // namespace
-
-vxa_conntrack_entry_s SocketFlow(std::uint8_t protocol, const inet_diag_msg& socket,
-                                 const Attributes& details)
-{
-    vxa_conntrack_entry_s entry = {};
-    entry.flags = VXA_FLOW_FROM_SOCK_DIAG;
-    CopyAddresses(socket, entry);
-    memcpy(entry.source_port, &socket.id.idiag_sport, sizeof entry.source_port);
-    memcpy(entry.destination_port, &socket.id.idiag_dport, sizeof entry.destination_port);
-    if (protocol == IPPROTO_TCP) {
-        entry.tcp_state = ConntrackState(socket.idiag_state);
-        if (!IsOpening(socket.idiag_state)) {
-            CopyCounters(details.Find(INET_DIAG_INFO), entry);
-        }
-    }
-    if (socket.idiag_timer == kTimeWaitTimer) {
-        entry.timeout_s = socket.idiag_expires / kMsPerS;
-    }
-    CopyPayload(details.Find(INET_DIAG_MARK), &entry.mark, sizeof entry.mark);
-    return entry;
-}
 
 std::string ReadSocketFlows(const SocketDump& dump, FlowSnapshot& flows, ListeningPorts& listening)
 {

@@ -12,10 +12,6 @@ namespace vxi {
 // States of sockets that have a peer or wait for one.
 constexpr std::uint32_t kFlowSocketStates = ~0u & ~(1u << kSocketBound);
 
-// The flow of a socket that has a peer, from this host's end to the peer's.
-vxa_conntrack_entry_s SocketFlow(std::uint8_t protocol, const inet_diag_msg& socket,
-                                 const Attributes& details);
-
 using Ports = std::bitset<65536>;
 
 // Local ports of listening sockets (UDP: of sockets without a peer), and ports that were among
