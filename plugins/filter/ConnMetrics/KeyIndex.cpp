@@ -82,18 +82,13 @@ void KeyIndex::Insert(std::string_view key, std::uint32_t* total)
     bucket = {static_cast<std::uint32_t>(hash >> 32), static_cast<std::uint32_t>(record + 1)};
 }
 
-void KeyIndex::Flush()
+void KeyIndex::FlushAndClear()
 {
     std::size_t record = 0;
     for (std::uint32_t* total : m_totals) {
         *total += m_records[record].pending_count;
-        m_records[record].pending_count = 0;
         record += RecordSize(m_records[record].key_length);
     }
-}
-
-void KeyIndex::Clear()
-{
     *this = KeyIndex();
 }
 

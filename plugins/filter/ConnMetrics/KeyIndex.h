@@ -23,15 +23,12 @@ public:
     // Adds to the pending count of a key. Returns false if the key is not in the index.
     bool AddToKnown(std::string_view key, std::uint32_t count);
 
-    // Adds a key of the store, whose total must stay valid until Clear. Ignores known keys, and
-    // all keys once the index is full. Throws std::bad_alloc.
+    // Adds a key of the store, whose total must stay valid until FlushAndClear. Ignores known keys,
+    // and all keys once the index is full. Throws std::bad_alloc.
     void Insert(std::string_view key, std::uint32_t* total);
 
-    // Adds the pending counts to the totals.
-    void Flush();
-
-    // Removes all keys and releases their memory.
-    void Clear();
+    // Adds the pending counts to the totals, then removes all keys and releases their memory.
+    void FlushAndClear();
 
     // Returns the number of keys.
     std::size_t Size() const { return m_totals.size(); }

@@ -83,7 +83,7 @@ bool PublicationIsDue(std::time_t now)
 
 void Publish(std::time_t now)
 {
-    s_index.Flush();
+    s_index.FlushAndClear();
     {
         wxCriticalSectionLocker lock(g_cmfb_map_fin_cs);
         if (g_cmfb_map_fin.empty())
@@ -93,7 +93,6 @@ void Publish(std::time_t now)
         g_last_fb_time = now;
     }
     g_cmfb_map.clear();
-    s_index.Clear();
 }
 
 }  // namespace

@@ -32,7 +32,7 @@ FC_PUBLIC bool getDriverStatistics(VxaCore::CDom* dom, vxi_handle_ops_s* handle,
                                    vxa_stats_v2_s* stats, unsigned int size);
 
 // Each returns whether the archive accepted the entry; false without an entry if the query
-// failed. Only the exceptions are noted.
+// failed. Differences are noted.
 
 FC_PUBLIC bool AddDriverBlacklist(VxaCore::CDom* dom, vxi_handle_ops_s* handle,
                                   VxaCore::CZipOutputStream& zip);

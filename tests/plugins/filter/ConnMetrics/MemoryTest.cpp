@@ -112,7 +112,8 @@ protected:
                     Run("feed_more()");
                     Publish();
                 };
-            RunLimited("rows = report()", n, host, only_lua);
+            const bool reported = RunLimited("rows = report()", n, host, only_lua);
+            EXPECT_EQ(reported, host.Run("assert(rows)").empty());
             const std::string more = m_failed && publish_meanwhile ? "true" : "false";
             std::thread([&] {
                 EXPECT_EQ(host.Run("check_rest(rows and sum(rows), " + more + ")"), "");
@@ -183,13 +184,15 @@ TEST_F(ProcessMemory, FeedingCountsWholeOrNotAtAll)
         }
 }
 
-// Otherwise the index has not found the key.
-TEST_F(ProcessMemory, KnownPlainKeysNeedNone)
+// Neither known keys nor those that a full store refuses: the index knows them all.
+TEST_F(ProcessMemory, PlainKeysNeedNone)
 {
     for (const char* key : {"'plain'", "('k'):rep(56)", "('k'):rep(57)", "('k'):rep(5000)"}) {
         Run("key = " + std::string(key) + " add(key, 'v\\t1', 7)");
         EXPECT_TRUE(RunLimited("add(key, 'v', 7)", 0) && !m_failed) << key;
     }
+    Run("for i = 1, 10000 do add('key ' .. i, '', 1) end key = long");
+    EXPECT_TRUE(RunLimited("add(key, 'v', 7)", 0) && !m_failed) << "refused";
 }
 
 // Into an empty store, and into one that knows the keys and others.

@@ -69,11 +69,9 @@ end
 for text, fields in pairs {
     [""] = {},
     ["\n\na\tb\n\n\nc\td\n"] = {a = "b", c = "d"},
-    ["alone"] = {alone = ""},
     ["\tb"] = {[""] = "b"},
     ["a\tb\tc"] = {a = "b\tc"},
     ["a\t1\na"] = {a = ""},
-    [" a \t b "] = {[" a "] = " b "},
     ["a\tb\r\nc\td\r"] = {a = "b\r", c = "d\r"},
     ["Pid\t5\nPID\t6\npid \t7\ncipherx\t1\nciphe\t1\nflag\t1\nflagsx\t1"] = {
         Pid = "5", PID = "6", ["pid "] = "7", cipherx = "1", ciphe = "1", flag = "1",

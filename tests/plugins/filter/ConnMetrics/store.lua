@@ -33,8 +33,8 @@ local function decode(bytes, locale)
 end
 
 local function truncate(count)
-    if not (math.abs(count) < 2 ^ 63) then return 0 end
-    return (count < 0 and math.ceil(count) or math.floor(count)) % 2 ^ 32
+    local fits = math.abs(count) < 2 ^ 63  -- false for NaN
+    return fits and (count < 0 and math.ceil(count) or math.floor(count)) % 2 ^ 32 or 0
 end
 
 local dropped  -- names of stores that had no room for a key
@@ -119,9 +119,9 @@ local function random_steps(locale, steps)
         if math.random(2000) == 1 then keys = one_of(numbers_of_keys) end
         feed(make_key(math.random(keys)), math.random(50) == 1 and "" or tostring(i),
             math.random(8) == 1 and one_of(odd_counts) or math.random(100))
-        if i % 5000 == 0 then  -- more keys than a store keeps, the next time others
+        if i % 5000 == 0 then  -- more keys than a store keeps, each twice; the next time others
             local prefix = i % 10000 == 0 and "\xc3\xa4" or "k"
-            for key = 0, 10299 do feed(prefix .. key * 7 % 10300, "x", 2) end
+            for key = 0, 20599 do feed(prefix .. key * 7 % 10300, "x", 2) end
         end
         if math.random(400) == 1 then
             pass(one_of(steps_s))
