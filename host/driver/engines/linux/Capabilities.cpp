@@ -14,8 +14,8 @@
 #include "engines/linux/netlink/Ctnetlink.h"
 #include "engines/linux/netlink/NfTables.h"
 #include "engines/linux/netlink/SockDiag.h"
-#include "engines/linux/proc/ProcText.h"
-#include "engines/linux/scan/ProcessMonitor.h"
+#include "engines/linux/proc/ProcFile.h"
+#include "engines/linux/scan/ProcessScanMonitor.h"
 
 namespace vxi {
 
@@ -26,10 +26,7 @@ namespace {
 std::string ScanMetricsSource()
 {
     ScanMonitor& monitor = ProcessScanMonitor();
-    const Outcome outcome = monitor.Rehearse();
-    if (outcome.Failed()) {
-        throw Error(outcome.status, outcome.text);
-    }
+    monitor.CheckStart();
     return monitor.Description();
 }
 
@@ -72,10 +69,10 @@ void CheckNfTables()
 
 std::string StatisticsSource()
 {
-    std::string table;
-    const int status = read_proc("/proc/thread-self/net/snmp", table);
-    if (status < 0) {
-        ThrowError(status, "/proc/net/snmp: %s", DescribeStatus(status).c_str());
+    try {
+        ReadProcFile("/proc/thread-self/net/snmp");
+    } catch (const Error& error) {
+        ThrowError(error.Status(), "/proc/net/snmp: %s", error.what());
     }
     try {
         CheckNfTables();

@@ -10,20 +10,25 @@ set(LINUX_ENGINE_SOURCES
     engines/linux/Capabilities.cpp
     engines/linux/Engine.cpp
     engines/linux/HandleSnapshots.cpp
-    engines/linux/Outcome.cpp
     engines/linux/netlink/Ctnetlink.cpp
     engines/linux/netlink/NetNamespace.cpp
     engines/linux/netlink/Netlink.cpp
     engines/linux/netlink/NfTables.cpp
     engines/linux/netlink/NftBatch.cpp
     engines/linux/netlink/SockDiag.cpp
-    engines/linux/proc/KernelSettings.cpp
-    engines/linux/proc/ProcText.cpp
-    engines/linux/scan/ProcessMonitor.cpp
-    engines/linux/scan/ScanCalls.cpp
+    engines/linux/proc/ProcFile.cpp
+    engines/linux/proc/ProcTables.cpp
+    engines/linux/proc/Sysctl.cpp
+    engines/linux/scan/HandshakeTimeout.cpp
+    engines/linux/scan/NftRule.cpp
+    engines/linux/scan/ProcessScanMonitor.cpp
     engines/linux/scan/ScanCounters.cpp
+    engines/linux/scan/ScanMetrics.cpp
     engines/linux/scan/ScanMonitor.cpp
+    engines/linux/scan/ScanOperations.cpp
+    engines/linux/scan/ScanRules.cpp
     engines/linux/scan/ScanTable.cpp
+    engines/linux/scan/ScanTableName.cpp
     engines/linux/tables/Blacklist.cpp
     engines/linux/tables/ConnStates.cpp
     engines/linux/tables/FilterVariables.cpp

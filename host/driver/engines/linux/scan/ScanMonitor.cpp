@@ -1,8 +1,7 @@
+// The life of a scan table: made, read, built again, removed.
 #include "engines/linux/scan/ScanMonitor.h"
 
-#include <arpa/inet.h>
 #include <libmnl/libmnl.h>
-#include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter/nfnetlink.h>
 #include <signal.h>
@@ -13,6 +12,8 @@
 
 #include "api/Error.h"
 #include "engines/linux/netlink/NfTables.h"
+#include "engines/linux/scan/HandshakeTimeout.h"
+#include "engines/linux/scan/ScanTableName.h"
 
 namespace vxi {
 
@@ -21,33 +22,37 @@ namespace {
 constexpr unsigned kNamesMax = 8;
 constexpr unsigned kRebuildsMax = 1;  // within one reading
 
-const char* DirectionName(std::uint32_t direction)
-{
-    return direction == VXI_SCAN_OUTBOUND ? "outbound" : "inbound";
+// The kernel refused the table itself, not a part of it.
+class TableRefused : public Error {
+public:
+    explicit TableRefused(const NftRefused& cause) : Error(cause.Status(), cause.what()) {}
+
+    // Another process has a table of that name.
+    bool NameTaken() const { return Status() == -EPERM || Status() == -EEXIST; }
+    // For a table with the owner flag: kernels before 5.12 do not have it.
+    bool OwnerFlagUnknown() const { return Status() == -EOPNOTSUPP || Status() == -EINVAL; }
+};
+
+void OpenNetfilter(Netlink& netlink)
+try {
+    netlink.Open(NETLINK_NETFILTER);
+} catch (const Error& error) {
+    if (error.Status() == -EPROTONOSUPPORT || error.Status() == -EAFNOSUPPORT) {
+        throw Error(error.Status(), kNoNetfilterNetlink);
+    }
+    ThrowError(error.Status(), "netfilter netlink socket: %s", error.what());
 }
 
-Outcome ended()
+[[noreturn]] void ThrowReadFailure(const Error& cause)
 {
-    return Failure(-ESHUTDOWN, "the process is ending");
-}
-
-Outcome SocketFailure(int status)
-{
-    if (status == -EPROTONOSUPPORT || status == -EAFNOSUPPORT) {
-        return Failure(status, "%s", kNoNetfilterNetlink);
+    switch (cause.Status()) {
+        case -EPERM:
+            throw Error(-EPERM, kNftNeedsPrivilege);
+        case -EINTR:
+            throw Error(cause);
+        default:
+            ThrowError(cause.Status(), "reading the nf_tables counters: %s", cause.what());
     }
-    return Failure(status, "netfilter netlink socket: %s", DescribeStatus(status).c_str());
-}
-
-Outcome read_failure(int status)
-{
-    if (status == -EPERM) {
-        return Failure(status, "%s", kNftNeedsPrivilege);
-    }
-    if (status == -EINTR) {
-        return Failure(status, "the rules changed during each of six readings");
-    }
-    return Failure(status, "reading the nf_tables counters: %s", DescribeStatus(status).c_str());
 }
 
 bool IsDeadOrSelf(pid_t process)
@@ -55,59 +60,79 @@ bool IsDeadOrSelf(pid_t process)
     return process == getpid() || (kill(process, 0) < 0 && errno == ESRCH);
 }
 
+// Whether a table was left by a process that no longer exists, or by an earlier one with this
+// process's number. Owned tables are the kernel's to remove.
+bool IsLeftOver(std::string_view name, std::uint32_t flags)
+{
+    const auto process = ScanTableProcess(name);
+    return process && !(flags & NFT_TABLE_F_OWNER) && IsDeadOrSelf(*process);
+}
+
+std::vector<std::string> LeftOverTables(Netlink& netlink)
+{
+    std::vector<std::string> names;
+    alignas(nlmsghdr) char buffer[64];
+    netlink.Request(
+        *PutNftRequest(buffer, NFT_MSG_GETTABLE, NLM_F_DUMP), [&](const nlmsghdr& message) {
+            const Attributes table(message, sizeof(nfgenmsg));
+            const auto name = DecodeString(table.Find(NFTA_TABLE_NAME));
+            if (IsLeftOver(name, DecodeBe32(table.Find(NFTA_TABLE_FLAGS)).value_or(0))) {
+                names.emplace_back(name);
+            }
+        });
+    return names;
+}
+
 }  // namespace
 
-ScanMonitor::ScanMonitor(TableLife life) : m_process(getpid()), m_life(life) {}
+ScanMonitor::ScanMonitor(TableRemoval removal) : m_process(getpid()), m_removal(removal) {}
 
-Outcome ScanMonitor::Set(const ScanTarget& target)
+void ScanMonitor::Start(const ScanTarget& target)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_ended) {
-        return ended();
+    RequireNotEnded();
+    if (m_running && *m_target == target) {
+        return;
     }
-    if (m_running && *m_wanted == target) {
-        return {};
-    }
-    TakeDown();
-    m_wanted = target;
-    return Build();
+    RemoveTable();
+    m_target = target;
+    CreateTable();
 }
 
-Outcome ScanMonitor::get(const ScanTarget& target, ScanReading& reading)
+ScanReading ScanMonitor::Read(const ScanTarget& target)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_ended) {
-        return ended();
+    RequireNotEnded();
+    if (!m_target) {
+        throw Error(-ENOENT, "no port is monitored");
     }
-    if (!m_wanted) {
-        return Failure(-ENOENT, "no port is monitored");
+    if (!(*m_target == target)) {
+        ThrowError(-ENOENT, "port %u %s is not monitored (port %u %s is)", target.port,
+                   DirectionName(target.direction), m_target->port,
+                   DirectionName(m_target->direction));
     }
-    if (!(*m_wanted == target))
-        return Failure(-ENOENT, "port %u %s is not monitored (port %u %s is)", target.port,
-                       DirectionName(target.direction), m_wanted->port,
-                       DirectionName(m_wanted->direction));
-    return Read(reading);
+    return ReadOrRebuild();
 }
 
-Outcome ScanMonitor::Rehearse()
+void ScanMonitor::CheckStart()
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_ended) {
-        return ended();
-    }
+    RequireNotEnded();
     if (m_running) {
-        return {};
+        return;
     }
     Netlink netlink;
     const ScanTarget any_port = {VXI_SCAN_INBOUND, 1};
-    const ScanTableSpec owned = {ScanTableName(m_process, 0), any_port, 1, true};
-    Loaded loaded = Load(NftBatch::Purpose::kRehearse, netlink, owned);
-    if (!loaded.owner_unknown) {
-        return loaded.outcome;
+    ScanTableSpec spec = {ScanTableName(any_port, m_process, 0), any_port, 1, true};
+    try {
+        LoadTable(NftBatch::Purpose::kRehearse, netlink, spec);
+    } catch (const TableRefused& refused) {
+        if (!refused.OwnerFlagUnknown()) {
+            throw;
+        }
+        spec.owned = false;
+        LoadTable(NftBatch::Purpose::kRehearse, netlink, spec);
     }
-    ScanTableSpec unowned = owned;
-    unowned.owned = false;
-    return Load(NftBatch::Purpose::kRehearse, netlink, unowned).outcome;
 }
 
 ScanStatus ScanMonitor::Status() const
@@ -116,7 +141,7 @@ ScanStatus ScanMonitor::Status() const
     if (!m_running) {
         return {};
     }
-    return {m_wanted, m_spec.half_open_timeout_s, m_halfOpen, m_uncounted};
+    return {m_target, m_spec.half_open_timeout_s, m_halfOpen, m_uncounted};
 }
 
 std::string ScanMonitor::Description() const
@@ -131,110 +156,114 @@ std::string ScanMonitor::Description() const
            (m_spec.owned ? "" : " (this kernel knows no owner flag: removed at exit)");
 }
 
-void ScanMonitor::Stop()
+void ScanMonitor::Stop() noexcept
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     if (m_process != getpid()) {
         return;
     }
-    TakeDown();
+    RemoveTable();
     m_ended = true;
 }
 
-// One attempt to make the table.
-ScanMonitor::Loaded ScanMonitor::Load(NftBatch::Purpose purpose, Netlink& netlink,
-                                      const ScanTableSpec& spec) const
+void ScanMonitor::RequireNotEnded() const
 {
-    std::uint32_t table = 0;
-    try {
-        netlink.Open(NETLINK_NETFILTER);
-        NftBatch batch(netlink);
-        table = AddScanTable(batch, spec);
-        batch.Send(purpose);
-        return {};
-    } catch (const NftRefused& refused) {
-        const int of_table = refused.Sequence() == table ? refused.Status() : 0;
-        return {{refused.Status(), refused.what()},
-                of_table == -EPERM || of_table == -EEXIST,
-                spec.owned && (of_table == -EOPNOTSUPP || of_table == -EINVAL)};
-    } catch (const Error& error) {
-        return {SocketFailure(error.Status())};
+    if (m_ended) {
+        throw Error(-ESHUTDOWN, "the process is ending");
     }
 }
 
-Outcome ScanMonitor::Build()
+// Throws TableRefused where another name, or a table without owner, may succeed.
+void ScanMonitor::LoadTable(NftBatch::Purpose purpose, Netlink& netlink,
+                            const ScanTableSpec& spec) const
 {
-    const ScanTarget target = *m_wanted;
-    Loaded loaded;
-    unsigned attempt = 0;
-    do {
-        if (m_life == TableLife::kRemovedByUs) {
-            RemoveLeftovers();
+    OpenNetfilter(netlink);
+    NftBatch batch(netlink);
+    const std::uint32_t table = AddScanTable(batch, spec);
+    try {
+        batch.Send(purpose);
+    } catch (const NftRefused& refused) {
+        if (refused.Sequence() == table) {
+            throw TableRefused(refused);
         }
-        m_spec = {ScanTableName(m_process, attempt), target, HalfOpenTimeoutOf(target.direction),
-                  m_life == TableLife::kWithSocket};
-        loaded = Load(NftBatch::Purpose::kCommit, m_netlink, m_spec);
-        if (loaded.owner_unknown) {
-            m_life = TableLife::kRemovedByUs;
-        }
-        if (loaded.name_taken) {
-            ++attempt;
-        }
-    } while (loaded.owner_unknown || (loaded.name_taken && attempt < kNamesMax));
-    m_running = !loaded.outcome.Failed();
+        throw;
+    }
+}
+
+void ScanMonitor::CreateTable()
+{
     m_halfOpen = 0;
     m_uncounted = 0;
     m_halfOpenClosed = {};
-    return loaded.outcome;
-}
-
-Outcome ScanMonitor::Read(ScanReading& reading)
-{
-    reading = {};
-    for (unsigned builds = 0;; ++builds) {
-        if (!m_running) {
-            const Outcome built = Build();
-            if (built.Failed()) {
-                return built;
+    for (unsigned attempt = 0; !m_running;) {
+        const bool owned = m_removal == TableRemoval::kByKernel;
+        if (!owned) {
+            DeleteTablesOfDeadProcesses();
+        }
+        m_spec = {ScanTableName(*m_target, m_process, attempt), *m_target,
+                  ConfiguredHandshakeTimeoutS(m_target->direction), owned};
+        try {
+            LoadTable(NftBatch::Purpose::kCommit, m_netlink, m_spec);
+            m_running = true;
+        } catch (const TableRefused& refused) {
+            if (owned && refused.OwnerFlagUnknown()) {
+                m_removal = TableRemoval::kByLibrary;
+            } else if (!refused.NameTaken() || ++attempt == kNamesMax) {
+                throw;
             }
         }
-        const int status = ReadTable(reading);
-        if (status == 0) {
-            return {};
-        }
-        const bool gone = status == -ENOENT;
-        if (gone || !m_netlink.IsOpen()) {
-            TakeDown();
-        }
-        if (!gone || builds == kRebuildsMax) {
-            return read_failure(status);
-        }
-        reading.rebuilt = true;
     }
 }
 
-int ScanMonitor::ReadTable(ScanReading& reading)
+ScanReading ScanMonitor::ReadOrRebuild()
 {
-    ScanCounterValues before;
-    ScanCounterValues after;
-    try {
-        ReadScanCounters(m_netlink, m_spec.name, before);
-        reading.half_open = CountHalfOpen(m_netlink, m_spec.name);
-        ReadScanCounters(m_netlink, m_spec.name, after);
-        ReadScanTraffic(m_netlink, m_spec.name, after);
-    } catch (const Error& error) {
-        return error.Status();
+    for (unsigned rebuilds = 0;; ++rebuilds) {
+        if (!m_running) {
+            CreateTable();
+        }
+        try {
+            ScanReading reading = ReadTable();
+            reading.rebuilt = rebuilds > 0;
+            return reading;
+        } catch (const Error& error) {
+            const bool gone = error.Status() == -ENOENT;
+            if (gone || !m_netlink.IsOpen()) {
+                RemoveTable();
+            }
+            if (!gone || rebuilds == kRebuildsMax) {
+                ThrowReadFailure(error);
+            }
+        }
     }
-    ScanFigures(after, m_halfOpenClosed.Update(before, reading.half_open, after), reading.figures);
+}
+
+ScanReading ScanMonitor::ReadTable()
+{
+    ScanReading reading;
+    const ScanCounters before = ReadNamedCounters(m_netlink, m_spec.name);
+    reading.half_open = CountHalfOpen(m_netlink, m_spec.name);
+    ScanCounters after = ReadNamedCounters(m_netlink, m_spec.name);
+    ReadTrafficCounters(m_netlink, m_spec.name, after);
+    reading.metrics =
+        ComputeScanMetrics(after, m_halfOpenClosed.Update(before, reading.half_open, after));
     m_halfOpen = reading.half_open;
     const std::uint64_t uncounted = after[ScanCounter::kUncounted].packets;
     reading.uncounted = uncounted - (uncounted < m_uncounted ? 0 : m_uncounted);
     m_uncounted = uncounted;
-    return 0;
+    return reading;
 }
 
-// Nobody waits for this: a table that stays is removed by the next process.
-void ScanMonitor::RemoveTable(const std::string& name)
+void ScanMonitor::RemoveTable() noexcept
+{
+    if (m_running && !m_spec.owned) {
+        DeleteTable(m_spec.name);
+    }
+    m_running = false;
+    m_netlink.Close();
+}
+
+// A table that cannot be deleted is harmless: the next process deletes it.
+void ScanMonitor::DeleteTable(const std::string& name) noexcept
 try {
     if (!m_netlink.IsOpen()) {
         m_netlink.Open(NETLINK_NETFILTER);
@@ -245,43 +274,18 @@ try {
 } catch (const std::exception&) {
 }
 
-void ScanMonitor::TakeDown()
-{
-    if (m_running && !m_spec.owned) {
-        RemoveTable(m_spec.name);
-    }
-    m_running = false;
-    m_netlink.Close();
-}
-
-// Tables that the kernel does not remove by itself, of processes that were killed. One that stays
-// does no harm.
-void ScanMonitor::RemoveLeftovers()
-{
-    if (m_leftoversRemoved) {
+// Once per process. What cannot be listed or deleted is harmless.
+void ScanMonitor::DeleteTablesOfDeadProcesses()
+try {
+    if (m_deadProcessesDone) {
         return;
     }
-    std::vector<std::string> names;
-    const auto collect = [&](const nlmsghdr& message) {
-        const Attributes table(message, sizeof(nfgenmsg));
-        const auto name = DecodeString(table.Find(NFTA_TABLE_NAME));
-        const auto flags = DecodeBe32(table.Find(NFTA_TABLE_FLAGS));
-        const pid_t process = ScanTableProcess(name);
-        const bool owned = flags && (*flags & NFT_TABLE_F_OWNER);
-        if (process && !owned && IsDeadOrSelf(process)) {
-            names.emplace_back(name);
-        }
-    };
-    try {
-        m_netlink.Open(NETLINK_NETFILTER);
-        m_leftoversRemoved = true;
-        alignas(nlmsghdr) char buffer[64];
-        m_netlink.Request(*PutNftRequest(buffer, NFT_MSG_GETTABLE, NLM_F_DUMP), collect);
-    } catch (const Error&) {
+    m_netlink.Open(NETLINK_NETFILTER);
+    m_deadProcessesDone = true;
+    for (const std::string& name : LeftOverTables(m_netlink)) {
+        DeleteTable(name);
     }
-    for (const std::string& name : names) {
-        RemoveTable(name);
-    }
+} catch (const Error&) {
 }
 
 }  // namespace vxi

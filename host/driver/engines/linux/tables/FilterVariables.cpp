@@ -15,9 +15,8 @@
 #include "engines/linux/Operations.h"
 #include "engines/linux/netlink/NetNamespace.h"
 #include "engines/linux/netlink/NfTables.h"
-#include "engines/linux/proc/KernelSettings.h"
-#include "engines/linux/proc/ProcText.h"
-#include "engines/linux/scan/ProcessMonitor.h"
+#include "engines/linux/proc/Sysctl.h"
+#include "engines/linux/scan/ProcessScanMonitor.h"
 #include "engines/linux/tables/Blacklist.h"
 #include "engines/linux/tables/RuleProfile.h"
 #include "records/Variables.h"
@@ -81,7 +80,7 @@ try {
     const std::uint64_t count = number == kVariableNftTables  ? CountNftObjects(NFT_MSG_GETTABLE)
                                 : number == kVariableNftRules ? CountNftObjects(NFT_MSG_GETRULE)
                                                               : ReadBlacklist().entries.size();
-    return SettingValue(static_cast<std::int64_t>(count));
+    return EncodeVariable(static_cast<std::int64_t>(count));
 } catch (const Error&) {
     return kAbsent;
 }
@@ -89,12 +88,12 @@ try {
 // Connections are tracked while a rule needs it, and then there are entries.
 bool ConntrackActive()
 {
-    return read_proc_number(SettingPath(VariableName(kVariableConntrackCount))).value_or(0) > 0;
+    return ReadSysctl(VariableName(kVariableConntrackCount)).value_or(0) > 0;
 }
 
 bool ConntrackAccounting()
 {
-    return read_proc_number(SettingPath(VariableName(kVariableFirstSetting))).value_or(0) > 0;
+    return ReadSysctl(VariableName(kVariableFirstSetting)).value_or(0) > 0;
 }
 
 std::uint32_t OwnValue(vxi_handle_ops_s* handle, std::uint32_t number)
@@ -126,7 +125,7 @@ std::uint32_t OwnValue(vxi_handle_ops_s* handle, std::uint32_t number)
         case kVariableProcessId:
             return static_cast<std::uint32_t>(getpid());
         case kVariableNetworkNamespace:
-            return SettingValue(static_cast<std::int64_t>(NetworkNamespace().value_or(0)));
+            return EncodeVariable(static_cast<std::int64_t>(NetworkNamespace().value_or(0)));
         case kVariableInitialNamespace:
             return InInitialNamespace();
         case kVariableNftTables:
@@ -146,8 +145,8 @@ int LinuxOperations::GetVarv(vxi_handle_ops_s* handle, vxa_filter_variable_s* va
 {
     const std::string_view name = VariableName(variable->number);
     const bool setting = name.substr(0, 4) == "net.";
-    variable->value = setting ? SettingValue(read_proc_number(SettingPath(name.data())))
-                              : OwnValue(handle, variable->number);
+    variable->value =
+        setting ? EncodeVariable(ReadSysctl(name.data())) : OwnValue(handle, variable->number);
     return 0;
 }
 

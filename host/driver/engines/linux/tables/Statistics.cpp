@@ -10,7 +10,8 @@
 #include "api/Error.h"
 #include "engines/linux/Operations.h"
 #include "engines/linux/netlink/NfTables.h"
-#include "engines/linux/scan/ProcessMonitor.h"
+#include "engines/linux/proc/ProcFile.h"
+#include "engines/linux/scan/ProcessScanMonitor.h"
 #include "records/TableOrigin.h"
 #include "vxi/records.h"
 
@@ -48,13 +49,14 @@ public:
 
     std::string Read(const char* name)
     {
-        std::string text;
-        if (read_proc(m_directory + name, text) < 0) {
-            m_missing += std::string(m_missing.empty() ? ", without " : " ") + name;
-        } else {
+        try {
+            std::string table = ReadProcFile(m_directory + name);
             ++m_count;
+            return table;
+        } catch (const Error&) {
+            m_missing += std::string(m_missing.empty() ? ", without " : " ") + name;
+            return {};
         }
-        return text;
     }
 
     unsigned Count() const { return m_count; }
@@ -70,11 +72,11 @@ NumberedNames FillProtocols(Tables& tables, std::uint64_t* slots)
 {
     AreaWriter area(slots, VXA_STATS_AREA1_COUNT);
     // "IcmpMsg" has a column for each ICMP type seen and grows with traffic; "Icmp" has the totals.
-    area.Put(kSnmpSlot, kSnmp6Slot, PairedLines(tables.Read("snmp"), "IcmpMsg"));
-    area.Put(kSnmp6Slot, kSockstatSlot, SingleLines(tables.Read("snmp6")));
+    area.Put(kSnmpSlot, kSnmp6Slot, ParseSnmp(tables.Read("snmp"), "IcmpMsg"));
+    area.Put(kSnmp6Slot, kSockstatSlot, ParseSnmp6(tables.Read("snmp6")));
     const std::string sockets = tables.Read("sockstat");
     area.Put(kSockstatSlot, VXA_STATS_AREA1_COUNT,
-             GroupedLines(sockets + tables.Read("sockstat6")));
+             ParseSockstat(sockets + tables.Read("sockstat6")));
     return area.Finish();
 }
 
@@ -83,7 +85,7 @@ void PutTracking(const std::string& netfilter, AreaWriter& area)
     constexpr std::int64_t kCountable = 65535;  // what the 16 bits of a count request can express
     static constexpr const char* kNames[] = {"count", "max", "buckets"};
     for (unsigned i = 0; i < std::size(kNames); ++i) {
-        const auto value = read_proc_number(netfilter + "nf_conntrack_" + kNames[i]);
+        const auto value = ReadProcNumber(netfilter + "nf_conntrack_" + kNames[i]);
         if (value) {
             area.PutOne(kConntrackSlot + i, (std::string("conntrack.") + kNames[i]).c_str(),
                         static_cast<std::uint64_t>(*value));
@@ -140,9 +142,8 @@ NumberedNames FillFilter(Tables& tables, const std::string& netfilter, std::uint
     PutTracking(netfilter, area);
     // "entries" is the size of the whole table in every processor's line: nf_conntrack_count has
     // it.
-    area.PutOrDrop(
-        kConntrackSumsSlot, kRulesSlot,
-        ColumnSums(tables.Read("stat/nf_conntrack"), "conntrack", std::string_view("entries")));
+    area.PutOrDrop(kConntrackSumsSlot, kRulesSlot,
+                   SumConntrackStat(tables.Read("stat/nf_conntrack"), "conntrack", "entries"));
     rules_source = PutRules(area);
     PutScan(area);
     return area.Finish();
@@ -169,10 +170,10 @@ void PutInterfaces(const std::vector<ProcInterface>& interfaces, AreaWriter& are
 NumberedNames FillDevices(Tables& tables, std::uint64_t* slots)
 {
     AreaWriter area(slots, VXA_STATS_AREA3_COUNT);
-    area.Put(kNetstatSlot, kInterfacesSlot, PairedLines(tables.Read("netstat"), nullptr));
-    PutInterfaces(InterfaceLines(tables.Read("dev")), area);
+    area.Put(kNetstatSlot, kInterfacesSlot, ParseSnmp(tables.Read("netstat"), nullptr));
+    PutInterfaces(ParseNetDev(tables.Read("dev")), area);
     area.Put(kSoftnetSlot, VXA_STATS_AREA3_COUNT,
-             ColumnSums(tables.Read("softnet_stat"), "softnet", kSoftnetColumns));
+             SumSoftnetStat(tables.Read("softnet_stat"), "softnet", kSoftnetColumns));
     return area.Finish();
 }
 

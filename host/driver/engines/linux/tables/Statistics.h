@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "engines/linux/proc/ProcText.h"
+#include "engines/linux/proc/ProcTables.h"
 #include "records/PublishedNames.h"
 
 namespace vxi {

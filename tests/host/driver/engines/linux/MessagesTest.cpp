@@ -12,7 +12,7 @@
 
 #include "../../Fixture.h"
 #include "api/Error.h"
-#include "engines/linux/scan/ScanCounters.h"
+#include "engines/linux/scan/ScanMetrics.h"
 #include "engines/linux/tables/Blacklist.h"
 #include "engines/linux/tables/ConnStates.h"
 #include "engines/linux/tables/FlowsFromConntrack.h"
@@ -331,11 +331,11 @@ TEST(Blacklist, LeavesOutOtherKeysAndSets)
     }
 }
 
-vxi::ScanCounterValues Values(std::uint64_t opened, std::uint64_t established)
+vxi::ScanCounters Values(std::uint64_t opened, std::uint64_t established)
 {
-    vxi::ScanCounterValues values;
-    values.values[0] = {opened, 0, true};
-    values.values[1] = {established, 0, true};
+    vxi::ScanCounters values;
+    values[vxi::ScanCounter::kNew] = {opened, 0, true};
+    values[vxi::ScanCounter::kEstablished] = {established, 0, true};
     return values;
 }
 
@@ -381,11 +381,11 @@ try {
     vxi::AppendElements(message, kIntervals, elements);
     vxi::RuleCounts rules;
     vxi::AddRule(message, rules);
-    vxi::ScanCounterValues values;
-    vxi::TakeChain(message, values);
-    vxi::TakeCounter(message, values);
+    vxi::ScanCounters values;
+    vxi::DecodeTrafficCounter(message, values);
+    vxi::DecodeNamedCounter(message, values);
     return flows.tcp.total + flows.unreadable + socket_flows.tcp.total / 2 + elements.size() +
-           vxi::ElementsIn(message) + rules.size() + values[vxi::ScanCounter::kNew].present +
+           vxi::CountElements(message) + rules.size() + values[vxi::ScanCounter::kNew].present +
            values[vxi::ScanCounter::kForward].present +
            vxi::DecodeBlacklistSet(message).has_value();
 } catch (const vxi::Error&) {
@@ -401,8 +401,8 @@ TEST(DamagedMessages, AreReadInsideTheirBounds)
         {Socket(), 1},
         {SetElement(), 2},
         {Set("blacklist"), 1},
-        {Nft(NFT_MSG_NEWOBJ, Attribute(NFTA_OBJ_NAME, "c_new") + Counter(NFTA_OBJ_DATA, 1, 2)), 1},
-        {RuleWithCounter(vxi::kScanForwardChain), 2},
+        {Nft(NFT_MSG_NEWOBJ, Attribute(NFTA_OBJ_NAME, "new_connections") + Counter(NFTA_OBJ_DATA, 1, 2)), 1},
+        {RuleWithCounter(vxi::kCountToPortChain), 2},
     };
     for (const auto& [message, found] : rows) {
         EXPECT_EQ(ReadMessage(message, Count), found);

@@ -5,8 +5,8 @@
 #include <sstream>
 #include <thread>
 
+#include "api/Error.h"
 #include "engines/linux/scan/ScanMonitor.h"
-#include "engines/linux/scan/ScanTable.h"
 #include "support/kernel/Kernel.h"
 #include "support/kernel/Traffic.h"
 
@@ -60,7 +60,7 @@ std::string Tables()
 
 std::string TableOf(pid_t process)
 {
-    return "vxi_scan_" + std::to_string(process);
+    return "vxa_scan_inbound_8443_pid_" + std::to_string(process);
 }
 
 void CountFinished(std::uint32_t direction)
@@ -288,36 +288,35 @@ const vxi::ScanTarget kInbound = {VXI_SCAN_INBOUND, kPort};
 KERNEL_TEST(ScanLife, WithoutOwnerKeepsItsTableAndRemovesThoseOfTheDead)
 {
     const pid_t killed = kernel::Spawn([] {
-        vxi::ScanMonitor monitor(vxi::TableLife::kRemovedByUs);
-        EXPECT_EQ(monitor.Set(kInbound).status, 0);
+        vxi::ScanMonitor monitor(vxi::TableRemoval::kByLibrary);
+        monitor.Start({VXI_SCAN_OUTBOUND, 1});
         raise(SIGSTOP);
     });
     ExpectStatus(killed, kernel::kStopped);
+    EXPECT_EQ(Tables(), "vxa_scan_outbound_1_pid_" + std::to_string(killed));
     kill(killed, SIGKILL);
     ExpectStatus(killed, SIGKILL);
-    const std::string others = TableOf(getppid()) + " vxi_scan_";
+    const std::string others = TableOf(getppid()) + " vxa_scan_inbound_8443_pid_";
     const std::string own = TableOf(getpid());  // of an earlier process that had our number
     Run("for t in " + others + " " + own + "; do nft add table inet $t; done");
-    EXPECT_EQ(Tables(), TableOf(killed) + " " + others + " " + own);
-    vxi::ScanMonitor monitor(vxi::TableLife::kRemovedByUs);
-    EXPECT_EQ(monitor.Set(kInbound).status, 0);
+    vxi::ScanMonitor monitor(vxi::TableRemoval::kByLibrary);
+    monitor.Start(kInbound);
     EXPECT_EQ(Tables(), others + " " + own);
     ExpectStatus(kernel::Spawn([&] { monitor.Stop(); }));
     EXPECT_EQ(Tables(), others + " " + own) << "a child took its parent's table";
-    vxi::ScanReading reading;
     for (const unsigned count : {5, 2}) {
         traffic::Connect(Local(4), count, ECONNREFUSED);
-        EXPECT_EQ(monitor.get(kInbound, reading).status, 0);
-        EXPECT_EQ(reading.figures[VXI_SCAN_HALF_OPEN_CLOSED], count);
+        vxi::ScanReading reading = monitor.Read(kInbound);
+        EXPECT_EQ(reading.metrics[VXI_SCAN_HALF_OPEN_CLOSED], count);
         EXPECT_FALSE(reading.rebuilt);
         Run("nft delete table inet " + own);
-        EXPECT_EQ(monitor.get(kInbound, reading).status, 0);
+        reading = monitor.Read(kInbound);
         EXPECT_TRUE(reading.rebuilt);
-        EXPECT_EQ(reading.figures[VXI_SCAN_NEW], 0u);
+        EXPECT_EQ(reading.metrics, vxi::ScanMetrics());
     }
     monitor.Stop();
     EXPECT_EQ(Tables(), others);
-    EXPECT_EQ(monitor.Set(kInbound).status, -ESHUTDOWN);
+    EXPECT_THROW(monitor.Start(kInbound), vxi::Error);
 }
 
 }  // namespace

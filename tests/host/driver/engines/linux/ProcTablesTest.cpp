@@ -1,11 +1,12 @@
 // The kernel's text tables, and the texts made of them and of names that users choose.
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <cstring>
 
-#include "engines/linux/proc/KernelSettings.h"
-#include "engines/linux/proc/ProcText.h"
+#include "api/Error.h"
+#include "engines/linux/proc/ProcFile.h"
+#include "engines/linux/proc/ProcTables.h"
+#include "engines/linux/proc/Sysctl.h"
 #include "engines/linux/tables/JsonString.h"
 #include "engines/linux/tables/RuleProfile.h"
 #include "engines/linux/tables/Statistics.h"
@@ -25,77 +26,75 @@ std::string Show(const ProcItems& found)
     return text + "!" + std::to_string(found.unreadable);
 }
 
-ProcItems Paired(std::string_view text)
+ProcItems Snmp(std::string_view text)
 {
-    return vxi::PairedLines(text, "Skip");
+    return vxi::ParseSnmp(text, "Skip");
 }
 
-ProcItems Columns(std::string_view text)
+ProcItems Conntrack(std::string_view text)
 {
-    return vxi::ColumnSums(text, "p", std::string_view("entries"));
+    return vxi::SumConntrackStat(text, "p", "entries");
 }
 
-TEST(ProcText, Tables)
+TEST(ProcTables, Tables)
 {
     const struct {
         ProcItems (*read)(std::string_view);
         std::string text;
         std::string found;
     } rows[] = {
-        {Paired, "", "!0"},
-        {Paired, "Ip: A B\nIp: 1 2\nTcp: C\nTcp: -1", "Ip.A=1 Ip.B=2 Tcp.C=-1 !0"},
-        {Paired, "Ip: A B\nIp: 1\n", "Ip.A=1 !1"},                     // fewer numbers than names
-        {Paired, "Ip: A\nTcp: B\nTcp: 2\n", "Tcp.B=2 !0"},             // names alone
-        {Paired, "Ip: A\nIp: 1\nIp: B\nIp: 2\n", "Ip.A=1 Ip.B=2 !0"},  // a group in two pieces
-        {Paired, "Ip: A B C D\nIp: 0x1 1e3 2x 4\n", "Ip.D=4 !3"},
-        {Paired, "Ip: A B\nIp: 99999999999999999999 -99999999999999999999\n",
+        {Snmp, "", "!0"},
+        {Snmp, "Ip: A B\nIp: 1 2\nTcp: C\nTcp: -1", "Ip.A=1 Ip.B=2 Tcp.C=-1 !0"},
+        {Snmp, "Ip: A B\nIp: 1\n", "Ip.A=1 !1"},                     // fewer numbers than names
+        {Snmp, "Ip: A\nTcp: B\nTcp: 2\n", "Tcp.B=2 !0"},             // names alone
+        {Snmp, "Ip: A\nIp: 1\nIp: B\nIp: 2\n", "Ip.A=1 Ip.B=2 !0"},  // a group in two pieces
+        {Snmp, "Ip: A B C D\nIp: 0x1 1e3 2x 4\n", "Ip.D=4 !3"},
+        {Snmp, "Ip: A B\nIp: 99999999999999999999 -99999999999999999999\n",
          "Ip.A=-1 Ip.B=-9223372036854775808 !0"},
-        {Paired, "no colon\nIp: A\n: : :\nIp: 1\n", "!0"},
-        {Paired, "Ip: A\0B\nIp: 1 2\nSkip: A\nSkip: 1\n"s, "Ip.A\0B=1 !0"},
-        {vxi::SingleLines, "Ip6X   \t 5\nA\nB 1 2\nC x\nD 4", "Ip6X=5 D=4 !3"},
-        {vxi::SingleLines, "Icmp6InType128 3\nIcmp6OutType1 3\nIcmp6InTypes 3\nType1 4\n",
+        {Snmp, "no colon\nIp: A\n: : :\nIp: 1\n", "!0"},
+        {Snmp, "Ip: A\0B\nIp: 1 2\nSkip: A\nSkip: 1\n"s, "Ip.A\0B=1 !0"},
+        {vxi::ParseSnmp6, "Ip6X   \t 5\nA\nB 1 2\nC x\nD 4", "Ip6X=5 D=4 !3"},
+        {vxi::ParseSnmp6, "Icmp6InType128 3\nIcmp6OutType1 3\nIcmp6InTypes 3\nType1 4\n",
          "Icmp6InTypes=3 Type1=4 !0"},
-        {vxi::GroupedLines, "TCP: inuse 1 orphan\nUDP:\nRAW\nIP: a 1 b 0",
+        {vxi::ParseSockstat, "TCP: inuse 1 orphan\nUDP:\nRAW\nIP: a 1 b 0",
          "TCP.inuse=1 IP.a=1 IP.b=0 !1"},
-        {Columns, "entries  found drop\n0a 10 ff\n0a 01 01\n", "p.found=17 p.drop=256 !0"},
-        {Columns, "entries found drop\n1 2 3\n1 2\n", "p.found=4 !1"},
-        {Columns, "entries found\n1 zz\n1 2\n\n", "!1"},
+        {Conntrack, "entries  found drop\n0a 10 ff\n0a 01 01\n", "p.found=17 p.drop=256 !0"},
+        {Conntrack, "entries found drop\n1 2 3\n1 2\n", "p.found=4 !1"},
+        {Conntrack, "entries found\n1 zz\n1 2\n\n", "!1"},
     };
     for (const auto& row : rows) {
         EXPECT_STREQ(Show(row.read(row.text)).c_str(), row.found.c_str()) << row.text;
     }
     std::string interfaces;
-    for (const auto& each :
-         vxi::InterfaceLines("\n|received drop|sent colls\n  lo:    1   2  3  4\n"
-                             "x\\0:18446744073709551615 6 7\n no colon 1 2 3 4\n"
-                             ": 1 2 3 4\n")) {
+    for (const auto& each : vxi::ParseNetDev("\n|received drop|sent colls\n  lo:    1   2  3  4\n"
+                                             "x\\0:18446744073709551615 6 7\n no colon 1 2 3 4\n"
+                                             ": 1 2 3 4\n")) {
         interfaces += Show(each.counters) + "\n";
     }
     EXPECT_EQ(interfaces,
               "lo.rx_received=1 lo.rx_drop=2 lo.tx_sent=3 lo.tx_colls=4 !0\n"
               "x\\0.rx_received=-1 x\\0.rx_drop=6 x\\0.tx_sent=7 !1\n");
-    EXPECT_TRUE(vxi::InterfaceLines("x\ny").empty());
-    EXPECT_EQ(Show(vxi::ColumnSums("1 2 3\n10 20 30\n", "s", {"a", nullptr, "c", "d"})),
+    EXPECT_TRUE(vxi::ParseNetDev("x\ny").empty());
+    EXPECT_EQ(Show(vxi::SumSoftnetStat("1 2 3\n10 20 30\n", "s", {"a", nullptr, "c", "d"})),
               "s.a=17 s.c=51 !0");
 }
 
-TEST(ProcText, FilesThatCannotBeRead)
+TEST(ProcFile, ThatCannotBeRead)
 {
-    std::string text = "before";
-    EXPECT_EQ(vxi::read_proc("/proc/no such file", text), -ENOENT);
-    EXPECT_EQ(vxi::read_proc("/proc", text), -EISDIR);
-    EXPECT_EQ(text, "");
+    for (const char* file : {"/proc/no such file", "/proc"}) {
+        EXPECT_THROW(vxi::ReadProcFile(file), vxi::Error) << file;
+    }
     for (const char* file : {"/proc/no such file", "/proc/version", "/dev/null"}) {
-        EXPECT_FALSE(vxi::read_proc_number(file)) << file;
+        EXPECT_FALSE(vxi::ReadProcNumber(file)) << file;
     }
 }
 
-TEST(KernelSettings, NoneReadsAsAbsentWhenItIsThere)
+TEST(Sysctl, NoneReadsAsAbsentWhenItIsThere)
 {
-    EXPECT_EQ(vxi::SettingValue({}), 0xffffffff);
-    EXPECT_EQ(vxi::SettingValue(0xfffffffd), 0xfffffffd);
+    EXPECT_EQ(vxi::EncodeVariable({}), 0xffffffff);
+    EXPECT_EQ(vxi::EncodeVariable(0xfffffffd), 0xfffffffd);
     for (const std::int64_t large : {std::int64_t{-1}, 0xffffffffL, 1L << 40}) {
-        EXPECT_EQ(vxi::SettingValue(large), 0xfffffffe) << large;
+        EXPECT_EQ(vxi::EncodeVariable(large), 0xfffffffe) << large;
     }
 }
 

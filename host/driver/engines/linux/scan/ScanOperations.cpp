@@ -1,9 +1,9 @@
+// vxi_set_scan_monitoring and vxi_get_scan_metrics.
 #include <string>
 
-#include "api/Error.h"
 #include "api/HostMessages.h"
 #include "engines/linux/Operations.h"
-#include "engines/linux/scan/ProcessMonitor.h"
+#include "engines/linux/scan/ProcessScanMonitor.h"
 #include "records/ScanTarget.h"
 
 namespace vxi {
@@ -14,7 +14,7 @@ constexpr const char* kTraceSource = "host/driver/engines/linux";
 
 enum TraceLevel { kProblems = 1, kChanges = 2, kEverything = 3 };
 
-// For the host's log, because the call succeeds, and for the handle's trace.
+// Goes to the host's log, because the call succeeds, and to the handle's trace.
 void ReportProblem(vxi_handle_ops_s* handle, const std::string& message)
 {
     ReportToHost(message);
@@ -43,10 +43,7 @@ void ReportReading(vxi_handle_ops_s* handle, const ScanTarget& target, const Sca
 int LinuxOperations::SetScanMonitoring(vxi_handle_ops_s* handle, const ScanTarget& target)
 {
     ScanMonitor& monitor = ProcessScanMonitor();
-    const Outcome outcome = monitor.Set(target);
-    if (outcome.Failed()) {
-        ThrowError(outcome.status, "%s", outcome.text.c_str());
-    }
+    monitor.Start(target);
     if (handle->trace_level >= kChanges) {
         VXI_TRACE(handle, kChanges, kTraceSource, "%s", monitor.Description().c_str());
     }
@@ -56,14 +53,10 @@ int LinuxOperations::SetScanMonitoring(vxi_handle_ops_s* handle, const ScanTarge
 int LinuxOperations::GetScanMetrics(vxi_handle_ops_s* handle, scan_metrics_request* request,
                                     unsigned int)
 {
-    ScanReading reading;
     const ScanTarget target = RequestedTarget(*request);
-    const Outcome outcome = ProcessScanMonitor().get(target, reading);
-    if (outcome.Failed()) {
-        ThrowError(outcome.status, "%s", outcome.text.c_str());
-    }
+    const ScanReading reading = ProcessScanMonitor().Read(target);
     ReportReading(handle, target, reading);
-    WriteCounters(reading.figures, *request);
+    WriteCounters(reading.metrics, *request);
     return 0;
 }
 

@@ -1,4 +1,5 @@
-#include "engines/linux/scan/ProcessMonitor.h"
+// The process's scan monitor at exit and across fork(2) and clone(2).
+#include "engines/linux/scan/ProcessScanMonitor.h"
 
 #include <pthread.h>
 #include <unistd.h>
@@ -24,17 +25,17 @@ void StopAtExit()
     }
 }
 
-// Whatever a thread of the parent was doing, its lock included, stays as it was for good:
-// the child abandons the object and makes another when it needs one.
+// The parent's threads do not exist in the child, and the lock stays as they left it: the child
+// abandons the object and makes another when it needs one.
 void AbandonInChild()
 {
     ScanMonitor* inherited = current.exchange(nullptr);
     if (inherited) {
-        inherited->Disown();
+        inherited->CloseInheritedSocket();
     }
 }
 
-bool Start()
+bool MakeFirstMonitor()
 {
     current = new (first_monitor) ScanMonitor();
     atexit(StopAtExit);
@@ -42,28 +43,29 @@ bool Start()
     return true;
 }
 
-// For a child: of a fork (`seen` is null) or of a bare clone, which runs no fork handlers.
-ScanMonitor* Replace(ScanMonitor* seen)
+// Makes a child's monitor. `inherited` is null after fork(2), the parent's after a bare clone(2),
+// which runs no fork handlers.
+ScanMonitor* MakeForChild(ScanMonitor* inherited)
 {
-    if (seen) {
-        seen->Disown();
+    if (inherited) {
+        inherited->CloseInheritedSocket();
     }
     auto* fresh = new ScanMonitor();
-    if (current.compare_exchange_strong(seen, fresh)) {
+    if (current.compare_exchange_strong(inherited, fresh)) {
         return fresh;
     }
     delete fresh;  // another thread of the child was faster
-    return seen;
+    return inherited;
 }
 
 }  // namespace
 
 ScanMonitor& ProcessScanMonitor()
 {
-    static const bool kStarted = Start();
-    (void)kStarted;
+    static const bool kMade = MakeFirstMonitor();
+    (void)kMade;
     ScanMonitor* monitor = current.load();
-    return monitor && monitor->Process() == getpid() ? *monitor : *Replace(monitor);
+    return monitor && monitor->Process() == getpid() ? *monitor : *MakeForChild(monitor);
 }
 
 }  // namespace vxi
