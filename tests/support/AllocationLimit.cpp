@@ -1,3 +1,4 @@
+// The failing allocator; see AllocationLimit.h.
 #include "AllocationLimit.h"
 
 #include <malloc.h>
@@ -20,12 +21,18 @@ constexpr bool kMallocIsOurs = false;
 constexpr bool kMallocIsOurs = true;
 #endif
 
-bool IsRefused(std::size_t size)
+bool IsRefused(std::size_t size, bool limited)
 {
-    s_failed |= s_left == 0;
-    const bool refused = s_left == 0 || size >= s_refused_from;
-    if (s_left > 0) --s_left;
+    const bool refused = (limited && s_left == 0) || size >= s_refused_from;
+    s_failed |= limited && s_left == 0;
+    if (limited && s_left > 0) --s_left;
+    if (refused) errno = ENOMEM;
     return refused;
+}
+
+bool IsMallocRefused(std::size_t size)
+{
+    return IsRefused(size, s_limits_malloc);
 }
 
 }  // namespace
@@ -59,15 +66,9 @@ bool allocations::RefuseFrom(std::size_t size)
 // Inlined, the pairs look mismatched to the compiler.
 [[gnu::noinline]] void* operator new(std::size_t size)
 {
-    const bool refused = !s_limits_malloc && IsRefused(size);
-    void* const block = refused ? nullptr : std::malloc(size != 0 ? size : 1);
-    return block != nullptr ? block : throw std::bad_alloc();
-}
-
-// A sanitizer has array forms of its own.
-[[gnu::noinline]] void* operator new[](std::size_t size)
-{
-    return operator new(size);
+    void* const block =
+        IsRefused(0, !s_limits_malloc) ? nullptr : std::malloc(size != 0 ? size : 1);
+    return block ? block : throw std::bad_alloc();
 }
 
 [[gnu::noinline]] void operator delete(void* block) noexcept
@@ -80,16 +81,6 @@ bool allocations::RefuseFrom(std::size_t size)
     std::free(block);
 }
 
-[[gnu::noinline]] void operator delete[](void* block) noexcept
-{
-    std::free(block);
-}
-
-[[gnu::noinline]] void operator delete[](void* block, std::size_t) noexcept
-{
-    std::free(block);
-}
-
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 
 extern "C" {
@@ -98,13 +89,6 @@ void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
 void* __libc_realloc(void* block, std::size_t size);
 void* __libc_memalign(std::size_t alignment, std::size_t size);
-
-static bool IsMallocRefused(std::size_t size)
-{
-    if (s_limits_malloc ? !IsRefused(size) : size < s_refused_from) return false;
-    errno = ENOMEM;
-    return true;
-}
 
 void* malloc(std::size_t size)
 {
@@ -124,7 +108,7 @@ void* aligned_alloc(std::size_t alignment, std::size_t size)
 // Lua relies on it that a block can be made smaller.
 void* realloc(void* block, std::size_t size)
 {
-    const bool fits = block != nullptr && malloc_usable_size(block) >= size;
+    const bool fits = block && malloc_usable_size(block) >= size;
     return !fits && IsMallocRefused(size) ? nullptr : __libc_realloc(block, size);
 }
 

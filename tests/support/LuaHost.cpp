@@ -1,22 +1,13 @@
+// A Lua state with a counting allocator; see LuaHost.h.
 #include "LuaHost.h"
 
 #include <cstdlib>
-
-const char* const kLoadModules =
-    "require 'fc'\n"
-    "vxa = require 'vxa'\n"
-    "filter, doc, handle = SLB.filter, vxa.Dom(), assert(vxa.open())\n";
 
 LuaHost::LuaHost()
 {
     l = lua_newstate(Allocate, this);
     luaL_openlibs(l);
     Run("package.cpath = '" LIBRARY_DIR "/?.so'");
-}
-
-LuaHost::~LuaHost()
-{
-    Close();
 }
 
 std::string LuaHost::Run(const std::string& chunk)
@@ -29,8 +20,7 @@ std::string LuaHost::Run(const std::string& chunk)
 
 void LuaHost::FailAfter(long allowed)
 {
-    m_failing = true;
-    m_failed = false;
+    m_failed &= allowed < 0;
     m_allowed = allowed;
 }
 
@@ -38,7 +28,7 @@ std::string LuaHost::CallFailing(int arguments, long allowed)
 {
     FailAfter(allowed);
     const int status = lua_pcall(l, arguments, LUA_MULTRET, 0);
-    StopFailing();
+    m_allowed = -1;
     const std::string error = status != LUA_OK ? lua_tostring(l, -1) : "";
     lua_settop(l, 0);
     return error;
@@ -46,14 +36,17 @@ std::string LuaHost::CallFailing(int arguments, long allowed)
 
 std::size_t LuaHost::Close()
 {
-    if (l != nullptr) lua_close(l);
+    if (l) lua_close(l);
     l = nullptr;
     return m_bytes;
 }
 
 bool LuaHost::Refuses()
 {
-    if (!m_failing || m_allowed-- > 0) return false;
+    if (m_allowed != 0) {
+        if (m_allowed > 0) --m_allowed;
+        return false;
+    }
     if (!m_failed && on_failure) on_failure();
     m_failed = true;
     return true;
@@ -62,10 +55,10 @@ bool LuaHost::Refuses()
 void* LuaHost::Allocate(void* self, void* block, std::size_t old_size, std::size_t size)
 {
     auto& host = *static_cast<LuaHost*>(self);
-    const std::size_t held = block != nullptr ? old_size : 0;
+    const std::size_t held = block ? old_size : 0;
     if (size > held && host.Refuses()) return nullptr;
     void* const moved = size != 0 ? std::realloc(block, size) : nullptr;
     if (size == 0) std::free(block);
-    if (size == 0 || moved != nullptr) host.m_bytes += size - held;
+    if (size == 0 || moved) host.m_bytes += size - held;
     return moved;
 }

@@ -1,5 +1,5 @@
-// A host program of the modules: Lua states that count what they allocate and can be made
-// to run out of memory at a given allocation. See add_lua_host in LuaTest.cmake.
+// A Lua state that counts what it allocates and can run out of memory at a given allocation, for
+// programs that host the modules. See add_lua_host in LuaTest.cmake.
 #pragma once
 
 #include <cstddef>
@@ -10,32 +10,29 @@
 
 class LuaHost {
 public:
-    // With the standard libraries and both modules' folder in package.cpath.
-    LuaHost();
-    ~LuaHost();
+    LuaHost();  // with the standard libraries, and the modules' directory in package.cpath
+    ~LuaHost() { Close(); }
     LuaHost(const LuaHost&) = delete;
     LuaHost& operator=(const LuaHost&) = delete;
 
     lua_State* l = nullptr;
 
-    // Runs a chunk; the error's text, or empty.
+    // Runs a chunk. Returns the error message, or empty.
     std::string Run(const std::string& chunk);
 
-    // From now on `allowed` allocations succeed and all that follow fail.
+    // From now on `allowed` allocations succeed and all later ones fail; -1 lifts that.
     void FailAfter(long allowed);
-    void StopFailing() { m_failing = false; }
-    bool HasFailed() const { return m_failed; }
+    bool HasFailed() const { return m_failed; }  // since FailAfter
 
-    // Called in the midst of the first allocation that fails; not for this state to be used.
+    // Called during the first allocation that fails. It must not use this state.
     std::function<void()> on_failure;
 
-    // Calls what stands on the stack under FailAfter; the error's text, or empty.
+    // Calls the function on the stack under FailAfter. Returns the error message, or empty.
     std::string CallFailing(int arguments, long allowed);
 
-    // What the state holds.
-    std::size_t Bytes() const { return m_bytes; }
+    std::size_t Bytes() const { return m_bytes; }  // allocated at the moment
 
-    // Closes the state and tells how many bytes it still held.
+    // Closes the state. Returns how many bytes it still held.
     std::size_t Close();
 
 private:
@@ -43,11 +40,13 @@ private:
     bool Refuses();
 
     std::size_t m_bytes = 0;
-    bool m_failing = false;
     bool m_failed = false;
-    long m_allowed = 0;
+    long m_allowed = -1;
 };
 
 // Loads the modules and makes `doc`, a document, `handle`, an open driver handle, and
 // `filter`, the function table.
-extern const char* const kLoadModules;
+inline constexpr const char* kLoadModules =
+    "require 'fc'\n"
+    "vxa = require 'vxa'\n"
+    "filter, doc, handle = SLB.filter, vxa.Dom(), assert(vxa.open())\n";

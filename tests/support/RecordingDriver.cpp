@@ -1,15 +1,20 @@
+// The recording driver; see RecordingDriver.h.
 #include "RecordingDriver.h"
 
 #include <sys/time.h>
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <mutex>
 #include <new>
+#include <thread>
 #include <utility>
+
+#include <lua.hpp>
 
 struct vxi_handle_ops_s {
     int unused;
@@ -18,22 +23,20 @@ struct vxi_handle_ops_s {
 namespace driver {
 namespace {
 
-// Never destroyed: the plugin may still call while the process exits.
-struct State {
+struct Recorder {
     std::mutex mutex;
     Answers answers;
-    std::map<std::string, std::size_t> made;  // since the answers were set
+    std::map<std::string, std::size_t> made;  // calls since the answers were set
     std::vector<Call> calls;
     vxi_handle_ops_s handle{};
 };
 
-State& GlobalState()
-{
-    static State* const kState = new State;
-    return *kState;
-}
+// Never destroyed: the plugin may still call while the process exits.
+Recorder& s_recorder = *new Recorder;
 
 std::atomic<std::uint64_t> s_now_us{0};
+std::atomic<bool> s_in_pairs{false};
+std::atomic<unsigned int> s_arrivals{0};
 
 struct Reply {
     int status;
@@ -50,30 +53,45 @@ T Nth(const std::map<std::string, std::vector<T>>& replies, const char* name, st
     return found->second[std::min(nth, found->second.size() - 1)];
 }
 
+// The second thread of a pair goes on a little later than the first: one does all its work up to
+// its next call before the other begins. Spins: a mutex would order what follows. A thread whose
+// partner has ended goes on after a while.
+void AwaitPartner()
+{
+    using namespace std::chrono_literals;
+    if (!s_in_pairs) return;
+    const unsigned int arrival = s_arrivals++;
+    const auto limit = std::chrono::steady_clock::now() + 200ms;
+    while (s_arrivals <= (arrival | 1u) && std::chrono::steady_clock::now() < limit)
+        std::this_thread::yield();
+    if (arrival % 2 == 1) std::this_thread::sleep_for(10ms);
+}
+
 Reply Record(const char* name, const vxi_handle_ops_s* handle, const void* bytes = nullptr,
              std::size_t size = 0, long number = 0, const void* extra = nullptr, int status = 0)
 {
-    const std::lock_guard<std::mutex> lock(GlobalState().mutex);
+    AwaitPartner();
+    const std::lock_guard<std::mutex> lock(s_recorder.mutex);
     const std::string record(static_cast<const char*>(bytes), size);
-    GlobalState().calls.push_back({name, record, number, handle == nullptr, bytes, extra});
-    const std::size_t nth = GlobalState().made[name]++;
-    return {Nth(GlobalState().answers.statuses, name, nth, status),
-            Nth(GlobalState().answers.counts, name, nth, 0u), nth};
+    s_recorder.calls.push_back({name, record, number, handle == nullptr, bytes, extra});
+    const std::size_t nth = s_recorder.made[name]++;
+    return {Nth(s_recorder.answers.statuses, name, nth, status),
+            Nth(s_recorder.answers.counts, name, nth, 0u), nth};
 }
 
 }  // namespace
 
 void SetAnswers(const Answers& answers)
 {
-    const std::lock_guard<std::mutex> lock(GlobalState().mutex);
-    GlobalState().answers = answers;
-    GlobalState().made.clear();
+    const std::lock_guard<std::mutex> lock(s_recorder.mutex);
+    s_recorder.answers = answers;
+    s_recorder.made.clear();
 }
 
 std::vector<Call> TakeCalls()
 {
-    const std::lock_guard<std::mutex> lock(GlobalState().mutex);
-    return std::exchange(GlobalState().calls, {});
+    const std::lock_guard<std::mutex> lock(s_recorder.mutex);
+    return std::exchange(s_recorder.calls, {});
 }
 
 void SetClock(std::uint64_t now_us)
@@ -81,18 +99,22 @@ void SetClock(std::uint64_t now_us)
     s_now_us = now_us;
 }
 
+void CallInPairs(bool on)
+{
+    s_in_pairs = on;
+}
+
 }  // namespace driver
 
-using driver::GlobalState;
 using driver::Record;
 using driver::Reply;
-using driver::State;
+using driver::s_recorder;
 
 vxi_handle_ops_s* vxi_open(void)
 {
-    return Record("open", &GlobalState().handle, nullptr, 0, 0, nullptr, 1).status != 0
-               ? &GlobalState().handle
-               : nullptr;
+    auto* const handle = &s_recorder.handle;
+    const bool opened = Record("open", handle, nullptr, 0, 0, nullptr, 1).status != 0;
+    return opened ? handle : nullptr;
 }
 
 void vxi_close(vxi_handle_ops_s* handle)
@@ -107,8 +129,8 @@ void vxi_close(vxi_handle_ops_s* handle)
 int vxi_get_error(vxi_handle_ops_s* handle, char* buffer, unsigned int size)
 {
     Record("get_error", handle, buffer, size, size);
-    const std::lock_guard<std::mutex> lock(GlobalState().mutex);
-    std::snprintf(buffer, size, "%s", GlobalState().answers.error.c_str());
+    const std::lock_guard<std::mutex> lock(s_recorder.mutex);
+    std::snprintf(buffer, size, "%s", s_recorder.answers.error.c_str());
     return 0;
 }
 
@@ -121,8 +143,8 @@ int vxi_get_scan_metrics(vxi_handle_ops_s* handle, scan_metrics_request* request
                          unsigned int length)
 {
     const Reply reply = Record("get_scan_metrics", handle, request, sizeof *request, length);
-    const std::lock_guard<std::mutex> lock(GlobalState().mutex);
-    const driver::Answers& answers = GlobalState().answers;
+    const std::lock_guard<std::mutex> lock(s_recorder.mutex);
+    const driver::Answers& answers = s_recorder.answers;
     request->counters = answers.counters;
     request->entries = answers.entries;
     std::copy(answers.values.begin(), answers.values.end(), request->counter);
@@ -259,22 +281,102 @@ void vxi_set_profiler(vxi_profiler_blockfilter blockfilter, vxi_profiler_running
     driver::profiler_installations += own ? 1 : 100;
 }
 
-extern "C" __attribute__((visibility("default"))) int gettimeofday(struct timeval* now,
-                                                                   void*) noexcept
+#pragma GCC visibility push(default)
+
+extern "C" int gettimeofday(struct timeval* now, void*) noexcept
 {
     timespec real{};
     clock_gettime(CLOCK_REALTIME, &real);
-    const std::uint64_t fixed_us = driver::s_now_us;
-    *now = fixed_us == 0 ? timeval{real.tv_sec, static_cast<suseconds_t>(real.tv_nsec / 1000)}
-                         : timeval{static_cast<time_t>(fixed_us / 1000000),
-                                   static_cast<suseconds_t>(fixed_us % 1000000)};
+    const std::uint64_t set_us = driver::s_now_us;
+    *now = {real.tv_sec, static_cast<suseconds_t>(real.tv_nsec / 1000)};
+    if (set_us != 0)
+        *now = {static_cast<time_t>(set_us / 1000000), static_cast<suseconds_t>(set_us % 1000000)};
     return 0;
 }
 
-extern "C" __attribute__((visibility("default"))) time_t time(time_t* result) noexcept
+extern "C" time_t time(time_t* result) noexcept
 {
     timeval now{};
     gettimeofday(&now, nullptr);
-    if (result != nullptr) *result = now.tv_sec;
+    if (result) *result = now.tv_sec;
     return now.tv_sec;
+}
+
+// ---- the Lua module ----------------------------------------------------------------------
+
+namespace {
+
+int TakeCalls(lua_State* L)
+{
+    lua_newtable(L);
+    int index = 0;
+    for (const driver::Call& call : driver::TakeCalls()) {
+        lua_newtable(L);
+        lua_pushlstring(L, call.name.data(), call.name.size());
+        lua_setfield(L, -2, "name");
+        lua_pushlstring(L, call.bytes.data(), call.bytes.size());
+        lua_setfield(L, -2, "bytes");
+        lua_pushnumber(L, static_cast<lua_Number>(call.number));
+        lua_setfield(L, -2, "number");
+        lua_pushboolean(L, call.null_handle);
+        lua_setfield(L, -2, "null_handle");
+        lua_rawseti(L, -2, ++index);
+    }
+    return 1;
+}
+
+// answer {error =, values =, counters =, entries =, CALL = STATUS...}
+int SetAnswers(lua_State* L)
+{
+    driver::Answers answers;
+    for (lua_pushnil(L); lua_next(L, 1) != 0; lua_pop(L, 1)) {
+        const std::string name = lua_tostring(L, -2);
+        if (name == "error")
+            answers.error = lua_tostring(L, -1);
+        else if (name == "counters")
+            answers.counters = static_cast<std::uint32_t>(lua_tonumber(L, -1));
+        else if (name == "entries")
+            answers.entries = static_cast<std::uint32_t>(lua_tonumber(L, -1));
+        else if (name != "values")
+            answers.statuses[name] = {static_cast<int>(lua_tointeger(L, -1))};
+        for (int j = 1; name == "values" && j <= VXI_SCAN_COUNTERS; ++j) {
+            lua_rawgeti(L, -1, j);
+            answers.values[j - 1] = static_cast<std::uint64_t>(lua_tonumber(L, -1));
+            lua_pop(L, 1);
+        }
+    }
+    driver::SetAnswers(answers);
+    return 0;
+}
+
+int SetClock(lua_State* L)
+{
+    driver::SetClock(static_cast<std::uint64_t>(luaL_checknumber(L, 1)));
+    return 0;
+}
+
+// emit(number, text, place, place_number, message) as the driver library would.
+int Emit(lua_State* L)
+{
+    char message[256];
+    std::snprintf(message, sizeof message, "%s", luaL_checkstring(L, 5));
+    const int result = driver::installed_trace_handler.load()(
+        static_cast<int>(luaL_checkinteger(L, 1)), luaL_checkstring(L, 2), luaL_checkstring(L, 3),
+        static_cast<int>(luaL_checkinteger(L, 4)), message);
+    lua_pushinteger(L, result);
+    lua_pushstring(L, message);
+    return 2;
+}
+
+}  // namespace
+
+extern "C" int luaopen_recorder(lua_State* L)
+{
+    const luaL_Reg functions[] = {{"calls", TakeCalls},
+                                  {"answer", SetAnswers},
+                                  {"clock", SetClock},
+                                  {"emit", Emit},
+                                  {nullptr, nullptr}};
+    luaL_newlib(L, functions);
+    return 1;
 }

@@ -101,7 +101,7 @@ protected:
     {
         GetParam() ? (void)allocations::AllowMalloc(n) : host.FailAfter(n);
         const int status = lua_pcall(host.l, 0, 0, 0);
-        host.StopFailing();
+        host.FailAfter(-1);
         const bool failed = GetParam() ? allocations::LiftLimit() : host.HasFailed();
         const std::string error = status != LUA_OK ? lua_tostring(host.l, -1) : "";
         EXPECT_TRUE(status == LUA_OK ||

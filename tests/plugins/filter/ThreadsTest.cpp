@@ -1,9 +1,10 @@
-// Two Lua states on two threads: cycles and queries at once.
+// Lua states on several threads: cycles and queries at once.
 
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "FakeMachine.h"
 #include "LuaHost.h"
@@ -47,31 +48,69 @@ constexpr const char* kQueries = R"(
     end
 )";
 
-TEST(Threads, CyclesAndQueriesAtOnce)
-{
-    const FakeMachine machine;
-    LuaHost cycles;
-    LuaHost more_cycles;
-    LuaHost queries;
-    for (LuaHost* host : {&cycles, &more_cycles, &queries})
-        ASSERT_EQ(
-            host->Run(std::string(kLoadModules) + "vxa.log_to('/dev/null') vxa.trace('*', true)"),
-            "");
-    // While fetches fail, every cycle configures the port again and switches thresholds off. The
-    // moments in which a lock is missed are short: fewer rounds often see none.
-    for (int round = 0; round < 16; ++round) {
-        driver::Answers answers;
-        answers.statuses["get_scan_metrics"] = {round < 12 ? -5 : 0};
-        driver::SetAnswers(answers);
-        std::string errors[3];
-        std::thread first([&] { errors[0] = cycles.Run(kCycles); });
-        std::thread second([&] { errors[1] = more_cycles.Run(kCycles); });
-        std::thread third([&] { errors[2] = queries.Run(kQueries); });
-        first.join();
-        second.join();
-        third.join();
+// Each cycle makes the same calls of the driver, and `lead` moves this thread on against the other.
+constexpr const char* kPairedCycles = R"(
+    local function ask(count) for _ = 1, count do handle:available() end end
+    ask(lead)
+    for i = 1, 5 do
+        filter.CheckSystemHealthMetrics(doc, 'Deactivated', '{"SYS_CONF_CONN_REFUSAL_PORT": 1111}')
+    end
+    ask(2 - lead)
+)";
+
+class Threads : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        for (LuaHost& host : m_hosts)
+            ASSERT_EQ(host.Run(kLoadModules +
+                               std::string("vxa.log_to('/dev/null') vxa.trace('*', true)")),
+                      "");
+    }
+
+    // Runs each chunk on a state and a thread of its own.
+    void RunAtOnce(const std::vector<std::string>& chunks)
+    {
+        std::vector<std::string> errors(chunks.size());
+        std::vector<std::thread> threads;
+        for (std::size_t i = 0; i < chunks.size(); ++i)
+            threads.emplace_back([&, i] { errors[i] = m_hosts[i].Run(chunks[i]); });
+        for (std::thread& thread : threads) thread.join();
         for (const std::string& error : errors) EXPECT_EQ(error, "");
     }
+
+    static void AnswerFetches(int status)
+    {
+        driver::Answers answers;
+        answers.statuses["get_scan_metrics"] = {status};
+        driver::SetAnswers(answers);
+    }
+
+    const FakeMachine m_machine;
+    LuaHost m_hosts[3];
+};
+
+// While fetches fail, every cycle configures the port again and switches thresholds off.
+TEST_F(Threads, CyclesAndQueriesAtOnce)
+{
+    for (int round = 0; round < 8; ++round) {
+        AnswerFetches(round < 6 ? -5 : 0);
+        RunAtOnce({kCycles, kCycles, kQueries});
+    }
+}
+
+// Whatever a cycle does between two calls of the driver, it does at the same time as whatever
+// another does: a race detector finds each lock that is missing there.
+TEST_F(Threads, EachPartOfACycleBesideEachOther)
+{
+    driver::CallInPairs(true);
+    for (const int status : {-5, 0})
+        for (const char* lead : {"lead = 0 ", "lead = 1 ", "lead = 2 "}) {
+            AnswerFetches(status);
+            RunAtOnce(
+                {std::string("lead = 0 ") + kPairedCycles, lead + std::string(kPairedCycles)});
+        }
+    driver::CallInPairs(false);
 }
 
 }  // namespace

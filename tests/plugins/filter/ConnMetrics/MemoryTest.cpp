@@ -88,7 +88,7 @@ protected:
         EXPECT_EQ(luaL_loadstring(host.l, chunk), 0);
         only_lua ? host.FailAfter(n) : (void)allocations::AllowMalloc(n);
         const int status = lua_pcall(host.l, 0, 0, 0);
-        host.StopFailing();
+        host.FailAfter(-1);
         m_failed = only_lua ? host.HasFailed() : allocations::LiftLimit();
         const std::string error = status != LUA_OK ? lua_tostring(host.l, -1) : "";
         lua_settop(host.l, 0);
