@@ -24,10 +24,7 @@ extern "C" __attribute__((visibility("default"))) int openat(int folder, const c
     va_start(more, flags);
     const auto mode = va_arg(more, mode_t);
     va_end(more);
-    if ((flags & O_TMPFILE) == O_TMPFILE && !supports_tmpfile) {
-        errno = EOPNOTSUPP;
-        return -1;
-    }
+    if ((flags & O_TMPFILE) == O_TMPFILE && !supports_tmpfile) path = "/proc/none";
     return static_cast<int>(syscall(SYS_openat, folder, path, flags, mode));
 }
 
@@ -35,23 +32,22 @@ namespace {
 
 using VxaCore::Host::IfExists;
 using VxaCore::Host::PendingFile;
-using Names = std::set<std::string>;
 
 class Pending : public testing::TestWithParam<bool> {
 protected:
     Pending() { supports_tmpfile = GetParam(); }
     ~Pending() override { supports_tmpfile = true; }
 
-    std::string Path(const std::string& name) const { return m_scratch.Path("folder/" + name); }
-    Names Folder() const
+    std::string Path(const std::string& name) const { return m_folder + name; }
+    std::set<std::string> Folder() const
     {
-        Names names;
-        for (const auto& entry : std::filesystem::directory_iterator(Path("")))
+        std::set<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(m_folder))
             names.insert(entry.path().filename());
         return names;
     }
     // Writes "new" and publishes the file; returns the error.
-    static std::string Publish(PendingFile& file, IfExists if_exists)
+    static std::string Publish(PendingFile&& file, IfExists if_exists)
     try {
         EXPECT_EQ(write(file.Descriptor(), "new", 3), 3);
         file.Publish(if_exists);
@@ -61,12 +57,12 @@ protected:
     }
     std::string Write(const std::string& name, IfExists if_exists) const
     {
-        PendingFile file(Path(name));
-        return Publish(file, if_exists);
+        return Publish(PendingFile(Path(name)), if_exists);
     }
 
     const ScratchDirectory m_scratch;
-    const bool m_made = std::filesystem::create_directory(Path(""));
+    const std::string m_folder = m_scratch.Path("folder/");
+    const bool m_made = std::filesystem::create_directory(m_folder);
 };
 
 TEST_P(Pending, IsNamedWhenItIsComplete)
@@ -86,7 +82,7 @@ TEST_P(Pending, IsNamedWhenItIsComplete)
     EXPECT_EQ(Write("a", IfExists::kReplace), "");
     EXPECT_EQ(ReadText(Path("a")), "new");
     PendingFile(Path("never published"));
-    EXPECT_EQ(Folder(), (Names{"a", "a.part3", "a.part4", "a.partx", "b.part1"}));
+    EXPECT_EQ(Folder(), (std::set<std::string>{"a", "a.part3", "a.part4", "a.partx", "b.part1"}));
     close(used);
     for (const IfExists if_exists : {IfExists::kFail, IfExists::kReplace})
         EXPECT_EQ(Write(std::string(255, 'n'), if_exists), "");
@@ -105,7 +101,7 @@ TEST_P(Pending, NeverWritesThroughALink)
         std::filesystem::rename(Path(name), Path("moved"));
         std::filesystem::create_symlink(victim, Path(name));
     }
-    EXPECT_EQ(Publish(file, IfExists::kReplace).empty(), GetParam());
+    EXPECT_EQ(Publish(std::move(file), IfExists::kReplace).empty(), GetParam());
     EXPECT_EQ(ReadText(victim), "kept");
 }
 
@@ -113,12 +109,12 @@ TEST_P(Pending, DoesNotReadTheFolder)
 {
     constexpr uid_t kNobody = 65534;  // root may read every folder
     const uid_t user = geteuid();
-    ASSERT_EQ(chmod(m_scratch.Path("").c_str(), 0755) + chmod(Path("").c_str(), 0300), 0);
-    const bool is_privileged = chown(Path("").c_str(), kNobody, kNobody) == 0;
+    ASSERT_EQ(chmod(m_scratch.Path("").c_str(), 0755) + chmod(m_folder.c_str(), 0300), 0);
+    const bool is_privileged = chown(m_folder.c_str(), kNobody, kNobody) == 0;
     ASSERT_EQ(is_privileged ? seteuid(kNobody) : 0, 0);
     EXPECT_EQ(Write("a", IfExists::kFail), "");
     ASSERT_EQ(is_privileged ? seteuid(user) : 0, 0);
-    chmod(Path("").c_str(), 0700);
+    chmod(m_folder.c_str(), 0700);
     EXPECT_EQ(ReadText(Path("a")), "new");
 }
 

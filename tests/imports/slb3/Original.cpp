@@ -1,5 +1,5 @@
-// A library of an agent that uses the original SLB3: `make` gives a document as an object
-// in that form, `take` works with one that was made elsewhere.
+// A library built with the original SLB3: `make` returns a document as an object in its form,
+// `take` works with one that was made elsewhere.
 #include <lua.hpp>
 
 #include "VxaCore/Dom.h"
@@ -11,21 +11,15 @@ using SLB3::internal::ObjHeader;
 using VxaCore::CDom;
 using Policy = SLB3::policy::NoDelete::Implementation<CDom>;
 
-// The agent's libraries need not share one: this is not libvxa_core's.
-void* UnpackOwn(const SLB3::Object& object)
-{
-    return Policy::Unpack({object.header, object.data});
-}
-
 int Make(lua_State* L)
 {
     static CDom document(CDom::Store::InMemory());
     auto* header = static_cast<ObjHeader*>(lua_newuserdata(L, sizeof(ObjHeader) + sizeof(CDom*)));
-    *header = {2, 0, UnpackOwn, nullptr};
+    // Not the address of libvxa_core's function: an agent's libraries need not share it.
+    *header = {2, 0, [](const SLB3::Object& object) { return Policy::Unpack(object); }, nullptr};
     *reinterpret_cast<CDom**>(header + 1) = &document;
-    const char* name = SLB3::Wrapper<CDom>::GetName();
-    luaL_newmetatable(L, name);
-    lua_pushstring(L, name);
+    luaL_newmetatable(L, "SLB.Dom");
+    lua_pushstring(L, "SLB.Dom");
     lua_setfield(L, -2, "__class");
     lua_setmetatable(L, -2);
     return 1;
@@ -34,7 +28,7 @@ int Make(lua_State* L)
 int Take(lua_State* L)
 {
     auto* header = static_cast<ObjHeader*>(lua_touserdata(L, 1));
-    // How the original knows a class.
+    // The original identifies a class by this address.
     luaL_argcheck(L, header && header->unpack == &Policy::Unpack, 1, "SLB.Dom object expected");
     auto* document = static_cast<CDom*>(header->unpack({header, header + 1}));
     document->Set("taken", true);

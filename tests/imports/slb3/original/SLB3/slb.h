@@ -1,6 +1,5 @@
-// Objects in the form of the original library, written apart from the subset's headers:
-// just enough of it for the agent's headers. Like the original it says nothing of
-// visibility.
+// As much of the original library as the agent's headers use, written apart from the subset: the
+// layout of its objects and, like the original, no visibility attributes.
 #pragma once
 
 namespace SLB3 {
@@ -9,43 +8,27 @@ namespace internal {
 struct ObjHeader;
 }
 
-// What the class's function gets: made for the call, it is not the userdata block.
 struct Object {
     internal::ObjHeader* header;
     void* data;
 };
 
-namespace internal {
-struct ObjHeader {
+struct internal::ObjHeader {
     unsigned type : 2;
     unsigned flags : 30;
     void* (*unpack)(const Object& object);
     const void* parents;
 };
-}  // namespace internal
 
 namespace policy {
 struct NoDelete {
     template <typename T>
     struct Implementation {
-        static void* Unpack(const Object& object)
-        {
-            return object.header->type >= 2 ? *static_cast<void**>(object.data) : nullptr;
-        }
+        static void* Unpack(const Object& object) { return *static_cast<void**>(object.data); }
     };
 };
 }  // namespace policy
 
-template <typename T>
-struct Wrapper;
-
 }  // namespace SLB3
 
-#define SLB3_DECLARATION(Type, Name, Policy_)         \
-    namespace SLB3 {                                  \
-    template <>                                       \
-    struct Wrapper<Type> {                            \
-        typedef Policy_ Policy;                       \
-        static const char* GetName() { return Name; } \
-    };                                                \
-    }
+#define SLB3_DECLARATION(Type, Name, Policy)
