@@ -1,14 +1,12 @@
-// Lua, as every other header of this library sees it.
+// Includes Lua, and conventions of all headers of this library.
 //
-// The headers need C++17 and Lua 5.2 or later. Each function of the library that takes
-// a lua_State carries the Lua manual's mark [-o, +p, x]: values popped, values pushed,
-// and how it may raise: "-" never, "m" on lack of memory, "e" other errors too, "v" on
-// purpose. A state is used by one thread at a time, as Lua demands; the library itself
-// keeps no mutable data outside the state.
+// The headers need C++17 and Lua 5.2 or later. Functions that take a lua_State are marked with
+// [-o, +p, x], the notation of the Lua manual, chapter 4.8: values popped, values pushed, and
+// when it raises: "-" never, "m" out of memory, "e" other errors too, "v" on purpose. As in Lua,
+// one thread at a time may use a state; the library keeps no mutable data outside the state.
 //
-// A function that raises may leave by longjmp, which skips destructors. What the
-// library itself holds at that moment is released first; a caller's own objects with
-// destructors must not be alive there.
+// A function that raises may leave with longjmp, which skips destructors. The library releases
+// what it holds first; the caller must have no live objects with destructors.
 #pragma once
 
 extern "C" {
@@ -22,6 +20,6 @@ extern "C" {
 #error "SLB3 needs Lua 5.2 or later"
 #endif
 
-// On templates with static records: exported, these would be process-wide unique
-// symbols, which keep the library that holds them from ever being unloaded.
+// For templates with static records: exported, these would be STB_GNU_UNIQUE symbols, and the
+// loader never unloads a library that has some.
 #define SLB3_INTERNAL_LOCAL __attribute__((visibility("hidden")))

@@ -3,20 +3,20 @@
 //     class Dom;                                               // complete or not
 //     SLB3_DECLARATION(Dom, "SLB.Dom", policy::NoDelete)       // at global scope
 //
-// That is all that a library needs to take objects of the class from scripts. The
-// library that owns the class also defines its methods, with SLB3_IMPLEMENTATION.
+// A library that only takes objects of the class from scripts needs nothing more. The library
+// that owns the class also defines its methods, with SLB3_IMPLEMENTATION.
 //
 // In a header shared between libraries add
 //
 //     extern template struct API SLB3::policy::NoDelete::Implementation<Dom>;
 //
-// where API gives default visibility, and in one source of the library that owns the class
+// where API sets default visibility, and in one source of the library that owns the class
 //
 //     template struct SLB3::policy::NoDelete::Implementation<Dom>;
 //
-// These headers recognise a class by its metatable and work without the two lines; the
-// original library tells classes apart by the address of a function in there, which must
-// be one in the whole process.
+// These headers identify a class by its metatable and work without the two lines. The original
+// library identifies it by the address of a function in there, which must be the same in the
+// whole process.
 #pragma once
 
 #include "SLB3/objectheader.h"
@@ -28,29 +28,29 @@ template <typename T>
 class Class;
 }
 
-// What SLB3_DECLARATION says about a class. Only specialisations are defined: a class
-// that was never declared does not compile where it is used.
+// What SLB3_DECLARATION declares. Only specialisations are defined, so that a class without a
+// declaration does not compile.
 template <typename T>
 struct Wrapper;
 
-// Registers the class in this state unless it is already: metatable `GetName()` in the
-// registry, class table as the global of that (dotted) name, then the body given to
-// SLB3_IMPLEMENTATION. Pushing an object does it too. An error on the way leaves the
-// class unregistered, to be tried again. Defined in implementation.h. [-0, +0, e]
+// Registers the class in this state unless it is registered: the metatable `GetName()` in the
+// registry, the class table as the global of that (dotted) name, then runs the body of
+// SLB3_IMPLEMENTATION. Pushing an object registers its class too. After an error the class is
+// not registered and can be tried again. Defined in implementation.h. [-0, +0, e]
 template <typename T>
 void Register(lua_State* L);
 
 namespace policy {
 
-// Scripts hold pointers only; the objects belong to someone else.
+// Scripts hold pointers only and never delete the objects.
 struct NoDelete {
     template <typename T>
     struct Implementation {
         static void* Unpack(const Object& object)
         {
             const unsigned type = object.header->type;
-            const bool stored = type == internal::kPointer || type == internal::kConstPointer;
-            return stored ? *static_cast<void**>(object.data) : nullptr;
+            const bool is_pointer = type == internal::kPointer || type == internal::kConstPointer;
+            return is_pointer ? *static_cast<void**>(object.data) : nullptr;
         }
     };
 };

@@ -14,15 +14,14 @@
 namespace SLB3 {
 namespace internal {
 
-// What SLB3_IMPLEMENTATION fills: the class table that scripts see. Its fields are what
-// objects answer to as methods.
+// The class table, which SLB3_IMPLEMENTATION fills. Its fields are the methods of objects.
 template <typename T>
 class Class : public Namespace {
 public:
     explicit Class(lua_State* L) : Namespace(L, Wrapper<T>::GetName()) {}
 };
 
-// The objects' metatable; it is in the registry and recognised from here on. [-0, +0, m]
+// Makes the metatable of the class's objects in the registry. [-0, +0, m]
 inline void MakeMetatable(lua_State* L, const char* name)
 {
     luaL_newmetatable(L, name);
@@ -33,28 +32,28 @@ inline void MakeMetatable(lua_State* L, const char* name)
     lua_pop(L, 1);
 }
 
-// Whether the registry has the class; an error when the name belongs to a metatable
-// of something else. [-0, +0, v]
+// Returns whether the class is registered; raises an error if the name belongs to a metatable of
+// something else. [-0, +0, v]
 inline bool IsRegistered(lua_State* L, const char* name)
 {
     PushRegistered(L, name);
-    const bool found = !lua_isnil(L, -1);
-    if (found && !(lua_istable(L, -1) && IsClassMetatable(L)))
+    const bool is_found = !lua_isnil(L, -1);
+    if (is_found && !(lua_istable(L, -1) && IsClassMetatable(L)))
         luaL_error(L, "the name '%s' is taken by a metatable that is not an SLB3 class", name);
     lua_pop(L, 1);
-    return found;
+    return is_found;
 }
 
-// Takes a half-registered class out of the registry. The name and an error value are
-// on top. [-2, +1, m]
+// Removes a half-registered class from the registry. The name and an error value are on top; the
+// error value stays. [-2, +1, m]
 inline void Unregister(lua_State* L)
 {
     lua_insert(L, -2);
     lua_pushvalue(L, -1);
     lua_rawget(L, LUA_REGISTRYINDEX);
-    const bool published = !lua_isnil(L, -1);
+    const bool is_in_registry = !lua_isnil(L, -1);
     lua_pop(L, 1);
-    if (published) {
+    if (is_in_registry) {
         lua_pushnil(L);
         lua_rawset(L, LUA_REGISTRYINDEX);
     } else {
@@ -70,7 +69,7 @@ void Register(lua_State* L)
     const char* name = Wrapper<T>::GetName();
     luaL_checkstack(L, 8, "no room to register a class");
     if (internal::IsRegistered(L, name)) return;
-    // Pushed beforehand: removing the class again must not need memory.
+    // Pushed now: removing the class after an error must not need memory.
     lua_pushstring(L, name);
     auto body = [name](lua_State* S) {
         internal::MakeMetatable(S, name);

@@ -1,11 +1,11 @@
-// What a function registered with Lua is, at run time.
+// Type records of functions registered with Lua.
 #pragma once
 
 #include "SLB3/config.h"
 
 namespace SLB3 {
 
-// One constant record per type, shared by all states and threads; never freed.
+// There is one constant record per type, shared by all states and threads and never freed.
 struct BaseInfo {
     enum Type {
         kType_unknown,
@@ -17,11 +17,11 @@ struct BaseInfo {
     virtual Type type() const { return kType_unknown; }
     // "int"; "function" for functions.
     virtual const char* name() const { return "unknown"; }
-    // Functions only; -1 for everything else.
+    // -1 if this is not a function.
     virtual int num_args() const { return -1; }
-    // `num_args()` records; null when there are none.
+    // `num_args()` records; null if there are none.
     virtual const BaseInfo* const* args() const { return nullptr; }
-    // Null for everything that is not a function.
+    // Null if this is not a function.
     virtual const BaseInfo* type_returned() const { return nullptr; }
 
 protected:
@@ -40,7 +40,7 @@ struct Info<int> final : BaseInfo {
 
 namespace internal {
 
-// The shared record of T.
+// Returns the record of T.
 template <typename T>
 SLB3_INTERNAL_LOCAL const BaseInfo* InfoOf()
 {
@@ -58,20 +58,19 @@ struct Info<R (*)()> final : BaseInfo {
     const BaseInfo* type_returned() const override { return internal::InfoOf<R>(); }
 };
 
-// The record of the function at a stack index when it was registered by these headers
-// in the same shared library, with two upvalues; else null. [-0, +0, -], needs one
-// free stack slot.
+// Returns the record of the function at a stack index if it was registered by these headers in
+// the same shared library, with two upvalues; else null. [-0, +0, -], needs one free stack slot.
 const BaseInfo* GetInfo(lua_State* L, int index);
 
 namespace internal {
 
-// A function's second upvalue. The address of GetInfo tells it from other libraries'
-// upvalues.
+// A function's second upvalue. The address of GetInfo distinguishes it from upvalues of other
+// libraries.
 struct InfoUpvalue {
     const BaseInfo* (*reader)(lua_State*, int);
     const BaseInfo* info;
 };
-static_assert(sizeof(InfoUpvalue) == 16, "part of what functions look like to others");
+static_assert(sizeof(InfoUpvalue) == 16, "the same as in the original library");
 
 // [-0, +1, m]
 inline void PushInfoUpvalue(lua_State* L, const BaseInfo* info)
@@ -85,7 +84,7 @@ inline void PushInfoUpvalue(lua_State* L, const BaseInfo* info)
 
 inline const BaseInfo* GetInfo(lua_State* L, int index)
 {
-    if (!lua_iscfunction(L, index) || lua_getupvalue(L, index, 2) == nullptr) return nullptr;
+    if (!lua_iscfunction(L, index) || !lua_getupvalue(L, index, 2)) return nullptr;
     const BaseInfo* info = nullptr;
     if (lua_type(L, -1) == LUA_TUSERDATA && lua_rawlen(L, -1) == sizeof(internal::InfoUpvalue)) {
         auto* upvalue = static_cast<const internal::InfoUpvalue*>(lua_touserdata(L, -1));

@@ -1,4 +1,4 @@
-// Objects as Lua holds them, and getting pointers back out of the Lua stack.
+// The layout of objects in Lua, and getting pointers back from the Lua stack.
 #pragma once
 
 #include <cstddef>
@@ -16,10 +16,10 @@ namespace internal {
 struct ObjHeader;
 }
 
-// An object as its class's function takes it: made for the call from a userdata block.
+// The argument of ObjHeader::unpack, made for the call from a userdata block.
 struct Object {
     internal::ObjHeader* header;
-    void* data;  // right after the header
+    void* data;  // follows the header
 };
 
 namespace internal {
@@ -31,17 +31,17 @@ enum ObjectType : unsigned {
     kConstPointer = 3,  // a const T* follows, possibly null
 };
 
-// The head of every object's userdata block; the data follow it. The layout is shared
-// with the original library: objects made there are understood here, and the reverse.
+// The start of every object's userdata block; the data follow it. The original library has the
+// same layout, so that each accepts objects of the other.
 struct ObjHeader {
     unsigned type : 2;
     unsigned flags : 30;
     void* (*unpack)(const Object& object);
-    const void* parents;  // the original's base classes; none here
+    const void* parents;  // base classes, in objects of the original library
 };
 static_assert(sizeof(ObjHeader) == 24 && offsetof(ObjHeader, unpack) == 8 &&
                   offsetof(ObjHeader, parents) == 16 && sizeof(Object) == 16,
-              "objects cross shared libraries: their layout is fixed");
+              "objects are shared between libraries");
 
 // Pushes registry[name] without metamethods. [-0, +1, m]
 inline void PushRegistered(lua_State* L, const char* name)
@@ -50,20 +50,20 @@ inline void PushRegistered(lua_State* L, const char* name)
     lua_rawget(L, LUA_REGISTRYINDEX);
 }
 
-// Whether the table on top is the registry's for the string in its own `__class`. Raw
-// accesses only: a metatable may come from a script. [-0, +0, m]
+// Returns whether the table on top is in the registry under the string in its own `__class`.
+// Accesses are raw, because a metatable can come from a script. [-0, +0, m]
 inline bool IsClassMetatable(lua_State* L)
 {
     lua_pushliteral(L, "__class");
     lua_rawget(L, -2);
     if (lua_type(L, -1) == LUA_TSTRING) lua_rawget(L, LUA_REGISTRYINDEX);
-    const bool same = lua_rawequal(L, -1, -2) != 0;
+    const bool is_class = lua_rawequal(L, -1, -2) != 0;
     lua_pop(L, 1);
-    return same;
+    return is_class;
 }
 
-// The object at `index` with its metatable pushed, or null with nothing pushed for
-// everything else, other libraries' userdata included. [-0, +(0|1), m]
+// Returns the object at `index` and pushes its metatable; returns null and pushes nothing for
+// anything else, userdata of other libraries included. [-0, +(0|1), m]
 inline ObjHeader* PushMetatableOfObject(lua_State* L, int index)
 {
     if (lua_type(L, index) != LUA_TUSERDATA || lua_rawlen(L, index) < sizeof(ObjHeader))
@@ -79,16 +79,16 @@ inline ObjHeader* PushMetatableOfObject(lua_State* L, int index)
 inline std::pair<void*, bool> GetOrConvert(lua_State* L, int index, const char* name)
 {
     ObjHeader* header = PushMetatableOfObject(L, index);
-    if (header == nullptr) return std::pair<void*, bool>(nullptr, true);
+    if (!header) return std::pair<void*, bool>(nullptr, true);
     PushRegistered(L, name);
-    const bool same_class = lua_rawequal(L, -1, -2) != 0;
+    const bool is_same_class = lua_rawequal(L, -1, -2) != 0;
     lua_pop(L, 2);
-    if (!same_class) return std::pair<void*, bool>(nullptr, false);
+    if (!is_same_class) return std::pair<void*, bool>(nullptr, false);
     void* found = header->unpack(Object{header, header + 1});
     return std::pair<void*, bool>(found, header->type == kConstPointer);
 }
 
-// The object of class T at a stack index, and whether it is const.
+// Returns the object of class T at a stack index, and whether it is const.
 //
 //   T*, T&, instance of T          pointer, false
 //   const T*, const T&             pointer, true
@@ -96,10 +96,10 @@ inline std::pair<void*, bool> GetOrConvert(lua_State* L, int index, const char* 
 //   an object of another class     null, false
 //   anything else                  null, true
 //
-// "Anything else" includes userdata of other libraries: they are never looked into. An
-// object is recognised by its metatable, whichever shared library made it. The pointer
-// belongs to the maker of the object and is valid while the value is on the stack and
-// its owner keeps it. [-0, +0, m], needs two free stack slots.
+// "Anything else" includes userdata of other libraries, whose content is never read. A class is
+// identified by its metatable, whichever shared library made the object. The caller does not own
+// the pointer; it is valid while the value is on the stack and its owner keeps it. [-0, +0, m],
+// needs two free stack slots.
 template <typename T>
 std::pair<T*, bool> GetOrConvertPtr(lua_State* L, int index)
 {

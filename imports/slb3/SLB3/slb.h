@@ -1,4 +1,4 @@
-// Everything: declaring classes, registering them, functions and their type records.
+// Includes the whole library.
 #pragma once
 
 #include "SLB3/declaration.h"

@@ -7,25 +7,23 @@
 
 namespace SLB3 {
 
-// Made by Namespace. Every call leaves the stack as it was; all work from coroutines.
+// Base of Namespace. Every call leaves the stack unchanged and can be made from a coroutine. Must
+// not outlive the state (or coroutine) that it was made with.
 //
-// A table object must not outlive the state (or coroutine) that it was made with.
-//
-// The Lua table hangs from a registry entry, keyed by this object's address. The
-// destructor removes it. Where Lua raises by longjmp, destructors do not run; so a call
-// below that raises removes the entry first, and the object is of no further use then.
-// Only an error raised by something else while a Table is alive leaves its entry, until
-// the next Table at the same address replaces it. An error passed on this way keeps its
-// value, but a memory error arrives with the status of other errors.
+// The Lua table is in the registry under this object's address; the destructor removes it. If Lua
+// raises with longjmp, the destructor does not run; so a call below that raises removes the entry
+// first, and the object cannot be used after that. If anything else raises an error while a Table
+// is alive, its entry stays until the next Table at the same address replaces it. Errors keep their
+// value, but a memory error gets the status of other errors.
 class Table {
 public:
     Table(const Table&) = delete;
     Table& operator=(const Table&) = delete;
-    ~Table() { release(); }
+    ~Table() { Release(); }
 
-    // Stores a value under `name`, pushed as Value<T> does; a dot in the name is an
-    // ordinary character. `__newindex` of the table is honoured. Returns the table
-    // itself, for chains. [-0, +0, e]
+    // Sets the field `name`, with the table's `__newindex` if it has one, to the value that
+    // Value<T> pushes. A dot in the name is an ordinary character. Returns this table, for
+    // chaining. [-0, +0, e]
     template <typename T>
     Table& set(const char* name, T value)
     {
@@ -38,39 +36,39 @@ public:
             return 0;
         };
         if (!lua_checkstack(m_state, LUA_MINSTACK)) {
-            release();
+            Release();
             luaL_error(m_state, "stack overflow (no room to fill a table)");
         }
         if (internal::RunProtected(m_state, store) != LUA_OK) {
-            release();
+            Release();
             lua_error(m_state);
         }
         return *this;
     }
 
 protected:
-    // Holds nothing yet.
+    // Refers to no table yet.
     explicit Table(lua_State* L) : m_state(L) {}
 
-    // Takes the table on top. [-1, +0, m]
-    void hold(lua_State* L)
+    // Pops the table to refer to. [-1, +0, m]
+    void Hold(lua_State* L)
     {
         lua_rawsetp(L, LUA_REGISTRYINDEX, this);
-        m_held = true;
+        m_isHeld = true;
     }
 
 private:
-    // Setting an existing key to nil allocates nothing. [-0, +0, -]
-    void release()
+    // Setting an existing field to nil does not allocate. [-0, +0, -]
+    void Release()
     {
-        if (!m_held) return;
-        m_held = false;
+        if (!m_isHeld) return;
+        m_isHeld = false;
         lua_pushnil(m_state);
         lua_rawsetp(m_state, LUA_REGISTRYINDEX, this);
     }
 
     lua_State* m_state;
-    bool m_held = false;
+    bool m_isHeld = false;
 };
 
 }  // namespace SLB3

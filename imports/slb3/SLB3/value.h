@@ -1,4 +1,4 @@
-// Values pushed to Lua, and C++ functions called from it.
+// Pushing values to Lua, and calling C++ functions from it.
 #pragma once
 
 #include <new>
@@ -15,24 +15,24 @@ namespace SLB3 {
 //
 //   int                           number
 //   lua_CFunction                 the function, without upvalues
-//   other functions               a closure over Function<T>::Call with two upvalues:
-//                                 the pointer, the type's record
-//   T*                            an object that points to `value`; a null T* is nil
-//   const T*                      the same, const; a null const T* is an object too
+//   other functions               a closure over Function<T>::Call with two upvalues: the
+//                                 pointer and the type's record
+//   T*                            an object that points to `value`; nil for null
+//   const T*                      the same, const; an object for null, too
 //
-// What a pointer points to must outlive the Lua object. Objects need SLB3/slb.h.
+// The C++ object must outlive the Lua object. Objects need SLB3/slb.h.
 template <typename T>
 struct Value;
 
-// Function<T>::Call is the lua_CFunction of a function pointer of type T: ignores
-// arguments, calls, pushes the result. A std::exception thrown by the function becomes
-// a Lua error with its text. [-0, +1, v]
+// Function<T>::Call is the lua_CFunction for function pointers of type T: ignores arguments, calls
+// the function and pushes its result. A std::exception becomes a Lua error with its message.
+// [-0, +1, v]
 template <typename T>
 struct Function;
 
 namespace internal {
 
-// A closure over `call` with the function pointer and its record as upvalues. [-0, +1, m]
+// Pushes a closure over `call` with the function pointer and its record as upvalues. [-0, +1, m]
 template <typename T>
 void PushRAWFunc(lua_State* L, T function, lua_CFunction call)
 {
@@ -41,7 +41,7 @@ void PushRAWFunc(lua_State* L, T function, lua_CFunction call)
     lua_pushcclosure(L, call, 2);
 }
 
-// [-0, +1, e]
+// Pushes an object of type kPointer or kConstPointer. [-0, +1, e]
 template <typename T>
 void PushPointer(lua_State* L, const T* pointer, ObjectType type)
 {
@@ -90,7 +90,7 @@ template <typename T>
 struct Value<T*> {
     static void Push(lua_State* L, T* value)
     {
-        if (value == nullptr)
+        if (!value)
             lua_pushnil(L);
         else
             internal::PushPointer<T>(L, value, internal::kPointer);

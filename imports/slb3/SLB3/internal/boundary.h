@@ -1,4 +1,4 @@
-// What crosses between Lua and C++: errors one way, exceptions the other.
+// Lua errors caught for C++, and C++ exceptions turned into Lua errors.
 #pragma once
 
 #include <cstdio>
@@ -15,12 +15,12 @@ int ProtectedBody(lua_State* L)
     return (*static_cast<Body*>(lua_touserdata(L, 1)))(L);
 }
 
-// Runs `int body(lua_State*)` in a protected call with a stack frame of its own; its
-// results come out on top. Returns lua_pcall's status; when that is not LUA_OK, the
-// error value is on top. [-0, +n, -], needs two free stack slots.
+// Runs `int body(lua_State*)` in a protected call and pushes its results. Returns lua_pcall's
+// status; if that is not LUA_OK, the error value is on top. [-0, +n, -], needs two free stack
+// slots.
 //
-// The caller can then release what it holds and pass the error on with lua_error. The
-// error value stays the same; that it was a memory error shows in its text only.
+// The caller can then release what it holds and raise the error value again with lua_error. The
+// status of a memory error is lost then, its message is not.
 template <typename Body>
 int RunProtected(lua_State* L, Body& body)
 {
@@ -29,8 +29,8 @@ int RunProtected(lua_State* L, Body& body)
     return lua_pcall(L, 1, LUA_MULTRET, 0);
 }
 
-// Runs `body`; a std::exception becomes a Lua error with its text. Nothing else is caught:
-// where Lua is built as C++ a catch-all would swallow Lua's own errors. [-0, +0, v]
+// Runs `body`; a std::exception becomes a Lua error with its message. Nothing else is caught: if
+// Lua is built as C++, its errors are exceptions. [-0, +0, v]
 template <typename Body>
 void Guarded(lua_State* L, Body&& body)
 {
@@ -41,7 +41,7 @@ void Guarded(lua_State* L, Body&& body)
     } catch (const std::exception& e) {
         std::snprintf(message, sizeof message, "%s", e.what());
     }
-    // The exception is gone by now: nothing is alive when Lua jumps.
+    // The exception is destroyed by now: longjmp would not destroy it.
     luaL_error(L, "%s", message);
 }
 
