@@ -18,7 +18,7 @@ namespace vxi {
 namespace {
 
 // The kernel fills up to 32 KiB per datagram of a dump (netlink_dump in net/netlink/af_netlink.c).
-constexpr std::size_t kBufferSize = 64 * 1024;
+constexpr std::size_t kBufferSize = std::size_t{64} * 1024;
 constexpr unsigned kDatagramsMax = 65536;
 constexpr unsigned kRetriesMax = 5;
 

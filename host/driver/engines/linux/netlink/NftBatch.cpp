@@ -15,7 +15,7 @@ namespace vxi {
 
 namespace {
 
-constexpr std::size_t kBatchSize = 64 * 1024;
+constexpr std::size_t kBatchSize = std::size_t{64} * 1024;
 constexpr std::size_t kMessageSizeMax = 4096;  // the largest rule takes a tenth of it
 
 }  // namespace

@@ -179,7 +179,8 @@ void AppendEntries(std::vector<vxa_blacklist_entry_s>&& entries, BlacklistSnapsh
 {
     const std::size_t fitting = std::min(entries.size(), kEntriesMax - snapshot.entries.size());
     snapshot.dropped += entries.size() - fitting;
-    snapshot.entries.insert(snapshot.entries.end(), entries.begin(), entries.begin() + fitting);
+    snapshot.entries.insert(snapshot.entries.end(), entries.begin(),
+                            entries.begin() + static_cast<std::ptrdiff_t>(fitting));
 }
 
 void ReadSet(Netlink& netlink, const BlacklistSet& set, BlacklistSnapshot& snapshot)

@@ -112,9 +112,7 @@ std::uint32_t FillProfile(vxi_handle_ops_s* handle, std::uint32_t room, char* de
     if (!json) {
         throw Error(-ENODATA, "no snapshot: ask for the size first");
     }
-    const auto size = static_cast<std::uint32_t>(std::min<std::size_t>(room, json->size()));
-    memcpy(destination, json->data(), size);
-    return size;
+    return static_cast<std::uint32_t>(json->copy(destination, room));
 }
 
 }  // namespace

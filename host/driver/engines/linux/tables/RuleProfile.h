@@ -67,7 +67,7 @@ public:
 private:
     std::optional<std::string> Profile() const;
 
-    const RuleProfiler* const m_inherited;
+    [[maybe_unused]] const RuleProfiler* const m_inherited;
     mutable std::mutex m_mutex;  // guards everything below
     std::uint32_t m_value = 0;
     RuleCounts m_before;

@@ -104,7 +104,7 @@ int MillisecondsUntil(Clock::time_point deadline)
 // Everything until the child closes its end of the pipe.
 std::string ReadAll(int input)
 {
-    constexpr std::size_t kChunk = 64 * 1024;
+    constexpr std::size_t kChunk = std::size_t{64} * 1024;
     const auto deadline = Clock::now() + std::chrono::seconds(kListingWaitS);
     std::string output;
     while (output.size() < kListingSizeMax) {
