@@ -6,6 +6,9 @@
 
 namespace vxi {
 
+// Describes a status: "Operation not permitted" for -EPERM.
+std::string DescribeStatus(int status);
+
 // Dispatch stores the message in the handle and returns the status to the caller.
 class Error : public std::runtime_error {
 public:
@@ -13,14 +16,14 @@ public:
     // the engine and the operation.
     Error(int status, const std::string& message) : std::runtime_error(message), m_status(status) {}
 
+    // The message describes the status.
+    explicit Error(int status) : Error(status, DescribeStatus(status)) {}
+
     int Status() const noexcept { return m_status; }
 
 private:
     int m_status;
 };
-
-// Describes a status: "Operation not permitted" for -EPERM.
-std::string DescribeStatus(int status);
 
 // Throws an Error with a printf-style message.
 [[noreturn]] void ThrowError(int status, const char* format, ...)

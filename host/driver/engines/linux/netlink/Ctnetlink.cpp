@@ -52,7 +52,7 @@ std::uint32_t CountConntrackEntries()
         }
     });
     if (!count) {
-        throw Error(-EPROTO, DescribeStatus(-EPROTO));
+        throw Error(-EPROTO);
     }
     return *count;
 }

@@ -26,11 +26,6 @@ constexpr unsigned kRetriesMax = 5;
 // that will not come.
 constexpr timeval kAnswerWait = {2, 0};
 
-[[noreturn]] void ThrowStatus(int status)
-{
-    throw Error(status, DescribeStatus(status));
-}
-
 // Result of a system call that is repeated while signals interrupt it, five times at most.
 template <typename Call>
 std::size_t Uninterrupted(Call call)
@@ -40,7 +35,7 @@ std::size_t Uninterrupted(Call call)
         result = call();
     }
     if (result < 0) {
-        ThrowStatus(errno == EAGAIN ? -ETIMEDOUT : -errno);
+        throw Error(errno == EAGAIN ? -ETIMEDOUT : -errno);
     }
     return static_cast<std::size_t>(result);
 }
@@ -101,7 +96,7 @@ public:
             std::rethrow_exception(m_thrown);
         }
         if (m_status < 0) {
-            ThrowStatus(m_status);
+            throw Error(m_status);
         }
         return m_interrupted ? Consistency::kInterrupted : Consistency::kConsistent;
     }
@@ -172,7 +167,7 @@ void Configure(int descriptor)
     address.nl_family = AF_NETLINK;
     if (setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &kAnswerWait, sizeof kAnswerWait) < 0 ||
         bind(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address) < 0) {
-        ThrowStatus(-errno);
+        throw Error(-errno);
     }
     // Acknowledgements without a copy of the request; kernels that lack the option copy it.
     setsockopt(descriptor, SOL_NETLINK, NETLINK_CAP_ACK, &on, sizeof on);
@@ -189,7 +184,7 @@ void Netlink::Open(int protocol)
     }
     m_descriptor = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, protocol);
     if (!IsOpen()) {
-        ThrowStatus(-errno);
+        throw Error(-errno);
     }
     try {
         Configure(m_descriptor);
@@ -218,7 +213,7 @@ void Netlink::Send(const void* data, std::size_t size)
                       sizeof kernel);
     });
     if (sent != size) {
-        ThrowStatus(-EMSGSIZE);
+        throw Error(-EMSGSIZE);
     }
 }
 
@@ -232,7 +227,7 @@ std::size_t Netlink::Receive()
                         reinterpret_cast<sockaddr*>(&sender), &sender_size);
     });
     if (size > kBufferSize) {
-        ThrowStatus(-EMSGSIZE);
+        throw Error(-EMSGSIZE);
     }
     const bool from_kernel = sender_size == sizeof sender && sender.nl_pid == 0;
     return from_kernel ? size : 0;
@@ -249,7 +244,7 @@ try {
             }
         }
     }
-    ThrowStatus(-EOVERFLOW);
+    throw Error(-EOVERFLOW);
 } catch (...) {
     Close();
     throw;

@@ -49,19 +49,13 @@ private:
     int m_descriptor;
 };
 
-[[noreturn]] void ThrowErrno()
-{
-    const int status = -errno;
-    throw Error(status, DescribeStatus(status));
-}
-
 }  // namespace
 
 std::string ReadProcFile(const std::string& path)
 {
     const Descriptor file(path);
     if (!file.IsOpen()) {
-        ThrowErrno();
+        throw Error(-errno);
     }
     std::string contents;
     ssize_t got = 0;
@@ -70,7 +64,7 @@ std::string ReadProcFile(const std::string& path)
         contents.resize(used + kChunkSize);
         got = file.Read(&contents[used], kChunkSize);
         if (got < 0) {
-            ThrowErrno();
+            throw Error(-errno);
         }
         contents.resize(used + static_cast<std::size_t>(got));
     } while (got > 0 && contents.size() < kFileSizeMax);

@@ -93,11 +93,6 @@ void ReadChain(Netlink& netlink, const std::string& table, const char* chain,
     });
 }
 
-[[noreturn]] void ThrowStatus(int status)
-{
-    throw Error(status, DescribeStatus(status));
-}
-
 // A dump of a table that is gone is empty: throws unless the counters from `first` up to `end` are
 // present.
 void RequirePresent(const ScanCounters& counters, ScanCounter first, ScanCounter end)
@@ -106,7 +101,7 @@ void RequirePresent(const ScanCounters& counters, ScanCounter first, ScanCounter
     if (!std::all_of(begin + static_cast<std::ptrdiff_t>(first),
                      begin + static_cast<std::ptrdiff_t>(end),
                      [](const ScanCounters::Value& value) { return value.present; })) {
-        ThrowStatus(-ENOENT);
+        throw Error(-ENOENT);
     }
 }
 
@@ -155,7 +150,7 @@ void DecodeNamedCounter(const nlmsghdr& message, ScanCounters& counters)
     }
     const auto counts = DecodeCounter(object.Find(NFTA_OBJ_DATA));
     if (!counts) {
-        ThrowStatus(-EPROTO);
+        throw Error(-EPROTO);
     }
     counters.values[known - kScanCounterNames.begin()] = {counts->packets, counts->bytes, true};
 }

@@ -236,10 +236,7 @@ void SizeBlacklist(vxi_handle_ops_s* handle, vxa_blacklist_get_addrs_s& list)
 
 void FillBlacklist(vxi_handle_ops_s* handle, vxa_blacklist_get_addrs_s& list)
 {
-    const auto snapshot = std::move(Snapshots(handle).blacklist);
-    if (!snapshot) {
-        throw Error(-ENODATA, "no snapshot: ask for the size first");
-    }
+    const auto snapshot = TakeSnapshot(Snapshots(handle).blacklist);
     const std::size_t room = list.entries_size / sizeof(vxa_blacklist_entry_s);
     const std::uint32_t bytes = SizeInBytes(std::min(room, snapshot->entries.size()));
     // The header is 44 bytes long, so the entries after it are not aligned.

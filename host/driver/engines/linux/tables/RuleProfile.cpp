@@ -108,10 +108,7 @@ std::uint32_t SizeProfile(vxi_handle_ops_s* handle)
 // Copies at most `room` bytes to `destination`; returns how many.
 std::uint32_t FillProfile(vxi_handle_ops_s* handle, std::uint32_t room, char* destination)
 {
-    const auto json = std::move(Snapshots(handle).profile);
-    if (!json) {
-        throw Error(-ENODATA, "no snapshot: ask for the size first");
-    }
+    const auto json = TakeSnapshot(Snapshots(handle).profile);
     return static_cast<std::uint32_t>(json->copy(destination, room));
 }
 

@@ -225,7 +225,7 @@ struct SocketTables {
         }
         const int end = status[&table - vxi::kSocketTables];
         if (end != 0 && end != -EINTR) {
-            throw vxi::Error(end, vxi::DescribeStatus(end));
+            throw vxi::Error(end);
         }
         return end == 0 ? Consistency::kConsistent : Consistency::kInterrupted;
     }
