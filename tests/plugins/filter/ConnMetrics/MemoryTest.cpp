@@ -55,6 +55,9 @@ const std::string kScript = std::string(kLoadModules) + R"(
     end
 )";
 
+// What happens at the first allocation that fails.
+enum class Meanwhile { kNothing, kPublication, kMemoryIsFreed };
+
 class StoreMemory : public ::testing::Test {
 protected:
     void SetUp() override
@@ -97,7 +100,7 @@ protected:
     }
 
     // Lets a report fail at every allocation, then checks the next one on another thread.
-    void FailReports(bool only_lua, bool publish_meanwhile)
+    void FailReports(bool only_lua, Meanwhile meanwhile)
     {
         m_failed = true;
         for (long n = 0; m_failed && !HasFailure(); ++n) {
@@ -107,14 +110,18 @@ protected:
             Publish();
             LuaHost host;
             ASSERT_EQ(host.Run(kScript), "");
-            if (publish_meanwhile)
-                host.on_failure = [this] {
+            host.on_failure = [&] {
+                if (meanwhile == Meanwhile::kMemoryIsFreed) host.StopFailing();
+                if (meanwhile == Meanwhile::kPublication) {
                     Run("feed_more()");
                     Publish();
-                };
+                }
+            };
             const bool reported = RunLimited("rows = report()", n, host, only_lua);
             EXPECT_EQ(reported, host.Run("assert(rows)").empty());
-            const std::string more = m_failed && publish_meanwhile ? "true" : "false";
+            EXPECT_TRUE(reported || meanwhile != Meanwhile::kMemoryIsFreed);
+            const std::string more =
+                m_failed && meanwhile == Meanwhile::kPublication ? "true" : "false";
             std::thread([&] {
                 EXPECT_EQ(host.Run("check_rest(rows and sum(rows), " + more + ")"), "");
             }).join();
@@ -127,9 +134,10 @@ protected:
 
 TEST_F(StoreMemory, FailedReportsLoseAndRepeatNothing)
 {
-    FailReports(true, false);
-    FailReports(true, true);
-    if (allocations::AllowMalloc(-1)) FailReports(false, false);
+    FailReports(true, Meanwhile::kNothing);
+    FailReports(true, Meanwhile::kPublication);
+    FailReports(true, Meanwhile::kMemoryIsFreed);
+    if (allocations::AllowMalloc(-1)) FailReports(false, Meanwhile::kNothing);
 }
 
 // What is fed is reported once, whichever thread comes first.

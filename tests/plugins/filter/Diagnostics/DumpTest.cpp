@@ -127,11 +127,6 @@ std::string Sections(int udp, int tcp)
     return text;
 }
 
-std::string Filled(int bytes)
-{
-    return std::to_string(bytes) + " bytes, " + std::to_string(bytes) + " filled\n";
-}
-
 std::string Payload(int size)
 {
     std::string bytes;
@@ -198,7 +193,6 @@ const Lines kNotEchoed = Asked({Failed("GET_STATS", "ffffffff")});
 const Lines kNoBlock{Tracked(1000, {})[0], "318 getDriverConnTrack: malloc 72032 bytes failed."};
 const Lines kLongList{"245 getDriverBlacklist: driver reported 4294967295 bytes, room for 48"};
 const Lines kLongPayload{"190 AddDriverRuleStats: driver reported 4294967295 bytes, room for 40"};
-const Lines kNoProfile{"182 AddDriverRuleStats: malloc() failed"};
 
 const struct {
     const Dump& dump;
@@ -236,10 +230,10 @@ const struct {
     {kConnTrack, {3, 1, 65535}, {0, 0, -5}, Sections(1, 0), Tracked(3, {1, kFailed})},
     {kConnTrack, {1000}, {}, kNothing, kNoBlock, true},
 
-    {kBlacklist, {96}, {}, Filled(96)},
-    {kBlacklist, {0}, {}, Filled(0)},
-    {kBlacklist, {96, 48}, {}, Filled(48)},
-    {kBlacklist, {48, kHuge}, {}, Filled(48), kLongList},
+    {kBlacklist, {96}, {}, "96 bytes, 96 filled\n"},
+    {kBlacklist, {0}, {}, "0 bytes, 0 filled\n"},
+    {kBlacklist, {96, 48}, {}, "48 bytes, 48 filled\n"},
+    {kBlacklist, {48, kHuge}, {}, "48 bytes, 48 filled\n", kLongList},
     {kBlacklist, {96}, {-5}, kFails, {Failed("BLACKLIST_ADD")}},
     {kBlacklist, {96}, {0, -5}, kFails, {Failed("BLACKLIST_ADD")}},
     {kBlacklist, {kHuge - 43, 96}, {}, kFails},
@@ -252,7 +246,7 @@ const struct {
     {kRules, {40}, {0, -5}, "", {Failed("vxi_get_profile_stats()")}},
     {kRules, {40, 7}, {}, Payload(7)},
     {kRules, {40, kHuge}, {}, Payload(40), kLongPayload},
-    {kRules, {kHuge, 1}, {}, "", kNoProfile, true},
+    {kRules, {kHuge, 1}, {}, "", {"182 AddDriverRuleStats: malloc() failed"}, true},
 };
 
 TEST_F(DumpTest, EveryAnswerOfTheDriver)

@@ -77,8 +77,7 @@ end
 assert(vxa.simulate "flows=50,blacklist=7,rules=5")
 bundle("", true)
 t.equal(select(2, output("unzip -tq " .. path)), true, "unzip reads it")
-local variables = output("unzip -p " .. path .. " vxa_variables.txt")
-t.equal(select(2, variables:gsub("\n", "")), 173, "a line per variable")
+t.equal(select(2, output("unzip -p " .. path .. " vxa_variables.txt"):gsub("\n", "")), 173)
 
 vxa.trace("diagnostics", true)
 vxa.trace("filter", true)
@@ -98,9 +97,9 @@ for combination = 0, 31 do
     t.equal({bundle(table.concat(faults, ","))}, {operations, failures, entries}, combination)
 end
 
+-- Without a driver the connections do not count as failed, and the rules need none.
 local events, failed, entries = bundle "vxi_driver_available=0"
-t.equal({events, entries}, {{}, {"vxa.tpf b"}}, "no driver: no events, one entry needs none")
-t.equal(#failed, 3, "the connections do not count as failed then")
+t.equal({events, #failed, entries}, {{}, 3, {"vxa.tpf b"}})
 assert(vxa.simulate "flows=0,blacklist=0,rules=0")
 events, failed, entries = bundle ""
 t.equal({events, failed, #entries}, {{}, {}, 4}, "no connections, no entry")
@@ -111,12 +110,12 @@ local dom, handle, zip = vxa.Dom(), assert(vxa.open()), vxa.ZipOutputStream(path
 local closed = assert(vxa.open())
 closed:close()
 local dump = SLB.filter.AddDriverDiagnostics
-local imitation = setmetatable({}, debug.getmetatable(handle))
 t.records(logs)
 for _, case in ipairs {
     {"CDom object expected"}, {"CDom object expected", zip, handle, zip},
     {"CDom object expected", io.stdout, handle, zip}, {"CDom object expected", {}, handle, zip},
-    {"vxi handle expected", dom, imitation, zip}, {"vxi handle expected", dom, io.stdout, zip},
+    {"vxi handle expected", dom, setmetatable({}, debug.getmetatable(handle)), zip},
+    {"vxi handle expected", dom, io.stdout, zip},
     {"vxi handle expected", dom, dom, zip}, {"vxi handle already closed", dom, closed, zip},
     {"CZipOutputStream object expected", dom, handle, dom},
 } do
