@@ -119,7 +119,8 @@ int Build(lua_State* L)
 
 // Everything that a report allocates is alive: collecting meanwhile would only traverse it, for
 // half of the report's time. With its collector stopped, Lua does not even try to collect when
-// memory runs out (lmem.c, luaM_realloc_): such a failure is not final.
+// memory runs out (lmem.c, luaM_realloc_), so a failure is not final. Its status need not be
+// LUA_ERRMEM: lua_checkstack and C++ report the lack of memory in other ways.
 int BuildWithoutCollector(lua_State* L)
 {
     const bool running = lua_gc(L, LUA_GCISRUNNING, 0) != 0;
@@ -170,7 +171,7 @@ int GetConnMetrics(lua_State* L)
     Report* report = PushReport(L);
     TakeFinishedStore(&report->taken);
     int status = BuildWithoutCollector(L);
-    if (status == LUA_ERRMEM) {
+    if (status != LUA_OK) {
         lua_settop(L, kReportIndex);
         status = Build(L);
     }

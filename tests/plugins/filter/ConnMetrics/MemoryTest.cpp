@@ -111,7 +111,7 @@ protected:
             LuaHost host;
             ASSERT_EQ(host.Run(kScript), "");
             host.on_failure = [&] {
-                if (meanwhile == Meanwhile::kMemoryIsFreed) host.StopFailing();
+                if (meanwhile == Meanwhile::kMemoryIsFreed) host.FailAfter(-1);
                 if (meanwhile == Meanwhile::kPublication) {
                     Run("feed_more()");
                     Publish();
