@@ -30,11 +30,6 @@ bool IsRefused(std::size_t size, bool limited)
     return refused;
 }
 
-bool IsMallocRefused(std::size_t size)
-{
-    return IsRefused(size, s_limits_malloc);
-}
-
 }  // namespace
 
 void allocations::Allow(long count)
@@ -82,6 +77,11 @@ bool allocations::RefuseFrom(std::size_t size)
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+
+static bool IsMallocRefused(std::size_t size)
+{
+    return IsRefused(size, s_limits_malloc);
+}
 
 extern "C" {
 

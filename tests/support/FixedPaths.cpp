@@ -31,45 +31,39 @@ bool IsBelow(const char* path, const char* top)
     return std::strncmp(path, top, length) == 0 && (path[length] == '\0' || path[length] == '/');
 }
 
-// Where a path leads that is relative to a directory or absolute.
+// The path to use in place of one that is absolute or relative to a directory.
 class Path {
 public:
     Path(int directory, const char* path) : m_path(path)
     {
         const int cause = errno;
-        if (const char* const machine = std::getenv("FAKE_MACHINE")) {
-            const char* const absolute = Absolute(directory, path);
-            for (const char* top : kFixed)
-                if (IsBelow(absolute, top)) Redirect(machine, absolute);
-        }
+        if (const char* const machine = std::getenv("FAKE_MACHINE")) Redirect(machine, directory);
         errno = cause;
     }
     operator const char*() const { return m_path; }
 
 private:
-    const char* Absolute(int directory, const char* path)
+    void Redirect(const char* machine, int directory)
     {
-        char link[32];
+        char link[32], absolute[PATH_MAX];
         std::snprintf(link, sizeof link, "/proc/self/fd/%d", directory);
-        const ssize_t length = path[0] == '/' ? -1 : readlink(link, m_absolute, sizeof m_absolute);
-        if (length <= 0) return path;
-        std::snprintf(m_absolute + length, sizeof m_absolute - length, "/%s", path);
-        return m_absolute;
-    }
-
-    void Redirect(const char* machine, const char* absolute)
-    {
-        std::snprintf(m_redirected, sizeof m_redirected, "%s%s", machine, absolute);
-        const bool mounted = s_mounted_meminfo[0] != '\0' && IsBelow(absolute, kMeminfo);
-        m_path = mounted ? s_mounted_meminfo : m_redirected;
+        const ssize_t known = m_path[0] == '/' ? 0 : readlink(link, absolute, sizeof absolute);
+        const std::size_t length = known > 0 ? static_cast<std::size_t>(known) : 0;
+        std::snprintf(absolute + length, sizeof absolute - length, "%s%s", length != 0 ? "/" : "",
+                      m_path);
+        for (const char* top : kFixed) {
+            if (!IsBelow(absolute, top)) continue;
+            std::snprintf(m_redirected, sizeof m_redirected, "%s%s", machine, absolute);
+            const bool mounted = top == kMeminfo && s_mounted_meminfo[0] != '\0';
+            m_path = mounted ? s_mounted_meminfo : m_redirected;
+        }
     }
 
     const char* m_path;
-    char m_absolute[PATH_MAX];
     char m_redirected[2 * PATH_MAX];
 };
 
-// The argument after the flags, where there is one.
+// The argument after the flags, if there is one.
 mode_t Mode(int flags, std::va_list rest)
 {
     const bool creates = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
