@@ -4,6 +4,7 @@
 #include <time.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 
 #include "text/HexEscape.h"
@@ -57,7 +58,7 @@ double SecondsSinceEpoch()
 void AppendJsonTime(std::string& out, double time_s)
 {
     char digits[40];
-    const auto total_us = static_cast<long long>(time_s * 1e6 + 0.5);
+    const auto total_us = std::llround(time_s * 1e6);
     std::snprintf(digits, sizeof digits, "%lld.%06lld", total_us / 1000000, total_us % 1000000);
     out += digits;
 }

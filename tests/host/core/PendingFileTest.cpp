@@ -81,7 +81,7 @@ TEST_P(Pending, IsNamedWhenItIsComplete)
     EXPECT_EQ(ReadText(Path("a")), "old");
     EXPECT_EQ(Write("a", IfExists::kReplace), "");
     EXPECT_EQ(ReadText(Path("a")), "new");
-    PendingFile(Path("never published"));
+    std::make_unique<PendingFile>(Path("never published")).reset();
     EXPECT_EQ(Folder(), (std::set<std::string>{"a", "a.part3", "a.part4", "a.partx", "b.part1"}));
     close(used);
     for (const IfExists if_exists : {IfExists::kFail, IfExists::kReplace})

@@ -25,6 +25,7 @@ protected:
     ~Log() override
     {
         Host::SwitchTrace("*", false);
+        Host::CaptureLog(false);
         Host::LogTo("");
     }
     const ScratchDirectory m_scratch;

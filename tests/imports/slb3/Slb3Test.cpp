@@ -16,15 +16,6 @@ namespace {
 
 Rock* const s_rock = reinterpret_cast<Rock*>(64);
 
-int GetAnswer()
-{
-    return 42;
-}
-int Throw()
-{
-    throw std::runtime_error("100% broken");
-}
-
 int IsRock(lua_State* L)
 {
     const auto found = SLB3::internal::GetOrConvertPtr<Rock>(L, 1);
@@ -52,8 +43,10 @@ TEST(Slb3, OnlyObjectsOfTheClassAreTaken)
         .set("constant", static_cast<const Rock*>(s_rock))
         .set("none", static_cast<const Rock*>(nullptr))
         .set("isRock", IsRock)
-        .set("answer", GetAnswer)
-        .set("throw", Throw)
+        .set(
+            "answer", +[] { return 42; })
+        .set(
+            "throw", +[]() -> int { throw std::runtime_error("100% broken"); })
         .set("block", PushBlock);
     EXPECT_EQ(host.Run(R"(
         local block, rocks, registry = Zoo.block, getmetatable(Zoo.rock), debug.getregistry()
@@ -117,7 +110,8 @@ TEST(Slb3, ObjectsOfTheOriginalAreExchanged)
 
 SLB3_IMPLEMENTATION(Rock, rock)
 {
-    rock.set("answer", GetAnswer);
+    rock.set(
+        "answer", +[] { return 42; });
 }
 
 SLB3_IMPLEMENTATION(Pond, pond)
