@@ -18,13 +18,13 @@ extern "C" {
 
 /* ---- text dumps -------------------------------------------------------- */
 
-/* Text sink filled by the caller of the tb_dump_* routines. They call `print`
- * with the sink itself as first argument, printf-style, any number of times;
- * one call produces at most 1023 characters of pure ASCII. The sink must
- * outlive the routine, which keeps no pointer to it. */
+/* Where the tb_dump_* routines write. The caller fills it in; a routine calls
+ * `print`, printf-style with the sink as first argument, any number of times.
+ * Each call prints at most 1023 characters of pure ASCII. The routine keeps no
+ * pointer to the sink. */
 typedef struct tb_dump_s {
     void (*print)(struct tb_dump_s* sink, char const* format, ...);
-    void* context; /* the caller's; never touched by the library */
+    void* context; /* for the caller; the library does not use it */
 } tb_dump_s;
 
 /* ---- statistics -------------------------------------------------------- */
@@ -35,10 +35,10 @@ enum {
     VXA_STATS_AREA3_COUNT = 555
 };
 
-/* Self-referential: the caller points area1..area3 into its own body, so a
- * prepared record must not be moved. The library fills the areas through these
- * pointers and leaves the identification words as the caller wrote them: a
- * changed word tells the caller that the driver speaks another layout. */
+/* Points into itself: the caller sets area1..area3 to the record's own bodies, so
+ * a prepared record must not be moved. The library fills the areas through these
+ * pointers and leaves the identification words as they are: a changed word means
+ * that the driver uses another layout. */
 typedef struct vxa_stats_v2_s {
     uint32_t request;           /* 12 */
     uint32_t revision;          /* 6 */
@@ -46,7 +46,7 @@ typedef struct vxa_stats_v2_s {
     uint32_t declared_size;     /* 6444: the driver's own size of the block, not sizeof */
     uint32_t block_count;       /* 1 */
     uint32_t header_size;       /* 64 */
-    uint16_t identification[3]; /* 275, 30, 1: echoed */
+    uint16_t identification[3]; /* 275, 30, 1 */
     uint16_t word_size;         /* 32 */
     uint64_t reserved;          /* 0 */
     uint64_t* area1;
@@ -76,8 +76,8 @@ enum {
     VXA_FLOW_DNAT = 8,
     VXA_FLOW_OFFLOADED = 16,
     VXA_FLOW_COUNTERS_VALID = 32, /* packet and byte counts are kept for this flow */
-    VXA_FLOW_FROM_SOCK_DIAG = 64  /* a socket of this host, no tracked flow: counts are TCP
-                                     segments and payload bytes, timeout 0 is none */
+    VXA_FLOW_FROM_SOCK_DIAG = 64  /* a socket of this host, not a conntrack entry: counts are
+                                     TCP segments and payload bytes, timeout 0 means none */
 };
 
 typedef struct vxa_conntrack_entry_s {
@@ -102,10 +102,10 @@ static_assert(offsetof(vxa_conntrack_entry_s, family) == 36, "conntrack entry");
 static_assert(offsetof(vxa_conntrack_entry_s, timeout_s) == 40, "conntrack entry");
 static_assert(offsetof(vxa_conntrack_entry_s, bytes_forward) == 56, "conntrack entry");
 
-/* Header of one section; its entries follow it directly. */
+/* Header of one section; its entries follow immediately. */
 typedef struct vxa_dump_conntrack_s {
     uint32_t request;  /* VXA_CONNTRACK_REQUEST_TABLE */
-    uint16_t entry_ct; /* count request: total, out. Fill request: capacity in, filled out */
+    uint16_t entry_ct; /* count request: flows out. Fill request: capacity in, filled out */
     uint16_t reserved;
     uint32_t total;   /* fill request, out: flows of this protocol that exist */
     uint8_t protocol; /* 0: count request; 17 UDP, 6 TCP: fill request */
@@ -119,10 +119,10 @@ static_assert(offsetof(vxa_dump_conntrack_s, total) == 8, "conntrack section hea
 
 typedef struct vxa_blacklist_get_addrs_s {
     uint32_t reserved[8];
-    uint32_t snapshot;     /* 0 into a size request; what it leaves here goes back with the
-                              fill request, so that an empty list can be filled as well */
-    uint32_t entries_size; /* bytes that follow the header; out of a size request,
-                              capacity into and bytes used out of a fill request */
+    uint32_t snapshot;     /* size request: 0 in; the fill request must pass what it returns,
+                              which tells the fill of an empty list from a size request */
+    uint32_t entries_size; /* bytes after the header. Size request: out. Fill request: capacity
+                              in, bytes used out */
     uint32_t set_count;    /* kernel sets that the entries come from, out */
 } vxa_blacklist_get_addrs_s;
 
@@ -150,11 +150,11 @@ static_assert(sizeof(vxa_blacklist_entry_s) == 48, "blacklist entry");
 
 /* ---- connection states ------------------------------------------------- */
 
-/* Socket counts by TCP state (TCP_ESTABLISHED.. of <netinet/tcp.h>, index 0
- * unused) and family. An IPv4-mapped socket is counted once, as IPv6. */
+/* Socket counts by family and TCP state (TCP_ESTABLISHED.. of <netinet/tcp.h>;
+ * index 0 is unused). A socket with IPv4-mapped addresses counts as IPv6. */
 typedef struct vxa_get_conn_states_s {
     uint32_t version; /* 1 */
-    uint32_t count;   /* sockets counted in all */
+    uint32_t count;   /* all sockets */
     uint64_t tcp4[16];
     uint64_t tcp6[16];
     uint64_t udp4;
@@ -169,9 +169,9 @@ enum {
     VXA_FILTER_VARIABLE_COUNT = 173, /* numbers 0 to 172 */
     VXA_FILTER_VARIABLE_RULE_PROFILING = 62,
 };
-#define VXA_FILTER_VARIABLE_ABSENT                             \
-    0xffffffffu /* the kernel has no such setting; one that is \
-                   as large or larger, or -1, reads one less */
+/* The value of a variable that this kernel does not have. Values as large as this
+ * or larger, and negative ones, read as one less. */
+#define VXA_FILTER_VARIABLE_ABSENT 0xffffffffu
 
 typedef struct vxa_filter_variable_s {
     uint32_t number;
@@ -196,12 +196,12 @@ static_assert(sizeof(scan_monitor_config) == 16392, "scan configuration");
 static_assert(offsetof(scan_monitor_config, outbound) == 8200, "scan configuration");
 
 /* Index of each counter in an entry of scan_metrics_request. All are totals
- * since the configuration was set. They never decrease, except when they restart
- * at 0: with another configuration, or when the counting rules were removed or
- * reset by others. */
+ * since the port was configured. They only grow, until they restart at 0: with
+ * another configuration, or when another program removes or resets the counting
+ * rules. */
 enum {
     VXI_SCAN_NEW = 0,              /* connections opened (first SYN) */
-    VXI_SCAN_CLOSED = 1,           /* FIN and RST segments; approximate */
+    VXI_SCAN_CLOSED = 1,           /* approximate: FIN and RST segments */
     VXI_SCAN_ESTABLISHED = 2,      /* handshakes completed */
     VXI_SCAN_HALF_OPEN_CLOSED = 3, /* opened, but refused, reset or timed out */
     VXI_SCAN_RESET = 4,            /* RST segments outside a handshake */
@@ -211,10 +211,10 @@ enum {
     VXI_SCAN_PACKETS_FORWARD = 8,
     VXI_SCAN_PACKETS_BACKWARD = 9,
     VXI_SCAN_COUNTERS = 10,
-    VXI_SCAN_ENTRY_SLOTS = 16 /* entries stand 128 bytes apart */
+    VXI_SCAN_ENTRY_SLOTS = 16 /* counters from one entry to the next: 128 bytes */
 };
 
-/* The caller's buffer is 192 bytes: room for the counters of one entry. */
+/* 192 bytes: room for the counters of one entry. */
 typedef struct scan_metrics_request {
     uint32_t version;   /* 1 */
     uint32_t direction; /* VXI_SCAN_INBOUND or VXI_SCAN_OUTBOUND */

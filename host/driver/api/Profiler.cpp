@@ -1,3 +1,4 @@
+// The switch of rule profiling, and its hooks.
 #include "api/Profiler.h"
 
 #include <atomic>
@@ -8,17 +9,15 @@ namespace {
 
 std::atomic<bool> profiling{false};
 
-// Threads can change rules at once: profiling resumes with the last of them.
+// Several threads can change rules at once: profiling resumes when the last one is done.
 std::atomic<int> pauses{0};
 
-// Each hook is useful without the other, so they need not change together.
 std::atomic<vxi_profiler_blockfilter> blockfilter_hook{nullptr};
-std::atomic<vxi_profiler_running> running_hook{nullptr};
 
 int Resume()
 {
     int before = pauses.load();
-    // A resume without a suspend must not let a later suspend count for nothing.
+    // A resume without a suspend must not cancel a later suspend.
     while (before > 0 && !pauses.compare_exchange_weak(before, before - 1)) {
     }
     return before > 0;
@@ -26,20 +25,9 @@ int Resume()
 
 }  // namespace
 
-bool SwitchProfiling(bool on)
+bool SetProfiling(bool on)
 {
     return profiling.exchange(on);
-}
-
-bool ProfilingSwitch()
-{
-    return profiling.load();
-}
-
-bool ProfilingRuns()
-{
-    const vxi_profiler_running running = running_hook.load();
-    return running ? running() != 0 : ProfilingSwitch();
 }
 
 ProfilingPause::ProfilingPause() : m_blockfilter(blockfilter_hook.load())
@@ -68,8 +56,7 @@ int profiler_running(void)
     return vxi::profiling.load() && vxi::pauses.load() == 0;
 }
 
-void vxi_set_profiler(vxi_profiler_blockfilter blockfilter, vxi_profiler_running running)
+void vxi_set_profiler(vxi_profiler_blockfilter blockfilter, vxi_profiler_running)
 {
     vxi::blockfilter_hook.store(blockfilter);
-    vxi::running_hook.store(running);
 }

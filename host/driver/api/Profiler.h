@@ -5,15 +5,8 @@
 
 namespace vxi {
 
-// Called by an engine when variable 62 is written. Returns the former state.
-bool SwitchProfiling(bool on);
-
-// Variable 62.
-bool ProfilingSwitch();
-
-// Whether counts taken now belong to a profile: asks the installed hook, and goes by
-// the switch where none is installed.
-bool ProfilingRuns();
+// Turns profiling on or off when variable 62 is written. Returns the former state.
+bool SetProfiling(bool on);
 
 // Held by an engine while it changes rules, so that the change is not profiled.
 class ProfilingPause {

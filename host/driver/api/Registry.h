@@ -1,4 +1,4 @@
-// Which engines there are, and which of them the process uses.
+// Which engine the process uses.
 #pragma once
 
 #include "api/Engine.h"

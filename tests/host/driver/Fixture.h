@@ -5,8 +5,6 @@
 
 #include <cerrno>
 #include <cstdarg>
-#include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>

@@ -1,6 +1,5 @@
 # usage: exports_test.sh NM LIBRARY HEADER...
-# The library exports exactly what its headers declare with VXI_API, under the soname that
-# modules are linked with.
+# The library exports exactly what its headers declare with VXI_API, and has its soname.
 set -euo pipefail
 nm=$1 library=$2
 shift 2

@@ -1,3 +1,4 @@
+// Computes load and traffic of the simulated machine.
 #include "engines/sim/Machine.h"
 
 #include <algorithm>
@@ -9,7 +10,7 @@ namespace vxi::sim {
 
 namespace {
 
-// By CPU. Overloaded crosses every usual threshold, busy none.
+// Per CPU. Overloaded crosses every usual threshold, busy none.
 constexpr Load kIdle{0.05, 0.5, 0.0, 20e3, 0.80};
 constexpr Load kBusy{0.70, 40.0, 0.01, 5e6, 0.45};
 constexpr Load kOverloaded{5.0, 300.0, 0.35, 120e6, 0.04};
@@ -28,8 +29,8 @@ constexpr double kHeaderBytes = 52.0;  // IPv4 and TCP with timestamps
 constexpr double kSegmentBytes = 1448.0;
 constexpr double kForwardShare = 0.1;  // requests are small, answers are large
 
-// Load falls by equal factors, as a queue that drains does.
-double Between(double from, double to, double way)
+// Interpolates by equal factors, as the load of a draining queue falls.
+double Interpolate(double from, double to, double way)
 {
     return from * std::pow(to / from, way);
 }
@@ -38,11 +39,11 @@ Load Recovering(const Moment& moment)
 {
     const double way =
         std::min(1.0, static_cast<double>(moment.tick) / static_cast<double>(moment.phase.ticks));
-    return {Between(kOverloaded.run_queue, kIdle.run_queue, way),
-            Between(kOverloaded.new_per_s, kIdle.new_per_s, way),
+    return {Interpolate(kOverloaded.run_queue, kIdle.run_queue, way),
+            Interpolate(kOverloaded.new_per_s, kIdle.new_per_s, way),
             kOverloaded.refused_fraction * (1.0 - way),
-            Between(kOverloaded.bytes_per_s, kIdle.bytes_per_s, way),
-            Between(kOverloaded.free_memory_fraction, kIdle.free_memory_fraction, way)};
+            Interpolate(kOverloaded.bytes_per_s, kIdle.bytes_per_s, way),
+            Interpolate(kOverloaded.free_memory_fraction, kIdle.free_memory_fraction, way)};
 }
 
 Load LoadAt(const Moment& moment)
@@ -62,19 +63,20 @@ Load LoadAt(const Moment& moment)
     return kBusy;
 }
 
-// A tenth up or down.
+// Returns a factor from 0.9 to 1.1.
 double Jitter(const Settings& settings, Stream stream, std::uint64_t tick)
 {
     return 0.9 + 0.2 * Fraction(Draw(settings.seed, stream, tick));
 }
 
-// Whole, and right on average for rates below one a tick too.
-std::uint64_t Whole(const Settings& settings, Stream stream, std::uint64_t tick, double amount)
+// Rounds so that the average is right, for rates below one per tick, too.
+std::uint64_t RoundRandomly(const Settings& settings, Stream stream, std::uint64_t tick,
+                            double amount)
 {
     return static_cast<std::uint64_t>(amount + Fraction(Draw(settings.seed, stream, tick)));
 }
 
-// One tick's connections and what they carry, on all CPUs.
+// One tick's connections and their payload, on all CPUs.
 struct Traffic {
     std::uint64_t opened;
     std::uint64_t refused;
@@ -91,11 +93,12 @@ Traffic TrafficAt(const Settings& settings, std::uint64_t tick)
     const double connections = load.new_per_s * cpu_seconds * Jitter(settings, kOpenedStream, tick);
 
     Traffic traffic{};
-    traffic.opened = Whole(settings, kOpenedRoundingStream, tick, connections);
+    traffic.opened = RoundRandomly(settings, kOpenedRoundingStream, tick, connections);
     const double refused = static_cast<double>(traffic.opened) * load.refused_fraction;
-    traffic.refused = PortClosed(moment) ? traffic.opened
-                                         : std::min(traffic.opened,
-                                                    Whole(settings, kRefusedStream, tick, refused));
+    traffic.refused =
+        PortClosed(moment)
+            ? traffic.opened
+            : std::min(traffic.opened, RoundRandomly(settings, kRefusedStream, tick, refused));
     if (traffic.Established() > 0) {
         traffic.payload_bytes =
             load.bytes_per_s * cpu_seconds * Jitter(settings, kBytesStream, tick);
@@ -103,7 +106,7 @@ Traffic TrafficAt(const Settings& settings, std::uint64_t tick)
     return traffic;
 }
 
-// Packets of one direction: those without payload, and full segments for the payload.
+// Adds the packets of one direction: those without payload, and full segments for the payload.
 void AddPackets(Counters& counters, unsigned packet_counter, unsigned byte_counter,
                 std::uint64_t bare, double payload_bytes)
 {
@@ -145,7 +148,7 @@ void AddTraffic(const Settings& settings, std::uint64_t tick, Counters& counters
     counters[VXI_SCAN_HALF_OPEN_CLOSED] += traffic.refused;
     counters[VXI_SCAN_RESET] += established / 50;
     counters[VXI_SCAN_SYN_RETRANSMITTED] += traffic.refused / 10;
-    // The opener sends SYN, ACK and FIN with its ACK; a SYN that is refused is all there is.
+    // The client sends SYN, ACK, FIN and ACK; of a refused connection there is only the SYN.
     AddPackets(counters, VXI_SCAN_PACKETS_FORWARD, VXI_SCAN_BYTES_FORWARD,
                traffic.opened + 3 * established, traffic.payload_bytes * kForwardShare);
     AddPackets(counters, VXI_SCAN_PACKETS_BACKWARD, VXI_SCAN_BYTES_BACKWARD,

@@ -1,4 +1,4 @@
-// The simulated machine's load over time and the traffic counters that come of it.
+// The simulated machine's load over time and the traffic counters that result.
 #pragma once
 
 #include <array>
@@ -9,11 +9,11 @@
 
 namespace vxi::sim {
 
-// What one CPU's share of the machine goes through at one tick.
+// Load per CPU at one tick.
 struct Load {
     double run_queue;
     double new_per_s;         // connections opened
-    double refused_fraction;  // of them
+    double refused_fraction;  // of those
     double bytes_per_s;
     double free_memory_fraction;
 };
@@ -21,7 +21,7 @@ struct Load {
 // By VXI_SCAN_*.
 using Counters = std::array<std::uint64_t, VXI_SCAN_COUNTERS>;
 
-// Where a tick falls on the timeline.
+// The position of a tick on the timeline.
 struct Moment {
     Phase phase;
     std::uint64_t tick;  // since the phase began
@@ -29,10 +29,10 @@ struct Moment {
 
 Moment MomentAt(const Settings& settings, std::uint64_t tick);
 
-// The port of the service is shut at that tick: every new connection is refused.
+// Whether the service's port is closed at that tick: every new connection is refused.
 bool PortClosed(const Moment& moment);
 
-// The driver lost its counters just before that tick.
+// Whether the driver lost its counters just before that tick.
 bool CountersRestart(const Settings& settings, const Moment& moment);
 
 // Adds one tick's traffic.

@@ -1,5 +1,5 @@
-// Chance without state: every draw is a function of its coordinates, so that any tick and
-// any row can be computed by itself and comes out the same on every machine.
+// Random numbers without state: each is a function of its coordinates, so that any tick and any row
+// can be computed on its own and is the same on every machine.
 #pragma once
 
 #include <cstdint>

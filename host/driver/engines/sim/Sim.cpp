@@ -216,7 +216,7 @@ struct SimOperations : DefaultOperations {
         const std::lock_guard<std::mutex> lock(machine.mutex);
         machine.view.rule_profiling = value;
         machine.view.profiled_since = machine.view.tick;
-        SwitchProfiling(value == 1);
+        SetProfiling(value == 1);
         return 0;
     }
 

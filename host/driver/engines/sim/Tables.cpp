@@ -1,3 +1,4 @@
+// Computes the tables of the simulated machine.
 #include "engines/sim/Tables.h"
 
 #include <netinet/tcp.h>
@@ -97,7 +98,7 @@ constexpr StatisticsSlot kSlots[] = {
      }},
 };
 
-// A machine with these settings; what depends on the view is computed instead.
+// The values of a plain server kernel; those that depend on the view are computed.
 constexpr std::uint32_t kSettingsValues[] = {
     1,      2,       0,       0,       127,  0,    0,       0,       66,          65536,
     0,      1,       1,       0,       0,    1,    1,       65536,   1,           0,
@@ -118,7 +119,7 @@ constexpr std::uint32_t kSettingsValues[] = {
     0,      4194304, 60,      0,       0,    4096, 1000,    300,     4194304,     4194304,
     212992, 212992,  131072,
 };
-static_assert(std::size(kSettingsValues) == VXA_FILTER_VARIABLE_COUNT, "one value a number");
+static_assert(std::size(kSettingsValues) == VXA_FILTER_VARIABLE_COUNT, "one value per number");
 
 std::uint64_t RulePackets(const View& view, std::uint64_t rule, std::uint64_t ticks)
 {

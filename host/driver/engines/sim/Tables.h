@@ -1,4 +1,4 @@
-// The simulated machine's tables at one tick, all from one view and so in agreement.
+// The simulated machine's tables at one tick. All are computed from one view, so they agree.
 #pragma once
 
 #include <cstdint>

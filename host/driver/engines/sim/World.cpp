@@ -1,3 +1,4 @@
+// Computes flows, sockets and blacklisted addresses of the simulated machine.
 #include "engines/sim/World.h"
 
 #include <linux/netfilter/nf_conntrack_tcp.h>
@@ -18,9 +19,9 @@ enum Stream : std::uint64_t { kUdpStream = 100, kTcpStream, kBlacklistStream };
 constexpr std::uint8_t kUdp = 17;
 constexpr std::uint64_t kDefaultPort = 443;
 
-// How flows of a server spread over the states, out of 100, and the socket of each.
+// The distribution of a server's flows over the TCP states, with the state of their sockets.
 struct State {
-    unsigned up_to;
+    unsigned percent;  // cumulative
     std::uint8_t tracked;
     std::uint8_t socket;
     std::uint32_t timeout_s;  // nf_conntrack's defaults
@@ -35,11 +36,12 @@ constexpr State kStates[] = {
     {100, TCP_CONNTRACK_LAST_ACK, TCP_LAST_ACK, 30},
 };
 
-const State& StateOf(std::uint64_t drawn)
+const State& DrawnState(std::uint64_t drawn)
 {
-    const unsigned percent = static_cast<unsigned>(drawn % 100);
-    return *std::find_if(std::begin(kStates), std::end(kStates) - 1,
-                         [percent](const State& each) { return percent < each.up_to; });
+    const unsigned drawn_percent = static_cast<unsigned>(drawn % 100);
+    return *std::find_if(
+        std::begin(kStates), std::end(kStates) - 1,
+        [drawn_percent](const State& each) { return drawn_percent < each.percent; });
 }
 
 bool IsIpv6(std::uint64_t drawn)
@@ -52,8 +54,8 @@ std::uint64_t DrawFlow(const World& world, std::uint8_t protocol, std::uint32_t 
     return Draw(world.settings.seed, protocol == kUdp ? kUdpStream : kTcpStream, index);
 }
 
-// Hosts of 10.0.0.0/8 and 2001:db8::/32 (RFC 1918, RFC 3849): no simulated row looks like
-// somebody's real machine. Below 2^24 different numbers give different addresses.
+// Uses 10.0.0.0/8 and 2001:db8::/32 (RFC 1918, RFC 3849), so that no simulated row looks like a
+// real machine on the internet. Numbers below 2^24 have different addresses.
 void PutAddress(std::uint8_t (&address)[16], bool ipv6, std::uint32_t number)
 {
     static constexpr std::uint8_t kPrefix6[] = {0x20, 0x01, 0x0d, 0xb8};
@@ -91,7 +93,7 @@ vxa_get_conn_states_s CountSockets(const World& world)
     sockets.version = 1;
     for (std::uint32_t i = 0; i < world.tcp_flows; ++i) {
         const std::uint64_t drawn = DrawFlow(world, 6, i);
-        ++(IsIpv6(drawn) ? sockets.tcp6 : sockets.tcp4)[StateOf(drawn).socket];
+        ++(IsIpv6(drawn) ? sockets.tcp6 : sockets.tcp4)[DrawnState(drawn).socket];
     }
     for (std::uint32_t i = 0; i < world.udp_flows; ++i) {
         ++(IsIpv6(DrawFlow(world, kUdp, i)) ? sockets.udp6 : sockets.udp4);
@@ -116,7 +118,7 @@ vxa_conntrack_entry_s Flow(const World& world, std::uint8_t protocol, std::uint3
     const std::uint64_t drawn = DrawFlow(world, protocol, index);
     const bool ipv6 = IsIpv6(drawn);
     vxa_conntrack_entry_s entry{};
-    // The host itself is number 1; each flow has a client of its own.
+    // The host itself is number 1; each flow has its own client.
     PutAddress(entry.source, ipv6, index + 2);
     PutAddress(entry.destination, ipv6, 1);
     PutPort(entry.source_port, 1024 + (drawn >> 16) % 64512);
@@ -125,7 +127,7 @@ vxa_conntrack_entry_s Flow(const World& world, std::uint8_t protocol, std::uint3
     entry.flags = VXA_FLOW_COUNTERS_VALID | VXA_FLOW_SEEN_REPLY;
     entry.timeout_s = 180;
     if (protocol != kUdp) {
-        const State& state = StateOf(drawn);
+        const State& state = DrawnState(drawn);
         entry.tcp_state = state.tracked;
         entry.timeout_s = state.timeout_s;
         entry.flags |= state.tracked == TCP_CONNTRACK_SYN_RECV ? 0 : VXA_FLOW_ASSURED;
@@ -136,7 +138,7 @@ vxa_conntrack_entry_s Flow(const World& world, std::uint8_t protocol, std::uint3
 
 vxa_blacklist_entry_s Blacklisted(const World& world, std::uint32_t index, std::uint64_t tick)
 {
-    constexpr std::uint32_t kBlock = 256;  // a row owns a block, of which it may list all
+    constexpr std::uint32_t kBlock = 256;  // addresses per row; a range lists all of them
     const std::uint64_t drawn = Draw(world.settings.seed, kBlacklistStream, index);
     const bool ipv6 = IsIpv6(drawn);
     vxa_blacklist_entry_s entry{};

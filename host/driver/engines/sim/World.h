@@ -1,5 +1,5 @@
-// The simulated machine's tables: flows, blacklisted addresses, sockets. Made once from
-// the settings; rows are computed when they are asked for.
+// The simulated machine's flows, sockets and blacklist. They follow from the settings; rows are
+// computed on request.
 #pragma once
 
 #include <cstdint>
@@ -18,11 +18,11 @@ struct World {
     vxa_get_conn_states_s sockets;  // with the port open
 };
 
-// Row `index` of a protocol (17 or 6); counts have grown until `tick`.
+// Returns row `index` of a protocol (17 or 6) with its counts at `tick`.
 vxa_conntrack_entry_s Flow(const World& world, std::uint8_t protocol, std::uint32_t index,
                            std::uint64_t tick);
 
-inline constexpr std::uint32_t kBlacklistSets = 2;  // one a family
+inline constexpr std::uint32_t kBlacklistSets = 2;  // one per family
 
 vxa_blacklist_entry_s Blacklisted(const World& world, std::uint32_t index, std::uint64_t tick);
 

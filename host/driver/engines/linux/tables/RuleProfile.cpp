@@ -37,7 +37,7 @@ void ForgetParentsProfiler()
     if (RuleProfiler* const parents = current.exchange(nullptr)) {
         inherited = parents;
     }
-    SwitchProfiling(false);
+    SetProfiling(false);
 }
 
 void AppendField(std::string& out, const char* name, std::string_view value)
@@ -175,7 +175,7 @@ void RuleProfiler::Set(std::uint32_t value)
     m_namespace = NetworkNamespace();
     m_since = std::chrono::steady_clock::now();
     m_value = value;
-    SwitchProfiling(value == 1);
+    SetProfiling(value == 1);
 }
 
 std::uint32_t RuleProfiler::Value() const
