@@ -69,11 +69,11 @@ TEST(Text, Connections)
 TEST(Text, Blacklist)
 {
     vxi::PublishNames("made", vxi::NameList::kBlacklistSets, {{"ip x\n blacklist\\\xff"}, 0});
-    Begin(vxi::Table::kBlacklist, "made", "a set\n\x1b[31m");
+    Begin(vxi::Table::kBlacklist, "made", "a set\n\x1b\x7f");
     vxa_blacklist_entry_s range{{32, 1, 13, 184}, {}, 6, 3, 65535, 60, 4, 0};
     inet_pton(AF_INET6, "2001:db8::ff", range.last);
     vxa_blacklist_get_addrs_s header{{}, 0, 0, 1};
-    const std::string heading = "# blacklist: a set\\x0a\\x1b[31m (engine made), ";
+    const std::string heading = "# blacklist: a set\\x0a\\x1b\\x7f (engine made), ";
     const std::string set = "\n# set 0: ip x\\x0a blacklist\\x5c\\xff\n";
     const std::string line = "2001:db8::-2001:db8::ff set 65535 expires 4s of 60s\n";
     EXPECT_EQ(heading + "0 entries, 1 sets" + set, DumpBlock(tb_dump_blacklist, header));
