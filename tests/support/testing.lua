@@ -6,11 +6,7 @@ local testing = {}
 
 local failures, checks = 0, 0
 
-local function show(value)
-    return json.encode(value, { indent = true, exception = function(_, other)
-        return ("%q"):format(tostring(other))
-    end })
-end
+local SHOW = { indent = true, exception = function(_, value) return tostring(value) end }
 
 local function same(a, b)
     if type(a) ~= "table" or type(b) ~= "table" then return a == b end
@@ -26,7 +22,7 @@ function testing.equal(got, expected, what, callers)
     failures = failures + 1
     local place = debug.getinfo(2 + (callers or 0), "Sl")
     print(("%s:%d: %s\n  expected %s\n  got      %s"):format(place.short_src, place.currentline,
-        what or "", show(expected), show(got)))
+        what or "", json.encode(expected, SHOW), json.encode(got, SHOW)))
 end
 
 -- The call must raise an error that ends so; its start differs between interpreters.

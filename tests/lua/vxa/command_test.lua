@@ -7,7 +7,6 @@ local json = require "dkjson"
 local testing = require "testing"
 
 local equal, matches = testing.equal, testing.matches
-
 local ROOT, MACHINE = os.getenv "VXA_ROOT", os.getenv "FAKE_MACHINE"
 local CONF, AGENT = MACHINE .. "/etc/vx_filter.conf", MACHINE .. "/var/opt/vx_agent"
 local SCRATCH = MACHINE .. "/work/"
@@ -20,54 +19,49 @@ local function shell(command, ...)
     return text, select(3, pipe:close())
 end
 
-local function write(name, text)
-    testing.write(name:find("^/") and name or SCRATCH .. name, text)
+local function write(files, folder)
+    for name, text in pairs(files) do testing.write((folder or SCRATCH) .. name, text) end
 end
-
--- The command must not use what is in the current directory, nor heed these variables.
-for _, name in ipairs { "vxa.lua", "fc.lua", "filter.lua", "argparse.lua", "uptime", "nproc" } do
-    write(name, "#!/bin/sh\necho run >hostile\n")
-end
-local HOSTILE = "PATH=.:$PATH LUA_INIT='error()' LUA_PATH='./?.lua' LUA_CPATH='/nonexistent/?.so'"
-
--- For the linux engine. As on a real machine, nproc obeys OMP_NUM_THREADS, uptime the locale.
-write(MACHINE .. "/usr/local/bin/nproc", "#!/bin/sh\necho ${OMP_NUM_THREADS:-${FAKE_CPUS-4}}\n")
-write(MACHINE .. "/usr/local/bin/uptime", [[#!/bin/sh
-load=0.50
-[ "${LC_ALL:-$LC_NUMERIC}" = C.UTF-8 ] || load=0,50
-echo " 12:00:00 up 1 day,  1:00,  1 user,  load average: $load, 0.40, 0.30"
-]])
-write(MACHINE .. "/proc/meminfo", "MemTotal: 1000 kB\nMemFree: 375 kB\nMemAvailable: 1 kB\n")
 
 local RUNQ = '{"SYS_THR_RUNQ": {"value": 8}, "SYS_CONF_CONN_REFUSAL_PORT": %d, '
     .. '"SYS_THR_CONN_REFUSAL_PCT": {"value": %s}, "SYS_CONF_MIN_ACT_DURATION": %d%s}'
-write("runq.json", RUNQ:format(80, 50, 2, ""))
-write("instant.json", RUNQ:format(81, 50, 0, ""))
-write("all.json", RUNQ:format(443, 1e-3, 0, ', "SYS_THR_CONN_EST_PER_CPU": {"value": 1e-3}, '
-    .. '"SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU": {"value": 1e-3}, "SYS_THR_FREE_MEM": {"value": 25}, '
-    .. '"SYS_THR_MAX_ITERATION_INVL": {"value": 0.01}'))
-write("broken.json", '{\n  "SYS_THR_RUNQ": }')
-write("mistyped.json", '{"SYS_CONF_MIN_ACT_DURATION": "30"}')
-write("outbound.json", '{"SYS_CONF_CONN_REFUSAL_PORT":80,"SYS_CONF_CONN_REFUSAL_OUTBOUND":1}')
-write("portless.json", '{"SYS_THR_CONN_REFUSAL_PCT": {"value": 10}}')
-write("large.json", (" "):rep(1048577))
-write("other.zip", "kept as it is")
+write {
+    ["runq.json"] = RUNQ:format(80, 50, 2, ""),
+    ["instant.json"] = RUNQ:format(81, 50, 0, ""),
+    ["all.json"] = RUNQ:format(443, 1e-3, 0, ', "SYS_THR_CONN_EST_PER_CPU": {"value": 1e-3}, '
+        .. '"SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU": {"value": 1e-3}, "SYS_THR_FREE_MEM": '
+        .. '{"value": 25}, "SYS_THR_MAX_ITERATION_INVL": {"value": 0.01}'),
+    ["broken.json"] = '{\n  "SYS_THR_RUNQ": }',
+    ["mistyped.json"] = '{"SYS_CONF_MIN_ACT_DURATION": "30"}',
+    ["outbound.json"] = '{"SYS_CONF_CONN_REFUSAL_PORT":80,"SYS_CONF_CONN_REFUSAL_OUTBOUND":1}',
+    ["portless.json"] = '{"SYS_THR_CONN_REFUSAL_PCT": {"value": 10}}',
+    ["large.json"] = (" "):rep(1048577), ["other.zip"] = "kept as it is",
+}
+-- For the linux engine. As on a real machine, nproc obeys OMP_NUM_THREADS, uptime the locale.
+write({
+    ["usr/local/bin/nproc"] = "#!/bin/sh\necho ${OMP_NUM_THREADS:-${FAKE_CPUS-4}}\n",
+    ["usr/local/bin/uptime"] = '#!/bin/sh\n[ "${LC_ALL:-$LC_NUMERIC}" = C.UTF-8 ] && mark=. || '
+        .. 'mark=,\necho " 12:00:00 up 1 day, load average: 0${mark}50, 0.40, 0.30"\n',
+    ["proc/meminfo"] = "MemTotal: 1000 kB\nMemFree: 375 kB\nMemAvailable: 1 kB\n",
+}, MACHINE .. "/")
+-- The command must not use what is in the current directory, nor heed these variables.
+for _, name in ipairs { "vxa.lua", "fc.lua", "filter.lua", "argparse.lua", "uptime", "nproc" } do
+    write { [name] = "#!/bin/sh\necho run >hostile\n" }
+end
+local HOSTILE = "PATH=.:$PATH LUA_INIT='error()' LUA_PATH='./?.lua' LUA_CPATH='/nonexistent/?.so'"
 equal(select(2, shell([[mkdir folder; mkdir -m 755 lib; mkdir -m 777 shared; mkfifo fifo
     chmod +x uptime nproc; ln -s other.zip link; ln -s %s/bin/vxa '../it is']], ROOT)), 0, "set-up")
 
 -- Runs vxa; returns standard output, exit status and standard error. `hook`: a Lua module, and
 -- code to run once the command has loaded it.
 local function vxa(arguments, environment, hook)
-    if hook then
-        write("../hook.lua", ([[
-            local load, done = require
-            function require(name)
-                local loaded = load(name)
-                if name == %q and not done then done = true %s end
-                return loaded
-            end]]):format(hook[1], hook[2]))
-    end
-    local text, status = shell("env %s VXI_ENGINE=sim %s %s '../it is' %s 2>err", HOSTILE,
+    write { ["../hook.lua"] = ([[local load, done = require
+        function require(name)
+            local loaded = load(name)
+            if name == %q and not done then done = true %s end
+            return loaded
+        end]]):format(table.unpack(hook or { "", "" })) }
+    local text, status = shell("env %s VXI_ENGINE=sim %s %s '../it is' 2>err %s", HOSTILE,
         environment or "", hook and [[lua5.2 -E -e "dofile('../hook.lua')"]] or "", arguments)
     return text, status, testing.read(SCRATCH .. "err")
 end
@@ -76,8 +70,9 @@ vxa "diag p.zip"
 
 -- ---- calls that are refused ---------------------------------------------------------------
 
+local before = shell "ls -AR"
 -- Arguments, exit status, pattern of the one line on standard error, environment.
-local refused = {
+for _, row in ipairs {
     { "", 2, "no command given" },
     { "run --port 0", 2, "%-%-port must be a whole number from 1 to 65535, not '0'" },
     { "run --port 0x1BB", 2, "not '0x1BB'" },
@@ -85,6 +80,7 @@ local refused = {
     { "run --lenient", 2, "%-%-lenient needs %-%-policy" },
     { "run --interval -1", 2, "%-%-interval must be a number of seconds above 0.*not '%-1'" },
     { "run --interval 1e9", 2, "not '1e9'" },
+    { "diag a.zip --profile 0", 2, "%-%-profile must be a number of seconds above 0" },
     { "run", 2, "unknown engine 'none'; known are: .*linux.*sim", "VXI_ENGINE=none" },
     { "run", 2, "VXI_SIM cannot be read at character 6: expected a number", "VXI_SIM=cpus=x" },
     { "run --trace SysHealth", 2, "unknown trace category 'SysHealth'; .*SysHealth.eng" },
@@ -96,8 +92,7 @@ local refused = {
     { "run --state /proc/none --cycles 1", 1, "/proc/none" },
     { "run --cycles 1 >/dev/full", 1, "cannot write to standard output: No space" },
     { "run", 1, "cannot load module 'vxa': no vxa.so in", "VXA_LIB=lib" },
-    { "run", 1, "root does not load modules from VXA_LIB=shared: other users can change "
-      .. "/.*/shared", "VXA_LIB=shared" },
+    { "run", 1, "VXA_LIB=shared: other users can change /.*/shared", "VXA_LIB=shared" },
     { "diag a.zip", 1, "cannot open the driver: ", "VXI_FAULT=vxi_open=-13" },
     { "diag a.zip --profile 1", 1, "cannot profile the rules: ", "VXI_FAULT=vxi_set_var=-1" },
     { "diag other.zip", 2, "other.zip already exists; use %-%-force to replace it" },
@@ -105,18 +100,11 @@ local refused = {
     { "diag a.zip", 1, "cannot write a.zip: File too large",
       "VXI_SIM=flows=3000 env --ignore-signal=XFSZ prlimit --fsize=8192" },
     { "show --raw p.zip", 2, "%-%-raw needs an entry" },
-    { "show other.zip", 1, "other.zip: not a zip archive, or only part of one" },
+    { "show other.zip", 1, "other.zip: not? .*zip archive" },
     { "show p.zip vxa_none.txt", 1, "p.zip: has no entry vxa_none.txt" },
-}
-
-local function files()
-    return (shell "ls -AR")
-end
-
-local before = files()
-for _, row in ipairs(refused) do
+} do
     local out, status, err = vxa(row[1], row[4])
-    equal({ status, out, files() }, { row[2], "", before }, "vxa " .. row[1] .. ": " .. err)
+    equal({ status, out, (shell "ls -AR") }, { row[2], "", before }, "vxa " .. row[1] .. err)
     matches(err, "^vxa: [^\n]*" .. row[3] .. "[^\n]*\n$", "vxa " .. row[1])
 end
 
@@ -128,13 +116,11 @@ end
 
 -- ---- what is printed ----------------------------------------------------------------------
 
-local PEAK = "VXI_SIM=scenario=idle:1/overloaded:1/idle"
-
 -- The module publishes once in 61 seconds: with this hook, what is not published yet is reported.
 local DUE = { "filter", [[
-    local make = loaded.feedback
+    local new = loaded.feedback
     function loaded.feedback(options)
-        local feedback = make(options)
+        local feedback = new(options)
         feedback.report = feedback.rest
         return feedback
     end]] }
@@ -146,75 +132,71 @@ for i, metric in ipairs(filter.metrics) do
     crossings[i] = metric.name .. " [%d.]+ [^;]*threshold of [%d.]+ " .. metric.unit:gsub("%%", ".")
 end
 
--- Arguments, environment, patterns of standard output in order, patterns of standard error in
--- order (default: it is empty), exit status (default: 0), hook.
-local runs = {
-    { "help connections", "", { "Usage: vxa connections", "61 seconds" } },
-    { "run --cycles 2 --interval 0.01", "",
-      "engine sim.*\npolicy: built%-in default %(no %-%-policy, no /etc/vx_filter.conf%)\n"
-      .. "time +action +rqpct +frepct +delta_t\n +>16 +<0.1 +>45\n%d%d%d%d%-%d%d%-%d%d "
-      .. "%d%d:%d%d:%d%d  normal +2.8 +43.81 +%-\n.* normal +2.9 .*\n2 cycles in .*, 2 measured" },
-    { "run --engine linux --cycles 1",
-      "OMP_NUM_THREADS=5 OMP_THREAD_LIMIT=1 LC_ALL=de_DE.UTF-8 PATH=", ">16.*normal +0.5 +37.5 " },
-    { "run --policy runq.json --cycles 3 --interval 0.01", PEAK,
-      "\npolicy: runq.json\n.* normal .* enter fail%-open +20.8! .*\n>> fail%-open entered: rqpct "
-      .. "20.8 exceeds the threshold of 8 processes\n.* 2 min, until .* stay fail%-open +0.2 +off "
-      .. ".*  2 min to go\n.*; ended in fail%-open" },
-    { "run --policy instant.json --cycles 4 --interval 0.01", PEAK, " leave fail%-open +0.2 .*\n<< "
-      .. "fail%-open left after 0 s.* normal .* entered 1 time; ended enforcing" },
+local PEAK = "VXI_SIM=scenario=idle:1/overloaded:1/idle"
+local RUN = "run --interval 0.01 --cycles "
+
+-- Arguments, environment, pattern or patterns of standard output, of standard error (default: it is
+-- empty), exit status (default: 0), hook.
+for _, row in ipairs {
+    { "help connections", "", "^Usage: vxa connections.*61 seconds" },
+    { RUN .. 2, "", "engine sim.*\npolicy: built%-in default %(no %-%-policy, no /etc/vx_filter."
+      .. "conf%)\ntime +action +rqpct +frepct +delta_t\n +>16 +<0.1 +>45\n%d%d%d%d%-%d%d%-%d%d "
+      .. "%d%d:%d%d:%d%d  normal +2.8 +43.81 +%-\n%S+ %S+  normal +2.9 .*\n2 cycles in .*, 2 me" },
+    { RUN .. "1 --engine linux", "OMP_NUM_THREADS=5 OMP_THREAD_LIMIT=1 LC_ALL=de_DE.UTF-8 PATH=",
+      ">16.*normal +0.5 +37.5 " },
+    { RUN .. "3 --policy runq.json", PEAK, "\npolicy: runq.json\n.* normal .* enter fail%-open "
+      .. "+20.8! .*\n>> fail%-open entered: rqpct 20.8 exceeds the threshold of 8 processes\n.* 2 "
+      .. "min, until .* stay fail%-open +0.2 +off .*  2 min to go\n.*; ended in fail%-open" },
+    { RUN .. "4 --policy instant.json", PEAK, " leave fail%-open +0.2 .*\n<< fail%-open left after "
+      .. "0 s.* normal .* entered 1 time; ended enforcing" },
     { "run --policy all.json --cycles 2 --interval 0.1 --trace SysHealth.eng", PEAK, crossings,
       full_names },
     { "run --port 443 --cycles 2 --interval 0.2", "", "%-%-port 443\n.* >50 +>5000 +>500 .* normal "
       .. "+2.8 +%- +%- +%- +43.81 +%-\n.* normal +2.9 +1.36 " },
-    { "run --policy portless.json --cycles 2 --interval 0.01", "",
-      "not monitoring +no settings to judge by; the filter enforces\n.* 0 measured",
-      "port not configured\n.* portless.json has a connection threshold but no port[^\n]*\n$" },
-    { "run --port 443 --cycles 3 --interval 0.01", "VXI_FAULT=vxi_get_scan_metrics=-5", {},
+    { RUN .. "2 --policy portless.json", "", "not monitoring +no settings to judge by; the filter "
+      .. "enforces\n.* 0 measured", "port not configured\n.* portless.json has a connection thre" },
+    { RUN .. "3 --port 443", "VXI_FAULT=vxi_get_scan_metrics=-5", {},
       "^vxa: vxi_get_scan_metrics failed rc= %-5[^\n]*, estab and scanmb are not judged%)\n$" },
-    { "run --port 443 --cycles 3 --interval 0.01", "VXI_FAULT=vxi_open=-13", "3 measured",
-      { "^vxa: cannot read connections: engine sim[^\n]*%(none are reported%)\n",
-        "vxa: cannot open the driver: [^\n]*are not judged%)\n$" } },
+    { RUN .. "3 --port 443", "VXI_FAULT=vxi_open=-13", "3 measured", "^vxa: cannot read connections"
+      .. ": engine sim[^\n]*%(none are reported%)\nvxa: cannot open the driver: [^\n]*judged%)\n" },
     { "run --cycles 1 --interval 45 --trace 'SysHealth.e*'", "", {}, "^trace SysHealth.eng "
       .. "CheckSystemHealthMetrics: .*\nvxa: warning: %-%-interval 45 is not below [^\n]*\n$" },
-    { "run --cycles 1 --port 443 --trace '*'", "", {},
+    { RUN .. "1 --port 443 --trace '*'", "", {},
       "^trace VXI .*\ntrace SysHealth.conf .*\ntrace SysHealth.scan " },
-    { "run --engine linux --cycles 2 --interval 0.01", "FAKE_CPUS=", "no load figures +uptime or "
-      .. "nproc.*\n2 cycles .* 0 measured", "^vxa: no cycle could sample this machine\n$", 1 },
-    { "run --interval 0.01 --cycles 100000 | head -n 1", "", "^vxa [^\n]*\n$" },
-    { "run --cycles 1", "VXI_SIM=flows=9", "normal .*\n== connections: 9 new connections to %d "
-      .. "services .*\n count .*\n1 cycle ", nil, 0, DUE },
-    { "status --port 443 --outbound --trace SysHealth.metr", "",
-      "^monitoring  enabled.*\npolicy      built%-in default.*\nport        443, outbound.*\n"
-      .. "fail%-open   lasts at least 30 min.*rqpct +2.8   above 16.*estab +%-   above 5000.*"
-      .. "engine sim on this machine:.* scan%-metrics +yes", "^trace SysHealth.metr " },
+    { RUN .. "2 --engine linux", "FAKE_CPUS=", "no load figures +uptime or nproc.*\n2 cycles .* 0 "
+      .. "measured", "^vxa: no cycle could sample this machine\n$", 1 },
+    { RUN .. "100000 | head -n 1", "", "^vxa [^\n]*\n$" },
+    { RUN .. 1, "VXI_SIM=flows=9", "normal .*\n== connections: 9 new connections to %d services .*"
+      .. "\n count .*\n1 cycle ", nil, 0, DUE },
+    { RUN .. "2 --json --policy runq.json --state kept && cat kept/document.json", PEAK,
+      '^{"record":"start","time":"[^"]*Z","version":.*,"engine":"sim","policy_source":"runq.json",'
+      .. '"settings":{"SYS_CONF_CONN_REFUSAL_PORT":80,.-"SYS_THR_RUNQ":8},.-\n{"record":"cycle",.-'
+      .. '"cycle":1,"action":0,.-"state":"Deactivated",.-"over":%[%],.-"errors":%[%]}\n.-"rqpct",'
+      .. '"value":20.8,"threshold":8,"unit":"processes","enabled":true,"over":true}.-"frepct",'
+      .. '"value":null,"threshold":null,"unit":"%%","enabled":false,"over":false}.-"over":%["rqpct"'
+      .. '%],"transition":"entered","min_fail_open_s":120,"in_fail_open_s":0,.-\n{"record":"end",.-'
+      .. '"cycles":2,"measured":2,"entered":1,.-"interrupted":false}\n'
+      .. '{[^}]*"vxp.filter.FailOpenState":%s*"Activated"' },
+    { "status --port 443 --outbound --trace SysHealth.metr", "", "^monitoring  enabled.*\n"
+      .. "policy      built%-in default.*\nport        443, outbound.*\nfail%-open   lasts at "
+      .. "least 30 min.*rqpct +2.8   above 16.*estab +%-   above 5000.* scan%-metrics +yes",
+      "^trace SysHealth.metr " },
     { "status --policy mistyped.json --lenient", "VXI_FAULT=vxi_capabilities=-5:gone",
       "lasts at least 0 s.*engine sim does not answer: [^\n]*gone\n$",
       'warning: mistyped.json: .* not "30"; it counts as 0\n$' },
     { "status --engine linux", "FAKE_CPUS=", "cycle failed: no load", "cycle failed: no load", 1 },
+    { "status --json --port 443", "", '^{"record":"status","time":"[^"]+","version":.*"sim",'
+      .. '"monitoring":true,.*"port":443,"direction":"inbound",.*"detail":"simulated"}%]}\n$' },
     { "connections --cycles 2 --interval 0.01", "VXI_SIM=flows=100",
-      "^vxa [%d.]+, engine sim, sampling flows every 0.01 s\n.* every 61 seconds; first report at "
-      .. "[%d -]-%d%d:%d%d:%d%d%.\n.*  100 flows, 100 new\n.*  100 flows, 0 new\n.*  not "
-      .. "published yet: 100 new connections to %d services since .*\n count  protocol  direction  "
-      .. "destination\n    %d%d  tcp       in         10.0.0.1:443\n.*  in         "
-      .. "%[2001:db8::1%]:443\n.*\n2 samples in .*: 100 new connections, 0 of them reported\n$" },
+      "every 0.01 s\n.* every 61 seconds; first report at [%d -]-%d%d:%d%d:%d%d%.\n.*  100 flows, "
+      .. "100 new\n.*  100 flows, 0 new\n.*  not published yet: 100 new connections to %d services "
+      .. "since .*\n count  protocol  direction  destination\n    %d%d  tcp       in         "
+      .. "10.0.0.1:443\n.*  in +%[2001:db8::1%]:443\n.*\n2 samples in .*: 100 new connections, 0" },
     { "connections --cycles 1", "VXI_SIM=flows=3", "  report: 3 new connections to 1 service since "
       .. ".*\nNext report at .*\n.*, 3 of them reported\n$", nil, 0, DUE },
     { "connections --cycles 1 --json", "VXI_SIM=flows=3", '^{"record":"start",.*{"record":"sample",'
       .. '.*{"record":"report",.*"published":true.*{"record":"connection",.*{"record":"report",.*'
       .. '"published":false.*{"record":"connection",.*\n{"record":"end",', nil, 0, DUE },
-    { "run --json --policy runq.json --cycles 2 --interval 0.01 --state kept"
-      .. " && cat kept/document.json", PEAK,
-      { '^{"record":"start","time":"[^"]*Z","version":.*,"engine":"sim","policy_source":'
-        .. '"runq.json","settings":{"SYS_CONF_CONN_REFUSAL_PORT":80,"SYS_CONF_MIN_ACT_DURATION":2,'
-        .. '"SYS_THR_CONN_REFUSAL_PCT":50,"SYS_THR_RUNQ":8},', '\n{"record":"cycle",.-"cycle":1,'
-        .. '"action":0,.-"state":"Deactivated",.-"over":%[%],.-"errors":%[%]}\n', '"action":1,',
-        '{"name":"rqpct","value":20.8,"threshold":8,"unit":"processes","enabled":true,"over":true}',
-        '{"name":"frepct","value":null,"threshold":null,"unit":"%%","enabled":false,"over":false}',
-        '"over":%["rqpct"%],"transition":"entered","min_fail_open_s":120,"in_fail_open_s":0,',
-        '\n{"record":"end",.*"cycles":2,"measured":2,"entered":1,.*"interrupted":false}\n'
-        .. '{[^}]*"vxp.filter.FailOpenState":%s*"Activated"' } },
-    { "status --json --port 443", "", '^{"record":"status","time":"[^"]+","version":.*"sim",'
-      .. '"monitoring":true,.*"port":443,"direction":"inbound",.*"detail":"simulated"}%]}\n$' },
     { "diag p.zip --force", "VXI_FAULT=vxi_capabilities=7", "^vxa [%d.]+, engine sim\nentry +bytes"
       .. " +ms\n.*\np.zip: 5 entries, [%d.]+ kB packed into [%d.]+ kB, in " },
     -- Events of earlier packages are not reported again.
@@ -225,11 +207,9 @@ local runs = {
       .. "vxa_conn_track.txt  vxi_get_conntrack failed with %-5: .* %(2 times%)\n2 events" },
     { "diag p.zip --force", "VXI_SIM=flows=0",
       "\nmissing  vxa_conn_track.txt  the driver has no connections\np.zip: 4 entries" },
-    { "diag p.zip --force", "VXI_FAULT=vxi_get_profile_stats=-5:gone",
-      "\nempty  vxa.tpf  vxi_get_profile_stats failed with %-5: engine sim: .*: gone\np.zip: 5 " },
-    { "diag p.zip --force", "VXI_FAULT=vxi_driver_available=0,vxi_get_profile_stats=-1",
-      "\nmissing  vxa_stats.txt       the driver is not available\n.*  vxa_variables.*"
-      .. "_conn_track.*_blacklist.*\nempty    vxa.tpf .*\np.zip: 1 entry, 0 bytes",
+    { "diag p.zip --force", "VXI_FAULT=vxi_driver_available=0,vxi_get_profile_stats=-1:gone",
+      "\nmissing  vxa_stats.txt       the driver is not available\n.*  vxa_variables.*_conn_track.*"
+      .. "_blacklist.*\nempty    vxa.tpf +vxi_get_profile_stats failed with %-1: .*: gone\n.* 0 b",
       "^vxa: the driver returned nothing\n$", 1 },
     { "show p.zip vxa.tpf", "", "^%(vxa.tpf is empty%)\n$" },
     { "diag p.zip --force", "VXI_FAULT=vxi_get_varv=-10017,vxi_get_var=-5",
@@ -246,9 +226,7 @@ local runs = {
       .. "p.zip: 5 entries, [^\n]*\nNo errors detected[^\n]*\n600\n$" },
     { "show p.zip vxa_stats.txt >a; unzip -p p.zip vxa_stats.txt | cmp - a", "", "^$" },
     { "show p.zip vxa.tpf --raw | cat >a; unzip -p p.zip vxa.tpf | cmp - a; rm a", "", "^$" },
-}
-
-for _, row in ipairs(runs) do
+} do
     local name = ("%s vxa %s: "):format(row[2], row[1])
     local out, status, err = vxa(row[1], row[2], row[6])
     equal(status, row[5] or 0, name .. err)
@@ -258,29 +236,29 @@ end
 
 -- The example of docs/driver-diagnostics.md.
 local document = testing.read(ROOT .. "/docs/driver-diagnostics.md")
-write("example.lua", (document:match("```lua\n(package.cpath.-)```")
-    :gsub("build/release/lib", os.getenv("VXA_LIB")):gsub("/tmp/driver", SCRATCH .. "q")))
-matches(shell "mv example.lua folder; cd folder; VXI_ENGINE=sim lua5.2 example.lua 2>&1",
+write { ["folder/example.lua"] = document:match("```lua\n(package.cpath.-)```")
+    :gsub("build/release/lib", os.getenv("VXA_LIB")):gsub("/tmp/driver", SCRATCH .. "q") }
+matches(shell "cd folder; VXI_ENGINE=sim lua5.2 example.lua 2>&1",
     "^true\nvxa_stats.txt\t%d+\n.*vxa.tpf\t%d+\n$", "the example")
 
 -- ---- settings -----------------------------------------------------------------------------
 
--- Each setting at its bound, and just above it.
-local at_bounds, above, members, largest = "", "", {}, {}
-for i, setting in ipairs(health_policy.settings) do
-    at_bounds = at_bounds .. ("%s=%d\n"):format(setting.conf, setting.max)
-    above = above .. ("%s=%d\n"):format(setting.conf, setting.max + 1)
-    members[i] = (setting.threshold and '"%s":{"value":%d}' or '"%s":%d')
-        :format(setting.key, setting.max)
-    largest[setting.key] = setting.max
+-- Each setting at its bound and, in the file, just above it.
+local conf, members, largest = "", "", {}
+for _, setting in ipairs(health_policy.settings) do
+    local name, max = setting.conf, setting.max
+    conf = ("%s%s=%d\n%s=%d\n"):format(conf, name, max, name, max + 1)
+    members = members .. (setting.threshold and ',"%s":{"value":%d}' or ',"%s":%d')
+        :format(setting.key, max)
+    largest[setting.key] = max
 end
-write("bounds.json", "{" .. table.concat(members, ",") .. "}")
+write { ["bounds.json"] = "{" .. members:sub(2) .. "}" }
 
--- The settings that the command reads are those that the module logs, in a directory made for
--- the log; both with 14 digits. Arguments, configuration file (false: none), settings among others
--- (false: absent), warnings in order.
-local configured = {
-    { "", at_bounds .. above, largest, { "line 12: .* 65536 is out", "line 22: .*" } },
+-- The command must read the settings that the module logs, both with 14 digits; the directory of
+-- the log is created. Arguments, configuration file (false: none), settings among others (false:
+-- absent), warnings in order.
+for _, row in ipairs {
+    { "", conf, largest, "line 2: SYSTEM_CONNECTION_REFUSAL_PORT 65536 is out.*\n.* line 22: " },
     { "--policy bounds.json", false, largest },
     -- Also what strtof and fgets make of it.
     { "", "# remark\nSYSTEM_RUNQ_PCT_THRESHOLD=8\nSYSTEM_RUNQ_PCT_THRESHOLD=0x10\n"
@@ -291,25 +269,22 @@ local configured = {
       .. 'SYSTEM_RUNQ=8\nSYS_THR_FREE_MEM=2\n{"SYS_THR_RUNQ": 8}\n' .. ("x=1\n"):rep(100),
       { SYS_THR_RUNQ = 16, SYS_THR_FREE_MEM = 5.5, SYS_THR_MAX_ITERATION_INVL = 60,
         SYS_CONF_MIN_ACT_DURATION = 2, SYS_CONF_UNLOAD_DRIVER = 1 },
-      { "^vxa: warning: /etc/vx_filter.conf: line 5: SYSTEM_MIN_FREE_MEM_PCT nan is out of bounds",
-        "line 9: SYSTEM_RECOVERY_FACTOR: 0.3[^\n]* counts as 0\n", "line 10: [^\n]* inf is out",
-        "line 11: [^\n]* 0 is out", "line 12: .* has no number; the line is",
-        "line 13: SYSTEM_UNLOAD_DRIVER= must start the",
-        "line 14: 'SYSTEM_RUNQ' is not .* 'SYSTEM_RUNQ_PCT_THRESHOLD'%?",
-        "line 15: 'SYS_THR_FREE_MEM' is not .* 'SYSTEM_MIN_FREE_MEM_PCT'%?",
-        "line 16: JSON is for %-%-policy; this file has lines NAME=", "and 89 more\n" } },
-    { "--port 443", false, { SYS_CONF_CONN_REFUSAL_PORT = 443, SYS_THR_RUNQ = 200 } },
+      "^vxa: warning: /etc/vx_filter.conf: line 5: SYSTEM_MIN_FREE_MEM_PCT nan is out of bounds.*"
+      .. "line 9: SYSTEM_RECOVERY_FACTOR: 0.3[^\n]* counts as 0\n.*line 10: [^\n]* inf is out.*"
+      .. "line 11: [^\n]* 0 is out.*line 12: [^\n]* has no number; the line is.*line 13: "
+      .. "SYSTEM_UNLOAD_DRIVER= must start.*line 14: 'SYSTEM_RUNQ' is not [^\n]* "
+      .. "'SYSTEM_RUNQ_PCT_THRESHOLD'%?.*line 15: 'SYS_THR_FREE_MEM' is not [^\n]* "
+      .. "'SYSTEM_MIN_FREE_MEM_PCT'%?.*line 16: JSON is for %-%-policy; .*and 89 more\n" },
     { "--port 443", "SYSTEM_MIN_FREE_MEM_PCT=0.3\nSYSTEM_UNLOAD_DRIVER=1\n",
       { SYS_THR_FREE_MEM = 0.30000001192093, SYS_THR_RUNQ = false } },
+    { "", false, { SYS_THR_RUNQ = 200 } },
     { "--port 443 --policy outbound.json", false, { SYS_CONF_CONN_REFUSAL_PORT = 443,
       SYS_CONF_CONN_REFUSAL_OUTBOUND = 0, SYS_THR_CONN_REFUSAL_PCT = 50 } },
     { "--port 443 --policy portless.json --outbound", false, { SYS_CONF_CONN_REFUSAL_OUTBOUND = 1,
       SYS_THR_CONN_REFUSAL_PCT = 10, SYS_THR_CONN_EST_PER_CPU = false } },
-}
-
-for _, row in ipairs(configured) do
+} do
     shell("rm -rf %s", AGENT)
-    if row[2] then write(CONF, row[2]) end
+    if row[2] then testing.write(CONF, row[2]) end
     local out, _, err = vxa("run --json --cycles 1 " .. row[1], "VXI_SIM=cpus=256")
     os.remove(CONF)
     local logged = health_policy.check(testing.read(AGENT .. "/diag/vx_filter_json.log") or "{}")
@@ -319,15 +294,12 @@ for _, row in ipairs(configured) do
     matches(err, row[4] or "^$", "warnings")
 end
 
-shell("mkfifo " .. CONF)
-matches(select(3, vxa("run --cycles 1")), "^vxa: configuration /etc/vx_filter.conf: not a regular")
+-- A configuration file that is a FIFO, and a log without a directory, reported once.
+shell("mkfifo %s; rm -rf %s; touch %s", CONF, AGENT, AGENT)
+matches(select(3, vxa(RUN .. 1)), "^vxa: configuration /etc/vx_filter.conf: not a regular")
 os.remove(CONF)
-
--- That the settings cannot be logged is reported once.
-shell("rm -rf %s && touch %s", AGENT, AGENT)
-matches(select(3, vxa("run --cycles 3 --interval 0.01")),
-    "^vxa: Failed to output cloud config %([^\n]*\n$", "no log")
-shell("rm -f %s", AGENT)
+matches(select(3, vxa(RUN .. 3)), "^vxa: Failed to output cloud config %([^\n]*\n$", "no log")
+os.remove(AGENT)
 
 -- ---- signals ------------------------------------------------------------------------------
 
@@ -342,36 +314,32 @@ for signal, ended in pairs { INT = 130, TERM = 143 } do
 end
 
 -- While a package is unfinished.
-before = files()
-for _, signal in ipairs { "TERM", "INT" } do
-    local out, status, err = vxa("diag a.zip", "", { "fc", ([[
-        local add = SLB.filter.AddDriverDiagnostics
-        function SLB.filter.AddDriverDiagnostics(...)
-            io.popen("env -u LD_PRELOAD kill -%s $PPID"):close()
-            return add(...)
-        end]]):format(signal) })
-    equal({ err, status, out, files() },
-        { ("vxa: interrupted by SIG%s: no package was written\n"):format(signal), 1, "", before })
-end
+before = shell "ls -AR"
+local out, status, err = vxa("diag a.zip", "", { "fc", [[
+    local add = SLB.filter.AddDriverDiagnostics
+    function SLB.filter.AddDriverDiagnostics(...)
+        io.popen("env -u LD_PRELOAD kill -TERM $PPID"):close()
+        return add(...)
+    end]] })
+equal({ err, status, out, (shell "ls -AR") },
+    { "vxa: interrupted by SIGTERM: no package was written\n", 1, "", before }, "package")
 
--- Runs a shell command once the first cycle is out, in the middle of the wait.
-local function during_a_run(command)
-    return shell([[: >out; cp runq.json changing.json
+-- A shell command once the first cycle is out, in the middle of the wait.
+for _, row in ipairs {
+    { "kill -INT $pid", "^status 0\n.*\n1 cycle in [^\n]*; ended enforcing\n$" },
+    -- SIGHUP reloads the policy; one that is refused leaves the old in force.
+    { "cp mistyped.json changing.json; kill -HUP $pid; wait_for stays; cp instant.json "
+      .. "changing.json; kill -HUP $pid; wait_for reloaded; kill -TERM $pid", "^status 0\n.*\nvxa: "
+      .. "policy changing.json: .*; the current policy stays in force\nvxa: warning: port 80, "
+      .. "inbound, stays monitored until vxa is restarted\npolicy reloaded: .*\n1 cycle in " },
+} do
+    matches(shell([[: >out; cp runq.json changing.json
         VXI_ENGINE=sim %s/bin/vxa run --policy changing.json --interval 40 >out 2>&1 & pid=$!
         wait_for() {
             n=0; until grep -q "$1" out || [ $n -ge 400 ]; do sleep 0.05; n=$((n + 1)); done
         }
         wait_for normal
-        %s; wait $pid; echo "status $?"; cat out]], ROOT, command)
+        %s; wait $pid; echo "status $?"; cat out]], ROOT, row[1]), row[2], row[1])
 end
-
-matches(during_a_run "kill -INT $pid", "^status 0\n.*\n1 cycle in [^\n]*; ended enforcing\n$")
-
--- SIGHUP reloads the policy; one that is refused leaves the old in force.
-matches(during_a_run [[cp mistyped.json changing.json; kill -HUP $pid; wait_for stays
-    cp instant.json changing.json; kill -HUP $pid; wait_for reloaded; kill -TERM $pid]],
-    { "^status 0\n", "vxa: policy changing.json: .*; the current policy stays in force",
-      "\nvxa: warning: port 80, inbound, stays monitored until vxa is restarted\n",
-      "\npolicy reloaded: changing.json\n", "\n1 cycle in " }, "reloading")
 
 testing.finish()
