@@ -9,7 +9,7 @@ namespace vxi {
 
 namespace {
 
-thread_local TableOrigin origins[kTableCount];
+thread_local TableOrigin origins[static_cast<unsigned>(Table::kCount)];
 
 TableOrigin& Origin(Table table)
 {

@@ -3,8 +3,7 @@
 
 namespace vxi {
 
-enum class Table : unsigned { kStatistics, kConntrack, kBlacklist, kConnStates };
-inline constexpr unsigned kTableCount = 4;
+enum class Table : unsigned { kStatistics, kConntrack, kBlacklist, kConnStates, kCount };
 
 struct TableOrigin {
     const char* engine = nullptr;  // null before this thread's first fetch of the table

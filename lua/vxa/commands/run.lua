@@ -11,8 +11,14 @@ local reports = { [true] = "vxa.reports.run_json", [false] = "vxa.reports.run_te
 
 -- ---- advice -----------------------------------------------------------------------------
 
+local function find_metric(metrics, name)
+    for _, metric in ipairs(metrics) do
+        if metric.name == name then return metric end
+    end
+end
+
 local function check_interval(monitored, interval_s, result)
-    local delta_t = result.metrics[#result.metrics]
+    local delta_t = find_metric(result.metrics, "delta_t")
     if delta_t.enabled and interval_s >= delta_t.threshold then
         monitored.messages:warn_once(("warning: --interval %.14g is not below the threshold of "
             .. "delta_t (%.14g s): every cycle will count as overloaded")

@@ -81,7 +81,7 @@ t.equal(select(2, output("unzip -p " .. path .. " vxa_variables.txt"):gsub("\n",
 
 vxa.trace("diagnostics", true)
 vxa.trace("filter", true)
-for combination = 0, 31 do
+for combination = 0, 2 ^ #dumps - 1 do
     local faults, operations, failures, entries = {}, {}, {}, {}
     for i, dump in ipairs(dumps) do
         local fails = math.floor(combination / 2 ^ (i - 1)) % 2 == 1

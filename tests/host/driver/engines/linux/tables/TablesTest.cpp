@@ -6,9 +6,11 @@
 
 #include <algorithm>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 #include "AllocationLimit.h"
+#include "api/Engine.h"
 #include "records/Variables.h"
 #include "support/kernel/Kernel.h"
 #include "support/kernel/Traffic.h"
@@ -393,7 +395,8 @@ KERNEL_TEST(Tables, WithoutPrivilege)
     EXPECT_EQ(vxi_set_var(handle.get(), vxi::kVariableRuleProfiling, 1), -EPERM);
     EXPECT_EQ(Value(handle, vxi::kVariableRuleProfiling), 0u);
     vxi_capability_s row;
-    EXPECT_EQ(vxi_capabilities(handle.get(), &row, 1), 7);
+    EXPECT_EQ(vxi_capabilities(handle.get(), &row, 1),
+              static_cast<int>(std::size(vxi::kFacilityNames)));
     EXPECT_EQ(row.available, 0);
     EXPECT_STREQ(row.detail, "nf_tables needs CAP_NET_ADMIN");
 }
