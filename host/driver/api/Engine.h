@@ -6,6 +6,8 @@
 // status and the handle's error message.
 #pragma once
 
+#include <type_traits>
+
 #include "api/Error.h"
 #include "api/Handle.h"
 #include "records/ScanTarget.h"
@@ -21,7 +23,7 @@ inline constexpr const char* kFacilityNames[] = {
 
 struct Operations {
     void (*close)(vxi_handle_ops_s*);  // frees handle->state, which may be null; must not throw
-#define OPERATION(Name, name, parameters) int(*name) parameters;
+#define OPERATION(Name, name, parameters) std::add_pointer_t<int parameters> name;
 #include "api/operations.def"
 };
 

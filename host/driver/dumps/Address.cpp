@@ -78,7 +78,7 @@ char* WriteIpv6(char* out, const std::uint8_t (&address)[16])
         return WriteQuad(out, address + 12);
     }
     unsigned group[kGroups];
-    for (unsigned i = 0; i < kGroups; ++i) {
+    for (std::size_t i = 0; i < kGroups; ++i) {
         group[i] = static_cast<unsigned>(address[2 * i] << 8 | address[2 * i + 1]);
     }
     const Run zeros = LongestZeros(group);

@@ -191,19 +191,19 @@ TEST_F(Dispatch, MalformedSettingsAreRefused)
 TEST(EnvironmentDeathTest, BadVariablesKeepHandlesFromOpening)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const std::string message =
-        "VXI_(ENGINE: unknown engine '.xc3.xa4'; known are: linux, sim|SIM cannot be read at "
-        "character 6: .*4096|FAULT .* expected one of vxi_open, .*vxi_capabilities)";
+    const char* const output =
+        "^.nil. .*(VXI_(ENGINE: unknown engine '.xc3.xa4'; known are: linux, sim|SIM cannot be "
+        "read at character 6: .*4096|FAULT .* one of vxi_open, .*vxi_capabilities)[|]){2}$";
     for (std::string variable : {"VXI_ENGINE=\xc3\xa4", "VXI_SIM=cpus=0", "VXI_FAULT=x=1"}) {
         EXPECT_EXIT(
             {
                 setenv("VXI_ENGINE", "sim", 1);
                 putenv(variable.data());
-                std::fprintf(stderr, "%p %s|", static_cast<void*>(vxi_open()), vxi_open_error());
-                std::fprintf(stderr, "%s", vxi_check_environment());
+                std::fprintf(stderr, "%p ", static_cast<void*>(vxi_open()));
+                std::fprintf(stderr, "%s|%s|", vxi_open_error(), vxi_check_environment());
                 std::_Exit(0);
             },
-            testing::ExitedWithCode(0), "^.nil. .*" + message + "[|]" + message);
+            testing::ExitedWithCode(0), output);
     }
 }
 

@@ -58,9 +58,9 @@ TEST(Text, Connections)
         DumpBlock(tb_dump_all_conn_track, Header(17, 1, 1), Entry(4, 0, kCounted),
                   Header(6, 3, 70000), Entry(6, 3, kCounted | VXA_FLOW_ASSURED), Entry(4, 1, 28),
                   Entry(99, 200, VXA_FLOW_FROM_SOCK_DIAG)));
-    static const vxa_conntrack_entry_s full[65535] = {};
+    static const vxa_conntrack_entry_s kFull[65535] = {};
     const std::string text =
-        DumpBlock(tb_dump_all_conn_track, Header(17, 0, 5), Header(47, 65535, 0), full);
+        DumpBlock(tb_dump_all_conn_track, Header(17, 0, 5), Header(47, 65535, 0), kFull);
     EXPECT_EQ(42U, text.find("# udp: showing 0 of 5 flows\n# protocol47: 65535 flows, total "
                              "unknown\nprotocol47 ?:0 > ?:0 - 0s - - unreplied\n"));
     EXPECT_EQ(65535 + 3, std::count(text.begin(), text.end(), '\n'));
