@@ -74,18 +74,4 @@ function testing.records(path)
     return records
 end
 
--- Little-endian unsigned integer of `size` bytes at a 0-based offset.
-function testing.unsigned(bytes, offset, size)
-    local value = 0
-    for i = size, 1, -1 do value = value * 256 + bytes:byte(offset + i) end
-    return value
-end
-
--- The 0-based offsets of bytes that are not zero.
-function testing.nonzero(bytes)
-    local offsets = {}
-    for at in bytes:gmatch("()[^%z]") do offsets[#offsets + 1] = at - 1 end
-    return offsets
-end
-
 return testing

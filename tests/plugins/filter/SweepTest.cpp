@@ -1,6 +1,6 @@
-// Every native function, with every single allocation failing in its turn, Lua's or all of the
-// process, and with the host's trace log failing at every question: nothing leaks, no lock stays
-// held, nothing crashes, no C++ exception comes out, and a cycle of the health monitor ends.
+// Every native function, with each allocation failing in turn, Lua's or the process's, and with
+// each query of the host's trace log failing: nothing leaks, no lock stays held, nothing crashes,
+// no C++ exception escapes, and a cycle of the health monitor ends.
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -21,17 +21,12 @@ namespace {
 
 constexpr long kMaxAllocations = 5000;
 
-// The host's trace log of this program: it comes before that of the core library, and throws at
-// the question that is due. -1: never.
-thread_local int s_questions_left = -1;
+// Queries of the trace log that succeed before one throws; -1: all. This program's trace log comes
+// before that of the core library.
+thread_local int s_queries_left = -1;
 
-bool IsFailureDue()
-{
-    return s_questions_left >= 0 && s_questions_left-- == 0;
-}
-
-// Each returns a function that does all its work. That of a cycle begins with monitoring disabled
-// and notes whether an action was lost, or lack of memory taken for a lack of settings.
+// Each chunk returns a function that does all its work. That of a cycle begins with monitoring
+// disabled and notes whether an action was lost, or a lack of memory taken for a lack of settings.
 const std::map<std::string, std::string> kCalls = {
     {"EnableNativeFirewall", "return filter.EnableNativeFirewall"},
     {"DisableNativeFirewall", "return filter.DisableNativeFirewall"},
@@ -65,12 +60,12 @@ protected:
         ASSERT_EQ(
             m_other.Run(std::string(kLoadModules) + "vxa.log_to('/dev/null') vxa.verbose(true)"),
             "");
-        // A lock that stays held would hang this program: it is ended then.
+        // A lock that stays held would hang this program.
         alarm(60);
     }
     void TearDown() override { alarm(0); }
 
-    // Another thread's use of everything that the module locks.
+    // Uses everything that the module locks from another thread.
     void ExpectUsable()
     {
         std::string error;
@@ -86,7 +81,7 @@ protected:
     LuaHost m_other;
 };
 
-// Of Lua's memory, or of all that comes from malloc.
+// The parameter: whether all memory from malloc runs out, or only Lua's.
 class AllocatorSweep : public Sweep, public ::testing::WithParamInterface<bool> {
 protected:
     void SetUp() override
@@ -95,8 +90,8 @@ protected:
         Sweep::SetUp();
     }
 
-    // Runs the function on the stack with the n-th allocation and all later ones failing. False
-    // when it needs fewer than n.
+    // Runs the function on the stack with the n-th allocation and all later ones failing. Returns
+    // whether one did.
     static bool FailFromNth(LuaHost& host, long n)
     {
         GetParam() ? (void)allocations::AllowMalloc(n) : host.FailAfter(n);
@@ -112,7 +107,7 @@ protected:
         return failed;
     }
 
-    // The same in a child, so that the state is always as it was and a crash is counted.
+    // The same in a child, which may crash and leaves the state as it was.
     bool FailInChild(LuaHost& host, long n)
     {
         const pid_t child = fork();
@@ -161,12 +156,12 @@ TEST_F(Sweep, ExceptionsBecomeErrors)
     for (const auto& call : kCalls) {
         SCOPED_TRACE(call.first);
         int status = LUA_ERRRUN;
-        for (int question = 0; status != LUA_OK; ++question, ++thrown) {
-            ASSERT_LT(question, 1000);
+        for (int query = 0; status != LUA_OK; ++query, ++thrown) {
+            ASSERT_LT(query, 1000);
             PushCall(host, call.first);
-            s_questions_left = question;
+            s_queries_left = query;
             status = lua_pcall(host.l, 0, 0, 0);
-            s_questions_left = -1;
+            s_queries_left = -1;
             if (status == LUA_OK) break;
             const std::string text = lua_tostring(host.l, -1);
             EXPECT_NE(text.find("the trace log fails"), std::string::npos) << text;
@@ -185,12 +180,12 @@ TEST_F(Sweep, NoExceptionReachesTheDriverLibrary)
 {
     ASSERT_EQ(m_other.Run("filter.setup_tbtrace(handle)"), "");
     char message[] = "M";
-    s_questions_left = 0;
+    s_queries_left = 0;
     EXPECT_EQ(driver::installed_trace_handler.load()(2, "A", "B", 10, message), 0);
-    EXPECT_EQ(s_questions_left, -1) << "was not asked";
+    EXPECT_EQ(s_queries_left, -1) << "was not queried";
 }
 
-// Only Lua's memory: loading a library takes the system's.
+// Only with Lua's memory: the dynamic loader needs the process's.
 TEST_F(Sweep, ModuleEntry)
 {
     bool failed = true;
@@ -203,7 +198,7 @@ TEST_F(Sweep, ModuleEntry)
         const std::string error = host.CallFailing(0, n);
         failed = host.HasFailed();
         EXPECT_EQ(error.find("not enough memory") != std::string::npos, failed) << error;
-        // Whatever was reached: the next attempt finds the whole module.
+        // The next attempt finds the whole module.
         EXPECT_EQ(host.Run("require 'fc'; assert(SLB.filter.EnableNativeFirewall() == 0)"), "");
         ExpectUsable();
         EXPECT_EQ(host.Close(), 0u) << "allocation " << n;
@@ -218,7 +213,8 @@ namespace VxaCore {
 
 bool LogTraceIsEnabled(const wxString&)
 {
-    if (IsFailureDue()) throw std::runtime_error("the trace log fails");
+    if (s_queries_left >= 0 && s_queries_left-- == 0)
+        throw std::runtime_error("the trace log fails");
     return true;
 }
 

@@ -531,8 +531,8 @@ outcome(off, '{"SYS_CONF_CONN_REFUSAL_PORT": 8080.9}')
 equal({filter.GetScanMetricPort()}, {true, 8080})
 
 -- Every setting is taken up to its maximum: in the file, in a policy.
-local file, policy = {[0] = {}, {}}, {[0] = {}, {}}  -- at the maximum; beyond it
-local accepted, stored, refused_of_file, refused_of_policy = {}, {}, "", ""
+local file, policy = {[0] = "", ""}, {[0] = "", ""}  -- at the maximum; beyond it
+local all, stored, refused_of_file, refused_of_policy = "", {}, "", ""
 for row, setting in ipairs {
     {"CONNECTION_REFUSAL_PORT", "CONF_CONN_REFUSAL_PORT", 65535},
     {"CONNECTION_REFUSAL_OUTBOUND", "CONF_CONN_REFUSAL_OUTBOUND", 1},
@@ -547,33 +547,28 @@ for row, setting in ipairs {
     {"UNLOAD_DRIVER", "CONF_UNLOAD_DRIVER", 1},
 } do
     local file_key, policy_key, maximum = table.unpack(setting)
-    local shape = policy_key:find "^CONF" and '"SYS_%s": %d' or '"SYS_%s": {"value": %d}'
+    local shape = policy_key:find "^CONF" and ',"SYS_%s": %d' or ',"SYS_%s": {"value": %d}'
     for excess = 0, 1 do
-        file[excess][row] = ("SYSTEM_%s=%d\n"):format(file_key, maximum + excess)
-        policy[excess][row] = shape:format(policy_key, maximum + excess)
+        file[excess] = file[excess] .. ("SYSTEM_%s=%d\n"):format(file_key, maximum + excess)
+        policy[excess] = policy[excess] .. shape:format(policy_key, maximum + excess)
     end
-    accepted[row] = policy_key .. ":" .. maximum
+    all = all .. "," .. policy_key .. ":" .. maximum
     refused_of_file = refused_of_file .. rejected(0, "SYSTEM_" .. file_key, maximum)
     refused_of_policy = refused_of_policy .. beyond(policy_key)
     stored[row] = ("stored SYS_%s  %f"):format(policy_key, maximum)
 end
-local all = table.concat(accepted, ",")
+all = #stored .. " {" .. all:sub(2) .. "} true"
+stored[#stored + 1] = "readSystemHealthConfig returning " .. #stored
 -- In fail-open the thresholds on the port's connections are counted, but off.
 local in_fail_open = all:gsub("THR_CONN[%u_]+:%d+,", ""):gsub("THR_TOTAL[%u_]+:%d+,", "")
-local function from_file(state, excess)
-    t.write(config_file, table.concat(file[excess]))
-    return outcome(state, "")
+for _, case in ipairs {{off, 0, all, all}, {on, 0, in_fail_open, in_fail_open},
+        {off, 1, "0 {} false" .. refused_of_file, "0 {} false" .. refused_of_policy}} do
+    local state, excess, of_file, of_policy = table.unpack(case)
+    t.write(config_file, file[excess])
+    equal(outcome(state, ""), of_file)
+    equal(outcome(state, "{" .. policy[excess]:sub(2) .. "}"), of_policy)
+    if excess == 0 then equal(traced(seen, "SysHealth.conf"), stored) end
 end
-local function from_policy(state, excess)
-    return outcome(state, "{" .. table.concat(policy[excess], ",") .. "}")
-end
-for read, refused in pairs {[from_file] = refused_of_file, [from_policy] = refused_of_policy} do
-    equal({read(off, 0), read(on, 0), read(off, 1)}, {#accepted .. " {" .. all .. "} true",
-        #accepted .. " {" .. in_fail_open .. "} true", "0 {} false" .. refused})
-end
-from_policy(off, 0)
-stored[#stored + 1] = "readSystemHealthConfig returning " .. #accepted
-equal(traced(seen, "SysHealth.conf"), stored)
 
 -- ---- the JSON log --------------------------------------------------------------------
 

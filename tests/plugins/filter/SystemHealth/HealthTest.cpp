@@ -1,4 +1,4 @@
-// What scripts cannot reach: calls that only hosts make, and a process without descriptors.
+// What scripts cannot reach: functions that only hosts call, and a process without descriptors.
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -29,7 +29,7 @@ protected:
     const FakeMachine m_machine;
 };
 
-// While it lives, the process may use that much of a resource.
+// Limits a resource of the process while it lives.
 class Limit {
 public:
     Limit(__rlimit_resource resource, rlim_t limit) : m_resource(resource)
@@ -53,7 +53,7 @@ TEST_F(HealthTest, Vmstat)
     const std::string initial = ", columns 0 0 0 0 0 15 0 0";
     const std::string lacking =
         "SysHealth.eng getVmstatMetrics: could not retrieve command output, failing";
-    // Output of the command; result and values, 9 beforehand.
+    // Output of the command; result, then values, which are 9 before, and columns.
     const std::pair<std::string, std::string> cases[] = {
         {"System configuration: lcpu=2 mem=4096MB\n\nkthr memory page\n" + heading + data,
          "8 4096 1 22478 1677 57 32 1 10" + located},
@@ -61,7 +61,7 @@ TEST_F(HealthTest, Vmstat)
          "7 9 1 22478 1677 57 32 1 10" + located},
         {"configuration: lcpu==2 mem==4096MB\n", "1 4096 9 9 9 9 9 9 9" + initial},
         {heading + "1 0 22478 15:27:12\n", "3 9 1 22478 15 9 9 9 9" + located},
-        // The last heading keeps its line end.
+        // The last heading keeps its line feed.
         {"avm id wa\n7 8 9 10:00:00\n", "2 9 9 7 9 9 9 8 9, columns 0 0 1 0 0 15 2 0"},
         // A second heading line moves nothing.
         {heading + "wa id avm fre r \n" + data, "7 9 1 22478 1677 57 32 1 10" + located},
