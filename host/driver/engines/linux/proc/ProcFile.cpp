@@ -15,8 +15,8 @@ namespace vxi {
 
 namespace {
 
-constexpr std::size_t kFileSizeMax = 16 * 1024 * 1024;
-constexpr std::size_t kChunkSize = 16 * 1024;
+constexpr std::size_t kFileSizeMax = 16UL * 1024 * 1024;
+constexpr std::size_t kChunkSize = 16UL * 1024;
 
 class Descriptor {
 public:

@@ -46,12 +46,11 @@ TEST(ProcTables, Tables)
         {Snmp, "", "!0"},
         {Snmp, "Ip: A B\nIp: 1 2\nTcp: C\nTcp: -1", "Ip.A=1 Ip.B=2 Tcp.C=-1 !0"},
         {Snmp, "Ip: A B\nIp: 1\n", "Ip.A=1 !1"},                     // fewer numbers than names
-        {Snmp, "Ip: A\nTcp: B\nTcp: 2\n", "Tcp.B=2 !0"},             // names alone
         {Snmp, "Ip: A\nIp: 1\nIp: B\nIp: 2\n", "Ip.A=1 Ip.B=2 !0"},  // a group in two pieces
         {Snmp, "Ip: A B C D\nIp: 0x1 1e3 2x 4\n", "Ip.D=4 !3"},
         {Snmp, "Ip: A B\nIp: 99999999999999999999 -99999999999999999999\n",
          "Ip.A=-1 Ip.B=-9223372036854775808 !0"},
-        {Snmp, "no colon\nIp: A\n: : :\nIp: 1\n", "!0"},
+        {Snmp, "no colon\nIp: A\n: : :\nIp: 1\nTcp: B\nTcp: 2\n", "Tcp.B=2 !0"},
         {Snmp, "Ip: A\0B\nIp: 1 2\nSkip: A\nSkip: 1\n"s, "Ip.A\0B=1 !0"},
         {vxi::ParseSnmp6, "Ip6X   \t 5\nA\nB 1 2\nC x\nD 4", "Ip6X=5 D=4 !3"},
         {vxi::ParseSnmp6, "Icmp6InType128 3\nIcmp6OutType1 3\nIcmp6InTypes 3\nType1 4\n",
@@ -126,18 +125,13 @@ TEST(Statistics, WithoutAnyTable)
 
 TEST(RuleProfile, SubtractsWhatWasCountedBefore)
 {
-    const vxi::RuleCounts before = {{{1, "t", 1}, {"c", 10, 100}}, {{1, "t", 2}, {"c", 9, 20}}};
-    const vxi::RuleCounts now = {{{1, "t", 1}, {"c", 15, 120}},
-                                 {{1, "t", 2}, {"c", 3, 30}},        // set back
-                                 {{1, "\"\xff", 4}, {"c", 7, 70}}};  // new
-    const std::string json = vxi::ProfileJson(vxi::CountedSince(before, now), 1500);
-    EXPECT_EQ(json.find(R"({"profile": {"milliseconds": 1500, "rules": [{"family": "inet", )"), 0u);
-    for (const char* part :
-         {R"("t", "chain": "c", "handle": 1, "packets": 5, "bytes": 20})",
-          R"("handle": 2, "packets": 3, "bytes": 30})",
-          R"("\"\ufffd", "chain": "c", "handle": 4, "packets": 7, "bytes": 70})"}) {
-        EXPECT_NE(json.find(part), json.npos) << json;
-    }
+    const vxi::RuleKey same = {1, "t", 1}, reset = {1, "t", 2}, added = {2, "t", 1};
+    auto counted =
+        vxi::CountedSince({{same, {"c", 10, 100}}, {reset, {"c", 9, 20}}},
+                          {{same, {"c", 15, 120}}, {reset, {"c", 3, 30}}, {added, {"c", 7, 70}}});
+    EXPECT_EQ(counted[same].packets, 5u);
+    EXPECT_EQ(counted[reset].packets, 3u);
+    EXPECT_EQ(counted[added].bytes, 70u);
 }
 
 TEST(JsonString, KeepsUtf8AndReplacesTheRest)
@@ -147,9 +141,8 @@ TEST(JsonString, KeepsUtf8AndReplacesTheRest)
         vxi::AppendJsonString(quoted, text);
         return quoted;
     };
-    EXPECT_EQ(json("a/\x7f\"\\\x1f\0"s), "\"a/\x7f\\\"\\\\\\u001f\\u0000\"");
-    const std::string valid = "\xc2\x80\xe0\xa0\x80\xf4\x8f\xbf\xbf";
-    EXPECT_EQ(json(valid), '"' + valid + '"');
+    const std::string valid = "a/\xc2\x80\xe0\xa0\x80\xf4\x8f\xbf\xbf\x7f";
+    EXPECT_EQ(json(valid + "\"\\\x1f\0"s), '"' + valid + "\\\"\\\\\\u001f\\u0000\"");
     // Stray bytes, overlong, a surrogate, too large, cut: each byte is replaced.
     for (const char* bad :
          {"\x80\xff\xc1\xbf\xe2\x82", "\xe0\x9f\xbf\xed\xa0\x80", "\xf4\x90\x80\x80\xe2"}) {

@@ -15,11 +15,11 @@ using traffic::Local;
 
 namespace {
 
-int Fill(Handle handle, vxa_dump_conntrack_s& section, std::uint8_t protocol, unsigned room)
+int Fill(Handle handle, vxa_dump_conntrack_s& section, std::uint8_t protocol, std::size_t room)
 {
     section = ConntrackRequest(protocol);
     section.entry_ct = static_cast<std::uint16_t>(room);
-    return vxi_get_conntrack(handle, &section, 16 + 72 * room, nullptr);
+    return vxi_get_conntrack(handle, &section, static_cast<unsigned>(16 + 72 * room), nullptr);
 }
 
 // As callers fetch it, but with less room than was asked for.
@@ -30,10 +30,10 @@ std::string Fetch(const OpenHandle& handle = kernel::Open(), unsigned less = 0)
     if (less > 0) {
         Run("conntrack -F 2>/dev/null");  // the flows are those that were counted
     }
-    const unsigned room = count.entry_ct - less;
+    const std::size_t room = count.entry_ct - less;
     std::vector<vxa_dump_conntrack_s> block(2 + room * 72 / 16 + 1);
     EXPECT_EQ(Fill(handle.get(), block[0], IPPROTO_UDP, room), 0);
-    const unsigned udp = block[0].entry_ct;
+    const std::size_t udp = block[0].entry_ct;
     auto* tcp = reinterpret_cast<char*>(&block[1]) + 72 * udp;
     EXPECT_EQ(
         Fill(handle.get(), reinterpret_cast<vxa_dump_conntrack_s&>(*tcp), IPPROTO_TCP, room - udp),
