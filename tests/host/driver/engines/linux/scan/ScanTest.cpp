@@ -105,6 +105,7 @@ void CountUnfinished(std::uint32_t direction)
     sockets = Attempt(30, 128);
     ExpectSoon({60, 0, 0, 0, 0}, direction);
     EXPECT_TRUE(Eventually([&] { return Read(direction)[VXI_SCAN_SYN_RETRANSMITTED] >= 60; }));
+    ExpectSoon({60, 0, 0, 0, 0}, direction);
     ExpectSoon({60, 0, 0, 60, 0}, direction);
 }
 
