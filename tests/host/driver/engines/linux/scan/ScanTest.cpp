@@ -17,6 +17,8 @@ using traffic::Local;
 
 namespace {
 
+const vxi::ScanTarget kInbound = {VXI_SCAN_INBOUND, kPort};
+
 // As the interface lists them: new, closed, established, half-open closed, reset..
 using Counters = std::vector<std::uint64_t>;
 
@@ -241,8 +243,8 @@ KERNEL_TEST(ScanLife, ForkedChildCountsThePortInATableOfItsOwn)
     ExpectSoon({4, 4, 0, 4, 0});
 }
 
-// Another has its name; others flush the rules, and reset the counters. And the port was set with
-// another engine.
+// Others have its name, flush the rules and reset the counters. And the port was set with another
+// engine.
 KERNEL_TEST(ScanLife, SurvivesOthers)
 {
     const std::string name = TableOf(getpid());
@@ -251,15 +253,17 @@ KERNEL_TEST(ScanLife, SurvivesOthers)
     EXPECT_EQ(row.available, 1) << row.detail;
     EXPECT_EQ(Tables(), "");
     Run("nft add table inet " + name);
+    vxi::ScanMonitor other;
+    other.Start(kInbound);
     ASSERT_EQ(vxi_engine_select("sim"), 0);
     ASSERT_EQ(MonitorPort(OpenHandle(vxi_open()).get(), kPort), 0);
     ExpectSoon({0});
-    EXPECT_EQ(Tables(), name + " " + name + "_1");
+    EXPECT_EQ(Tables(), name + " " + name + "_1 " + name + "_2");
     vxi_capabilities(kernel::Open().get(), &row, 1);
-    EXPECT_NE(strstr(row.detail, (name + "_1: port 8443 inbound").c_str()), nullptr) << row.detail;
+    EXPECT_NE(strstr(row.detail, (name + "_2: port 8443 inbound").c_str()), nullptr) << row.detail;
     traffic::Connect(Local(4), 9, ECONNREFUSED);
     Run("nft flush ruleset");
-    EXPECT_EQ(Tables(), name + "_1");
+    EXPECT_EQ(Tables(), name + "_1 " + name + "_2");
     ExpectSoon({9, 9, 0, 9, 0});
     Run("nft reset counters");
     EXPECT_EQ(Read()[VXI_SCAN_HALF_OPEN_CLOSED], 0u);
@@ -279,8 +283,6 @@ KERNEL_TEST(ScanLife, ServesThreadsAtOnce)
     work();
     other.join();
 }
-
-const vxi::ScanTarget kInbound = {VXI_SCAN_INBOUND, kPort};
 
 // As on kernels without the owner flag.
 KERNEL_TEST(ScanLife, WithoutOwnerKeepsItsTableAndRemovesThoseOfTheDead)
