@@ -1,8 +1,8 @@
 -- Runs the command that the arguments name and returns its exit status.
 
+local command_line = require "vxa.command_line"
 local console = require "vxa.output.console"
 local exit = require "vxa.exit"
-local options = require "vxa.options"
 local session = require "vxa.session"
 
 local function version_line()
@@ -12,13 +12,13 @@ local function version_line()
 end
 
 local function perform(arguments)
-    local parsed, message = options.parse(arguments)
+    local parsed, message = command_line.parse(arguments)
     if not parsed then exit.fail(2, "%s", message) end
     if parsed.version then
         console.line(version_line())
         return 0
     end
-    return require("vxa.commands." .. parsed.command)(parsed)
+    return require("vxa.commands." .. parsed.command).run(parsed)
 end
 
 -- The exit status and the message for an error. Internal errors keep their file and line.

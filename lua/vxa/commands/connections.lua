@@ -2,7 +2,21 @@
 
 local connection_feedback = require "vxa.feedback"
 local console = require "vxa.output.console"
+local filter = require "filter"
+local option = require "vxa.options"
 local session = require "vxa.session"
+
+local function define(command)
+    command:description("Feed this machine's connections to the module and show its reports.")
+    command:epilog(("The module publishes at most once every %d seconds, so the first report "
+        .. "comes %d seconds after the start. Until Ctrl-C or --cycles, each sample prints a line "
+        .. "with the number of new connections. Connections that were not published by then are "
+        .. "listed at the end."):format(filter.PUBLICATION_INTERVAL_S,
+        filter.PUBLICATION_INTERVAL_S))
+    option.add_driver(command)
+    option.add_json(command)
+    option.add_cycles(command, "sample")
+end
 
 local reports = { [true] = "vxa.reports.connections_json",
                   [false] = "vxa.reports.connections_text" }
@@ -56,7 +70,7 @@ local function run_samples(attached, options, report, totals)
     end
 end
 
-return function(options)
+local function run(options)
     local attached = session.attach(options)
     session.capture_logs(attached, options)
     attached.feedback = connection_feedback.new(attached)
@@ -73,3 +87,5 @@ return function(options)
     console.complain("no sample could read connections")
     return 1
 end
+
+return { define = define, run = run }

@@ -6,9 +6,21 @@
 local console = require "vxa.output.console"
 local exit = require "vxa.exit"
 local format = require "vxa.output.format"
+local option = require "vxa.options"
 local package_entries = require "vxa.package_entries"
 local printable = require "vxa.output.printable"
 local session = require "vxa.session"
+
+local function define(command)
+    command:description("Write a diagnostic package with the driver's tables.")
+    command:argument("OUT.zip", "The package to write."):target("archive")
+        :convert(option.file_name("OUT.zip"))
+    command:flag("--force", "Replace an existing file.")
+    command:option("--profile", "Profile the rules for SECONDS and include per-rule counters in "
+        .. "the package."):argname("SECONDS"):convert(option.seconds("--profile"))
+    option.add_driver(command)
+    option.add_state(command)
+end
 
 -- ---- the file ---------------------------------------------------------------------------
 
@@ -219,7 +231,7 @@ local function profile_rules(vxa, handle, seconds)
     end
 end
 
-return function(options)
+local function run(options)
     check_target(session.load_host(), options.archive, options.force)
     local attached = session.attach(options)
     local vxa = attached.vxa
@@ -245,3 +257,5 @@ return function(options)
     console.complain("the driver returned nothing")
     return 1
 end
+
+return { define = define, run = run }

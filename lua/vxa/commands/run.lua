@@ -4,8 +4,18 @@ local connection_feedback = require "vxa.feedback"
 local console = require "vxa.output.console"
 local filter = require "filter"
 local messages = require "vxa.messages"
+local option = require "vxa.options"
 local policy_source = require "vxa.policy_source"
 local session = require "vxa.session"
+
+local function define(command)
+    command:description("Run health check cycles and print a line for each.")
+    option.add_policy(command)
+    option.add_driver(command)
+    option.add_json(command)
+    option.add_cycles(command, "cycle")
+    option.add_state(command)
+end
 
 local reports = { [true] = "vxa.reports.run_json", [false] = "vxa.reports.run_text" }
 
@@ -132,7 +142,7 @@ local function run_cycles(monitored, options, report, totals)
     end
 end
 
-return function(options)
+local function run(options)
     local monitored = session.start_monitoring(options)
     local vxa = monitored.vxa
     monitored.feedback = connection_feedback.new(monitored)
@@ -154,3 +164,5 @@ return function(options)
     end
     return 0
 end
+
+return { define = define, run = run }

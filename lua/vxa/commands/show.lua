@@ -3,10 +3,19 @@
 local console = require "vxa.output.console"
 local exit = require "vxa.exit"
 local format = require "vxa.output.format"
+local option = require "vxa.options"
 local package_entries = require "vxa.package_entries"
 local printable = require "vxa.output.printable"
 local rule_profile = require "vxa.rules.profile"
 local session = require "vxa.session"
+
+local function define(command)
+    command:description("List a diagnostic package, or print one of its entries.")
+    command:argument("OUT.zip", "The package."):target("archive")
+        :convert(option.file_name("OUT.zip"))
+    command:argument("ENTRY", "The entry to print."):target("entry"):args("?")
+    command:flag("--raw", "Write the entry's bytes unchanged.")
+end
 
 -- ---- list -------------------------------------------------------------------------------
 
@@ -94,7 +103,8 @@ local function show(vxa, options)
     write_readable(vxa, options.entry, bytes)
 end
 
-return function(options)
+local function run(options)
+    if options.raw and not options.entry then exit.fail(2, "--raw needs an entry") end
     local vxa = session.load_host()
     if options.raw and vxa.isatty(1) then
         exit.fail(2, "--raw does not write to a terminal; redirect it to a file or a command")
@@ -102,3 +112,5 @@ return function(options)
     if options.entry then show(vxa, options) else list(vxa, options.archive) end
     return 0
 end
+
+return { define = define, run = run }

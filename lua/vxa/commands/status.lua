@@ -5,9 +5,18 @@ local exit = require "vxa.exit"
 local filter = require "filter"
 local format = require "vxa.output.format"
 local json_records = require "vxa.output.json_records"
+local option = require "vxa.options"
 local policy_source = require "vxa.policy_source"
 local printable = require "vxa.output.printable"
 local session = require "vxa.session"
+
+local function define(command)
+    command:description("Run one cycle and show what is monitored and what this machine "
+        .. "supports.")
+    option.add_policy(command)
+    option.add_driver(command)
+    option.add_json(command)
+end
 
 local function capabilities(vxa)
     local handle, message = vxa.open()
@@ -136,7 +145,7 @@ local function show_json(status, vxa)
     json_records.print(record)
 end
 
-return function(options)
+local function run(options)
     local monitored = session.start_monitoring(options)
     local status = inspect(monitored)
     -- Ctrl-C also ends the commands that the module runs: their failure says nothing then.
@@ -150,3 +159,5 @@ return function(options)
     console.complain("the cycle failed: " .. status.result.text)
     return 1
 end
+
+return { define = define, run = run }
