@@ -70,13 +70,13 @@ TEST_F(Log, EveryRecordIsAJsonLine)
     Host::SwitchTrace("Sys*", true);
     const wxString special(L"\u00fc\U0001F600\" \\ %n\t\n\x01\x7f\0|", 14);
     LogTrace("off", "file", 1, "function", "not written");
-    LogTrace("Sys", "dir/file", 12, "f\xC3\x28",
+    LogTrace("Sys", "dir/file", 12, "f\xC3\x28\xC0\x80",
              special + wxUniChar(0xD800) + wxString('x', 20000));
     wxLogVerbose("not written");
     const std::regex time(R"(\{"time":1\d{9}\.\d{6},)");
     EXPECT_EQ(std::regex_replace(ReadText(m_path), time, "{"),
               R"({"kind":"trace","category":"Sys","file":"dir/file","line":12,"function":)"
-              "\"f\uFFFD(\",\"message\":\"\u00fc\U0001F600"
+              "\"f\uFFFD(\uFFFD\uFFFD\",\"message\":\"\u00fc\U0001F600"
               R"(\" \\ %n\t\n\u0001\u007f)"
               "\uFFFD|\uFFFD" +
                   std::string(20000, 'x') + "\"}\n");

@@ -237,20 +237,23 @@ check(vxa.clock() - started < LONG, "nothing slept to its end")
 
 -- A limit on file sizes acts as a full disk in the middle of a record.
 check(run("", [[vxa.catch_signals()
+    local function read() return io.open("%s/full/events.jsonl"):read("*a") end
     local dom = vxa.Dom "%s/full"
-    os.execute "prlimit --pid $PPID --fsize=20:"
+    event(dom)
+    local stored = read()
+    os.execute("prlimit --pid $PPID --fsize=" .. #stored + 20 .. ":")
     vxa.capture(true)
     event(dom)
     assert(vxa.captured()[1].message:find "events.jsonl: File too large")
-    assert(io.open("%s/full/events.jsonl"):read("*a") == "")
-    local _, message = dom:set("a", ("x"):rep(50))
+    assert(read() == stored)
+    local _, message = dom:set("a", ("x"):rep(500))
     assert(message:find "document.json.tmp: File too large", message)
     os.execute "prlimit --pid $PPID --fsize=unlimited:"
-    assert(#dom:events() == 1 and #dom:get("a") == 50)
+    assert(#dom:events() == 2 and #dom:get("a") == 500)
     event(dom)
     assert(dom:close())]], scratch, scratch), "full disk: " .. t.read(log))
 kept = assert(vxa.Dom(scratch .. "/full"))
-same({ #kept:events(), #kept:get("a") }, { 2, 50 }, "kept and stored again")
+same({ #kept:events(), #kept:get("a") }, { 3, 500 }, "kept and stored again")
 
 -- A process killed at any moment has stored everything whose call had returned.
 local total = 0
