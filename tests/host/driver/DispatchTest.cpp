@@ -168,7 +168,6 @@ TEST_F(Dispatch, MalformedSettingsAreRefused)
 {
     Script("vxi_get_conn_states=-5");
     const std::tuple<int (*)(const char*, unsigned*), const char*, unsigned> cases[] = {
-        {vxi_fault_script, "x", 0},
         {vxi_fault_script, "vxi_get_conn_states=0", 20},
         {vxi_fault_script, "vxi_get_conn_states=-5x", 22},
         {vxi_fault_script, "vxi_get_conn_states=-5:times=-1", 29},

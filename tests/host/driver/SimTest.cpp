@@ -91,8 +91,10 @@ TEST(Profiler, PausesNestAndEndWithTheLast)
     }
     EXPECT_EQ(1, profiler_running());
     EXPECT_EQ(0, profiler_blockfilter(0)) << "resumed without a suspend";
-    EXPECT_TRUE(vxi::SetProfiling(false));
+    EXPECT_EQ(0, profiler_blockfilter(1));
     EXPECT_EQ(0, profiler_running());
+    EXPECT_EQ(1, profiler_blockfilter(0));
+    EXPECT_TRUE(vxi::SetProfiling(false));
 }
 
 }  // namespace

@@ -112,7 +112,6 @@ TEST(Text, Statistics)
                             "Ip.In -1\n"
                             "e\\xc3\\xbf\\x20th\\x5c0\\x0a 0\n"));
     EXPECT_EQ(1 + 1 + 29, std::count(text.begin(), text.end(), '\n'));
-    // No names; a source that is too long, and one that the C locale cannot format.
     Begin(vxi::Table::kStatistics, "second", std::string(300, 's').c_str());
     EXPECT_EQ(14U, TextOf<vxa_stats_v2_s>(tb_dump_stats, &stats)
                        .find(std::string(159, 's') + " (engine second), showing 2 of 238"));
