@@ -92,6 +92,7 @@ monitor:set_policy(THRESHOLDS:format("8", "5"))
 set_machine("9.0", 50)
 monitor.enforce = error
 equal({ pcall(monitor.cycle, monitor), monitor.state }, { false, "Deactivated" }, "raised")
+monitor.enforce = nil
 set_machine("0.5", 50)
 
 local status = filter.parse_status "SysHealth: a min_dur=60 act_dur=7 port=443 estab=inf(50.000)"

@@ -201,13 +201,13 @@ equal(traced(seen, "SysHealth.scan"), {"setting scan config 8099, 0", "Collectin
 
 -- The message is cut to its buffer of 128 bytes.
 recorder.answer {get_scan_metrics = -1, error = ("x"):rep(300)}
-action, seen = cycle(1, off, scan_policy)
+seen = select(2, cycle(1, off, scan_policy))
 equal(seen.lines[1], "error: vxi_get_scan_metrics failed rc= -1, buf{" .. ("x"):rep(127) .. "}")
 
 -- Sent again until a fetch succeeds: another port and direction now.
 recorder.answer {get_scan_metrics = -1}
-action, seen = cycle(1, off,
-    '{"SYS_CONF_CONN_REFUSAL_PORT": 8101, "SYS_CONF_CONN_REFUSAL_OUTBOUND": 1}')
+seen = select(2, cycle(1, off,
+    '{"SYS_CONF_CONN_REFUSAL_PORT": 8101, "SYS_CONF_CONN_REFUSAL_OUTBOUND": 1}'))
 equal({seen.calls[2].name, seen.calls[2].bytes}, {"set_scan_monitoring", scan_config(8200, 8101)})
 
 -- The first success. Its counters are only kept.
@@ -335,7 +335,7 @@ machine()
 -- ---- status line ---------------------------------------------------------------------
 
 vxa.trace("*", false)
-action, seen = cycle(1, off, runq)
+seen = select(2, cycle(1, off, runq))
 equal({seen.log, seen.trace}, {{}, {}}, "nothing is logged unless asked for")
 
 vxa.verbose(true)
@@ -356,12 +356,12 @@ for _, case in ipairs {
     {0.75, on, "rc=0 tval=1700009135.500000 delta_t=0.750 startSt=Act endSt=Act min_dur=120 "
         .. "act_dur=120 port=8099 "},
 } do
-    action, seen = cycle(case[1], case[2], full)
+    seen = select(2, cycle(case[1], case[2], full))
     local expected = "info: SysHealth: " .. case[3]
     local line = seen.lines[#seen.lines]
     equal(case[1] == 0.75 and line:sub(1, #expected) or line, expected)
 end
-action, seen = cycle(1, off, "{")
+seen = select(2, cycle(1, off, "{"))
 equal(seen.lines, {}, "only of a cycle that decided")
 vxa.verbose(false)
 machine()
