@@ -103,8 +103,7 @@ TEST_F(Dispatch, ScanCountersStayInsideTheRequest)
     }
 }
 
-// The caller allocates what the size request returned. If that was 0 and entries have come since,
-// the fill request must not be taken for another size request.
+// The fill request for an empty list must not be taken for another size request.
 TEST_F(Dispatch, FillingAnEmptyBlacklistStaysEmpty)
 {
     vxa_blacklist_get_addrs_s list{};
@@ -233,8 +232,7 @@ TEST(PartialEngine, NothingIsMissingAndNothingEscapes)
     EXPECT_STREQ("not supported by this engine", rows[kCount - 1].detail);
 }
 
-// Faults and settings change while handles are in use on several threads. Little can be asserted:
-// the run under ThreadSanitizer is the point.
+// Little can be asserted: the run under ThreadSanitizer is the point.
 TEST_F(Dispatch, HandlesWorkWhileFaultsAndSettingsChange)
 {
     std::atomic<bool> done{false};
