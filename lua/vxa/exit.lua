@@ -8,13 +8,17 @@ function exit.fail(status, format, ...)
     error({ status = status, message = format:format(...) }, 0)
 end
 
--- As a shell reports a command that was ended by a signal.
+-- A shell reports a command that was ended by a signal in this way.
 local SIGNAL_STATUS_BASE = 128
 local signal_numbers = { SIGHUP = 1, SIGINT = 2, SIGQUIT = 3, SIGTERM = 15 }
 
+function exit.signal_status(signal)
+    return SIGNAL_STATUS_BASE + signal_numbers[signal]
+end
+
 -- Ends the command without a message.
 function exit.after_signal(signal)
-    error({ status = SIGNAL_STATUS_BASE + signal_numbers[signal] }, 0)
+    error({ status = exit.signal_status(signal) }, 0)
 end
 
 -- Ends the command if a signal has arrived.

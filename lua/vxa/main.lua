@@ -24,7 +24,7 @@ end
 -- The exit status and the message for an error. Internal errors keep their file and line.
 local function describe(err)
     if type(err) == "table" then return err.status, err.message end
-    if exit.is_interrupt(err) then return 130 end
+    if exit.is_interrupt(err) then return exit.signal_status("SIGINT") end
     -- bin/vxa knows which package has a missing Lua module.
     if tostring(err):find("module '%w+' not found") then error(err, 0) end
     return 1, "internal error: " .. tostring(err)

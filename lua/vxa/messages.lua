@@ -11,7 +11,11 @@ local messages = {}
 -- The consequence if the driver cannot count the connections of the port.
 messages.NOT_COUNTED = "refusalpct, estab and scanmb are not judged"
 
-local NOT_LOGGED = "cannot write to /var/opt/vx_agent/diag: the settings in force are not logged"
+-- The module logs the settings in force here, but does not create the directory.
+messages.LOG_DIRECTORY = "/var/opt/vx_agent/diag"
+
+local NOT_LOGGED = ("cannot write to %s: the settings in force are not logged")
+    :format(messages.LOG_DIRECTORY)
 
 -- Errors whose consequence is worth showing. Where a pattern has a capture, that is the
 -- driver's message: its calls fail together, for the same reason, and are reported once.

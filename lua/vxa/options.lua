@@ -1,5 +1,7 @@
 -- Options that several commands have, and the checks of their values.
 
+local policy_source = require "vxa.policy_source"
+
 local options = {}
 
 -- ---- values -----------------------------------------------------------------------------
@@ -48,8 +50,8 @@ function options.add_driver(command)
 end
 
 function options.add_policy(command)
-    command:option("--policy", "Health policy, a JSON file. Default: /etc/vx_filter.conf if it "
-        .. "exists, otherwise a built-in policy."):argname("FILE")
+    command:option("--policy", ("Health policy, a JSON file. Default: %s if it exists, otherwise "
+        .. "a built-in policy."):format(policy_source.CONF_PATH)):argname("FILE")
         :convert(options.file_name("--policy"))
     command:option("--port", "Monitor the connections of this port. Where connections are "
         .. "redirected (DNAT), this is the port they are redirected to; traffic forwarded to "

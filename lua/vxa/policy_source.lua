@@ -5,7 +5,7 @@ local health_policy = require "health_policy"
 
 local policy_source = {}
 
-local CONF_PATH = "/etc/vx_filter.conf"
+policy_source.CONF_PATH = "/etc/vx_filter.conf"
 local MOST_BYTES = 1048576
 
 -- Returns a policy in JSON. %.17g is enough for the module to read the same numbers.
@@ -80,7 +80,8 @@ local function from_conf_text(vxa, text)
         if text:byte(next_at - 1) == 10 then line_number = line_number + 1 end
         at = next_at
     end
-    return { text = "", source = CONF_PATH, values = values, warnings = warnings:close() }
+    return { text = "", source = policy_source.CONF_PATH, values = values,
+             warnings = warnings:close() }
 end
 
 -- ---- default ----------------------------------------------------------------------------
@@ -92,7 +93,7 @@ end
 local PROCESSES_PER_CPU = 4
 local FREE_MEMORY_PCT = 0.1
 
-local DEFAULT_SOURCE = "built-in default (no --policy, no " .. CONF_PATH .. ")"
+local DEFAULT_SOURCE = "built-in default (no --policy, no " .. policy_source.CONF_PATH .. ")"
 
 local function built_in(cpus)
     local longest_queue = by_conf_name.SYSTEM_RUNQ_PCT_THRESHOLD.max
@@ -146,7 +147,7 @@ end
 local ENOENT = 2  -- errno value
 
 local function without_policy_file(vxa, cpus)
-    local text, message, code = vxa.read_file(CONF_PATH, MOST_BYTES)
+    local text, message, code = vxa.read_file(policy_source.CONF_PATH, MOST_BYTES)
     if text then return from_conf_text(vxa, text) end
     if code ~= ENOENT then exit.fail(2, "configuration %s", message) end
     return built_in(cpus())

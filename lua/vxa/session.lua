@@ -10,9 +10,6 @@ local simulation = require "vxa.machine.simulation"
 
 local session = {}
 
--- The module writes its effective settings here but does not create the directory.
-local DIAGNOSTICS_DIRECTORY = "/var/opt/vx_agent/diag"
-
 local function load_module(name)
     local ok, result = pcall(require, name)
     if ok then return result end
@@ -135,7 +132,7 @@ function session.start_monitoring(options)
     -- traces of metrics beyond their thresholds.
     vxa.verbose(true)
     vxa.trace("SysHealth.eng", true)
-    vxa.mkdir(DIAGNOSTICS_DIRECTORY)  -- the module reports it if this fails
+    vxa.mkdir(messages.LOG_DIRECTORY)  -- if this fails, the module reports it
     session.open_document(monitored, options)
     monitored.monitor = filter.new {
         dom = monitored.dom, policy = monitored.policy.text, settings = monitored.policy.values,
