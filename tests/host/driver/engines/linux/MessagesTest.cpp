@@ -401,7 +401,9 @@ TEST(DamagedMessages, AreReadInsideTheirBounds)
         {Socket(), 1},
         {SetElement(), 2},
         {Set("blacklist"), 1},
-        {Nft(NFT_MSG_NEWOBJ, Attribute(NFTA_OBJ_NAME, "new_connections") + Counter(NFTA_OBJ_DATA, 1, 2)), 1},
+        {Nft(NFT_MSG_NEWOBJ,
+             Attribute(NFTA_OBJ_NAME, "new_connections") + Counter(NFTA_OBJ_DATA, 1, 2)),
+         1},
         {RuleWithCounter(vxi::kCountToPortChain), 2},
     };
     for (const auto& [message, found] : rows) {
