@@ -12,7 +12,7 @@ Feedback.__index = Feedback
 function feedback.new(attached)
     local self = setmetatable({ vxa = attached.vxa }, Feedback)
     -- On the simulated machine, whose addresses are not this one's, all flows are inbound.
-    local is_real = attached.engine ~= "sim"
+    local is_real = not attached.vxa.simulated_machine()
     self.script = filter.feedback {
         is_local = is_real and function(address) return self.is_local(address) end or nil,
         interrupted = self.vxa.interrupted,

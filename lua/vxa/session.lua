@@ -124,7 +124,7 @@ end
 function session.start_monitoring(options)
     local monitored = session.attach(options)
     local vxa = monitored.vxa
-    if monitored.engine == "sim" then simulation.start(vxa) end
+    if vxa.simulated_machine() then simulation.start(vxa) end
     monitored.policy = choose_policy(options, vxa)
     monitored.first_port = describe_port(monitored.policy.values)
     session.capture_logs(monitored, options)

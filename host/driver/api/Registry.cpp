@@ -84,6 +84,12 @@ const char* vxi_engine_name(void)
     return chosen ? chosen->name : registry.requested.c_str();
 }
 
+int vxi_engine_is_simulated(void)
+{
+    const vxi::Engine* const chosen = vxi::ProcessRegistry().chosen.load(std::memory_order_acquire);
+    return chosen && chosen->simulated ? 1 : 0;
+}
+
 int vxi_engine_select(const char* name)
 {
     const vxi::Engine* const found = name ? vxi::FindEngine(name) : nullptr;

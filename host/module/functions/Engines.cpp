@@ -76,8 +76,12 @@ int SimulatedTick(lua_State*)
     return 0;
 }
 
+// Returns nothing for an engine that is not simulated.
 int SimulatedMachine(lua_State* L)
 {
+    if (!vxi_engine_is_simulated()) {
+        return 0;
+    }
     vxi_sim_machine_s machine{};
     vxi_sim_machine(&machine);
     lua_createtable(L, 0, 5);

@@ -277,7 +277,7 @@ struct SimOperations : DefaultOperations {
 }  // namespace vxi::sim
 
 const vxi::Engine vxi::kSimEngine = {sim::kEngineName, MakeOperations<sim::SimOperations>(),
-                                     sim::CheckEnvironment};
+                                     sim::CheckEnvironment, true};
 
 int vxi_sim_configure(const char* settings, unsigned int* position)
 {

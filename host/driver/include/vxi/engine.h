@@ -115,6 +115,9 @@ typedef struct vxi_sim_machine_s {
 /* Reads the current tick's values. */
 VXI_API void vxi_sim_machine(vxi_sim_machine_s* machine);
 
+/* 1 if the engine that the next vxi_open uses is simulated, 0 otherwise. */
+VXI_API int vxi_engine_is_simulated(void);
+
 /* Advances the simulated machine by a tick, as vxi_get_scan_metrics does, for hosts that monitor
  * no port. */
 VXI_API void vxi_sim_tick(void);
