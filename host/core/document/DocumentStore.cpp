@@ -80,12 +80,12 @@ JsonItem ReadDocument(const StateDirectory& directory)
     ParsedJson parsed = ParseJson(text);
     if (!parsed.item) {
         const JsonPosition at = PositionAt(text, parsed.stop);
-        // Nothing of the content: the user who sees the message may not be allowed to read it.
+        // Does not quote the content: the user who sees the message may not be allowed to read it.
         throw std::runtime_error(name + ": not valid JSON at line " + std::to_string(at.line) +
                                  ", column " + std::to_string(at.column));
     }
     if (!cJSON_IsObject(parsed.item.get()))
-        throw std::runtime_error(name + " holds no JSON object");
+        throw std::runtime_error(name + " is not a JSON object");
     KeepNumbersExact(parsed.item.get());
     return std::move(parsed.item);
 }

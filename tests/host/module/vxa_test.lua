@@ -109,7 +109,7 @@ end
 t.write(scratch .. "/other", "root:secret")
 for commands, reason in pairs {
     ["printf '{\\n \"a\": tru }' >document.json"] = ": not valid JSON at line 2, column 7",
-    ["printf '[1]' >document.json"] = " holds no JSON object",
+    ["printf '[1]' >document.json"] = " is not a JSON object",
 } do
     same(select(2, open_with(commands)), state .. "/document.json" .. reason, commands)
 end

@@ -148,12 +148,12 @@ std::string ScanMonitor::Description() const
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     if (!m_running) {
-        return "nf_tables, one table a process";
+        return "nf_tables, one table per process";
     }
     return "nf_tables table " + m_spec.name + ": port " + std::to_string(m_spec.target.port) + " " +
            DirectionName(m_spec.target.direction) + ", half-open for at most " +
            std::to_string(m_spec.half_open_timeout_s) + " s" +
-           (m_spec.owned ? "" : " (this kernel knows no owner flag: removed at exit)");
+           (m_spec.owned ? "" : " (this kernel has no owner flag: removed at exit)");
 }
 
 void ScanMonitor::Stop() noexcept

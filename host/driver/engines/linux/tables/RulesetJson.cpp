@@ -127,8 +127,8 @@ std::string ReadAll(int input)
     ThrowListing(-EFBIG);
 }
 
-// The child's wait status; 0 when a host that reaps all its children was faster. Then the last
-// byte of the output alone shows whether it finished.
+// The child's wait status; 0 if the host reaps all its children and has reaped it. Then only
+// the last byte of the output shows whether it finished.
 int Reap(pid_t child)
 {
     int status = 0;
@@ -144,7 +144,7 @@ int Reap(pid_t child)
     if (WIFSIGNALED(wait_status)) {
         ThrowError(-EIO, "libnftables cannot list the rules: it ended with signal %d%s",
                    WTERMSIG(wait_status),
-                   WTERMSIG(wait_status) == SIGABRT ? " (a name that is no UTF-8?)" : "");
+                   WTERMSIG(wait_status) == SIGABRT ? " (a name that is not UTF-8?)" : "");
     }
     throw Error(-EIO, "libnftables cannot list the rules: it ended early");
 }

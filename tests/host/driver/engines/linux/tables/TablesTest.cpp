@@ -322,7 +322,7 @@ KERNEL_TEST(RuleProfile, IsTheListingAndWhatWasCountedSinceTheSwitch)
     EXPECT_EQ(std::string(reinterpret_cast<char*>(head + 1), 8), std::string("{\"nf\0\0\0\0", 8));
     EXPECT_EQ(vxi_get_profile_stats(handle.get(), head), -ENODATA);
 
-    // libnftables aborts over such a name. This process must not end with it, nor hear of it.
+    // libnftables aborts over such a name. This process must survive without output or a zombie.
     Run("nft \"table ip t { chain c { iifname \\\"$(printf 'x\\377')\\\" accept; }; }\"");
     head[0] = 0;
     testing::internal::CaptureStderr();
@@ -331,7 +331,7 @@ KERNEL_TEST(RuleProfile, IsTheListingAndWhatWasCountedSinceTheSwitch)
     EXPECT_EQ(head[0], 0u);
     EXPECT_EQ(ErrorText(handle.get()),
               "engine linux: vxi_get_profile_stats: libnftables cannot list the rules: it ended "
-              "with signal 6 (a name that is no UTF-8?)");
+              "with signal 6 (a name that is not UTF-8?)");
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);  // nothing is left behind
 }
 
