@@ -1,3 +1,4 @@
+// The fake machine; see FakeMachine.h.
 #include "FakeMachine.h"
 
 #include <cstdlib>

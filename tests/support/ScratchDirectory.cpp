@@ -1,3 +1,4 @@
+// The scratch directory; see ScratchDirectory.h.
 #include "ScratchDirectory.h"
 
 #include <cerrno>
