@@ -1,4 +1,4 @@
-// The driver's tracked connections as an archive entry: one block with UDP before TCP.
+// The driver's flow table as an archive entry: one block with UDP before TCP.
 
 #include <netinet/in.h>
 
