@@ -120,7 +120,7 @@ static_assert(offsetof(vxa_dump_conntrack_s, total) == 8, "conntrack section hea
 typedef struct vxa_blacklist_get_addrs_s {
     uint32_t reserved[8];
     uint32_t snapshot;     /* size request: 0 in; the fill request must pass what it returns,
-                              which tells the fill of an empty list from a size request */
+                              which distinguishes filling an empty list from a size request */
     uint32_t entries_size; /* bytes after the header. Size request: out. Fill request: capacity
                               in, bytes used out */
     uint32_t set_count;    /* kernel sets that the entries come from, out */

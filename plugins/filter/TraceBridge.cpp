@@ -31,7 +31,7 @@ int tb_trace_handler(int level, const char* source, const char* function, int li
         fc::Trace(VxiCategory(), {"plugins/filter/fc", 109, "tb_trace_handler"},
                   "%s/%d  | %s | %s:%d\n", source, level, message, function, line);
     } catch (const std::exception&) {
-        // There is no memory even for the category. The caller is C code and goes on without.
+        // Out of memory even for the category. The caller is C code; the message is dropped.
     }
     return 0;
 }

@@ -47,7 +47,7 @@ wxString CDom::DecodeUtf8(const char* text)
                                     : wxString::From8BitData(bytes.data(), bytes.size());
 }
 
-// An event that cannot be stored is at least in the log.
+// An event that cannot be stored is at least logged.
 void CDom::WriteEvent(int id, const wxString& text)
 try {
     m_store->WriteEvent(id, ToUtf8(text));

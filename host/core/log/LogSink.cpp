@@ -41,7 +41,7 @@ Sink& GlobalSink()
     return instance;
 }
 
-// A failure can be reported nowhere.
+// There is nowhere to report a failure.
 void WriteToStandardError(std::string_view text) noexcept
 {
     ssize_t written = 0;

@@ -1,4 +1,4 @@
-// What an engine answers for the operations that it does not implement.
+// Default operations: what an engine returns for those that it does not implement.
 #include <algorithm>
 #include <cerrno>
 #include <iterator>

@@ -17,8 +17,8 @@ namespace {
 
 constexpr const char* kTraceSource = "host/driver/api/Dispatch";
 
-// Left in a blacklist header by the size request and returned with the fill request, which is
-// how the fill of an empty list is told from another size request.
+// Stored in a blacklist header by the size request and passed back by the fill request. It
+// distinguishes filling an empty list from another size request.
 constexpr std::uint32_t kBlacklistSnapshot = 1;
 
 // Stores what vxi_get_error and vxi_failures return. Must not allocate: memory may have run out.
@@ -34,7 +34,7 @@ int StoreFailure(vxi_handle_ops_s* handle, Call call, int status, const char* ca
     return status;
 }
 
-// The one place where exceptions become statuses: callers' frames need not know C++.
+// The one place where exceptions become statuses: callers may be C code.
 template <typename Body>
 int StatusOf(vxi_handle_ops_s* handle, Call call, Body body)
 try {
@@ -50,7 +50,7 @@ try {
 int AnswerFromScript(vxi_handle_ops_s* handle, Call call, const fault::Answer& answer)
 {
     Trace(handle, 1, kTraceSource, CallName(call), __LINE__, "scripted status %d", answer.status);
-    // Callers take every other status than 0 for a failure and ask for the message.
+    // Callers treat any status other than 0 as a failure and ask for the message.
     const bool succeeds = call == Call::kDriverAvailable && answer.status > 0;
     return succeeds ? answer.status : StoreFailure(handle, call, answer.status, answer.message);
 }
@@ -160,8 +160,8 @@ int SetScanMonitoring(vxi_handle_ops_s* handle, const scan_monitor_config* confi
     return handle->operations->set_scan_monitoring(handle, target);
 }
 
-// Callers configure a process once. A child process, and an engine that was chosen later, have not
-// seen that configuration: they get it here.
+// Callers configure a process once. A child process, or an engine selected later, has not received
+// that configuration, so it is repeated here.
 int ReadScanMetrics(vxi_handle_ops_s* handle, scan_metrics_request* request, unsigned int length)
 {
     const Operations& operations = *handle->operations;

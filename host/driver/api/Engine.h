@@ -51,8 +51,8 @@ struct UnsupportedOperations {
 #include "api/operations.def"
 };
 
-// What an engine has before it implements anything. The class of an engine's operations inherits
-// this and hides what it implements.
+// The default operations. An engine's class of operations inherits these and hides those that it
+// implements.
 struct DefaultOperations : UnsupportedOperations {
     static void Close(vxi_handle_ops_s*) {}
     static int DriverAvailable(vxi_handle_ops_s*) { return 0; }

@@ -1,4 +1,4 @@
-// What code of this library throws when an operation fails.
+// The exception that this library's code throws when an operation fails.
 #pragma once
 
 #include <stdexcept>

@@ -1,4 +1,4 @@
-// Problems that the host should hear of although no call fails; see vxi_set_message_handler.
+// Problems reported to the host although no call fails; see vxi_set_message_handler.
 #pragma once
 
 #include <string>

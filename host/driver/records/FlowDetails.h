@@ -1,4 +1,4 @@
-// What the connections dump shows of a flow although its record has no room for it.
+// Details of a flow that the connections dump shows but the record has no room for.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// Where the records of each table came from; their dumps say so in the heading.
+// Where the records of each table came from, as the headings of their dumps show it.
 #pragma once
 
 namespace vxi {

@@ -1,7 +1,7 @@
-// C++ exceptions as results or errors of Lua: the one place where they stop.
+// Turns C++ exceptions into Lua results or errors: the one place where they stop.
 //
 // Lua raises with longjmp if it is built as C, with a C++ exception if it is built as C++. So a
-// function that Lua can leave holds no object with a destructor: such objects live in holders
+// function that Lua can leave has no object with a destructor: such objects live in holders
 // (boundary/Holder.h) or inside the functions passed here, which make no Lua call. Only
 // std::exception is caught: Lua built as C++ throws its own errors through here.
 //

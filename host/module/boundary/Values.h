@@ -16,7 +16,7 @@ const char* CheckPath(lua_State* L, int index);
 // Returns the bytes of a string argument, which must stay on the stack. [-0, +0, v]
 std::string_view CheckBytes(lua_State* L, int index);
 
-// Pushes the bytes and frees the memory, of whose size the collector knows nothing. [-0, +1, m]
+// Pushes the bytes and frees the memory, whose size the collector does not know. [-0, +1, m]
 void PushAndFree(lua_State* L, std::string& bytes);
 
 // Set the field of that name in the table on top. [-0, +0, m]

@@ -2,7 +2,7 @@
 // reload_asked.
 //
 // The handler sets a flag and makes an event descriptor readable, which the sleep polls: so a
-// signal ends the sleep also if it arrives just before, or on another thread.
+// signal ends the sleep even if it arrives just before it, or on another thread.
 #include <errno.h>
 #include <poll.h>
 #include <signal.h>
@@ -181,7 +181,7 @@ public:
     sigset_t previous_mask;
 };
 
-// Returns whether the time has come. lua.c's handler of SIGINT sets a hook, which runs when the
+// Returns whether the time has passed. lua.c's handler of SIGINT sets a hook, which runs when the
 // sleep has returned. No call here can raise.
 bool SleepUntil(lua_State* main_state, timespec moment)
 {

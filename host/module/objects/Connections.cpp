@@ -258,7 +258,7 @@ int HandleConnections(lua_State* L)
     for (const char* name : kNames) lua_pushstring(L, name);
     lua_createtable(L, table->udp.Header()->entry_ct + table->tcp.Header()->entry_ct, 0);
     const bool is_complete = AppendFlows(L, table->udp, false) && AppendFlows(L, table->tcp, true);
-    *table = {};  // megabytes, of whose size the collector knows nothing
+    *table = {};  // megabytes that the collector does not know of
     if (!is_complete) return PushInterrupted(L);
     lua_pushnumber(L, total);
     return 2;

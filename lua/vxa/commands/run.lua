@@ -96,8 +96,7 @@ local function count(totals, result)
     totals.state = result.state
 end
 
--- Ctrl-C also ends the commands that the module runs: a sample that fails then says nothing
--- about the machine.
+-- Ctrl-C also ends the commands that the module runs: then a failed sample means nothing.
 local function was_cut_short(vxa, result)
     return vxa.interrupted() and not result.measured
 end

@@ -148,7 +148,7 @@ end
 local function run(options)
     local monitored = session.start_monitoring(options)
     local status = inspect(monitored)
-    -- Ctrl-C also ends the commands that the module runs: their failure says nothing then.
+    -- Ctrl-C also ends the commands that the module runs: then a failure means nothing.
     exit.if_interrupted(monitored.vxa)
     if options.json then show_json(status, monitored.vxa) else show_text(status) end
     monitored.messages:show()  -- of the cycle

@@ -1,4 +1,4 @@
--- Local times at the start of output lines. On a terminal, the date is a line of its own when
+-- Local times at the start of output lines. On a terminal, the date is on its own line when
 -- it changes; in files and pipes every line has it.
 
 local console = require "vxa.output.console"

@@ -8,7 +8,7 @@
 
 namespace fc {
 
-// Early in boot the kernel may not have random numbers yet; the time and an address must do then.
+// Early in boot the kernel may not have random numbers yet; the time and an address are used then.
 KeyHash::KeyHash()
 {
     if (getrandom(m_secret, sizeof m_secret, GRND_NONBLOCK) == sizeof m_secret) return;

@@ -136,7 +136,7 @@ std::string_view TakeLine(std::string_view* text)
 }
 
 // Returns an upper bound of the number of fields in a text's row, so that its table need not grow:
-// the count, one a line, and those of the flags. Bounded, because long texts may repeat names.
+// the count, one per line, and those of the flags. Bounded, because long texts may repeat names.
 int CountFields(std::string_view text)
 {
     constexpr int kMaxCounted = 64;
@@ -161,7 +161,7 @@ void RowBuilder::Begin(lua_State* L)
     for (int i = kFirstCachedName; i < kRowIndex; ++i) lua_pushnil(L);
 }
 
-// Makes a text that of the current row and returns its bytes. [-0, +0, v]
+// Sets the text of the current row and returns its bytes. [-0, +0, v]
 std::string_view RowBuilder::SelectText(lua_State* L, const wxString& text)
 {
     m_wide = text.wc_str();

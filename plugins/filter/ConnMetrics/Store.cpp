@@ -24,7 +24,7 @@ namespace {
 fc::KeyIndex s_index;
 
 // Decodes with the C library's multibyte conversion; returns an empty string for what it cannot
-// decode. wxString's own conversion takes a lack of memory for undecodable bytes.
+// decode. wxString's own conversion mistakes a lack of memory for undecodable bytes.
 wxString DecodeMultibyte(const char* bytes)
 {
     std::mbstate_t state{};

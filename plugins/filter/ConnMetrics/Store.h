@@ -1,8 +1,8 @@
 // The two stores of connection metric feedback.
 //
-// Feeding is the hot path, so a byte index (KeyIndex) stands in front of the working store: a
+// Feeding is the hot path, so a byte index (KeyIndex) sits in front of the working store: a
 // known key costs a hash and a comparison of bytes, and strings are converted only for a new
-// key. The index keeps counts of its own, which are flushed into the map before it is read.
+// key. The index has its own counts, which are flushed into the map before the map is read.
 //
 // The finished store and the time of publication are shared between threads under
 // g_cmfb_map_fin_cs. The working store belongs to the one thread that feeds and publishes:

@@ -14,11 +14,11 @@
 namespace Filter::Diagnostics {
 namespace {
 
-// Events name the reading of the list so; log filters and scripts match it.
+// The operation that events name; log filters and scripts match it.
 constexpr const wchar_t* kOperation = L"BLACKLIST_ADD";
 
-// Asks the driver to fill a list whose entries_size says how much room it has. A driver that
-// reports more than that is held to it.
+// Asks the driver to fill a list that has room for entries_size bytes. If the driver reports more
+// than that, the excess is ignored.
 bool FillBlacklist(VxaCore::CDom* dom, vxi_handle_ops_s* handle, vxa_blacklist_get_addrs_s* list)
 {
     const std::uint32_t room = list->entries_size;
@@ -40,7 +40,7 @@ bool getDriverBlacklist(VxaCore::CDom* dom, vxi_handle_ops_s* handle,
     vxa_blacklist_get_addrs_s header{};
     if (!ShowErrors(dom, handle, kOperation, vxi_get_blacklist(handle, &header))) return false;
     const auto size = static_cast<std::uint32_t>(sizeof header) + header.entries_size;
-    // The sum wraps if the driver asks for 4 GiB, which is as good as no memory.
+    // The sum wraps if the driver asks for 4 GiB, which could not be allocated anyway.
     if (size < sizeof header) return false;
     list = static_cast<vxa_blacklist_get_addrs_s*>(std::malloc(size));
     if (!list) return false;

@@ -25,8 +25,8 @@ bool LocaleIsUtf8()
     return std::strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
 }
 
-// Returns "OPERATION|STATUS (MESSAGE)". The buffer has one byte more than the driver is told, in
-// case it leaves out the terminator.
+// Returns "OPERATION|STATUS (MESSAGE)". The buffer is one byte larger than the size that the
+// driver gets, in case it leaves out the terminator.
 wxString Describe(vxi_handle_ops_s* handle, wchar_t const* operation, int rc)
 {
     char message[kErrorMessageSize + 1] = {};
@@ -51,7 +51,7 @@ void WriteEvent(VxaCore::CDom* dom, const wxString& description, const std::stri
 
 bool IsDriverOpen(vxi_handle_ops_s* handle)
 {
-    // The driver is asked once more for the trace: the answer returned is never older than it.
+    // The trace queries the driver separately, so the result is never older than the trace.
     if (VxaCore::LogTraceIsEnabled(s_Trace))
         TraceAt(392, "IsDriverOpen", "IsDriverOpen %d", vxi_driver_available(handle));
     return vxi_driver_available(handle) > 0;

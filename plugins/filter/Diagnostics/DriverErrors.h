@@ -7,7 +7,7 @@
 
 namespace Filter::Diagnostics {
 
-// Returns whether the driver behind the handle is available.
+// Returns whether the handle's driver is available.
 FC_PUBLIC bool IsDriverOpen(vxi_handle_ops_s* handle);
 
 // Returns whether the driver call `operation` succeeded, that is, returned 0. If not, writes

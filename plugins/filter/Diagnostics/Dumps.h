@@ -1,4 +1,4 @@
-// The driver's tables as entries of the diagnostic archive, one file a dump.
+// The driver's tables as entries of the diagnostic archive, one file per dump.
 //
 // A dump has a query (getDriver...), which reports a failed driver call as an agent event, and
 // an archive function (AddDriver...), which adds the answer as one entry. All run on the

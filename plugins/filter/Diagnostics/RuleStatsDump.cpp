@@ -40,7 +40,7 @@ MallocPtr<Profile> ReadProfile(VxaCore::CDom* dom, vxi_handle_ops_s* handle)
     return profile;
 }
 
-// A profiling run ends with its report.
+// Ends profiling: a run lasts until its profile has been read.
 void StopProfiling(vxi_handle_ops_s* handle)
 {
     constexpr unsigned int kSwitch = VXA_FILTER_VARIABLE_RULE_PROFILING;

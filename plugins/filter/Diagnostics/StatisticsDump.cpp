@@ -16,7 +16,7 @@ namespace {
 
 constexpr const wchar_t* kOperation = L"GET_STATS";
 
-// A driver that fills this layout leaves it in the record as it was.
+// A driver that uses this layout leaves these words of the record unchanged.
 constexpr std::uint16_t kIdentification[3] = {275, 30, 1};
 
 // The areas point into the record itself: it must not move afterwards.
@@ -39,7 +39,7 @@ bool HasIdentification(const vxa_stats_v2_s& stats)
     return std::memcmp(stats.identification, kIdentification, sizeof kIdentification) == 0;
 }
 
-// Another layout is reported like a failed call.
+// Reports a different layout like a failed call.
 bool QueryStatistics(VxaCore::CDom* dom, vxi_handle_ops_s* handle, vxa_stats_v2_s* stats)
 {
     return getDriverStatistics(dom, handle, stats, sizeof *stats) &&

@@ -13,8 +13,8 @@
 
 namespace Filter::Diagnostics {
 
-// Print function lent to the driver library's text dumps; the record's context must be a
-// wxTextOutputStream. Writes at most 1023 characters a call.
+// Print function for the driver library's text dumps; the record's context must be a
+// wxTextOutputStream. Writes at most 1023 characters per call.
 FC_PUBLIC void tosprintf(tb_dump_s* dump, char const* format, ...)
     __attribute__((format(printf, 2, 3)));
 

@@ -22,8 +22,8 @@ struct Sample {
     double interval_s;
 };
 
-// Despite the metric's name neither divided by the processors nor a percentage: thresholds are
-// given for the bare run-queue length.
+// Despite the metric's name, neither divided by the number of processors nor a percentage:
+// thresholds are compared with the plain run-queue length.
 double RunQueue(const Sample& sample)
 {
     Trace(s_TraceEngine, SYSHEALTH_AT(kCalculate), "rqlen=%f numCpus=%d rqlen_pct=%f",
@@ -33,7 +33,7 @@ double RunQueue(const Sample& sample)
 
 double RefusalPct(const Sample&)
 {
-    // With fewer new connections per second a percentage says nothing.
+    // With fewer new connections per second, a percentage is meaningless.
     constexpr double kFewNewConnections = 5.0;
     const double opened = scan_rates[VXI_SCAN_NEW];
     const double refused = scan_rates[VXI_SCAN_HALF_OPEN_CLOSED];

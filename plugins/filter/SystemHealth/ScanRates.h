@@ -18,7 +18,7 @@ extern std::array<std::uint64_t, VXI_SCAN_COUNTERS> prev_scan_metrics;
 
 namespace fc {
 
-// Fetches the port's counters through a driver handle of its own. Configures the driver first
+// Fetches the port's counters through its own driver handle. Configures the driver first
 // until a fetch has succeeded. Returns false, with the port's thresholds switched off, if the
 // driver fails. Call without the lock.
 bool FetchScanMetrics(const ConfigTable& config, scan_metrics_request* request);

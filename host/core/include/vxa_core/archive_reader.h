@@ -26,7 +26,7 @@ VXA_CORE_API std::vector<ArchiveEntry> ListArchive(const std::string& path);
 VXA_CORE_API std::vector<ArchiveEntry> ListArchive(const PendingFile& file);
 
 // Returns the bytes of the first entry of that name, complete and with the right checksum;
-// never more than `most_bytes`. Throws as above; also if there is no such entry.
+// never more than `most_bytes`. Throws as above; also if no entry has that name.
 VXA_CORE_API std::string ReadArchiveEntry(const std::string& path, const std::string& name,
                                           std::uint64_t most_bytes);
 

@@ -16,14 +16,13 @@ struct Answer {
 // Set while a script is in force, so that a process without one pays one load per call.
 extern std::atomic<bool> scripted;
 
-// Throws an Error while VXI_FAULT holds something else than a script and vxi_fault_script has not
-// replaced it.
+// Throws an Error while VXI_FAULT is not a valid script and vxi_fault_script has not replaced it.
 void CheckEnvironment();
 
 // What the script answers to this call, which then must not reach the engine. Does not throw.
 std::optional<Answer> NextAnswer(Call call);
 
-// Counts a call that the engine performed with success: a fault can wait for a number of them.
+// Counts a call that succeeded in the engine: a fault with "after=N" waits for N of them.
 void NoteSuccess(Call call);
 
 }  // namespace vxi::fault

@@ -38,7 +38,7 @@ try {
     ThrowError(error.Status(), "sock_diag: %s", error.what());
 }
 
-// Why conntrack entries cannot be read, or none are there to be read; nothing otherwise.
+// Returns why conntrack entries cannot be read, or that there are none; nothing otherwise.
 std::optional<std::string> WhyNotTracked(std::uint32_t& entries)
 try {
     entries = CountConntrackEntries();

@@ -40,7 +40,7 @@ VXI_API const char* vxi_open_error(void);
  * what the chosen engine reads (VXI_SIM until vxi_sim_configure has replaced it). Returns an
  * empty string if all are valid, else a message such as
  *   VXI_SIM cannot be read at character 6: expected a number from 1 to 4096
- * and every vxi_open fails with the same message. A host that would go on without a driver
+ * and every vxi_open fails with the same message. A host that would continue without a driver
  * calls this at startup. Pure ASCII; the string belongs to the calling thread and lives until
  * its next call of this function. */
 VXI_API const char* vxi_check_environment(void);

@@ -125,7 +125,7 @@ for _, case in ipairs {
 end
 t.equal(dump(dom, handle, zip, "more"), true)
 t.equal(zip:close(), true)
-t.equal(dump(dom, handle, zip), true, "a finished archive takes nothing, and that is no error")
+t.equal(dump(dom, handle, zip), true, "a finished archive accepts nothing, which is not an error")
 
 assert(os.execute("rm -r " .. folder))
 t.finish()

@@ -132,7 +132,7 @@ private:
     std::exception_ptr m_thrown;
 };
 
-// The part of an answer to a batch that decides: which message was refused first.
+// The answer to a batch, of which only the first refused message matters.
 class BatchAnswer {
 public:
     BatchAnswer(std::uint32_t first, std::uint32_t last) : m_first(first), m_last(last) {}
@@ -196,8 +196,8 @@ void Netlink::Open(int protocol)
 
 void Netlink::Close() noexcept
 {
-    // Taken away first: the child of a fork must not close a number that has since been
-    // given to another file.
+    // Cleared first: the child of a fork must not close a number that has since been reused
+    // for another file.
     const int descriptor = m_descriptor.exchange(-1);
     if (descriptor >= 0) {
         ::close(descriptor);

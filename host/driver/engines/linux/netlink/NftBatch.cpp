@@ -1,4 +1,4 @@
-// Batches as nfnetlink takes them (nfnetlink_rcv_batch in net/netfilter/nfnetlink.c).
+// Batches in the form that nfnetlink expects (nfnetlink_rcv_batch in net/netfilter/nfnetlink.c).
 #include "engines/linux/netlink/NftBatch.h"
 
 #include <libmnl/libmnl.h>

@@ -1,6 +1,6 @@
-// Formats as the kernel writes them: net/ipv4/proc.c and net/ipv6/proc.c (snmp, netstat, snmp6,
-// sockstat), net/netfilter/nf_conntrack_standalone.c (stat/nf_conntrack), net/core/net-procfs.c
-// (softnet_stat, dev).
+// Parses the counters in /proc/net. The kernel writes them in net/ipv4/proc.c and net/ipv6/proc.c
+// (snmp, netstat, snmp6, sockstat), net/netfilter/nf_conntrack_standalone.c (stat/nf_conntrack) and
+// net/core/net-procfs.c (softnet_stat, dev).
 #include "engines/linux/proc/ProcTables.h"
 
 #include <algorithm>
@@ -100,7 +100,7 @@ bool IsOfIcmpType(std::string_view name)
 
 using ColumnSums = std::vector<std::optional<std::uint64_t>>;
 
-// Without one processor's number the sum would mean something else: that column has none.
+// A sum without one of the processors would be wrong, so such a column gets none.
 void AddLine(std::string_view line, ColumnSums& sums)
 {
     const auto words = SplitWords(line);

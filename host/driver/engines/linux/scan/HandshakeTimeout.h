@@ -5,11 +5,11 @@
 
 namespace vxi {
 
-// Seconds until a handshake is given up whose last packet is sent `retries` times again.
+// Seconds until the kernel gives up a handshake whose last packet is retransmitted `retries` times.
 std::uint32_t HandshakeTimeoutS(unsigned retries);
 
-// The same with this network namespace's settings. It depends on who repeats: inbound the owner of
-// the port its SYN-ACK, outbound (VXI_SCAN_OUTBOUND) the opener its SYN.
+// The same with this network namespace's setting for the packet that is retransmitted: inbound, the
+// SYN-ACK of the port's owner; outbound (VXI_SCAN_OUTBOUND), the opener's SYN.
 std::uint32_t ConfiguredHandshakeTimeoutS(std::uint32_t direction);
 
 }  // namespace vxi

@@ -1,4 +1,4 @@
-// Expressions as the kernel takes them (net/netfilter/nft_*.c).
+// Expressions in the form that the kernel expects (net/netfilter/nft_*.c).
 #include "engines/linux/scan/NftRule.h"
 
 #include <arpa/inet.h>

@@ -22,13 +22,13 @@ class NftRule {
 public:
     NftRule(const std::string& table, const char* chain);
 
-    // Goes on only if the meta value (NFT_META_*) is this one.
+    // Continues only if the meta value (NFT_META_*) is this one.
     void MatchMeta(std::uint32_t key, std::uint8_t value);
 
-    // Goes on only if the two bytes at this offset of the transport header are this port.
+    // Continues only if the two bytes at this offset of the transport header are this port.
     void MatchPort(std::uint32_t offset, std::uint16_t port);
 
-    // Goes on only if the byte at this offset of the transport header, masked, is `value` (or, if
+    // Continues only if the byte at this offset of the transport header, masked, is `value` (or, if
     // `equal` is false, is not).
     void MatchTransportBits(std::uint32_t offset, std::uint8_t mask, std::uint8_t value,
                             bool equal);
@@ -37,14 +37,14 @@ public:
     void LoadPayload(std::uint32_t base, std::uint32_t offset, std::uint32_t size,
                      std::uint32_t to);
 
-    // Goes on only if the key in the registers from NFT_REG32_00 on is in the set.
+    // Continues only if the key in the registers from NFT_REG32_00 on is in the set.
     void LookUpKey(const NftSetReference& set);
 
-    // Adds the key to the set; goes on only if it has room.
+    // Adds the key to the set; continues only if it has room.
     void AddKey(const NftSetReference& set, std::uint64_t timeout_ms);
     void DeleteKey(const NftSetReference& set);
 
-    // Goes on only within this rate of packets.
+    // Continues only within this rate of packets.
     void LimitRate(std::uint64_t packets_per_s, std::uint32_t burst);
 
     // Counts the packet in the rule itself, or in a named counter.

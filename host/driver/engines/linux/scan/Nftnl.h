@@ -15,7 +15,7 @@ struct NftnlFree {
     }
 };
 
-// Takes what one of libnftnl's nftnl_*_alloc functions returned; null means out of memory.
+// Takes ownership of the result of an nftnl_*_alloc function; null means out of memory.
 template <auto Free, typename Object>
 std::unique_ptr<Object, NftnlFree<Free>> OwnNftnl(Object* object)
 {
@@ -25,7 +25,7 @@ std::unique_ptr<Object, NftnlFree<Free>> OwnNftnl(Object* object)
     return std::unique_ptr<Object, NftnlFree<Free>>(object);
 }
 
-// Takes the result of a setter that copies its value: those fail only without memory.
+// Checks the result of a setter that copies its value: it fails only if memory runs out.
 inline void CheckNftnlSet(int result)
 {
     if (result < 0) {

@@ -10,7 +10,7 @@
 
 namespace vxi {
 
-// The counters at about one moment.
+// The counters, read at almost the same time.
 struct ScanCounters {
     struct Value {
         std::uint64_t packets = 0;
@@ -38,8 +38,8 @@ void ReadTrafficCounters(Netlink& netlink, const std::string& table, ScanCounter
 // Number of half-open connections.
 std::uint64_t CountHalfOpen(Netlink& netlink, const std::string& table);
 
-// What one message of an answer holds: a named counter; the rule that counts a chain's packets;
-// a number of set elements. Messages of any other kind hold nothing.
+// Each decodes one message of a dump: a named counter; the rule that counts a chain's packets; a
+// number of set elements. Other messages are skipped.
 void DecodeNamedCounter(const nlmsghdr& message, ScanCounters& counters);
 void DecodeTrafficCounter(const nlmsghdr& message, ScanCounters& counters);
 std::uint64_t CountElements(const nlmsghdr& message);

@@ -16,7 +16,7 @@ namespace vxi {
 // Who removes the table when its process ends.
 enum class TableRemoval {
     kByKernel,   // with the socket; where it cannot (before Linux 5.12), the library does
-    kByLibrary,  // at exit, or for a process that was killed the next one
+    kByLibrary,  // at exit; if the process was killed, in the next one that monitors
 };
 
 struct ScanReading {
@@ -52,7 +52,7 @@ public:
     // What is monitored; neither reads nor changes anything.
     ScanStatus Status() const;
 
-    // What is monitored, where and how, for people; without a table the means alone.
+    // Describes what is monitored, where and how; without a table, only how.
     std::string Description() const;
 
     // Removes the table. After that Start and Read fail with -ESHUTDOWN.

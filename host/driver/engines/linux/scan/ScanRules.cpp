@@ -32,10 +32,10 @@ enum class Opener { kUnused, kIsSource, kIsDestination };
 
 enum class SetUse {
     kNone,
-    kFind,        // goes on only for a connection that is half-open
+    kFind,        // continues only for a connection that is half-open
     kFindDelete,  // the same, and deletes it after counting
-    kAddLasting,  // goes on only within kHalfOpenLastingMax, and when there was room
-    kAddBrief,    // goes on only when there was room
+    kAddLasting,  // continues only within kHalfOpenLastingMax, and when there was room
+    kAddBrief,    // continues only when there was room
 };
 
 constexpr ScanCounter kNotCounted = ScanCounter::kCount;

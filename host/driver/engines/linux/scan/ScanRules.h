@@ -24,7 +24,7 @@ extern const std::array<HalfOpenSet, 2> kHalfOpenSets;
 // Bytes of a set's key: each part takes whole registers.
 std::uint32_t KeySize(const HalfOpenSet& set);
 
-// The chains that the rules fill. No hook leads to them but the rules of AddPortRule.
+// The chains that the rules fill. They have no hook: packets come from the rules of AddPortRule.
 extern const std::array<const char*, 6> kCountChains;
 
 // Adds the rules of kCountChains.

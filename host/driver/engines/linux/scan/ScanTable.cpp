@@ -22,7 +22,7 @@ const std::array<const char*, kScanNamedCount> kScanCounterNames = {
 
 namespace {
 
-// In front of the filters at priority 0, after connection tracking.
+// Before the filter chains at priority 0, after connection tracking.
 constexpr int kHookPriority = -140;
 
 constexpr std::uint64_t kMsPerS = 1000;
@@ -79,7 +79,7 @@ void AddSet(NftBatch& batch, const ScanTableSpec& spec, const HalfOpenSet& half_
               [&](nlmsghdr* header) { nftnl_set_nlmsg_build_payload(header, set.get()); });
 }
 
-// Adds a chain on a hook (NF_INET_*), or without `hook` one that others go to.
+// Adds a base chain on a hook (NF_INET_*), or without `hook` one that other chains go to.
 void AddChain(NftBatch& batch, const std::string& table, const char* name,
               const std::uint32_t* hook)
 {

@@ -58,7 +58,7 @@ void AppendRule(std::string& out, const RuleKey& key, const RuleCount& count)
            ", \"bytes\": " + std::to_string(count.bytes) + '}';
 }
 
-// Where rules change all the time, each is counted as it was when its turn came.
+// If rules keep changing, each has the counts that it had when it was read.
 RuleCounts ReadRuleCounts()
 {
     Netlink netlink;
@@ -77,8 +77,8 @@ RuleCounts ReadRuleCounts()
     }
 }
 
-// Whether this process may list the rules. Asked first, because nf_tables' own refusal is clearer
-// than that of libnftables.
+// Whether this process may list the rules. Checked first, because nf_tables reports a refusal more
+// clearly than libnftables.
 bool CanListRules(vxi_handle_ops_s* handle)
 try {
     Netlink netlink;

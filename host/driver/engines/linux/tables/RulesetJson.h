@@ -9,7 +9,7 @@ namespace vxi {
 // access first (OpenNfTables). Throws Error.
 //
 // The library runs in a child process: it aborts its process when the kernel has a name that is
-// not UTF-8 (anybody who may make a table can choose one), exits when memory runs out, and writes
+// not UTF-8 (anyone who may create a table can choose one), exits when memory runs out, and writes
 // to standard error.
 std::string RulesetJson();
 

@@ -35,7 +35,7 @@ constexpr unsigned kInterfaceSlots = 17;
 constexpr unsigned kInterfacesMax = 16;
 constexpr unsigned kSoftnetSlot = kInterfacesSlot + kInterfaceSlots * kInterfacesMax;
 
-// The columns of softnet_stat, which alone has no header line (net/core/net-procfs.c). Those
+// The columns of softnet_stat, the only table without a header line (net/core/net-procfs.c). Those
 // without a name are always 0, or the number of the processor.
 const std::vector<const char*> kSoftnetColumns = {
     "processed",  "dropped",     "time_squeeze", nullptr,      nullptr,

@@ -168,7 +168,7 @@ void CompareWithSs(const std::string& source)
 {
     const std::string text = Fetch();
     ExpectHeading(text, "sock_diag, " + source + " (engine linux)\n");
-    // From the opener to the port, whichever end the socket is at; listeners are no flows.
+    // From the opener to the port, whichever end the socket is at; listeners are not flows.
     const std::string shown = Run(R"((ss -Htan | sed 's/^/tcp /'; ss -Huan | sed 's/^/udp /') |
 sed 's/\[::ffff:127.0.0.1\]/127.0.0.1/g' |
 awk '$6 ~ /[0-9]$/ { print $1, $5 ~ /:8443$/ ? $6 " > " $5 : $5 " > " $6 }')");
