@@ -1,7 +1,7 @@
 -- The settings of a health policy, and a check for mistakes in one.
 --
--- The module silently ignores unknown names and values out of bounds, and takes a number in
--- quotes for 0. So check a policy before the module gets it:
+-- The module silently ignores unknown names and values out of bounds, and reads a number in
+-- quotes as 0. So check a policy before the module gets it:
 --
 --     local health_policy = require "health_policy"
 --     local settings, warnings = health_policy.check(text)
@@ -225,8 +225,8 @@ end
 
 -- Returns the settings that will be in force, numbers by their keys, and an array of warnings,
 -- one for each member that is ignored (at most 20 and "and N more"). Returns nil and a message if
--- the policy is not JSON or a member has the wrong type. The module takes a plain number of the
--- wrong type for 0 and ignores such a threshold; with `lenient`, so does this, with a warning.
+-- the policy is not JSON or a member has the wrong type. The module reads a plain number of the
+-- wrong type as 0 and ignores such a threshold; with `lenient`, so does this, with a warning.
 function health_policy.check(text, lenient)
     local policy, message = parse(text)
     if not policy then return nil, message end

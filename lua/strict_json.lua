@@ -122,7 +122,7 @@ local function array_at(text, at, depth)
     end)
 end
 
--- cJSON, the module's parser, takes at most 63 characters for a number.
+-- cJSON, the module's parser, accepts at most 63 characters in a number.
 local function number_at(text, at)
     local whole, stop = text:match("^(%-?%d+)()", at)
     if not whole or whole:find("^%-?0%d") then unexpected(text, at, ": a value expected") end

@@ -45,7 +45,7 @@ end
 
 -- ---- parsing ----------------------------------------------------------------------------
 
--- argparse takes a negative number for an option: attach it to the option in front of it, whose
+-- argparse mistakes a negative number for an option: attach it to the option in front of it, whose
 -- check then refuses it by name.
 local function attach_negative_numbers(arguments)
     local attached = {}

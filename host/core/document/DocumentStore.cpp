@@ -157,7 +157,7 @@ std::string EventLine(const Event& event)
     return line += "}\n";
 }
 
-// Returns nothing for a line that is not an event.
+// Returns nullopt for a line that is not an event.
 std::optional<Event> ParseEvent(const std::string& line)
 {
     const JsonItem item = ParseJson(line).item;

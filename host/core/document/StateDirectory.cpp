@@ -24,7 +24,7 @@ constexpr char kTemporary[] = "document.json.tmp";  // only the holder of the lo
 constexpr char kEvents[] = "events.jsonl";
 constexpr char kLock[] = "lock";
 
-// The name of a process, or nothing if it cannot be read.
+// Returns the name of a process; empty if it cannot be read.
 std::string ProcessName(long pid)
 try {
     const std::string path = "/proc/" + std::to_string(pid) + "/comm";
@@ -123,7 +123,7 @@ void StateDirectory::RemoveUnfinishedEvent()
 }
 
 // Opens a regular file with one link, without following links or waiting for the other end of a
-// FIFO. Returns nothing if it does not exist and is not to be created.
+// FIFO. Returns nullopt if it does not exist and is not to be created.
 std::optional<File> StateDirectory::Open(const char* name, int flags) const
 {
     const std::string path = m_path + "/" + name;

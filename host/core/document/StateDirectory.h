@@ -18,7 +18,7 @@ public:
     explicit StateDirectory(const std::string& path);
     ~StateDirectory();
 
-    // Returns the content of document.json, or nothing if there is none.
+    // Returns the content of document.json; nullopt if there is none.
     std::optional<std::string> ReadDocument() const;
     // The new content is on the disk when this returns.
     void ReplaceDocument(const std::string& text);

@@ -19,7 +19,8 @@ extern std::atomic<bool> scripted;
 // Throws an Error while VXI_FAULT is not a valid script and vxi_fault_script has not replaced it.
 void CheckEnvironment();
 
-// What the script answers to this call, which then must not reach the engine. Does not throw.
+// Returns the script's answer to this call, which must then not reach the engine; nullopt if it has
+// none. Does not throw.
 std::optional<Answer> NextAnswer(Call call);
 
 // Counts a call that succeeded in the engine: a fault with "after=N" waits for N of them.

@@ -38,7 +38,7 @@ try {
     ThrowError(error.Status(), "sock_diag: %s", error.what());
 }
 
-// Returns why conntrack entries cannot be read, or that there are none; nothing otherwise.
+// Returns why conntrack entries cannot be read, or that there are none; nullopt otherwise.
 std::optional<std::string> WhyNotTracked(std::uint32_t& entries)
 try {
     entries = CountConntrackEntries();

@@ -15,7 +15,7 @@ struct LinuxOperations {
 };
 
 // Bit n is set when row n of the capabilities is available. Scan metrics count as available where
-// nf_tables is: loading their table to see takes too long.
+// nf_tables is: loading their table to find out takes too long.
 std::uint32_t FacilityBits();
 
 }  // namespace vxi

@@ -6,7 +6,7 @@
 
 namespace vxi {
 
-// Inode of the calling thread's network namespace (namespaces(7)); nothing where /proc does not
+// Inode of the calling thread's network namespace (namespaces(7)); nullopt where /proc does not
 // show it.
 std::optional<std::uint64_t> NetworkNamespace();
 

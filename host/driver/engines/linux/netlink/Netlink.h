@@ -55,7 +55,7 @@ public:
     Consistency Request(nlmsghdr& message, Visitor visit);
 
     // Sends the messages with sequence numbers `first` to `last` as one transaction; `last` asks
-    // for an acknowledgement. Returns the first message that the kernel refused, nothing when it
+    // for an acknowledgement. Returns the first message that the kernel refused, nullopt if it
     // accepted all. After a refusal the socket is closed, because more answers may be queued.
     std::optional<Refusal> Transact(const void* messages, std::size_t size, std::uint32_t first,
                                     std::uint32_t last);
@@ -107,7 +107,7 @@ private:
 // not `size` bytes long.
 bool CopyPayload(const nlattr* attribute, void* to, std::size_t size);
 
-// The big-endian number in an attribute; nothing for a null attribute or another length.
+// The big-endian number in an attribute; nullopt for a null attribute or another length.
 std::optional<std::uint32_t> DecodeBe32(const nlattr* attribute);
 std::optional<std::uint64_t> DecodeBe64(const nlattr* attribute);
 
@@ -116,7 +116,7 @@ struct Counts {
     std::uint64_t bytes;
 };
 
-// The two big-endian numbers in a counter's attributes, of the given types; nothing when one is
+// The two big-endian numbers in a counter's attributes, of the given types; nullopt if one is
 // missing.
 std::optional<Counts> DecodeCounts(const nlattr* counter, std::uint16_t packets_type,
                                    std::uint16_t bytes_type);

@@ -1,4 +1,4 @@
-// nf_tables over netlink: requests, access, dumps over all families, and what messages hold.
+// nf_tables over netlink: requests, access, dumps over all families, and decoding messages.
 #pragma once
 
 #include <cstdint>
@@ -36,10 +36,10 @@ nlmsghdr* PutNftDump(void* buffer, std::uint16_t type, std::uint8_t family);
 bool IsNft(const nlmsghdr& message, std::uint16_t type);
 std::uint8_t NftFamily(const nlmsghdr& message);
 
-// What a counter's attributes (NFTA_COUNTER_*) hold; nothing when one is missing.
+// Decodes a counter's attributes (NFTA_COUNTER_*); nullopt if one is missing.
 std::optional<Counts> DecodeCounter(const nlattr* counter);
 
-// The first counter among a rule's expressions; nothing when the rule has none.
+// The first counter among a rule's expressions; nullopt if the rule has none.
 std::optional<Counts> DecodeRuleCounter(const Attributes& rule);
 
 // Name of a family in nft's syntax; "family N" for one that nft does not know.

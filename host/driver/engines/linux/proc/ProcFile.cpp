@@ -1,4 +1,4 @@
-// Reads files whose size the kernel does not state: it makes them as they are read (proc(5)).
+// Reads files of unknown size: the kernel generates them as they are read (proc(5)).
 #include "engines/linux/proc/ProcFile.h"
 
 #include <fcntl.h>

@@ -29,7 +29,7 @@ std::string_view TakeLine(std::string_view& table)
     return TakeUntil(table, '\n');
 }
 
-// One that 64 bits cannot hold becomes their limit.
+// A number that does not fit in 64 bits becomes the largest that does.
 std::optional<std::uint64_t> ParseUnsigned(std::string_view word, int base)
 {
     std::uint64_t value = 0;

@@ -8,7 +8,7 @@
 
 namespace vxi {
 
-// First number of a setting ("net.ipv4.tcp_sack"); nothing where this kernel or network namespace
+// First number of a setting ("net.ipv4.tcp_sack"); nullopt where this kernel or network namespace
 // does not have it, or it is not a number.
 std::optional<std::int64_t> ReadSysctl(const char* name);
 

@@ -27,7 +27,7 @@ constexpr std::uint16_t kSetCountAttribute = 20;
 // within the last second, so connections among them are counted as closed a second later.
 constexpr std::uint32_t kListedMax = 16384;
 
-// Numbers of elements of the two sets by the kernel's own count; nothing where it has none.
+// Numbers of elements of the two sets by the kernel's own count; nullopt where it has none.
 struct SetCounts {
     std::optional<std::uint32_t> ipv4;
     std::optional<std::uint32_t> ipv6;

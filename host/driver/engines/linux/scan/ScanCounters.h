@@ -27,7 +27,7 @@ struct ScanCounters {
 };
 
 // Functions that read throw Error: -ENOENT when the table or a part of it is gone, -EPROTO for an
-// answer without what it must have, -EINTR when the rules changed during each of six dumps.
+// answer that lacks what it must have, -EINTR when the rules changed during each of six dumps.
 
 // Reads the named counters.
 ScanCounters ReadNamedCounters(Netlink& netlink, const std::string& table);

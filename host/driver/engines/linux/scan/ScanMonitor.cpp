@@ -1,4 +1,4 @@
-// The life of a scan table: made, read, built again, removed.
+// The life of a scan table: created, read, rebuilt, removed.
 #include "engines/linux/scan/ScanMonitor.h"
 
 #include <libmnl/libmnl.h>

@@ -27,7 +27,7 @@ struct ScanReading {
 };
 
 struct ScanStatus {
-    std::optional<ScanTarget> target;  // nothing while no port is monitored
+    std::optional<ScanTarget> target;  // nullopt while no port is monitored
     std::uint32_t half_open_timeout_s = 0;
     std::uint64_t half_open = 0;  // at the last reading
     std::uint64_t uncounted = 0;  // until the last reading: connections that are in no counter

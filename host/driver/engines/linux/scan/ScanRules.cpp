@@ -27,7 +27,7 @@ struct FlagTest {
     bool equal = true;
 };
 
-// Which end of the packet is the one that opened the connection.
+// Which end of the packet opened the connection.
 enum class Opener { kUnused, kIsSource, kIsDestination };
 
 enum class SetUse {
@@ -40,7 +40,7 @@ enum class SetUse {
 
 constexpr ScanCounter kNotCounted = ScanCounter::kCount;
 
-// Evaluated in the order of the fields. A row that uses the sets makes a rule for each IP version.
+// Evaluated in the order of the fields. A row that uses the sets adds one rule per IP version.
 struct RuleRow {
     const char* chain;
     FlagTest flags;

@@ -21,7 +21,7 @@ struct HalfOpenSet {
 };
 extern const std::array<HalfOpenSet, 2> kHalfOpenSets;
 
-// Bytes of a set's key: each part takes whole registers.
+// Size of a set's key in bytes: each part fills whole registers.
 std::uint32_t KeySize(const HalfOpenSet& set);
 
 // The chains that the rules fill. They have no hook: packets come from the rules of AddPortRule.

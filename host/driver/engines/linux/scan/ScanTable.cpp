@@ -1,4 +1,4 @@
-// The messages that make a scan table, without its rules.
+// The messages that create a scan table, without its rules.
 #include "engines/linux/scan/ScanTable.h"
 
 #include <libnftnl/chain.h>

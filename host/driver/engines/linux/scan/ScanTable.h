@@ -52,8 +52,8 @@ struct ScanTableSpec {
     bool owned;  // by the netlink socket: the kernel removes the table when that is closed
 };
 
-// Adds all messages that make the table. Returns the sequence number of the first, which makes the
-// table itself.
+// Adds all messages that create the table. Returns the sequence number of the first, which creates
+// the table itself.
 std::uint32_t AddScanTable(NftBatch& batch, const ScanTableSpec& spec);
 
 void AddTableRemoval(NftBatch& batch, const std::string& name);

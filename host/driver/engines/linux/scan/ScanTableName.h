@@ -18,7 +18,7 @@ const char* DirectionName(std::uint32_t direction);
 // namespace has taken the first.
 std::string ScanTableName(const ScanTarget& target, pid_t process, unsigned attempt);
 
-// The process in such a name; nothing for any other name.
+// The process in such a name; nullopt for any other name.
 std::optional<pid_t> ScanTableProcess(std::string_view name);
 
 }  // namespace vxi

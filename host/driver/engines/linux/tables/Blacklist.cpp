@@ -69,7 +69,7 @@ Address PreviousAddress(Address address, std::size_t size)
     return address;
 }
 
-// Nothing for an element without a key of the set's size.
+// Returns nullopt for an element without a key of the set's size.
 std::optional<BlacklistElement> DecodeElement(const nlattr& attribute, const BlacklistSet& set)
 {
     const Attributes attributes(attribute);
@@ -152,7 +152,7 @@ struct SetElements {
     Consistency consistency;
 };
 
-// Nothing when the set has been removed since the sets were listed.
+// Returns nullopt if the set has been removed since the sets were listed.
 std::optional<SetElements> ReadElements(Netlink& netlink, const BlacklistSet& set)
 try {
     SetElements found;

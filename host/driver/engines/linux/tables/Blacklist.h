@@ -48,7 +48,7 @@ struct BlacklistSnapshot {
 // Reads all sets; without any the blacklist is empty. Throws Error.
 BlacklistSnapshot ReadBlacklist();
 
-// The set in one message of a dump of sets; nothing when its name is not that of a blacklist.
+// The set in one message of a dump of sets; nullopt if its name is not that of a blacklist.
 std::optional<BlacklistSet> DecodeBlacklistSet(const nlmsghdr& message);
 
 // Appends the elements in one message of a dump of a set. Returns how many were left out because

@@ -1,4 +1,4 @@
-// Collects flows and cuts them to what a section can hold.
+// Collects flows and truncates them to what fits in a section.
 #include "engines/linux/tables/FlowSnapshot.h"
 
 #include <netinet/in.h>

@@ -31,8 +31,8 @@ struct FlowSnapshot {
     // The list of an IP protocol; null for any but UDP and TCP.
     FlowList* Find(std::uint8_t protocol);
 
-    // Cuts both lists to what one table can hold and makes them ready to be fetched. Returns how
-    // many flows they have.
+    // Truncates both lists to what fits in one table and makes them ready to be fetched. Returns
+    // how many flows they have.
     std::uint16_t Offer();
 };
 

@@ -51,7 +51,7 @@ bool CopyAddresses(const nlattr* attribute, Tuple& tuple)
     return false;
 }
 
-// Nothing when a part is missing. Of protocols other than UDP and TCP only the number is read:
+// Returns nullopt if a part is missing. Of protocols other than UDP and TCP, reads only the number:
 // they have no ports, or something else in their place.
 std::optional<Tuple> DecodeTuple(const nlattr* attribute)
 {
@@ -156,7 +156,7 @@ void CopyTranslation(const Tuple& reply, FlowDetail& detail)
     memcpy(detail.destination_port, reply.source_port, sizeof detail.destination_port);
 }
 
-// Nothing for most flows, which are in the default zone and not translated.
+// Returns nullopt for most flows, which are in the default zone and not translated.
 std::optional<FlowDetail> DecodeDetail(const nlattr* const* found,
                                        const vxa_conntrack_entry_s& entry)
 {

@@ -184,7 +184,7 @@ std::uint32_t RuleProfiler::Value() const
     return m_value;
 }
 
-// Nothing while there are no counts to compare with.
+// Returns nullopt while there are no counts to compare with.
 std::optional<std::string> RuleProfiler::Profile() const
 {
     using std::chrono::milliseconds;
