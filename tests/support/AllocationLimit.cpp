@@ -105,7 +105,7 @@ void* aligned_alloc(std::size_t alignment, std::size_t size)
     return IsMallocRefused(size) ? nullptr : __libc_memalign(alignment, size);
 }
 
-// Lua relies on it that a block can be made smaller.
+// Lua relies on shrinking a block never failing.
 void* realloc(void* block, std::size_t size)
 {
     const bool fits = block && malloc_usable_size(block) >= size;

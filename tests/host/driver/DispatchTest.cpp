@@ -155,7 +155,7 @@ TEST_F(Dispatch, TheLatestFailuresAreRemembered)
     for (int call = 0; call < 160; ++call) {
         GetStates();
     }
-    vxi_get_var(Driver(), 173, Pointer(vxa_filter_variable_s()));  // unknown: is not a failure
+    vxi_get_var(Driver(), 173, Pointer(vxa_filter_variable_s()));  // unknown: not a failure
     EXPECT_EQ(0, vxi_driver_available(Driver()));
     EXPECT_EQ(151U, vxi_failures(Driver(), rows, 1000));
     EXPECT_EQ(-5, rows[98].status);

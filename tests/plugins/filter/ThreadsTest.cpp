@@ -68,7 +68,7 @@ protected:
                       "");
     }
 
-    // Runs each chunk on a state and a thread of its own.
+    // Runs each chunk on its own state and thread.
     void RunAtOnce(const std::vector<std::string>& chunks)
     {
         std::vector<std::string> errors(chunks.size());

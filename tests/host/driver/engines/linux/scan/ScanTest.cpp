@@ -37,8 +37,8 @@ Counters Read(std::uint32_t direction = VXI_SCAN_INBOUND)
     return {request.counter, request.counter + VXI_SCAN_COUNTERS};
 }
 
-// The first counters; the last packets may still be under way when the calls that sent them have
-// returned. Ends the process when they stay wrong: what follows would wait as long in vain.
+// Waits until the first counters are as expected: packets may still be in flight when the calls
+// that sent them return. Ends the process on a timeout: later checks would only time out, too.
 void ExpectSoon(const Counters& expected, std::uint32_t direction = VXI_SCAN_INBOUND)
 {
     Counters counters;
@@ -53,7 +53,7 @@ void ExpectSoon(const Counters& expected, std::uint32_t direction = VXI_SCAN_INB
     }
 }
 
-// Names of the tables in this namespace, and the name of a process's.
+// Names of the tables in this namespace, and the name of a process's table.
 std::string Tables()
 {
     return Run("printf %s \"$(nft list tables inet | cut -d ' ' -f 3 | xargs)\"");
@@ -91,8 +91,8 @@ std::vector<traffic::Socket> Attempt(unsigned count, int backlog)
     return sockets;
 }
 
-// Those that wait for room are left alone; those whose openers do not get the answer, though
-// the engine sees it, are counted once as they time out.
+// Connections that wait in the listener's backlog are not counted as closed; those whose openers do
+// not receive the answer, although the engine sees it, are counted once when they time out.
 void CountUnfinished(std::uint32_t direction)
 {
     Start(direction, kPort + 1);
@@ -113,8 +113,8 @@ void CountUnfinished(std::uint32_t direction)
 
 KERNEL_TEST(Scan, CountsEachOutcomeExactly)
 {
-    // The least that the kernel takes: openers repeat their SYN after a second. And no port that
-    // still waits is used again: such a connection is refused once.
+    // The smallest values that the kernel accepts: openers repeat their SYN after a second. And no
+    // port in TIME_WAIT is reused: such a connection is refused once.
     Run("cd /proc/sys/net/ipv4; echo 0 > tcp_synack_retries; echo 1 > tcp_syn_retries; "
         "echo 0 > tcp_tw_reuse");
     for (const std::uint32_t direction : {VXI_SCAN_INBOUND, VXI_SCAN_OUTBOUND}) {
@@ -187,7 +187,7 @@ KERNEL_TEST(Scan, CountsConnectionsBesideAFloodOfOpenings)
     EXPECT_EQ(stats.area2[29], uncounted);
 }
 
-// Scanners send what no connection begins with.
+// Port scanners send segments with which no connection begins.
 KERNEL_TEST(Scan, TakesNoStraySegmentForAConnection)
 {
     const auto send = [](std::initializer_list<unsigned> segments, const Counters& expected) {
@@ -205,7 +205,7 @@ KERNEL_TEST(Scan, TakesNoStraySegmentForAConnection)
     EXPECT_EQ(Read()[VXI_SCAN_PACKETS_FORWARD], 10u);
 }
 
-// Also while a child lives on that never calls the library.
+// Even while a child that never calls the library is still alive.
 KERNEL_TEST(ScanLife, TableGoesWithAKilledProcess)
 {
     const pid_t parent = kernel::Spawn([] {
@@ -224,7 +224,7 @@ KERNEL_TEST(ScanLife, TableGoesWithAKilledProcess)
     EXPECT_TRUE(Eventually([] { return Tables().empty(); }, 5));
 }
 
-// Fork handlers do not run in a bare one: the process number alone shows it.
+// _Fork runs no fork handlers: only the process number shows that this is a child.
 KERNEL_TEST(ScanLife, ForkedChildCountsThePortInATableOfItsOwn)
 {
     Start();
@@ -243,8 +243,8 @@ KERNEL_TEST(ScanLife, ForkedChildCountsThePortInATableOfItsOwn)
     ExpectSoon({4, 4, 0, 4, 0});
 }
 
-// Others have its name, flush the rules and reset the counters. And the port was set with another
-// engine.
+// Other programs have taken its name, flush the rules and reset the counters; and the port was
+// configured with another engine.
 KERNEL_TEST(ScanLife, SurvivesOthers)
 {
     const std::string name = TableOf(getpid());
@@ -297,7 +297,7 @@ KERNEL_TEST(ScanLife, WithoutOwnerKeepsItsTableAndRemovesThoseOfTheDead)
     kill(killed, SIGKILL);
     ExpectStatus(killed, SIGKILL);
     const std::string others = TableOf(getppid()) + " vxa_scan_inbound_8443_pid_";
-    const std::string own = TableOf(getpid());  // of an earlier process that had our number
+    const std::string own = TableOf(getpid());  // of an earlier process with our number
     Run("for t in " + others + " " + own + "; do nft add table inet $t; done");
     vxi::ScanMonitor monitor(vxi::TableRemoval::kByLibrary);
     monitor.Start(kInbound);

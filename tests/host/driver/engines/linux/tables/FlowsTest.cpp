@@ -22,7 +22,7 @@ int Fill(Handle handle, vxa_dump_conntrack_s& section, std::uint8_t protocol, st
     return vxi_get_conntrack(handle, &section, static_cast<unsigned>(16 + 72 * room), nullptr);
 }
 
-// As callers fetch it, but with less room than was asked for.
+// Fetches as callers do, but with room for `less` flows fewer than were counted.
 std::string Fetch(const OpenHandle& handle = kernel::Open(), unsigned less = 0)
 {
     vxa_dump_conntrack_s count;
@@ -138,7 +138,7 @@ chain z { type filter hook output priority raw;
     }
 }
 
-// Signals cut system calls short while the table is read, and it has gone when it is delivered.
+// Signals interrupt system calls while the table is read; it is empty before its delivery.
 KERNEL_TEST(Flows, ShareTheRoomInOneSnapshot)
 {
     Make("udp", 33000);
@@ -160,7 +160,7 @@ KERNEL_TEST(Flows, ShareTheRoomInOneSnapshot)
         << "a flow is shown twice";
     EXPECT_EQ(Fill(handle.get(), section, IPPROTO_UDP, 0), -ENODATA);
     EXPECT_EQ(Fill(handle.get(), section, IPPROTO_TCP, 0), -ENODATA);
-    // A handle that is closed with a snapshot in it is left to the leak checker.
+    // Closes the handle with a snapshot in it, for the leak checker.
     ASSERT_EQ(Fill(handle.get(), section, 0, 0), 0);
 }
 
@@ -192,7 +192,7 @@ KERNEL_TEST(Flows, ComeFromSocketsWhereNoneIsTrackedOrMayBeRead)
     ASSERT_EQ(send(*server, data, 300, 0), 300);
     CompareWithSs("no UDP or TCP flow is tracked");
     for (int i = 0; i < 2; ++i, v4.reset()) {
-        // The payload at both ends, in the direction of the opening: also without the listener.
+        // Payload at both ends, forward from the opener, also after the listener has closed.
         const std::string text = Fetch();
         EXPECT_EQ(kernel::Matches(text, "ESTABLISHED - [1-9]/1000 \\d/300( socket)").size(), 2u)
             << text;

@@ -23,7 +23,7 @@ using traffic::Local;
 
 namespace {
 
-// As callers fetch it, though the rules go between their two requests.
+// Fetches as callers do, but deletes the rules between the two requests.
 std::string Blacklist(const OpenHandle& handle, std::uint32_t missing_room = 0)
 {
     vxa_blacklist_get_addrs_s head = {};
@@ -136,8 +136,8 @@ KERNEL_TEST(ConnStates, AreThoseOfProc)
     vxa_get_conn_states_s states;
     CompareSockets(states);
     EXPECT_EQ(states.count, 0u);
-    // Answers of the silent port get lost: its clients stay in SYN_SENT, and it sees their
-    // openings half-way.
+    // Answers of the silent port are dropped: its clients stay in SYN_SENT, and its own side in
+    // SYN_RECV.
     Run("nft 'table inet silence { chain c { type filter hook input priority 0; "
         "tcp sport 8444 drop; }; }'");
     const auto v4 = traffic::Listen(Local(4));
@@ -167,7 +167,7 @@ std::string StatisticsText(const OpenHandle& handle)
     return TextOf<vxa_stats_v2_s>(tb_dump_stats, &stats);
 }
 
-// What the kernel's own tools show of the same, and what none of them shows; without dots in names.
+// The same values from the kernel's own tools, or from its files; without dots in names.
 Lines Shown()
 {
     return Matches(Run(R"(nstat -asz | awk '!/^#/ { print $1, $2 }'
@@ -187,7 +187,7 @@ table inet b { chain d { ip saddr { 1.1.1.1, 1.1.1.2 } accept; }; set s { type i
     ASSERT_EQ(MonitorPort(handle.get(), kPort), 0);
     Lines shown, missing;
     std::string text;
-    // Again where it differs: memory is the whole machine's, and sockets are being freed.
+    // Retries on a difference: memory is the whole machine's, and sockets are being freed.
     kernel::Eventually([&] {
         shown = Shown();
         text = StatisticsText(handle);
@@ -296,7 +296,7 @@ KERNEL_TEST(RuleProfile, IsTheListingAndWhatWasCountedSinceTheSwitch)
     Run("nft 'table ip t { chain c { type filter hook input priority 0; udp dport 7777 counter; "
         "udp dport 7777 accept; udp dport 7778 counter; }; }'");
     traffic::Exchange(to, 3);
-    // A host that lets the kernel reap its children must get it as well.
+    // It must also work in a host that lets the kernel reap its children.
     signal(SIGCHLD, SIG_IGN);
     const std::string profile = Profile(handle);
     signal(SIGCHLD, SIG_DFL);
