@@ -150,7 +150,8 @@ VXI_API void tb_dump_filter_variable(tb_dump_s* sink, vxa_filter_variable_s* var
 /* vsnprintf that always terminates a buffer of size > 0 with NUL and leaves an empty
  * string when formatting fails. Returns the length of the string in the buffer, not
  * the length that it would have had. */
-VXI_API int vsnprintf_safe(char* buffer, size_t size, const char* format, va_list arguments);
+VXI_API int vsnprintf_safe(char* buffer, size_t size, const char* format, va_list arguments)
+    __attribute__((format(printf, 3, 0)));
 
 #ifdef __cplusplus
 }

@@ -14,11 +14,12 @@ FakeMachine::FakeMachine()
     for (const std::string& folder :
          {bin, Path("/etc"), Path("/proc"), Path("/var/opt/vx_agent/diag")})
         fs::create_directories(folder);
-    for (const std::string name : {"nproc", "uptime", "vmstat"}) {
-        const std::string path = bin + "/" + name;
-        const std::string machine_path = "\"$FAKE_MACHINE/" + name;
-        WriteText(path, "#!/bin/sh\necho \"$*\" >" + machine_path + ".args\"\nexec cat " +
-                            machine_path + ".out\" 2>/dev/null\n");
+    for (const char* const name : {"nproc", "uptime", "vmstat"}) {
+        const fs::path path = fs::path(bin) / name;
+        WriteText(path,
+                  "#!/bin/sh\n"
+                  "echo \"$*\" >\"$FAKE_MACHINE/${0##*/}.args\"\n"
+                  "exec cat \"$FAKE_MACHINE/${0##*/}.out\" 2>/dev/null\n");
         fs::permissions(path, fs::perms::all);
     }
     WriteText(Path("nproc.out"), "4\n");

@@ -72,7 +72,7 @@ mode_t Mode(int flags, std::va_list rest)
 
 }  // namespace
 
-#define LIBC(function) reinterpret_cast<decltype(&function)>(dlsym(RTLD_NEXT, #function))
+#define LIBC(function) reinterpret_cast<decltype(&(function))>(dlsym(RTLD_NEXT, #function))
 
 #pragma GCC visibility push(default)
 extern "C" {

@@ -29,7 +29,7 @@ std::string LuaHost::CallFailing(int arguments, long allowed)
     FailAfter(allowed);
     const int status = lua_pcall(l, arguments, LUA_MULTRET, 0);
     m_allowed = -1;
-    const std::string error = status != LUA_OK ? lua_tostring(l, -1) : "";
+    std::string error = status != LUA_OK ? lua_tostring(l, -1) : "";
     lua_settop(l, 0);
     return error;
 }

@@ -48,7 +48,7 @@ bool getDriverBlacklist(VxaCore::CDom* dom, vxi_handle_ops_s* handle,
     std::memcpy(list, &header, sizeof header);
     // On failure the block is freed and `list` dangles: callers must not use it then.
     if (!FillBlacklist(dom, handle, list)) return false;
-    block.release();
+    static_cast<void>(block.release());
     return true;
 }
 

@@ -52,6 +52,7 @@ TEST(Host, ProfilerHooksAreInstalledOnceForManyStatesAtOnce)
     constexpr int kStates = 8;
     std::vector<std::string> errors(kStates);
     std::vector<std::thread> threads;
+    threads.reserve(kStates);
     for (int i = 0; i < kStates; ++i)
         threads.emplace_back([&errors, i] {
             LuaHost host;
