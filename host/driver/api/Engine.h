@@ -33,7 +33,7 @@ struct Engine {
     // Throws an Error while the engine's own environment variable cannot be used: vxi_open fails
     // then. Null for an engine that reads none.
     void (*check_environment)();
-    bool simulated = false;  // has a machine of its own, see vxi_sim_machine
+    bool simulated = false;  // simulates a machine, see vxi_sim_machine
 };
 
 extern const Engine kLinuxEngine;

@@ -16,7 +16,6 @@
 namespace Filter::Diagnostics {
 namespace {
 
-constexpr int kDriverCallFailedEvent = 1001;
 constexpr unsigned int kErrorMessageSize = 80;
 constexpr std::size_t kMaxOperationLength = 64;
 
