@@ -11,6 +11,7 @@
 #include <vector>
 
 #include <wx/zipstrm.h>
+#include <wx/zstream.h>
 
 #include "files/File.h"
 #include "log/LogSink.h"
@@ -89,19 +90,64 @@ private:
     std::string m_error;
 };
 
+// wxWidgets' zip writer, made fit for a lack of memory. By itself it crashes when its compressor
+// could not be created or an exception has left it in the middle of an entry: at the next call, or
+// while it is destroyed.
+class ZipStream : public wxZipOutputStream {
+public:
+    using wxZipOutputStream::wxZipOutputStream;
+
+    // In an error state wxWidgets' destructors write nothing: the directory would need memory, and
+    // the compressor would flush into a stream that is gone.
+    ~ZipStream() override
+    {
+        if (m_compressor) m_compressor->Reset(wxSTREAM_WRITE_ERROR);
+        Reset(wxSTREAM_WRITE_ERROR);
+    }
+
+    // Creates the compressor, which all entries share.
+    void CreateCompressor()
+    {
+        wxCountingOutputStream nowhere;
+        wxZipEntry entry;
+        entry.SetMethod(wxZIP_METHOD_DEFLATE);
+        const Buffer no_data[] = {{nullptr, 0}};
+        m_compressor = static_cast<wxZlibOutputStream*>(OpenCompressor(nowhere, entry, no_data));
+        const bool is_created = m_compressor->IsOk();
+        CloseCompressor(m_compressor);
+        if (!is_created) throw std::bad_alloc();
+    }
+
+    // Frees the compressor's buffers first.
+    bool Close() override
+    {
+        m_compressor->Reset(wxSTREAM_WRITE_ERROR);
+        m_compressor->wxZlibOutputStream::Close();
+        return wxZipOutputStream::Close();
+    }
+
+private:
+    wxZlibOutputStream* m_compressor = nullptr;
+};
+
 // The open file and its compressor, with a quarter of a megabyte of buffers.
 struct Writer {
     Writer(FileDescriptor descriptor, const std::string& path)
-        : file(std::move(descriptor), path), zip(file, kCompressionLevel, utf8)
+        : file(std::move(descriptor), path),
+          zip(std::make_unique<ZipStream>(file, kCompressionLevel, utf8))
     {
+        zip->CreateCompressor();
     }
 
     // Copies the input to its end and counts the bytes; returns whether all was read and written.
     bool Copy(wxInputStream& in, std::uint64_t& bytes);
 
+    // Writes the directory. Throws std::bad_alloc.
+    bool CloseZip();
+
     BufferedFile file;
     wxMBConvUTF8 utf8;  // wxWidgets sets up the shared one on first use, without a lock
-    wxZipOutputStream zip;
+    std::unique_ptr<ZipStream> zip;
 };
 
 bool Writer::Copy(wxInputStream& in, std::uint64_t& bytes)
@@ -109,12 +155,22 @@ bool Writer::Copy(wxInputStream& in, std::uint64_t& bytes)
     std::vector<char> chunk(kChunkBytes);
     for (;;) {
         const std::size_t got = in.Read(chunk.data(), chunk.size()).LastRead();
-        if (got > 0 && zip.Write(chunk.data(), got).LastWrite() != got) return false;
+        if (got > 0 && zip->Write(chunk.data(), got).LastWrite() != got) return false;
         bytes += got;
         // An input that returns neither bytes nor an end would be read forever.
         if (in.GetLastError() != wxSTREAM_NO_ERROR || got == 0)
             return in.GetLastError() == wxSTREAM_EOF;
     }
+}
+
+bool Writer::CloseZip()
+{
+    // Close deletes each entry once written. After an exception in between, the destructor would
+    // delete them again: what is left then, a few kilobytes, is leaked.
+    ZipStream* const closing = zip.release();
+    const bool is_closed = closing->Close();
+    zip.reset(closing);
+    return is_closed;
 }
 
 double SecondsSince(std::chrono::steady_clock::time_point moment)
@@ -145,22 +201,49 @@ struct CZipOutputStream::Archive::State {
         const std::string& reason = writer->file.Error();
         KeepError(reason.empty() ? "cannot write " + path + ": zip writer failed" : reason);
     }
+    // After an exception the zip writer may be in the middle of an entry.
+    template <typename Function>
+    auto BreakIfThrown(Function function)
+    {
+        try {
+            return function();
+        } catch (const std::exception&) {
+            is_broken = true;
+            throw;
+        }
+    }
+    bool Add(wxInputStream& in, bool text, const wxString& name, const wxString& comment);
     bool Write(wxInputStream& in, std::unique_ptr<wxZipEntry> entry, Host::AddedEntry& added);
+    void Close();
 
     const std::string path;
     std::optional<Writer> writer;  // empty once closed
     std::string first_error;
-    bool is_broken = false;  // the file cannot be written: no more entries
+    bool is_broken = false;  // no more entries: the file cannot be written, or memory ran out
     std::vector<Host::AddedEntry> entries;
     std::chrono::steady_clock::time_point last_end = std::chrono::steady_clock::now();
 };
+
+bool CZipOutputStream::Archive::State::Add(wxInputStream& in, bool text, const wxString& name,
+                                           const wxString& comment)
+{
+    Host::AddedEntry& added = entries.emplace_back();
+    added.name = ToUtf8(name);
+    auto entry = std::make_unique<wxZipEntry>(name);
+    entry->SetIsText(text);
+    entry->SetComment(comment);
+    added.is_complete = Write(in, std::move(entry), added);
+    added.seconds = SecondsSince(last_end);
+    last_end = std::chrono::steady_clock::now();
+    return added.is_complete;
+}
 
 bool CZipOutputStream::Archive::State::Write(wxInputStream& in, std::unique_ptr<wxZipEntry> entry,
                                              Host::AddedEntry& added)
 {
     if (!writer) KeepError("the archive is closed");
     if (!writer || is_broken) return false;
-    wxZipOutputStream& zip = writer->zip;
+    wxZipOutputStream& zip = *writer->zip;
     const bool is_copied = zip.PutNextEntry(entry.release()) && writer->Copy(in, added.bytes);
     const bool is_ended = zip.CloseEntry() && zip.IsOk();
     is_broken = !is_ended || !writer->file.Error().empty();
@@ -169,6 +252,15 @@ bool CZipOutputStream::Archive::State::Write(wxInputStream& in, std::unique_ptr<
     else if (!is_copied)
         KeepError(path + ": entry " + added.name + " is incomplete: its input failed");
     return is_copied && !is_broken;
+}
+
+void CZipOutputStream::Archive::State::Close()
+{
+    if (!writer) return;
+    const bool is_complete = !is_broken && writer->CloseZip();
+    writer->file.Finish();
+    if (!is_complete || !writer->file.Error().empty()) KeepWriteError();
+    writer.reset();
 }
 
 CZipOutputStream::Archive::Archive(std::unique_ptr<State> state) : m_state(std::move(state)) {}
@@ -199,15 +291,7 @@ CZipOutputStream::Archive::~Archive()
 bool CZipOutputStream::Archive::Add(wxInputStream& in, bool text, const wxString& name,
                                     const wxString& comment)
 {
-    Host::AddedEntry& added = m_state->entries.emplace_back();
-    added.name = ToUtf8(name);
-    auto entry = std::make_unique<wxZipEntry>(name);
-    entry->SetIsText(text);
-    entry->SetComment(comment);
-    added.is_complete = m_state->Write(in, std::move(entry), added);
-    added.seconds = SecondsSince(m_state->last_end);
-    m_state->last_end = std::chrono::steady_clock::now();
-    return added.is_complete;
+    return m_state->BreakIfThrown([&] { return m_state->Add(in, text, name, comment); });
 }
 
 const std::vector<Host::AddedEntry>& CZipOutputStream::Archive::Entries() const
@@ -217,12 +301,7 @@ const std::vector<Host::AddedEntry>& CZipOutputStream::Archive::Entries() const
 
 void CZipOutputStream::Archive::Close()
 {
-    if (auto& writer = m_state->writer) {
-        const bool is_complete = writer->zip.Close();
-        writer->file.Finish();
-        if (!is_complete || !writer->file.Error().empty()) m_state->KeepWriteError();
-        writer.reset();
-    }
+    m_state->BreakIfThrown([&] { m_state->Close(); });
     if (!m_state->first_error.empty()) throw std::runtime_error(m_state->first_error);
 }
 

@@ -7,6 +7,7 @@
 
 #include <stdexcept>
 
+#include "AllocationLimit.h"
 #include "ScratchDirectory.h"
 #include "vxa_core/archive_reader.h"
 
@@ -16,10 +17,10 @@ using VxaCore::CZipOutputStream;
 using VxaCore::Host::ListArchive;
 using VxaCore::Host::ReadArchiveEntry;
 
-bool Add(CZipOutputStream& zip, const std::string& name, const std::string& bytes, bool text)
+bool Add(CZipOutputStream& zip, const wxString& name, const std::string& bytes, bool text)
 {
     wxMemoryInputStream in(bytes.data(), bytes.size());
-    return zip.AddFromStream(in, text, wxString::FromUTF8(name), "");
+    return zip.AddFromStream(in, text, name, L"");
 }
 
 // Returns the error of listing, or of reading the entry if one is given, without the path.
@@ -61,13 +62,27 @@ TEST(Archive, IsReadBackAndDamageIsFound)
 {
     const ScratchDirectory scratch;
     const std::string path = scratch.Path("a.zip"), pipe = scratch.Path("pipe");
-    CZipOutputStream zip(CZipOutputStream::Archive::Create(path));
-    EXPECT_TRUE(Add(zip, "a.txt", std::string(200000, 'x'), true));
-    EXPECT_TRUE(Add(zip, "\u00fc/\u4e2d", {"\0\xFF", 2}, false));
-    zip.archive().Close();
-    EXPECT_FALSE(Add(zip, "late", "", true));
-    EXPECT_THROW(zip.archive().Close(), std::runtime_error);
-    EXPECT_FALSE(zip.archive().Entries()[2].is_complete);
+    std::unique_ptr<CZipOutputStream> zip;
+    // Until there is enough memory, each attempt fails.
+    bool is_written = false;
+    for (long n = allocations::AllowMalloc(-1) ? 0 : -1; !is_written; ++n) {
+        allocations::AllowMalloc(n);
+        try {
+            zip = std::make_unique<CZipOutputStream>(CZipOutputStream::Archive::Create(path));
+            is_written = Add(*zip, L"a.txt", std::string(200000, 'x'), true) &&
+                         Add(*zip, L"\u00fc/\u4e2d", {"\0\xFF", 2}, false);
+            zip->archive().Close();
+        } catch (const std::exception&) {
+            is_written = false;
+        }
+        ASSERT_EQ(allocations::LiftLimit(), !is_written) << n;
+        if (!zip || zip->archive().Entries().empty()) continue;
+        if (zip->archive().Entries().back().is_complete) continue;
+        EXPECT_THROW(zip->archive().Close(), std::runtime_error) << n;
+    }
+    EXPECT_FALSE(Add(*zip, L"late", "", true));
+    EXPECT_THROW(zip->archive().Close(), std::runtime_error);
+    EXPECT_FALSE(zip->archive().Entries()[2].is_complete);
 
     const auto entries = ListArchive(path);
     ASSERT_EQ(entries.size(), 2u);
