@@ -435,6 +435,11 @@ TEST_F(DumpTest, APrintIsCutAt1023Characters)
     tosprintf(sink.Dump(), "\n\n\xe9nd");
     EXPECT_EQ(sink.Text(), "-5 five|%\n" + std::string(2046, 'x') + "\n\n\xc3\xa9nd")
         << "Latin-1 becomes UTF-8";
+    TextSink cut_short;
+    allocations::Allow(0);
+    tosprintf(cut_short.Dump(), "%s", long_text.c_str());
+    EXPECT_TRUE(allocations::LiftLimit());
+    EXPECT_THROW(cut_short.Text(), std::bad_alloc);
 }
 
 // ---- what is accepted as a host object -------------------------------------------------
