@@ -10,15 +10,30 @@
 
 #include <cstdio>
 #include <exception>
+#include <string_view>
 
 #include <lua.hpp>
 
 namespace vxa {
 
 // The message of an exception, copied so that nothing is left to destroy when Lua raises. Has
-// room for the longest path and a reason.
+// room for the longest path and a reason; a longer message is cut in the middle, because reasons
+// are at the end.
 struct ErrorMessage {
     char text[4608] = "";
+
+    void Set(std::string_view message)
+    {
+        constexpr std::size_t kTail = 256;
+        if (message.size() < sizeof text) {
+            text[message.copy(text, sizeof text)] = '\0';
+            return;
+        }
+        const auto tail = message.substr(message.size() - kTail);
+        std::snprintf(text, sizeof text, "%.*s...%.*s",
+                      static_cast<int>(sizeof text - kTail - sizeof "..."), message.data(),
+                      static_cast<int>(tail.size()), tail.data());
+    }
 };
 
 // Returns false and the message if the function throws. [-0, +0, -]
@@ -29,7 +44,7 @@ bool Succeeds(Function&& function, ErrorMessage& message)
         function();
         return true;
     } catch (const std::exception& error) {
-        std::snprintf(message.text, sizeof message.text, "%s", error.what());
+        message.Set(error.what());
         return false;
     }
 }

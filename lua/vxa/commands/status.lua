@@ -89,7 +89,7 @@ local function show_metrics(metrics)
     for i, metric in ipairs(metrics) do rows[#rows + 1] = metric_row(i, metric) end
     console.line("")
     console.lines(format.columns(rows, { [2] = true }))
-    console.line("(!: over its threshold; -: off, or needs a second cycle, as in vxa run)")
+    console.line("(!: beyond its threshold; -: off, or needs a second cycle, as in vxa run)")
 end
 
 local DETAIL_INDENT = #"  scan-metrics  yes  "

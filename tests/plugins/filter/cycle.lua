@@ -341,7 +341,8 @@ equal({seen.log, seen.trace}, {{}, {}}, "nothing is logged unless asked for")
 vxa.verbose(true)
 now_us = 1700009000250000
 cycle(10, off, runq)
-cycle(2.5, off, runq)
+seen = select(2, cycle(2.5, off, runq))
+t.matches(seen.lines[1], "rc=0 .* startSt=Deact endSt=Deact ")
 machine("60.14", 4, 1000000, 250000)
 local full = [[{"SYS_CONF_MIN_ACT_DURATION": 2, "SYS_THR_RUNQ": {"value": 50},
   "SYS_THR_FREE_MEM": {"value": 20}}]]
@@ -369,6 +370,9 @@ machine()
 -- ---- traces: place, order ------------------------------------------------------------
 
 vxa.trace("SysHealth.*", true)
+local long = runq:gsub("}$", (', "pad": "%s"}'):format(("p"):rep(600)))
+seen = select(2, cycle(1, off, long))
+equal(traced(seen, "SysHealth.eng")[1], ("cloud_config size[%d]:%s "):format(#long, long))
 action, seen = cycle(1, off, scan_policy)
 local order = {}
 for _, trace in ipairs(seen.trace) do
