@@ -82,7 +82,7 @@ TEST_F(HealthTest, Vmstat)
     }
 }
 
-TEST_F(HealthTest, NothingCanBeOpened)
+TEST_F(HealthTest, NothingCanBeOpenedOrParsed)
 {
     VmstatTable table = vxa_syshealth_vmstat_metrics;
     double length = -1;
@@ -99,6 +99,10 @@ TEST_F(HealthTest, NothingCanBeOpened)
                      "SysHealth.eng queryRunQueueLength: could not run command, failing",
                      "SysHealth.eng getMemoryMetrics: failed to run command",
                      "SysHealth.eng getVmstatMetrics: failed to run command"}));
+    WriteText(m_machine.Path("uptime.out"), "up 3 days\n");
+    EXPECT_EQ(queryRunQueueLength(&length), 1);
+    EXPECT_EQ(host::TakeTraceLines(),
+              Lines{"SysHealth.eng queryRunQueueLength: no match on average:"});
 }
 
 TEST_F(HealthTest, LogOfSettingsThatCannotBeWritten)
