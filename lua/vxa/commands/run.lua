@@ -8,6 +8,23 @@ local option = require "vxa.options"
 local policy_source = require "vxa.policy_source"
 local session = require "vxa.session"
 
+-- Further listeners, in the order in which they are called after the report. Each is a file of
+-- lua/vxa/listeners that returns two functions: `define(command)` adds its options, and
+-- `new(monitored, options)` returns the listener, or nil if its option was not given.
+--
+-- What is printed or kept of a run is made by listeners. They have these methods, all optional:
+--
+-- start()                    before the first cycle
+-- reloaded(refusal)          SIGHUP: the policy was read again; `refusal`: why the old one stays
+-- annotate(result)           a cycle has run: adds fields to its result, before any listener's
+--                            cycle()
+-- cycle(result, errors)      the result of Monitor:cycle in lua/filter.lua, and error messages
+-- connections(report)        the result of Feedback:report
+-- finish(totals)             after the last cycle
+local LISTENERS = {}
+
+local reports = { [true] = "vxa.reports.run_json", [false] = "vxa.reports.run_text" }
+
 local function define(command)
     command:description("Run health check cycles and print a line for each.")
     option.add_policy(command)
@@ -15,9 +32,24 @@ local function define(command)
     option.add_json(command)
     option.add_cycles(command, "cycle")
     option.add_state(command)
+    for _, name in ipairs(LISTENERS) do require("vxa.listeners." .. name).define(command) end
 end
 
-local reports = { [true] = "vxa.reports.run_json", [false] = "vxa.reports.run_text" }
+-- Returns the report and the listeners that were asked for.
+local function make_listeners(monitored, options)
+    local listeners = { require(reports[options.json == true]).new(monitored, options) }
+    for _, name in ipairs(LISTENERS) do
+        listeners[#listeners + 1] = require("vxa.listeners." .. name).new(monitored, options)
+    end
+    return listeners
+end
+
+local function notify(listeners, event, ...)
+    for _, listener in ipairs(listeners) do
+        local method = listener[event]
+        if method then method(listener, ...) end
+    end
+end
 
 -- ---- advice -----------------------------------------------------------------------------
 
@@ -79,11 +111,11 @@ local function feed(monitored, totals)
     end
 end
 
-local function publish(monitored, report, totals)
+local function publish(monitored, listeners, totals)
     local published = monitored.feedback:report()
     if not published then return end
     totals.reported = totals.reported + published.observations
-    report:connections(published)
+    notify(listeners, "connections", published)
 end
 
 -- ---- cycles -----------------------------------------------------------------------------
@@ -107,7 +139,7 @@ end
 
 -- Waits for the next cycle, reloading the policy on SIGHUP. Returns false if the run must end:
 -- on another signal, or if the SIGHUP was sent because the terminal closed.
-local function wait(monitored, options, report, totals, due)
+local function wait(monitored, options, listeners, totals, due)
     local vxa = monitored.vxa
     while true do
         local awake = vxa.sleep(math.max(due - vxa.clock(), 0))
@@ -116,14 +148,14 @@ local function wait(monitored, options, report, totals, due)
                 totals.interrupted = "SIGHUP"
                 return false
             end
-            report:reloaded(session.reload_policy(monitored, options))
+            notify(listeners, "reloaded", session.reload_policy(monitored, options))
         else
             return awake
         end
     end
 end
 
-local function run_cycles(monitored, options, report, totals)
+local function run_cycles(monitored, options, listeners, totals)
     local vxa = monitored.vxa
     local due, awake = vxa.clock(), true
     while awake and not vxa.interrupted() do
@@ -131,13 +163,14 @@ local function run_cycles(monitored, options, report, totals)
         local result = session.run_cycle(monitored)
         if was_cut_short(vxa, result) then return end
         count(totals, result)
-        report:cycle(result, monitored.messages:errors())
+        notify(listeners, "annotate", result)
+        notify(listeners, "cycle", result, monitored.messages:errors())
         monitored.messages:show()
         advise(monitored, options, result)
-        publish(monitored, report, totals)
+        publish(monitored, listeners, totals)
         if totals.cycles == options.cycles then return end
         due = session.next_due(vxa, due, options.interval)
-        awake = wait(monitored, options, report, totals, due)
+        awake = wait(monitored, options, listeners, totals, due)
     end
 end
 
@@ -147,15 +180,15 @@ local function run(options)
     monitored.feedback = connection_feedback.new(monitored)
     monitored.has_terminal = has_terminal(vxa)
     vxa.reload_on_hangup()
-    local report = require(reports[options.json == true]).new(monitored, options)
+    local listeners = make_listeners(monitored, options)
     local totals = { cycles = 0, measured = 0, disabled = 0, entered = 0, observations = 0,
                      reported = 0, started = vxa.clock(), state = monitored.monitor.state }
-    report:start()
-    run_cycles(monitored, options, report, totals)
+    notify(listeners, "start")
+    run_cycles(monitored, options, listeners, totals)
     totals.seconds = vxa.clock() - totals.started
     totals.interrupted = totals.interrupted or vxa.interrupted()
     totals.unpublished = monitored.feedback:unpublished()
-    report:finish(totals)
+    notify(listeners, "finish", totals)
     session.close_document(monitored)
     if totals.cycles > 0 and totals.measured + totals.disabled == 0 then
         console.complain("no cycle could sample this machine")
