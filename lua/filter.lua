@@ -65,6 +65,8 @@ filter.metrics = {
       full_name = "iteration interval", title = "time since the previous cycle" },
 }
 
+for _, metric in ipairs(filter.metrics) do filter.metrics[metric.name] = metric end
+
 -- ---- options ----------------------------------------------------------------------------
 
 -- Raises an error, at the caller of the calling function, unless every option is in `known` and
@@ -98,6 +100,8 @@ local words = {
     [filter.BAD_ARGUMENT] = "bad argument",
     [filter.NO_MEMORY] = "no memory figures",
 }
+
+local HELD, OBSERVED = "wait one cycle", "would enter"
 
 local function action_text(action, before)
     local text = words[action] or ("action " .. tostring(action))
@@ -244,7 +248,7 @@ end
 -- ---- the monitor ------------------------------------------------------------------------
 
 local MONITOR_OPTIONS = { dom = "userdata", policy = "string", settings = "table",
-                          enforce = "function", records = "function" }
+                          enforce = "function", records = "function", observe = "boolean" }
 
 -- Returns a monitor with the state "Deactivated". Options:
 --
@@ -260,13 +264,15 @@ local MONITOR_OPTIONS = { dom = "userdata", policy = "string", settings = "table
 --           among them, values have three decimals; with the traces of "SysHealth.eng", those
 --           beyond their thresholds have six. Without this option, values are whole numbers, and
 --           a threshold below 1 from the configuration file looks like a metric that is off.
+-- observe   true: judge, but never enter fail-open
 function filter.new(options)
     if type(options) == "table" and not is_document(options.dom) then
         error("options.dom must be an SLB.Dom, not " .. type(options.dom), 2)
     end
     check_options(options, MONITOR_OPTIONS)
     local monitor = setmetatable({ dom = options.dom, enforce = options.enforce,
-                                   records = options.records, state = filter.DEACTIVATED }, Monitor)
+                                   records = options.records, observe = options.observe,
+                                   state = filter.DEACTIVATED }, Monitor)
     monitor:set_policy(options.policy, options.settings)
     monitor:publish()
     return monitor
@@ -305,11 +311,48 @@ function Monitor:change(state)
     self:publish()
 end
 
+-- Whether nothing but rates is beyond its threshold.
+local function only_rates(over)
+    for _, row in ipairs(over) do
+        if not filter.metrics[row.name].rate then return false end
+    end
+    return #over > 0
+end
+
+-- The module divides what the counters grew by since they were last read by the time since the
+-- previous cycle. If that cycle could not sample, the growth of several intervals looks like a
+-- burst.
+function Monitor:enter(result, rates_are_doubtful)
+    if #result.over == 0 then mark_ties(result.metrics, result.over) end
+    if rates_are_doubtful and only_rates(result.over) then
+        result.held, result.text = true, HELD
+    elseif self.observe then
+        result.would_enter, result.text = true, OBSERVED
+    else
+        result.transition = "entered"
+        self:change(filter.ACTIVATED)
+    end
+end
+
+-- After an action other than NORMAL and FAIL_OPEN the state stays as it is, also in fail-open: a
+-- failed sample must not switch enforcement on a machine under stress.
+function Monitor:decide(result, rates_are_doubtful)
+    if result.action == filter.FAIL_OPEN and result.before == filter.DEACTIVATED then
+        self:enter(result, rates_are_doubtful)
+    elseif result.action == filter.NORMAL and result.before == filter.ACTIVATED then
+        result.transition = "left"
+        self:change(filter.DEACTIVATED)
+    end
+end
+
 -- Runs one cycle and returns a table:
 --
 -- action, text        the action code and a description
 -- before, state       the state before this cycle, and the state now
 -- transition          "entered" or "left" if this cycle changed the state
+-- held                true if fail-open was not entered because only rates are beyond their
+--                     thresholds and the previous cycle could not sample; the next one decides
+-- would_enter         true if fail-open was not entered because of options.observe
 -- unpublished         why the document does not have the current state, if it does not
 -- policy_error        what is wrong with the policy (not JSON, or a member of the wrong type), in
 --                     its first cycle only
@@ -323,7 +366,8 @@ end
 -- in_fail_open_s      how long fail-open has lasted
 -- port                the port that the driver counts, 0 for none
 function Monitor:cycle()
-    local before = self.state
+    local before, rates_are_doubtful = self.state, self.missed_sample
+    self.missed_sample = true  -- also if the call raises an error
     local action = SLB.filter.CheckSystemHealthMetrics(self.dom, before, self.policy).action
     local records = self.records and self.records() or {}
     local result = { action = action, text = action_text(action, before), before = before,
@@ -332,18 +376,10 @@ function Monitor:cycle()
     self.policy_error, self.policy_warnings = nil, nil
     result.measured = action == filter.NORMAL or action == filter.FAIL_OPEN
     if result.measured then self:measure(result, records) end
+    if result.measured then self.missed_sample = false end
+    if action == filter.DISABLED then self.missed_sample = rates_are_doubtful end
     self.has_run = true
-
-    -- After any other action the state stays as it is, also in fail-open: a failed sample must
-    -- not switch enforcement on a machine under stress.
-    if action == filter.FAIL_OPEN and before == filter.DEACTIVATED then
-        result.transition = "entered"
-        if #result.over == 0 then mark_ties(result.metrics, result.over) end
-        self:change(filter.ACTIVATED)
-    elseif action == filter.NORMAL and before == filter.ACTIVATED then
-        result.transition = "left"
-        self:change(filter.DEACTIVATED)
-    end
+    self:decide(result, rates_are_doubtful)
     result.state, result.unpublished = self.state, self.unpublished
     return result
 end

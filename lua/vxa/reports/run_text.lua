@@ -150,10 +150,20 @@ function Report:show_transition(result)
         timestamps.inline(result.time + result.min_duration_s))
 end
 
+function Report:show_held(result)
+    console.line("%s-- fail-open waits for the next cycle%s: %s", self.colours.bold,
+        self.colours.off, format.crossings(result.over))
+    console.line("   these rates span several intervals, as the previous cycle could not sample")
+end
+
 function Report:cycle(result)
     self:show_heading(result.metrics)
     self:show_cycle(result)
     if result.transition then self:show_transition(result) end
+    if result.held then self:show_held(result) end
+    if result.would_enter then
+        console.line(">> would enter fail-open: %s", format.crossings(result.over))
+    end
 end
 
 -- ---- connections and summary ------------------------------------------------------------

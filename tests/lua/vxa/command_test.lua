@@ -174,8 +174,8 @@ for _, row in ipairs {
       .. '"cycle":1,"action":0,.-"state":"Deactivated",.-"over":%[%],.-"errors":%[%]}\n.-"rqpct",'
       .. '"value":20.8,"threshold":8,"unit":"processes","enabled":true,"over":true}.-"frepct",'
       .. '"value":null,"threshold":null,"unit":"%%","enabled":false,"over":false}.-"over":%["rqpct"'
-      .. '%],"transition":"entered","min_fail_open_s":120,"in_fail_open_s":0,.-\n{"record":"end",.-'
-      .. '"cycles":2,"measured":2,"entered":1,.-"interrupted":false}\n'
+      .. '%],"transition":"entered",.-"min_fail_open_s":120,"in_fail_open_s":0,.-\n{"record":"end",'
+      .. '.-"cycles":2,"measured":2,"entered":1,.-"interrupted":false}\n'
       .. '{[^}]*"vxp.filter.FailOpenState":%s*"Activated"' },
     { "status --port 443 --outbound --trace SysHealth.metr", "", "^monitoring  enabled.*\n"
       .. "policy      built%-in default.*\nport        443, outbound.*\nfail%-open   lasts at "

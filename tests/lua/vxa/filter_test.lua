@@ -93,6 +93,31 @@ set_machine("9.0", 50)
 monitor.enforce = error
 equal({ pcall(monitor.cycle, monitor), monitor.state }, { false, "Deactivated" }, "raised")
 monitor.enforce = nil
+
+-- An entry that only rates cause waits after a failed sample: load, connections opened, results of
+-- the cycle without and with observation.
+local counted = { [false] = monitor, [true] = filter.new { dom = dom, observe = true } }
+for observe, each in pairs(counted) do
+    each:set_policy('{"SYS_CONF_CONN_REFUSAL_PORT":80,"SYS_THR_CONN_EST_PER_CPU":{"value":10},'
+        .. '"SYS_THR_RUNQ":{"value":8},"SYS_CONF_MIN_ACT_DURATION":0}')
+    for i, row in ipairs {
+        { "0.5", 0, "normal", "normal" },
+        { nil, 0, "no load figures", "no load figures" },
+        { "0.5", 1e6, "wait one cycle", "wait one cycle" },
+        { "0.5", 2e6, "enter fail-open", "would enter" },
+        { "0.5", 2e6, "leave fail-open", "normal" },
+        { nil, 2e6, "no load figures", "no load figures" },
+        { "9.0", 3e6, "enter fail-open", "would enter" },
+        { "0.5", 3e6, "leave fail-open", "normal" },
+    } do
+        set_machine(row[1], 50)
+        recorder.answer { values = { 0, 0, row[2] } }
+        local result, expected = each:cycle(), observe and row[4] or row[3]
+        equal({ result.text, result.held, result.would_enter, result.state == "Activated" },
+            { expected, expected:find "wait" and true, expected:find "would" and true,
+              expected:find "enter f" ~= nil }, ("observe %s, cycle %d"):format(observe, i))
+    end
+end
 set_machine("0.5", 50)
 
 local status = filter.parse_status "SysHealth: a min_dur=60 act_dur=7 port=443 estab=inf(50.000)"
