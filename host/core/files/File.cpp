@@ -111,22 +111,47 @@ const char* FileKind(const std::string& path)
     }
 }
 
+InputFile::InputFile(const std::string& path)
+    : m_path(path), m_fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC))
+{
+    FileDescriptor closed_on_failure(m_fd);
+    struct stat status;
+    if (m_fd < 0 || fstat(m_fd, &status) != 0) Fail(errno);
+    if (S_ISDIR(status.st_mode)) Fail(EISDIR);
+    if (!S_ISREG(status.st_mode)) throw FileError(EINVAL, path + ": not a regular file");
+    m_size = static_cast<std::uint64_t>(status.st_size);
+    closed_on_failure.Release();
+}
+
+InputFile::~InputFile()
+{
+    (void)close(m_fd);
+}
+
+void InputFile::Fail(int cause) const
+{
+    throw FileError(cause, m_path + ": " + ErrorText(cause));
+}
+
+std::size_t InputFile::Read(char* buffer, std::size_t size)
+{
+    ssize_t got = 0;
+    do got = read(m_fd, buffer, size);
+    while (got < 0 && errno == EINTR);
+    if (got < 0) Fail(errno);
+    return static_cast<std::size_t>(got);
+}
+
 std::string ReadFile(const std::string& path, std::size_t most_bytes)
 {
-    const auto fail = [&](int cause) { throw FileError(cause, path + ": " + ErrorText(cause)); };
-    const FileDescriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    struct stat status;
-    if (!file || fstat(file.Get(), &status) != 0) fail(errno);
-    if (S_ISDIR(status.st_mode)) fail(EISDIR);
-    if (!S_ISREG(status.st_mode)) throw FileError(EINVAL, path + ": not a regular file");
     // Files in /proc report size 0, and a file can grow while it is read.
+    InputFile file(path);
     std::string bytes;
     char chunk[kChunkBytes];
     while (bytes.size() <= most_bytes) {
-        const ssize_t got = read(file.Get(), chunk, sizeof chunk);
-        if (got < 0 && errno != EINTR) fail(errno);
+        const std::size_t got = file.Read(chunk, sizeof chunk);
         if (got == 0) return bytes;
-        bytes.append(chunk, got > 0 ? static_cast<std::size_t>(got) : 0);
+        bytes.append(chunk, got);
     }
     throw FileError(EFBIG, path + ": has more than " + std::to_string(most_bytes) + " bytes");
 }

@@ -8,6 +8,7 @@
 #include "Config.h"
 #include "HealthTrace.h"
 #include "ScanRates.h"
+#include "Threshold.h"
 
 namespace fc {
 namespace {
@@ -82,9 +83,6 @@ double Interval(const Sample& sample)
     return sample.interval_s;
 }
 
-constexpr std::int32_t kBadAbove = 0;
-constexpr std::int32_t kBadBelow = 1;
-
 struct MetricRow {
     Metric metric;
     const char* name;
@@ -135,20 +133,16 @@ constexpr MetricTable InitialMetrics()
     return table;
 }
 
-bool ExceedsUpperBound(const health_metrics_s& metric, double factor)
+void TraceCrossing(const health_metrics_s& metric, double factor)
 {
-    if (!(metric.value > metric.threshold * factor)) return false;
-    Trace(s_TraceEngine, SYSHEALTH_AT(kCheck), "%s value of %f exceeds threshold of %f (%f x %f)",
-          metric.name, metric.value, metric.threshold, factor, metric.threshold);
-    return true;
-}
-
-bool FallsBelowLowerBound(const health_metrics_s& metric, double factor)
-{
-    if (!(metric.value < metric.threshold / factor)) return false;
-    Trace(s_TraceEngine, SYSHEALTH_AT(kCheck), "%s value of %f less than threshold of %f (%f / %f)",
-          metric.name, metric.value, metric.threshold, metric.threshold, factor);
-    return true;
+    if (metric.direction == kBadAbove)
+        Trace(s_TraceEngine, SYSHEALTH_AT(kCheck),
+              "%s value of %f exceeds threshold of %f (%f x %f)", metric.name, metric.value,
+              metric.threshold, factor, metric.threshold);
+    else
+        Trace(s_TraceEngine, SYSHEALTH_AT(kCheck),
+              "%s value of %f less than threshold of %f (%f / %f)", metric.name, metric.value,
+              metric.threshold, metric.threshold, factor);
 }
 
 }  // namespace
@@ -180,9 +174,12 @@ void calculateHealthMetrics(double rq_len, unsigned long long num_cpus, double d
 int check_health_metric_thresholds(double factor)
 {
     int over = 0;
-    for (const auto& metric : health_metrics)
-        if (metric.enabled != 0)
-            over += metric.direction == fc::kBadAbove ? fc::ExceedsUpperBound(metric, factor)
-                                                      : fc::FallsBelowLowerBound(metric, factor);
+    for (const auto& metric : health_metrics) {
+        if (metric.enabled == 0 ||
+            !fc::IsBeyond(metric.value, metric.threshold, metric.direction, factor))
+            continue;
+        fc::TraceCrossing(metric, factor);
+        ++over;
+    }
     return over;
 }

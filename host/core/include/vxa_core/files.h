@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 
@@ -32,9 +33,33 @@ VXA_CORE_API void MakeDirectories(const std::string& path);
 // FileError.
 VXA_CORE_API const char* FileKind(const std::string& path);
 
-// Returns the content of a regular file of at most `most_bytes` bytes, following links. Does
-// not wait for the writer of a FIFO and reads nothing from devices. Throws FileError, with
-// EINVAL if the file is not a regular file and EFBIG if it is too large.
+// A regular file, read from its start; links are followed. Does not wait for the writer of a FIFO
+// and reads nothing from devices.
+class VXA_CORE_API InputFile {
+public:
+    // Throws FileError, with EINVAL if the file is not a regular file.
+    explicit InputFile(const std::string& path);
+    ~InputFile();
+    InputFile(const InputFile&) = delete;
+    InputFile& operator=(const InputFile&) = delete;
+
+    // Returns how many bytes it stored in the buffer, 0 at the end of the file. Throws FileError.
+    std::size_t Read(char* buffer, std::size_t size);
+
+    // In bytes, when the file was opened; 0 in /proc.
+    std::uint64_t Size() const { return m_size; }
+    const std::string& Path() const { return m_path; }
+
+private:
+    [[noreturn]] void Fail(int cause) const;
+
+    std::string m_path;
+    int m_fd;
+    std::uint64_t m_size = 0;
+};
+
+// Returns the content of a regular file of at most `most_bytes` bytes, as InputFile reads it.
+// Throws FileError, with EFBIG if it is too large.
 VXA_CORE_API std::string ReadFile(const std::string& path, std::size_t most_bytes);
 
 }  // namespace VxaCore::Host
