@@ -13,11 +13,13 @@ namespace vxa {
 
 // objects/
 void OpenDocuments(lua_State* L);       // Dom and its methods
+void OpenAppendFiles(lua_State* L);     // append_file and its methods
 void OpenArchiveWriters(lua_State* L);  // ZipOutputStream and its methods
 void OpenDriverHandles(lua_State* L);   // open and the handle's methods
 void OpenTemporaryFiles(lua_State* L);  // temporary and its methods
 // functions/
 void OpenArchives(lua_State* L);         // zip_entries, zip_read
+void OpenDigests(lua_State* L);          // sha256
 void OpenEngines(lua_State* L);          // engine, engines, fault, simulate, ...
 void OpenFiles(lua_State* L);            // mkdir, file_kind, read_file, conf_line
 void OpenJsonValues(lua_State* L);       // parse_json

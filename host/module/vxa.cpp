@@ -41,10 +41,12 @@ int OpenModule(lua_State* L)
     lua_newtable(L);
     RegisterOwners(L);
     OpenDocuments(L);
+    OpenAppendFiles(L);
     OpenArchiveWriters(L);
     OpenDriverHandles(L);
     OpenTemporaryFiles(L);
     OpenArchives(L);
+    OpenDigests(L);
     OpenEngines(L);
     OpenFiles(L);
     OpenJsonValues(L);

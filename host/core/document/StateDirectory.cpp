@@ -58,24 +58,6 @@ try {
     throw std::runtime_error("state directory " + path + ": " + error.what());
 }
 
-// Why a file is refused, or null. If others may write to the directory, a hard link would make
-// any file of its file system one of this directory's.
-const char* ReasonToRefuse(const struct stat& status)
-{
-    if (S_ISLNK(status.st_mode)) return "it is a symbolic link";
-    if (!S_ISREG(status.st_mode)) return "it is not a regular file";
-    return status.st_nlink > 1 ? "it has more than one hard link" : nullptr;
-}
-
-// The next process must be able to open what this one made, whatever the umask. Some file
-// systems have no modes.
-void AllowOwner(int file, const struct stat& status)
-{
-    constexpr mode_t kOwner = S_IRUSR | S_IWUSR;
-    if (status.st_uid == geteuid() && (status.st_mode & kOwner) != kOwner)
-        (void)fchmod(file, (status.st_mode & 07777) | kOwner);
-}
-
 }  // namespace
 
 StateDirectory::StateDirectory(const std::string& path)
@@ -115,35 +97,15 @@ void StateDirectory::RemoveUnfinishedEvent()
 {
     const std::string text = ReadEvents();
     const std::size_t complete = text.rfind('\n') + 1;  // 0 without any line feed
-    m_eventsSize = static_cast<off_t>(complete);
     if (complete == text.size()) return;
-    m_events.Truncate(m_eventsSize);
+    m_events.Truncate(static_cast<off_t>(complete));
     wxLogWarning("%s/%s: removed an unfinished last record of %zu bytes", FromUtf8(m_path), kEvents,
                  text.size() - complete);
 }
 
-// Opens a regular file with one link, without following links or waiting for the other end of a
-// FIFO. Returns nullopt if it does not exist and is not to be created.
 std::optional<File> StateDirectory::Open(const char* name, int flags) const
 {
-    const std::string path = m_path + "/" + name;
-    const auto fail = [&](const std::string& reason) {
-        const bool is_read = (flags & O_ACCMODE) == O_RDONLY;
-        throw std::runtime_error((is_read ? "cannot read " : "cannot write ") + path + ": " +
-                                 reason);
-    };
-    constexpr int kCareful = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-    FileDescriptor file(openat(m_directory.Get(), name, flags | kCareful, 0644));
-    const int cause = errno;
-    // Where a link or directory is in the way, errno misleads or open(2) succeeds.
-    struct stat status;
-    const bool exists = file ? fstat(file.Get(), &status) == 0
-                             : fstatat(m_directory.Get(), name, &status, AT_SYMLINK_NOFOLLOW) == 0;
-    if (const char* reason = exists ? ReasonToRefuse(status) : nullptr) fail(reason);
-    if (!file && cause == ENOENT && !(flags & O_CREAT)) return std::nullopt;
-    if (!file || !exists) fail(ErrorText(cause));
-    AllowOwner(file.Get(), status);
-    return File(std::move(file), path);
+    return OpenRegularFile(m_directory, name, m_path + "/" + name, flags, 0644);
 }
 
 std::optional<std::string> StateDirectory::ReadDocument() const
@@ -177,17 +139,8 @@ try {
 }
 
 void StateDirectory::AppendEvent(const std::string& line)
-try {
-    m_events.Write(line);
-    m_events.Sync();
-    m_eventsSize += static_cast<off_t>(line.size());
-} catch (const std::runtime_error& error) {
-    try {
-        m_events.Truncate(m_eventsSize);
-    } catch (const std::runtime_error& second) {
-        throw std::runtime_error(std::string(error.what()) + "; " + second.what());
-    }
-    throw;
+{
+    m_events.Append(line, Flush::kYes);
 }
 
 std::string StateDirectory::ReadEvents() const

@@ -42,7 +42,6 @@ private:
     const FileDescriptor m_directory;
     File m_lock;
     File m_events;
-    off_t m_eventsSize = 0;
 };
 
 }  // namespace VxaCore

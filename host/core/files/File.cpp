@@ -19,6 +19,24 @@ namespace {
 constexpr std::size_t kMostBytes = 64 << 20;
 constexpr std::size_t kChunkBytes = 16384;
 
+// Why a file is refused, or null. If others may write to the directory, a hard link would make
+// any file of its file system one of this directory's.
+const char* ReasonToRefuse(const struct stat& status)
+{
+    if (S_ISLNK(status.st_mode)) return "it is a symbolic link";
+    if (!S_ISREG(status.st_mode)) return "it is not a regular file";
+    return status.st_nlink > 1 ? "it has more than one hard link" : nullptr;
+}
+
+// The next process must be able to open what this one made, whatever the umask. Some file
+// systems have no modes.
+void AllowOwner(int file, const struct stat& status)
+{
+    constexpr mode_t kOwner = S_IRUSR | S_IWUSR;
+    if (status.st_uid == geteuid() && (status.st_mode & kOwner) != kOwner)
+        (void)fchmod(file, (status.st_mode & 07777) | kOwner);
+}
+
 }  // namespace
 
 void ThrowErrno(const std::string& what)
@@ -69,6 +87,27 @@ void File::Truncate(off_t size)
     if (ftruncate(Descriptor(), size) != 0) Throw("truncate");
 }
 
+off_t File::Size() const
+{
+    struct stat status;
+    if (fstat(Descriptor(), &status) != 0) Throw("read");
+    return status.st_size;
+}
+
+void File::Append(std::string_view record, Flush flush)
+{
+    const off_t size = Size();
+    try {
+        Write(record);
+        if (flush == Flush::kYes) Sync();
+    } catch (const std::system_error& error) {
+        if (ftruncate(Descriptor(), size) == 0) throw;
+        throw std::system_error(error.code(), std::string(error.what()) +
+                                                  "; its last record is incomplete, because the "
+                                                  "file cannot be truncated");
+    }
+}
+
 void File::Close()
 {
     if (close(m_descriptor.Release()) != 0) Throw("write");
@@ -88,6 +127,38 @@ std::string File::ReadAll() const
         if (got < 0 && errno != EINTR) Throw("read");
         bytes.append(chunk, got > 0 ? static_cast<std::size_t>(got) : 0);
     }
+}
+
+FileDescriptor OpenDirectoryOf(const std::string& path)
+try {
+    const std::size_t slash = path.rfind('/');
+    if (slash + 1 == path.size()) throw std::runtime_error(ErrorText(EISDIR));
+    return OpenDirectory(slash == path.npos ? "." : path.substr(0, slash + 1), IfMissing::kFail);
+} catch (const std::runtime_error& error) {
+    throw std::runtime_error("cannot write " + path + ": " + error.what());
+}
+
+std::optional<File> OpenRegularFile(const FileDescriptor& directory, const std::string& name,
+                                    const std::string& path, int flags, mode_t mode)
+{
+    const auto fail = [&](const std::string& reason) {
+        const bool is_read = (flags & O_ACCMODE) == O_RDONLY;
+        throw std::runtime_error((is_read ? "cannot read " : "cannot write ") + path + ": " +
+                                 reason);
+    };
+    constexpr int kCareful = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    FileDescriptor file(openat(directory.Get(), name.c_str(), flags | kCareful, mode));
+    const int cause = errno;
+    // Where a link or directory is in the way, errno misleads or open(2) succeeds.
+    struct stat status;
+    const bool exists =
+        file ? fstat(file.Get(), &status) == 0
+             : fstatat(directory.Get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+    if (const char* reason = exists ? ReasonToRefuse(status) : nullptr) fail(reason);
+    if (!file && cause == ENOENT && !(flags & O_CREAT)) return std::nullopt;
+    if (!file || !exists) fail(ErrorText(cause));
+    AllowOwner(file.Get(), status);
+    return File(std::move(file), path);
 }
 
 namespace Host {

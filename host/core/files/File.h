@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -35,6 +36,9 @@ private:
     int m_fd = -1;
 };
 
+// Whether to wait until what was written is on the disk.
+enum class Flush { kYes, kNo };
+
 class File {
 public:
     // Takes over an open descriptor; `path` is for messages only.
@@ -47,6 +51,9 @@ public:
     // Flushes what was written to the disk; does nothing for a pipe or device.
     void Sync();
     void Truncate(off_t size);
+    // Writes all of it at the end of a file opened with O_APPEND, or nothing.
+    void Append(std::string_view record, Flush flush);
+    off_t Size() const;
     // Throws also for a write error that the system reports only now.
     void Close();
 
@@ -66,5 +73,16 @@ enum class IfMissing { kMake, kFail };
 // the caller owns it, anywhere in the path. Makes missing directories with mode 0755 whatever
 // the umask. Throws std::runtime_error with the component and the reason.
 FileDescriptor OpenDirectory(const std::string& path, IfMissing if_missing);
+
+// Opens the directory of a file, which must exist, as OpenDirectory does. Throws
+// std::runtime_error with the path and the reason.
+FileDescriptor OpenDirectoryOf(const std::string& path);
+
+// Opens `path`, whose name in `directory` is `name`, if it is a regular file with one link; does
+// not follow links, nor wait for the other end of a FIFO. With O_CREAT, `mode` is for a new file;
+// the owner can always read and write it. Returns nullopt if it does not exist and is not to be
+// created. Throws std::runtime_error with the path and the reason.
+std::optional<File> OpenRegularFile(const FileDescriptor& directory, const std::string& name,
+                                    const std::string& path, int flags, mode_t mode = 0);
 
 }  // namespace VxaCore

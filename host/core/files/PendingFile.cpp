@@ -38,20 +38,11 @@ bool RemoveStale(int folder, const char* name)
     return file && flock(file.Get(), LOCK_EX | LOCK_NB) == 0 && unlinkat(folder, name, 0) == 0;
 }
 
-FileDescriptor OpenFolder(const std::string& path)
-try {
-    const std::size_t slash = path.rfind('/');
-    if (slash + 1 == path.size()) throw std::runtime_error(ErrorText(EISDIR));
-    return OpenDirectory(slash == path.npos ? "." : path.substr(0, slash + 1), IfMissing::kFail);
-} catch (const std::runtime_error& error) {
-    throw std::runtime_error("cannot write " + path + ": " + error.what());
-}
-
 }  // namespace
 
 struct PendingFile::State {
     explicit State(const std::string& file_path)
-        : path(file_path), name(path.substr(path.rfind('/') + 1)), folder(OpenFolder(path))
+        : path(file_path), name(path.substr(path.rfind('/') + 1)), folder(OpenDirectoryOf(path))
     {
     }
 

@@ -184,6 +184,21 @@ check(shell("umask 077; %s -e \"require('vxa').mkdir('%s')\"; test $(stat -c %%a
     folder, folder), "mode of a directory")
 refused(log .. " is not a directory", vxa.mkdir(log .. "/x"))
 
+local grows = scratch .. "/grows"
+check(shell("cd %s; mkfifo fifo; ln -s log.jsonl link; touch h; ln h hard", scratch), "files")
+for name, reason in pairs { fifo = "a regular file", link = "link", hard = "hard link",
+                            made = "regular", ["no/x"] = "No such" } do
+    refused(reason, vxa.append_file(scratch .. "/" .. name))
+end
+local growing = assert(vxa.append_file(grows))
+refused("another process is writing it", vxa.append_file(grows))
+check(growing:write("whole\npart") and growing:sync(), "write")
+same({ growing:cut_partial_line(), growing:size(), growing:head(3) }, { 4, 6, "who" }, "grows")
+check(growing:has_name() and os.remove(grows) and not growing:has_name(), "has_name")
+growing:close()
+t.raises("(the file is closed)", growing.write, growing, "x")
+same(vxa.sha256("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad", "sum")
+
 -- ---- engines, handles, bytes ---------------------------------------------------------------
 
 refused("vxi_set_var", handle:set_variable(0, 1))
@@ -248,10 +263,13 @@ check(run("", [[vxa.catch_signals()
     assert(read() == stored)
     local _, message = dom:set("a", ("x"):rep(500))
     assert(message:find "document.json.tmp: File too large", message)
+    local file = vxa.append_file("%s/full/lines")
+    assert(file:write(("a"):rep(#stored)) and not file:write(("b"):rep(21)))
+    assert(file:size() == #stored and file:write "\n")
     os.execute "prlimit --pid $PPID --fsize=unlimited:"
     assert(#dom:events() == 2 and #dom:get("a") == 500)
     event(dom)
-    assert(dom:close())]], scratch, scratch), "full disk: " .. t.read(log))
+    assert(dom:close())]], scratch, scratch, scratch), "full disk: " .. t.read(log))
 kept = assert(vxa.Dom(scratch .. "/full"))
 same({ #kept:events(), #kept:get("a") }, { 3, 500 }, "kept and stored again")
 
