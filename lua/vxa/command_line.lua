@@ -73,6 +73,12 @@ function command_line.parse(arguments)
     if not ok then return nil, (parsed:gsub("\nDid you mean", "; did you mean")) end
     if parsed.outbound and not parsed.port then return nil, "--outbound needs --port" end
     if parsed.lenient and not parsed.policy then return nil, "--lenient needs --policy" end
+    if parsed.observe and parsed.policy then
+        return nil, "--observe judges nothing: leave out --policy"
+    end
+    if parsed.observe and not (parsed.record or parsed.metrics) then
+        return nil, "--observe needs --record or --metrics"
+    end
     if not parsed.version and not parsed.command then
         return nil, "no command given; vxa --help lists the commands"
     end

@@ -1,6 +1,7 @@
 -- Chooses the health policy of a run: --policy, the configuration file or the built-in default.
 
 local exit = require "vxa.exit"
+local format = require "vxa.output.format"
 local health_policy = require "health_policy"
 
 local policy_source = {}
@@ -8,13 +9,13 @@ local policy_source = {}
 policy_source.CONF_PATH = "/etc/vx_filter.conf"
 local MOST_BYTES = 1048576
 
--- Returns a policy in JSON. %.17g is enough for the module to read the same numbers.
-local function to_json(values)
+-- Returns a policy in JSON, from which the module reads the same numbers.
+function policy_source.to_json(values)
     local members = {}
     for _, setting in ipairs(health_policy.settings) do
         if values[setting.key] then
-            members[#members + 1] = (setting.threshold and '"%s":{"value":%.17g}' or '"%s":%.17g')
-                :format(setting.key, values[setting.key])
+            members[#members + 1] = (setting.threshold and '"%s":{"value":%s}' or '"%s":%s')
+                :format(setting.key, format.exact(values[setting.key]))
         end
     end
     return "{" .. table.concat(members, ",") .. "}"
@@ -101,7 +102,28 @@ local function built_in(cpus)
         SYS_THR_RUNQ = math.min(longest_queue, PROCESSES_PER_CPU * math.max(cpus, 1)),
         SYS_THR_FREE_MEM = FREE_MEMORY_PCT,
     }
-    return { text = to_json(values), source = DEFAULT_SOURCE, values = values, warnings = {} }
+    return { text = policy_source.to_json(values), source = DEFAULT_SOURCE, values = values,
+             warnings = {} }
+end
+
+-- ---- --observe --------------------------------------------------------------------------
+
+local LEAST_FREE_MEMORY_PCT = 0.001
+
+local OBSERVING = "none (--observe: nothing is judged, the filter keeps enforcing)"
+
+-- A policy with every threshold at its bound: the module computes all metrics, and those of the
+-- port if there is one.
+local function observing(has_port)
+    local values = {}
+    for _, setting in ipairs(health_policy.settings) do
+        if setting.threshold and (has_port or not setting.needs_port) then
+            values[setting.key] = setting.max
+        end
+    end
+    values.SYS_THR_FREE_MEM = LEAST_FREE_MEMORY_PCT
+    return { text = policy_source.to_json(values), source = OBSERVING, values = values,
+             warnings = {} }
 end
 
 -- ---- --port -----------------------------------------------------------------------------
@@ -135,9 +157,9 @@ local function with_port(chosen, port, outbound)
     if not has_port_threshold(chosen.values) then
         for key, value in pairs(port_defaults) do additions[key] = value end
     end
-    local text = chosen.text ~= "" and chosen.text or to_json(chosen.values)
+    local text = chosen.text ~= "" and chosen.text or policy_source.to_json(chosen.values)
     for key, value in pairs(additions) do chosen.values[key] = value end
-    chosen.text = insert_at_front(text, to_json(additions))
+    chosen.text = insert_at_front(text, policy_source.to_json(additions))
     chosen.source = ("%s, --port %d"):format(chosen.source, port)
     return chosen
 end
@@ -154,10 +176,12 @@ local function without_policy_file(vxa, cpus)
 end
 
 -- Returns {text, source, values, warnings}: options.policy, else the configuration file, else
--- the built-in default, with --port on top. An empty text makes the module read its file.
+-- the built-in default, or with options.observe one that judges nothing; with --port on top. An
+-- empty text makes the module read its file.
 -- `cpus` is a function because it runs a command, which only the default needs.
 function policy_source.choose(options, vxa, cpus)
-    local chosen = options.policy and from_json_file(vxa, options.policy, options.lenient)
+    local chosen = options.observe and observing(options.port ~= nil)
+        or options.policy and from_json_file(vxa, options.policy, options.lenient)
         or without_policy_file(vxa, cpus)
     if options.port then return with_port(chosen, options.port, options.outbound) end
     return chosen

@@ -9,6 +9,7 @@
 #include "api/Engine.h"
 #include "engines/fault/Fault.h"
 #include "records/FlowDetails.h"
+#include "records/LatestScan.h"
 #include "records/TableOrigin.h"
 
 using namespace vxi;
@@ -194,7 +195,11 @@ int GetScanMetrics(vxi_handle_ops_s* handle, scan_metrics_request* request, unsi
     request->entries = std::min<std::uint32_t>(request->entries, 1);
     request->counters =
         request->entries ? std::min({request->counters, room, 0U + VXI_SCAN_COUNTERS}) : 0;
-    return ReadScanMetrics(handle, request, length);
+    const int status = ReadScanMetrics(handle, request, length);
+    if (status == 0) {
+        RememberScan(*request);
+    }
+    return status;
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Choosing libvxi's engine, scripted faults, and the simulated machine.
+// Choosing libvxi's engine, scripted faults, the simulated machine, and the latest counters.
 #include "Module.h"
 #include "boundary/Values.h"
 #include "vxi/engine.h"
@@ -93,6 +93,29 @@ int SimulatedMachine(lua_State* L)
     return 1;
 }
 
+// Returns nothing until the process has read all counters once.
+int LatestScan(lua_State* L)
+{
+    vxi_latest_scan_s scan{};
+    vxi_latest_scan(&scan);
+    if (scan.reads == 0 || scan.counters < VXI_SCAN_COUNTERS) {
+        return 0;
+    }
+    const auto set_counter = [&](const char* name, int counter) {
+        SetNumber(L, name, static_cast<lua_Number>(scan.counter[counter]));
+    };
+    lua_createtable(L, 0, 8);
+    SetNumber(L, "reads", static_cast<lua_Number>(scan.reads));
+    SetNumber(L, "port", scan.port);
+    SetBoolean(L, "outbound", scan.direction == VXI_SCAN_OUTBOUND);
+    set_counter("new", VXI_SCAN_NEW);
+    set_counter("established", VXI_SCAN_ESTABLISHED);
+    set_counter("half_open_closed", VXI_SCAN_HALF_OPEN_CLOSED);
+    set_counter("bytes_forward", VXI_SCAN_BYTES_FORWARD);
+    set_counter("bytes_backward", VXI_SCAN_BYTES_BACKWARD);
+    return 1;
+}
+
 constexpr luaL_Reg kFunctions[] = {
     {"engine", Engine},
     {"engines", Engines},
@@ -101,6 +124,7 @@ constexpr luaL_Reg kFunctions[] = {
     {"check_environment", CheckEnvironment},
     {"simulated_machine", SimulatedMachine},
     {"simulated_tick", SimulatedTick},
+    {"latest_scan", LatestScan},
     {nullptr, nullptr},
 };
 

@@ -21,7 +21,7 @@ local session = require "vxa.session"
 -- cycle(result, errors)      the result of Monitor:cycle in lua/filter.lua, and error messages
 -- connections(report)        the result of Feedback:report
 -- finish(totals)             after the last cycle
-local LISTENERS = {}
+local LISTENERS = { "record" }
 
 local reports = { [true] = "vxa.reports.run_json", [false] = "vxa.reports.run_text" }
 
@@ -87,7 +87,7 @@ end
 
 local function advise(monitored, options, result)
     if result.measured then
-        check_interval(monitored, options.interval, result)
+        if not options.observe then check_interval(monitored, options.interval, result) end
         if result.before == filter.DEACTIVATED
             and lacks_port_metrics(result, monitored.policy.values) then
             explain_missing_driver(monitored)

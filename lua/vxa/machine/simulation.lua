@@ -33,4 +33,9 @@ function simulation.update(vxa)
     machine.shown = true
 end
 
+-- Returns the machine that the module saw in this cycle, or nil if it is not simulated.
+function simulation.machine_shown()
+    return machine
+end
+
 return simulation

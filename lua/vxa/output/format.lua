@@ -24,6 +24,15 @@ function format.number(value)
     return (digits:gsub("^-0$", "0"))
 end
 
+-- Returns the shortest decimal number that reads back as the same value.
+function format.exact(value)
+    for digits = 15, 16 do
+        local text = ("%." .. digits .. "g"):format(value)
+        if tonumber(text) == value then return text end
+    end
+    return ("%.17g"):format(value)
+end
+
 -- "45 s", "30 min", "1 min 15 s"
 function format.duration(seconds)
     if not (seconds >= 60 and seconds < 2 ^ 53) then return format.number(seconds) .. " s" end

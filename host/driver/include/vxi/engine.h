@@ -90,6 +90,20 @@ typedef struct vxi_failure_s {
 VXI_API unsigned int vxi_failures(const vxi_handle_ops_s* handle, vxi_failure_s* rows,
                                   unsigned int count);
 
+/* What a successful vxi_get_scan_metrics has delivered. */
+typedef struct vxi_latest_scan_s {
+    uint64_t reads;     /* successful calls in this process; 0: the rest is meaningless */
+    uint32_t direction; /* VXI_SCAN_* */
+    uint16_t port;
+    uint32_t counters; /* how many are delivered */
+    uint64_t counter[VXI_SCAN_COUNTERS];
+} vxi_latest_scan_s;
+
+/* Copies what the process's latest successful vxi_get_scan_metrics has delivered, on any handle,
+ * so that a host can record the very counters that its plugin judges. Does not read the driver,
+ * and does not advance the simulated machine. */
+VXI_API void vxi_latest_scan(vxi_latest_scan_s* scan);
+
 /* Makes calls on any engine fail as the script says, on open handles, too; see
  * engines/fault/README.md. For tests and rehearsals. The environment variable VXI_FAULT holds the
  * first script; an empty or null one removes all faults. Returns -EINVAL and keeps the former
