@@ -136,7 +136,7 @@ function session.start_monitoring(options)
     session.open_document(monitored, options)
     monitored.monitor = filter.new {
         dom = monitored.dom, policy = monitored.policy.text, settings = monitored.policy.values,
-        records = function() return monitored.messages:take() end,
+        observe = options.observe, records = function() return monitored.messages:take() end,
     }
     return monitored
 end
