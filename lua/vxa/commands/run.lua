@@ -18,7 +18,8 @@ local session = require "vxa.session"
 -- reloaded(refusal)          SIGHUP: the policy was read again; `refusal`: why the old one stays
 -- annotate(result)           a cycle has run: adds fields to its result, before any listener's
 --                            cycle()
--- cycle(result, errors)      the result of Monitor:cycle in lua/filter.lua, and error messages
+-- cycle(result, errors)      the result of Monitor:cycle in lua/filter.lua with its `number` in the
+--                            run, and error messages
 -- connections(report)        the result of Feedback:report
 -- finish(totals)             after the last cycle
 local LISTENERS = { "record" }
@@ -122,6 +123,7 @@ end
 
 local function count(totals, result)
     totals.cycles = totals.cycles + 1
+    result.number = totals.cycles
     if result.measured then totals.measured = totals.measured + 1 end
     if result.action == filter.DISABLED then totals.disabled = totals.disabled + 1 end
     if result.transition == "entered" then totals.entered = totals.entered + 1 end

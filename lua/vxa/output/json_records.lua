@@ -13,7 +13,8 @@ local KEY_ORDER = {
     "interval_s", "publication_interval_s", "cycle", "sample",
     "action", "action_text", "state", "cycles", "measured", "metrics", "name", "available", "value",
     "threshold", "unit", "enabled", "over", "transition", "held", "would_enter",
-    "min_fail_open_s", "in_fail_open_s", "port", "direction", "error", "errors", "capabilities", "detail", "entered",
+    "min_fail_open_s", "in_fail_open_s", "port", "direction", "error", "errors", "capabilities",
+    "detail", "entered",
     "flows", "new", "beyond", "published", "services", "protocol", "dst_addr", "dst_port",
     "flags", "cf_ssl_connection", "cf_start_tls", "cf_udp_connection", "cf_outbound_connection",
     "cf_rsa_key_imported", "cf_qoagent_key_imported", "cf_qoagent_key_not_found",
@@ -30,8 +31,14 @@ function json_records.array(list)
     return setmetatable(list, { __jsontype = "array" })
 end
 
-function json_records.print(record)
-    console.line("%s", json.encode(record, { keyorder = KEY_ORDER }))
+-- Returns the record as a line.
+function json_records.line(record)
+    return json.encode(record, { keyorder = KEY_ORDER }) .. "\n"
+end
+
+-- Passes the record's line to `write`, which defaults to standard output.
+function json_records.print(record, write)
+    (write or console.write)(json_records.line(record))
 end
 
 -- UTC with milliseconds.

@@ -5,17 +5,18 @@ local json_records = require "vxa.output.json_records"
 
 local connections_json = {}
 
--- Prints a "report" record, then a "connection" record for each row.
-function connections_json.print(report, published)
-    json_records.print {
+-- Prints a "report" record, then a "connection" record for each row, with `write` as
+-- json_records.print.
+function connections_json.print(report, published, write)
+    json_records.print({
         record = "report", time = json_records.time(report.time),
         since = json_records.time(report.since), published = published,
         services = #report.rows, observations = report.observations, refused = report.refused,
-    }
+    }, write)
     for _, row in ipairs(report.rows) do
         local record = { record = "connection" }
         for name, value in pairs(row) do record[name] = value end
-        json_records.print(record)
+        json_records.print(record, write)
     end
 end
 

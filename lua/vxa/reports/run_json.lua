@@ -1,4 +1,4 @@
--- What `vxa run --json` prints.
+-- What `vxa run --json` prints and `vxa run --log` writes.
 
 local connections_json = require "vxa.reports.connections_json"
 local json_records = require "vxa.output.json_records"
@@ -8,8 +8,21 @@ local run_json = {}
 local Report = {}
 Report.__index = Report
 
-function run_json.new(monitored, options)
-    return setmetatable({ monitored = monitored, options = options, number = 0 }, Report)
+-- `write` gets each record as a line; default: it is printed.
+function run_json.new(monitored, options, write)
+    return setmetatable({ monitored = monitored, options = options, write = write }, Report)
+end
+
+-- Returns the record of a cycle.
+function run_json.cycle(result, errors)
+    local record = json_records.cycle(result, errors)
+    record.record = "cycle"
+    record.cycle = result.number
+    return record
+end
+
+function Report:print(record)
+    json_records.print(record, self.write)
 end
 
 function Report:now()
@@ -18,7 +31,7 @@ end
 
 function Report:start()
     local monitored = self.monitored
-    json_records.print {
+    self:print {
         record = "start", time = self:now(), version = monitored.vxa.version,
         engine = monitored.engine, policy_source = monitored.policy.source,
         settings = json_records.settings(monitored.policy.values),
@@ -29,26 +42,22 @@ end
 -- `refusal`: why the policy in force stays.
 function Report:reloaded(refusal)
     local in_force = self.monitored.policy
-    json_records.print {
+    self:print {
         record = "policy", time = self:now(), policy_source = in_force.source,
         settings = json_records.settings(in_force.values), error = refusal or json_records.null,
     }
 end
 
 function Report:cycle(result, errors)
-    self.number = self.number + 1
-    local record = json_records.cycle(result, errors)
-    record.record = "cycle"
-    record.cycle = self.number
-    json_records.print(record)
+    self:print(run_json.cycle(result, errors))
 end
 
-function Report.connections(_, report)
-    connections_json.print(report, true)
+function Report:connections(report)
+    connections_json.print(report, true, self.write)
 end
 
 function Report:finish(totals)
-    json_records.print {
+    self:print {
         record = "end", time = self:now(), cycles = totals.cycles,
         measured = totals.measured, entered = totals.entered,
         observations = totals.observations, reported = totals.reported,
