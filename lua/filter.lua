@@ -41,31 +41,39 @@ filter.NO_LOAD = 5      -- the run-queue length or the number of processors cann
 filter.BAD_ARGUMENT = 6 -- the module does not accept the document, the state or the policy
 filter.NO_MEMORY = 7    -- the memory sizes cannot be read
 
--- The six metrics, in the module's order. `full_name` is used in the module's traces. `below`:
--- bad when too low. `rate`: calculated from the driver's counters for the monitored port, so it
--- needs a port, and a second cycle for its first value. `default`: the threshold if `setting` is
--- unset.
+-- The six metrics, in the module's order; also by name. `full_name` is used in the module's traces.
+-- `computed` matches the trace with the value, which the module writes while the metric is on; the
+-- interval has none. `below`: bad when too low. `rate`: calculated from the driver's counters for
+-- the monitored port, so it needs a port, and a second cycle for its first value. `default`: the
+-- threshold if `setting` is unset.
 filter.metrics = {
     { name = "rqpct", setting = "SYS_THR_RUNQ", unit = "processes",
-      full_name = "runnable_processes_per_cpu_pct",
+      full_name = "runnable_processes_per_cpu_pct", computed = "^rqlen=.* rqlen_pct=(%S+)",
       title = "one-minute load, not per CPU" },
     { name = "refusalpct", setting = "SYS_THR_CONN_REFUSAL_PCT", unit = "%", rate = true,
       full_name = "connections_refused_per_new_conn_pct",
+      computed = "^conn_halfopen2close=.* conn_ref_pct=(%S+)",
       title = "closed half-open, of new ones" },
     { name = "estab", setting = "SYS_THR_CONN_EST_PER_CPU", unit = "/s/CPU", rate = true,
       full_name = "connections_established_per_cpu",
+      computed = "^conn_established=.* conn_est_per_cpu=(%S+)",
       title = "connections established" },
     { name = "scanmb", setting = "SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU", unit = "MiB/s/CPU",
       full_name = "total_scan_mbytes_per_cpu", rate = true,
+      computed = "^scanbytes_fwd=.* scan_mbytes_per_cpu=(%S+)",
       title = "traffic, both directions" },
     { name = "frepct", setting = "SYS_THR_FREE_MEM", unit = "%", below = true,
-      full_name = "free_memory_pct",
+      full_name = "free_memory_pct", computed = "^fremem .* fremem_pct=(%S+)",
       title = "free memory, without caches" },
     { name = "delta_t", setting = "SYS_THR_MAX_ITERATION_INVL", unit = "s", default = 45,
       full_name = "iteration interval", title = "time since the previous cycle" },
 }
 
 for _, metric in ipairs(filter.metrics) do filter.metrics[metric.name] = metric end
+
+-- A metric is near its threshold above this share of it (free memory: below the threshold divided
+-- by it), and again only after it has been on the other side of the second one.
+filter.NEAR, filter.NO_LONGER_NEAR = 0.8, 0.7
 
 -- ---- options ----------------------------------------------------------------------------
 
@@ -114,14 +122,14 @@ local function to_number(text)
     return tonumber(text) or not_finite[text]
 end
 
--- Parses the status line of the module's verbose log, which has three decimals;
--- GetSysHealthMetrics truncates values and thresholds to whole numbers. Returns nil for any other
--- line.
+-- Parses the status line of the module's verbose log, which has three decimals. Returns nil for any
+-- other line.
 function filter.parse_status(text)
-    local minimum, active, port =
-        text:match("^SysHealth: .* min_dur=(%d+) act_dur=(%d+) port=(%d+)")
+    local seconds, microseconds, minimum, active, port = text:match("^SysHealth: .*tval= *(%d+)"
+        .. "%.(%d+) .* min_dur=(%d+) act_dur=(%d+) port=(%d+)")
     if not minimum then return nil end
-    local status = { min_duration_s = tonumber(minimum), in_fail_open_s = tonumber(active),
+    local status = { time_us = tonumber(seconds) * 1e6 + tonumber(microseconds),
+                     min_duration_s = tonumber(minimum), in_fail_open_s = tonumber(active),
                      port = tonumber(port), figures = {} }
     for name, value, threshold in text:gmatch("([%w_]+)=(%S-)%((%S-)%)") do
         status.figures[name] = { value = to_number(value), threshold = to_number(threshold) }
@@ -129,28 +137,40 @@ function filter.parse_status(text)
     return status
 end
 
--- Returns the cycle's parsed status line from the log records, or nil.
-local function status_of(records)
-    for i = #records, 1, -1 do
-        local status = records[i].kind == "log" and filter.parse_status(records[i].message)
-        if status then return status end
+local crossing_pattern = {}
+for _, metric in ipairs(filter.metrics) do
+    crossing_pattern[metric.name] = "^" .. metric.full_name
+        .. " value of (%S+) .*threshold of (%S+) %("
+end
+
+-- Adds what a trace reports, with six decimals.
+local function read_trace(message, report)
+    report.has_traces = true
+    report.opened = tonumber(message:match("^conn_halfopen2close=.* conn_new=(%S+)"))
+        or report.opened
+    for _, metric in ipairs(filter.metrics) do
+        local value, threshold = message:match(crossing_pattern[metric.name])
+        if value then
+            report.crossings[metric.name] = { value = to_number(value),
+                                              threshold = to_number(threshold) }
+        end
+        local computed = metric.computed and message:match(metric.computed)
+        if computed then report.computed[metric.name] = to_number(computed) end
     end
 end
 
--- Returns, by full name, the metrics that the module's traces report as beyond their thresholds,
--- with six decimals.
-local function crossings_of(records)
-    local found = {}
+-- Returns what a cycle's log records report: its status line, the values that the module computed
+-- and those that it found beyond their thresholds, and the new connections per second.
+local function read_records(records)
+    local report = { computed = {}, crossings = {} }
     for _, record in ipairs(records) do
-        if record.kind == "trace" and record.category == "SysHealth.eng" then
-            local name, value, threshold =
-                record.message:match("^(.-) value of (%S+) .*threshold of (%S+) %(")
-            if name then
-                found[name] = { value = to_number(value), threshold = to_number(threshold) }
-            end
+        if record.kind == "log" then
+            report.status = filter.parse_status(record.message) or report.status
+        elseif record.kind == "trace" and record.category == "SysHealth.eng" then
+            read_trace(record.message, report)
         end
     end
-    return found
+    return report
 end
 
 local function to_thousandths(number)
@@ -161,13 +181,14 @@ local function to_millionths(number)
     return tonumber(("%.6f"):format(number))
 end
 
--- Returns values and thresholds by metric, and the function that rounds as the module has.
-local function readings_of(status)
+-- Returns the values and thresholds that the module shows, by metric, and the function that rounds
+-- as it has. GetSysHealthMetrics truncates to whole numbers.
+local function shown_by_module(status)
     if status then return status.figures, to_thousandths end
-    local readings = {}
+    local shown = {}
     local _, rows = SLB.filter.GetSysHealthMetrics()
-    for i = 1, #filter.metrics do readings[rows[i].name] = rows[i] end
-    return readings, math.floor
+    for i = 1, #filter.metrics do shown[rows[i].name] = rows[i] end
+    return shown, math.floor
 end
 
 -- ---- judging ----------------------------------------------------------------------------
@@ -177,13 +198,24 @@ local function is_over(metric, value, threshold)
     return value > threshold
 end
 
--- Returns the threshold that the module judged by, or nil if the metric is off. A rounded
--- threshold of 0 is either off or too small for the decimals; the setting decides. During
--- fail-open the module switches off the thresholds of the port.
-local function threshold_of(metric, reading, rounded, setting, before)
-    local is_exact = setting and rounded(setting) == reading.threshold
-    if reading.threshold ~= 0 then return is_exact and setting or reading.threshold end
-    if is_exact and not (metric.rate and before == filter.ACTIVATED) then return setting end
+-- Returns how near a value is to its threshold: 1 is at it.
+local function pressure(metric, value, threshold)
+    return metric.below and threshold / value or value / threshold
+end
+
+-- Returns the threshold in force. The setting is exact, but the module reads the configuration
+-- file at every cycle, and the caller's settings may be older.
+local function in_force(setting, shown, round)
+    return setting and round(setting) == shown and setting or shown
+end
+
+-- The module writes a trace for each metric that is on, except the interval, which always is.
+-- Without traces a threshold that it shows as 0 is off. During fail-open the rates are off.
+local function is_enabled(metric, report, threshold, before)
+    if report.has_traces then
+        return report.computed[metric.name] ~= nil or not metric.computed
+    end
+    return threshold ~= 0 and not (metric.rate and before == filter.ACTIVATED)
 end
 
 local Monitor = {}
@@ -196,47 +228,75 @@ function Monitor:lacks_value(metric, value)
     return metric.rate and not self.has_counted or metric.name == "delta_t" and not self.has_run
 end
 
-function Monitor:judge(metric, reading, rounded, crossing, before)
+-- Up to this number of new connections per second the module reports 0 for the percentage of
+-- refused ones.
+local FEW_CONNECTIONS = 5
+
+local function is_few(metric, value, opened)
+    return metric.name == "refusalpct" and value == 0 and opened ~= nil
+        and opened <= FEW_CONNECTIONS
+end
+
+-- Rounding keeps the order, so a value beyond its threshold after it was beyond it before. Both are
+-- compared with the decimals of the value.
+function Monitor:judge(metric, report, before)
     local setting = self.settings[metric.setting] or metric.default
-    local row = { name = metric.name, over = false, value = reading.value,
-                  threshold = threshold_of(metric, reading, rounded, setting, before) }
-    if crossing then
-        row.value, row.threshold, row.over = crossing.value, crossing.threshold, true
+    local shown, crossing = report.shown[metric.name], report.crossings[metric.name]
+    local value, round = shown.value, report.round
+    local threshold = in_force(setting, shown.threshold, round)
+    if crossing then threshold = in_force(setting, crossing.threshold, to_millionths) end
+    local exact = crossing and crossing.value or report.computed[metric.name]
+    if exact then value, round = exact, to_millionths end
+    local row = { name = metric.name, threshold = threshold, over = crossing ~= nil,
+                  enabled = is_enabled(metric, report, threshold, before) }
+    if not row.enabled or self:lacks_value(metric, value) then return row end
+    if is_few(metric, value, report.opened) then
+        row.few = true
+        return row
     end
-    -- The trace has six decimals and shows a threshold of 1e-9 as 0.
-    if crossing and setting and to_millionths(setting) == crossing.threshold then
-        row.threshold = setting
-    end
-    row.enabled = row.threshold ~= nil
-    if not row.enabled or self:lacks_value(metric, row.value) then row.value = nil end
-    row.threshold = row.threshold or 0
-    if row.value and not row.over then row.over = is_over(metric, row.value, row.threshold) end
+    row.value, row.pressure = value, pressure(metric, value, threshold)
+    row.over = row.over or is_over(metric, value, round(threshold))
+    row.is_tie = value == round(threshold)
     return row
 end
 
+-- The module's traces do not have the interval, but its status lines have the time of each cycle.
+function Monitor:exact_interval(status)
+    local previous_us = self.measured_us
+    self.measured_us = status and status.time_us
+    if not (status and previous_us) then return nil end
+    local interval_s = (status.time_us - previous_us) / 1e6
+    return to_thousandths(interval_s) == status.figures.delta_t.value and interval_s or nil
+end
+
 -- Rounded values may hide a crossing. If the module entered fail-open and neither values nor
--- traces show why, the metrics equal to their thresholds are the cause.
-local function mark_ties(metrics, over)
-    for _, metric in ipairs(metrics) do
-        if metric.enabled and metric.value == metric.threshold then
-            metric.over = true
-            over[#over + 1] = metric
+-- traces show why, the metrics equal to their rounded thresholds are the cause.
+local function list_over(result)
+    for _, row in ipairs(result.metrics) do
+        if row.over then result.over[#result.over + 1] = row end
+    end
+    local is_hidden = #result.over == 0 and result.action == filter.FAIL_OPEN
+        and result.before == filter.DEACTIVATED
+    for _, row in ipairs(result.metrics) do
+        if is_hidden and row.is_tie then
+            row.over = true
+            result.over[#result.over + 1] = row
         end
     end
 end
 
 function Monitor:measure(result, records)
-    local status = status_of(records)
-    local readings, rounded = readings_of(status)
-    local crossings, has_counted = crossings_of(records), self.has_counted
+    local report = read_records(records)
+    local status, has_counted = report.status, self.has_counted
+    report.shown, report.round = shown_by_module(status)
+    report.computed.delta_t = self:exact_interval(status)
     for i, metric in ipairs(filter.metrics) do
-        local row = self:judge(metric, readings[metric.name], rounded,
-            crossings[metric.full_name], result.before)
+        local row = self:judge(metric, report, result.before)
         result.metrics[i] = row
-        if row.over then result.over[#result.over + 1] = row end
         has_counted = has_counted or metric.rate and row.enabled
     end
     self.has_counted = has_counted
+    list_over(result)
     result.exact = status ~= nil
     if status then
         result.min_duration_s = status.min_duration_s
@@ -245,10 +305,49 @@ function Monitor:measure(result, records)
     end
 end
 
+-- ---- from cycle to cycle ----------------------------------------------------------------
+
+-- What is known of a metric from earlier cycles with the same threshold: `since`, the time of the
+-- first of the latest cycles without a break in which it was over, and whether it was `near`.
+function Monitor:history_of(row)
+    local history = self.histories[row.name]
+    if not history or row.enabled and history.threshold ~= row.threshold then
+        history = { threshold = row.threshold }
+        self.histories[row.name] = history
+    end
+    return history
+end
+
+function Monitor:note_crossings(result)
+    if not result.measured then
+        for _, history in pairs(self.histories) do history.since = nil end
+    end
+    for _, row in ipairs(result.metrics) do
+        local history = self:history_of(row)
+        history.since = row.over and (history.since or result.time) or nil
+        row.since = history.since
+    end
+end
+
+-- Lists the metrics that have come near their thresholds, each once. One that is over is not
+-- reported as near afterwards, and during fail-open none is.
+function Monitor:note_near(result)
+    local enforces = result.before == filter.DEACTIVATED and self.state == filter.DEACTIVATED
+    for _, row in ipairs(result.metrics) do
+        local history, is_near = self:history_of(row), row.pressure and row.pressure > filter.NEAR
+        if row.pressure and row.pressure < filter.NO_LONGER_NEAR then history.near = false end
+        if is_near and enforces and not row.over and not history.near then
+            result.near[#result.near + 1] = row
+        end
+        history.near = history.near or row.over or is_near and enforces
+    end
+end
+
 -- ---- the monitor ------------------------------------------------------------------------
 
 local MONITOR_OPTIONS = { dom = "userdata", policy = "string", settings = "table",
-                          enforce = "function", records = "function", observe = "boolean" }
+                          enforce = "function", records = "function", clock = "function",
+                          observe = "boolean" }
 
 -- Returns a monitor with the state "Deactivated". Options:
 --
@@ -260,10 +359,12 @@ local MONITOR_OPTIONS = { dom = "userdata", policy = "string", settings = "table
 --           `unload_driver` is what the policy asks for during fail-open. If it raises an error,
 --           the state does not change and the error reaches the caller. Without this option, the
 --           state is only kept in the document.
--- records   function that returns the log records since the last cycle. With the status line
---           among them, values have three decimals; with the traces of "SysHealth.eng", those
---           beyond their thresholds have six. Without this option, values are whole numbers, and
---           a threshold below 1 from the configuration file looks like a metric that is off.
+-- records   function that returns the log records since the last cycle: tables {kind = "trace",
+--           category, message} and {kind = "log", message}. With the status line among them,
+--           values have three decimals; with the traces of "SysHealth.eng", six. Without this
+--           option, values are whole numbers, and a threshold below 1 from the configuration file
+--           looks like a metric that is off.
+-- clock     function that returns the time in seconds since the epoch; default: os.time
 -- observe   true: judge, but never enter fail-open
 function filter.new(options)
     if type(options) == "table" and not is_document(options.dom) then
@@ -272,6 +373,7 @@ function filter.new(options)
     check_options(options, MONITOR_OPTIONS)
     local monitor = setmetatable({ dom = options.dom, enforce = options.enforce,
                                    records = options.records, observe = options.observe,
+                                   clock = options.clock or os.time, histories = {},
                                    state = filter.DEACTIVATED }, Monitor)
     monitor:set_policy(options.policy, options.settings)
     monitor:publish()
@@ -323,7 +425,6 @@ end
 -- previous cycle. If that cycle could not sample, the growth of several intervals looks like a
 -- burst.
 function Monitor:enter(result, rates_are_doubtful)
-    if #result.over == 0 then mark_ties(result.metrics, result.over) end
     if rates_are_doubtful and only_rates(result.over) then
         result.held, result.text = true, HELD
     elseif self.observe then
@@ -331,6 +432,7 @@ function Monitor:enter(result, rates_are_doubtful)
     else
         result.transition = "entered"
         self:change(filter.ACTIVATED)
+        self.entered_at, self.causes = result.time, result.over
     end
 end
 
@@ -345,11 +447,24 @@ function Monitor:decide(result, rates_are_doubtful)
     end
 end
 
+-- Sets what there is to report about fail-open.
+function Monitor:describe_fail_open(result)
+    if result.transition then result.causes = self.causes end
+    self.min_duration_s = result.min_duration_s or self.min_duration_s
+    if self.state == filter.ACTIVATED and self.min_duration_s then
+        result.lasts_until = self.entered_at + self.min_duration_s
+    end
+end
+
 -- Runs one cycle and returns a table:
 --
+-- time                when it began
 -- action, text        the action code and a description
 -- before, state       the state before this cycle, and the state now
 -- transition          "entered" or "left" if this cycle changed the state
+-- causes              at a transition: the rows that were beyond their thresholds when fail-open
+--                     was entered
+-- lasts_until         in fail-open: the earliest time of its end; nil if not known
 -- held                true if fail-open was not entered because only rates are beyond their
 --                     thresholds and the previous cycle could not sample; the next one decides
 -- would_enter         true if fail-open was not entered because of options.observe
@@ -357,29 +472,40 @@ end
 -- policy_error        what is wrong with the policy (not JSON, or a member of the wrong type), in
 --                     its first cycle only
 -- policy_warnings     array of what the module ignores in the policy, in its first cycle only
--- measured            whether metrics were judged; the rest is there only if so
--- metrics             six rows {name, value, threshold, enabled, over}; no value if the metric is
---                     off or is a difference from an earlier cycle that did not exist
+-- metrics             six rows if `measured`, otherwise none: {name, value, threshold, enabled,
+--                     over, since, pressure, few}. No value if the metric is off or is a difference
+--                     from an earlier cycle that did not exist, or if there are too `few` new
+--                     connections to judge their percentage. `since`: when the unbroken sequence
+--                     of cycles began in which it was over. `pressure`: 1 is at the threshold
 -- over                the rows beyond their thresholds
+-- near                the rows that have come near them in this cycle, see filter.NEAR
+-- measured            whether metrics were judged; the rest is there only if so
 -- exact               whether the values come from the status line; the rest only if so
 -- min_duration_s      minimum duration of fail-open
 -- in_fail_open_s      how long fail-open has lasted
 -- port                the port that the driver counts, 0 for none
 function Monitor:cycle()
-    local before, rates_are_doubtful = self.state, self.missed_sample
+    local before, rates_are_doubtful, time = self.state, self.missed_sample, self.clock()
     self.missed_sample = true  -- also if the call raises an error
     local action = SLB.filter.CheckSystemHealthMetrics(self.dom, before, self.policy).action
     local records = self.records and self.records() or {}
-    local result = { action = action, text = action_text(action, before), before = before,
-                     over = {}, metrics = {}, policy_error = self.policy_error,
-                     policy_warnings = self.policy_warnings }
+    local result = { time = time, action = action, text = action_text(action, before),
+                     before = before, over = {}, near = {}, metrics = {},
+                     policy_error = self.policy_error, policy_warnings = self.policy_warnings }
     self.policy_error, self.policy_warnings = nil, nil
     result.measured = action == filter.NORMAL or action == filter.FAIL_OPEN
-    if result.measured then self:measure(result, records) end
-    if result.measured then self.missed_sample = false end
-    if action == filter.DISABLED then self.missed_sample = rates_are_doubtful end
+    if result.measured then
+        self.missed_sample = false
+        self:measure(result, records)
+    else
+        self.missed_sample = action ~= filter.DISABLED or rates_are_doubtful
+        self.measured_us = nil
+    end
     self.has_run = true
+    self:note_crossings(result)
     self:decide(result, rates_are_doubtful)
+    self:note_near(result)
+    self:describe_fail_open(result)
     result.state, result.unpublished = self.state, self.unpublished
     return result
 end

@@ -6,6 +6,7 @@ local exit = require "vxa.exit"
 local filter = require "filter"
 local messages = require "vxa.messages"
 local policy_source = require "vxa.policy_source"
+local resources = require "vxa.machine.resources"
 local simulation = require "vxa.machine.simulation"
 
 local session = {}
@@ -128,8 +129,7 @@ function session.start_monitoring(options)
     monitored.policy = choose_policy(options, vxa)
     monitored.first_port = describe_port(monitored.policy.values)
     session.capture_logs(monitored, options)
-    -- The monitor reads values from both: three decimals from the status line, six from the
-    -- traces of metrics beyond their thresholds.
+    -- The monitor reads values from both: three decimals from the status line, six from traces.
     vxa.verbose(true)
     vxa.trace("SysHealth.eng", true)
     vxa.mkdir(messages.LOG_DIRECTORY)  -- if this fails, the module reports it
@@ -137,16 +137,16 @@ function session.start_monitoring(options)
     monitored.monitor = filter.new {
         dom = monitored.dom, policy = monitored.policy.text, settings = monitored.policy.values,
         observe = options.observe, records = function() return monitored.messages:take() end,
+        clock = vxa.time,
     }
     return monitored
 end
 
--- Runs one cycle; the result also has the time at which it began.
+-- Runs one cycle; the result also has what resources.read returns, as `machine`.
 function session.run_cycle(monitored)
     simulation.update(monitored.vxa)
-    local time = monitored.vxa.time()
     local result = monitored.monitor:cycle()
-    result.time = time
+    result.machine = resources.read(monitored.vxa)
     if result.unpublished then
         monitored.messages:warn_once("cannot update the host document: " .. result.unpublished)
     end

@@ -9,6 +9,7 @@ local option = require "vxa.options"
 local policy_source = require "vxa.policy_source"
 local printable = require "vxa.output.printable"
 local session = require "vxa.session"
+local timestamps = require "vxa.output.timestamps"
 
 local function define(command)
     command:description("Run one cycle and show what is monitored and what this machine "
@@ -52,9 +53,11 @@ local function monitoring_line(status)
     end
     if not result.measured then return "enabled, but this cycle failed: " .. result.text end
     if result.transition == "entered" then
-        return "enabled; would enter fail-open: " .. format.crossings(result.over)
+        return ("enabled; would enter fail-open, until %s at least: %s"):format(
+            timestamps.inline(result.lasts_until), format.crossings(result.causes))
     end
-    return "enabled; no metric is beyond its threshold, the filter enforces"
+    local near = #result.near > 0 and ": " .. format.nearly(result.near) or ""
+    return "enabled; no metric is beyond its threshold, the filter enforces" .. near
 end
 
 local function port_line(status)
@@ -76,7 +79,7 @@ local function metric_row(i, metric)
     local bound = (description.below and "below " or "above ") .. format.number(metric.threshold)
     return {
         metric.name,
-        (metric.value and format.number(metric.value) or "-") .. (metric.over and "!" or " "),
+        format.value(metric) .. (metric.over and "!" or " "),
         metric.enabled and bound or "off",
         description.unit,
         description.title,
@@ -124,6 +127,10 @@ local function show_text(status)
     show_line("port", port_line(status))
     show_line("fail-open", fail_open_line(status))
     show_metrics(status.result.metrics)
+    if status.result.machine then
+        console.line("")
+        show_line("machine", format.machine(status.result.machine) .. " (not judged)")
+    end
     show_capabilities(status)
 end
 

@@ -1,11 +1,9 @@
 -- Numbers, durations, sizes and aligned columns for people.
 
 local filter = require "filter"
+local timestamps = require "vxa.output.timestamps"
 
 local format = {}
-
-local units = {}
-for _, metric in ipairs(filter.metrics) do units[metric.name] = metric.unit end
 
 local function decimals(size)
     if size >= 1000 then return 0 end
@@ -53,20 +51,66 @@ function format.size(bytes)
     return (size < 99.95 and "%.1f %s" or "%.0f %s"):format(size, unit)
 end
 
--- "rqpct 9.1 exceeds the threshold of 8 processes". Values are rounded, so one that is beyond
--- its threshold can look equal to it.
-local function crossing(metric)
-    local relation = metric.value < metric.threshold and "is below"
-        or metric.value > metric.threshold and "exceeds" or "crosses"
-    return ("%s %s %s the threshold of %s %s"):format(metric.name, format.number(metric.value),
-        relation, format.number(metric.threshold), units[metric.name])
+-- ---- metrics ----------------------------------------------------------------------------
+
+-- "9.1", "few", or "-" for no value.
+function format.value(metric)
+    return metric.value and format.number(metric.value) or metric.few and "few" or "-"
 end
 
--- Why fail-open was entered, from the metrics that are over.
+-- "8 processes"
+local function threshold(metric)
+    return ("%s %s"):format(format.number(metric.threshold), filter.metrics[metric.name].unit)
+end
+
+-- With all decimals that there are if fewer would show two different numbers as equal.
+local function distinct(value, other)
+    local text = format.number(value)
+    if value == other or text ~= format.number(other) then return text end
+    return (("%.6f"):format(value):gsub("%.?0+$", ""))
+end
+
+-- "rqpct 9.1 exceeds the threshold of 8 processes since 12:00:05"
+local function crossing(metric)
+    local kind, bound = filter.metrics[metric.name], metric.threshold
+    return ("%s %s %s the threshold of %s %s since %s"):format(metric.name,
+        distinct(metric.value, bound), kind.below and "is below" or "exceeds",
+        distinct(bound, metric.value), kind.unit, timestamps.inline(metric.since))
+end
+
+local function each(metrics, describe)
+    local list = {}
+    for i, metric in ipairs(metrics) do list[i] = describe(metric) end
+    return table.concat(list, "; ")
+end
+
+-- Which metrics are over, and since when. The module names at least one unless its messages are
+-- lost.
 function format.crossings(metrics)
-    local causes = {}
-    for i, metric in ipairs(metrics) do causes[i] = crossing(metric) end
-    return table.concat(causes, "; ")
+    return #metrics == 0 and "the module does not say why" or each(metrics, crossing)
+end
+
+-- "rqpct 7 is at 88 % of the threshold of 8 processes"
+function format.nearly(metrics)
+    return each(metrics, function(metric)
+        return ("%s %s is at %.0f %% of the threshold of %s"):format(metric.name,
+            format.value(metric), 100 * metric.value / metric.threshold, threshold(metric))
+    end)
+end
+
+local function share(value)
+    return value and format.number(value) .. " %" or "unknown"
+end
+
+-- What the kernel reports beside the metrics, the result of resources.read.
+function format.machine(machine)
+    return ("processes wait for CPU %s, memory %s, I/O %s of the time; %s of memory available; "
+        .. "limits: CPU %s, memory %s"):format(share(machine.cpu_pressure),
+        share(machine.memory_pressure), share(machine.io_pressure),
+        machine.memory_available_bytes and format.size(machine.memory_available_bytes)
+            or "unknown amount",
+        machine.cpu_limit and format.number(machine.cpu_limit) or "none",
+        machine.memory_limit_bytes and format.size(machine.memory_limit_bytes) or "none")
 end
 
 -- Breaks a string at spaces into lines of at most `width` characters where it can.

@@ -12,9 +12,11 @@ local KEY_ORDER = {
     "record", "time", "since", "version", "engine", "monitoring", "policy_source", "settings",
     "interval_s", "publication_interval_s", "cycle", "sample",
     "action", "action_text", "state", "cycles", "measured", "metrics", "name", "available", "value",
-    "threshold", "unit", "enabled", "over", "transition", "held", "would_enter",
-    "min_fail_open_s", "in_fail_open_s", "port", "direction", "error", "errors", "capabilities",
-    "detail", "entered",
+    "threshold", "unit", "enabled", "over", "over_since", "few", "near", "transition", "causes",
+    "held", "would_enter", "min_fail_open_s", "in_fail_open_s", "fail_open_until", "port",
+    "direction", "machine", "cpu_pressure", "memory_pressure", "io_pressure",
+    "memory_available_bytes", "cpu_limit", "memory_limit_bytes", "error", "errors",
+    "capabilities", "detail", "entered",
     "flows", "new", "beyond", "published", "services", "protocol", "dst_addr", "dst_port",
     "flags", "cf_ssl_connection", "cf_start_tls", "cf_udp_connection", "cf_outbound_connection",
     "cf_rsa_key_imported", "cf_qoagent_key_imported", "cf_qoagent_key_not_found",
@@ -52,14 +54,37 @@ function json_records.duration(seconds)
     return tonumber(("%.3f"):format(seconds))
 end
 
+-- Returns a value for JSON: null for nil.
+local function or_null(value)
+    if value == nil then return json.null end
+    return value
+end
+
+local function time_or_null(seconds)
+    return seconds and json_records.time(seconds) or json.null
+end
+
 local function metric_rows(metrics)
     local rows = json_records.array {}
     for i, metric in ipairs(metrics) do
-        rows[i] = { name = metric.name, value = metric.value or json.null,
+        rows[i] = { name = metric.name, value = or_null(metric.value),
                     threshold = metric.enabled and metric.threshold or json.null,
-                    unit = filter.metrics[i].unit, enabled = metric.enabled, over = metric.over }
+                    unit = filter.metrics[metric.name].unit, enabled = metric.enabled,
+                    over = metric.over, over_since = time_or_null(metric.since),
+                    few = metric.few or false }
     end
     return rows
+end
+
+local function machine(values)
+    return values and {
+        cpu_pressure = or_null(values.cpu_pressure),
+        memory_pressure = or_null(values.memory_pressure),
+        io_pressure = or_null(values.io_pressure),
+        memory_available_bytes = or_null(values.memory_available_bytes),
+        cpu_limit = or_null(values.cpu_limit),
+        memory_limit_bytes = or_null(values.memory_limit_bytes),
+    } or json.null
 end
 
 local function names(metrics)
@@ -75,11 +100,13 @@ function json_records.cycle(result, errors)
         time = json_records.time(result.time), action = result.action, action_text = result.text,
         state = result.state, measured = result.measured,
         metrics = metric_rows(result.metrics), over = names(result.over),
-        transition = result.transition or json.null,
+        near = names(result.near), transition = or_null(result.transition),
+        causes = result.causes and metric_rows(result.causes) or json.null,
         held = result.held or false, would_enter = result.would_enter or false,
-        min_fail_open_s = result.min_duration_s or json.null,
+        min_fail_open_s = or_null(result.min_duration_s),
         in_fail_open_s = is_open and result.in_fail_open_s or json.null,
-        port = result.port or json.null, errors = json_records.array(errors),
+        fail_open_until = time_or_null(result.lasts_until), port = or_null(result.port),
+        machine = machine(result.machine), errors = json_records.array(errors),
     }
 end
 

@@ -107,7 +107,7 @@ end
 
 local function metric_value(metric)
     if not metric.enabled then return "off" end
-    return metric.value and format.number(metric.value) or "-", metric.over
+    return format.value(metric), metric.over
 end
 
 function Report:measured_line(time, result)
@@ -137,22 +137,36 @@ local function fail_open_duration(result)
     return " after " .. format.duration(seconds)
 end
 
-function Report:show_transition(result)
-    local colours = self.colours
-    if result.transition == "left" then
-        console.line("%s<< fail-open left%s%s: the filter enforces again", colours.bold,
-            colours.off, fail_open_duration(result))
-        return
+function Report:headline(mark, title, text)
+    console.line("%s%s %s%s%s", self.colours.bold, mark, title, self.colours.off, text)
+end
+
+function Report:show_entry(result)
+    self:headline(">>", "fail-open entered", ": " .. format.crossings(result.causes))
+    if result.lasts_until then
+        console.line("   lasts at least %s, until %s", format.duration(result.min_duration_s),
+            timestamps.inline(result.lasts_until))
     end
-    console.line("%s>> fail-open entered%s: %s", colours.bold, colours.off,
-        format.crossings(result.over))
-    console.line("   lasts at least %s, until %s", format.duration(result.min_duration_s),
-        timestamps.inline(result.time + result.min_duration_s))
+end
+
+function Report:show_exit(result)
+    self:headline("<<", "fail-open left", fail_open_duration(result)
+        .. ": the filter enforces again")
+    console.line("   cause: %s", format.crossings(result.causes))
+    if #result.over > 0 then
+        console.line("   now: %s; unless that changes, the next cycle enters fail-open again",
+            format.crossings(result.over))
+    end
+end
+
+function Report:show_transition(result)
+    if result.transition == "entered" then self:show_entry(result) else self:show_exit(result) end
+    if result.machine then console.line("   machine: %s", format.machine(result.machine)) end
 end
 
 function Report:show_held(result)
-    console.line("%s-- fail-open waits for the next cycle%s: %s", self.colours.bold,
-        self.colours.off, format.crossings(result.over))
+    self:headline("--", "fail-open waits for the next cycle", ": "
+        .. format.crossings(result.over))
     console.line("   these rates span several intervals, as the previous cycle could not sample")
 end
 
@@ -162,7 +176,10 @@ function Report:cycle(result)
     if result.transition then self:show_transition(result) end
     if result.held then self:show_held(result) end
     if result.would_enter then
-        console.line(">> would enter fail-open: %s", format.crossings(result.over))
+        self:headline(">>", "would enter fail-open", ": " .. format.crossings(result.over))
+    end
+    if #result.near > 0 then
+        self:headline("--", "near fail-open", ": " .. format.nearly(result.near))
     end
 end
 
