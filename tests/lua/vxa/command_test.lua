@@ -31,6 +31,7 @@ write {
     ["all.json"] = RUNQ:format(443, 1e-3, 0, ', "SYS_THR_CONN_EST_PER_CPU": {"value": 1e-3}, '
         .. '"SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU": {"value": 1e-3}, "SYS_THR_FREE_MEM": '
         .. '{"value": 25}, "SYS_THR_MAX_ITERATION_INVL": {"value": 0.01}'),
+    ["near.json"] = RUNQ:format(80, 50, 0, ""):gsub("8", "0.11", 1),
     ["broken.json"] = '{\n  "SYS_THR_RUNQ": }',
     ["mistyped.json"] = '{"SYS_CONF_MIN_ACT_DURATION": "30"}',
     ["outbound.json"] = '{"SYS_CONF_CONN_REFUSAL_PORT":80,"SYS_CONF_CONN_REFUSAL_OUTBOUND":1}',
@@ -149,10 +150,13 @@ for _, row in ipairs {
     { RUN .. "1 --engine linux", "OMP_NUM_THREADS=5 OMP_THREAD_LIMIT=1 LC_ALL=de_DE.UTF-8 PATH=",
       ">16.*normal +0.5 +37.5 " },
     { RUN .. "3 --policy runq.json", PEAK, "\npolicy: runq.json\n.* normal .* enter fail%-open "
-      .. "+20.8! .*\n>> fail%-open entered: rqpct 20.8 exceeds the threshold of 8 processes\n.* 2 "
-      .. "min, until .* stay fail%-open +0.2 +off .*  2 min to go\n.*; ended in fail%-open" },
+      .. "+20.8! .*\n>> fail%-open entered: rqpct 20.8 exceeds the threshold of 8 processes since "
+      .. "[%d:]+\n.* 2 min, until .* stay fail%-open +0.2 +off .*  2 min to go\n.*; ended in" },
     { RUN .. "4 --policy instant.json", PEAK, " leave fail%-open +0.2 .*\n<< fail%-open left after "
-      .. "0 s.* normal .* entered 1 time; ended enforcing" },
+      .. "0 s.*\n   cause: rqpct 20.8 .* normal .* entered 1 time; ended enforcing" },
+    { "run --interval 0.5 --cycles 2 --policy near.json", "VXI_SIM=scenario=idle,cpus=3", " normal "
+      .. ".*\n%-%- near fail%-open: rqpct 0.1 is at 91 %% of the threshold of 0.11 processes\n"
+      .. "[^\n]+ normal +0.1 +few [^\n]+\n== " },
     { "run --policy all.json --cycles 2 --interval 0.1 --trace SysHealth.eng", PEAK, crossings,
       full_names },
     { "run --port 443 --cycles 2 --interval 0.2", "", "%-%-port 443\n.* >50 +>5000 +>500 .* normal "
@@ -176,10 +180,11 @@ for _, row in ipairs {
       '^{"record":"start","time":"[^"]*Z","version":.*,"engine":"sim","policy_source":"runq.json",'
       .. '"settings":{"SYS_CONF_CONN_REFUSAL_PORT":80,.-"SYS_THR_RUNQ":8},.-\n{"record":"cycle",.-'
       .. '"cycle":1,"action":0,.-"state":"Deactivated",.-"over":%[%],.-"errors":%[%]}\n.-"rqpct",'
-      .. '"value":20.8,"threshold":8,"unit":"processes","enabled":true,"over":true}.-"frepct",'
-      .. '"value":null,"threshold":null,"unit":"%%","enabled":false,"over":false}.-"over":%["rqpct"'
-      .. '%],"transition":"entered",.-"min_fail_open_s":120,"in_fail_open_s":0,.-\n{"record":"end",'
-      .. '.-"cycles":2,"measured":2,"entered":1,.-"interrupted":false}\n'
+      .. '"value":20.8,"threshold":8,"unit":"processes","enabled":true,"over":true,'
+      .. '"over_since":"2.-"frepct","value":null,"threshold":null,"unit":"%%","enabled":false,'
+      .. '"over":false,.-"over":%["rqpct"%],"near":%[%],"transition":"entered","causes":%[{"name":"rqpct",.-'
+      .. '"min_fail_open_s":120,"in_fail_open_s":0,"fail_open_until":"2.-\n{"record":"end",.-'
+      .. '"cycles":2,"measured":2,"entered":1,.-"interrupted":false}\n'
       .. '{[^}]*"vxp.filter.FailOpenState":%s*"Activated"' },
     { "status --port 443 --outbound --trace SysHealth.metr", "", "^monitoring  enabled.*\n"
       .. "policy      built%-in default.*\nport        443, outbound.*\nfail%-open   lasts at "

@@ -2,8 +2,10 @@
 
 local addresses = require "vxa.machine.addresses"
 local filter = require "filter"
+local format = require "vxa.output.format"
 local health_policy = require "health_policy"
 local recorder = require "recorder"
+local resources = require "vxa.machine.resources"
 local testing = require "testing"
 local vxa = require "vxa"
 
@@ -18,17 +20,143 @@ testing.raises("unknown option 'polciy'", filter.new, { dom = dom, polciy = "" }
 
 -- ---- health monitor ---------------------------------------------------------------------
 
+vxa.setenv("FAKE_OUTPUTS", MACHINE)
+
 -- What the module finds on the machine; nil for a command or file without it.
 local function set_machine(load, free_pct)
     testing.write(MACHINE .. "uptime.out", ("load average: %s, 0.4, 0.3\n"):format(load or ""))
-    testing.write(MACHINE .. "proc/meminfo", ("MemTotal: 1000 kB\nMemFree: %s kB\n")
-        :format(free_pct and free_pct * 10 or ""))
+    testing.write(MACHINE .. "proc/meminfo", ("MemTotal: 1000000 kB\nMemFree: %s kB\n")
+        :format(free_pct and ("%.0f"):format(free_pct * 10000) or ""))
 end
 
 vxa.capture(true)
 vxa.verbose(true)
 vxa.trace("SysHealth.eng", true)
 
+-- A random life of 2000 cycles: six metrics, thresholds from 0.000001 to the bound of the setting,
+-- half of them close to the value; samples and driver fail now and then. What the script reports
+-- must follow from what is set here.
+local random, now_us, minutes = math.random, 4e15, 0  -- later than the module's loading
+local thresholds, past, counters, read = {}, {}, { 0, 0, 0, 0, 0, 0, 0, 0 }, nil
+local entered_at, missed, held_once = 0, false, false
+local life = filter.new { dom = dom, clock = function() return now_us / 1e6 end,
+                          records = function() return (vxa.captured()) end }
+local bounds = {}
+for _, setting in ipairs(health_policy.settings) do bounds[setting.key] = setting.max end
+
+local function spread(least, most)
+    return least * (most / least) ^ random()
+end
+
+local function set_policy(values, share)
+    minutes, thresholds = random(0, 1), { delta_t = 45 }
+    local text = '{"SYS_CONF_CONN_REFUSAL_PORT":80,"SYS_CONF_MIN_ACT_DURATION":' .. minutes
+    for _, metric in ipairs(filter.metrics) do
+        local close = (values[metric.name] or 0) * (1 + (random() - 0.5) * 10 ^ -random(0, 8))
+        local value = random() < 0.5 and close > 0 and close or spread(1e-6, bounds[metric.setting])
+        if random() < share then
+            thresholds[metric.name] = math.min(value, bounds[metric.setting])
+            text = ('%s,"%s":{"value":%.17g}'):format(text, metric.setting,
+                thresholds[metric.name])
+        end
+    end
+    life:set_policy(text .. "}")
+end
+
+-- By the arithmetic of the module.
+local function add_rates(values, seconds)
+    local function rate(i) return (counters[i] - read[i]) / seconds end
+    values.few = rate(1) <= 5
+    values.refusalpct = rate(1) > 5 and 100 * rate(4) / rate(1) or nil
+    values.estab, values.scanmb = rate(3) / 4, (rate(7) + rate(8)) / (4 * 1048576)
+end
+
+-- Checks a row and returns whether it is over and whether it has just come near.
+local function check(row, value, is_on, is_few, enforces, is_exact)
+    local metric, threshold, before = filter.metrics[row.name], thresholds[row.name], past[row.name]
+    if not is_on then value = nil end
+    if is_on and (not before or before.threshold ~= threshold) then
+        before = { threshold = threshold }
+    end
+    past[row.name] = before
+    local over = value and (metric.below and value < threshold or not metric.below
+        and value > threshold) or false
+    -- The interval that follows a failed sample has three decimals unless it is over.
+    local digits = row.name == "delta_t" and missed and 6e-4 or 6e-7
+    if value and not is_exact and math.abs(value - threshold) <= 2 * digits then over = row.over end
+    if before then before.since = over and (before.since or now_us / 1e6) or nil end
+    equal({ row.over, row.since, row.enabled, row.few or false, row.value ~= nil,
+            math.abs((row.value or 0) - (value or 0)) <= digits, not is_on or row.threshold },
+        { over, before and before.since, is_on, is_few, value ~= nil, true,
+          not is_on or threshold }, row.name)
+    if not value then return over, false end
+    local pressure = metric.below and threshold / row.value or row.value / threshold
+    if pressure < 0.7 then before.near = false end
+    local is_near = pressure > 0.8 and enforces and not before.near and not over
+    before.near = before.near or over or pressure > 0.8 and enforces
+    return over, is_near
+end
+
+-- The reason must name each metric with two numbers of which the first is beyond the second.
+local function check_reason(over)
+    local reason, count = format.crossings(over), 0
+    for name, value, bound in reason:gmatch("(%S+) (%S+) %a[%a ]* the threshold of (%S+) ") do
+        count = count + 1
+        local row, beyond = over[count], tonumber(value) - tonumber(bound)
+        equal({ name, beyond * (filter.metrics[name].below and -1 or 1) > 0
+            or math.abs(row.value - row.threshold) <= 1e-6 }, { row.name, true }, reason)
+    end
+    equal(count, #over, reason)
+end
+
+for cycle = 1, 2000 do
+    local passed_us = math.floor(spread(1000, 9e7))
+    now_us = now_us + passed_us
+    for i in ipairs(counters) do counters[i] = counters[i] + math.floor(spread(0.2, 1e9)) end
+    local load, free_pct = ("%.1f"):format(spread(0.1, 250)), math.floor(spread(1, 3e5)) / 1e4
+    local fails, driver_fails = cycle > 1 and random() < 0.06, cycle > 1 and random() < 0.04
+    local values = { rqpct = tonumber(load), frepct = free_pct * 10000 * 100 / 1e6,
+                     delta_t = cycle > 1 and passed_us / 1e6 or nil }
+    if read then add_rates(values, passed_us / 1e6) end
+    if cycle == 1 or random() < 0.3 then set_policy(values, cycle == 1 and 1 or 0.7) end
+    set_machine(not fails and load .. "0", free_pct)
+    recorder.answer { values = counters, get_scan_metrics = driver_fails and -5 or 0 }
+    recorder.clock(now_us)
+
+    local was_open = life.state == "Activated"
+    local stays = was_open and now_us - entered_at < minutes * 6e7
+    local result = life:cycle()
+    if not fails and not driver_fails then read = { table.unpack(counters) } end
+    local over, only_rates, near = {}, true, {}
+    for i, row in ipairs(result.metrics) do
+        local metric = filter.metrics[i]
+        local is_on = thresholds[row.name] ~= nil
+            and not (metric.rate and (was_open or driver_fails))
+        local is_over, is_near = check(row, values[row.name], is_on, is_on and values.few
+            and row.name == "refusalpct" or false, not was_open and result.state == "Deactivated",
+            not stays)
+        if is_over then over[#over + 1] = row end
+        if is_near then near[#near + 1] = row end
+        only_rates = only_rates and (metric.rate or not is_over)
+    end
+    if fails then for _, each in pairs(past) do each.since = nil end end
+    local would = #over > 0 and not was_open
+    local held = would and missed and only_rates
+    local transition = would and not held and "entered"
+        or was_open and not stays and not fails and "left" or nil
+    equal({ result.measured, result.transition, result.held, result.over, result.near },
+        { not fails, transition, held or nil, over, near }, "cycle " .. cycle)
+    if transition == "entered" then
+        entered_at = now_us
+        check_reason(result.causes)
+    end
+    if not fails then
+        equal(result.lasts_until, result.state == "Activated" and entered_at / 1e6 + minutes * 60
+            or nil, "until")
+    end
+    missed, held_once = fails, held_once or held
+end
+equal(held_once, true, "held")
 local kinds = "log trace"  -- of the records that the script gets
 local switched
 local monitor = filter.new {
@@ -62,7 +190,7 @@ for i, row in ipairs {
     -- values are whole numbers.
     { "8.0", 50, "enter fail-open, rqpct 8 7.9999", THRESHOLDS:format("7.9999", "1"), "log" },
     { "0.5", 50, "leave fail-open", nil, "none" },
-    { "8.0", 50, "enter fail-open, rqpct 8 0.5", THRESHOLDS:format("0.5", "1"), "none" },
+    { "0.70", 50, "enter fail-open, rqpct 0 0.5", THRESHOLDS:format("0.5", "1"), "none" },
     { "0.5", 50, "leave fail-open", nil, "log" },
     -- What is wrong with a policy is reported once.
     { "0.5", 50, "not monitoring, line 1, column 7: a comma before '}'", '{"a":1,}' },
@@ -92,35 +220,13 @@ monitor:set_policy(THRESHOLDS:format("8", "5"))
 set_machine("9.0", 50)
 monitor.enforce = error
 equal({ pcall(monitor.cycle, monitor), monitor.state }, { false, "Deactivated" }, "raised")
-monitor.enforce = nil
-
--- An entry that only rates cause waits after a failed sample: load, connections opened, results of
--- the cycle without and with observation.
-local counted = { [false] = monitor, [true] = filter.new { dom = dom, observe = true } }
-for observe, each in pairs(counted) do
-    each:set_policy('{"SYS_CONF_CONN_REFUSAL_PORT":80,"SYS_THR_CONN_EST_PER_CPU":{"value":10},'
-        .. '"SYS_THR_RUNQ":{"value":8},"SYS_CONF_MIN_ACT_DURATION":0}')
-    for i, row in ipairs {
-        { "0.5", 0, "normal", "normal" },
-        { nil, 0, "no load figures", "no load figures" },
-        { "0.5", 1e6, "wait one cycle", "wait one cycle" },
-        { "0.5", 2e6, "enter fail-open", "would enter" },
-        { "0.5", 2e6, "leave fail-open", "normal" },
-        { nil, 2e6, "no load figures", "no load figures" },
-        { "9.0", 3e6, "enter fail-open", "would enter" },
-        { "0.5", 3e6, "leave fail-open", "normal" },
-    } do
-        set_machine(row[1], 50)
-        recorder.answer { values = { 0, 0, row[2] } }
-        local result, expected = each:cycle(), observe and row[4] or row[3]
-        equal({ result.text, result.held, result.would_enter, result.state == "Activated" },
-            { expected, expected:find "wait" and true, expected:find "would" and true,
-              expected:find "enter f" ~= nil }, ("observe %s, cycle %d"):format(observe, i))
-    end
-end
+monitor.observe = true
+equal({ monitor:cycle().would_enter, monitor.state }, { true, "Deactivated" }, "observed")
+monitor.enforce, monitor.observe = nil, nil
 set_machine("0.5", 50)
 
-local status = filter.parse_status "SysHealth: a min_dur=60 act_dur=7 port=443 estab=inf(50.000)"
+local status = filter.parse_status("SysHealth: tval= 1.000001 a min_dur=60 act_dur=7 port=443 "
+    .. "estab=inf(50.000)")
 equal(status.figures.estab, { value = math.huge, threshold = 50 }, "not finite")
 
 -- Names that the module has as well, and which thresholds need a port there.
@@ -220,5 +326,31 @@ for _, address in ipairs { "192.0.2.2", "127.0.0.53", "::1", "fd00::2", "2001:db
     equal(is_local(address), true, address)
 end
 equal({ is_local "192.0.2.255", is_local "2001:db8::1" }, { false, false }, "other addresses")
+
+-- ---- the machine beside the metrics -----------------------------------------------------
+
+-- /proc/self/cgroup, files with their contents, limits of processors and memory.
+resources.PROC, resources.CGROUPS = MACHINE .. "pseudo", MACHINE .. "groups"
+for i, row in ipairs {
+    { "", {} },
+    { "0::/a/b\n", { ["a/b/cpu.max"] = "max 100000", ["a/cpu.max"] = "150000 100000",
+                     ["cpu.max"] = "200000 100000", ["a/b/memory.max"] = "4096",
+                     ["a/memory.max"] = "max" }, 1.5, 4096 },
+    { "0::/../c\n", { ["memory.max"] = "8192", ["c/memory.max"] = "1" }, nil, 8192 },
+    { "4:memory:/m\n2:cpu,cpuacct:/\n0::/\n", {
+        ["memory/m/memory.limit_in_bytes"] = "9223372036854771712",
+        ["memory/memory.limit_in_bytes"] = "1048576", ["cpu,cpuacct/cpu.cfs_quota_us"] = "-1",
+        ["cpu,cpuacct/cpu.cfs_period_us"] = "100000", ["cpu.max"] = "50000 100000" },
+      0.5, 1048576 },
+} do
+    os.execute(("cd %s && rm -rf pseudo groups && mkdir -p pseudo/self pseudo/pressure "
+        .. "groups/a/b groups/c groups/memory/m groups/cpu,cpuacct"):format(MACHINE))
+    testing.write(MACHINE .. "pseudo/self/cgroup", row[1])
+    testing.write(MACHINE .. "pseudo/pressure/io", "some avg10=1.25 avg60=0 avg300=0 total=1\n")
+    testing.write(MACHINE .. "pseudo/meminfo", "MemAvailable:   8 kB\n")
+    for name, text in pairs(row[2]) do testing.write(MACHINE .. "groups/" .. name, text .. "\n") end
+    equal(resources.read(vxa), { io_pressure = 1.25, memory_available_bytes = 8192,
+                                 cpu_limit = row[3], memory_limit_bytes = row[4] }, "machine " .. i)
+end
 
 testing.finish()
