@@ -16,6 +16,7 @@ void OpenDocuments(lua_State* L);       // Dom and its methods
 void OpenAppendFiles(lua_State* L);     // append_file and its methods
 void OpenArchiveWriters(lua_State* L);  // ZipOutputStream and its methods
 void OpenDriverHandles(lua_State* L);   // open and the handle's methods
+void OpenReplays(lua_State* L);         // replay and its methods
 void OpenTemporaryFiles(lua_State* L);  // temporary and its methods
 // functions/
 void OpenArchives(lua_State* L);         // zip_entries, zip_read

@@ -44,6 +44,7 @@ int OpenModule(lua_State* L)
     OpenAppendFiles(L);
     OpenArchiveWriters(L);
     OpenDriverHandles(L);
+    OpenReplays(L);
     OpenTemporaryFiles(L);
     OpenArchives(L);
     OpenDigests(L);

@@ -1,0 +1,44 @@
+// What the module and the filter script do with a policy, cycle by cycle.
+#pragma once
+
+#include <cstdint>
+
+#include "Policy.h"
+#include "RecordReader.h"
+#include "SystemHealth/FailOpen.h"
+
+namespace replay {
+
+// Returns the metrics beyond their thresholds: bits 1 << fc::Metric. A value that is not known is
+// not judged.
+std::uint32_t MetricsOver(const Policy& policy, const Row& row);
+
+class Monitor {
+public:
+    explicit Monitor(const Policy& policy) : m_policy(policy) {}
+
+    // The run was started again.
+    void Restart();
+
+    // Returns the action of a cycle that samples what the row has.
+    int Cycle(const Row& row);
+
+    const Policy& GetPolicy() const { return m_policy; }
+    bool IsActivated() const { return m_state.activated; }  // after the last cycle
+
+    // Of the last measured cycle: the metrics beyond their thresholds, and whether fail-open was
+    // not entered because of a missed sample.
+    std::uint32_t Over() const { return m_over; }
+    bool WasHeld() const { return m_held; }
+
+private:
+    void ChangeState(int action, bool rates_are_doubtful);
+
+    Policy m_policy;
+    fc::FailOpenState m_state{};
+    std::uint32_t m_over = 0;
+    bool m_missedSample = false;
+    bool m_held = false;
+};
+
+}  // namespace replay
