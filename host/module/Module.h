@@ -19,15 +19,15 @@ void OpenDriverHandles(lua_State* L);   // open and the handle's methods
 void OpenReplays(lua_State* L);         // replay and its methods
 void OpenTemporaryFiles(lua_State* L);  // temporary and its methods
 // functions/
-void OpenArchives(lua_State* L);         // zip_entries, zip_read
+void OpenArchives(lua_State* L);         // zip_entries, zip_read, zip_reader
 void OpenDigests(lua_State* L);          // sha256
 void OpenEngines(lua_State* L);          // engine, engines, fault, simulate, ...
-void OpenFiles(lua_State* L);            // mkdir, file_kind, read_file, conf_line
+void OpenFiles(lua_State* L);            // mkdir, file_kind, read_file, read_tail, conf_line
 void OpenJsonValues(lua_State* L);       // parse_json
 void OpenLogs(lua_State* L);             // trace, verbose, log_to, capture, captured
 void OpenSignals(lua_State* L);          // sleep, catch_signals, interrupted, reloads
 void OpenSimulatedMemory(lua_State* L);  // simulate_memory
-void OpenSystem(lua_State* L);           // clock, time, setenv, isatty, terminal_columns, euid
+void OpenSystem(lua_State* L);           // clock, time, setenv, isatty, uname, build_id, ...
 void OpenTerminalText(lua_State* L);     // printable, hexdump
 
 // Returns the name of the latest signal that catch_signals caught, or null. Signals.cpp

@@ -13,19 +13,22 @@
 #include <wx/wfstream.h>
 #include <wx/zipstrm.h>
 
+#include "archive/Limits.h"
 #include "files/File.h"
 #include "text/Utf8.h"
+#include "vxa_core/sha256.h"
 
 namespace VxaCore::Host {
 
 namespace {
 
-constexpr std::size_t kMostEntries = 10000;
-constexpr std::size_t kLongestName = 4096;  // PATH_MAX
 constexpr std::size_t kChunkBytes = 65536;
 constexpr off_t kSmallestArchive = 22;  // end of central directory record, APPNOTE 4.3.16
 
 constexpr const char* kNotAnArchive = "not a zip archive, or only part of one";
+
+// The exceptions below carry the reasons; wxWidgets would log its own too.
+using Quiet = wxLogNull;
 
 class Reader {
 public:
@@ -54,7 +57,9 @@ public:
         return entry;
     }
 
-    std::string Read(wxZipEntry& entry, std::uint64_t most_bytes);
+    // Passes the entry's bytes to the function in pieces.
+    template <typename Consume>
+    void Read(const wxZipEntry& entry, std::uint64_t most_bytes, Consume consume);
 
     [[noreturn]] void Fail(const std::string& reason) const
     {
@@ -78,7 +83,6 @@ private:
     void CheckReadable(const wxZipEntry& entry, const std::string& what,
                        std::uint64_t most_bytes) const;
 
-    wxLogNull m_quiet;  // exceptions carry the reasons; wxWidgets would log its own too
     std::string m_path;
     FileDescriptor m_file;
     wxFileInputStream m_stream;
@@ -105,21 +109,21 @@ void Reader::CheckReadable(const wxZipEntry& entry, const std::string& what,
 }
 
 // Memory grows with what is read: the declared size of a damaged entry costs nothing.
-std::string Reader::Read(wxZipEntry& entry, std::uint64_t most_bytes)
+template <typename Consume>
+void Reader::Read(const wxZipEntry& entry, std::uint64_t most_bytes, Consume consume)
 {
     const std::string what = "entry " + EntryName(entry);
     CheckReadable(entry, what, most_bytes);
     const auto declared = static_cast<std::uint64_t>(entry.GetSize());
     std::vector<char> chunk(kChunkBytes);
-    std::string bytes;
+    std::uint64_t bytes = 0;
     while (const std::size_t got = m_zip.Read(chunk.data(), chunk.size()).LastRead()) {
-        bytes.append(chunk.data(), got);
-        if (bytes.size() > declared) Fail(what + " is damaged: longer than declared");
+        bytes += got;
+        if (bytes > declared) Fail(what + " is damaged: longer than declared");
+        consume(std::string_view(chunk.data(), got));
     }
     // wxWidgets compares size and checksum at the end of the entry.
-    if (m_zip.GetLastError() != wxSTREAM_EOF || bytes.size() != declared)
-        Fail(what + " is damaged");
-    return bytes;
+    if (m_zip.GetLastError() != wxSTREAM_EOF || bytes != declared) Fail(what + " is damaged");
 }
 
 std::uint64_t ToUnsigned(wxFileOffset size)
@@ -127,15 +131,18 @@ std::uint64_t ToUnsigned(wxFileOffset size)
     return static_cast<std::uint64_t>(std::max<wxFileOffset>(size, 0));
 }
 
+ArchiveEntry Describe(const wxZipEntry& entry, const Reader& reader)
+{
+    std::string name = EntryName(entry);
+    if (name.size() > kLongestName) reader.Fail("damaged: the name of an entry does not end");
+    return {std::move(name), ToUnsigned(entry.GetSize()), ToUnsigned(entry.GetCompressedSize()),
+            entry.IsText()};
+}
+
 std::vector<ArchiveEntry> List(Reader& reader)
 {
     std::vector<ArchiveEntry> entries;
-    while (const auto entry = reader.Next()) {
-        std::string name = EntryName(*entry);
-        if (name.size() > kLongestName) reader.Fail("damaged: the name of an entry does not end");
-        entries.push_back({std::move(name), ToUnsigned(entry->GetSize()),
-                           ToUnsigned(entry->GetCompressedSize()), entry->IsText()});
-    }
+    while (const auto entry = reader.Next()) entries.push_back(Describe(*entry, reader));
     return entries;
 }
 
@@ -143,6 +150,7 @@ std::vector<ArchiveEntry> List(Reader& reader)
 
 std::vector<ArchiveEntry> ListArchive(const std::string& path)
 {
+    const Quiet quiet;
     Reader reader(path);
     return List(reader);
 }
@@ -151,6 +159,7 @@ std::vector<ArchiveEntry> ListArchive(const PendingFile& file)
 {
     FileDescriptor copy(fcntl(file.Descriptor(), F_DUPFD_CLOEXEC, 0));
     if (!copy || lseek(copy.Get(), 0, SEEK_SET) != 0) ThrowErrno("cannot read " + file.Path());
+    const Quiet quiet;
     Reader reader(file.Path(), std::move(copy));
     return List(reader);
 }
@@ -158,10 +167,46 @@ std::vector<ArchiveEntry> ListArchive(const PendingFile& file)
 std::string ReadArchiveEntry(const std::string& path, const std::string& name,
                              std::uint64_t most_bytes)
 {
+    const Quiet quiet;
     Reader reader(path);
-    while (const auto entry = reader.Next())
-        if (EntryName(*entry) == name) return reader.Read(*entry, most_bytes);
+    while (const auto entry = reader.Next()) {
+        if (EntryName(*entry) != name) continue;
+        std::string bytes;
+        reader.Read(*entry, most_bytes, [&](std::string_view piece) { bytes += piece; });
+        return bytes;
+    }
     reader.Fail("has no entry " + name);
+}
+
+struct ArchiveReader::State {
+    Reader reader;
+    std::unique_ptr<wxZipEntry> entry;  // null before the first, after the last, and once read
+};
+
+ArchiveReader::ArchiveReader(const std::string& path)
+{
+    const Quiet quiet;
+    m_state.reset(new State{Reader(path), nullptr});
+}
+
+ArchiveReader::~ArchiveReader() = default;
+
+std::optional<ArchiveEntry> ArchiveReader::Next()
+{
+    const Quiet quiet;
+    m_state->entry = m_state->reader.Next();
+    if (!m_state->entry) return std::nullopt;
+    return Describe(*m_state->entry, m_state->reader);
+}
+
+std::string ArchiveReader::Sha256(std::uint64_t most_bytes)
+{
+    const Quiet quiet;
+    const auto entry = std::move(m_state->entry);
+    if (!entry) m_state->reader.Fail("no entry to read");
+    Host::Sha256 digest;
+    m_state->reader.Read(*entry, most_bytes, [&](std::string_view piece) { digest.Add(piece); });
+    return digest.Hex();
 }
 
 }  // namespace VxaCore::Host

@@ -5,18 +5,24 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <optional>
 #include <stdexcept>
 #include <vector>
 
+#include <wx/mstream.h>
 #include <wx/zipstrm.h>
 #include <wx/zstream.h>
 
+#include "archive/Limits.h"
 #include "files/File.h"
 #include "log/LogSink.h"
+#include "text/HexEscape.h"
 #include "text/Utf8.h"
 #include "vxa_core/archive.h"
+#include "vxa_core/sha256.h"
+#include "vxa_core/text.h"
 
 template struct SLB3::policy::NoDelete::Implementation<VxaCore::CZipOutputStream>;
 
@@ -139,8 +145,9 @@ struct Writer {
         zip->CreateCompressor();
     }
 
-    // Copies the input to its end and counts the bytes; returns whether all was read and written.
-    bool Copy(wxInputStream& in, std::uint64_t& bytes);
+    // Copies the input to its end, and sets size and digest of what was copied; returns whether
+    // all was read and written.
+    bool Copy(wxInputStream& in, Host::AddedEntry& added);
 
     // Writes the directory. Throws std::bad_alloc.
     bool CloseZip();
@@ -150,17 +157,20 @@ struct Writer {
     std::unique_ptr<ZipStream> zip;
 };
 
-bool Writer::Copy(wxInputStream& in, std::uint64_t& bytes)
+bool Writer::Copy(wxInputStream& in, Host::AddedEntry& added)
 {
     std::vector<char> chunk(kChunkBytes);
+    Host::Sha256 digest;
     for (;;) {
         const std::size_t got = in.Read(chunk.data(), chunk.size()).LastRead();
         if (got > 0 && zip->Write(chunk.data(), got).LastWrite() != got) return false;
-        bytes += got;
+        added.bytes += got;
+        digest.Add({chunk.data(), got});
         // An input that returns neither bytes nor an end would be read forever.
-        if (in.GetLastError() != wxSTREAM_NO_ERROR || got == 0)
-            return in.GetLastError() == wxSTREAM_EOF;
+        if (in.GetLastError() != wxSTREAM_NO_ERROR || got == 0) break;
     }
+    added.sha256 = digest.Hex();
+    return in.GetLastError() == wxSTREAM_EOF;
 }
 
 bool Writer::CloseZip()
@@ -171,6 +181,24 @@ bool Writer::CloseZip()
     const bool is_closed = closing->Close();
     zip.reset(closing);
     return is_closed;
+}
+
+// Why no entry can have this name, or null. Unpacked somewhere, an archive must not write outside
+// that folder, and tools for other systems take a backslash for a separator.
+const char* ReasonToRefuse(std::string_view name)
+{
+    if (name.empty() || name.size() > kLongestName) return "it must have 1 to 4096 bytes";
+    if (!Host::IsPlainUtf8(name)) return "it is not UTF-8 without NUL";
+    if (std::any_of(name.begin(), name.end(), IsControl)) return "it has a control character";
+    if (name.find('\\') != name.npos) return "it has a backslash";
+    for (std::size_t begin = 0; begin <= name.size();) {
+        const std::size_t end = std::min(name.find('/', begin), name.size());
+        const std::string_view part = name.substr(begin, end - begin);
+        if (part.empty() && begin == 0) return "it is absolute";
+        if (part.empty() || part == "." || part == "..") return "it has an empty part, . or ..";
+        begin = end + 1;
+    }
+    return nullptr;
 }
 
 double SecondsSince(std::chrono::steady_clock::time_point moment)
@@ -195,6 +223,7 @@ struct CZipOutputStream::Archive::State {
     void KeepError(const std::string& error)
     {
         if (first_error.empty()) first_error = error;
+        last_error = error;
     }
     void KeepWriteError()
     {
@@ -212,17 +241,33 @@ struct CZipOutputStream::Archive::State {
             throw;
         }
     }
+    void CheckNew(const std::string& name, std::size_t size) const;
     bool Add(wxInputStream& in, bool text, const wxString& name, const wxString& comment);
     bool Write(wxInputStream& in, std::unique_ptr<wxZipEntry> entry, Host::AddedEntry& added);
     void Close();
 
     const std::string path;
     std::optional<Writer> writer;  // empty once closed
-    std::string first_error;
+    std::string first_error, last_error;
     bool is_broken = false;  // no more entries: the file cannot be written, or memory ran out
     std::vector<Host::AddedEntry> entries;
     std::chrono::steady_clock::time_point last_end = std::chrono::steady_clock::now();
 };
+
+void CZipOutputStream::Archive::State::CheckNew(const std::string& name, std::size_t size) const
+{
+    const auto fail = [&](const std::string& reason) {
+        throw std::runtime_error(path + ": entry '" + Host::Printable(name.substr(0, 256), false) +
+                                 "' is not added: " + reason);
+    };
+    const auto has_name = [&](const Host::AddedEntry& entry) { return entry.name == name; };
+    if (const char* reason = ReasonToRefuse(name)) fail(reason);
+    if (std::any_of(entries.begin(), entries.end(), has_name)) fail("there is one of that name");
+    if (size > kMostEntryBytes)
+        fail("it has more than " + std::to_string(kMostEntryBytes) + " bytes");
+    if (entries.size() >= kMostEntries)
+        fail("there are " + std::to_string(kMostEntries) + " entries");
+}
 
 bool CZipOutputStream::Archive::State::Add(wxInputStream& in, bool text, const wxString& name,
                                            const wxString& comment)
@@ -244,7 +289,7 @@ bool CZipOutputStream::Archive::State::Write(wxInputStream& in, std::unique_ptr<
     if (!writer) KeepError("the archive is closed");
     if (!writer || is_broken) return false;
     wxZipOutputStream& zip = *writer->zip;
-    const bool is_copied = zip.PutNextEntry(entry.release()) && writer->Copy(in, added.bytes);
+    const bool is_copied = zip.PutNextEntry(entry.release()) && writer->Copy(in, added);
     const bool is_ended = zip.CloseEntry() && zip.IsOk();
     is_broken = !is_ended || !writer->file.Error().empty();
     if (is_broken)
@@ -292,6 +337,14 @@ bool CZipOutputStream::Archive::Add(wxInputStream& in, bool text, const wxString
                                     const wxString& comment)
 {
     return m_state->BreakIfThrown([&] { return m_state->Add(in, text, name, comment); });
+}
+
+void CZipOutputStream::Archive::AddBytes(const std::string& name, std::string_view bytes)
+{
+    m_state->CheckNew(name, bytes.size());
+    wxMemoryInputStream in(bytes.data(), bytes.size());
+    if (!Add(in, Host::IsPlainUtf8(bytes), FromUtf8(name), wxString()))
+        throw std::runtime_error(m_state->last_error);
 }
 
 const std::vector<Host::AddedEntry>& CZipOutputStream::Archive::Entries() const

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <system_error>
 
@@ -129,6 +130,21 @@ std::string File::ReadAll() const
     }
 }
 
+std::string File::Read(std::uint64_t from, std::size_t most_bytes) const
+{
+    std::string bytes;
+    char chunk[kChunkBytes];
+    while (bytes.size() < most_bytes) {
+        const std::size_t wanted = std::min(sizeof chunk, most_bytes - bytes.size());
+        const ssize_t got =
+            pread(Descriptor(), chunk, wanted, static_cast<off_t>(from + bytes.size()));
+        if (got == 0) break;
+        if (got < 0 && errno != EINTR) Throw("read");
+        bytes.append(chunk, got > 0 ? static_cast<std::size_t>(got) : 0);
+    }
+    return bytes;
+}
+
 FileDescriptor OpenDirectoryOf(const std::string& path)
 try {
     const std::size_t slash = path.rfind('/');
@@ -225,6 +241,20 @@ std::string ReadFile(const std::string& path, std::size_t most_bytes)
         bytes.append(chunk, got);
     }
     throw FileError(EFBIG, path + ": has more than " + std::to_string(most_bytes) + " bytes");
+}
+
+FileTail ReadTail(const std::string& path, std::size_t most_bytes)
+{
+    const std::size_t slash = path.rfind('/');
+    const FileDescriptor directory =
+        OpenDirectory(slash == path.npos ? "." : path.substr(0, slash + 1), IfMissing::kFail);
+    const auto file = OpenRegularFile(directory, path.substr(slash + 1), path, O_RDONLY);
+    if (!file) throw std::runtime_error("cannot read " + path + ": " + ErrorText(ENOENT));
+    const auto size = static_cast<std::uint64_t>(file->Size());
+    FileTail tail;
+    tail.skipped = size - std::min<std::uint64_t>(size, most_bytes);
+    tail.bytes = file->Read(tail.skipped, most_bytes);
+    return tail;
 }
 
 }  // namespace Host

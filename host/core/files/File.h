@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -57,6 +58,8 @@ public:
     // Throws also for a write error that the system reports only now.
     void Close();
 
+    // Returns the bytes from this offset to the end, at most `most_bytes`.
+    std::string Read(std::uint64_t from, std::size_t most_bytes) const;
     // Returns the content from the start, of at most 64 MiB.
     std::string ReadAll() const;
 

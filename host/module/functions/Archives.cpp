@@ -1,4 +1,6 @@
-// Reading zip archives: vxa.zip_entries and vxa.zip_read.
+// Reading zip archives: vxa.zip_entries, vxa.zip_read, and vxa.zip_reader with its methods.
+#include <memory>
+#include <optional>
 #include <vector>
 
 #include "Module.h"
@@ -56,9 +58,70 @@ int ZipRead(lua_State* L)
     return 1;
 }
 
+// ---- zip_reader ---------------------------------------------------------------------------
+
+using ReaderHolder = std::unique_ptr<VxaCore::Host::ArchiveReader>;  // null once it is closed
+using NextEntry = std::optional<ArchiveEntry>;
+
+constexpr char kReaderType[] = "vxa_zip_reader_t*";
+
+ReaderHolder& CheckReader(lua_State* L)
+{
+    auto& reader = *static_cast<ReaderHolder*>(luaL_checkudata(L, 1, kReaderType));
+    luaL_argcheck(L, reader, 1, "the reader is closed");
+    return reader;
+}
+
+int MakeReader(lua_State* L)
+{
+    const char* path = CheckPath(L, 1);
+    auto* reader = new (lua_newuserdata(L, sizeof(ReaderHolder))) ReaderHolder();
+    luaL_setmetatable(L, kReaderType);
+    const auto open = [&] { *reader = std::make_unique<VxaCore::Host::ArchiveReader>(path); };
+    return SucceedsOrPushError(L, open) ? 1 : 2;
+}
+
+// The next entry; false after the last; or nil and a message.
+int ReaderNext(lua_State* L)
+{
+    ReaderHolder& reader = CheckReader(L);
+    auto* entry = NewHolder<NextEntry>(L);
+    if (!SucceedsOrPushError(L, [&] { *entry = reader->Next(); })) return 2;
+    if (*entry)
+        PushEntry(L, **entry);
+    else
+        lua_pushboolean(L, 0);
+    return 1;
+}
+
+int ReaderSha256(lua_State* L)
+{
+    ReaderHolder& reader = CheckReader(L);
+    auto* digest = NewHolder<std::string>(L);
+    const auto most_bytes = static_cast<std::uint64_t>(kMostEntryBytes);
+    if (!SucceedsOrPushError(L, [&] { *digest = reader->Sha256(most_bytes); })) return 2;
+    PushAndFree(L, *digest);
+    return 1;
+}
+
+// Also for the collector.
+int ReaderClose(lua_State* L)
+{
+    static_cast<ReaderHolder*>(luaL_checkudata(L, 1, kReaderType))->reset();
+    return 0;
+}
+
+constexpr luaL_Reg kReaderMethods[] = {
+    {"next", ReaderNext},
+    {"sha256", ReaderSha256},
+    {"close", ReaderClose},
+    {nullptr, nullptr},
+};
+
 constexpr luaL_Reg kFunctions[] = {
     {"zip_entries", ZipEntries},
     {"zip_read", ZipRead},
+    {"zip_reader", MakeReader},
     {nullptr, nullptr},
 };
 
@@ -67,7 +130,9 @@ constexpr luaL_Reg kFunctions[] = {
 void OpenArchives(lua_State* L)
 {
     RegisterHolder<EntryList>(L);
+    RegisterHolder<NextEntry>(L);
     RegisterHolder<std::string>(L);
+    RegisterClass(L, kReaderType, kReaderMethods, ReaderClose);
     luaL_setfuncs(L, kFunctions, 0);
 }
 

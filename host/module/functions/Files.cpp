@@ -1,5 +1,5 @@
-// Files that may belong to other users: vxa.mkdir, vxa.file_kind, vxa.read_file; and the lines of
-// the settings file: vxa.conf_line.
+// Files that may belong to other users: vxa.mkdir, vxa.file_kind, vxa.read_file,
+// vxa.read_tail; and the lines of the settings file: vxa.conf_line.
 #include <errno.h>
 
 #include <algorithm>
@@ -33,18 +33,25 @@ int FileKind(lua_State* L)
     return 1;
 }
 
+// [-0, +0, v]
+std::size_t CheckMostBytes(lua_State* L, int index)
+{
+    const lua_Number most_bytes = luaL_checknumber(L, index);
+    luaL_argcheck(L, most_bytes >= 0 && most_bytes <= 1e9, index,
+                  "a number of bytes up to 1e9 expected");
+    return static_cast<std::size_t>(most_bytes);
+}
+
 // read_file(path, most_bytes): the bytes; or nil, the message and the error number.
 int ReadFile(lua_State* L)
 {
     const char* path = CheckPath(L, 1);
-    const lua_Number most_bytes = luaL_checknumber(L, 2);
-    luaL_argcheck(L, most_bytes >= 0 && most_bytes <= 1e9, 2,
-                  "a number of bytes up to 1e9 expected");
+    const std::size_t most_bytes = CheckMostBytes(L, 2);
     auto* bytes = NewHolder<std::string>(L);
     int error_number = ENOMEM;
     const auto read = [&] {
         try {
-            *bytes = VxaCore::Host::ReadFile(path, static_cast<std::size_t>(most_bytes));
+            *bytes = VxaCore::Host::ReadFile(path, most_bytes);
         } catch (const VxaCore::Host::FileError& error) {
             error_number = error.ErrorNumber();
             throw;
@@ -56,6 +63,24 @@ int ReadFile(lua_State* L)
     }
     PushAndFree(L, *bytes);
     return 1;
+}
+
+// read_tail(path, most_bytes): the last bytes of the file, and the number of bytes before them.
+int ReadTail(lua_State* L)
+{
+    const char* path = CheckPath(L, 1);
+    const std::size_t most_bytes = CheckMostBytes(L, 2);
+    auto* bytes = NewHolder<std::string>(L);
+    std::uint64_t skipped = 0;
+    const bool is_read = SucceedsOrPushError(L, [&] {
+        VxaCore::Host::FileTail tail = VxaCore::Host::ReadTail(path, most_bytes);
+        skipped = tail.skipped;
+        *bytes = std::move(tail.bytes);
+    });
+    if (!is_read) return 2;
+    PushAndFree(L, *bytes);
+    lua_pushnumber(L, static_cast<lua_Number>(skipped));
+    return 2;
 }
 
 // The filter module reads the settings with fgets(3) into a buffer of this size: each piece of a
@@ -95,7 +120,7 @@ int ConfLine(lua_State* L)
 
 constexpr luaL_Reg kFunctions[] = {
     {"mkdir", MakeDirectory}, {"file_kind", FileKind}, {"read_file", ReadFile},
-    {"conf_line", ConfLine},  {nullptr, nullptr},
+    {"read_tail", ReadTail},  {"conf_line", ConfLine}, {nullptr, nullptr},
 };
 
 }  // namespace

@@ -31,9 +31,10 @@ int MakeArchive(lua_State* L)
 
 void PushEntry(lua_State* L, const AddedEntry& entry)
 {
-    lua_createtable(L, 0, 4);
+    lua_createtable(L, 0, 5);
     SetString(L, "name", entry.name);
     SetNumber(L, "bytes", static_cast<lua_Number>(entry.bytes));
+    SetString(L, "sha256", entry.sha256);
     SetNumber(L, "seconds", entry.seconds);
     SetBoolean(L, "ok", entry.is_complete);
 }
@@ -42,6 +43,14 @@ int ArchiveEntries(lua_State* L)
 {
     PushArray(L, CheckArchive(L).archive().Entries(), PushEntry);
     return 1;
+}
+
+int ArchiveAdd(lua_State* L)
+{
+    CZipOutputStream& archive = CheckArchive(L);
+    const std::string_view name = CheckBytes(L, 2);
+    const std::string_view bytes = CheckBytes(L, 3);
+    return PushSuccess(L, [&] { archive.archive().AddBytes(std::string(name), bytes); });
 }
 
 int ArchiveClose(lua_State* L)
@@ -64,5 +73,7 @@ void OpenArchiveWriters(lua_State* L)
 
 SLB3_IMPLEMENTATION(VxaCore::CZipOutputStream, archive)
 {
-    archive.set("entries", vxa::ArchiveEntries).set("close", vxa::ArchiveClose);
+    archive.set("add", vxa::ArchiveAdd)
+        .set("entries", vxa::ArchiveEntries)
+        .set("close", vxa::ArchiveClose);
 }

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "VxaCore/ZipOutputStream.h"
@@ -17,6 +18,7 @@ namespace Host {
 struct AddedEntry {
     std::string name;         // UTF-8
     std::uint64_t bytes = 0;  // written to the archive, before compression
+    std::string sha256;       // of these bytes, as lower-case hexadecimal digits
     double seconds = 0;       // since the previous entry ended or the archive was created
     bool is_complete = false;
 };
@@ -44,7 +46,17 @@ public:
     // Close reports it.
     bool Add(wxInputStream& in, bool text, const wxString& name, const wxString& comment);
 
-    // Every entry that was given to Add, in order, those that failed included.
+    // Adds an entry with these bytes. It is marked as text if they are UTF-8 without NUL. Throws
+    // std::runtime_error with the reason, and adds nothing, if
+    // - the name is not a relative path of 1 to 4096 bytes: UTF-8, without control characters
+    //   and backslashes, its parts separated by "/" and none of them empty, "." or ".."
+    // - an entry of that name was added before, even if it failed
+    // - ArchiveReader would not read it: the bytes are more than 256 MiB, or the archive has
+    //   10000 entries.
+    // Throws also if it cannot be written, which Close then reports again.
+    void AddBytes(const std::string& name, std::string_view bytes);
+
+    // Every entry that was given to Add or AddBytes, in order, those that failed included.
     const std::vector<Host::AddedEntry>& Entries() const;
 
     // Writes the archive's directory, flushes it to the disk, closes the file and frees the

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,5 +31,27 @@ VXA_CORE_API std::vector<ArchiveEntry> ListArchive(const PendingFile& file);
 // never more than `most_bytes`. Throws as above; also if no entry has that name.
 VXA_CORE_API std::string ReadArchiveEntry(const std::string& path, const std::string& name,
                                           std::uint64_t most_bytes);
+
+// Reads an archive once, entry by entry. For one thread at a time.
+class VXA_CORE_API ArchiveReader {
+public:
+    // Throws as ListArchive does.
+    explicit ArchiveReader(const std::string& path);
+    ~ArchiveReader();
+    ArchiveReader(const ArchiveReader&) = delete;
+    ArchiveReader& operator=(const ArchiveReader&) = delete;
+
+    // Moves to the next entry and returns it; nullopt after the last. Throws as above.
+    std::optional<ArchiveEntry> Next();
+
+    // Returns the SHA-256 of the bytes of the entry that Next returned last, as lower-case
+    // hexadecimal digits; it is complete and has the right checksum. Call it once per entry.
+    // Throws as above, and if the entry has more than `most_bytes`.
+    std::string Sha256(std::uint64_t most_bytes);
+
+private:
+    struct State;
+    std::unique_ptr<State> m_state;
+};
 
 }  // namespace VxaCore::Host
