@@ -16,4 +16,8 @@ return {
     { name = "vxa.tpf", content = "rule profile", call = "vxi_get_profile_stats",
       capability = "rule-profile", otherwise = "the driver has no rule profile" },
     { name = "vxa_conn_states.txt", content = "sockets by state" },
+    { name = "state/transitions.jsonl", content = "transitions of fail-open" },
+    { name = "state/events.jsonl", content = "agent events" },
+    { name = "diag.log", content = "how the package was made" },
+    { name = "manifest.json", content = "what the package is and lacks" },
 }

@@ -102,13 +102,13 @@ end
 -- ---- health monitoring ------------------------------------------------------------------
 
 -- From the module, which runs nproc, so that the default policy and the metrics agree.
-local function cpu_count()
+function session.cpu_count()
     local _, rows = SLB.filter.GetSysHealthMetrics()
     return rows[#rows].cpu_count
 end
 
 local function choose_policy(options, vxa)
-    local chosen = policy_source.choose(options, vxa, cpu_count)
+    local chosen = policy_source.choose(options, vxa, session.cpu_count)
     for _, warning in ipairs(chosen.warnings) do
         console.complain(("warning: %s: %s"):format(chosen.source, warning))
     end

@@ -46,7 +46,6 @@ struct AppendFile::State {
 
     File Open() const;
     bool IsNamed(const File& opened) const;
-    std::string Read(std::uint64_t from, std::size_t most_bytes) const;
 
     const std::string path;
     const FileDescriptor directory;
@@ -76,36 +75,20 @@ File AppendFile::State::Open() const
     throw std::runtime_error("cannot write " + path + ": it keeps being replaced");
 }
 
-std::string AppendFile::State::Read(std::uint64_t from, std::size_t most_bytes) const
-{
-    std::string bytes(most_bytes, '\0');
-    std::size_t length = 0;
-    while (length < most_bytes) {
-        const ssize_t got = pread(file.Descriptor(), &bytes[length], most_bytes - length,
-                                  static_cast<off_t>(from + length));
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) ThrowErrno("cannot read " + path);
-        if (got == 0) break;
-        length += static_cast<std::size_t>(got);
-    }
-    bytes.resize(length);
-    return bytes;
-}
-
 AppendFile::AppendFile(const std::string& path) : m_state(std::make_unique<State>(path)) {}
 
 AppendFile::~AppendFile() = default;
 
 std::string AppendFile::Head(std::size_t most_bytes) const
 {
-    return m_state->Read(0, std::min<std::uint64_t>(most_bytes, Size()));
+    return m_state->file.Read(0, most_bytes);
 }
 
 std::uint64_t AppendFile::CutPartialLine()
 {
     const std::uint64_t size = Size();
     const std::uint64_t from = size - std::min(size, kLongestRecord);
-    const std::string tail = m_state->Read(from, static_cast<std::size_t>(size - from));
+    const std::string tail = m_state->file.Read(from, static_cast<std::size_t>(size - from));
     const std::size_t complete = tail.rfind('\n') + 1;  // 0 without any line feed
     if (complete == 0 && from > 0)
         throw std::runtime_error("cannot write " + m_state->path +

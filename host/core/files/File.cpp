@@ -249,7 +249,7 @@ FileTail ReadTail(const std::string& path, std::size_t most_bytes)
     const FileDescriptor directory =
         OpenDirectory(slash == path.npos ? "." : path.substr(0, slash + 1), IfMissing::kFail);
     const auto file = OpenRegularFile(directory, path.substr(slash + 1), path, O_RDONLY);
-    if (!file) throw std::runtime_error("cannot read " + path + ": " + ErrorText(ENOENT));
+    if (!file) throw FileError(ENOENT, "cannot read " + path + ": " + ErrorText(ENOENT));
     const auto size = static_cast<std::uint64_t>(file->Size());
     FileTail tail;
     tail.skipped = size - std::min<std::uint64_t>(size, most_bytes);

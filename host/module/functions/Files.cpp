@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -42,25 +43,36 @@ std::size_t CheckMostBytes(lua_State* L, int index)
     return static_cast<std::size_t>(most_bytes);
 }
 
+// Returns whether the function succeeds; if it throws, with nil, the message and the error number
+// pushed. [-0, +(0|3), m]
+template <typename Function>
+bool ReadsOrPushError(lua_State* L, Function function)
+{
+    int error_number = ENOMEM;
+    const auto read = [&] {
+        try {
+            function();
+        } catch (const VxaCore::Host::FileError& error) {
+            error_number = error.ErrorNumber();
+            throw;
+        } catch (const std::runtime_error&) {
+            error_number = EINVAL;
+            throw;
+        }
+    };
+    if (SucceedsOrPushError(L, read)) return true;
+    lua_pushnumber(L, error_number);
+    return false;
+}
+
 // read_file(path, most_bytes): the bytes; or nil, the message and the error number.
 int ReadFile(lua_State* L)
 {
     const char* path = CheckPath(L, 1);
     const std::size_t most_bytes = CheckMostBytes(L, 2);
     auto* bytes = NewHolder<std::string>(L);
-    int error_number = ENOMEM;
-    const auto read = [&] {
-        try {
-            *bytes = VxaCore::Host::ReadFile(path, most_bytes);
-        } catch (const VxaCore::Host::FileError& error) {
-            error_number = error.ErrorNumber();
-            throw;
-        }
-    };
-    if (!SucceedsOrPushError(L, read)) {
-        lua_pushnumber(L, error_number);
-        return 3;
-    }
+    const auto read = [&] { *bytes = VxaCore::Host::ReadFile(path, most_bytes); };
+    if (!ReadsOrPushError(L, read)) return 3;
     PushAndFree(L, *bytes);
     return 1;
 }
@@ -72,12 +84,12 @@ int ReadTail(lua_State* L)
     const std::size_t most_bytes = CheckMostBytes(L, 2);
     auto* bytes = NewHolder<std::string>(L);
     std::uint64_t skipped = 0;
-    const bool is_read = SucceedsOrPushError(L, [&] {
+    const bool is_read = ReadsOrPushError(L, [&] {
         VxaCore::Host::FileTail tail = VxaCore::Host::ReadTail(path, most_bytes);
         skipped = tail.skipped;
         *bytes = std::move(tail.bytes);
     });
-    if (!is_read) return 2;
+    if (!is_read) return 3;
     PushAndFree(L, *bytes);
     lua_pushnumber(L, static_cast<lua_Number>(skipped));
     return 2;

@@ -1,23 +1,23 @@
--- vxa diag: writes a diagnostic package with the driver's tables and reports what it lacks.
---
--- The module adds all entries in one call that does not return failures. The archive knows how
--- long each entry took, the driver handle which calls failed and why.
+-- vxa diag: writes a diagnostic package and reports what it lacks.
 
 local console = require "vxa.output.console"
 local exit = require "vxa.exit"
 local format = require "vxa.output.format"
 local option = require "vxa.options"
-local package_entries = require "vxa.package_entries"
+local package_problems = require "vxa.package_problems"
+local package_writer = require "vxa.package_writer"
 local printable = require "vxa.output.printable"
 local session = require "vxa.session"
+local simulation = require "vxa.machine.simulation"
 
 local function define(command)
-    command:description("Write a diagnostic package with the driver's tables.")
+    command:description("Write a diagnostic package: the driver's tables, and what they are from.")
     command:argument("OUT.zip", "The package to write."):target("archive")
         :convert(option.file_name("OUT.zip"))
     command:flag("--force", "Replace an existing file.")
     command:option("--profile", "Profile the rules for SECONDS and include per-rule counters in "
         .. "the package."):argname("SECONDS"):convert(option.seconds("--profile"))
+    option.add_policy(command)
     option.add_driver(command)
     option.add_state(command)
 end
@@ -58,121 +58,13 @@ local function write_file(vxa, options, build)
     exit.fail(1, "%s", reason)
 end
 
--- ---- what happened ----------------------------------------------------------------------
-
--- Returns descriptions of the failures of a driver call, each once.
-local function describe_failures(failures, call)
-    local descriptions, times = {}, {}
-    for _, failure in ipairs(failures) do
-        if failure.call == call then
-            local description = ("%s failed with %d: %s")
-                :format(call, failure.status, failure.message)
-            if not times[description] then descriptions[#descriptions + 1] = description end
-            times[description] = (times[description] or 0) + 1
-        end
-    end
-    for i, description in ipairs(descriptions) do
-        local count = times[description]
-        if count > 1 then descriptions[i] = ("%s (%d times)"):format(description, count) end
-    end
-    return descriptions
-end
-
-local function has_failure(failures, call)
-    for _, failure in ipairs(failures) do
-        if failure.call == call then return true end
-    end
-    return false
-end
-
--- Returns why an entry is missing or empty although its own call did not fail.
-local function other_reason(entry, written, built)
-    local capability = built.capabilities[entry.capability]
-    if not written and has_failure(built.failures, "vxi_driver_available") then
-        return "the driver is not available"
-    end
-    return capability and not capability.available and capability.detail or entry.otherwise
-end
-
--- Returns a row for an entry: its size and time if it is there, and what is wrong with it.
-local function judge(entry, built)
-    local written = built.written[entry.name]
-    local row = { name = entry.name, bytes = written and written.bytes,
-                  seconds = written and written.seconds,
-                  problems = describe_failures(built.failures, entry.call) }
-    local is_empty = not written or written.bytes == 0
-    if is_empty and #row.problems == 0 then
-        row.problems[1] = other_reason(entry, written, built)
-    end
-    row.state = not written and "missing" or is_empty and "empty" or "incomplete"
-    return row
-end
-
--- Returns the rows of all entries, and of failed calls that belong to none, such as switching
--- rule profiling off.
-local function judge_all(built)
-    local rows, known = {}, { vxi_driver_available = true }
-    for _, entry in ipairs(package_entries) do
-        if entry.call then
-            rows[#rows + 1] = judge(entry, built)
-            known[entry.call] = true
-        end
-    end
-    for _, failure in ipairs(built.failures) do
-        if not known[failure.call] then
-            known[failure.call] = true
-            rows[#rows + 1] = { name = failure.call, state = "failed",
-                                problems = describe_failures(built.failures, failure.call) }
-        end
-    end
-    return rows
-end
-
--- ---- building ---------------------------------------------------------------------------
-
-local function by_name(list)
-    local found = {}
-    for _, item in ipairs(list or {}) do found[item.name] = found[item.name] or item end
-    return found
-end
-
--- Returns the events after the first `count`, and the number of all. A document kept in a
--- directory has those of earlier runs.
-local function events_after(dom, count)
-    local events, message = dom:events()
-    if not events then exit.fail(1, "cannot read the events: %s", message) end
-    return { table.unpack(events, count + 1) }, #events
-end
-
--- Fills the archive. Returns {list, written, failures, events, capabilities}, or nil and a message.
-local function build(attached, handle, file)
-    local vxa, dom = attached.vxa, attached.dom
-    local _, earlier_events = events_after(dom, 0)
-    local archive, message = vxa.ZipOutputStream(file)
-    if not archive then return nil, message end
-    SLB.filter.AddDriverDiagnostics(dom, handle, archive)
-    attached.messages:take()
-    local written, failures = by_name(archive:entries()), handle:failures()
-    local closed
-    closed, message = archive:close()
-    if not closed then return nil, message end
-    local list
-    list, message = vxa.zip_entries(file)
-    if not list then return nil, message end
-    return { list = list, written = written, failures = failures,
-             events = events_after(dom, earlier_events),
-             capabilities = by_name(handle:capabilities()) }
-end
-
 -- ---- output -----------------------------------------------------------------------------
 
-local function show_entries(rows)
+local function show_entries(added)
     local cells = { { "entry", "bytes", "ms" } }
-    for _, row in ipairs(rows) do
-        if row.bytes then
-            cells[#cells + 1] = { row.name, ("%.0f"):format(row.bytes),
-                                  ("%.1f"):format(row.seconds * 1000) }
-        end
+    for i, entry in ipairs(added) do
+        cells[i + 1] = { entry.name, ("%.0f"):format(entry.bytes),
+                         ("%.1f"):format(entry.seconds * 1000) }
     end
     console.lines(format.columns(cells, { [2] = true, [3] = true }))
 end
@@ -180,11 +72,17 @@ end
 local function show_problems(rows)
     local cells = {}
     for _, row in ipairs(rows) do
-        for _, problem in ipairs(row.problems) do
+        for _, problem in ipairs(row.is_expected and {} or row.problems) do
             cells[#cells + 1] = { row.state, row.name, printable(problem) }
         end
     end
     console.lines(format.columns(cells, {}))
+end
+
+local function with_failed_calls(rows, failures)
+    local all = { table.unpack(rows) }
+    for _, row in ipairs(package_problems.calls(failures)) do all[#all + 1] = row end
+    return all
 end
 
 -- The module writes an event for a failed call, with the driver's message.
@@ -196,26 +94,26 @@ local function is_explained(event, failures)
 end
 
 -- Counts the events and lists those that show_problems does not.
-local function show_events(built, directory)
-    if #built.events == 0 then return end
-    console.line("%s in the host document%s", format.count(#built.events, "event"),
+local function show_events(writer, directory)
+    local events, failures = writer.events, writer.driver.failures
+    if #events == 0 then return end
+    console.line("%s in the host document%s", format.count(#events, "event"),
         directory and ", kept in " .. printable(directory) or " (--state DIR keeps them)")
-    for _, event in ipairs(built.events) do
-        if not is_explained(event, built.failures) then
+    for _, event in ipairs(events) do
+        if not is_explained(event, failures) then
             console.line("  %d  %s", event.id, printable(event.text))
         end
     end
 end
 
-local function show_total(built, path, seconds)
+local function show_total(list, path, seconds)
     local bytes, packed = 0, 0
-    for _, entry in ipairs(built.list) do
+    for _, entry in ipairs(list) do
         bytes, packed = bytes + entry.bytes, packed + entry.packed_bytes
     end
     console.line("%s: %s, %s packed into %s, in %s", printable(path),
-        format.count(#built.list, "entry", "entries"), format.size(bytes), format.size(packed),
+        format.count(#list, "entry", "entries"), format.size(bytes), format.size(packed),
         format.duration(seconds))
-    return bytes
 end
 
 -- ---- the command ------------------------------------------------------------------------
@@ -223,7 +121,7 @@ end
 local RULE_PROFILING = 62  -- a variable of the driver; the module sets it back to 0
 
 local function profile_rules(vxa, handle, seconds)
-    if not seconds then return end
+    if not seconds or not handle then return end
     local enabled, message = handle:set_variable(RULE_PROFILING, 1)
     if not enabled then exit.fail(1, "cannot profile the rules: %s", message) end
     if not vxa.sleep(seconds) then
@@ -231,31 +129,58 @@ local function profile_rules(vxa, handle, seconds)
     end
 end
 
+-- The directory of a running `vxa run` is read only: the package is wanted most while it runs.
+local function open_document(attached, options)
+    local dom, message = attached.vxa.Dom(options.state)
+    if not dom and message:find(" is in use by ", 1, true) then
+        attached.document_in_use, dom = message, attached.vxa.Dom()
+        console.complain(message .. "; the events of this package are not kept there")
+    end
+    attached.dom = dom or exit.fail(1, "%s", message)
+end
+
+-- Returns the exit status.
+local function judge(writer)
+    if writer.driver.open_error then
+        console.complain("cannot open the driver: " .. writer.driver.open_error)
+        return 1
+    end
+    for _, row in ipairs(writer.rows) do
+        if row.is_of_driver and row.written and row.written.bytes > 0 then return 0 end
+    end
+    console.complain("the driver returned nothing")
+    return 1
+end
+
 local function run(options)
     check_target(session.load_host(), options.archive, options.force)
     local attached = session.attach(options)
     local vxa = attached.vxa
+    simulation.show_processors(vxa)
     session.capture_logs(attached, options)
-    session.open_document(attached, options)
-    local handle, message = session.open_driver(vxa)
-    if not handle then exit.fail(1, "cannot open the driver: %s", message) end
-    profile_rules(vxa, handle, options.profile)
+    vxa.trace("*", true)  -- for the log of the package
+    local writer = package_writer.new(attached, options)
+    writer:choose_policy()
+    open_document(attached, options)
+    writer:open_driver()
+    profile_rules(vxa, writer.driver.handle, options.profile)
 
     local started = vxa.clock()
-    local built = write_file(vxa, options, function(file) return build(attached, handle, file) end)
+    local list = write_file(vxa, options, function(file)
+        local filled, message = writer:fill(file)
+        if not filled then return nil, message end
+        return vxa.zip_entries(file)
+    end)
     local seconds = vxa.clock() - started
-    handle:close()
+    if writer.driver.handle then writer.driver.handle:close() end
     attached.messages:show()
-    local rows = judge_all(built)
     console.line("vxa %s, engine %s", vxa.version, attached.engine)
-    show_entries(rows)
-    show_problems(rows)
-    show_events(built, options.state)
-    local bytes = show_total(built, options.archive, seconds)
+    show_entries(writer.added)
+    show_problems(with_failed_calls(writer.rows, writer.driver.failures))
+    show_events(writer, not attached.document_in_use and options.state)
+    show_total(list, options.archive, seconds)
     session.close_document(attached)
-    if bytes > 0 then return 0 end
-    console.complain("the driver returned nothing")
-    return 1
+    return judge(writer)
 end
 
 return { define = define, run = run }

@@ -1,20 +1,26 @@
--- vxa show: lists a diagnostic package or prints one of its entries.
+-- vxa show: what a diagnostic package is and whether it is whole, or one of its entries.
 
 local console = require "vxa.output.console"
 local exit = require "vxa.exit"
 local format = require "vxa.output.format"
+local json_records = require "vxa.output.json_records"
+local manifest = require "vxa.manifest"
 local option = require "vxa.options"
 local package_entries = require "vxa.package_entries"
+local package_text = require "vxa.reports.package_text"
 local printable = require "vxa.output.printable"
+local progress = require "vxa.output.progress"
 local rule_profile = require "vxa.rules.profile"
 local session = require "vxa.session"
 
 local function define(command)
-    command:description("List a diagnostic package, or print one of its entries.")
+    command:description("Show what a diagnostic package contains and lacks and check its sums, or "
+        .. "print one of its entries.")
     command:argument("OUT.zip", "The package."):target("archive")
         :convert(option.file_name("OUT.zip"))
     command:argument("ENTRY", "The entry to print."):target("entry"):args("?")
     command:flag("--raw", "Write the entry's bytes unchanged.")
+    option.add_json(command)
 end
 
 -- ---- list -------------------------------------------------------------------------------
@@ -26,9 +32,7 @@ local function content_of(name)
     return ""
 end
 
-local function list(vxa, path)
-    local entries, message = vxa.zip_entries(path)
-    if not entries then exit.fail(1, "%s", message) end
+local function show_listing(entries, path)
     local rows, bytes = { { "entry", "bytes", "packed", "kind", "content" } }, 0
     for i, entry in ipairs(entries) do
         bytes = bytes + entry.bytes
@@ -39,6 +43,68 @@ local function list(vxa, path)
     console.lines(format.columns(rows, { [2] = true, [3] = true }))
     console.line("%s: %s, %s", printable(path), format.count(#entries, "entry", "entries"),
         format.size(bytes))
+end
+
+local function verify(vxa, path, content, count)
+    local line, done = progress.new(vxa, "checking entries"), 0
+    local matching, problems = manifest.verify(vxa, path, content, function()
+        exit.if_interrupted(vxa)
+        done = done + 1
+        line:show(done, count)
+    end)
+    line:finish()
+    return { matching = matching, problems = problems }
+end
+
+-- Returns the package's {entries, manifest, raw, reason, has_manifest, verified}.
+local function inspect(vxa, path)
+    local entries, message = vxa.zip_entries(path)
+    if not entries then exit.fail(1, "%s", message) end
+    local found = { entries = entries }
+    found.manifest, found.raw, found.has_manifest = manifest.read(vxa, path, entries)
+    if found.manifest then
+        found.verified = verify(vxa, path, found.manifest, #entries)
+    else
+        found.reason = found.raw
+    end
+    return found
+end
+
+local function show_text(found, path)
+    if found.manifest then
+        package_text.manifest(found.manifest, found.verified)
+    else
+        package_text.without_manifest(found.reason, found.has_manifest)
+    end
+    console.line("")
+    show_listing(found.entries, path)
+end
+
+local function show_json(found, path)
+    local array, null = json_records.array, json_records.null
+    local entries = array {}
+    for i, entry in ipairs(found.entries) do
+        entries[i] = { name = printable(entry.name), bytes = entry.bytes,
+                       packed_bytes = entry.packed_bytes, text = entry.text }
+    end
+    local verified = found.verified
+    if verified then
+        for _, row in ipairs(array(verified.problems)) do
+            row.name, row.problem = printable(row.name), printable(row.problem)
+        end
+    end
+    json_records.print { record = "package", path = printable(path), entries = entries,
+                         manifest = found.manifest and manifest.in_one_line(found.raw) or null,
+                         manifest_error = found.reason and printable(found.reason) or null,
+                         verified = verified or null }
+end
+
+-- Returns the exit status: 1 if the package is not what its manifest describes.
+local function show_package(vxa, options)
+    local found = inspect(vxa, options.archive);
+    (options.json and show_json or show_text)(found, options.archive)
+    if found.verified then return #found.verified.problems > 0 and 1 or 0 end
+    return found.has_manifest and 1 or 0
 end
 
 -- ---- one entry --------------------------------------------------------------------------
@@ -105,11 +171,13 @@ end
 
 local function run(options)
     if options.raw and not options.entry then exit.fail(2, "--raw needs an entry") end
+    if options.json and options.entry then exit.fail(2, "--json does not print entries") end
     local vxa = session.load_host()
     if options.raw and vxa.isatty(1) then
         exit.fail(2, "--raw does not write to a terminal; redirect it to a file or a command")
     end
-    if options.entry then show(vxa, options) else list(vxa, options.archive) end
+    if not options.entry then return show_package(vxa, options) end
+    show(vxa, options)
     return 0
 end
 

@@ -15,9 +15,22 @@ local function show_machine(vxa)
     return vxa.simulate_memory(machine.memory_total_kb, machine.memory_free_kb)
 end
 
-function simulation.start(vxa)
+-- From now on uptime and nproc are those of the simulated machine.
+local function replace_commands(vxa)
     local root = package.path:match("^(.-)/lua/%?%.lua;")
     vxa.setenv("PATH", root .. "/share/simulated:" .. os.getenv("PATH"))
+end
+
+-- For commands that run no cycle. Does nothing if the engine is not simulated.
+function simulation.show_processors(vxa)
+    local simulated = vxa.simulated_machine()
+    if not simulated then return end
+    replace_commands(vxa)
+    vxa.setenv("VXA_SIMULATED_CPUS", ("%d"):format(simulated.cpu_count))
+end
+
+function simulation.start(vxa)
+    replace_commands(vxa)
     local simulated, message = show_machine(vxa)
     if not simulated then
         console.complain("warning: memory is this machine's, not simulated: " .. message)

@@ -23,6 +23,8 @@ local KEY_ORDER = {
     "cf_qoagent_key_error", "cf_qoagent_fail_open", "cf_qoagent_throttled", "cf_qoagent_banned",
     "cf_do_dpi", "count", "samples", "observations", "reported", "refused", "seconds",
     "interrupted",
+    "path", "entries", "bytes", "packed_bytes", "text", "manifest", "manifest_error", "verified",
+    "matching", "problems", "problem",
 }
 for _, setting in ipairs(health_policy.settings) do KEY_ORDER[#KEY_ORDER + 1] = setting.key end
 

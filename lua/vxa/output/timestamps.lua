@@ -34,4 +34,11 @@ function timestamps.inline(seconds)
     return os.date(is_today and TIME or DATE .. " " .. TIME, seconds)
 end
 
+-- Returns the local time with milliseconds and the offset from UTC, as RFC 3339 writes it.
+function timestamps.with_offset(seconds)
+    local whole = math.floor(seconds)
+    return ("%s.%03d%s"):format(os.date("%Y-%m-%dT%H:%M:%S", whole),
+        math.floor((seconds - whole) * 1000), (os.date("%z", whole):gsub("%d%d$", ":%0")))
+end
+
 return timestamps

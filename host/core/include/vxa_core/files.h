@@ -70,7 +70,8 @@ struct FileTail {
 // Returns at most the last `most_bytes` bytes of a regular file that has one link; a link is not
 // followed, and on the way to the file only if root or the caller owns it. Then a directory of
 // another user cannot pass off a file that only the caller may read as one of its own. Throws
-// std::runtime_error with the path and the reason.
+// FileError with ENOENT if there is no such file, otherwise std::runtime_error with the path and
+// the reason.
 VXA_CORE_API FileTail ReadTail(const std::string& path, std::size_t most_bytes);
 
 }  // namespace VxaCore::Host

@@ -1,0 +1,183 @@
+-- The head of what `vxa show` prints about a package: what its manifest says, in about ten lines,
+-- and whether the package is what it describes. The manifest may come from anywhere.
+
+local console = require "vxa.output.console"
+local format = require "vxa.output.format"
+local printable = require "vxa.output.printable"
+
+local package_text = {}
+
+local WIDTH, INDENT = 80, 12
+local LONGEST, MOST_LINES = 500, 20
+
+local function cut(text)
+    return #text > LONGEST and text:sub(1, LONGEST) .. "..." or text
+end
+
+local function show_line(title, text)
+    local lines = format.wrap(printable(cut(text)), WIDTH - INDENT)
+    for i, line in ipairs(lines) do
+        console.line("%s%s", ("%-" .. INDENT .. "s"):format(i == 1 and title or ""), line)
+    end
+end
+
+-- One line or more for each of the items.
+local function show_list(title, items)
+    for i = 1, math.min(#items, MOST_LINES) do show_line(i == 1 and title or "", items[i]) end
+    if #items > MOST_LINES then show_line("", ("and %d more"):format(#items - MOST_LINES)) end
+end
+
+-- Joins what is known.
+local function join(separator, ...)
+    local known = {}
+    for i = 1, select("#", ...) do
+        local text = select(i, ...)
+        if text then known[#known + 1] = text end
+    end
+    return #known > 0 and table.concat(known, separator) or "not known"
+end
+
+local function host_line(content)
+    local host = content.host or {}
+    local kernel = host.kernel and join(" ", host.kernel, host.architecture)
+    return join(", ", host.name or "name not known", kernel, host.distribution)
+end
+
+local function time_line(content)
+    local finish = content["end"]
+    if content.start and finish then
+        -- The same day is not repeated.
+        finish = finish:sub(1, 11) == content.start:sub(1, 11) and finish:sub(12) or finish
+        finish = "to " .. finish
+    end
+    return join(" ", content.start, finish, content.time_zone and "(" .. content.time_zone .. ")")
+end
+
+local function has(list, item)
+    for _, other in ipairs(list) do
+        if other == item then return true end
+    end
+    return false
+end
+
+-- Two capabilities decide what the tables show: rules and sets need one, other users' sockets need
+-- the other.
+local function user_part(user)
+    if not user or not user.uid then return nil end
+    local text = ("user ID %.14g"):format(user.uid)
+    if not user.capabilities then return text end
+    return ("%s %s cap_net_admin"):format(text,
+        has(user.capabilities, "cap_net_admin") and "with" or "without")
+end
+
+local function maker_line(content)
+    local build = content.build_ids and content.build_ids["vxa.so"]
+    return join(", ", "vxa " .. (content.version or "of an unknown version")
+        .. (type(build) == "string" and (" (build %s)"):format(build:sub(1, 12)) or ""),
+        user_part(content.user))
+end
+
+local function engine_line(content)
+    local lacking = {}
+    for _, row in ipairs(content.capabilities or {}) do
+        if not row.available then lacking[#lacking + 1] = row.name end
+    end
+    return join("; ", content.engine,
+        #lacking > 0 and "not available: " .. table.concat(lacking, ", ") or nil)
+end
+
+local function policy_line(content)
+    local policy = content.policy
+    if not policy then return "not known" end
+    local count = 0
+    for _ in pairs(policy.settings or {}) do count = count + 1 end
+    local warnings = #(policy.warnings or {})
+    return join(", ", policy.source, format.count(count, "setting"),
+        warnings > 0 and format.count(warnings, "warning") or nil)
+end
+
+local state_names = { Activated = "fail-open", Deactivated = "enforcing" }
+
+-- The metrics that were over, if the record has them as numbers.
+local function causes(transition)
+    local metrics = {}
+    for _, metric in ipairs(type(transition.over) == "table" and transition.over or {}) do
+        if type(metric) == "table" and type(metric.name) == "string"
+            and type(metric.value) == "number" and type(metric.threshold) == "number" then
+            metrics[#metrics + 1] = metric
+        end
+    end
+    return #metrics > 0 and format.crossings(metrics) or nil
+end
+
+local function transition_part(transition)
+    if not transition or type(transition.time) ~= "string" then return nil end
+    local change = type(transition.transition) == "string" and transition.transition .. " at "
+    return join(": ", (change or "since ") .. transition.time, causes(transition))
+end
+
+local function state_line(content)
+    local state = content.state
+    if not state then return "not known" end
+    local cycle = state.last_cycle and state.last_cycle.time
+    return join("; ", state_names[state.fail_open] or state.fail_open,
+        transition_part(state.last_transition),
+        type(cycle) == "string" and "last cycle at " .. cycle or nil)
+end
+
+local function failures_line(content)
+    local dropped = content.failed_calls_dropped or 0
+    return ("%s failed, %s written"):format(
+        format.count(#(content.failed_calls or {}) + dropped, "driver call"),
+        format.count(#(content.events or {}), "event"))
+end
+
+local function problem_rows(content)
+    local lines = {}
+    for _, row in ipairs(content.entries) do
+        if row.state ~= "ok" then
+            lines[#lines + 1] = ("%s %s: %s"):format(row.state, row.name,
+                row.reason or "no reason is given")
+        end
+    end
+    return lines
+end
+
+local function unknown_rows(content)
+    local lines = {}
+    for i, row in ipairs(content.unknown or {}) do lines[i] = row.member .. ": " .. row.reason end
+    return lines
+end
+
+-- `verified`: {matching=, problems=}.
+function package_text.manifest(content, verified)
+    show_line("host", host_line(content))
+    show_line("made", time_line(content))
+    show_line("by", maker_line(content))
+    show_line("engine", engine_line(content))
+    show_line("policy", policy_line(content))
+    show_line("state", state_line(content))
+    show_line("failures", failures_line(content))
+    show_list("lacking", problem_rows(content))
+    show_list("not known", unknown_rows(content))
+    package_text.verification(verified)
+end
+
+function package_text.verification(verified)
+    local wrong = {}
+    for i, row in ipairs(verified.problems) do wrong[i] = row.name .. ": " .. row.problem end
+    show_line("sums", ("%s the manifest%s"):format(
+        verified.matching == 1 and "1 entry matches"
+            or ("%d entries match"):format(verified.matching),
+        #wrong > 0 and ("; %d %s not"):format(#wrong, #wrong == 1 and "does" or "do") or ""))
+    show_list("WRONG", wrong)
+end
+
+-- Without a manifest that can be used.
+function package_text.without_manifest(reason, has_one)
+    console.line("manifest    %s", has_one
+        and "cannot be used, so no sum is verified: " .. printable(cut(reason))
+        or "none: not a package of vxa diag, or one of an older version")
+end
+
+return package_text
