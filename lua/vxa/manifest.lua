@@ -13,9 +13,9 @@ local KEY_ORDER = {
     "manifest", "version", "build_ids", "start", "end", "time_zone", "host", "user", "name",
     "kernel", "kernel_build", "architecture", "distribution", "distribution_id",
     "distribution_version", "uid", "engine", "profile_s", "available", "detail", "capabilities",
-    "policy", "source", "settings", "warnings", "state", "directory", "in_use", "fail_open",
-    "last_transition", "last_cycle", "events", "time", "id", "text", "failed_calls", "call",
-    "status", "message", "failed_calls_dropped", "entries", "unknown", "member", "reason",
+    "policy", "source", "recorded", "settings", "warnings", "state", "directory", "in_use",
+    "fail_open", "last_transition", "last_cycle", "events", "time", "id", "text", "failed_calls",
+    "call", "status", "message", "failed_calls_dropped", "entries", "unknown", "member", "reason",
     "bytes", "sha256", "milliseconds",
 }
 
@@ -42,7 +42,8 @@ local SHAPE = {
              distribution_version = "string" },
     user = { uid = "number", capabilities = array "string!" },
     capabilities = array { name = "string!", available = "boolean!", detail = "string" },
-    policy = { source = "string", settings = "object", warnings = array "string!" },
+    policy = { source = "string", recorded = "string", settings = "object",
+               warnings = array "string!" },
     state = { directory = "string", in_use = "boolean", fail_open = "string",
               last_transition = "object", last_cycle = "object" },
     events = array { time = "string", id = "number!", text = "string!" },

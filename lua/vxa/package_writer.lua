@@ -21,13 +21,14 @@ Writer.__index = Writer
 
 local array = json_records.array
 
--- `attached`: {vxa, engine, dom, messages} of the session, with `document_in_use`, a message, if
--- another process has the state directory open. `options`: those of the command.
+-- `attached`: {vxa, engine, dom, messages} of the session, with `document_error` if the document
+-- of the state directory could not be opened, and `is_document_in_use` if that is because another
+-- process has it open. `options`: those of the command.
 function package_writer.new(attached, options)
     local writer = setmetatable({
         vxa = attached.vxa, attached = attached, options = options,
         log = step_log.new(attached.vxa), started = attached.vxa.time(), unknown = array {},
-        driver = { failures = {}, dropped = 0, capabilities = {} },
+        driver = { failures = {}, dropped = 0, capabilities = {} }, state = {},
     }, Writer)
     writer.log:step("version %s, engine %s", attached.vxa.version, attached.engine)
     return writer
@@ -61,21 +62,34 @@ function Writer:choose_policy()
     end
 end
 
+-- Returns the policy of a record of `vxa run --state`.
+local function recorded_policy(record)
+    local settings = json_records.settings {}
+    for key, value in pairs(type(record.settings) == "table" and record.settings or {}) do
+        if type(key) == "string" and type(value) == "number" then settings[key] = value end
+    end
+    return { source = printable(tostring(record.policy_source)), settings = settings,
+             recorded = printable(tostring(record.time)), warnings = array {} }
+end
+
+-- A run that lives knows best what is in force.
 function Writer:policy_member()
-    local chosen = self.policy
+    local options, chosen = self.options, self.policy
+    local record = self.state.policy
+    if record and not options.policy and not options.port then return recorded_policy(record) end
     if not chosen then return self:without("policy", self.policy_error) end
     local warnings = array {}
     for i, warning in ipairs(chosen.warnings) do warnings[i] = printable(warning) end
-    return { source = printable(chosen.source), warnings = warnings,
+    return { source = printable(chosen.source), warnings = warnings, recorded = json.null,
              settings = json_records.settings(chosen.values) }
 end
 
 function Writer:fail_open()
     local attached, directory = self.attached, self.options.state
-    if attached.document_in_use then return state_files.fail_open(self.vxa, directory) end
+    if attached.document_error then return state_files.fail_open(self.vxa, directory) end
     local state, message = attached.dom:get(state_files.FAIL_OPEN_KEY)
     if type(state) == "string" then return state end
-    return nil, message or "no cycle has been run with this directory"
+    return nil, message or "no cycle was run"
 end
 
 function Writer:state_member()
@@ -86,10 +100,10 @@ function Writer:state_member()
         return value or self:without("state." .. member, reason)
     end
     return {
-        directory = printable(directory), in_use = self.attached.document_in_use ~= nil,
+        directory = printable(directory), in_use = self.attached.is_document_in_use,
         fail_open = known("fail_open", self:fail_open()),
-        last_transition = known("last_transition",
-            state_files.last_transition(self.vxa, self.state_entries)),
+        last_transition = known("last_transition", self.state.transition,
+            self.state_entries[1].reason or "no transition was recorded"),
         last_cycle = known("last_cycle", state_files.last_cycle(self.vxa, directory)),
     }
 end
@@ -227,6 +241,7 @@ end
 function Writer:add_state_files(archive)
     if not self.options.state then return true end
     self.state_entries = state_files.read(self.vxa, self.options.state)
+    self.state = state_files.summary(self.vxa, self.state_entries)
     for _, entry in ipairs(self.state_entries) do
         local added, message = self:add(archive, entry)
         if not added then return nil, message end

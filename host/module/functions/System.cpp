@@ -100,8 +100,8 @@ std::string_view FindBuildId(std::string_view notes)
         notes.remove_prefix(sizeof header);
         const std::size_t name = aligned(header.n_namesz);
         if (name > notes.size() || header.n_descsz > notes.size() - name) break;
-        const std::string_view owner = notes.substr(0, header.n_namesz);
-        if (header.n_type == NT_GNU_BUILD_ID && owner == std::string_view(ELF_NOTE_GNU, 4))
+        if (header.n_type == NT_GNU_BUILD_ID && header.n_namesz == sizeof ELF_NOTE_GNU &&
+            std::memcmp(notes.data(), ELF_NOTE_GNU, sizeof ELF_NOTE_GNU) == 0)
             return notes.substr(name, header.n_descsz);
         notes.remove_prefix(std::min(name + aligned(header.n_descsz), notes.size()));
     }

@@ -129,14 +129,17 @@ local function profile_rules(vxa, handle, seconds)
     end
 end
 
--- The directory of a running `vxa run` is read only: the package is wanted most while it runs.
+-- A directory that cannot be opened is only read: the package is wanted most while a `vxa run`
+-- has it open.
 local function open_document(attached, options)
-    local dom, message = attached.vxa.Dom(options.state)
-    if not dom and message:find(" is in use by ", 1, true) then
-        attached.document_in_use, dom = message, attached.vxa.Dom()
-        console.complain(message .. "; the events of this package are not kept there")
-    end
-    attached.dom = dom or exit.fail(1, "%s", message)
+    local message
+    attached.dom, message = attached.vxa.Dom(options.state)
+    if attached.dom then return end
+    console.complain(message .. "; the events of this package are not kept there")
+    attached.document_error = message
+    attached.is_document_in_use = message:find(" is in use by ", 1, true) ~= nil
+    attached.dom, message = attached.vxa.Dom()
+    if not attached.dom then exit.fail(1, "%s", message) end
 end
 
 -- Returns the exit status.
@@ -177,9 +180,10 @@ local function run(options)
     console.line("vxa %s, engine %s", vxa.version, attached.engine)
     show_entries(writer.added)
     show_problems(with_failed_calls(writer.rows, writer.driver.failures))
-    show_events(writer, not attached.document_in_use and options.state)
+    show_events(writer, not attached.document_error and options.state)
     show_total(list, options.archive, seconds)
     session.close_document(attached)
+    if attached.document_error and not attached.is_document_in_use then return 1 end
     return judge(writer)
 end
 

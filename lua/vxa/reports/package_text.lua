@@ -93,26 +93,28 @@ local function policy_line(content)
     for _ in pairs(policy.settings or {}) do count = count + 1 end
     local warnings = #(policy.warnings or {})
     return join(", ", policy.source, format.count(count, "setting"),
-        warnings > 0 and format.count(warnings, "warning") or nil)
+        warnings > 0 and format.count(warnings, "warning") or nil,
+        policy.recorded and "in force since " .. policy.recorded or nil)
 end
 
 local state_names = { Activated = "fail-open", Deactivated = "enforcing" }
 
--- The metrics that were over, if the record has them as numbers.
+-- The record is as another program wrote it.
 local function causes(transition)
-    local metrics = {}
-    for _, metric in ipairs(type(transition.over) == "table" and transition.over or {}) do
-        if type(metric) == "table" and type(metric.name) == "string"
-            and type(metric.value) == "number" and type(metric.threshold) == "number" then
-            metrics[#metrics + 1] = metric
+    local known = {}
+    for _, cause in ipairs(type(transition.causes) == "table" and transition.causes or {}) do
+        if type(cause) == "table" and type(cause.name) == "string"
+            and type(cause.value) == "number" and type(cause.threshold) == "number" then
+            known[#known + 1] = ("%s %s, threshold %s"):format(cause.name,
+                format.number(cause.value), format.number(cause.threshold))
         end
     end
-    return #metrics > 0 and format.crossings(metrics) or nil
+    return #known > 0 and table.concat(known, "; ") or nil
 end
 
 local function transition_part(transition)
     if not transition or type(transition.time) ~= "string" then return nil end
-    local change = type(transition.transition) == "string" and transition.transition .. " at "
+    local change = type(transition.record) == "string" and transition.record .. " at "
     return join(": ", (change or "since ") .. transition.time, causes(transition))
 end
 
@@ -122,7 +124,7 @@ local function state_line(content)
     local cycle = state.last_cycle and state.last_cycle.time
     return join("; ", state_names[state.fail_open] or state.fail_open,
         transition_part(state.last_transition),
-        type(cycle) == "string" and "last cycle at " .. cycle or nil)
+        type(cycle) == "string" and "running, last cycle about " .. cycle or nil)
 end
 
 local function failures_line(content)

@@ -79,20 +79,25 @@ end
 
 -- What the manifest says of the machine and the state, with and without a directory in use.
 command "run --policy /dev/null --cycles 1 --state kept"
-testing.write(SCRATCH .. "kept/transitions.jsonl", ('{"time":"x"}\n'):rep(700000)
-    .. '{"time":"2026","transition":"entered"}\n{"half')
+testing.write(SCRATCH .. "kept/transitions.jsonl", ('{"record":"x"}\n'):rep(600000)
+    .. '{"record":"started","time":"T1","policy_source":"P","settings":{"SYS_THR_RUNQ":8,"x":[]}}\n'
+    .. '{"record":"entered","time":"T2","causes":[{"name":"a","value":9,"threshold":8},1,{}]}\n'
+    .. '{"record":"jump"}\n{"record":"left","time":"T3')
 local kept = vxa.Dom(SCRATCH .. "kept")
 kept:set("vxp.filter.FailOpenState", "Activated")
-matches(command "diag p.zip --force --state kept --port 443", "in use by process %d+ .* not kept")
+matches(command "diag p.zip --force --state kept", "in use by process %d+ .* not kept there\n")
 local manifest = show("p.zip").manifest
-equal({ manifest.state.in_use, manifest.state.fail_open, manifest.state.last_transition },
-    { true, "Activated", { time = "2026", transition = "entered" } }, "state")
+equal({ manifest.state.in_use, manifest.state.fail_open, manifest.state.last_transition.time,
+        manifest.policy.source, manifest.policy.recorded, manifest.policy.settings },
+    { true, "Activated", "T2", "P", "T1", { SYS_THR_RUNQ = 8 } }, "state")
 matches(manifest.entries[6].state .. manifest.entries[6].reason, "^incompletethe first %d+ bytes")
-equal({ manifest.policy.settings.SYS_CONF_CONN_REFUSAL_PORT, manifest.host.name,
-        manifest.user.uid, manifest.build_ids["vxa.so"], manifest.engine },
-    { 443, vxa.uname().host, vxa.euid(), vxa.build_id "vxa.so", "sim" }, "manifest")
-matches(command "show p.zip", "^host .*\nstate +fail%-open; entered at 2026\n.*\nlacking +"
-    .. "incomplete state/transitions.jsonl: .*\nsums +8 entries match the manifest\n\nentry ")
+equal({ manifest.host.name, manifest.user.uid, manifest.build_ids["vxa.so"], manifest.engine },
+    { vxa.uname().host, vxa.euid(), vxa.build_id "vxa.so", "sim" }, "manifest")
+matches(command "show p.zip", "^host .*\npolicy +P, 1 setting, in force since T1\nstate +fail%-open"
+    .. "; entered at T2: a 9, threshold 8\n.*\nlacking +incomplete state/transitions.jsonl: .*\n"
+    .. "sums +8 entries match the manifest\n\nentry ")
+equal(select(2, command "diag p.zip --force --state /proc/none --port 443"), 1, "no directory")
+equal(show("p.zip").manifest.policy.settings.SYS_CONF_CONN_REFUSAL_PORT, 443, "port")
 kept:close()
 
 -- ---- archive:add --------------------------------------------------------------------------
@@ -130,7 +135,8 @@ for _, row in ipairs {
     { listing(nil, "manifest.json"), 1, "WRONG +manifest.json: the manifest lists itself" },
     { '{"manifest":1,"version":"\\u001b[2J\\u202e","unknown":[{"member":"a","reason":"\\u009b"}]}',
       1, "\nby +vxa \\x1b%[2J\\xe2\\x80\\xae\n.*\nnot known +a: \\xc2\\x9b\n" },
-    { '{"manifest":1,"state":{"last_transition":{"time":1},"last_cycle":{"over":3}}}', 1, "sums" },
+    { '{"manifest":1,"state":{"last_transition":{"time":"T","record":[],"causes":[{"name":"zz"}]},'
+      .. '"last_cycle":{"time":{}}}}', 1, "\nstate +since T\n.*sums" },
     { '{"manifest":1,"x":' .. ("["):rep(900) .. ("]"):rep(900) .. "}", 1, "\nsums +0 entries" },
     { false, 0, "^manifest    none: not a package of vxa diag[^\n]*\n\nentry " },
     { '{"manifest":1,"entries":[null]}', 1, "^manifest    cannot be used, .*: entries%[1%] is nu" },
