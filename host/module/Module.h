@@ -15,6 +15,7 @@ namespace vxa {
 void OpenDocuments(lua_State* L);       // Dom and its methods
 void OpenAppendFiles(lua_State* L);     // append_file and its methods
 void OpenArchiveWriters(lua_State* L);  // ZipOutputStream and its methods
+void OpenCharts(lua_State* L);          // chart and its methods
 void OpenDriverHandles(lua_State* L);   // open and the handle's methods
 void OpenReplays(lua_State* L);         // replay and its methods
 void OpenTemporaryFiles(lua_State* L);  // temporary and its methods
@@ -25,6 +26,7 @@ void OpenEngines(lua_State* L);          // engine, engines, fault, simulate, ..
 void OpenFiles(lua_State* L);            // mkdir, file_kind, read_file, read_tail, conf_line
 void OpenJsonValues(lua_State* L);       // parse_json
 void OpenLogs(lua_State* L);             // trace, verbose, log_to, capture, captured
+void OpenPrograms(lua_State* L);         // run_program
 void OpenSignals(lua_State* L);          // sleep, catch_signals, interrupted, reloads
 void OpenSimulatedMemory(lua_State* L);  // simulate_memory
 void OpenSystem(lua_State* L);           // clock, time, setenv, isatty, uname, build_id, ...

@@ -43,6 +43,7 @@ int OpenModule(lua_State* L)
     OpenDocuments(L);
     OpenAppendFiles(L);
     OpenArchiveWriters(L);
+    OpenCharts(L);
     OpenDriverHandles(L);
     OpenReplays(L);
     OpenTemporaryFiles(L);
@@ -52,6 +53,7 @@ int OpenModule(lua_State* L)
     OpenFiles(L);
     OpenJsonValues(L);
     OpenLogs(L);
+    OpenPrograms(L);
     OpenSignals(L);
     OpenSimulatedMemory(L);
     OpenSystem(L);

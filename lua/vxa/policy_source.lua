@@ -23,7 +23,8 @@ end
 
 -- ---- policy file ------------------------------------------------------------------------
 
-local function from_json_file(vxa, path, lenient)
+-- Returns the policy of a JSON file, as policy_source.choose does.
+function policy_source.read(vxa, path, lenient)
     local text, message = vxa.read_file(path, MOST_BYTES)
     if not text then exit.fail(2, "policy %s", message) end
     local values, warnings = health_policy.check(text, lenient)
@@ -181,7 +182,7 @@ end
 -- `cpus` is a function because it runs a command, which only the default needs.
 function policy_source.choose(options, vxa, cpus)
     local chosen = options.observe and observing(options.port ~= nil)
-        or options.policy and from_json_file(vxa, options.policy, options.lenient)
+        or options.policy and policy_source.read(vxa, options.policy, options.lenient)
         or without_policy_file(vxa, cpus)
     if options.port then return with_port(chosen, options.port, options.outbound) end
     return chosen

@@ -3,6 +3,7 @@
 local console = require "vxa.output.console"
 local exit = require "vxa.exit"
 local format = require "vxa.output.format"
+local new_file = require "vxa.output.new_file"
 local option = require "vxa.options"
 local package_problems = require "vxa.package_problems"
 local package_writer = require "vxa.package_writer"
@@ -20,42 +21,6 @@ local function define(command)
     option.add_policy(command)
     option.add_driver(command)
     option.add_state(command)
-end
-
--- ---- the file ---------------------------------------------------------------------------
-
-local not_replaced = { directory = "a directory", link = "a symbolic link",
-                       other = "not a regular file" }
-
--- Only a regular file may be replaced: renaming over a device would remove it for everyone.
-local function check_target(vxa, path, force)
-    local kind, message = vxa.file_kind(path)
-    if not kind then exit.fail(1, "cannot write %s", message) end
-    if kind == "none" then return end
-    if kind ~= "file" then
-        exit.fail(2, "%s is %s and is not replaced", path, not_replaced[kind])
-    end
-    if not force then exit.fail(2, "%s already exists; use --force to replace it", path) end
-end
-
--- Calls `build` with a file that gets its name only when it is complete; on any error nothing is
--- left behind. Do not write to the standard streams meanwhile: on EPIPE the command ends at once.
-local function write_file(vxa, options, build)
-    local file, message = vxa.temporary(options.archive)
-    if not file then exit.fail(1, "%s", message) end
-    local ok, result, reason = pcall(build, file)
-    if ok and result and vxa.interrupted() then
-        result, reason = nil, ("interrupted by %s: no package was written")
-            :format(vxa.interrupted())
-    end
-    if ok and result then
-        local published
-        published, reason = file:publish(options.force)
-        if published then return result end
-    end
-    file:close()
-    if not ok then error(result, 0) end
-    exit.fail(1, "%s", reason)
 end
 
 -- ---- output -----------------------------------------------------------------------------
@@ -156,7 +121,7 @@ local function judge(writer)
 end
 
 local function run(options)
-    check_target(session.load_host(), options.archive, options.force)
+    new_file.check(session.load_host(), options.archive, options.force)
     local attached = session.attach(options)
     local vxa = attached.vxa
     simulation.show_processors(vxa)
@@ -169,7 +134,7 @@ local function run(options)
     profile_rules(vxa, writer.driver.handle, options.profile)
 
     local started = vxa.clock()
-    local list = write_file(vxa, options, function(file)
+    local list = new_file.write(vxa, options.archive, options.force, "package", function(file)
         local filled, message = writer:fill(file)
         if not filled then return nil, message end
         return vxa.zip_entries(file)

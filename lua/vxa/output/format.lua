@@ -38,6 +38,15 @@ function format.duration(seconds)
     return (rest == 0 and "%.0f min" or "%.0f min %d s"):format(minutes, rest)
 end
 
+-- The same in whole seconds, and for long times "5 h 12 min", "3 days 7 h".
+function format.long_duration(seconds)
+    seconds = math.floor(seconds + 0.5)
+    if seconds < 7200 then return format.duration(seconds) end
+    local hours, minutes = math.floor(seconds / 3600), math.floor(seconds % 3600 / 60)
+    if hours < 48 then return ("%.0f h %d min"):format(hours, minutes) end
+    return ("%.0f days %d h"):format(math.floor(hours / 24), hours % 24)
+end
+
 -- "1 entry", "3 entries"; the plural defaults to the noun with an "s".
 function format.count(number, noun, plural)
     return ("%d %s"):format(number, number == 1 and noun or plural or noun .. "s")

@@ -40,7 +40,8 @@ end
 testing.write(SCRATCH .. "r.csv", "")
 local RUN = "run --json --interval 0.05 --port 443 --record r.csv "
 local first = vxa("VXI_SIM=scenario=busy:4/overloaded:3/idle,interval_s=1",
-    RUN .. "--cycles 400 & pid=$!; until [ $(wc -l <r.csv) -ge 14 ]; do sleep 0.02; done; kill -9 $pid; wait")
+    RUN .. [[--cycles 400 & pid=$!
+        until [ $(wc -l <r.csv) -ge 14 ]; do sleep 0.02; done; kill -9 $pid; wait]])
 vxa("", "--version", "; printf '2026-11-22 04:06:3' >>r.csv")
 local second = vxa("VXI_SIM=scenario=busy", RUN .. "--cycles 4")
 matches(second, "vxa: r.csv: removed its last line, which was incomplete %(18 bytes%)\n", "torn")
@@ -87,5 +88,68 @@ for _, row in ipairs(read_record "o.csv") do
     equal({ row.state, row.estab, tonumber(row.rqpct) > 16, row.errors:find("failed") ~= nil },
         { "Deactivated", "", true, true }, "observed")
 end
+
+-- ---- pictures -------------------------------------------------------------------------------
+
+-- Returns what a picture of a record shows.
+local function chart_of(name, policy)
+    local chart = assert(require("vxa").chart(SCRATCH .. name, policy))
+    repeat until assert(chart:read()) == 1
+    return chart:result()
+end
+
+-- A week with restarts and failed samples, made to wide bins.
+os.execute(("lua5.2 %s/bench/make_record.lua 60000 3 >%slong.csv"):format(ROOT, SCRATCH))
+local long = read_record "long.csv"
+local entries, least, greatest = 0, {}, {}
+for i, row in ipairs(long) do
+    local before = long[i - 1]
+    local is_new = not before or before.heading ~= row.heading or before.state ~= row.state
+    if row.state == "Activated" and is_new then entries = entries + 1 end
+    for _, metric in ipairs(filter.metrics) do
+        local name, value = metric.name, tonumber(row[metric.name])
+        least[name] = math.min(least[name] or math.huge, value or math.huge)
+        greatest[name] = math.max(greatest[name] or -math.huge, value or -math.huge)
+    end
+end
+local policy = testing.read(SCRATCH .. "long.csv"):match("# policy (%b{})")
+for _, chart in ipairs { chart_of "long.csv", chart_of("long.csv", policy) } do
+    equal({ chart.rows, chart.entries, #chart.policies }, { #long, entries, 1 }, "long.csv")
+    for name, metric in pairs(chart.metrics) do
+        local lines = select(2, metric.lines:gsub("[^\n]+", ""))
+        equal({ metric.least, metric.greatest, lines > 1024 and lines <= 2100 },
+            { least[name], greatest[name], true }, name)
+    end
+end
+
+-- A break for the restart, and none for anything else.
+for _, name in ipairs { "rqpct", "estab" } do
+    equal(select(2, chart_of("r.csv").metrics[name].lines:gsub("\n\n", "")), 1, name .. " breaks")
+end
+
+-- What is written in pictures. The host's name is what gnuplot must not interpret.
+local HOST = "a';system('touch pwned');`touch pwned`<b>&"
+testing.write(SCRATCH .. "it's.csv",
+    (testing.read(SCRATCH .. "r.csv"):gsub("host [^,]*", "host " .. HOST)))
+for _, row in ipairs {
+    { "r.csv", 6, "\nthreshold 16\n.*\nfail%-open %(shaded%) 1 time, " },
+    { "o.csv", 3, "\nthreshold 200 %(off the scale%)\n.*\nnever in fail%-open\n" },
+    { "it\\'s.csv", 6, "\na';system%('touch pwned'%);`touch pwned`&lt;b>&amp;\n" },
+} do
+    matches(vxa("", "plot " .. row[1] .. " --force -o p.svg"), "^p.svg: %d+ rows in ", row[1])
+    local written = ""
+    for text in (testing.read(SCRATCH .. "p.svg") or ""):gmatch "<text>(.-)</text>" do
+        written = written .. "\n" .. text
+    end
+    local panels = 0
+    for _, metric in ipairs(filter.metrics) do
+        if written:find("\n" .. metric.name .. ": ", 1, true) then panels = panels + 1 end
+    end
+    equal(panels, row[2], row[1])
+    matches(written, row[3], row[1])
+end
+equal(testing.read(SCRATCH .. "pwned"), nil, "a shell")
+vxa("", "plot r.csv -o p.png")
+equal(testing.read(SCRATCH .. "p.png"):sub(2, 4), "PNG", "p.png")
 
 testing.finish()

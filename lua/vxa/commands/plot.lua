@@ -1,0 +1,84 @@
+-- vxa plot: draws a record with gnuplot.
+
+local console = require "vxa.output.console"
+local exit = require "vxa.exit"
+local format = require "vxa.output.format"
+local new_file = require "vxa.output.new_file"
+local option = require "vxa.options"
+local picture = require "vxa.plot.picture"
+local policy_source = require "vxa.policy_source"
+local printable = require "vxa.output.printable"
+local progress = require "vxa.output.progress"
+local session = require "vxa.session"
+
+local function picture_name(text)
+    if text:lower():match("[^/]%.svg$") or text:lower():match("[^/]%.png$") then return text end
+    return nil, ("--output must be a file name that ends in .svg or .png, not '%s'"):format(text)
+end
+
+local function define(command)
+    command:description("Draw a record: a panel for each metric, with its threshold.")
+    command:argument("FILE.csv", "A record of vxa run --record."):target("record")
+        :convert(option.file_name("FILE.csv"))
+    command:option("-o --output", "The picture to write, FILE.svg or FILE.png."):argname("FILE")
+        :target("picture"):convert(picture_name):count(1)
+    command:flag("--force", "Replace an existing file.")
+    command:option("--policy", "Draw the thresholds of this policy, and when it would have been in "
+        .. "fail-open, instead of what is in the record."):argname("FILE")
+        :convert(option.file_name("--policy"))
+    command:option("--since", "Leave out what is earlier, such as '2026-11-22 04:00' (UTC).")
+        :argname("TIME"):convert(option.time("--since"))
+    command:option("--until", "Leave out what is later."):argname("TIME")
+        :convert(option.time("--until"))
+end
+
+-- ---- reading ----------------------------------------------------------------------------
+
+local function read_chart(vxa, options, policy)
+    local json = policy and policy_source.to_json(policy.values)
+    local chart, message = vxa.chart(options.record, json, options.since, options["until"])
+    if not chart then exit.fail(2, "%s", message) end
+    local shown = progress.new(vxa, "reading the record")
+    repeat
+        local done
+        done, message = chart:read()
+        if not done or vxa.interrupted() then shown:finish() end
+        if not done then exit.fail(2, "%s", message) end
+        exit.if_interrupted(vxa)
+        shown:show(done * 100, 100)
+    until done == 1
+    shown:finish()
+    return chart:result()
+end
+
+-- ---- drawing ----------------------------------------------------------------------------
+
+local function draw(vxa, script, file)
+    -- Without the user's settings, which could change every picture.
+    local drawn, message, is_missing = vxa.run_program({ "gnuplot", "--default-settings" }, script,
+        file)
+    if is_missing then message = "gnuplot is missing; install the package gnuplot-nox" end
+    return drawn, message
+end
+
+local function show_done(chart, options)
+    console.line("%s: %s in %s, fail-open %s", printable(options.picture),
+        format.count(chart.rows, "row"), format.long_duration(chart.to - chart.from),
+        format.count(chart.entries, "time"))
+end
+
+local function run(options)
+    local vxa = session.load_host()
+    new_file.check(vxa, options.picture, options.force)
+    local policy = options.policy and policy_source.read(vxa, options.policy)
+    local chart = read_chart(vxa, options, policy)
+    if not next(chart.metrics) then exit.fail(2, "%s has no values to draw", options.record) end
+    local script = picture.script(chart, options.picture:lower():sub(-3),
+        policy and options.policy:match("[^/]*$"))
+    new_file.write(vxa, options.picture, options.force, "picture",
+        function(file) return draw(vxa, script, file) end)
+    show_done(chart, options)
+    return 0
+end
+
+return { define = define, run = run }
