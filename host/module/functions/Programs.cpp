@@ -144,11 +144,11 @@ void Run(const Arguments& arguments, std::string_view input, int output)
     const int status = WaitFor(child, name);
     if (status == 0) return;
     const std::string said = errors.Head(kMostErrorBytes);
-    throw std::runtime_error(
-        std::string(name) +
-        (WIFSIGNALED(status) ? " was ended by signal " + std::to_string(WTERMSIG(status))
-                             : " failed with status " + std::to_string(WEXITSTATUS(status))) +
-        (said.empty() ? "" : ": " + said));
+    throw std::runtime_error(std::string(name) +
+                             (WIFSIGNALED(status)
+                                  ? " was ended by signal " + std::to_string(WTERMSIG(status))
+                                  : " failed with status " + std::to_string(WEXITSTATUS(status))) +
+                             (said.empty() ? "" : ": " + said));
 }
 
 Arguments CheckArguments(lua_State* L, int index)
