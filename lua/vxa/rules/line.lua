@@ -142,9 +142,11 @@ local function statement(kind, operands)
     return render and render(operands) or kind .. " " .. word(operands)
 end
 
+local line = {}
+
 -- Returns the line of a rule that was decoded with json.null for null, without which
 -- {"accept": null} would be empty.
-return function(rule)
+function line.rule(rule)
     local parts = {}
     for _, part in ipairs(type(rule.expr) == "table" and rule.expr or {}) do
         if type(part) == "table" then
@@ -158,3 +160,10 @@ return function(rule)
     end
     return printable(table.concat(parts, " "))
 end
+
+-- Returns an expression, such as an element of a set, as nft writes it.
+function line.expression(value)
+    return printable(expression(value))
+end
+
+return line

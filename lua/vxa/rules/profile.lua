@@ -10,14 +10,13 @@ local json = require "dkjson"
 
 local exit = require "vxa.exit"
 local format = require "vxa.output.format"
+local listing = require "vxa.rules.listing"
 local printable = require "vxa.output.printable"
-local rule_line = require "vxa.rules.line"
+local rule_line = require("vxa.rules.line").rule
 
 local profile = {}
 
-local function as_table(value)
-    return type(value) == "table" and value or {}
-end
+local as_table = listing.as_table
 
 -- The kernel's numbers have at most 64 bits.
 local function whole(value)
@@ -67,16 +66,8 @@ local function hook(chain)
         whole(chain.prio), plain(chain.policy or "accept"))
 end
 
-local function counter_of(rule)
-    for _, statement in ipairs(as_table(rule.expr)) do
-        local counter = as_table(statement).counter
-        if type(counter) == "table" then return counter end
-    end
-    return {}
-end
-
 local function add_rule(ruleset, rule)
-    local rules, counter = chain_of(ruleset, rule).rules, counter_of(rule)
+    local rules, counter = chain_of(ruleset, rule).rules, listing.counter_of(rule)
     rules[#rules + 1] = { whole(rule.handle), whole(counter.packets), whole(counter.bytes),
                           rule_line(rule) }
     ruleset.rules = ruleset.rules + 1
@@ -117,20 +108,12 @@ local function add(ruleset, object)
     ruleset.others[kind] = (ruleset.others[kind] or 0) + 1
 end
 
-local OBJECT = { __jsontype = "object" }  -- keeps an empty object {}
-
 -- Adds each object of the listing; returns false if `text` is not a listing.
 local function read(vxa, text, ruleset)
-    local at = text:match('^%s*{%s*"nftables"%s*:%s*%[%s*()')
-    while at and text:sub(at, at) ~= "]" do
+    return listing.each(vxa, text, function(object)
         exit.if_interrupted(vxa)
-        local object
-        at, object = vxa.parse_json(text, at, json.null, OBJECT)
-        if not at then return false end
         add(ruleset, object)
-        at = text:match("^%s*,%s*()", at) or text:match("^%s*()%]", at)
-    end
-    return at and text:find("^]%s*}%s*$", at) ~= nil
+    end)
 end
 
 -- ---- rendering --------------------------------------------------------------------------
