@@ -8,7 +8,7 @@ local options = {}
 
 -- Each returns a converter for argparse, which returns the value or nil and a message.
 
-local function whole(name, lowest, highest)
+function options.whole(name, lowest, highest)
     return function(text)
         local number = text:match("^%d+$") and tonumber(text)
         if number and number >= lowest and number <= highest then return number end
@@ -84,7 +84,8 @@ function options.add_policy(command)
     command:option("--port", "Monitor the connections of this port. Where connections are "
         .. "redirected (DNAT), this is the port they are redirected to; traffic forwarded to "
         .. "containers is not counted. Overrides the policy's port, and adds connection "
-        .. "thresholds if the policy has none."):argname("N"):convert(whole("--port", 1, 65535))
+        .. "thresholds if the policy has none."):argname("N")
+        :convert(options.whole("--port", 1, 65535))
     command:flag("--lenient", "Accept policy members of the wrong type as the module does, and "
         .. "warn about them.")
     command:flag("--outbound", "The port is on remote servers. Default: on this machine.")
@@ -98,7 +99,7 @@ function options.add_cycles(command, what)
     command:option("--interval", ("Seconds from one %s to the next (default 10)."):format(what))
         :argname("SECONDS"):convert(options.seconds("--interval")):default(10)
     command:option("--cycles", ("Stop after N %ss."):format(what)):argname("N")
-        :convert(whole("--cycles", 1, 1000000000))
+        :convert(options.whole("--cycles", 1, 1000000000))
 end
 
 function options.add_state(command)

@@ -24,7 +24,9 @@ local KEY_ORDER = {
     "cf_do_dpi", "count", "samples", "observations", "reported", "refused", "seconds",
     "interrupted",
     "path", "entries", "bytes", "packed_bytes", "text", "manifest", "manifest_error", "verified",
-    "matching", "problems", "problem",
+    "matching", "problems", "problem", "entry", "change", "kind", "service", "older", "newer",
+    "difference", "per_second", "packets", "bytes_back", "added", "removed", "changes", "lost_in",
+    "reason", "traffic", "notes", "host", "differences", "unchanged", "warnings",
 }
 for _, setting in ipairs(health_policy.settings) do KEY_ORDER[#KEY_ORDER + 1] = setting.key end
 

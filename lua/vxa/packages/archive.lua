@@ -1,0 +1,103 @@
+-- A diagnostic package: its entries and its manifest, see docs/package.md. The file may come from
+-- anywhere.
+
+local exit = require "vxa.exit"
+local manifest = require "vxa.manifest"
+local package_entries = require "vxa.package_entries"
+
+local archive = {}
+
+local Archive = {}
+Archive.__index = Archive
+
+-- ---- the manifest -----------------------------------------------------------------------
+
+-- Returns the value of a member of the manifest, such as host.name; nil if it is unknown.
+function Archive:member(kind, ...)
+    local value = self.manifest
+    for _, name in ipairs { ... } do value = value and value[name] end
+    return type(value) == kind and value or nil
+end
+
+-- Days since 1970-01-01 of a date of the Gregorian calendar.
+local function days(year, month, day)
+    if month <= 2 then year, month = year - 1, month + 12 end
+    local leap_days = math.floor(year / 4) - math.floor(year / 100) + math.floor(year / 400)
+    return 365 * year + leap_days + math.floor((153 * (month - 3) + 2) / 5) + day - 719469
+end
+
+local TIME = "^(%d%d%d%d)-(%d%d)-(%d%d)T(%d%d):(%d%d):(%d%d%.?%d*)([Z+-])(%d?%d?):?(%d?%d?)$"
+
+-- Returns seconds since the epoch for "2026-11-22T05:06:37.123+01:00", nil for anything else.
+function archive.seconds(time)
+    local year, month, day, hour, minute, second, sign, hours, minutes = time:match(TIME)
+    if not year or (sign == "Z") ~= (hours == "") then return nil end
+    local offset = (tonumber(hours) or 0) * 3600 + (tonumber(minutes) or 0) * 60
+    return days(tonumber(year), tonumber(month), tonumber(day)) * 86400 + hour * 3600
+        + minute * 60 + second - (sign == "-" and -offset or offset)
+end
+
+-- When the package was made, in seconds since the epoch; nil if unknown.
+function Archive:time()
+    local time = self:member("string", "end")
+    return time and archive.seconds(time)
+end
+
+-- Returns the manifest's state of an entry and the reason for it, nil if it has none.
+function Archive:entry_state(name)
+    for _, row in ipairs(self:member("table", "entries") or {}) do
+        if row.name == name then return row.state, row.reason end
+    end
+end
+
+-- ---- the entries ------------------------------------------------------------------------
+
+local function is_package(entries)
+    for _, entry in ipairs(package_entries) do
+        if entries[entry.name] then return true end
+    end
+    return false
+end
+
+-- Returns {path, list, entries: by name, manifest, no_manifest: why there is none}.
+function archive.open(vxa, path)
+    local list, message = vxa.zip_entries(path)
+    if not list then exit.fail(1, "%s", message) end
+    local package = setmetatable({ path = path, list = {}, entries = {} }, Archive)
+    for _, entry in ipairs(list) do
+        if not package.entries[entry.name] then
+            package.entries[entry.name] = entry
+            table.insert(package.list, entry)
+        end
+    end
+    if not is_package(package.entries) then
+        exit.fail(1, "%s is not a diagnostic package: it has none of the entries of one", path)
+    end
+    local reason
+    package.manifest, reason = manifest.read(vxa, path, list)
+    package.no_manifest = not package.manifest and "no manifest: " .. reason or nil
+    return package
+end
+
+-- Adds `sha256` to the entries that `wanted(entry)` chooses, or `problem`, why they cannot be
+-- read.
+function Archive:add_digests(vxa, wanted, check)
+    local reader, message = vxa.zip_reader(self.path)
+    if not reader then exit.fail(1, "%s", message) end
+    local seen = {}
+    while true do
+        local listed
+        listed, message = reader:next()
+        if listed == nil then exit.fail(1, "%s", message) end
+        if not listed then break end
+        local entry = self.entries[listed.name]
+        if entry and not seen[listed.name] and wanted(entry) then
+            check()
+            entry.sha256, entry.problem = reader:sha256()
+        end
+        seen[listed.name] = true
+    end
+    reader:close()
+end
+
+return archive
