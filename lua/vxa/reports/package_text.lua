@@ -37,6 +37,16 @@ local function join(separator, ...)
     return #known > 0 and table.concat(known, separator) or "not known"
 end
 
+-- A member that a line of its own shows is not listed among the unknown ones.
+local has_line = { state = true, policy = true }
+
+local function why_unknown(content, member)
+    for _, row in ipairs(content.unknown or {}) do
+        if row.member == member then return "not known: " .. row.reason end
+    end
+    return "not known"
+end
+
 local function host_line(content)
     local host = content.host or {}
     local kernel = host.kernel and join(" ", host.kernel, host.architecture)
@@ -88,7 +98,7 @@ end
 
 local function policy_line(content)
     local policy = content.policy
-    if not policy then return "not known" end
+    if not policy then return why_unknown(content, "policy") end
     local count = 0
     for _ in pairs(policy.settings or {}) do count = count + 1 end
     local warnings = #(policy.warnings or {})
@@ -120,7 +130,7 @@ end
 
 local function state_line(content)
     local state = content.state
-    if not state then return "not known" end
+    if not state then return why_unknown(content, "state") end
     local cycle = state.last_cycle and state.last_cycle.time
     return join("; ", state_names[state.fail_open] or state.fail_open,
         transition_part(state.last_transition),
@@ -147,7 +157,9 @@ end
 
 local function unknown_rows(content)
     local lines = {}
-    for i, row in ipairs(content.unknown or {}) do lines[i] = row.member .. ": " .. row.reason end
+    for _, row in ipairs(content.unknown or {}) do
+        if not has_line[row.member] then lines[#lines + 1] = row.member .. ": " .. row.reason end
+    end
     return lines
 end
 
