@@ -198,8 +198,10 @@ local function is_over(metric, value, threshold)
     return value > threshold
 end
 
--- Returns how near a value is to its threshold: 1 is at it.
-local function pressure(metric, value, threshold)
+-- Returns how near a value is to its threshold: 1 is at it. Whole numbers are too coarse for that:
+-- 0.9 % of free memory reads 0.
+local function pressure(metric, value, threshold, round)
+    if round == math.floor then return nil end
     return metric.below and threshold / value or value / threshold
 end
 
@@ -232,9 +234,8 @@ end
 -- refused ones.
 local FEW_CONNECTIONS = 5
 
-local function is_few(metric, value, opened)
-    return metric.name == "refusalpct" and value == 0 and opened ~= nil
-        and opened <= FEW_CONNECTIONS
+local function is_few(metric, opened)
+    return metric.name == "refusalpct" and opened ~= nil and opened <= FEW_CONNECTIONS
 end
 
 -- Rounding keeps the order, so a value beyond its threshold after it was beyond it before. Both are
@@ -250,17 +251,18 @@ function Monitor:judge(metric, report, before)
     local row = { name = metric.name, threshold = threshold, over = crossing ~= nil,
                   enabled = is_enabled(metric, report, threshold, before) }
     if not row.enabled or self:lacks_value(metric, value) then return row end
-    if is_few(metric, value, report.opened) then
+    if is_few(metric, report.opened) then
         row.few = true
         return row
     end
-    row.value, row.pressure = value, pressure(metric, value, threshold)
+    row.value, row.pressure = value, pressure(metric, value, threshold, round)
     row.over = row.over or is_over(metric, value, round(threshold))
     row.is_tie = value == round(threshold)
     return row
 end
 
--- The module's traces do not have the interval, but its status lines have the time of each cycle.
+-- The module's traces do not have the interval, but its status lines have the time of each cycle
+-- that was measured. The interval is shorter than their difference if one in between was not.
 function Monitor:exact_interval(status)
     local previous_us = self.measured_us
     self.measured_us = status and status.time_us
@@ -476,7 +478,8 @@ end
 --                     over, since, pressure, few}. No value if the metric is off or is a difference
 --                     from an earlier cycle that did not exist, or if there are too `few` new
 --                     connections to judge their percentage. `since`: when the unbroken sequence
---                     of cycles began in which it was over. `pressure`: 1 is at the threshold
+--                     of cycles began in which it was over. `pressure`: 1 is at the threshold;
+--                     not there with values that are whole numbers
 -- over                the rows beyond their thresholds
 -- near                the rows that have come near them in this cycle, see filter.NEAR
 -- measured            whether metrics were judged; the rest is there only if so
@@ -499,7 +502,6 @@ function Monitor:cycle()
         self:measure(result, records)
     else
         self.missed_sample = action ~= filter.DISABLED or rates_are_doubtful
-        self.measured_us = nil
     end
     self.has_run = true
     self:note_crossings(result)

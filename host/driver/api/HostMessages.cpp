@@ -24,6 +24,12 @@ void ReportToHost(const std::string& message)
     }
 }
 
+std::string UncountedMessage(unsigned int port, std::uint64_t count, const std::string& cause)
+{
+    return "port " + std::to_string(port) + ": " + std::to_string(count) +
+           " new connections are not counted: " + cause;
+}
+
 }  // namespace vxi
 
 void vxi_set_message_handler(vxi_message_handler handler)

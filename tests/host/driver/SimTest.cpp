@@ -59,6 +59,14 @@ TEST_F(Sim, CountersRestart)
     }
 }
 
+TEST_F(Sim, StatisticsHaveWhatIsNotCounted)
+{
+    Run("uncounted=7", 3);
+    Statistics stats;
+    EXPECT_EQ(0, vxi_get_stats(Driver(), &stats, sizeof stats));
+    EXPECT_EQ(21u, stats.area2[11]);
+}
+
 TEST_F(Sim, FlowsStayInsideTheBuffer)
 {
     struct {

@@ -168,6 +168,8 @@ for _, row in ipairs {
       .. "enforces\n.* 0 measured", "port not configured\n.* portless.json has a connection thre" },
     { RUN .. "3 --port 443", "VXI_FAULT=vxi_get_scan_metrics=-5", {},
       "^vxa: vxi_get_scan_metrics failed rc= %-5[^\n]*, estab and scanmb are not judged%)\n$" },
+    { RUN .. "2 --port 80 --json", "VXI_SIM=uncounted=7", '"errors":%["port 80: 7 new [^"]*"%]}\n'
+      .. '.*"errors":%["port 80: 7 new', "^vxa: port 80: 7 [^\n]* %(estab is too low%)\n$" },
     { RUN .. "3 --port 443", "VXI_FAULT=vxi_open=-13", "3 measured", "^vxa: cannot read connections"
       .. ": engine sim[^\n]*%(none are reported%)\nvxa: cannot open the driver: [^\n]*judged%)\n" },
     { "run --cycles 1 --interval 45 --trace 'SysHealth.e*'", "", {}, "^trace SysHealth.eng "
@@ -185,9 +187,9 @@ for _, row in ipairs {
       .. '"cycle":1,"action":0,.-"state":"Deactivated",.-"over":%[%],.-"errors":%[%]}\n.-"rqpct",'
       .. '"value":20.8,"threshold":8,"unit":"processes","enabled":true,"over":true,'
       .. '"over_since":"2.-"frepct","value":null,"threshold":null,"unit":"%%","enabled":false,'
-      .. '"over":false,.-"over":%["rqpct"%],"near":%[%],"transition":"entered","causes":%[{"name":"rqpct",.-'
-      .. '"min_fail_open_s":120,"in_fail_open_s":0,"fail_open_until":"2.-\n{"record":"end",.-'
-      .. '"cycles":2,"measured":2,"entered":1,.-"interrupted":false}\n'
+      .. '"over":false,.-"over":%["rqpct"%],"near":%[%],"transition":"entered","causes":%['
+      .. '{"name":"rqpct",.-"min_fail_open_s":120,"in_fail_open_s":0,"fail_open_until":"2.-\n'
+      .. '{"record":"end",.-"cycles":2,"measured":2,"entered":1,.-"interrupted":false}\n'
       .. '{[^}]*"vxp.filter.FailOpenState":%s*"Activated"' },
     { "status --port 443 --outbound --trace SysHealth.metr", "", "^monitoring  enabled.*\n"
       .. "policy      built%-in default.*\nport        443, outbound.*\nfail%-open   lasts at "

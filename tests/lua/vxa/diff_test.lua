@@ -209,7 +209,7 @@ for _, row in ipairs {
       "\nvxa.tpf [^\n]*: lost from sight in the newer package: empty: no CAP_NET_ADMIN\n",
       "\nvxa_blacklist.txt [^\n]*: lost from sight in the newer package: missing",
       "\n  note: the newer package: line 7 is damaged: Tcp\\x1b%[2J", "line 11 is damaged: UDP",
-      "line 29 is damaged: cut 1", "\n  appeared  extra +1\n" } },
+      "line 30 is damaged: cut 1", "\n  appeared  extra +1\n" } },
     { "same.zip foreign.zip", 0, { "different hosts: web1 and web2", "order is reversed" } },
     { "same.zip large.zip", 0, "vxa_stats.txt %(counters%): differs; too large to compare" },
     { "same.zip many.zip", 0, "differs; has more than 300000 items [^\n]* in the newer package\n" },

@@ -33,12 +33,12 @@ vxa.capture(true)
 vxa.verbose(true)
 vxa.trace("SysHealth.eng", true)
 
--- A random life of 2000 cycles: six metrics, thresholds from 0.000001 to the bound of the setting,
--- half of them close to the value; samples and driver fail now and then. What the script reports
--- must follow from what is set here.
+-- A random life of 4000 cycles, in which 10,000 values are judged: thresholds from 0.000001 to the
+-- bound of the setting, most of them close to the value or to what makes it near; samples, driver,
+-- policy and module fail now and then. What the script reports must follow from what is set here.
 local random, now_us, minutes = math.random, 4e15, 0  -- later than the module's loading
 local thresholds, past, counters, read = {}, {}, { 0, 0, 0, 0, 0, 0, 0, 0 }, nil
-local entered_at, missed, held_once = 0, false, false
+local entered_at, missed, has_gap, held_once = 0, false, false, false
 local life = filter.new { dom = dom, clock = function() return now_us / 1e6 end,
                           records = function() return (vxa.captured()) end }
 local bounds = {}
@@ -48,19 +48,28 @@ local function spread(least, most)
     return least * (most / least) ^ random()
 end
 
+-- Returns a number close to the previous one or anywhere within bounds.
+local function wander(number, least, most)
+    local value = random() < 0.9 and number * spread(0.9, 1.11) or spread(least, most)
+    return math.max(least, math.min(most, value))
+end
+
+local policy
 local function set_policy(values, share)
     minutes, thresholds = random(0, 1), { delta_t = 45 }
     local text = '{"SYS_CONF_CONN_REFUSAL_PORT":80,"SYS_CONF_MIN_ACT_DURATION":' .. minutes
     for _, metric in ipairs(filter.metrics) do
-        local close = (values[metric.name] or 0) * (1 + (random() - 0.5) * 10 ^ -random(0, 8))
-        local value = random() < 0.5 and close > 0 and close or spread(1e-6, bounds[metric.setting])
+        local share_of_it = ({ 1, 0.8, 0.7 })[random(3)] * (1 + (random() - 0.5) * 10 ^ -random(8))
+        local close = (values[metric.name] or 0) * (metric.below and share_of_it or 1 / share_of_it)
+        local value = random() < 0.7 and close > 0 and close or spread(1e-6, bounds[metric.setting])
         if random() < share then
             thresholds[metric.name] = math.min(value, bounds[metric.setting])
             text = ('%s,"%s":{"value":%.17g}'):format(text, metric.setting,
                 thresholds[metric.name])
         end
     end
-    life:set_policy(text .. "}")
+    policy = text .. "}"
+    life:set_policy(policy)
 end
 
 -- By the arithmetic of the module.
@@ -81,8 +90,8 @@ local function check(row, value, is_on, is_few, enforces, is_exact)
     past[row.name] = before
     local over = value and (metric.below and value < threshold or not metric.below
         and value > threshold) or false
-    -- The interval that follows a failed sample has three decimals unless it is over.
-    local digits = row.name == "delta_t" and missed and 6e-4 or 6e-7
+    -- The interval that follows a cycle without a measurement has three decimals unless it is over.
+    local digits = row.name == "delta_t" and has_gap and 6e-4 or 6e-7
     if value and not is_exact and math.abs(value - threshold) <= 2 * digits then over = row.over end
     if before then before.since = over and (before.since or now_us / 1e6) or nil end
     equal({ row.over, row.since, row.enabled, row.few or false, row.value ~= nil,
@@ -109,24 +118,39 @@ local function check_reason(over)
     equal(count, #over, reason)
 end
 
-for cycle = 1, 2000 do
-    local passed_us = math.floor(spread(1000, 9e7))
+local load, free_pct, per_second = 1, 50, { 1, 1, 1, 1, 1, 1, 1, 1 }
+for cycle = 1, 4000 do
+    local passed_us = random() < 0.1 and 2e6 or math.floor(spread(1000, 9e7))
     now_us = now_us + passed_us
-    for i in ipairs(counters) do counters[i] = counters[i] + math.floor(spread(0.2, 1e9)) end
-    local load, free_pct = ("%.1f"):format(spread(0.1, 250)), math.floor(spread(1, 3e5)) / 1e4
+    for i in ipairs(counters) do
+        per_second[i] = random() < 0.02 and 5 or wander(per_second[i], 0.2, 1e9)
+        counters[i] = counters[i] + math.floor(per_second[i] * passed_us / 1e6)
+    end
+    load, free_pct = wander(load, 0.1, 250), math.ceil(wander(free_pct, 1e-4, 30) * 1e4) / 1e4
+    local shown_load = ("%.1f"):format(load)
     local fails, driver_fails = cycle > 1 and random() < 0.06, cycle > 1 and random() < 0.04
-    local values = { rqpct = tonumber(load), frepct = free_pct * 10000 * 100 / 1e6,
+    local is_off, raises = cycle > 1 and random() < 0.03, random() < 0.02
+    local values = { rqpct = tonumber(shown_load), frepct = free_pct * 10000 * 100 / 1e6,
                      delta_t = cycle > 1 and passed_us / 1e6 or nil }
     if read then add_rates(values, passed_us / 1e6) end
-    if cycle == 1 or random() < 0.3 then set_policy(values, cycle == 1 and 1 or 0.7) end
-    set_machine(not fails and load .. "0", free_pct)
+    if cycle == 1 or random() < 0.15 then set_policy(values, cycle == 1 and 1 or 0.3) end
+    if is_off then life:set_policy("{}") end
+    if raises then
+        local working = SLB.filter.CheckSystemHealthMetrics
+        SLB.filter.CheckSystemHealthMetrics = error
+        equal(pcall(life.cycle, life), false, "raised")
+        SLB.filter.CheckSystemHealthMetrics, missed = working, true
+    end
+    set_machine(not fails and shown_load .. "0", free_pct)
     recorder.answer { values = counters, get_scan_metrics = driver_fails and -5 or 0 }
     recorder.clock(now_us)
 
     local was_open = life.state == "Activated"
     local stays = was_open and now_us - entered_at < minutes * 6e7
     local result = life:cycle()
-    if not fails and not driver_fails then read = { table.unpack(counters) } end
+    if is_off then life:set_policy(policy) end
+    local unmeasured = fails or is_off
+    if not unmeasured and not driver_fails then read = { table.unpack(counters) } end
     local over, only_rates, near = {}, true, {}
     for i, row in ipairs(result.metrics) do
         local metric = filter.metrics[i]
@@ -139,22 +163,23 @@ for cycle = 1, 2000 do
         if is_near then near[#near + 1] = row end
         only_rates = only_rates and (metric.rate or not is_over)
     end
-    if fails then for _, each in pairs(past) do each.since = nil end end
+    if unmeasured then for _, each in pairs(past) do each.since = nil end end
     local would = #over > 0 and not was_open
     local held = would and missed and only_rates
     local transition = would and not held and "entered"
-        or was_open and not stays and not fails and "left" or nil
+        or was_open and not stays and not unmeasured and "left" or nil
     equal({ result.measured, result.transition, result.held, result.over, result.near },
-        { not fails, transition, held or nil, over, near }, "cycle " .. cycle)
+        { not unmeasured, transition, held or nil, over, near }, "cycle " .. cycle)
     if transition == "entered" then
         entered_at = now_us
         check_reason(result.causes)
     end
-    if not fails then
+    if not unmeasured then
         equal(result.lasts_until, result.state == "Activated" and entered_at / 1e6 + minutes * 60
             or nil, "until")
     end
-    missed, held_once = fails, held_once or held
+    missed = fails and not is_off or is_off and missed
+    has_gap, held_once = unmeasured, held_once or held
 end
 equal(held_once, true, "held")
 local kinds = "log trace"  -- of the records that the script gets
@@ -190,7 +215,8 @@ for i, row in ipairs {
     -- values are whole numbers.
     { "8.0", 50, "enter fail-open, rqpct 8 7.9999", THRESHOLDS:format("7.9999", "1"), "log" },
     { "0.5", 50, "leave fail-open", nil, "none" },
-    { "0.70", 50, "enter fail-open, rqpct 0 0.5", THRESHOLDS:format("0.5", "1"), "none" },
+    { "0.40", 1.9, "normal", THRESHOLDS:format("0.5", "1"), "none" },
+    { "0.70", 50, "enter fail-open, rqpct 0 0.5" },
     { "0.5", 50, "leave fail-open", nil, "log" },
     -- What is wrong with a policy is reported once.
     { "0.5", 50, "not monitoring, line 1, column 7: a comma before '}'", '{"a":1,}' },
@@ -211,6 +237,7 @@ for i, row in ipairs {
     if result.policy_error then text = text .. ", " .. result.policy_error end
     if result.policy_warnings then text = text .. ", " .. #result.policy_warnings .. " warnings" end
     equal(text, row[3], "cycle " .. i)
+    equal(#result.near, i == 2 and 2 or 0, "near")
     equal({ result.state, dom:get("vxp.filter.FailOpenState"), switched }, { monitor.state,
         monitor.state, result.transition and { result.transition == "left", false } }, "state")
 end
@@ -223,6 +250,16 @@ equal({ pcall(monitor.cycle, monitor), monitor.state }, { false, "Deactivated" }
 monitor.observe = true
 equal({ monitor:cycle().would_enter, monitor.state }, { true, "Deactivated" }, "observed")
 monitor.enforce, monitor.observe = nil, nil
+
+-- The settings that the caller knows can be older than those in force, and without records only
+-- the state shows that the rates are off.
+kinds = "log trace"
+monitor:set_policy(THRESHOLDS:format("20", "5"), { SYS_THR_RUNQ = 5 })
+equal(monitor:cycle().metrics[1].threshold, 20, "in force")
+kinds = "none"
+monitor:set_policy('{"SYS_CONF_CONN_REFUSAL_PORT":80,"SYS_THR_CONN_EST_PER_CPU":{"value":0.5},'
+    .. '"SYS_THR_RUNQ":{"value":8},"SYS_CONF_MIN_ACT_DURATION":0}')
+equal({ monitor:cycle().transition, monitor:cycle().metrics[3].enabled }, { "entered", false })
 set_machine("0.5", 50)
 
 local status = filter.parse_status("SysHealth: tval= 1.000001 a min_dur=60 act_dur=7 port=443 "

@@ -26,6 +26,7 @@ constexpr NumberSetting kNumbers[] = {
     {"memory_mb", &Settings::memory_mb, 64, 16777216},
     {"interval_s", &Settings::interval_s, 1, 3600},
     {"restart_ticks", &Settings::restart_ticks, 1, 1000000},
+    {"uncounted", &Settings::uncounted, 0, 1000000000},
     {"flows", &Settings::flows, 0, 1000000},
     {"blacklist", &Settings::blacklist, 0, 65536},
     {"rules", &Settings::rules, 0, 100000},

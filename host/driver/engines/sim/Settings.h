@@ -24,6 +24,7 @@ struct Settings {
     std::uint64_t memory_mb = 8192;
     std::uint64_t interval_s = 1;  // simulated seconds per tick
     std::uint64_t restart_ticks = 10;
+    std::uint64_t uncounted = 0;  // connections per tick that the counters have no room for
     std::uint64_t flows = 200;
     std::uint64_t blacklist = 20;
     std::uint64_t rules = 20;

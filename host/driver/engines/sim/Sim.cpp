@@ -7,8 +7,10 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include "api/Engine.h"
+#include "api/HostMessages.h"
 #include "api/Profiler.h"
 #include "engines/TextParser.h"
 #include "engines/sim/Machine.h"
@@ -148,8 +150,23 @@ void AdvanceTick(View& view)
     }
     if (settings.port == 0 || settings.port == view.target.port) {
         AddTraffic(settings, view.tick, view.counters);
+        view.uncounted += settings.uncounted;
+        view.uncounted_unread += settings.uncounted;
     }
     ++view.tick;
+}
+
+// Advances the machine and reads its counters. Returns how many new connections none of them has.
+std::uint64_t ReadScan(scan_metrics_request& request)
+{
+    Machine& machine = ProcessMachine();
+    const std::lock_guard<std::mutex> lock(machine.mutex);
+    if (!(machine.view.target == RequestedTarget(request))) {
+        ThrowError(-ENOENT, "port %u is not monitored in that direction", unsigned{request.port});
+    }
+    AdvanceTick(machine.view);
+    WriteCounters(machine.view.counters, request);
+    return std::exchange(machine.view.uncounted_unread, 0);
 }
 
 struct SimOperations : DefaultOperations {
@@ -245,20 +262,17 @@ struct SimOperations : DefaultOperations {
         if (!(machine.view.target == target)) {
             machine.view.target = target;
             machine.view.counters = Counters{};
+            machine.view.uncounted = machine.view.uncounted_unread = 0;
         }
         return 0;
     }
 
     static int GetScanMetrics(vxi_handle_ops_s*, scan_metrics_request* request, unsigned int)
     {
-        Machine& machine = ProcessMachine();
-        const std::lock_guard<std::mutex> lock(machine.mutex);
-        if (!(machine.view.target == RequestedTarget(*request))) {
-            ThrowError(-ENOENT, "port %u is not monitored in that direction",
-                       unsigned{request->port});
+        const std::uint64_t uncounted = ReadScan(*request);
+        if (uncounted > 0) {
+            ReportToHost(UncountedMessage(request->port, uncounted, "simulated lack of room"));
         }
-        AdvanceTick(machine.view);
-        WriteCounters(machine.view.counters, *request);
         return 0;
     }
 

@@ -85,6 +85,7 @@ constexpr StatisticsSlot kSlots[] = {
      [](const View& view) { return std::uint64_t{view.target.direction != 0}; }},
     {NameList::kStatistics2, 9, "scan.port",
      [](const View& view) { return std::uint64_t{view.target.port}; }},
+    {NameList::kStatistics2, 11, "scan.uncounted", [](const View& view) { return view.uncounted; }},
     {NameList::kStatistics2, 10, "sim.tick", [](const View& view) { return view.tick; }},
 
     {NameList::kStatistics3, 0, "TcpExt.TCPSynRetrans", ScanCounter<VXI_SCAN_SYN_RETRANSMITTED>},

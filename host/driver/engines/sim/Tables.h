@@ -17,6 +17,8 @@ struct View {
     std::shared_ptr<const World> world;
     std::uint64_t tick = 0;
     Counters counters{};
+    std::uint64_t uncounted = 0;         // connections that are in no counter
+    std::uint64_t uncounted_unread = 0;  // of these, since the counters were last read
     ScanTarget target;
     std::uint32_t rule_profiling = 0;  // variable 62
     std::uint64_t profiled_since = 0;  // tick at which it became 1

@@ -23,16 +23,15 @@ void ReportProblem(vxi_handle_ops_s* handle, const std::string& message)
 
 void ReportReading(vxi_handle_ops_s* handle, const ScanTarget& target, const ScanReading& reading)
 {
-    const std::string port = "port " + std::to_string(target.port) + ": ";
     if (reading.rebuilt) {
-        ReportProblem(handle, port +
-                                  "the nf_tables table had been removed and was built again: "
+        ReportProblem(handle, "port " + std::to_string(target.port) +
+                                  ": the nf_tables table had been removed and was built again: "
                                   "all counters restart at 0");
     }
     if (reading.uncounted) {
-        ReportProblem(handle, port + std::to_string(reading.uncounted) +
-                                  " new connections are not counted: more than " +
-                                  std::to_string(kHalfOpenMax) + " were half-open at once");
+        ReportProblem(handle, UncountedMessage(target.port, reading.uncounted,
+                                               "more than " + std::to_string(kHalfOpenMax) +
+                                                   " were half-open at once"));
     }
     VXI_TRACE(handle, kEverything, kTraceSource, "%llu connections are half-open",
               static_cast<unsigned long long>(reading.half_open));
