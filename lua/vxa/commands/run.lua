@@ -22,7 +22,7 @@ local session = require "vxa.session"
 --                            run, and error messages
 -- connections(report)        the result of Feedback:report
 -- finish(totals)             after the last cycle
-local LISTENERS = { "record" }
+local LISTENERS = { "record", "observe" }
 
 local reports = { [true] = "vxa.reports.run_json", [false] = "vxa.reports.run_text" }
 

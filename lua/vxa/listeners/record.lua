@@ -13,8 +13,6 @@ local printable = require "vxa.output.printable"
 local function define(command)
     command:option("--record", "Append a row with all six metrics to this CSV file for each "
         .. "cycle; vxa plot draws it."):argname("FILE"):convert(option.file_name("--record"))
-    command:flag("--observe", "Judge nothing and never enter fail-open: only measure, to find "
-        .. "thresholds. Needs --record or --metrics.")
 end
 
 local MARK = "# vxa record 1\n"

@@ -82,7 +82,8 @@ function Picture:tics(has_labels)
         tics[i] = ("%s %.3f"):format(quote(has_labels and tic.label or ""),
             tic.time - self.chart.from)
     end
-    return table.concat(tics, ", ")
+    if #tics == 0 then return "unset xtics" end  -- gnuplot takes an empty list for its default
+    return ("set xtics (%s)"):format(table.concat(tics, ", "))
 end
 
 -- ---- panels -----------------------------------------------------------------------------
@@ -139,7 +140,7 @@ function Picture:panel(i, description, metric)
     self:add("set label 1 %s at graph 0, graph 1.09 left", quote(panel_title(description, metric)))
     self:add("set label 2 %s at graph 1, graph 1.09 right textcolor rgb '%s'",
         quote(threshold_text(metric, threshold)), threshold and THRESHOLD or GREY)
-    self:add("set xtics (%s)", self:tics(i == self.panels))
+    self:add("%s", self:tics(i == self.panels))
     self:add("set yrange [%.9g:%.9g]", bottom, top)
     self:add("set ytics %.9g", tic_step(top))
     self:add("plot %s", table.concat({
