@@ -622,7 +622,7 @@ end
 function Feedback:sample(flows)
     local present, total, new = self:compare(flows)
     if not present then return nil, "interrupted" end
-    for _, flow in ipairs(new) do self:feed(flow) end
+    for _, flow in ipairs(new) do self:feed(flow, self:is_outbound(flow), 1) end
     self.present = present
     return total, #new
 end
@@ -636,26 +636,37 @@ local function row_of(flow, flags)
 end
 
 -- Counts an observation as the module does, which silently drops new keys once it has KEYS_KEPT.
-function Feedback:count(flow, flags, key)
+function Feedback:count(flow, flags, key, count)
     local rows = branch(self.rows, flow.dst)
     local number = flow.dport * FLAGS_LIMIT + flags
     if not rows[number] then
         if self.key_count == filter.KEYS_KEPT then
-            self.refused = self.refused + 1
+            self.refused = self.refused + count
             return
         end
         rows[number], self.key_count = row_of(flow, flags), self.key_count + 1
         self.keys[rows[number]] = key
     end
-    rows[number].count = rows[number].count + 1
+    rows[number].count = rows[number].count + count
 end
 
-function Feedback:feed(flow)
-    local outbound = self.is_local ~= nil and self.is_local(flow.src)
+function Feedback:feed(flow, outbound, count)
     local key, text, flags = filter.observation(flow, outbound)
-    SLB.filter.AddToConnMetrics(key, text, 1)
-    self.fed = self.fed + 1
-    self:count(flow, flags, key)
+    SLB.filter.AddToConnMetrics(key, text, count)
+    self.fed = self.fed + count
+    self:count(flow, flags, key, count)
+end
+
+function Feedback:is_outbound(flow)
+    return self.is_local ~= nil and self.is_local(flow.src)
+end
+
+-- Feeds the rows of another process's rest(), which that process did not publish.
+function Feedback:restore(rows)
+    for _, row in ipairs(rows) do
+        local flow = { protocol = row.protocol, dst = row.dst_addr, dport = row.dst_port }
+        self:feed(flow, row.flags >= filter.OUTBOUND_CONNECTION, row.count)
+    end
 end
 
 -- Returns the seconds until the module can publish, 0 if it can now. If the clock is set back,
@@ -695,13 +706,22 @@ function Feedback:report()
     return report
 end
 
--- Returns what was fed since the last report, not yet published, in the form of a report.
-function Feedback:rest()
+-- Returns `observations` and `refused` of rest().
+function Feedback:pending()
+    return self.fed - self.refused, self.refused
+end
+
+-- Returns what was fed since the last report, not yet published, in the form of a report; with
+-- `in_any_order`, without sorting its rows.
+function Feedback:rest(in_any_order)
     local rows, keys = {}, self.keys
     for row in pairs(keys) do rows[#rows + 1] = row end
-    table.sort(rows, function(a, b) return keys[a] < keys[b] end)
-    sort_by_count(rows)
-    return { rows = rows, observations = self.fed - self.refused, refused = self.refused,
+    if not in_any_order then
+        table.sort(rows, function(a, b) return keys[a] < keys[b] end)
+        sort_by_count(rows)
+    end
+    local observations, refused = self:pending()
+    return { rows = rows, observations = observations, refused = refused,
              since = self.published, time = os.time() }
 end
 

@@ -1,6 +1,8 @@
 -- Connection feedback for this machine: feeds the driver's flows to the filter script.
 
 local addresses = require "vxa.machine.addresses"
+local connection_counts = require "vxa.connection_counts"
+local console = require "vxa.output.console"
 local filter = require "filter"
 local session = require "vxa.session"
 
@@ -9,15 +11,29 @@ local feedback = {}
 local Feedback = {}
 Feedback.__index = Feedback
 
-function feedback.new(attached)
-    local self = setmetatable({ vxa = attached.vxa }, Feedback)
+-- `directory`: where the counts are kept from run to run, if anywhere.
+function feedback.new(attached, directory)
+    local self = setmetatable({ vxa = attached.vxa, directory = directory }, Feedback)
     -- On the simulated machine, whose addresses are not this one's, all flows are inbound.
     local is_real = not attached.vxa.simulated_machine()
     self.script = filter.feedback {
         is_local = is_real and function(address) return self.is_local(address) end or nil,
         interrupted = self.vxa.interrupted,
     }
+    self:load()
     return self
+end
+
+-- What an earlier run fed and its module did not publish is fed again.
+function Feedback:load()
+    local problem
+    self.totals, problem = connection_counts.load(self.vxa, self.directory)
+    self.continues = self.totals.observed > 0
+    if problem then
+        console.complain(("warning: %s; connections are counted from 0"):format(problem))
+    end
+    self.script:restore(self.totals.pending)
+    self.totals.pending = nil
 end
 
 -- Feeds the new flows. Returns the number of flows, of new ones, and of those beyond the size
@@ -30,6 +46,7 @@ function Feedback:sample()
     if not rows then return nil, existing end
     self.is_local = addresses.of_this_machine()  -- they can change at any time
     local flows, new = self.script:sample(rows)
+    if flows then self.totals.observed = self.totals.observed + new end
     return flows, new, existing - #rows
 end
 
@@ -46,13 +63,35 @@ end
 
 -- The next report, or nil if it is not due.
 function Feedback:report()
-    return with_time(self, self.script:report())
+    local report = self.script:report()
+    if report then self.totals:add_report(report) end
+    return with_time(self, report)
 end
 
 -- What was fed since the last report, in the form of a report; nil if nothing was.
 function Feedback:unpublished()
     local report = self.script:rest()
     return #report.rows > 0 and with_time(self, report) or nil
+end
+
+-- Returns how many connections were fed (`observed`) and what became of them: `reported`,
+-- `pending` until the next report, or `refused` by the module for lack of room; their sum is
+-- `observed`. Also the number of `reports`, reported connections by service (`services`, an array
+-- of {protocol, direction, port, count}, and `other`), and whether earlier runs are included:
+-- `continue`.
+function Feedback:counts()
+    local totals = self.totals
+    local pending, refused = self.script:pending()
+    return { observed = totals.observed, reported = totals.reported, pending = pending,
+             refused = totals.refused + refused, reports = totals.reports,
+             services = totals.services, other = totals:other(), continue = self.continues }
+end
+
+-- Saves the counts in the directory, if there is one. Returns nil and a message if that fails.
+function Feedback:save()
+    if not self.directory then return true end
+    local rest = self.script:rest(true)
+    return self.totals:save(self.vxa, self.directory, self.totals.refused + rest.refused, rest.rows)
 end
 
 return feedback

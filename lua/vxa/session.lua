@@ -142,10 +142,13 @@ function session.start_monitoring(options)
     return monitored
 end
 
--- Runs one cycle; the result also has what resources.read returns, as `machine`.
+-- Runs one cycle; the result also has the seconds that it took and, as `machine`, what
+-- resources.read returns.
 function session.run_cycle(monitored)
     simulation.update(monitored.vxa)
+    local started = monitored.vxa.clock()
     local result = monitored.monitor:cycle()
+    result.seconds = monitored.vxa.clock() - started
     result.machine = resources.read(monitored.vxa)
     if result.unpublished then
         monitored.messages:warn_once("cannot update the host document: " .. result.unpublished)

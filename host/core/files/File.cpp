@@ -68,13 +68,18 @@ void File::Throw(const char* operation) const
                             "cannot " + std::string(operation) + " " + m_path);
 }
 
-void File::Write(std::string_view bytes)
+void WriteAll(int fd, std::string_view bytes, const std::string& path)
 {
     while (!bytes.empty()) {
-        const ssize_t written = write(Descriptor(), bytes.data(), bytes.size());
-        if (written < 0 && errno != EINTR) Throw("write");
+        const ssize_t written = write(fd, bytes.data(), bytes.size());
+        if (written < 0 && errno != EINTR) ThrowErrno("cannot write " + path);
         if (written > 0) bytes.remove_prefix(static_cast<std::size_t>(written));
     }
+}
+
+void File::Write(std::string_view bytes)
+{
+    WriteAll(Descriptor(), bytes, m_path);
 }
 
 // fdatasync(2): EINVAL and EROFS mean that the file does not support synchronisation.

@@ -17,6 +17,9 @@ namespace VxaCore {
 // strerror without its shared buffer.
 std::string ErrorText(int error_number);
 
+// Writes all bytes to a file. After a failure it is unknown how many were written.
+void WriteAll(int fd, std::string_view bytes, const std::string& path);
+
 // Owns a descriptor.
 class FileDescriptor {
 public:

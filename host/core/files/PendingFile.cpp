@@ -38,11 +38,16 @@ bool RemoveStale(int folder, const char* name)
     return file && flock(file.Get(), LOCK_EX | LOCK_NB) == 0 && unlinkat(folder, name, 0) == 0;
 }
 
+std::string NameIn(const std::string& path)
+{
+    return path.substr(path.rfind('/') + 1);
+}
+
 }  // namespace
 
 struct PendingFile::State {
     explicit State(const std::string& file_path)
-        : path(file_path), name(path.substr(path.rfind('/') + 1)), folder(OpenDirectoryOf(path))
+        : path(file_path), name(NameIn(path)), folder(OpenDirectoryOf(path))
     {
     }
 
@@ -54,6 +59,7 @@ struct PendingFile::State {
 
     void Create();
     void Name(IfExists if_exists);
+    void FlushContent() const;
     void RemovePart() const;
     bool Has(const std::string& some_name) const;
 
@@ -179,9 +185,13 @@ bool PendingFile::State::ReplaceExisting()
     return true;
 }
 
-void PendingFile::State::Name(IfExists if_exists)
+void PendingFile::State::FlushContent() const
 {
     if (fsync(file.Get()) != 0) ThrowCannotName();
+}
+
+void PendingFile::State::Name(IfExists if_exists)
+{
     if (part.empty() && Link(name)) return;
     const bool is_named =
         if_exists == IfExists::kReplace ? ReplaceExisting() : !part.empty() && RenamePart();
@@ -216,11 +226,18 @@ int PendingFile::Descriptor() const
     return m_state->file.Get();
 }
 
-void PendingFile::Publish(IfExists if_exists)
+void PendingFile::Write(std::string_view bytes)
+{
+    WriteAll(Descriptor(), bytes, Path());
+}
+
+void PendingFile::Publish(IfExists if_exists, Flush flush)
 {
     State& state = *m_state;
+    const bool is_flushed = flush == Flush::kToDisk;
     const FileDescriptor readable(
-        openat(state.folder.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        is_flushed ? openat(state.folder.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1);
+    if (is_flushed) state.FlushContent();
     state.Name(if_exists);
     if (!state.Has(state.name))
         throw std::runtime_error(state.path +
@@ -228,6 +245,26 @@ void PendingFile::Publish(IfExists if_exists)
     state.part.clear();
     // The file has its name now: to report a failure would be wrong.
     if (readable) (void)fsync(readable.Get());
+}
+
+void ReplaceFile(const std::string& path, std::string_view content, mode_t mode)
+{
+    PendingFile file(path);
+    file.Write(content);
+    (void)fchmod(file.Descriptor(), mode);  // some file systems have no modes
+    file.Publish(IfExists::kReplace, Flush::kNot);
+}
+
+void RemoveFile(const std::string& path)
+{
+    const FileDescriptor folder = OpenDirectoryOf(path);
+    const std::string name = NameIn(path);
+    struct stat status;
+    const bool exists = fstatat(folder.Get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+    if (exists && !S_ISREG(status.st_mode))
+        throw std::runtime_error("cannot remove " + path + ": it is not a regular file");
+    if (unlinkat(folder.Get(), name.c_str(), 0) != 0 && errno != ENOENT)
+        ThrowErrno("cannot remove " + path);
 }
 
 }  // namespace VxaCore::Host

@@ -30,7 +30,7 @@ int StoreFailure(vxi_handle_ops_s* handle, Call call, int status, const char* ca
     message.Plain(CallName(call)).Plain(": ").Escaped(cause);
     const bool reads_variable = call == Call::kGetVar || call == Call::kGetVarv;
     if (!reads_variable || status != VXI_E_UNKNOWN_VARIABLE) {
-        handle->failures.Add(CallName(call), status, handle->error);
+        handle->failures.Add(call, status, handle->error);
     }
     return status;
 }
@@ -209,7 +209,7 @@ int vxi_driver_available(vxi_handle_ops_s* handle)
     return Perform(handle, Call::kDriverAvailable, [&] {
         const int available = handle->operations->driver_available(handle);
         if (!available) {
-            handle->failures.Add(CallName(Call::kDriverAvailable), 0, "the driver does not answer");
+            handle->failures.Add(Call::kDriverAvailable, 0, "the driver does not answer");
         }
         return available;
     });

@@ -1,20 +1,25 @@
-// The failed calls that a handle remembers for vxi_failures.
+// The failed calls that a handle remembers for vxi_failures, and those that the process counts.
 #pragma once
 
 #include <algorithm>
 
 #include "api/BoundedText.h"
+#include "api/Call.h"
 #include "vxi/engine.h"
 
 namespace vxi {
 
+// For vxi_failure_counts.
+void CountFailure(Call call);
+
 // A ring of fixed size: out of memory is one of the failures that it keeps.
 class Failures {
 public:
-    void Add(const char* call, int status, const char* message)
+    void Add(Call call, int status, const char* message)
     {
+        CountFailure(call);
         vxi_failure_s& row = m_rows[m_total++ % VXI_FAILURES_KEPT];
-        row.call = call;
+        row.call = CallName(call);
         row.status = status;
         BoundedText(row.message).Plain(message);
     }

@@ -5,6 +5,7 @@
 #include "api/BoundedText.h"
 #include "api/Call.h"
 #include "api/Engine.h"
+#include "api/Failures.h"
 #include "api/Registry.h"
 #include "engines/fault/Fault.h"
 
@@ -61,6 +62,7 @@ vxi_handle_ops_s* vxi_open(void)
     try {
         return OpenHandle().release();
     } catch (const std::exception& error) {
+        CountFailure(Call::kOpen);
         message.Escaped(error.what());
         return nullptr;
     }

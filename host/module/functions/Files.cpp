@@ -1,5 +1,5 @@
-// Files that may belong to other users: vxa.mkdir, vxa.file_kind, vxa.read_file,
-// vxa.read_tail; and the lines of the settings file: vxa.conf_line.
+// Files that may belong to other users: vxa.mkdir, vxa.file_kind, vxa.read_file, vxa.read_tail,
+// vxa.replace_file, vxa.remove_file; and the lines of the settings file: vxa.conf_line.
 #include <errno.h>
 
 #include <algorithm>
@@ -14,6 +14,7 @@
 #include "boundary/Holder.h"
 #include "boundary/Values.h"
 #include "vxa_core/files.h"
+#include "vxa_core/pending_file.h"
 
 namespace vxa {
 
@@ -95,6 +96,21 @@ int ReadTail(lua_State* L)
     return 2;
 }
 
+// replace_file(path, bytes [, is_public])
+int ReplaceFile(lua_State* L)
+{
+    const char* path = CheckPath(L, 1);
+    const std::string_view bytes = CheckBytes(L, 2);
+    const mode_t mode = lua_toboolean(L, 3) ? 0644 : 0600;
+    return PushSuccess(L, [&] { VxaCore::Host::ReplaceFile(path, bytes, mode); });
+}
+
+int RemoveFile(lua_State* L)
+{
+    const char* path = CheckPath(L, 1);
+    return PushSuccess(L, [&] { VxaCore::Host::RemoveFile(path); });
+}
+
 // The filter module reads the settings with fgets(3) into a buffer of this size: each piece of a
 // longer line counts as a line.
 constexpr std::size_t kLineBuffer = 1024;
@@ -131,8 +147,10 @@ int ConfLine(lua_State* L)
 }
 
 constexpr luaL_Reg kFunctions[] = {
-    {"mkdir", MakeDirectory}, {"file_kind", FileKind}, {"read_file", ReadFile},
-    {"read_tail", ReadTail},  {"conf_line", ConfLine}, {nullptr, nullptr},
+    {"mkdir", MakeDirectory},      {"file_kind", FileKind},
+    {"read_file", ReadFile},       {"read_tail", ReadTail},
+    {"replace_file", ReplaceFile}, {"remove_file", RemoveFile},
+    {"conf_line", ConfLine},       {nullptr, nullptr},
 };
 
 }  // namespace

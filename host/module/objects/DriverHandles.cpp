@@ -1,4 +1,4 @@
-// Driver handles: vxa.open and the methods of what it returns.
+// Driver handles: vxa.open and the methods of what it returns; vxa.driver_failures.
 #include <algorithm>
 #include <climits>
 
@@ -13,6 +13,7 @@ namespace {
 constexpr char kHandleType[] = "vxi_handle_t*";  // the filter module identifies handles by it
 constexpr unsigned kErrorBytes = 256;
 constexpr unsigned kCapabilityRows = 32;  // more than any engine has
+constexpr unsigned kMostCalls = 32;       // more than the driver interface has
 
 // The layout that the filter module reads; a null pointer is a closed handle.
 struct HandleBlock {
@@ -99,6 +100,21 @@ int Failures(lua_State* L)
     return 2;
 }
 
+// driver_failures(): an array of {call=, count=}, one for each call of the driver interface.
+int DriverFailures(lua_State* L)
+{
+    vxi_failure_count_s rows[kMostCalls];
+    const unsigned calls = std::min(vxi_failure_counts(rows, kMostCalls), kMostCalls);
+    lua_createtable(L, static_cast<int>(calls), 0);
+    for (unsigned i = 0; i < calls; ++i) {
+        lua_createtable(L, 0, 2);
+        SetString(L, "call", rows[i].call);
+        SetNumber(L, "count", static_cast<lua_Number>(rows[i].count));
+        lua_rawseti(L, -2, static_cast<int>(i) + 1);
+    }
+    return 1;
+}
+
 unsigned CheckUnsigned(lua_State* L, int index)
 {
     const double value = luaL_checknumber(L, index);
@@ -126,6 +142,12 @@ constexpr luaL_Reg kMethods[] = {
     {nullptr, nullptr},
 };
 
+constexpr luaL_Reg kFunctions[] = {
+    {"open", Open},
+    {"driver_failures", DriverFailures},
+    {nullptr, nullptr},
+};
+
 }  // namespace
 
 vxi_handle_ops_s* CheckHandle(lua_State* L)
@@ -148,8 +170,7 @@ void OpenDriverHandles(lua_State* L)
 {
     RegisterConnections(L);
     RegisterClass(L, kHandleType, kMethods, Close);
-    lua_pushcfunction(L, Open);
-    lua_setfield(L, -2, "open");
+    luaL_setfuncs(L, kFunctions, 0);
 }
 
 }  // namespace vxa

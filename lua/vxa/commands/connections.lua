@@ -30,27 +30,24 @@ local function sample(attached, report, totals)
         return
     end
     totals.samples = totals.samples + 1
-    totals.observations = totals.observations + new
     report:sample { time = attached.vxa.time(), flows = flows, new = new, beyond = beyond }
 end
 
-local function publish(attached, report, totals)
+local function publish(attached, report)
     local published = attached.feedback:report()
-    if not published then return end
-    totals.reported = totals.reported + published.observations
-    report:report(published)
+    if published then report:report(published) end
 end
 
 -- Sleeps until the next sample, waking for a report that is due earlier. Returns false on a
 -- signal.
-local function wait(attached, due, report, totals)
+local function wait(attached, due, report)
     local vxa = attached.vxa
     while due > vxa.clock() do
         local left = due - vxa.clock()
         if not vxa.sleep(math.min(left, math.max(attached.feedback:due(), 0.1))) then
             return false
         end
-        publish(attached, report, totals)
+        publish(attached, report)
     end
     return true
 end
@@ -62,11 +59,11 @@ local function run_samples(attached, options, report, totals)
         sample(attached, report, totals)
         attached.messages:take()
         attached.messages:show()
-        publish(attached, report, totals)
+        publish(attached, report)
         tried = tried + 1
         if tried == options.cycles then return end
         due = session.next_due(vxa, due, options.interval)
-        if not wait(attached, due, report, totals) then return end
+        if not wait(attached, due, report) then return end
     end
 end
 
@@ -75,11 +72,12 @@ local function run(options)
     session.capture_logs(attached, options)
     attached.feedback = connection_feedback.new(attached)
     local report = require(reports[options.json == true]).new(attached, options)
-    local totals = { samples = 0, observations = 0, reported = 0, started = attached.vxa.clock() }
+    local totals = { samples = 0, started = attached.vxa.clock() }
     report:start()
     run_samples(attached, options, report, totals)
     local unpublished = attached.feedback:unpublished()
     if unpublished then report:unpublished(unpublished) end
+    totals.connections = attached.feedback:counts()
     totals.seconds = attached.vxa.clock() - totals.started
     totals.interrupted = attached.vxa.interrupted()
     report:finish(totals)

@@ -21,8 +21,10 @@ local session = require "vxa.session"
 -- cycle(result, errors)      the result of Monitor:cycle in lua/filter.lua with its `number` in the
 --                            run, and error messages
 -- connections(report)        the result of Feedback:report
+-- saved()                    the cycle and its publication are over, and the connection counts are
+--                            in the state directory
 -- finish(totals)             after the last cycle
-local LISTENERS = { "record", "observe" }
+local LISTENERS = { "record", "observe", "metrics" }
 
 local reports = { [true] = "vxa.reports.run_json", [false] = "vxa.reports.run_text" }
 
@@ -102,21 +104,24 @@ end
 -- ---- connections ------------------------------------------------------------------------
 
 -- Call before the cycle, so that its records include the driver's messages from here.
-local function feed(monitored, totals)
-    local flows, new = monitored.feedback:sample()
-    if flows then
-        totals.observations = totals.observations + new
-    elseif not monitored.vxa.interrupted() then
+local function feed(monitored)
+    local flows, message = monitored.feedback:sample()
+    if not flows and not monitored.vxa.interrupted() then
         monitored.messages:warn_once(("cannot read connections: %s (none are reported)")
-            :format(new))
+            :format(message))
     end
 end
 
-local function publish(monitored, listeners, totals)
+local function publish(monitored, listeners)
     local published = monitored.feedback:report()
-    if not published then return end
-    totals.reported = totals.reported + published.observations
-    notify(listeners, "connections", published)
+    if published then notify(listeners, "connections", published) end
+end
+
+local function save_counts(monitored)
+    local saved, message = monitored.feedback:save()
+    if not saved then
+        monitored.messages:warn_once(message .. " (connection counts are not kept)")
+    end
 end
 
 -- ---- cycles -----------------------------------------------------------------------------
@@ -161,7 +166,7 @@ local function run_cycles(monitored, options, listeners, totals)
     local vxa = monitored.vxa
     local due, awake = vxa.clock(), true
     while awake and not vxa.interrupted() do
-        feed(monitored, totals)
+        feed(monitored)
         local result = session.run_cycle(monitored)
         if was_cut_short(vxa, result) then return end
         count(totals, result)
@@ -169,7 +174,9 @@ local function run_cycles(monitored, options, listeners, totals)
         notify(listeners, "cycle", result, monitored.messages:errors())
         monitored.messages:show()
         advise(monitored, options, result)
-        publish(monitored, listeners, totals)
+        publish(monitored, listeners)
+        save_counts(monitored)
+        notify(listeners, "saved")
         if totals.cycles == options.cycles then return end
         due = session.next_due(vxa, due, options.interval)
         awake = wait(monitored, options, listeners, totals, due)
@@ -179,16 +186,18 @@ end
 local function run(options)
     local monitored = session.start_monitoring(options)
     local vxa = monitored.vxa
-    monitored.feedback = connection_feedback.new(monitored)
+    monitored.feedback = connection_feedback.new(monitored, options.state)
     monitored.has_terminal = has_terminal(vxa)
     vxa.reload_on_hangup()
     local listeners = make_listeners(monitored, options)
-    local totals = { cycles = 0, measured = 0, disabled = 0, entered = 0, observations = 0,
-                     reported = 0, started = vxa.clock(), state = monitored.monitor.state }
+    local totals = { cycles = 0, measured = 0, disabled = 0, entered = 0, started = vxa.clock(),
+                     state = monitored.monitor.state }
     notify(listeners, "start")
     run_cycles(monitored, options, listeners, totals)
     totals.seconds = vxa.clock() - totals.started
     totals.interrupted = totals.interrupted or vxa.interrupted()
+    save_counts(monitored)
+    totals.connections = monitored.feedback:counts()
     totals.unpublished = monitored.feedback:unpublished()
     notify(listeners, "finish", totals)
     session.close_document(monitored)

@@ -21,7 +21,7 @@ local KEY_ORDER = {
     "flags", "cf_ssl_connection", "cf_start_tls", "cf_udp_connection", "cf_outbound_connection",
     "cf_rsa_key_imported", "cf_qoagent_key_imported", "cf_qoagent_key_not_found",
     "cf_qoagent_key_error", "cf_qoagent_fail_open", "cf_qoagent_throttled", "cf_qoagent_banned",
-    "cf_do_dpi", "count", "samples", "observations", "reported", "refused", "seconds",
+    "cf_do_dpi", "count", "samples", "observations", "reported", "pending", "refused", "seconds",
     "interrupted",
     "path", "entries", "bytes", "packed_bytes", "text", "manifest", "manifest_error", "verified",
     "matching", "problems", "problem", "entry", "change", "kind", "service", "older", "newer",

@@ -58,7 +58,8 @@ end
 function Report:finish(totals)
     json_records.print {
         record = "end", time = self:now(), samples = totals.samples,
-        observations = totals.observations, reported = totals.reported,
+        observations = totals.connections.observed, reported = totals.connections.reported,
+        pending = totals.connections.pending, refused = totals.connections.refused,
         seconds = json_records.duration(totals.seconds), interrupted = totals.interrupted,
     }
 end

@@ -43,6 +43,14 @@ function connections_text.refused(report)
         format.count(report.refused, "connection"), filter.KEYS_KEPT)
 end
 
+-- Prints what became of the connections that were fed, if any.
+function connections_text.balance(counts)
+    if counts.observed == 0 then return end
+    console.line("connections%s: %d observed = %d reported + %d pending + %d refused",
+        counts.continue and ", earlier runs included" or "", counts.observed, counts.reported,
+        counts.pending, counts.refused)
+end
+
 -- Returns the time of the next report.
 function connections_text.next_report(feedback)
     return timestamps.inline(os.time() + feedback:due())
@@ -92,9 +100,9 @@ function Report:unpublished(report)
 end
 
 function Report.finish(_, totals)
-    console.line("%s in %s: %s, %d of them reported", format.count(totals.samples, "sample"),
-        format.duration(totals.seconds), format.count(totals.observations, "new connection"),
-        totals.reported)
+    connections_text.balance(totals.connections)
+    console.line("%s in %s", format.count(totals.samples, "sample"),
+        format.duration(totals.seconds))
 end
 
 return connections_text

@@ -60,7 +60,8 @@ function Report:finish(totals)
     self:print {
         record = "end", time = self:now(), cycles = totals.cycles,
         measured = totals.measured, entered = totals.entered,
-        observations = totals.observations, reported = totals.reported,
+        observations = totals.connections.observed, reported = totals.connections.reported,
+        pending = totals.connections.pending, refused = totals.connections.refused,
         seconds = json_records.duration(totals.seconds), state = totals.state,
         interrupted = totals.interrupted,
     }

@@ -201,6 +201,7 @@ function Report:finish(totals)
             connections_text.next_report(self.monitored.feedback))
         connections_text.refused(totals.unpublished)
     end
+    connections_text.balance(totals.connections)
     console.line("%s in %s, %d measured, fail-open entered %s; %s",
         format.count(totals.cycles, "cycle"), format.duration(totals.seconds), totals.measured,
         format.count(totals.entered, "time"), totals.state == filter.ACTIVATED

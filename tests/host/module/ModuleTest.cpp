@@ -84,6 +84,7 @@ const std::string kScripts[] = {
     "vxa.trace('a.*', true) vxa.log_to(dir .. '.log') vxa.log_to()",
     "vxa.capture(true) vxa.captured() vxa.capture(false) vxa.open():capabilities()",
     "vxa.parse_json('{\"a\":[1,\"b\"]}', 1, false, {}) vxa.hexdump(vxa.printable('\\0'))",
+    "vxa.driver_failures() vxa.replace_file(dir, 'a', true) vxa.remove_file(dir)",
     "vxa.conf_line('A=1', 1) vxa.read_file('/etc/passwd', 1e6) vxa.read_file('/', 1)",
 };
 

@@ -74,6 +74,12 @@ SLB.filter.AddDriverDiagnostics(kept, handle, archive)  -- the event can only be
 vxa.fault()
 same({ handle:failures() }, { { { call = "vxi_get_stats", status = -5,
     message = "engine sim: vxi_get_stats: Input/output error" } }, 0 }, "failures")
+vxa.fault "vxi_open=-13"
+vxa.open()
+vxa.fault()
+local failed = ""
+for _, row in ipairs(vxa.driver_failures()) do failed = failed .. row.count end
+same(failed, "1010000000000", "failures of the process")
 kept = assert(vxa.Dom(state))
 vxa.capture(false)
 local records = vxa.captured()
@@ -183,6 +189,16 @@ local folder = scratch .. "/made/b/"
 check(shell("umask 077; %s -e \"require('vxa').mkdir('%s')\"; test $(stat -c %%a %s) = 755", LUA,
     folder, folder), "mode of a directory")
 refused(log .. " is not a directory", vxa.mkdir(log .. "/x"))
+
+check(shell("cd %s; echo old >m; cp -p m n; mkfifo p; ln -s n l; mkdir d", scratch), "more files")
+same(vxa.replace_file(scratch .. "/m", "new\n", true), true, "replace_file")
+check(shell("cd %s; umask 077; echo new | cmp - m; test $(stat -c %%a m) = 644", scratch), "m")
+for _, name in ipairs { "l", "p", "d" } do
+    refused("File exists", vxa.replace_file(scratch .. "/" .. name, ""))
+    refused("is not a regular file", vxa.remove_file(scratch .. "/" .. name))
+end
+for _ = 1, 2 do same(vxa.remove_file(scratch .. "/m"), true, "remove_file") end
+same(t.read(scratch .. "/n"), "old\n", "another link of the file")
 
 local grows = scratch .. "/grows"
 check(shell("cd %s; mkfifo fifo; ln -s log.jsonl link; touch h; ln h hard", scratch), "files")

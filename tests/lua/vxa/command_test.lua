@@ -37,6 +37,7 @@ write {
     ["outbound.json"] = '{"SYS_CONF_CONN_REFUSAL_PORT":80,"SYS_CONF_CONN_REFUSAL_OUTBOUND":1}',
     ["portless.json"] = '{"SYS_THR_CONN_REFUSAL_PCT": {"value": 10}}',
     ["large.json"] = (" "):rep(1048577), ["other.zip"] = "kept as it is",
+    ["other.prom"] = "apt_upgrades_pending 1\n",
 }
 -- For the linux engine. As on a real machine, nproc obeys OMP_NUM_THREADS, uptime the locale.
 write({
@@ -50,7 +51,7 @@ for _, name in ipairs { "vxa.lua", "fc.lua", "filter.lua", "argparse.lua", "upti
     write { [name] = "#!/bin/sh\necho run >hostile\n" }
 end
 local HOSTILE = "PATH=.:$PATH LUA_INIT='error()' LUA_PATH='./?.lua' LUA_CPATH='/nonexistent/?.so'"
-equal(select(2, shell([[mkdir folder; mkdir -m 755 lib; mkdir -m 777 shared; mkfifo fifo
+equal(select(2, shell([[mkdir folder; mkdir -m 755 lib; mkdir -m 777 shared; mkfifo fifo fifo.prom
     chmod +x uptime nproc; ln -s other.zip link; ln -s %s/bin/vxa '../it is']], ROOT)), 0, "set-up")
 
 -- Runs vxa; returns standard output, exit status and standard error. `hook`: a Lua module, and
@@ -84,6 +85,11 @@ for _, row in ipairs {
     { "diag a.zip --profile 0", 2, "%-%-profile must be a number of seconds above 0" },
     { "run", 2, "unknown engine 'none'; known are: .*linux.*sim", "VXI_ENGINE=none" },
     { "run", 2, "VXI_SIM cannot be read at character 6: expected a number", "VXI_SIM=cpus=x" },
+    { "run --metrics a.txt", 2, "%-%-metrics must be a file name that ends in .prom, not 'a.txt'" },
+    { "run --metrics-services", 2, "%-%-metrics%-services needs %-%-metrics" },
+    { "run --metrics other.prom", 2, "other.prom exists and is not a metrics file of vxa; it is" },
+    { "run --metrics fifo.prom", 2, "metrics file fifo.prom: not a regular file" },
+    { "run --metrics none/a.prom", 1, "cannot write none/a.prom: none: No such file" },
     { "run --trace SysHealth", 2, "unknown trace category 'SysHealth'; .*SysHealth.eng" },
     { "run --policy broken.json", 2, "policy broken.json: line 2, column 19: unexpected '}'" },
     { "run --policy mistyped.json", 2, 'mistyped.json: .* must be 30, not "30" %(%-%-lenient' },
@@ -189,7 +195,8 @@ for _, row in ipairs {
       .. '"over_since":"2.-"frepct","value":null,"threshold":null,"unit":"%%","enabled":false,'
       .. '"over":false,.-"over":%["rqpct"%],"near":%[%],"transition":"entered","causes":%['
       .. '{"name":"rqpct",.-"min_fail_open_s":120,"in_fail_open_s":0,"fail_open_until":"2.-\n'
-      .. '{"record":"end",.-"cycles":2,"measured":2,"entered":1,.-"interrupted":false}\n'
+      .. '{"record":"end",.-"cycles":2,"measured":2,"entered":1,"observations":200,'
+      .. '"reported":0,"pending":200,"refused":0,.-"interrupted":false}\n'
       .. '{[^}]*"vxp.filter.FailOpenState":%s*"Activated"' },
     { "status --port 443 --outbound --trace SysHealth.metr", "", "^monitoring  enabled.*\n"
       .. "policy      built%-in default.*\nport        443, outbound.*\nfail%-open   lasts at "
@@ -205,9 +212,10 @@ for _, row in ipairs {
       "every 0.01 s\n.* every 61 seconds; first report at [%d -]-%d%d:%d%d:%d%d%.\n.*  100 flows, "
       .. "100 new\n.*  100 flows, 0 new\n.*  not published yet: 100 new connections to %d services "
       .. "since .*\n count  protocol  direction  destination\n    %d%d  tcp       in         "
-      .. "10.0.0.1:443\n.*  in +%[2001:db8::1%]:443\n.*\n2 samples in .*: 100 new connections, 0" },
+      .. "10.0.0.1:443\n.*  in +%[2001:db8::1%]:443\n.*\nconnections: 100 "
+      .. "observed = 0 reported %+ 100 pending %+ 0 refused\n2 samples in " },
     { "connections --cycles 1", "VXI_SIM=flows=3", "  report: 3 new connections to 1 service since "
-      .. ".*\nNext report at .*\n.*, 3 of them reported\n$", nil, 0, DUE },
+      .. ".*\nNext report at .*\n1 sample in [^\n]*\n$", nil, 0, DUE },
     { "connections --cycles 1 --json", "VXI_SIM=flows=3", '^{"record":"start",.*{"record":"sample",'
       .. '.*{"record":"report",.*"published":true.*{"record":"connection",.*{"record":"report",.*'
       .. '"published":false.*{"record":"connection",.*\n{"record":"end",', nil, 0, DUE },
@@ -344,6 +352,11 @@ equal({ err, status, out, (shell "ls -AR") },
 
 -- A shell command once the first cycle is out, in the middle of the wait.
 for _, row in ipairs {
+    { "kill -9 $pid", { "^status 137\n", "\n# TYPE vxa_cycles_total counter\nvxa_cycles_total"
+      .. "{result=\"normal\"} 1\nvxa_cycles_total{result=\"fail_open\"} 0\n", "vxa_monitoring_"
+      .. "enabled 1\n", "causes_total{metric=\"delta_t\"} 0\n", "pressure_ratio{metric=\"rqpct\"} "
+      .. "0.35\n", "_processes 2.8\n", "_threshold_processes 8\n", "call=\"vxi_open\"} 0\n",
+      "observed_total 200\n", "vxa_reports_total 0\n$" } },
     { "kill -INT $pid", "^status 0\n.*\n1 cycle in [^\n]*; ended enforcing\n$" },
     -- SIGHUP reloads the policy; one that is refused leaves the old in force.
     { "cp mistyped.json changing.json; kill -HUP $pid; wait_for stays; cp instant.json "
@@ -352,12 +365,13 @@ for _, row in ipairs {
       .. "inbound, stays monitored until vxa is restarted\npolicy reloaded: .*\n1 cycle in " },
 } do
     matches(shell([[: >out; cp runq.json changing.json
-        VXI_ENGINE=sim %s/bin/vxa run --policy changing.json --interval 40 >out 2>&1 & pid=$!
+        VXI_ENGINE=sim %s/bin/vxa run --policy changing.json --interval 40 --metrics a.prom \
+            >out 2>&1 & pid=$!
         wait_for() {
             n=0; until grep -q "$1" out || [ $n -ge 400 ]; do sleep 0.05; n=$((n + 1)); done
         }
         wait_for normal
-        %s; wait $pid; echo "status $?"; cat out]], ROOT, row[1]), row[2], row[1])
+        %s; wait $pid; echo "status $?"; cat out a.prom 2>&-]], ROOT, row[1]), row[2], row[1])
 end
 
 testing.finish()

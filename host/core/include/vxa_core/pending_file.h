@@ -1,8 +1,11 @@
 // Files that get their name when they are complete.
 #pragma once
 
+#include <sys/types.h>
+
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "VxaCore/Export.h"
 
@@ -10,6 +13,10 @@ namespace VxaCore::Host {
 
 // What Publish does if a file has the name already.
 enum class IfExists { kReplace, kFail };
+
+// Whether Publish waits until the disk has the file. Without that, a power failure can bring back
+// the replaced file or, on some file systems, leave an empty one.
+enum class Flush { kToDisk, kNot };
 
 // A new file in the folder of `path`, readable by its owner only. Write it through its
 // descriptor, then name it `path` with Publish.
@@ -35,15 +42,27 @@ public:
     // Open for reading and writing during the lifetime of this object.
     int Descriptor() const;
 
+    // Appends the bytes. Throws std::system_error with the path and the reason.
+    void Write(std::string_view bytes);
+
     // Flushes the content to the disk, names the file, and flushes the folder (if it can be
-    // read). With kFail, a file that has the name is never replaced, even one that appeared a
-    // moment ago; with kReplace, only a regular file is. Throws std::runtime_error with the path
-    // and the reason. Call it once.
-    void Publish(IfExists if_exists);
+    // read); with Flush::kNot, only names it. With kFail, a file that has the name is never
+    // replaced, even one that appeared a moment ago; with kReplace, only a regular file is.
+    // Throws std::runtime_error with the path and the reason. Call it once.
+    void Publish(IfExists if_exists, Flush flush = Flush::kToDisk);
 
 private:
     struct State;
     std::unique_ptr<State> m_state;
 };
+
+// Makes `path` a regular file with this content and mode, in place of the one of that name if
+// there is one: readers find either file, whole. For files that are replaced often: it is not
+// flushed to the disk. Throws std::runtime_error with the path and the reason.
+VXA_CORE_API void ReplaceFile(const std::string& path, std::string_view content, mode_t mode);
+
+// Removes the regular file `path`, if there is one. On the way to it, a symbolic link is followed
+// only if root or the caller owns it. Throws std::runtime_error with the path and the reason.
+VXA_CORE_API void RemoveFile(const std::string& path);
 
 }  // namespace VxaCore::Host

@@ -104,6 +104,17 @@ typedef struct vxi_latest_scan_s {
  * and does not advance the simulated machine. */
 VXI_API void vxi_latest_scan(vxi_latest_scan_s* scan);
 
+/* How often a call has failed since the process started. */
+typedef struct vxi_failure_count_s {
+    const char* call; /* "vxi_get_stats"; lives for the process */
+    uint64_t count;
+} vxi_failure_count_s;
+
+/* Fills up to `count` rows, one for each call that can fail, always in the same order, and
+ * returns the number of such calls. Counts what vxi_failures counts, on all handles, closed ones
+ * included, and failures of vxi_open. */
+VXI_API unsigned int vxi_failure_counts(vxi_failure_count_s* rows, unsigned int count);
+
 /* Makes calls on any engine fail as the script says, on open handles, too; see
  * engines/fault/README.md. For tests and rehearsals. The environment variable VXI_FAULT holds the
  * first script; an empty or null one removes all faults. Returns -EINVAL and keeps the former
