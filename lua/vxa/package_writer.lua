@@ -62,14 +62,15 @@ function Writer:choose_policy()
     end
 end
 
--- Returns the policy of a record of `vxa run --state`.
+-- Returns the policy of a record of `vxa run --state`, which may be anything.
 local function recorded_policy(record)
+    local function text(value) return type(value) == "string" and printable(value) or json.null end
     local settings = json_records.settings {}
     for key, value in pairs(type(record.settings) == "table" and record.settings or {}) do
-        if type(key) == "string" and type(value) == "number" then settings[key] = value end
+        if type(value) == "number" then settings[key] = value end
     end
-    return { source = printable(tostring(record.policy_source)), settings = settings,
-             recorded = printable(tostring(record.time)), warnings = array {} }
+    return { source = text(record.policy_source), settings = settings,
+             recorded = text(record.time), warnings = array {} }
 end
 
 -- A run that lives knows best what is in force.
@@ -100,7 +101,7 @@ function Writer:state_member()
         return value or self:without("state." .. member, reason)
     end
     return {
-        directory = printable(directory), in_use = self.attached.is_document_in_use,
+        directory = printable(directory), in_use = self.attached.is_document_in_use == true,
         fail_open = known("fail_open", self:fail_open()),
         last_transition = known("last_transition", self.state.transition,
             self.state_entries[1].reason or "no transition was recorded"),
@@ -127,13 +128,12 @@ local function failed_calls(failures)
     return rows
 end
 
-local MOST_EVENTS = 1000
-
-local function event_rows(events)
+function Writer:events_member()
+    if self.events_error then return self:without("events", self.events_error) end
     local rows = array {}
-    for i = 1, math.min(#events, MOST_EVENTS) do
-        rows[i] = { time = timestamps.with_offset(events[i].time), id = events[i].id,
-                    text = printable(events[i].text) }
+    for i, event in ipairs(self.events) do
+        rows[i] = { time = timestamps.with_offset(event.time), id = event.id,
+                    text = printable(event.text) }
     end
     return rows
 end
@@ -159,7 +159,7 @@ function Writer:manifest()
         host = found.host, user = found.user, engine = self.attached.engine,
         profile_s = self.options.profile or json.null,
         capabilities = self:capabilities_member(), policy = self:policy_member(),
-        state = self:state_member(), events = event_rows(self.events),
+        state = self:state_member(), events = self:events_member(),
         failed_calls = failed_calls(self.driver.failures),
         failed_calls_dropped = self.driver.dropped, entries = entries, unknown = self.unknown,
     }
@@ -186,12 +186,18 @@ local function by_name(list)
     return found
 end
 
--- Returns the events after the first `count`, and the number of all. A document kept in a
--- directory has those of earlier runs.
-local function events_after(dom, count)
-    local events, message = dom:events()
-    if not events then return nil, message end
-    return { table.unpack(events, count + 1) }, #events
+-- Keeps the events that the function writes. A document kept in a directory also has those of
+-- earlier runs.
+function Writer:collect_events(write)
+    local dom = self.attached.dom
+    local earlier, message = dom:events()
+    write()
+    if earlier then
+        local all
+        all, message = dom:events()
+        self.events = all and { table.unpack(all, #earlier + 1) }
+    end
+    self.events_error, self.events = not self.events and message or nil, self.events or {}
 end
 
 function Writer:log_row(row)
@@ -205,16 +211,14 @@ function Writer:log_row(row)
 end
 
 function Writer:add_driver_tables(archive)
-    local driver, dom = self.driver, self.attached.dom
-    local earlier, count = events_after(dom, 0)
-    if not earlier then return nil, "cannot read the events: " .. count end
-    if driver.handle then
+    local driver = self.driver
+    self:collect_events(function()
+        if not driver.handle then return end
         driver.rows, driver.capabilities_error = driver.handle:capabilities()
         driver.capabilities = by_name(driver.rows or {})
-        SLB.filter.AddDriverDiagnostics(dom, driver.handle, archive)
+        SLB.filter.AddDriverDiagnostics(self.attached.dom, driver.handle, archive)
         driver.failures, driver.dropped = driver.handle:failures()
-    end
-    self.events = events_after(dom, count)
+    end)
     self.rows = package_problems.entries(by_name(archive:entries()), driver)
     for _, row in ipairs(self.rows) do self:log_row(row) end
     for _, failure in ipairs(driver.failures) do
@@ -265,7 +269,7 @@ end
 -- writer has
 --   rows     one for each entry of the manifest, as package_problems.entries returns them
 --   driver   see there
---   events   the agent events that were written meanwhile
+--   events   the agent events that were written meanwhile, as far as they could be read
 --   added    the archive's entries, as archive:entries() returns them
 function Writer:fill(file)
     local archive, message = self.vxa.ZipOutputStream(file)

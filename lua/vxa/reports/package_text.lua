@@ -144,13 +144,19 @@ local function failures_line(content)
         format.count(#(content.events or {}), "event"))
 end
 
+-- One line for all entries that lack the same for the same reason.
 local function problem_rows(content)
-    local lines = {}
+    local groups, lines = {}, {}
     for _, row in ipairs(content.entries) do
-        if row.state ~= "ok" then
-            lines[#lines + 1] = ("%s %s: %s"):format(row.state, row.name,
-                row.reason or "no reason is given")
+        local last, reason = groups[#groups], row.reason or "no reason is given"
+        if last and last.state == row.state and last.reason == reason then
+            last.names = last.names .. ", " .. row.name
+        elseif row.state ~= "ok" then
+            groups[#groups + 1] = { state = row.state, reason = reason, names = row.name }
         end
+    end
+    for i, group in ipairs(groups) do
+        lines[i] = ("%s %s: %s"):format(group.state, group.names, group.reason)
     end
     return lines
 end

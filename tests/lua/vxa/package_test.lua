@@ -96,7 +96,13 @@ equal({ manifest.host.name, manifest.user.uid, manifest.build_ids["vxa.so"], man
 matches(command "show p.zip", "^host .*\npolicy +P, 1 setting, in force since T1\nstate +fail%-open"
     .. "; entered at T2: a 9, threshold 8\n.*\nlacking +incomplete state/transitions.jsonl: .*\n"
     .. "sums +8 entries match the manifest\n\nentry ")
-equal(select(2, command "diag p.zip --force --state /proc/none --port 443"), 1, "no directory")
+local conf = os.getenv "FAKE_MACHINE" .. "/etc/vx_filter.conf"
+os.execute("mkfifo " .. conf)
+equal(select(2, command "diag p.zip --force --state /proc/none"), 1, "no directory")
+matches(command "show p.zip", "\npolicy +not known: configuration /etc/[^\n]* regular file\n.*"
+    .. "\nnot known +state.fail_open: .*\n +state.last_transition: .*\n +state.last_cycle: ")
+os.remove(conf)
+command "diag p.zip --force --port 443"
 equal(show("p.zip").manifest.policy.settings.SYS_CONF_CONN_REFUSAL_PORT, 443, "port")
 kept:close()
 
