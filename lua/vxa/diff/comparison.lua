@@ -11,7 +11,7 @@ local tables = require "vxa.diff.tables"
 -- ---- what is known about the entries ----------------------------------------------------
 
 local function parse_records(text, check)
-    return lines.parse(text, function(line) return { key = line, value = "" } end, check)
+    return lines.parse(text, function(line) return { key = line } end, check)
 end
 
 local RECORDS = { title = "records", parse = parse_records, compare = tables.records }
@@ -50,8 +50,8 @@ local function shape(heading)
     return heading and (heading:gsub("%f[%w]at tick %d+", ""):gsub("%d+", "N"))
 end
 
-local incomplete = { "incomplete", "unreadable", "missing", "do not fit", "is cut", "no slot",
-                     "showing %d+ of %d+ flows" }
+local incomplete = { "^skipped ", "incomplete", "unreadable", "missing", "do not fit", "is cut",
+                     "no slot", "showing %d+ of %d+ flows" }
 
 local function note_incomplete(found, side, parsed)
     for _, heading in ipairs(parsed.headings) do
@@ -154,22 +154,6 @@ end
 
 -- ---- both packages ----------------------------------------------------------------------
 
--- Adds digests to entries of the same size: the others differ.
-local function add_digests(vxa, packages, check)
-    local bytes = 0
-    local wanted = {}
-    for _, entry in ipairs(packages.older.list) do
-        local other = packages.newer.entries[entry.name]
-        if other and other.bytes == entry.bytes and not own[entry.name]
-            and bytes + entry.bytes <= MOST_BYTES_IN_ALL then
-            bytes, wanted[entry.name] = bytes + entry.bytes, true
-        end
-    end
-    for _, side in ipairs(SIDES) do
-        packages[side]:add_digests(vxa, function(entry) return wanted[entry.name] end, check)
-    end
-end
-
 -- Returns the names of entries, those that this command knows and the others.
 local function names_of(packages)
     local known, others, seen = {}, {}, {}
@@ -181,6 +165,23 @@ local function names_of(packages)
         end
     end
     return known, others
+end
+
+-- Adds digests to entries of the same size, first to those that this command knows: entries of
+-- different sizes differ.
+local function add_digests(vxa, packages, known, others, check)
+    local bytes, wanted = 0, {}
+    for _, names in ipairs { known, others } do
+        for _, name in ipairs(names) do
+            local old, new = packages.older.entries[name], packages.newer.entries[name]
+            local is_wanted = old and new and old.bytes == new.bytes
+                and bytes + old.bytes <= MOST_BYTES_IN_ALL
+            if is_wanted then bytes, wanted[name] = bytes + old.bytes, true end
+        end
+    end
+    for _, side in ipairs(SIDES) do
+        packages[side]:add_digests(vxa, function(entry) return wanted[entry.name] end, check)
+    end
 end
 
 -- Adds changes of entries whose content is unknown to this command.
@@ -196,26 +197,36 @@ local function compare_others(found, packages, names)
         elseif old.problem or new.problem then
             found:note("%s: %s", name, old.problem or new.problem)
             found.is_unreadable = true
+        elseif old.bytes == new.bytes and not old.sha256 then
+            found:note("%s: not compared: the entries in front of it are too large", name)
         elseif not is_unchanged(old, new) then
             found:add("changed", row)
         end
     end
 end
 
--- Returns the seconds from one package to the other, nil if unknown; adds warnings about them.
-local function compare_origins(packages, warnings)
-    local host, other = packages.older:member("string", "host", "name"),
-        packages.newer:member("string", "host", "name")
+-- ---- the packages as a whole ------------------------------------------------------------
+
+local function warn_about_hosts(packages, warnings)
+    local host = packages.older:member("string", "host", "name")
+    local other = packages.newer:member("string", "host", "name")
     if host and other and host ~= other then
         table.insert(warnings, ("the packages are from different hosts: %s and %s")
             :format(host, other))
     end
+end
+
+local function warn_about_manifests(packages, warnings)
     for _, side in ipairs(SIDES) do
         local package = packages[side]
         if package.no_manifest then
             table.insert(warnings, ("%s: %s"):format(package.path, package.no_manifest))
         end
     end
+end
+
+-- Returns the seconds from one package to the other, nil if unknown.
+local function elapsed_time(packages, warnings)
     local from, to = packages.older:time(), packages.newer:time()
     if not from or not to then return nil end
     if to < from then
@@ -225,6 +236,31 @@ local function compare_origins(packages, warnings)
     return to - from
 end
 
+local function keep(result, found)
+    result.differences = result.differences + found.total
+    result.is_unreadable = result.is_unreadable or found.is_unreadable
+    result.is_damaged = result.is_damaged or found.is_damaged
+    if found.total > 0 or #found.notes > 0 then
+        table.insert(result.sections, found)
+    else
+        table.insert(result.unchanged, found.entry)
+    end
+end
+
+local function compare_entries(vxa, packages, result, new_section, check)
+    local known, others = names_of(packages)
+    add_digests(vxa, packages, known, others, check)
+    for i, name in ipairs(known) do
+        check(i - 1, #known)
+        local found = compare_entry(vxa, packages, name, new_section, check)
+        if found then keep(result, found) end
+    end
+    if #others == 0 then return end
+    local found = new_section("other entries", "bytes")
+    compare_others(found, packages, others)
+    keep(result, found)
+end
+
 -- Compares the packages {older, newer}, see lua/vxa/packages/archive.lua. Returns {elapsed,
 -- warnings, sections, unchanged: names of entries, differences: their number, is_unreadable and
 -- is_damaged: whether there is anything that could not be compared}. `limits`: {short, long}, how
@@ -232,37 +268,18 @@ end
 -- often, with the number of entries done if that has changed; it may raise an error.
 return function(vxa, packages, limits, check)
     local result = { warnings = {}, sections = {}, unchanged = {}, differences = 0 }
-    result.elapsed = compare_origins(packages, result.warnings)
+    warn_about_hosts(packages, result.warnings)
+    warn_about_manifests(packages, result.warnings)
+    result.elapsed = elapsed_time(packages, result.warnings)
     local function new_section(name, title, is_long)
         return section.new(name, title, result.elapsed, is_long and limits.long or limits.short)
-    end
-    local function keep(found)
-        if not found then return end
-        result.differences = result.differences + found.total
-        result.is_unreadable = result.is_unreadable or found.is_unreadable
-        result.is_damaged = result.is_damaged or found.is_damaged
-        if found.total > 0 or #found.notes > 0 then
-            table.insert(result.sections, found)
-        else
-            table.insert(result.unchanged, found.entry)
-        end
     end
     if packages.older.manifest and packages.newer.manifest then
         local found = new_section(manifest.NAME, "manifest", true)
         compare_manifests(found, packages.older.manifest, packages.newer.manifest, check)
-        keep(found)
+        keep(result, found)
     end
-    add_digests(vxa, packages, check)
-    local known, others = names_of(packages)
-    for i, name in ipairs(known) do
-        check(i - 1, #known)
-        keep(compare_entry(vxa, packages, name, new_section, check))
-    end
-    if #others > 0 then
-        local found = new_section("other entries", "bytes")
-        compare_others(found, packages, others)
-        keep(found)
-    end
+    compare_entries(vxa, packages, result, new_section, check)
     if result.differences > 0 and not result.elapsed then
         table.insert(result.warnings,
             "there are no rates: the time between the packages is unknown")

@@ -73,9 +73,12 @@ function archive.open(vxa, path)
     if not is_package(package.entries) then
         exit.fail(1, "%s is not a diagnostic package: it has none of the entries of one", path)
     end
-    local reason
-    package.manifest, reason = manifest.read(vxa, path, list)
-    package.no_manifest = not package.manifest and "no manifest: " .. reason or nil
+    local reason, is_there
+    package.manifest, reason, is_there = manifest.read(vxa, path, list)
+    if not package.manifest then
+        package.no_manifest = is_there and "its manifest cannot be used: " .. reason
+            or "it has no manifest"
+    end
     return package
 end
 

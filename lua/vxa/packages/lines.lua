@@ -2,7 +2,7 @@
 
 local lines = {}
 
-local LONGEST = 1024       -- the driver's dumps truncate lines to 399 characters
+local LONGEST = 65536      -- of a record; the driver's dumps truncate lines to 399 characters
 local MOST_ITEMS = 300000  -- the largest table has 131070 connections
 local CHECKED_EVERY = 2000
 

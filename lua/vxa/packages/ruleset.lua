@@ -23,25 +23,34 @@ local volatile = { counter = set_of("packets", "bytes"), quota = set_of("used", 
 local function sorted_names(object)
     local names = {}
     for name in pairs(object) do names[#names + 1] = name end
-    if #names > 1 then table.sort(names) end
+    table.sort(names)
     return names
+end
+
+local write
+
+local function write_members(out, object, skipped)
+    for _, name in ipairs(sorted_names(object)) do
+        if not (skipped and skipped[name]) then
+            out[#out + 1] = name .. "="
+            write(out, object[name], volatile[name])
+            out[#out + 1] = " "
+        end
+    end
 end
 
 -- Appends the value to `out` in a form that does not depend on the order of members, without
 -- members in `skipped`.
-local function write(out, value, skipped)
-    if value == json.null or type(value) ~= "table" then
-        out[#out + 1] = type(value) == "number" and ("%.17g"):format(value)
-            or value == json.null and "null" or tostring(value)
+function write(out, value, skipped)
+    if value == json.null then
+        out[#out + 1] = "null"
+    elseif type(value) == "number" then
+        out[#out + 1] = ("%.17g"):format(value)
+    elseif type(value) ~= "table" then
+        out[#out + 1] = tostring(value)
     elseif getmetatable(value) == listing.OBJECT then
         out[#out + 1] = "{"
-        for _, name in ipairs(sorted_names(value)) do
-            if not (skipped and skipped[name]) then
-                out[#out + 1] = name .. "="
-                write(out, value[name], volatile[name])
-                out[#out + 1] = " "
-            end
-        end
+        write_members(out, value, skipped)
         out[#out + 1] = "}"
     else
         out[#out + 1] = "["

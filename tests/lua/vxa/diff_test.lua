@@ -31,6 +31,7 @@ plain["vxa.tpf"] = plain["vxa.tpf"]:gsub('"handle": 2}', '"handle": 2, "policy":
     :gsub(', {"rule"', ', {"set": {"family": "inet", "table": "filter", "name": "s", "type": '
         .. '"ipv4_addr", "handle": 99, "elem": ["192.0.2.1", {"elem": {"val": "192.0.2.2", '
         .. '"expires": 9}}]}}%0', 1)
+plain["state/transitions.jsonl"] = ('{"causes":"%s"}\n'):format(("x"):rep(2000))
 plain["manifest.json"] = [[{"manifest": 1, "version": "1.0.0", "engine": "sim", "unknown": [],
     "start": "2026-11-22T05:06:00.000+01:00", "end": "2026-11-22T05:06:37.500+01:00",
     "host": {"name": "web1"}, "policy": {"source": "p.json", "settings": {"SYS_THR_RUNQ": 8}},
@@ -136,6 +137,7 @@ local planted = {
     { "manifest.json", '"available": true', '"available": false',
       "changed manifest capabilities.conntrack available not available" },
     { "manifest.json", "06:37.500", "16:37.500" },
+    { "state/transitions.jsonl", '"}\n', '"}\n{"a":2}\n', 'appeared record {"a":2}' },
 }
 local expected = { ["removed element set inet filter s: 192.0.2.1"] = true }
 local older = {}
@@ -184,6 +186,10 @@ write_package("lost.zip", { ["vxa_blacklist.txt"] = false, ["vxa.tpf"] = "", ["e
 write_package("same.zip", {})
 write_package("foreign.zip", { ["manifest.json"] = plain["manifest.json"]:gsub("web1", "web2")
     :gsub("06:37", "06:07") })
+local bytes = testing.read(SCRATCH .. "same.zip")
+local data = select(2, bytes:find("vxa.tpf", 1, true)) + 100
+testing.write(SCRATCH .. "damaged.zip", bytes:sub(1, data - 1)
+    .. string.char(255 - bytes:byte(data)) .. bytes:sub(data + 1))
 write_package("bare.zip", { ["manifest.json"] = "{}", ["vxa_stats.txt"] = "a 1\n" })
 write_package("large.zip", { ["vxa_stats.txt"] = ("x"):rep(2 ^ 26 + 1) })
 write_package("many.zip", { ["vxa_variables.txt"] = ("1 a 1\n"):rep(300001) })
@@ -203,7 +209,10 @@ for _, row in ipairs {
     { "same.zip same.zip", 0, "\nno differences\n$" },
     { "same.zip later.zip", 0, "\n +10 min later\n.* unchanged rules have other handles.*"
       .. "\nno differences\n$" },
-    { "bare.zip same.zip", 0, "bare.zip: no manifest: .*time between .* is unknown" },
+    { "same.zip damaged.zip", 1, { "\nvxa.tpf [^\n]*: differs; [^\n]*vxa.tpf is damaged\n",
+      "\nunchanged: [^\n]*", "vxa: an entry could not be read" } },
+    { "bare.zip same.zip", 0, { "bare.zip: its manifest cannot be used: ",
+      "time between [^\n]* is unknown" } },
     { "same.zip traffic.zip", 0, "%(connections%): 1 with traffic\n  1 connection transferred %d" },
     { "same.zip lost.zip", 0, {
       "\nvxa.tpf [^\n]*: lost from sight in the newer package: empty: no CAP_NET_ADMIN\n",
