@@ -27,6 +27,7 @@ void OpenFiles(lua_State* L);            // mkdir, file_kind, read_file, replace
 void OpenJsonValues(lua_State* L);       // parse_json
 void OpenLogs(lua_State* L);             // trace, verbose, log_to, capture, captured
 void OpenPrograms(lua_State* L);         // run_program
+void OpenRedaction(lua_State* L);        // redaction and its methods
 void OpenSignals(lua_State* L);          // sleep, catch_signals, interrupted, reloads
 void OpenSimulatedMemory(lua_State* L);  // simulate_memory
 void OpenSystem(lua_State* L);           // clock, time, setenv, isatty, uname, build_id, ...

@@ -54,6 +54,7 @@ int OpenModule(lua_State* L)
     OpenJsonValues(L);
     OpenLogs(L);
     OpenPrograms(L);
+    OpenRedaction(L);
     OpenSignals(L);
     OpenSimulatedMemory(L);
     OpenSystem(L);

@@ -7,7 +7,7 @@ local command_line = {}
 
 -- In the order of the help. lua/vxa/commands has a file for each, with two functions:
 -- `define(command)` adds description and options, `run(options)` returns the exit status.
-local COMMANDS = { "run", "status", "connections", "diag", "show", "diff", "plot" }
+local COMMANDS = { "run", "status", "connections", "diag", "show", "diff", "redact", "plot" }
 
 -- ---- the parser -------------------------------------------------------------------------
 

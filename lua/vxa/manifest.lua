@@ -10,8 +10,8 @@ local null = json.null
 
 -- The order of members within each object.
 local KEY_ORDER = {
-    "manifest", "version", "build_ids", "start", "end", "time_zone", "host", "user", "name",
-    "kernel", "kernel_build", "architecture", "distribution", "distribution_id",
+    "manifest", "redacted", "version", "build_ids", "start", "end", "time_zone", "host", "user",
+    "name", "kernel", "kernel_build", "architecture", "distribution", "distribution_id",
     "distribution_version", "uid", "engine", "profile_s", "available", "detail", "capabilities",
     "policy", "source", "recorded", "settings", "warnings", "state", "directory", "in_use",
     "fail_open", "last_transition", "last_cycle", "events", "time", "id", "text", "failed_calls",
@@ -35,8 +35,9 @@ local function array(shape) return { array = shape } end
 
 -- The type of each member, where null or a missing member will do unless a "!" follows.
 local SHAPE = {
-    manifest = "number!", version = "string", build_ids = "object", start = "string",
-    ["end"] = "string", time_zone = "string", engine = "string", profile_s = "number",
+    manifest = "number!", redacted = "string", version = "string", build_ids = "object",
+    start = "string", ["end"] = "string", time_zone = "string", engine = "string",
+    profile_s = "number",
     host = { name = "string", kernel = "string", kernel_build = "string",
              architecture = "string", distribution = "string", distribution_id = "string",
              distribution_version = "string" },

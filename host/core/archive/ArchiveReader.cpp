@@ -61,6 +61,10 @@ public:
     template <typename Consume>
     void Read(const wxZipEntry& entry, std::uint64_t most_bytes, Consume consume);
 
+    // Returns the size of the next piece, 0 at the end of the entry. `bytes` counts them all.
+    std::size_t ReadPiece(const wxZipEntry& entry, std::uint64_t most_bytes, std::uint64_t& bytes,
+                          char* buffer, std::size_t size);
+
     [[noreturn]] void Fail(const std::string& reason) const
     {
         throw std::runtime_error(m_path + ": " + reason);
@@ -108,22 +112,29 @@ void Reader::CheckReadable(const wxZipEntry& entry, const std::string& what,
         Fail(what + " has more than " + std::to_string(most_bytes) + " bytes");
 }
 
+std::size_t Reader::ReadPiece(const wxZipEntry& entry, std::uint64_t most_bytes,
+                              std::uint64_t& bytes, char* buffer, std::size_t size)
+{
+    const std::string what = "entry " + EntryName(entry);
+    if (bytes == 0) CheckReadable(entry, what, most_bytes);
+    const auto declared = static_cast<std::uint64_t>(entry.GetSize());
+    const std::size_t got = m_zip.Read(buffer, size).LastRead();
+    bytes += got;
+    if (bytes > declared) Fail(what + " is damaged: longer than declared");
+    // wxWidgets compares size and checksum at the end of the entry.
+    if (got == 0 && (m_zip.GetLastError() != wxSTREAM_EOF || bytes != declared))
+        Fail(what + " is damaged");
+    return got;
+}
+
 // Memory grows with what is read: the declared size of a damaged entry costs nothing.
 template <typename Consume>
 void Reader::Read(const wxZipEntry& entry, std::uint64_t most_bytes, Consume consume)
 {
-    const std::string what = "entry " + EntryName(entry);
-    CheckReadable(entry, what, most_bytes);
-    const auto declared = static_cast<std::uint64_t>(entry.GetSize());
     std::vector<char> chunk(kChunkBytes);
     std::uint64_t bytes = 0;
-    while (const std::size_t got = m_zip.Read(chunk.data(), chunk.size()).LastRead()) {
-        bytes += got;
-        if (bytes > declared) Fail(what + " is damaged: longer than declared");
+    while (const std::size_t got = ReadPiece(entry, most_bytes, bytes, chunk.data(), chunk.size()))
         consume(std::string_view(chunk.data(), got));
-    }
-    // wxWidgets compares size and checksum at the end of the entry.
-    if (m_zip.GetLastError() != wxSTREAM_EOF || bytes != declared) Fail(what + " is damaged");
 }
 
 std::uint64_t ToUnsigned(wxFileOffset size)
@@ -181,12 +192,13 @@ std::string ReadArchiveEntry(const std::string& path, const std::string& name,
 struct ArchiveReader::State {
     Reader reader;
     std::unique_ptr<wxZipEntry> entry;  // null before the first, after the last, and once read
+    std::uint64_t bytes = 0;            // of the entry that were read in pieces
 };
 
 ArchiveReader::ArchiveReader(const std::string& path)
 {
     const Quiet quiet;
-    m_state.reset(new State{Reader(path), nullptr});
+    m_state.reset(new State{Reader(path), nullptr, 0});
 }
 
 ArchiveReader::~ArchiveReader() = default;
@@ -195,6 +207,7 @@ std::optional<ArchiveEntry> ArchiveReader::Next()
 {
     const Quiet quiet;
     m_state->entry = m_state->reader.Next();
+    m_state->bytes = 0;
     if (!m_state->entry) return std::nullopt;
     return Describe(*m_state->entry, m_state->reader);
 }
@@ -207,6 +220,13 @@ std::string ArchiveReader::Sha256(std::uint64_t most_bytes)
     Host::Sha256 digest;
     m_state->reader.Read(*entry, most_bytes, [&](std::string_view piece) { digest.Add(piece); });
     return digest.Hex();
+}
+
+std::size_t ArchiveReader::Read(char* buffer, std::size_t size, std::uint64_t most_bytes)
+{
+    const Quiet quiet;
+    if (!m_state->entry) m_state->reader.Fail("no entry to read");
+    return m_state->reader.ReadPiece(*m_state->entry, most_bytes, m_state->bytes, buffer, size);
 }
 
 }  // namespace VxaCore::Host

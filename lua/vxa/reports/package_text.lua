@@ -84,7 +84,7 @@ local function maker_line(content)
     local build = content.build_ids and content.build_ids["vxa.so"]
     return join(", ", "vxa " .. (content.version or "of an unknown version")
         .. (type(build) == "string" and (" (build %s)"):format(build:sub(1, 12)) or ""),
-        user_part(content.user))
+        user_part(content.user), content.redacted and "masked by vxa redact")
 end
 
 local function engine_line(content)

@@ -49,6 +49,11 @@ public:
     // Throws as above, and if the entry has more than `most_bytes`.
     std::string Sha256(std::uint64_t most_bytes);
 
+    // Stores the next bytes of the entry that Next returned last in the buffer and returns how
+    // many; 0 at its end, which is only reached if they are complete and have the right checksum.
+    // Throws as Sha256 does.
+    std::size_t Read(char* buffer, std::size_t size, std::uint64_t most_bytes);
+
 private:
     struct State;
     std::unique_ptr<State> m_state;

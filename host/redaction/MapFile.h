@@ -1,0 +1,19 @@
+// The file in which the owner of a package keeps what was masked.
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace vxa::redaction {
+
+// Returns the text of the file, nullopt if there is none. What a map says becomes the masking, and
+// whoever can read it can undo that: so it must be a regular file of the caller's, with one link,
+// that is not a symbolic link and that nobody else can access. Throws std::runtime_error with the
+// path and the reason.
+std::optional<std::string> ReadMapFile(const std::string& path);
+
+// Writes the file with mode 0600, whole or not at all. With `replace` it replaces a regular file;
+// otherwise it fails if something has that name. Throws std::runtime_error as above.
+void WriteMapFile(const std::string& path, const std::string& text, bool replace);
+
+}  // namespace vxa::redaction
