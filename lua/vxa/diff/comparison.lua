@@ -249,6 +249,7 @@ end
 
 local function compare_entries(vxa, packages, result, new_section, check)
     local known, others = names_of(packages)
+    check(0, #known)
     add_digests(vxa, packages, known, others, check)
     for i, name in ipairs(known) do
         check(i - 1, #known)

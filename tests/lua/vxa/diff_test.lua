@@ -237,7 +237,9 @@ for _, row in ipairs {
 end
 
 -- Two packages of a standing machine.
-for _, file in ipairs { "a.zip", "b.zip" } do run("diag " .. file, "VXI_SIM=seed=7,flows=500") end
+for _, file in ipairs { "a.zip", "b.zip --profile 0.01 --trace VXI" } do
+    run("diag " .. file, "VXI_SIM=seed=7,flows=500")
+end
 matches(run "diff a.zip b.zip", "\nno differences\n$")
 
 testing.finish()
