@@ -125,7 +125,9 @@ end
 local function transition_part(transition)
     if not transition or type(transition.time) ~= "string" then return nil end
     local change = type(transition.record) == "string" and transition.record .. " at "
-    return join(": ", (change or "since ") .. transition.time, causes(transition))
+    local till = transition.fail_open_until
+    return join("; ", join(": ", (change or "since ") .. transition.time, causes(transition)),
+        type(till) == "string" and "lasts at least until " .. till or nil)
 end
 
 local function state_line(content)
@@ -134,7 +136,7 @@ local function state_line(content)
     local cycle = state.last_cycle and state.last_cycle.time
     return join("; ", state_names[state.fail_open] or state.fail_open,
         transition_part(state.last_transition),
-        type(cycle) == "string" and "running, last cycle about " .. cycle or nil)
+        type(cycle) == "string" and "last seen running at " .. cycle or nil)
 end
 
 local function failures_line(content)

@@ -152,7 +152,7 @@ for _, row in ipairs {
     { "{} x", 1, "^manifest .*: it is not JSON\n" },
     { "[]", 1, "^manifest .*: it is not a JSON object\n" },
     { '{"manifest":1,"version":"\255"}', 1, "^manifest .*: it is not UTF%-8" },
-    { (" "):rep(2 ^ 20 + 1), 1, "^manifest .* has more than 1048576 bytes\n" },
+    { (" "):rep(2 ^ 19 + 1), 1, "^manifest .* has more than 524288 bytes\n" },
 } do
     write("q.zip", { { "a", "abc" }, row[1] and { "manifest.json", row[1] } or nil }):close()
     local out, status = command "show q.zip"
