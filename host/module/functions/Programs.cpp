@@ -11,6 +11,7 @@
 
 #include <array>
 #include <chrono>
+#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -81,16 +82,16 @@ public:
     SpawnSettings(int input, int output, int errors)
     {
         posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
-        posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
-        posix_spawn_file_actions_adddup2(&actions, errors, STDERR_FILENO);
+        posix_spawnattr_init(&attributes);
         sigset_t none, all;
         sigemptyset(&none);
         sigfillset(&all);
-        posix_spawnattr_init(&attributes);
         posix_spawnattr_setsigmask(&attributes, &none);
         posix_spawnattr_setsigdefault(&attributes, &all);
         posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+        SetStream(STDIN_FILENO, input);
+        SetStream(STDOUT_FILENO, output);
+        SetStream(STDERR_FILENO, errors);
     }
     ~SpawnSettings()
     {
@@ -102,6 +103,14 @@ public:
 
     posix_spawn_file_actions_t actions;
     posix_spawnattr_t attributes;
+    int failure = 0;  // an errno value: out of memory
+
+private:
+    void SetStream(int stream, int descriptor)
+    {
+        const int status = posix_spawn_file_actions_adddup2(&actions, descriptor, stream);
+        if (status != 0) failure = status;
+    }
 };
 
 int Reap(pid_t child)
@@ -137,6 +146,7 @@ void Run(const Arguments& arguments, std::string_view input, int output)
     const MemoryFile input_file, errors;
     input_file.Fill(input);
     const SpawnSettings settings(input_file.Descriptor(), output, errors.Descriptor());
+    if (settings.failure != 0) ThrowSystem(settings.failure, name);
     pid_t child = 0;
     const int failure = posix_spawnp(&child, name, &settings.actions, &settings.attributes,
                                      arguments.data(), environ);
@@ -160,7 +170,10 @@ Arguments CheckArguments(lua_State* L, int index)
     for (std::size_t i = 0; i < count; ++i) {
         lua_rawgeti(L, index, static_cast<int>(i) + 1);
         luaL_argcheck(L, lua_type(L, -1) == LUA_TSTRING, index, "1 to 16 strings expected");
-        arguments[i] = const_cast<char*>(lua_tostring(L, -1));  // the table keeps it
+        std::size_t length = 0;
+        const char* const text = lua_tolstring(L, -1, &length);  // the table keeps it
+        luaL_argcheck(L, std::strlen(text) == length, index, "string contains a NUL byte");
+        arguments[i] = const_cast<char*>(text);
         lua_pop(L, 1);
     }
     return arguments;

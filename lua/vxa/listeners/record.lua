@@ -9,6 +9,7 @@ local measurements = require "vxa.machine.measurements"
 local option = require "vxa.options"
 local policy_source = require "vxa.policy_source"
 local printable = require "vxa.output.printable"
+local session = require "vxa.session"
 
 local function define(command)
     command:option("--record", "Append a row with all six metrics to this CSV file for each "
@@ -57,10 +58,9 @@ local function policy_line(monitored)
 end
 
 local function heading(monitored, interval_s)
-    local _, rows = SLB.filter.GetSysHealthMetrics()
     return MARK .. ("# version %s, engine %s, host %s, processors %d, interval %s s\n"):format(
-        monitored.vxa.version, monitored.engine, host_name(monitored.vxa),
-        rows[#rows].cpu_count, format.exact(interval_s)) .. policy_line(monitored)
+        monitored.vxa.version, monitored.engine, host_name(monitored.vxa), session.cpu_count(),
+        format.exact(interval_s)) .. policy_line(monitored)
 end
 
 -- ---- the file ---------------------------------------------------------------------------

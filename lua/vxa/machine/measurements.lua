@@ -5,6 +5,7 @@
 -- status line is exact: the same divisions give the same values to the last bit. Load and memory
 -- that the module does not trace are sampled here, from the same sources.
 
+local session = require "vxa.session"
 local simulation = require "vxa.machine.simulation"
 
 local measurements = {}
@@ -27,21 +28,20 @@ local function find(records, kind, pattern)
     end
 end
 
--- Returns the time that the module took for the cycle's, in microseconds.
+-- Returns the time of the cycle in microseconds: the module's, if it has logged it.
 local function time_of(result, records)
     local seconds, microseconds = find(records, "log", "^SysHealth: .* tval= *(%d+)%.(%d+) ")
     if seconds then return tonumber(seconds) * 1e6 + tonumber(microseconds) end
     return math.floor(result.time * 1e6)
 end
 
--- The connection metrics are calculated only if one of these was.
+-- From the traces of the metrics that depend on it; if none of them was calculated, the module is
+-- asked.
 local function cpu_count(records)
     local _, cpus = find(records, "trace", "^rqlen=(%S+) numCpus=(%d+)")
     if not cpus then _, cpus = find(records, "trace", "^(conn_established)=%S+ numCpus=(%d+)") end
     if not cpus then _, cpus = find(records, "trace", "^(scanbytes_fwd)=.* numCpus=(%d+)") end
-    if cpus then return tonumber(cpus) end
-    local _, rows = SLB.filter.GetSysHealthMetrics()
-    return rows[#rows].cpu_count
+    return cpus and tonumber(cpus) or session.cpu_count()
 end
 
 -- ---- what the machine shows -------------------------------------------------------------
@@ -75,18 +75,18 @@ end
 
 -- ---- rates ------------------------------------------------------------------------------
 
-local FEW_NEW_CONNECTIONS = 5  -- per second; with fewer, the module takes the percentage for 0
+local FEW_NEW_CONNECTIONS = 5  -- per second; up to that, the module sets refusalpct to 0
 local BYTES_PER_MEBIBYTE = 1048576
 
--- Returns the rates of the counters that the module has read in this cycle; nil if it has not, or
--- for the first time.
+-- Returns a function from the name of a counter to its rate in this cycle; nil if the module has
+-- not read the counters, or has read them for the first time.
 function Measurements:rates(seconds)
     local scan, previous = self.vxa.latest_scan(), self.scan
     if not scan or previous and scan.reads == previous.reads then return nil end
     self.scan = scan
     return previous and function(name)
         local grown = scan[name] - previous[name]
-        return grown >= 0 and grown / seconds or 0  -- less: the driver has started at 0 again
+        return grown >= 0 and grown / seconds or 0  -- the driver restarted the counter
     end
 end
 

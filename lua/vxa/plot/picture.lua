@@ -28,11 +28,11 @@ local function quote(text)
     return "'" .. printable(text):gsub("'", "''") .. "'"
 end
 
--- Multiplied, a threshold so much greater than the values would press them to the axis.
+-- A greater threshold is not drawn: its line would press the values to the axis.
 local MOST_TIMES_GREATER = 5
 
 local function is_on_scale(metric, threshold)
-    return threshold <= metric.greatest * MOST_TIMES_GREATER
+    return metric.greatest == 0 or threshold <= metric.greatest * MOST_TIMES_GREATER
 end
 
 -- ---- data -------------------------------------------------------------------------------
