@@ -12,8 +12,10 @@ namespace vxa {
 // Each adds its functions to the module's table on top. [-0, +0, m]
 
 // objects/
+void OpenChildProcesses(lua_State* L);  // start_process and its methods
+void OpenRotatedFiles(lua_State* L);    // rotated_file and its methods
 void OpenDocuments(lua_State* L);       // Dom and its methods
-void OpenAppendFiles(lua_State* L);     // append_file and its methods
+void OpenAppendFiles(lua_State* L);     // append_file and its methods, is_appended_to
 void OpenArchiveWriters(lua_State* L);  // ZipOutputStream and its methods
 void OpenCharts(lua_State* L);          // chart and its methods
 void OpenDriverHandles(lua_State* L);   // open and the handle's methods, driver_failures

@@ -44,8 +44,10 @@ int OpenModule(lua_State* L)
     OpenAppendFiles(L);
     OpenArchiveWriters(L);
     OpenCharts(L);
+    OpenChildProcesses(L);
     OpenDriverHandles(L);
     OpenReplays(L);
+    OpenRotatedFiles(L);
     OpenTemporaryFiles(L);
     OpenArchives(L);
     OpenDigests(L);

@@ -4,11 +4,11 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <stdexcept>
+#include <thread>
 
 #include "files/File.h"
 
@@ -17,22 +17,17 @@ namespace VxaCore::Host {
 namespace {
 
 constexpr std::uint64_t kLongestRecord = 1 << 20;
+constexpr int kMostLocks = 5;
 constexpr int kMostOpens = 10;  // while others keep replacing the file
 
-// In a folder that others can change, another user's file could be one that they read or change.
-void RequireOwner(const File& file, const std::string& path)
-{
-    struct stat status;
-    if (fstat(file.Descriptor(), &status) != 0) ThrowErrno("cannot write " + path);
-    if (status.st_uid != 0 && status.st_uid != geteuid())
-        throw std::runtime_error("cannot write " + path + ": another user (uid " +
-                                 std::to_string(status.st_uid) + ") owns it");
-}
-
+// IsAppendedTo holds the lock for a moment.
 void Lock(const File& file, const std::string& path)
 {
-    if (flock(file.Descriptor(), LOCK_EX | LOCK_NB) == 0) return;
-    if (errno != EWOULDBLOCK) ThrowErrno("cannot lock " + path);
+    for (int i = 0; i < kMostLocks; ++i) {
+        if (flock(file.Descriptor(), LOCK_EX | LOCK_NB) == 0) return;
+        if (errno != EWOULDBLOCK) ThrowErrno("cannot lock " + path);
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
     throw std::runtime_error("cannot write " + path + ": another process is writing it");
 }
 
@@ -40,37 +35,30 @@ void Lock(const File& file, const std::string& path)
 
 struct AppendFile::State {
     explicit State(const std::string& file_path)
-        : path(file_path), directory(OpenDirectoryOf(path)), file(Open())
+        : path(file_path),
+          name(path.substr(path.rfind('/') + 1)),
+          directory(OpenDirectoryOf(path)),
+          file(Open())
     {
     }
 
     File Open() const;
-    bool IsNamed(const File& opened) const;
 
     const std::string path;
+    const std::string name;  // in the directory
     const FileDescriptor directory;
     File file;
 };
 
-bool AppendFile::State::IsNamed(const File& opened) const
-{
-    const std::string name = path.substr(path.rfind('/') + 1);
-    struct stat named, status;
-    return fstatat(directory.Get(), name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
-           fstat(opened.Descriptor(), &status) == 0 && named.st_dev == status.st_dev &&
-           named.st_ino == status.st_ino;
-}
-
 // Until it was locked, another process can have renamed it.
 File AppendFile::State::Open() const
 {
-    const std::string name = path.substr(path.rfind('/') + 1);
     constexpr int kFlags = O_RDWR | O_APPEND | O_CREAT;
     for (int i = 0; i < kMostOpens; ++i) {
         File opened = OpenRegularFile(directory, name, path, kFlags, 0640).value();
-        RequireOwner(opened, path);
+        opened.RequireOwner();
         Lock(opened, path);
-        if (IsNamed(opened)) return opened;
+        if (opened.IsNamed(directory, name)) return opened;
     }
     throw std::runtime_error("cannot write " + path + ": it keeps being replaced");
 }
@@ -114,7 +102,14 @@ std::uint64_t AppendFile::Size() const
 
 bool AppendFile::HasName() const
 {
-    return m_state->IsNamed(m_state->file);
+    return m_state->file.IsNamed(m_state->directory, m_state->name);
+}
+
+bool IsAppendedTo(const std::string& path)
+{
+    const std::string name = path.substr(path.rfind('/') + 1);
+    const auto file = OpenRegularFile(OpenDirectoryOf(path), name, path, O_RDONLY);
+    return file && flock(file->Descriptor(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }
 
 }  // namespace VxaCore::Host

@@ -150,6 +150,23 @@ std::string File::Read(std::uint64_t from, std::size_t most_bytes) const
     return bytes;
 }
 
+bool File::IsNamed(const FileDescriptor& directory, const std::string& name) const
+{
+    struct stat named, opened;
+    return fstatat(directory.Get(), name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+           fstat(Descriptor(), &opened) == 0 && named.st_dev == opened.st_dev &&
+           named.st_ino == opened.st_ino;
+}
+
+void File::RequireOwner() const
+{
+    struct stat status;
+    if (fstat(Descriptor(), &status) != 0) Throw("read");
+    if (status.st_uid != 0 && status.st_uid != geteuid())
+        throw std::runtime_error("cannot write " + m_path + ": another user (uid " +
+                                 std::to_string(status.st_uid) + ") owns it");
+}
+
 FileDescriptor OpenDirectoryOf(const std::string& path)
 try {
     const std::size_t slash = path.rfind('/');

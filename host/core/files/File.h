@@ -66,6 +66,12 @@ public:
     // Returns the content from the start, of at most 64 MiB.
     std::string ReadAll() const;
 
+    // Whether the file has this name in the directory.
+    bool IsNamed(const FileDescriptor& directory, const std::string& name) const;
+    // Throws unless root or the caller owns the file: in a directory that others can change, it
+    // could be one that they read or change.
+    void RequireOwner() const;
+
 private:
     [[noreturn]] void Throw(const char* operation) const;
 

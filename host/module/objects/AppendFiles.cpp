@@ -87,6 +87,16 @@ int HasName(lua_State* L)
     return 1;
 }
 
+// is_appended_to(path)
+int IsAppendedTo(lua_State* L)
+{
+    const char* path = CheckPath(L, 1);
+    bool is_locked = false;
+    if (!SucceedsOrPushError(L, [&] { is_locked = VxaCore::Host::IsAppendedTo(path); })) return 2;
+    lua_pushboolean(L, is_locked);
+    return 1;
+}
+
 // Also for the collector.
 int Close(lua_State* L)
 {
@@ -109,6 +119,8 @@ void OpenAppendFiles(lua_State* L)
     RegisterClass(L, kType, kMethods, Close);
     lua_pushcfunction(L, OpenAppendFile);
     lua_setfield(L, -2, "append_file");
+    lua_pushcfunction(L, IsAppendedTo);
+    lua_setfield(L, -2, "is_appended_to");
 }
 
 }  // namespace vxa

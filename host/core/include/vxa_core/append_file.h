@@ -44,4 +44,8 @@ private:
     std::unique_ptr<State> m_state;
 };
 
+// Whether a process has the file as an AppendFile; false if there is no such file. Throws
+// std::runtime_error with the path and the reason.
+VXA_CORE_API bool IsAppendedTo(const std::string& path);
+
 }  // namespace VxaCore::Host

@@ -1,0 +1,261 @@
+// A shell command that runs beside the process, for a limited time.
+#include "vxa_core/child_process.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/eventfd.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <system_error>
+#include <thread>
+
+#include "files/File.h"
+
+namespace VxaCore::Host {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Seconds = std::chrono::duration<double>;
+
+constexpr auto kGrace = std::chrono::seconds(1);  // from SIGTERM to SIGKILL
+constexpr auto kGroupCheck = std::chrono::milliseconds(20);
+constexpr double kLongestS = 1e6;  // keeps the sum with the clock in range
+
+[[noreturn]] void Throw(int error_number, const char* what)
+{
+    throw std::system_error(error_number, std::generic_category(), what);
+}
+
+FileDescriptor MakeInput(std::string_view bytes)
+{
+    FileDescriptor memory(memfd_create("input", MFD_CLOEXEC));
+    if (!memory) Throw(errno, "cannot make a file in memory");
+    while (!bytes.empty()) {
+        const ssize_t written = write(memory.Get(), bytes.data(), bytes.size());
+        if (written < 0 && errno != EINTR) Throw(errno, "cannot write to a file in memory");
+        if (written > 0) bytes.remove_prefix(static_cast<std::size_t>(written));
+    }
+    (void)lseek(memory.Get(), 0, SEEK_SET);
+    return memory;
+}
+
+// If the parent of this process ignores SIGCHLD, the kernel would drop the exit status.
+void KeepChildren()
+{
+    struct sigaction action = {};
+    if (sigaction(SIGCHLD, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) {
+        action.sa_handler = SIG_DFL;
+        (void)sigaction(SIGCHLD, &action, nullptr);
+    }
+}
+
+// What posix_spawn(3) does in the child.
+class SpawnSettings {
+public:
+    explicit SpawnSettings(int input)
+    {
+        sigset_t none, all;
+        sigemptyset(&none);
+        sigfillset(&all);
+        constexpr int kFlags =
+            POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK;
+        posix_spawnattr_init(&attributes);
+        posix_spawnattr_setflags(&attributes, kFlags);
+        posix_spawnattr_setsigdefault(&attributes, &all);
+        posix_spawnattr_setsigmask(&attributes, &none);
+        posix_spawn_file_actions_init(&actions);
+        Check(posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO));
+        Check(posix_spawn_file_actions_adddup2(&actions, STDERR_FILENO, STDOUT_FILENO));
+        Check(posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1));
+    }
+    ~SpawnSettings()
+    {
+        posix_spawn_file_actions_destroy(&actions);
+        posix_spawnattr_destroy(&attributes);
+    }
+    SpawnSettings(const SpawnSettings&) = delete;
+    SpawnSettings& operator=(const SpawnSettings&) = delete;
+
+    posix_spawnattr_t attributes;
+    posix_spawn_file_actions_t actions;
+
+private:
+    static void Check(int error_number)
+    {
+        if (error_number != 0) Throw(error_number, "cannot start a command");
+    }
+};
+
+pid_t Spawn(const std::string& command, std::string_view input)
+{
+    KeepChildren();
+    const FileDescriptor memory = MakeInput(input);
+    const SpawnSettings settings(memory.Get());
+    char name[] = "sh", option[] = "-c";
+    std::string text = command;
+    char* const arguments[] = {name, option, text.data(), nullptr};
+    pid_t pid = 0;
+    const int failure =
+        posix_spawn(&pid, "/bin/sh", &settings.actions, &settings.attributes, arguments, environ);
+    if (failure != 0) Throw(failure, "cannot start a command");
+    return pid;
+}
+
+// pidfd_open(2) has no wrapper in glibc 2.36.
+FileDescriptor OpenProcess(pid_t pid)
+{
+    return FileDescriptor(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+}
+
+}  // namespace
+
+struct ChildProcess::State {
+    State(const std::string& command, std::string_view input, double limit_s);
+
+    void StartThread();
+    void Watch();
+    bool HasExited(Clock::time_point until, bool heeds_stop) const;
+    void EndRest(Clock::time_point until) const;
+    Result Reap(Ended ended) const;
+    void Store(const Result& found);
+    void Kill(int signal_number) const { (void)kill(-pid, signal_number); }
+
+    const FileDescriptor stop;  // readable after Stop
+    const Clock::time_point started;
+    const pid_t pid;  // and number of the group
+    const FileDescriptor process;
+    const Clock::time_point limit;
+    mutable std::mutex mutex;
+    mutable std::condition_variable is_stored;
+    std::optional<Result> result;  // guarded by the mutex
+    std::thread thread;
+};
+
+ChildProcess::State::State(const std::string& command, std::string_view input, double limit_s)
+    : stop(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      started(Clock::now()),
+      pid(Spawn(command, input)),
+      process(OpenProcess(pid)),
+      limit(started + std::chrono::duration_cast<Clock::duration>(
+                          Seconds(std::clamp(limit_s, 0.0, kLongestS))))
+{
+    try {
+        if (!stop || !process) Throw(errno, "cannot watch a command");
+        StartThread();
+    } catch (const std::system_error&) {
+        Kill(SIGKILL);
+        (void)waitpid(pid, nullptr, 0);
+        throw;
+    }
+}
+
+// The thread takes no signals: they are for the threads that end on them.
+void ChildProcess::State::StartThread()
+{
+    sigset_t all, previous;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &previous);
+    try {
+        thread = std::thread(&State::Watch, this);
+    } catch (const std::system_error&) {
+        pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+        throw;
+    }
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+}
+
+// Returns false at that time, or when it is to be stopped.
+bool ChildProcess::State::HasExited(Clock::time_point until, bool heeds_stop) const
+{
+    constexpr std::int64_t kLongestPollMs = 60000;
+    pollfd polled[] = {{process.Get(), POLLIN, 0}, {heeds_stop ? stop.Get() : -1, POLLIN, 0}};
+    int ready = 0;
+    std::int64_t left = 0;
+    do {
+        left = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now()).count();
+        ready =
+            poll(polled, 2, static_cast<int>(std::clamp<std::int64_t>(left, 0, kLongestPollMs)));
+    } while (ready <= 0 && left > 0);
+    return ready > 0 && polled[0].revents != 0;
+}
+
+ChildProcess::Result ChildProcess::State::Reap(Ended ended) const
+{
+    const Seconds seconds = Clock::now() - started;
+    siginfo_t info = {};
+    const bool is_answered = waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG) == 0;
+    Result found{-1, 0, seconds.count(), ended, !is_answered || info.si_pid != 0};
+    if (info.si_pid != 0)
+        (info.si_code == CLD_EXITED ? found.status : found.signal) = info.si_status;
+    return found;
+}
+
+void ChildProcess::State::Store(const Result& found)
+{
+    {
+        const std::lock_guard lock(mutex);
+        result = found;
+    }
+    is_stored.notify_all();
+}
+
+// Commands that the shell started can outlive it. Their group keeps its number while it has
+// members, so no other group gets the signal.
+void ChildProcess::State::EndRest(Clock::time_point until) const
+{
+    while (kill(-pid, 0) == 0 && Clock::now() < until) std::this_thread::sleep_for(kGroupCheck);
+    if (kill(-pid, 0) == 0) Kill(SIGKILL);
+}
+
+void ChildProcess::State::Watch()
+{
+    if (HasExited(limit, true)) return Store(Reap(Ended::kAlone));
+    const Ended ended = Clock::now() >= limit ? Ended::kAtLimit : Ended::kStopped;
+    Kill(SIGTERM);
+    const auto until = Clock::now() + kGrace;
+    if (!HasExited(until, false)) {
+        Kill(SIGKILL);
+        (void)HasExited(until + kGrace, false);
+    }
+    Store(Reap(ended));
+    EndRest(until);
+}
+
+ChildProcess::ChildProcess(const std::string& command, std::string_view input, double limit_s)
+    : m_state(std::make_unique<State>(command, input, limit_s))
+{
+}
+
+ChildProcess::~ChildProcess()
+{
+    Stop();
+    m_state->thread.join();
+}
+
+std::optional<ChildProcess::Result> ChildProcess::Wait(double seconds) const
+{
+    const State& state = *m_state;
+    std::unique_lock lock(state.mutex);
+    state.is_stored.wait_for(lock, Seconds(std::clamp(seconds, 0.0, kLongestS)),
+                             [&] { return state.result.has_value(); });
+    return state.result;
+}
+
+void ChildProcess::Stop()
+{
+    const std::uint64_t one = 1;
+    (void)!write(m_state->stop.Get(), &one, sizeof one);
+}
+
+}  // namespace VxaCore::Host
