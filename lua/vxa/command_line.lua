@@ -7,7 +7,7 @@ local command_line = {}
 
 -- In the order of the help. lua/vxa/commands has a file for each, with two functions:
 -- `define(command)` adds description and options, `run(options)` returns the exit status.
-local COMMANDS = { "run", "status", "connections", "diag", "show", "diff", "redact", "plot" }
+local COMMANDS = { "run", "status", "connections", "history", "diag", "show", "diff", "redact", "plot" }
 
 -- ---- the parser -------------------------------------------------------------------------
 
@@ -51,7 +51,7 @@ local function attach_negative_numbers(arguments)
     local attached = {}
     for _, text in ipairs(arguments) do
         local previous = attached[#attached]
-        if text:find("^%-[%d.]") and previous and previous:find("^%-%-[%a]+$") then
+        if text:find("^%-[%d.]") and previous and previous:find("^%-%-[%a-]+$") then
             attached[#attached] = previous .. "=" .. text
         else
             attached[#attached + 1] = text

@@ -21,6 +21,11 @@ function policy_source.to_json(values)
     return "{" .. table.concat(members, ",") .. "}"
 end
 
+-- Returns the policy in JSON; that of a configuration file from the settings that it has.
+function policy_source.effective_text(chosen)
+    return chosen.text ~= "" and chosen.text or policy_source.to_json(chosen.values)
+end
+
 -- ---- policy file ------------------------------------------------------------------------
 
 -- Returns the policy of a JSON file, as policy_source.choose does.
@@ -158,7 +163,7 @@ local function with_port(chosen, port, outbound)
     if not has_port_threshold(chosen.values) then
         for key, value in pairs(port_defaults) do additions[key] = value end
     end
-    local text = chosen.text ~= "" and chosen.text or policy_source.to_json(chosen.values)
+    local text = policy_source.effective_text(chosen)
     for key, value in pairs(additions) do chosen.values[key] = value end
     chosen.text = insert_at_front(text, policy_source.to_json(additions))
     chosen.source = ("%s, --port %d"):format(chosen.source, port)

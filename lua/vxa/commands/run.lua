@@ -23,8 +23,10 @@ local session = require "vxa.session"
 -- connections(report)        the result of Feedback:report
 -- saved()                    the cycle and its publication are over, and the connection counts are
 --                            in the state directory
--- finish(totals)             after the last cycle
-local LISTENERS = { "record", "observe", "metrics" }
+-- ended(totals)              after the last cycle: adds fields to the totals, before any listener's
+--                            finish()
+-- finish(totals)             after that
+local LISTENERS = { "record", "observe", "metrics", "history", "log", "hook" }
 
 local reports = { [true] = "vxa.reports.run_json", [false] = "vxa.reports.run_text" }
 
@@ -199,6 +201,7 @@ local function run(options)
     save_counts(monitored)
     totals.connections = monitored.feedback:counts()
     totals.unpublished = monitored.feedback:unpublished()
+    notify(listeners, "ended", totals)
     notify(listeners, "finish", totals)
     session.close_document(monitored)
     if totals.cycles > 0 and totals.measured + totals.disabled == 0 then

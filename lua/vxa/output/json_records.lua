@@ -9,20 +9,23 @@ local health_policy = require "health_policy"
 local json_records = {}
 
 local KEY_ORDER = {
-    "record", "time", "since", "version", "engine", "monitoring", "policy_source", "settings",
+    "record", "time", "day", "since", "until",
+    "version", "engine", "monitoring", "policy_source", "settings",
     "interval_s", "publication_interval_s", "cycle", "sample",
     "action", "action_text", "state", "cycles", "measured", "metrics", "name", "available", "value",
     "threshold", "unit", "enabled", "over", "over_since", "few", "near", "transition", "causes",
     "held", "would_enter", "min_fail_open_s", "in_fail_open_s", "fail_open_until", "port",
     "direction", "machine", "cpu_pressure", "memory_pressure", "io_pressure",
-    "memory_available_bytes", "cpu_limit", "memory_limit_bytes", "error", "errors",
+    "memory_available_bytes", "cpu_limit", "memory_limit_bytes", "hook", "error",
+    "errors",
     "capabilities", "detail", "entered",
     "flows", "new", "beyond", "published", "services", "protocol", "dst_addr", "dst_port",
     "flags", "cf_ssl_connection", "cf_start_tls", "cf_udp_connection", "cf_outbound_connection",
     "cf_rsa_key_imported", "cf_qoagent_key_imported", "cf_qoagent_key_not_found",
     "cf_qoagent_key_error", "cf_qoagent_fail_open", "cf_qoagent_throttled", "cf_qoagent_banned",
     "cf_do_dpi", "count", "samples", "observations", "reported", "pending", "refused", "seconds",
-    "interrupted",
+    "interrupted", "started", "status", "signal", "ended", "left", "policy_sha256", "from",
+    "found", "enforced_s", "fail_open_s", "not_running_s", "enforced_share",
     "path", "entries", "bytes", "packed_bytes", "text", "manifest", "manifest_error", "verified",
     "matching", "problems", "problem", "entry", "change", "kind", "service", "older", "newer",
     "difference", "per_second", "packets", "bytes_back", "added", "removed", "changes", "lost_in",
@@ -47,11 +50,12 @@ function json_records.print(record, write)
     (write or console.write)(json_records.line(record))
 end
 
--- UTC with milliseconds.
+-- UTC with milliseconds. A double has no exact milliseconds: the thousandth more makes a time that
+-- was read from a record the same again.
 function json_records.time(seconds)
-    local whole = math.floor(seconds)
-    return ("%s.%03dZ"):format(os.date("!%Y-%m-%dT%H:%M:%S", whole),
-        math.floor((seconds - whole) * 1000))
+    local milliseconds = math.floor(seconds * 1000 + 0.001)
+    return ("%s.%03dZ"):format(os.date("!%Y-%m-%dT%H:%M:%S", math.floor(milliseconds / 1000)),
+        milliseconds % 1000)
 end
 
 function json_records.duration(seconds)
@@ -64,17 +68,19 @@ local function or_null(value)
     return value
 end
 
-local function time_or_null(seconds)
+-- Returns null for nil.
+function json_records.time_or_null(seconds)
     return seconds and json_records.time(seconds) or json.null
 end
 
-local function metric_rows(metrics)
+-- Returns an array of the metrics, as in the result of a cycle.
+function json_records.metrics(metrics)
     local rows = json_records.array {}
     for i, metric in ipairs(metrics) do
         rows[i] = { name = metric.name, value = or_null(metric.value),
                     threshold = metric.enabled and metric.threshold or json.null,
                     unit = filter.metrics[metric.name].unit, enabled = metric.enabled,
-                    over = metric.over, over_since = time_or_null(metric.since),
+                    over = metric.over, over_since = json_records.time_or_null(metric.since),
                     few = metric.few or false }
     end
     return rows
@@ -103,13 +109,14 @@ function json_records.cycle(result, errors)
     return {
         time = json_records.time(result.time), action = result.action, action_text = result.text,
         state = result.state, measured = result.measured,
-        metrics = metric_rows(result.metrics), over = names(result.over),
+        metrics = json_records.metrics(result.metrics), over = names(result.over),
         near = names(result.near), transition = or_null(result.transition),
-        causes = result.causes and metric_rows(result.causes) or json.null,
+        causes = result.causes and json_records.metrics(result.causes) or json.null,
         held = result.held or false, would_enter = result.would_enter or false,
         min_fail_open_s = or_null(result.min_duration_s),
         in_fail_open_s = is_open and result.in_fail_open_s or json.null,
-        fail_open_until = time_or_null(result.lasts_until), port = or_null(result.port),
+        fail_open_until = json_records.time_or_null(result.lasts_until),
+        port = or_null(result.port),
         machine = machine(result.machine), errors = json_records.array(errors),
     }
 end

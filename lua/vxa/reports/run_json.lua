@@ -13,9 +13,20 @@ function run_json.new(monitored, options, write)
     return setmetatable({ monitored = monitored, options = options, write = write }, Report)
 end
 
+-- Returns the member for the end of a hook, which listeners/hook.lua adds to a result.
+local function hook(run)
+    return run and {
+        transition = run.transition, started = json_records.time(run.time),
+        seconds = run.seconds and json_records.duration(run.seconds) or json_records.null,
+        status = run.status or json_records.null, signal = run.signal or json_records.null,
+        ended = run.ended or json_records.null, error = run.error or json_records.null,
+    } or json_records.null
+end
+
 -- Returns the record of a cycle.
 function run_json.cycle(result, errors)
     local record = json_records.cycle(result, errors)
+    record.hook = hook(result.hook)
     record.record = "cycle"
     record.cycle = result.number
     return record
@@ -63,7 +74,7 @@ function Report:finish(totals)
         observations = totals.connections.observed, reported = totals.connections.reported,
         pending = totals.connections.pending, refused = totals.connections.refused,
         seconds = json_records.duration(totals.seconds), state = totals.state,
-        interrupted = totals.interrupted,
+        interrupted = totals.interrupted, hook = hook(totals.hook),
     }
 end
 

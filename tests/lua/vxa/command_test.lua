@@ -195,7 +195,7 @@ for _, row in ipairs {
       .. '"over_since":"2.-"frepct","value":null,"threshold":null,"unit":"%%","enabled":false,'
       .. '"over":false,.-"over":%["rqpct"%],"near":%[%],"transition":"entered","causes":%['
       .. '{"name":"rqpct",.-"min_fail_open_s":120,"in_fail_open_s":0,"fail_open_until":"2.-\n'
-      .. '{"record":"end",.-"cycles":2,"measured":2,"entered":1,"observations":200,'
+      .. '{"record":"end",.-"cycles":2,"measured":2,"hook":null,"entered":1,"observations":200,'
       .. '"reported":0,"pending":200,"refused":0,.-"interrupted":false}\n'
       .. '{[^}]*"vxp.filter.FailOpenState":%s*"Activated"' },
     { "status --port 443 --outbound --trace SysHealth.metr", "", "^monitoring  enabled.*\n"
@@ -224,7 +224,7 @@ for _, row in ipairs {
     -- Events of earlier packages are not reported again.
     { "diag p.zip --force --state kept", "VXI_FAULT=vxi_get_stats=-5:disk", "\nmissing  "
       .. "vxa_stats.txt  vxi_get_stats failed with %-5: engine sim: vxi_get_stats: disk\n"
-      .. "1 event in the host document, kept in kept\np.zip: 7 entries" },
+      .. "1 event in the host document, kept in kept\np.zip: 8 entries" },
     { "diag p.zip --force --state kept", "VXI_FAULT=vxi_get_conntrack=-5:after=1", "\nincomplete  "
       .. "vxa_conn_track.txt  vxi_get_conntrack failed with %-5: .* %(2 times%)\n2 events" },
     { "diag p.zip --force", "VXI_SIM=flows=0",
