@@ -85,7 +85,7 @@ end
 
 -- ---- the file ---------------------------------------------------------------------------
 
--- Returns the text of the file. `refused`: the total; `rows`: those that are pending.
+-- Returns the text of the file.
 local function encode(counts, refused, rows)
     local lines = { HEADING }
     local function add(...) lines[#lines + 1] = ("%s %.0f"):format(...) end
@@ -172,20 +172,25 @@ function connection_counts.load(vxa, directory)
     local text, message, code = vxa.read_file(path, MOST_BYTES)
     local counts = text and decode(text)
     if counts then
-        counts.saved = text
+        counts.saved = counts:stamp(counts.refused)
         return counts
     end
     if code == ENOENT then return new() end
     return new(), (message or path .. ": not a file of this command, or incomplete")
 end
 
--- Saves the counts in the directory unless it has them already. Returns nil and a message if that
--- fails.
-function Counts:save(vxa, directory, refused, rows)
-    local text = encode(self, refused, rows)
-    if text == self.saved then return true end
-    local replaced, message = vxa.replace_file(directory .. FILE, text)
-    if replaced then self.saved = text end
+-- Equal stamps: nothing has changed.
+function Counts:stamp(refused)
+    return ("%.0f %.0f %.0f %.0f"):format(self.observed, self.reported, refused, self.reports)
+end
+
+-- Saves the counts in the directory unless it has them already. `refused`: the total; `pending()`
+-- returns the rows that are not published yet. Returns nil and a message if that fails.
+function Counts:save(vxa, directory, refused, pending)
+    local stamp = self:stamp(refused)
+    if stamp == self.saved then return true end
+    local replaced, message = vxa.replace_file(directory .. FILE, encode(self, refused, pending()))
+    if replaced then self.saved = stamp end
     return replaced, message
 end
 

@@ -90,8 +90,9 @@ end
 -- Saves the counts in the directory, if there is one. Returns nil and a message if that fails.
 function Feedback:save()
     if not self.directory then return true end
-    local rest = self.script:rest(true)
-    return self.totals:save(self.vxa, self.directory, self.totals.refused + rest.refused, rest.rows)
+    return self.totals:save(self.vxa, self.directory, self:counts().refused, function()
+        return self.script:rest(true).rows
+    end)
 end
 
 return feedback
