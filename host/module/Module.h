@@ -19,7 +19,7 @@ void OpenAppendFiles(lua_State* L);     // append_file and its methods, is_appen
 void OpenArchiveWriters(lua_State* L);  // ZipOutputStream and its methods
 void OpenCharts(lua_State* L);          // chart and its methods
 void OpenDriverHandles(lua_State* L);   // open and the handle's methods, driver_failures
-void OpenReplays(lua_State* L);         // replay and its methods
+void OpenReplays(lua_State* L);         // replay, tune and their methods
 void OpenTemporaryFiles(lua_State* L);  // temporary and its methods
 // functions/
 void OpenArchives(lua_State* L);         // zip_entries, zip_read, zip_reader

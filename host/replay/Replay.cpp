@@ -130,7 +130,9 @@ std::uint64_t RecordFollower::Elapsed(std::uint64_t now_us)
 
 // ---- all policies ----------------------------------------------------------------------
 
-Replay::Replay(const std::string& path, const std::vector<Policy>& policies) : m_record(path)
+Replay::Replay(const std::string& path, const std::vector<Policy>& policies,
+               std::uint64_t first_cycles)
+    : m_record(path), m_firstCycles(first_cycles)
 {
     for (const Policy& policy : policies) m_monitors.emplace_back(policy);
     m_trackers.resize(policies.size());
@@ -179,6 +181,8 @@ void Replay::ReplayRow()
         monitor.Cycle(row);
         tracker.SetState(row, monitor.IsActivated(), monitor.GetPolicy(), monitor.Over());
         if (monitor.WasHeld()) tracker.CountHeld();
+        if (m_firstCycles == 0 || m_record.Summary().cycles <= m_firstCycles)
+            tracker.EndFirstPart();
     }
 }
 

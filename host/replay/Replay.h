@@ -34,6 +34,7 @@ struct Outcome {
     std::uint64_t enforced_us = 0;
     std::uint64_t fail_open_us = 0;
     std::uint64_t longest_us = 0;
+    std::uint64_t first_entries = 0;                       // in the first part of the record
     std::array<std::uint64_t, fc::kMetricCount> causes{};  // entries by metric
     std::vector<Stretch> stretches;
 };
@@ -47,6 +48,7 @@ public:
     void SetState(const Row& row, bool activated, const Policy& policy, std::uint32_t over);
     void Restart(std::uint64_t last_us);
     void CountHeld() { ++m_outcome.held; }
+    void EndFirstPart() { m_outcome.first_entries = m_outcome.entries; }
 
     const Outcome& GetOutcome() const { return m_outcome; }
 
@@ -104,8 +106,10 @@ private:
 
 class Replay {
 public:
-    // Throws FileError if the file cannot be opened.
-    Replay(const std::string& path, const std::vector<Policy>& policies);
+    // The first part of the record has `first_cycles` cycles; 0: all of them. Throws FileError if
+    // the file cannot be opened.
+    Replay(const std::string& path, const std::vector<Policy>& policies,
+           std::uint64_t first_cycles = 0);
 
     // Reads on, at most `rows` rows. Returns false at the end of the record. Throws as
     // RecordReader::Next does.
@@ -122,6 +126,7 @@ private:
     void Restart();
 
     RecordFollower m_record;
+    std::uint64_t m_firstCycles;
     Policy m_recordedPolicy{};
     Tracker m_recorded;
     std::vector<Monitor> m_monitors;

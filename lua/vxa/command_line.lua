@@ -7,7 +7,8 @@ local command_line = {}
 
 -- In the order of the help. lua/vxa/commands has a file for each, with two functions:
 -- `define(command)` adds description and options, `run(options)` returns the exit status.
-local COMMANDS = { "run", "status", "connections", "history", "diag", "show", "diff", "redact", "plot" }
+local COMMANDS = { "run", "status", "connections", "history", "diag", "show", "diff", "redact",
+                   "plot", "replay", "tune" }
 
 -- ---- the parser -------------------------------------------------------------------------
 
@@ -72,7 +73,9 @@ function command_line.parse(arguments)
     local ok, parsed = parser:pparse(attach_negative_numbers(with_help_option(arguments)))
     if not ok then return nil, (parsed:gsub("\nDid you mean", "; did you mean")) end
     if parsed.outbound and not parsed.port then return nil, "--outbound needs --port" end
-    if parsed.lenient and not parsed.policy then return nil, "--lenient needs --policy" end
+    if parsed.lenient and not (parsed.policy or parsed.policies and parsed.policies[1]) then
+        return nil, "--lenient needs --policy"
+    end
     if parsed.observe and parsed.policy then
         return nil, "--observe judges nothing: leave out --policy"
     end

@@ -18,7 +18,7 @@ function options.whole(name, lowest, highest)
 end
 
 -- Decimal notation only: tonumber would also accept "0x1BB".
-local function decimal(text)
+function options.decimal(text)
     return text:match("^%d+%.?%d*$") and tonumber(text) or text:match("^%.%d+$") and tonumber(text)
 end
 
@@ -26,7 +26,7 @@ local LONGEST_INTERVAL_S = 86400
 
 function options.seconds(name)
     return function(text)
-        local number = decimal(text)
+        local number = options.decimal(text)
         if number and number > 0 and number <= LONGEST_INTERVAL_S then return number end
         return nil, ("%s must be a number of seconds above 0, at most %d, not '%s'")
             :format(name, LONGEST_INTERVAL_S, text)
@@ -77,6 +77,16 @@ function options.add_driver(command)
         :argname("CATEGORY"):count("*"):target("traces")
 end
 
+function options.add_record(command)
+    command:argument("FILE.csv", "A record of vxa run --record."):target("record")
+        :convert(options.file_name("FILE.csv"))
+end
+
+function options.add_lenient(command)
+    command:flag("--lenient", "Accept policy members of the wrong type as the module does, and "
+        .. "warn about them.")
+end
+
 function options.add_policy(command)
     command:option("--policy", ("Health policy, a JSON file. Default: %s if it exists, otherwise "
         .. "a built-in policy."):format(policy_source.CONF_PATH)):argname("FILE")
@@ -86,8 +96,7 @@ function options.add_policy(command)
         .. "containers is not counted. Overrides the policy's port, and adds connection "
         .. "thresholds if the policy has none."):argname("N")
         :convert(options.whole("--port", 1, 65535))
-    command:flag("--lenient", "Accept policy members of the wrong type as the module does, and "
-        .. "warn about them.")
+    options.add_lenient(command)
     command:flag("--outbound", "The port is on remote servers. Default: on this machine.")
 end
 

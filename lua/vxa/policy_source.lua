@@ -1,5 +1,6 @@
 -- Chooses the health policy of a run: --policy, the configuration file or the built-in default.
 
+local console = require "vxa.output.console"
 local exit = require "vxa.exit"
 local format = require "vxa.output.format"
 local health_policy = require "health_policy"
@@ -24,6 +25,12 @@ end
 -- Returns the policy in JSON; that of a configuration file from the settings that it has.
 function policy_source.effective_text(chosen)
     return chosen.text ~= "" and chosen.text or policy_source.to_json(chosen.values)
+end
+
+-- The same for people: a line for each setting.
+function policy_source.to_text(values)
+    return (policy_source.to_json(values):gsub("^{", "{\n  "):gsub("}$", "\n}\n")
+        :gsub(',"', ',\n  "'):gsub(":", ": "))
 end
 
 -- ---- policy file ------------------------------------------------------------------------
@@ -191,6 +198,13 @@ function policy_source.choose(options, vxa, cpus)
         or without_policy_file(vxa, cpus)
     if options.port then return with_port(chosen, options.port, options.outbound) end
     return chosen
+end
+
+-- Shows what the module ignores in the policy.
+function policy_source.warn(chosen)
+    for _, warning in ipairs(chosen.warnings) do
+        console.complain(("warning: %s: %s"):format(chosen.source, warning))
+    end
 end
 
 -- Returns why the module does not monitor with this policy, and what to do about it.

@@ -109,9 +109,7 @@ end
 
 local function choose_policy(options, vxa)
     local chosen = policy_source.choose(options, vxa, session.cpu_count)
-    for _, warning in ipairs(chosen.warnings) do
-        console.complain(("warning: %s: %s"):format(chosen.source, warning))
-    end
+    policy_source.warn(chosen)
     return chosen
 end
 

@@ -1,4 +1,4 @@
-// Records of a run, replayed: vxa.replay and its methods.
+// Records of a run, replayed, and thresholds found in them: vxa.replay, vxa.tune and their methods.
 #include "Replay.h"
 
 #include <algorithm>
@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Module.h"
+#include "Tuner.h"
 #include "boundary/Exceptions.h"
 #include "boundary/Holder.h"
 #include "boundary/Values.h"
@@ -19,21 +20,59 @@ namespace {
 using replay::Outcome;
 using replay::Replay;
 using replay::Stretch;
+using replay::Tuner;
 
-using ReplayHolder = std::unique_ptr<Replay>;  // null if the record could not be opened
 using SettingsByKey = std::map<std::string, double>;
 using PolicyList = std::vector<SettingsByKey>;
 
-constexpr char kType[] = "vxa_replay_t*";
+// The name of the userdata that holds a T; its pointer is null if the record could not be opened.
+template <typename T>
+constexpr char kType[] = "";
+template <>
+constexpr char kType<Replay>[] = "vxa_replay_t*";
+template <>
+constexpr char kType<Tuner>[] = "vxa_tuner_t*";
+
 // Rows that one call reads: some milliseconds.
 constexpr std::size_t kRowsPerCall = 10000;
 constexpr lua_Number kUsPerSecond = 1e6;
 
-Replay& CheckReplay(lua_State* L)
+// Returns argument 1; else raises an argument error. [-0, +0, v]
+template <typename T>
+T& Check(lua_State* L)
 {
-    const auto& held = *static_cast<ReplayHolder*>(luaL_checkudata(L, 1, kType));
+    const auto& held = *static_cast<std::unique_ptr<T>*>(luaL_checkudata(L, 1, kType<T>));
     if (!held) luaL_argerror(L, 1, "the record is closed");
     return *held;
+}
+
+// Pushes a userdata with what `make` returns; or nil and a message if it throws. [-0, +(1|2), m]
+template <typename T, typename Make>
+int Push(lua_State* L, Make make)
+{
+    auto* held = new (lua_newuserdata(L, sizeof(std::unique_ptr<T>))) std::unique_ptr<T>();
+    luaL_setmetatable(L, kType<T>);
+    return SucceedsOrPushError(L, [&] { *held = make(); }) ? 1 : 2;
+}
+
+template <typename T>
+int Close(lua_State* L)
+{
+    static_cast<std::unique_ptr<T>*>(luaL_checkudata(L, 1, kType<T>))->reset();
+    return 0;
+}
+
+// Does some of the work and pushes how much of all of it is done, 1 at the end; or nil and a
+// message. [-0, +(1|2), m]
+template <typename T, typename Work>
+int Continue(lua_State* L, Work work)
+{
+    constexpr lua_Number kMostBeforeEnd = 0.999;  // the file may still grow
+    T& object = Check<T>(L);
+    bool has_more = false;
+    if (!SucceedsOrPushError(L, [&] { has_more = work(object); })) return 2;
+    lua_pushnumber(L, has_more ? std::min(object.Progress(), kMostBeforeEnd) : 1);
+    return 1;
 }
 
 // ---- policies --------------------------------------------------------------------------
@@ -80,24 +119,27 @@ std::vector<replay::Policy> MakePolicies(const PolicyList& policies)
     return made;
 }
 
-// vxa.replay(path, policies)
+// vxa.replay(path, policies [, first_cycles])
 int MakeReplay(lua_State* L)
 {
     const char* path = CheckPath(L, 1);
+    const lua_Number first_cycles = luaL_optnumber(L, 3, 0);
+    luaL_argcheck(L, first_cycles >= 0 && first_cycles <= 1e15, 3, "a number of cycles expected");
     auto* policies = NewHolder<PolicyList>(L);
     TakePolicies(L, policies);
-    auto* made = new (lua_newuserdata(L, sizeof(ReplayHolder))) ReplayHolder();
-    luaL_setmetatable(L, kType);
-    return SucceedsOrPushError(
-               L, [&] { *made = std::make_unique<Replay>(path, MakePolicies(*policies)); })
-               ? 1
-               : 2;
+    return Push<Replay>(L, [&] {
+        return std::make_unique<Replay>(path, MakePolicies(*policies),
+                                        static_cast<std::uint64_t>(first_cycles));
+    });
 }
 
-int Close(lua_State* L)
+// vxa.tune(path, entries_per_week)
+int MakeTuner(lua_State* L)
 {
-    static_cast<ReplayHolder*>(luaL_checkudata(L, 1, kType))->reset();
-    return 0;
+    const char* path = CheckPath(L, 1);
+    const lua_Number entries = luaL_checknumber(L, 2);
+    luaL_argcheck(L, entries >= 0 && entries <= 1e9, 2, "a number from 0 to 1e9 expected");
+    return Push<Tuner>(L, [&] { return std::make_unique<Tuner>(path, entries); });
 }
 
 // ---- results ---------------------------------------------------------------------------
@@ -157,6 +199,7 @@ void PushOutcome(lua_State* L, const Outcome& outcome)  // [-0, +1, m]
 {
     lua_newtable(L);
     SetCount(L, "entries", outcome.entries);
+    SetCount(L, "first_entries", outcome.first_entries);
     SetCount(L, "held", outcome.held);
     SetSeconds(L, "enforced", outcome.enforced_us);
     SetSeconds(L, "fail_open", outcome.fail_open_us);
@@ -187,22 +230,22 @@ void PushSummary(lua_State* L, const replay::RecordSummary& summary)  // [-0, +1
 
 // ---- methods ---------------------------------------------------------------------------
 
-// replay:read(): how much of the file has been read, 1 at its end; or nil and a message.
-int Read(lua_State* L)
+// read(): how much is done, 1 at the end; or nil and a message.
+int ReadReplay(lua_State* L)
 {
-    constexpr lua_Number kMostBeforeEnd = 0.999;  // the file may still grow
-    Replay& replay = CheckReplay(L);
-    bool has_more = false;
-    if (!SucceedsOrPushError(L, [&] { has_more = replay.Read(kRowsPerCall); })) return 2;
-    lua_pushnumber(L, has_more ? std::min(replay.Progress(), kMostBeforeEnd) : 1);
-    return 1;
+    return Continue<Replay>(L, [](Replay& replay) { return replay.Read(kRowsPerCall); });
+}
+
+int ReadTuner(lua_State* L)
+{
+    return Continue<Tuner>(L, [](Tuner& tuner) { return tuner.Step(); });
 }
 
 // replay:result(): the record's summary, with what the recorded run did as "recorded" and what the
 // policies did as "outcomes".
-int Result(lua_State* L)
+int ReplayResult(lua_State* L)
 {
-    const Replay& replay = CheckReplay(L);
+    const Replay& replay = Check<Replay>(L);
     PushSummary(L, replay.Summary());
     PushOutcome(L, replay.Recorded());
     lua_setfield(L, -2, "recorded");
@@ -216,9 +259,47 @@ int Result(lua_State* L)
     return 1;
 }
 
-constexpr luaL_Reg kMethods[] = {
-    {"read", Read},
-    {"result", Result},
+void PushMetricResult(lua_State* L, const Tuner::MetricResult& result)  // [-0, +1, m]
+{
+    lua_createtable(L, 0, 3);
+    SetCount(L, "count", result.count);
+    PushArray(L, result.quantiles, lua_pushnumber);
+    lua_setfield(L, -2, "quantiles");
+    if (result.tightest) SetNumber(L, "tightest", *result.tightest);
+}
+
+// tuner:result(): the record's summary, that of its first half as "first", what was found by
+// metric as "metrics", and how many entries were allowed in the first half as "allowed".
+int TunerResult(lua_State* L)
+{
+    const Tuner& tuner = Check<Tuner>(L);
+    PushSummary(L, tuner.Summary());
+    PushSummary(L, tuner.FirstHalf());
+    lua_setfield(L, -2, "first_half");
+    SetCount(L, "allowed", tuner.EntriesAllowed());
+    lua_createtable(L, 0, fc::kMetricCount);
+    for (const auto& metric : replay::kMetrics) {
+        PushMetricResult(L, tuner.Result(metric.metric));
+        lua_setfield(L, -2, metric.column);
+    }
+    lua_setfield(L, -2, "metrics");
+    return 1;
+}
+
+constexpr luaL_Reg kReplayMethods[] = {
+    {"read", ReadReplay},
+    {"result", ReplayResult},
+    {nullptr, nullptr},
+};
+constexpr luaL_Reg kTunerMethods[] = {
+    {"read", ReadTuner},
+    {"result", TunerResult},
+    {nullptr, nullptr},
+};
+
+constexpr luaL_Reg kFunctions[] = {
+    {"replay", MakeReplay},
+    {"tune", MakeTuner},
     {nullptr, nullptr},
 };
 
@@ -227,9 +308,9 @@ constexpr luaL_Reg kMethods[] = {
 void OpenReplays(lua_State* L)
 {
     RegisterHolder<PolicyList>(L);
-    RegisterClass(L, kType, kMethods, Close);
-    lua_pushcfunction(L, MakeReplay);
-    lua_setfield(L, -2, "replay");
+    RegisterClass(L, kType<Replay>, kReplayMethods, Close<Replay>);
+    RegisterClass(L, kType<Tuner>, kTunerMethods, Close<Tuner>);
+    luaL_setfuncs(L, kFunctions, 0);
 }
 
 }  // namespace vxa

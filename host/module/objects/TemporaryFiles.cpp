@@ -32,6 +32,13 @@ int MakeTemporary(lua_State* L)
     return SucceedsOrPushError(L, [&] { *file = std::make_unique<PendingFile>(path); }) ? 1 : 2;
 }
 
+int Write(lua_State* L)
+{
+    FileHolder& file = CheckOpen(L, 1);
+    const std::string_view bytes = CheckBytes(L, 2);
+    return PushSuccess(L, [&] { file->Write(bytes); });
+}
+
 int Publish(lua_State* L)
 {
     FileHolder& file = CheckOpen(L, 1);
@@ -50,6 +57,7 @@ int Close(lua_State* L)
 }
 
 constexpr luaL_Reg kMethods[] = {
+    {"write", Write},
     {"publish", Publish},
     {"close", Close},
     {nullptr, nullptr},

@@ -8,7 +8,7 @@ local option = require "vxa.options"
 local picture = require "vxa.plot.picture"
 local policy_source = require "vxa.policy_source"
 local printable = require "vxa.output.printable"
-local progress = require "vxa.output.progress"
+local records = require "vxa.records"
 local session = require "vxa.session"
 
 local function picture_name(text)
@@ -18,8 +18,7 @@ end
 
 local function define(command)
     command:description("Draw a record: a panel for each metric, with its threshold.")
-    command:argument("FILE.csv", "A record of vxa run --record."):target("record")
-        :convert(option.file_name("FILE.csv"))
+    option.add_record(command)
     command:option("-o --output", "The picture to write, FILE.svg or FILE.png."):argname("FILE")
         :target("picture"):convert(picture_name):count(1)
     command:flag("--force", "Replace an existing file.")
@@ -38,17 +37,7 @@ local function read_chart(vxa, options, policy)
     local json = policy and policy_source.to_json(policy.values)
     local chart, message = vxa.chart(options.record, json, options.since, options["until"])
     if not chart then exit.fail(2, "%s", message) end
-    local shown = progress.new(vxa, "reading the record")
-    repeat
-        local done
-        done, message = chart:read()
-        if not done or vxa.interrupted() then shown:finish() end
-        if not done then exit.fail(2, "%s", message) end
-        exit.if_interrupted(vxa)
-        shown:show(done * 100, 100)
-    until done == 1
-    shown:finish()
-    return chart:result()
+    return records.read(vxa, chart)
 end
 
 -- ---- drawing ----------------------------------------------------------------------------

@@ -52,6 +52,12 @@ function format.count(number, noun, plural)
     return ("%d %s"):format(number, number == 1 and noun or plural or noun .. "s")
 end
 
+-- "8,640"
+function format.grouped(number)
+    local digits = ("%.0f"):format(number)
+    return (digits:reverse():gsub("(%d%d%d)", "%1,"):reverse():gsub("^,", ""))
+end
+
 -- "873 bytes", "41.2 kB", "9.7 MB"
 function format.size(bytes)
     if bytes < 1000 then return format.count(bytes, "byte") end

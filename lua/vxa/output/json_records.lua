@@ -30,6 +30,11 @@ local KEY_ORDER = {
     "matching", "problems", "problem", "entry", "change", "kind", "service", "older", "newer",
     "difference", "per_second", "packets", "bytes_back", "added", "removed", "changes", "lost_in",
     "reason", "traffic", "notes", "host", "differences", "unchanged", "warnings",
+    "file", "first", "last", "failed", "disabled", "starts", "gaps", "missing",
+    "enforced_s", "fail_open_s", "longest_s", "moments", "left", "restarted", "values",
+    "quantiles", "p50", "p99", "p99.9", "max", "p1", "p0.1", "min", "entries_per_week", "proposed",
+    "first_half_end", "first_half_entries", "second_half_entries", "second_half_per_week",
+    "confirmed", "note", "policy",
 }
 for _, setting in ipairs(health_policy.settings) do KEY_ORDER[#KEY_ORDER + 1] = setting.key end
 
@@ -119,6 +124,16 @@ function json_records.cycle(result, errors)
         port = or_null(result.port),
         machine = machine(result.machine), errors = json_records.array(errors),
     }
+end
+
+-- Returns a policy, as files have it, with these settings.
+function json_records.policy(values)
+    local policy = json_records.settings(values)
+    for _, setting in ipairs(health_policy.settings) do
+        local value = policy[setting.key]
+        if value and setting.threshold then policy[setting.key] = { value = value } end
+    end
+    return policy
 end
 
 -- Returns a copy of the settings that becomes {} if it is empty.

@@ -1,0 +1,190 @@
+-- Replaying records and finding thresholds in them.
+
+local filter = require "filter"
+local json = require "dkjson"
+local proposal = require "vxa.proposal"
+local testing = require "testing"
+local vxa_module = require "vxa"
+
+local equal, matches = testing.equal, testing.matches
+local ROOT, SCRATCH = os.getenv "VXA_ROOT", os.getenv "FAKE_MACHINE" .. "/work/"
+os.execute("mkdir " .. SCRATCH)
+
+local function shell(command)
+    local pipe = io.popen(("cd %s; { %s; } 2>&1"):format(SCRATCH, command))
+    local text = pipe:read("*a")
+    return text, select(3, pipe:close())
+end
+
+local function vxa(arguments, environment)
+    return shell(("%s VXI_ENGINE=sim %s/bin/vxa %s"):format(environment or "", ROOT, arguments))
+end
+
+local function decode(text)
+    local records = {}
+    for line in text:gmatch("{[^\n]*") do records[#records + 1] = json.decode(line) end
+    return records
+end
+
+-- ---- a run and its replay -------------------------------------------------------------------
+
+testing.write(SCRATCH .. "own.json", [[{"SYS_CONF_CONN_REFUSAL_PORT": 443,
+    "SYS_CONF_MIN_ACT_DURATION": 0, "SYS_THR_CONN_REFUSAL_PCT": {"value": 20},
+    "SYS_THR_RUNQ": {"value": 8}, "SYS_THR_FREE_MEM": {"value": 1}}]])
+testing.write(SCRATCH .. "loose.json", '{"SYS_THR_RUNQ": {"value": 200}, "TYPO": 1}')
+testing.write(SCRATCH .. "no_port.json", '{"SYS_THR_CONN_REFUSAL_PCT": {"value": 20}}')
+for _ = 1, 2 do
+    vxa("run --record r.csv --policy own.json --interval 0.01 --cycles 60",
+        "VXI_SIM=scenario=busy:5/overloaded:5,interval_s=1")
+end
+local REPLAY = "replay r.csv --policy own.json --policy loose.json --policy no_port.json"
+local printed = decode((vxa(REPLAY .. " --json 2>/dev/null")))
+local summary, recorded, own, loose, no_port = table.unpack(printed)
+equal(summary.cycles, 120, "cycles")
+equal(summary.starts, 2, "starts")
+equal(recorded.entries > 4 and recorded.fail_open_s > 0, true, "entered")
+for _, member in ipairs { "entries", "enforced_s", "fail_open_s", "longest_s" } do
+    equal(own[member], recorded[member], member)
+end
+equal(json.encode(own.moments), json.encode(recorded.moments), "moments")
+equal(own.causes.rqpct, recorded.causes.rqpct, "causes")
+equal(loose.entries, 0, "loose")
+equal(loose.enforced_s, summary.seconds, "always enforced")
+equal(no_port.monitoring, false, "no port")
+
+local text = vxa(REPLAY)
+matches(text, "warning: loose.json: 'TYPO' is not a setting", "warning")
+matches(text, "\nas recorded +" .. recorded.entries .. " ", "recorded")
+matches(text, "\nloose.json +0 +0.0 min +0.0 min +100.00 %%\n", "loose")
+matches(text, "not monitoring: no_port.json has a connection threshold but no port", "reason")
+matches(text, "\n%d[^\n]* rqpct [%d.]+ > 8, refusalpct [%d.]+ > 20\n", "moment")
+shell("sed -E '9,20s/^([^,]*,0,[^,]*,443,[^,]*),[^,]*/\\1,/' r.csv >gaps.csv")
+matches(vxa("replay gaps.csv --policy own.json"),
+    "\nrefusalpct was not recorded in %d+ of 120 cycles, and is not judged there\n", "missing")
+
+-- ---- thresholds -----------------------------------------------------------------------------
+
+local ROWS = 30000
+shell(("lua5.2 %s/bench/make_record.lua %d 7 >long.csv"):format(ROOT, ROWS))
+
+-- Returns the rows with numbers by column, `start` in the first of each run.
+local function read_rows(name)
+    local rows, columns, start = {}, nil, true
+    for line in io.lines(SCRATCH .. name) do
+        if line:find("^#") then start = true goto next_line end
+        local row, i = { start = start }, 0
+        for field in line:gmatch("([^,]*),") do
+            i = i + 1
+            if columns then row[columns[i] or i] = tonumber(field) else row[i] = field end
+        end
+        if columns then
+            local h, m, s = line:match(" (%d+):(%d+):([%d.]+)")
+            row.time = os.time { year = line:sub(1, 4), month = line:sub(6, 7),
+                                 day = line:sub(9, 10), hour = 0 } + h * 3600 + m * 60 + s
+            rows[#rows + 1], start = row, false
+        end
+        columns = columns or row
+        ::next_line::
+    end
+    return rows
+end
+
+local function is_over(metric, value, threshold)
+    if metric.below then return value < threshold end
+    return value > threshold
+end
+
+local function entries(rows, last, metric, threshold)
+    local since, missed, count = nil, false, 0
+    for i = 1, last do
+        local row = rows[i]
+        if row.start then since, missed = nil, false end
+        if row.action >= 5 then
+            missed = true
+        else
+            local value = row[metric.name]
+            if since then
+                if row.time - since >= 1800 - 1e-7 then since = nil end
+            elseif value and is_over(metric, value, threshold) and not (missed and metric.rate) then
+                since, count = row.time, count + 1
+            end
+            missed = false
+        end
+    end
+    return count
+end
+
+local function values_of(rows, last, metric)
+    local values = {}
+    for i = 1, last do values[#values + 1] = rows[i][metric.name] end
+    table.sort(values, metric.below and function(a, b) return a > b end or nil)
+    return values
+end
+
+local rows = read_rows "long.csv"
+local pass = vxa_module.tune(SCRATCH .. "long.csv", 30)
+repeat until pass:read() == 1
+local found = pass:result()
+local half = found.first_half.cycles
+equal(#rows, found.cycles, "rows")
+equal(found.allowed, math.floor(30 * found.first_half.counted / 604800), "allowed")
+equal(half > 0.49 * ROWS and half < 0.51 * ROWS, true, "half")
+for _, metric in ipairs(filter.metrics) do
+    local result, values = found.metrics[metric.name], values_of(rows, ROWS, metric)
+    for i, share in ipairs { 0.5, 0.99, 0.999, 1 } do
+        equal(result.quantiles[i], values[math.ceil(share * #values)], metric.name .. share)
+    end
+    local tighter
+    for _, value in ipairs(values_of(rows, half, metric)) do
+        if not is_over(metric, value, result.tightest) and value ~= result.tightest then
+            tighter = value
+        end
+    end
+    local count = entries(rows, half, metric, result.tightest)
+    equal(count <= found.allowed, true, metric.name .. " stays within")
+    equal(entries(rows, half, metric, tighter) > found.allowed, true, metric.name .. " is tight")
+    local round = proposal.round(result.tightest, metric)
+    equal(is_over(metric, result.tightest, round), false, metric.name .. " is rounded away")
+    equal(tostring(round):gsub("[0.]", ""):len() <= 2, true, metric.name .. " " .. round)
+end
+
+-- ---- the command ----------------------------------------------------------------------------
+
+local tuned = decode((vxa "tune long.csv --entries-per-week 30 --json -o found.json"))[2]
+equal(tuned.metrics[1].proposed, proposal.round(found.metrics.rqpct.tightest, filter.metrics[1]),
+    "proposed")
+equal(tuned.policy.SYS_THR_RUNQ.value, tuned.metrics[1].proposed, "policy")
+for _, metric in ipairs(tuned.metrics) do
+    equal(metric.confirmed, metric.second_half_per_week <= 30, metric.name .. " is confirmed")
+end
+local _, status = vxa "run --policy found.json --cycles 1"
+equal(status, 0, "the policy is accepted")
+equal(decode((vxa "replay long.csv --policy found.json --json"))[3].entries, tuned.entries, "same")
+matches(vxa "tune long.csv --entries-per-week 30 --output found.json", "already exists", "kept")
+text = vxa "tune long.csv"
+matches(text, "\n{\n  \"SYS_CONF_CONN_REFUSAL_PORT\": 443,\n.*\n}\n$", "printed")
+matches(text, "\nmetric +p50 +p99 ", "table")
+
+-- ---- what is refused ------------------------------------------------------------------------
+
+shell "head -8000 long.csv >short.csv; head -4 long.csv >empty.csv; echo a,b >foreign.csv"
+shell "mkfifo fifo; truncate -s 1G sparse; sed 5s/443/x/ long.csv >damaged.csv"
+for _, case in ipairs {
+    { "tune short.csv", "short.csv has samples of 22.2 hours; to find thresholds, at least 24" },
+    { "tune empty.csv", "empty.csv has no cycles" },
+    { "replay foreign.csv", "foreign.csv: not a record of vxa run %-%-record" },
+    { "tune foreign.csv", "foreign.csv: not a record of vxa run %-%-record" },
+    { "replay fifo", "fifo: not a regular file" },
+    { "replay /dev/zero", "/dev/zero: not a regular file" },
+    { "tune .", "%.: Is a directory" },
+    { "replay sparse", "sparse: not a record" },
+    { "replay damaged.csv", "damaged.csv: line 5: port is 'x', expected a number from 0 to 65535" },
+    { "replay long.csv --policy none", "policy none: No such file" },
+    { "tune long.csv --entries-per-week -1", "must be a number from 0 to 10000, not '%-1'" },
+} do
+    text, status = vxa(case[1])
+    matches(text, "^vxa: [^\n]*" .. case[2], case[1])
+    equal(status, 2, case[1])
+end
+
+testing.finish()
