@@ -42,6 +42,7 @@ int OpenModule(lua_State* L)
     RegisterOwners(L);
     OpenDocuments(L);
     OpenAppendFiles(L);
+    OpenArchiveReaders(L);
     OpenArchiveWriters(L);
     OpenCharts(L);
     OpenChildProcesses(L);
@@ -49,7 +50,6 @@ int OpenModule(lua_State* L)
     OpenReplays(L);
     OpenRotatedFiles(L);
     OpenTemporaryFiles(L);
-    OpenArchives(L);
     OpenDigests(L);
     OpenEngines(L);
     OpenFiles(L);

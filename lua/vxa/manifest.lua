@@ -117,6 +117,12 @@ local function parse(vxa, text)
     return content, raw
 end
 
+-- Messages about archives begin with the path, which the reader of the package has given.
+local function without_path(message, path)
+    local prefix = path .. ": "
+    return message:sub(1, #prefix) == prefix and message:sub(#prefix + 1) or message
+end
+
 -- Returns the manifest of a package whose entries are `listed`, without the members that are null,
 -- and with them, for json.encode. Otherwise nil, why there is none or it cannot be used, and
 -- whether there is one.
@@ -128,7 +134,7 @@ function manifest.read(vxa, path, listed)
     if count == 0 then return nil, "there is none", false end
     if count > 1 then return nil, ("%d entries have its name"):format(count), true end
     local text, message = vxa.zip_read(path, manifest.NAME, MOST_BYTES)
-    if not text then return nil, message, true end
+    if not text then return nil, without_path(message, path), true end
     local content, reason = parse(vxa, text)
     return content, reason, true
 end
@@ -185,7 +191,7 @@ function Check:entry(reader, entry)
     self.bytes = self.bytes + entry.bytes
     local sum, message = reader:sha256()
     if not sum then
-        self:complain(entry.name, message)
+        self:complain(entry.name, without_path(message, self.path))
     elseif sum ~= row.sha256 then
         self:complain(entry.name, "its SHA-256 is not the one in the manifest: it was changed")
     else
@@ -198,8 +204,8 @@ end
 function manifest.verify(vxa, path, content, progress)
     local reader, message = vxa.zip_reader(path)
     if not reader then return 0, { { name = path, problem = message } } end
-    local found = setmetatable({ rows = {}, seen = {}, problems = {}, bytes = 0, matching = 0 },
-        Check)
+    local found = setmetatable({ path = path, rows = {}, seen = {}, problems = {}, bytes = 0,
+                                 matching = 0 }, Check)
     found:expect(content.entries)
     local entry
     entry, message = reader:next()

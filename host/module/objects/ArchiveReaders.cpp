@@ -127,7 +127,7 @@ constexpr luaL_Reg kFunctions[] = {
 
 }  // namespace
 
-void OpenArchives(lua_State* L)
+void OpenArchiveReaders(lua_State* L)
 {
     RegisterHolder<EntryList>(L);
     RegisterHolder<NextEntry>(L);
