@@ -21,6 +21,15 @@ function exit.after_signal(signal)
     error({ status = exit.signal_status(signal) }, 0)
 end
 
+-- Ends the command without a message and with status 0: the reader of its output has gone.
+function exit.quietly()
+    error({ status = 0 }, 0)
+end
+
+function exit.is_quiet(err)
+    return type(err) == "table" and err.status == 0
+end
+
 -- Ends the command if a signal has arrived.
 function exit.if_interrupted(vxa)
     local signal = vxa.interrupted()

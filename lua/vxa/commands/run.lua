@@ -2,6 +2,7 @@
 
 local connection_feedback = require "vxa.feedback"
 local console = require "vxa.output.console"
+local exit = require "vxa.exit"
 local filter = require "filter"
 local messages = require "vxa.messages"
 local option = require "vxa.options"
@@ -54,6 +55,19 @@ local function notify(listeners, event, ...)
         local method = listener[event]
         if method then method(listener, ...) end
     end
+end
+
+-- Calls the last events. Every listener gets them, also if the output of another one fails: what
+-- it keeps must be complete. Then raises the first error.
+local function finish(listeners, totals)
+    local failure
+    for _, event in ipairs { "ended", "finish" } do
+        for _, listener in ipairs(listeners) do
+            local done, cause = pcall(notify, { listener }, event, totals)
+            if not done then failure = failure or cause end
+        end
+    end
+    if failure then error(failure, 0) end
 end
 
 -- ---- advice -----------------------------------------------------------------------------
@@ -195,14 +209,14 @@ local function run(options)
     local totals = { cycles = 0, measured = 0, disabled = 0, entered = 0, started = vxa.clock(),
                      state = monitored.monitor.state }
     notify(listeners, "start")
-    run_cycles(monitored, options, listeners, totals)
+    local done, cause = pcall(run_cycles, monitored, options, listeners, totals)
+    if not done and not exit.is_quiet(cause) then error(cause, 0) end
     totals.seconds = vxa.clock() - totals.started
     totals.interrupted = totals.interrupted or vxa.interrupted()
     save_counts(monitored)
     totals.connections = monitored.feedback:counts()
     totals.unpublished = monitored.feedback:unpublished()
-    notify(listeners, "ended", totals)
-    notify(listeners, "finish", totals)
+    finish(listeners, totals)
     session.close_document(monitored)
     if totals.cycles > 0 and totals.measured + totals.disabled == 0 then
         console.complain("no cycle could sample this machine")

@@ -13,7 +13,7 @@ function console.write(text)
     local done, message, code = io.stdout:write(text)
     if done then done, message, code = io.stdout:flush() end
     if done then return end
-    if code == EPIPE then error({ status = 0 }, 0) end
+    if code == EPIPE then exit.quietly() end
     if code == EINTR then exit.if_interrupted(require "vxa") end
     exit.fail(1, "cannot write to standard output: %s", message)
 end

@@ -184,7 +184,8 @@ for _, row in ipairs {
       "^trace VXI .*\ntrace SysHealth.conf .*\ntrace SysHealth.scan " },
     { RUN .. "2 --engine linux", "FAKE_CPUS=", "no load figures +uptime or nproc.*\n2 cycles .* 0 "
       .. "measured", "^vxa: no cycle could sample this machine\n$", 1 },
-    { RUN .. "100000 | head -n 1", "", "^vxa [^\n]*\n$" },
+    { RUN .. "100000 --metrics a.prom | head -n 1; ls *.prom", "",
+      "^vxa [^\n]*\nfifo.prom\nother.prom\n$" },
     { RUN .. 1, "VXI_SIM=flows=9", "normal .*\n== connections: 9 new connections to %d services .*"
       .. "\n count .*\n1 cycle ", nil, 0, DUE },
     { RUN .. "2 --json --policy runq.json --state kept && cat kept/document.json", PEAK,
