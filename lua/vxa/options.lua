@@ -1,6 +1,7 @@
 -- Options that several commands have, and the checks of their values.
 
 local policy_source = require "vxa.policy_source"
+local times = require "vxa.times"
 
 local options = {}
 
@@ -33,28 +34,10 @@ function options.seconds(name)
     end
 end
 
--- Days since the epoch; counting from March puts the leap day at a year's end.
-local function days_of(year, month, day)
-    if month <= 2 then year, month = year - 1, month + 12 end
-    local leap_days = math.floor(year / 4) - math.floor(year / 100) + math.floor(year / 400)
-    return 365 * year + leap_days + math.floor((153 * (month - 3) + 2) / 5) + day - 719469
-end
-
--- Seconds since the epoch for a time in UTC, or nil.
-local function utc_time(text)
-    local padded = text:gsub("T", " ") .. (" 00:00:00"):sub(#text - 9)
-    local year, month, day, hour, minute, second =
-        padded:match("^(%d%d%d%d)%-(%d%d)%-(%d%d) (%d%d):(%d%d):(%d%d)$")
-    if not year then return nil end
-    local time = days_of(tonumber(year), tonumber(month), tonumber(day)) * 86400
-        + hour * 3600 + minute * 60 + second
-    return os.date("!%Y-%m-%d %H:%M:%S", time) == padded and time or nil
-end
-
 -- "2026-11-22", "2026-11-22 04:00", "2026-11-22T04:00:30".
 function options.time(name)
     return function(text)
-        local time = utc_time(text)
+        local time = times.utc(text)
         if time then return time end
         return nil, ("%s must be a time such as '2026-11-22 04:00' (UTC), not '%s'")
             :format(name, text)

@@ -118,12 +118,28 @@ FileDescriptor OpenProcess(pid_t pid)
     return FileDescriptor(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
 }
 
+// A thread started meanwhile takes no signals: they are for the threads that end on them.
+class SignalBlocker {
+public:
+    SignalBlocker()
+    {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &m_previous);
+    }
+    ~SignalBlocker() { pthread_sigmask(SIG_SETMASK, &m_previous, nullptr); }
+    SignalBlocker(const SignalBlocker&) = delete;
+    SignalBlocker& operator=(const SignalBlocker&) = delete;
+
+private:
+    sigset_t m_previous;
+};
+
 }  // namespace
 
 struct ChildProcess::State {
     State(const std::string& command, std::string_view input, double limit_s);
 
-    void StartThread();
     void Watch();
     bool HasExited(Clock::time_point until, bool heeds_stop) const;
     void EndRest(Clock::time_point until) const;
@@ -152,27 +168,13 @@ ChildProcess::State::State(const std::string& command, std::string_view input, d
 {
     try {
         if (!stop || !process) Throw(errno, "cannot watch a command");
-        StartThread();
-    } catch (const std::system_error&) {
+        const SignalBlocker blocker;
+        thread = std::thread(&State::Watch, this);
+    } catch (...) {
         Kill(SIGKILL);
         (void)waitpid(pid, nullptr, 0);
         throw;
     }
-}
-
-// The thread takes no signals: they are for the threads that end on them.
-void ChildProcess::State::StartThread()
-{
-    sigset_t all, previous;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &previous);
-    try {
-        thread = std::thread(&State::Watch, this);
-    } catch (const std::system_error&) {
-        pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-        throw;
-    }
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
 }
 
 // Returns false at that time, or when it is to be stopped.

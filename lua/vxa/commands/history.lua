@@ -6,10 +6,11 @@ local exit = require "vxa.exit"
 local format = require "vxa.output.format"
 local json_records = require "vxa.output.json_records"
 local option = require "vxa.options"
+local progress = require "vxa.output.progress"
 local records = require "vxa.history.records"
 local session = require "vxa.session"
 local timeline = require "vxa.history.timeline"
-local times = require "vxa.history.times"
+local times = require "vxa.times"
 
 local function define(command)
     command:description("Show the transitions that vxa run --state kept, and for each day the "
@@ -29,7 +30,7 @@ local function stopped_s(sums)
 end
 
 local function share(sums)
-    return sums.seconds > 0 and sums.enforced / sums.seconds or nil
+    return sums.seconds > 0 and math.min(sums.enforced / sums.seconds, 1) or nil
 end
 
 -- ---- JSON -------------------------------------------------------------------------------
@@ -85,7 +86,7 @@ end
 
 local how_ended = {
     left = "left", ongoing = "goes on", ["run ended"] = "with the run",
-    unknown = "unknown: the run was killed",
+    unknown = "unknown: the run broke off",
 }
 
 local function show_stretches(stretches)
@@ -155,11 +156,16 @@ local function run(options)
     local vxa = session.load_host()
     local now = vxa.time()
     local since = read_since(options.since, now)
-    local function check() exit.if_interrupted(vxa) end
+    local reading = progress.new(vxa, "reading")
+    local function check(done, total)
+        exit.if_interrupted(vxa)
+        if done then reading:show(done, total) end
+    end
     local list = read_records(vxa, options.state, check)
     local life = records.read_life(vxa, options.state)
     local is_running = vxa.is_appended_to(records.path(options.state))
     local history = timeline.build(list, life, is_running, since, now, check)
+    reading:finish()
     if options.json then print_json(history) else print_text(history) end
     return 0
 end

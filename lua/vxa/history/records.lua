@@ -3,7 +3,7 @@
 local json = require "dkjson"
 
 local filter = require "filter"
-local times = require "vxa.history.times"
+local times = require "vxa.times"
 
 local records = {}
 
@@ -36,7 +36,7 @@ local function valid_causes(list, at)
     local causes = {}
     for _, cause in ipairs(type(list) == "table" and list or {}) do
         if is_cause(cause) then
-            local since = type(cause.over_since) == "string" and times.parse_utc(cause.over_since)
+            local since = type(cause.over_since) == "string" and times.of_record(cause.over_since)
             cause.since, cause.enabled, cause.over = since or at, true, true
             causes[#causes + 1] = cause
         end
@@ -57,11 +57,11 @@ local function parse(vxa, line)
     local stop, record = vxa.parse_json(line, 1, json.null, OBJECT)
     if not stop or stop <= #line or getmetatable(record) ~= OBJECT then return nil end
     local needed = kinds[record.record]
-    record.at = type(record.time) == "string" and times.parse_utc(record.time)
+    record.at = type(record.time) == "string" and times.of_record(record.time)
     if not needed or not record.at then return nil end
     for _, name in ipairs(time_members) do
         local text = record[name]
-        record[name] = type(text) == "string" and times.parse_utc(text) or nil
+        record[name] = type(text) == "string" and times.of_record(text) or nil
     end
     for _, name in ipairs(needed) do
         if not record[name] then return nil end
@@ -76,9 +76,9 @@ end
 -- Adds the records of a file. A last line without line feed is being written or was cut short.
 local function read_lines(vxa, path, text, list, check)
     local number = 0
-    for line in text:gmatch("([^\n]*)\n") do
+    for line, next_at in text:gmatch("([^\n]*)\n()") do
         number = number + 1
-        if number % 1000 == 0 then check() end
+        if number % 1000 == 0 then check(next_at - 1, #text) end
         local record = parse(vxa, line)
         if record then
             list[#list + 1] = record
@@ -91,8 +91,8 @@ end
 
 -- Returns an array of the records in a state directory, oldest first, with the number of lines
 -- that are not records as `unreadable`, the place of the first as `first_unreadable`, and whether
--- there is a file as `has_file`; or nil and a message. `check` is called from time to time and may
--- raise an error.
+-- there is a file as `has_file`; or nil and a message. `check(done, total)` is called from time to
+-- time and may raise an error.
 function records.read(vxa, directory, check)
     local list = { unreadable = 0 }
     for _, path in ipairs { records.path(directory) .. ".1", records.path(directory) } do

@@ -4,7 +4,7 @@
 -- The clock can have been set between two records, so the same time can be recorded twice: then
 -- the later record counts.
 
-local times = require "vxa.history.times"
+local times = require "vxa.times"
 
 local timeline = {}
 

@@ -32,11 +32,12 @@ function History:warn(message)
     if message then self.monitored.messages:warn_once(message) end
 end
 
--- Each record is on the disk before the next cycle.
+-- Each record is on the disk before the next cycle. Returns whether it is written.
 function History:write(record)
     local written, message = self.file:write(json_records.line(record))
     self:warn(message)
     if written then self:warn(select(2, self.file:sync())) end
+    return written
 end
 
 -- Replaces the file from which the next start learns until when this run is known to have lived.
@@ -46,7 +47,7 @@ function History:show_life(now)
         record = "running", time = json_records.time(now), started = self.started,
         state = self.monitored.monitor.state, interval_s = self.options.interval,
     }
-    self:warn(select(2, self.vxa.replace_file(self.life_path, line)))
+    self:warn(select(2, self.vxa.replace_file(self.life_path, line, true)))
 end
 
 function History:add_policy(record)
@@ -127,10 +128,12 @@ end
 function History:finish(totals)
     local now = self.vxa.time()
     self:check_clocks(now)
-    self:write { record = "ended", time = json_records.time(now), state = totals.state,
-                 seconds = json_records.duration(totals.seconds),
-                 interrupted = totals.interrupted }
+    local is_recorded = self:write {
+        record = "ended", time = json_records.time(now), state = totals.state,
+        seconds = json_records.duration(totals.seconds), interrupted = totals.interrupted,
+    }
     self.file:close()
+    if not is_recorded then return self:show_life(now) end
     local removed, message = self.vxa.remove_file(self.life_path)
     if not removed then console.complain(message) end
 end
