@@ -122,11 +122,15 @@ local function causes(transition)
     return #known > 0 and table.concat(known, "; ") or nil
 end
 
-local function transition_part(transition)
+-- A run that ended in fail-open left no transition of its own.
+local function transition_part(state)
+    local transition = state.last_transition
     if not transition or type(transition.time) ~= "string" then return nil end
-    local change = type(transition.record) == "string" and transition.record .. " at "
-    local till = transition.fail_open_until
-    return join("; ", join(": ", (change or "since ") .. transition.time, causes(transition)),
+    local is_current = state.fail_open == "Activated" and transition.record == "entered"
+    local till = is_current and transition.fail_open_until
+    local change = type(transition.record) == "string" and transition.record .. " at " or "at "
+    return join("; ", join(": ", (is_current and "" or "last transition: ") .. change
+        .. transition.time, causes(transition)),
         type(till) == "string" and "lasts at least until " .. till or nil)
 end
 
@@ -135,7 +139,7 @@ local function state_line(content)
     if not state then return why_unknown(content, "state") end
     local cycle = state.last_cycle and state.last_cycle.time
     return join("; ", state_names[state.fail_open] or state.fail_open,
-        transition_part(state.last_transition),
+        transition_part(state),
         type(cycle) == "string" and "last seen running at " .. cycle or nil)
 end
 

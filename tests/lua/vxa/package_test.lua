@@ -142,7 +142,7 @@ for _, row in ipairs {
     { '{"manifest":1,"version":"\\u001b[2J\\u202e","unknown":[{"member":"a","reason":"\\u009b"}]}',
       1, "\nby +vxa \\x1b%[2J\\xe2\\x80\\xae\n.*\nnot known +a: \\xc2\\x9b\n" },
     { '{"manifest":1,"state":{"last_transition":{"time":"T","record":[],"causes":[{"name":"zz"}]},'
-      .. '"last_cycle":{"time":{}}}}', 1, "\nstate +since T\n.*sums" },
+      .. '"last_cycle":{"time":{}}}}', 1, "\nstate +last transition: at T\n.*sums" },
     { '{"manifest":1,"x":' .. ("["):rep(900) .. ("]"):rep(900) .. "}", 1, "\nsums +0 entries" },
     { false, 0, "^manifest    none: not a package of vxa diag[^\n]*\n\nentry " },
     { '{"manifest":1,"entries":[null]}', 1, "^manifest    cannot be used, .*: entries%[1%] is nu" },
