@@ -19,7 +19,7 @@ local function file_name(path)
 end
 
 local function define(command)
-    command:option("--metrics", "Keep the run's figures for Prometheus in this file, for the "
+    command:option("--metrics", "Keep the run's metrics for Prometheus in this file, for the "
         .. "textfile collector of its node exporter. The name must end in .prom.")
         :argname("FILE"):convert(file_name)
     command:flag("--metrics-services", "With --metrics: also count connections by service.")
@@ -171,7 +171,7 @@ function Metrics:cycle(result)
     end
 end
 
--- Not in cycle(): the counts must be in the state directory before anybody reads them here, or
+-- Not in cycle(): the counts must be in the state directory before they can be read here, or
 -- they could run backwards when the run is killed.
 function Metrics:saved()
     local written, message = self:write()
