@@ -26,9 +26,9 @@ public:
     const Policy& GetPolicy() const { return m_policy; }
     bool IsActivated() const { return m_state.activated; }  // after the last cycle
 
-    // Of the last measured cycle: the metrics beyond their thresholds, and whether fail-open was
-    // not entered because of a missed sample.
+    // The metrics beyond their thresholds in the last measured cycle.
     std::uint32_t Over() const { return m_over; }
+    // Whether the last cycle did not enter fail-open only because a sample was missed before it.
     bool WasHeld() const { return m_held; }
 
 private:

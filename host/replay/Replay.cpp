@@ -73,7 +73,6 @@ RecordReader::Event RecordFollower::Next()
             m_summary.interval_s = m_reader.IntervalS();
             break;
         case RecordReader::Event::kPolicy:
-            ++m_summary.policies;
             m_summary.settings = m_reader.Text();
             break;
         case RecordReader::Event::kRow:

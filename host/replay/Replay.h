@@ -4,7 +4,6 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <limits>
 #include <string>
 #include <vector>
 
@@ -24,9 +23,9 @@ struct Stretch {
     std::array<double, fc::kMetricCount> values, thresholds;
 };
 
-// What one policy did. Times in gaps of the record are in neither sum.
+// What one policy did. The sums leave out gaps in the record.
 struct Outcome {
-    // Later ones are counted, but not kept.
+    // Later stretches are counted, but not kept.
     static constexpr std::size_t kMostStretches = 1000;
 
     std::uint64_t entries = 0;
@@ -42,9 +41,9 @@ struct Outcome {
 // Follows one policy's state through a record.
 class Tracker {
 public:
-    // Time between two rows; the state is that after the first.
+    // Adds the time between two rows to the state after the first.
     void AddTime(std::uint64_t us);
-    // The state after this row's cycle, and the metrics beyond the thresholds of the policy.
+    // Sets the state after this row's cycle; `over`: the metrics beyond their thresholds.
     void SetState(const Row& row, bool activated, const Policy& policy, std::uint32_t over);
     void Restart(std::uint64_t last_us);
     void CountHeld() { ++m_outcome.held; }
@@ -71,7 +70,6 @@ struct RecordSummary {
     std::uint64_t gaps = 0;    // within a run: more than three intervals, or the clock was set back
     std::uint64_t counted_us = 0;  // without gaps and restarts
     std::uint64_t first_us = 0, last_us = 0;
-    std::uint64_t policies = 0;  // lines with settings
     // Measured cycles without the value. That a run's first cycle has no rates and no interval does
     // not count.
     std::array<std::uint64_t, fc::kMetricCount> missing{};

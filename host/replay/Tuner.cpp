@@ -198,7 +198,7 @@ std::array<double, 4> Quantiles(Values& values, Compare compare)
 
 }  // namespace
 
-// Of the current metric, whose values are not needed any more then.
+// Finds the quantiles of the current metric and frees its values.
 void Tuner::FindQuantiles()
 {
     Values& values = m_values[m_metric];

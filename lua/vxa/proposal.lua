@@ -12,7 +12,7 @@ for _, setting in ipairs(health_policy.settings) do settings_by_key[setting.key]
 
 -- ---- thresholds -------------------------------------------------------------------------
 
--- What two digits of a quiet machine's values would claim to know is less than this.
+-- Steps between proposed thresholds; smaller differences mean nothing on a quiet machine.
 local finest = { rqpct = 0.5, refusalpct = 1, estab = 1, scanmb = 0.1, delta_t = 1 }
 
 local function unit_of_second_digit(value)

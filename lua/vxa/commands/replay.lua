@@ -85,10 +85,17 @@ local function show_missing(result, policies)
     end
 end
 
-local function causes(outcome)
-    if not outcome.monitoring then
-        return "not monitoring: " .. policy_source.why_disabled(outcome.policy)
+local function why_disabled(values)
+    for _, metric in ipairs(filter.metrics) do
+        if metric.rate and values[metric.setting] then
+            return "not monitoring: a connection threshold, but no port"
+        end
     end
+    return "not monitoring: no valid setting"
+end
+
+local function causes(outcome)
+    if not outcome.monitoring then return why_disabled(outcome.policy.values) end
     local list = {}
     for _, metric in ipairs(filter.metrics) do
         local count = outcome.causes[metric.name]

@@ -58,7 +58,7 @@ local text = vxa(REPLAY)
 matches(text, "warning: loose.json: 'TYPO' is not a setting", "warning")
 matches(text, "\nas recorded +" .. recorded.entries .. " ", "recorded")
 matches(text, "\nloose.json +0 +0.0 min +0.0 min +100.00 %%\n", "loose")
-matches(text, "not monitoring: no_port.json has a connection threshold but no port", "reason")
+matches(text, "not monitoring: a connection threshold, but no port\n", "reason")
 matches(text, "\n%d[^\n]* rqpct [%d.]+ > 8, refusalpct [%d.]+ > 20\n", "moment")
 shell("sed -E '9,20s/^([^,]*,0,[^,]*,443,[^,]*),[^,]*/\\1,/' r.csv >gaps.csv")
 matches(vxa("replay gaps.csv --policy own.json"),
