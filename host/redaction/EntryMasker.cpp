@@ -43,10 +43,12 @@ bool IsHexadecimal(std::string_view text)
     return std::all_of(text.begin(), text.end(), [](char c) { return HexValue(c) >= 0; });
 }
 
-// The abbreviation of a time zone.
+// An abbreviation of a time zone, such as CET or +03.
 bool IsZone(std::string_view text)
 {
-    return text.size() <= 6;
+    return text.size() <= 6 && std::all_of(text.begin(), text.end(), [](char c) {
+               return (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '+' || c == '-';
+           });
 }
 
 void AppendUtf8(std::string& out, std::uint32_t code)
@@ -265,8 +267,7 @@ void EntryMasker::TakeJsonSeparator(char c)
             break;
         case ':':
             m_isValue = true;
-            if (Key() == "base") m_isRaw = true;
-            if (Key() == "match") m_isRaw = false;
+            if (Key() == "base") BeginRaw();
             break;
         case ',':
             m_isValue = false;
@@ -300,6 +301,16 @@ void EntryMasker::PopFrame()
         --m_deeper;
     else if (!m_frames.empty())
         m_frames.pop_back();
+    if (m_frames.size() < m_rawFrames) m_rawFrames = 0;
+}
+
+// A statement is an element of a rule's "expr".
+void EntryMasker::BeginRaw()
+{
+    const auto is_expr = [](const Frame& frame) { return !frame.is_object && frame.key == "expr"; };
+    const auto found = std::find_if(m_frames.begin(), m_frames.end(), is_expr);
+    m_rawFrames =
+        found == m_frames.end() ? 1 : static_cast<std::size_t>(found - m_frames.begin()) + 2;
 }
 
 std::string_view EntryMasker::Key(std::size_t above) const
@@ -434,15 +445,14 @@ bool EntryMasker::IsHostName() const
 bool EntryMasker::AppendJsonWord(std::string& out, std::string_view word, std::string_view rest)
 {
     const std::string_view key = Key();
-    if (m_isRaw && !m_inString) return m_words.AppendNumber(out, word);
+    if (m_rawFrames > 0 && !m_inString) return m_words.AppendNumber(out, word);
     if (!m_inString || m_isKey) return false;
     if (m_format == Format::kRules)
         return key == "addr" ? AppendPrefix(out, word, rest)
                              : key == "range" && AppendRange(out, word, rest);
     if (IsHostName()) m_pseudonyms.ReserveHost(word);
-    const bool is_public = (key == "sha256" && IsHexadecimal(word)) ||
-                           (Key(1) == "build_ids" && IsHexadecimal(word)) ||
-                           (key == "time_zone" && IsZone(word));
+    const bool is_public =
+        (Key(1) == "build_ids" && IsHexadecimal(word)) || (key == "time_zone" && IsZone(word));
     if (is_public) out += word;
     return is_public;
 }

@@ -56,6 +56,7 @@ private:
     void TakeJsonSeparator(char c);
     void PushFrame(bool is_object);
     void PopFrame();
+    void BeginRaw();
     std::string_view Key(std::size_t above = 0) const;
     void AddToKey(std::string_view text);
     Place PlaceInJson() const;
@@ -87,8 +88,9 @@ private:
     bool m_isKey = false;
     bool m_isValue = false;      // a colon was read
     bool m_isReference = false;  // the string begins with "@"
-    bool m_isRaw = false;        // the expression compares bytes at an offset
     std::vector<Frame> m_frames;
+    std::size_t m_rawFrames =
+        0;                     // while there are as many, a statement is about bytes at an offset
     std::size_t m_deeper = 0;  // frames beyond those that are kept
     std::string m_rangeEnd;    // what replaces the next word
 };

@@ -32,6 +32,15 @@ const char* ReasonToRefuse(const struct stat& status)
     return nullptr;
 }
 
+void WriteAll(const VxaCore::Host::PendingFile& file, std::string_view bytes)
+{
+    while (!bytes.empty()) {
+        const ssize_t written = write(file.Descriptor(), bytes.data(), bytes.size());
+        if (written < 0 && errno != EINTR) ThrowErrno("cannot write " + file.Path());
+        bytes.remove_prefix(written > 0 ? static_cast<std::size_t>(written) : 0);
+    }
+}
+
 }  // namespace
 
 std::optional<std::string> ReadMapFile(const std::string& path)
@@ -57,15 +66,16 @@ std::optional<std::string> ReadMapFile(const std::string& path)
     return text;
 }
 
-void WriteMapFile(const std::string& path, const std::string& text, bool replace)
+void WriteMapFile(const std::string& path, Pseudonyms& pseudonyms, bool replace)
 {
     using VxaCore::Host::IfExists;
     VxaCore::Host::PendingFile file(path);
-    for (std::size_t at = 0; at < text.size();) {
-        const ssize_t written = write(file.Descriptor(), text.data() + at, text.size() - at);
-        if (written < 0 && errno != EINTR) ThrowErrno("cannot write " + path);
-        at += written > 0 ? static_cast<std::size_t>(written) : 0;
-    }
+    std::size_t size = 0;
+    pseudonyms.Write([&](std::string_view piece) {
+        size += piece.size();
+        if (size > kLargestMap) throw std::runtime_error(path + ": the map has more than 1 GiB");
+        WriteAll(file, piece);
+    });
     file.Publish(replace ? IfExists::kReplace : IfExists::kFail);
 }
 

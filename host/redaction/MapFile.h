@@ -4,6 +4,8 @@
 #include <optional>
 #include <string>
 
+#include "redaction/Pseudonyms.h"
+
 namespace vxa::redaction {
 
 // Returns the text of the file, nullopt if there is none. What a map says becomes the masking, and
@@ -12,8 +14,9 @@ namespace vxa::redaction {
 // path and the reason.
 std::optional<std::string> ReadMapFile(const std::string& path);
 
-// Writes the file with mode 0600, whole or not at all. With `replace` it replaces a regular file;
-// otherwise it fails if something has that name. Throws std::runtime_error as above.
-void WriteMapFile(const std::string& path, const std::string& text, bool replace);
+// Writes the map to the file with mode 0600, whole or not at all. With `replace` it replaces a
+// regular file; otherwise it fails if something has that name. Throws std::runtime_error as above,
+// also if the map has become too large to be read again.
+void WriteMapFile(const std::string& path, Pseudonyms& pseudonyms, bool replace);
 
 }  // namespace vxa::redaction

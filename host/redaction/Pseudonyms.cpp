@@ -200,29 +200,43 @@ bool Pseudonyms::IsReserved(std::string_view name) const
 
 // ---- the file ---------------------------------------------------------------------------
 
-std::string Pseudonyms::Text()
+std::string Pseudonyms::Head() const
 {
-    Compact();
-    std::string text(kHeading);
-    text += ": who has it can undo the masking. KIND ORIGINAL MASKED\nkey ";
-    for (const std::uint64_t half : m_key) AppendNumber(text, half, 16, 16);
-    text += '\n';
+    std::string head(kHeading);
+    head += ": who has it can undo the masking. KIND ORIGINAL MASKED\nkey ";
+    for (const std::uint64_t half : m_key) AppendNumber(head, half, 16, 16);
+    head += '\n';
     if (m_unlisted > 0)
-        text += "# names without a line, for lack of room: " + std::to_string(m_unlisted) + "\n";
+        head += "# names without a line, for lack of room: " + std::to_string(m_unlisted) + "\n";
+    return head;
+}
+
+void Pseudonyms::Write(const std::function<void(std::string_view piece)>& write)
+{
+    constexpr std::size_t kPiece = 65536;
+    Compact();
+    std::string text = Head();
+    const auto end_line = [&] {
+        text += '\n';
+        if (text.size() < kPiece) return;
+        write(text);
+        text.clear();
+    };
     for (const Network& each : m_kept) {
         const Address masked = m_addresses.Mask(each.address);
         AppendNetwork(text += "address ", each.address, each.length);
         AppendNetwork(text += ' ', FirstOfBlock(masked, each.length), each.length);
-        text += '\n';
+        end_line();
     }
     std::vector<const std::pair<const std::string, Name>*> names;
     for (const auto& each : m_names) names.push_back(&each);
     std::sort(names.begin(), names.end(), [](auto a, auto b) { return a->first < b->first; });
     for (const auto* each : names) {
         AppendEscaped(text += "name ", each->first);
-        (text += ' ') += each->second.masked + "\n";
+        (text += ' ') += each->second.masked;
+        end_line();
     }
-    return text;
+    write(text);
 }
 
 }  // namespace vxa::redaction

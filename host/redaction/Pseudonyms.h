@@ -1,6 +1,7 @@
 // What replaces addresses and names, and the file in which their owner keeps it.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -12,10 +13,10 @@ namespace vxa::redaction {
 
 class Pseudonyms {
 public:
-    // With a random key. If `keeps_addresses`, those that are masked are listed by Text.
+    // With a random key. If `keeps_addresses`, those that are masked are in the map.
     explicit Pseudonyms(bool keeps_addresses);
-    // As `text`, which Text returned, has them. Throws std::runtime_error with the line's number.
-    explicit Pseudonyms(std::string_view text);
+    // As a map has them. Throws std::runtime_error with the number of the line that is wrong.
+    explicit Pseudonyms(std::string_view map);
 
     Address Mask(const Address& address);
     // Masks the leading `length` bits; the others are zero before and after.
@@ -30,8 +31,9 @@ public:
     void ReserveHost(std::string_view name);
     bool IsReserved(std::string_view name) const;
 
-    // All pairs that were masked, one per line: KIND ORIGINAL MASKED, sorted by kind.
-    std::string Text();
+    // Passes the text of the map to the function in pieces: all pairs that were masked, one per
+    // line: KIND ORIGINAL MASKED, sorted by kind and original.
+    void Write(const std::function<void(std::string_view piece)>& write);
 
 private:
     struct Network {
@@ -54,6 +56,7 @@ private:
     void Keep(const Network& network);
     void Compact();
     void ReadLine(std::string_view line);
+    std::string Head() const;
     std::string NewName(std::string_view name, const char* label);
 
     Key m_key;

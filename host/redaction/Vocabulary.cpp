@@ -48,6 +48,7 @@ constexpr const char* kNftWords = R"(
     sack-perm timestamp htype hlen plen operation request hash mod seed inc vmap missing exists
     prefixlen masq cgroupv2 wildcard transparent statistics in out not and or xor lshift rshift
     raw srcnat dstnat security first last bucket vid pcp dei cfi day_of_week loopback ipv4 ipv6
+    ftp tftp sip irc pptp h323 ras q931 amanda snmp sane rtsp netbios-ns
     lo any all null true false)";
 
 // /etc/os-release, uname(2), paths and the names of capabilities(7).

@@ -270,6 +270,10 @@ std::size_t WordMasker::AppendPartAt(std::string& out, std::string_view word, st
 
 void WordMasker::Append(std::string& out, std::string_view word, Place place)
 {
+    if (word.find(".arpa") != word.npos) {
+        m_pseudonyms.AppendName(out, word, place.label);
+        return;
+    }
     for (std::size_t at = 0; at < word.size();) {
         const std::size_t time = TimeLength(word.substr(at));
         out += word.substr(at, time);

@@ -23,7 +23,8 @@ public:
 
     // Appends the word with its addresses, names and whatever could be one replaced. Kept are
     // numbers, times, sizes and public words; networks ("10.1.0.0/16") stay networks. The ends
-    // of a range ("10.0.0.3-10.0.0.9") stay in order.
+    // of a range ("10.0.0.3-10.0.0.9") stay in order. A name of a reverse zone ("8.b.d.0.ip6.arpa")
+    // is masked as a whole.
     void Append(std::string& out, std::string_view word, Place place);
 
     // Appends the first address of the network whose prefix has `length` bits; false if the word

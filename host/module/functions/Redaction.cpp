@@ -1,6 +1,9 @@
 // Masking diagnostic packages: vxa.redaction and its methods.
+#include <unistd.h>
 #include <wx/stream.h>
 
+#include <chrono>
+#include <cstdio>
 #include <exception>
 #include <memory>
 #include <optional>
@@ -26,6 +29,7 @@ using redaction::EntryMasker;
 using redaction::Format;
 using redaction::Pseudonyms;
 using VxaCore::CZipOutputStream;
+using VxaCore::Host::ArchiveEntry;
 using VxaCore::Host::ArchiveReader;
 
 constexpr char kType[] = "vxa_redaction_t*";
@@ -89,11 +93,47 @@ int MakeRedaction(lua_State* L)
 
 // ---- copying an entry -------------------------------------------------------------------
 
+// A line on the terminal that shows how far a large entry is, like that of
+// lua/vxa/output/progress.lua.
+class Progress {
+public:
+    Progress(const std::string& name, std::uint64_t total) : m_name(name), m_total(total) {}
+    ~Progress()
+    {
+        if (m_isShown) Print("\r\033[K");
+    }
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+
+    void Show(std::uint64_t done)
+    {
+        const Clock::time_point now = Clock::now();
+        if (now < m_due || isatty(STDERR_FILENO) == 0) return;
+        m_due = now + std::chrono::milliseconds(200);
+        m_isShown = true;
+        Print("\rmasking " + m_name + ": " + std::to_string(done * 100 / m_total) + " %");
+    }
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    static void Print(const std::string& text) { std::fputs(text.c_str(), stderr); }
+
+    std::string m_name;
+    std::uint64_t m_total;
+    Clock::time_point m_due = Clock::now() + std::chrono::seconds(2);
+    bool m_isShown = false;
+};
+
 // An entry of an archive, masked while it is read.
 class MaskedEntry : public wxInputStream {
 public:
-    MaskedEntry(ArchiveReader& reader, Pseudonyms& pseudonyms, Format format)
-        : m_reader(reader), m_masker(pseudonyms, format), m_chunk(kChunkBytes)
+    MaskedEntry(ArchiveReader& reader, const ArchiveEntry& entry, Pseudonyms& pseudonyms,
+                Format format)
+        : m_reader(reader),
+          m_masker(pseudonyms, format),
+          m_progress(entry.name, entry.bytes),
+          m_chunk(kChunkBytes)
     {
     }
 
@@ -127,6 +167,8 @@ private:
             throw std::runtime_error(std::string("interrupted by ") + signal);
         const std::size_t got = m_reader.Read(m_chunk.data(), m_chunk.size(), kMostEntryBytes);
         m_isEnd = got == 0;
+        m_read += got;
+        if (!m_isEnd) m_progress.Show(m_read);
         m_masked.clear();
         m_at = 0;
         m_masker.Append(m_masked, {m_chunk.data(), got}, m_isEnd);
@@ -134,6 +176,8 @@ private:
 
     ArchiveReader& m_reader;
     EntryMasker m_masker;
+    Progress m_progress;
+    std::uint64_t m_read = 0;
     std::vector<char> m_chunk;
     std::string m_masked;
     std::size_t m_at = 0;
@@ -147,7 +191,7 @@ void CopyEntry(Pseudonyms& pseudonyms, Format format, const std::string& path,
     ArchiveReader reader(path);
     for (auto entry = reader.Next(); entry; entry = reader.Next()) {
         if (entry->name != name) continue;
-        MaskedEntry masked(reader, pseudonyms, format);
+        MaskedEntry masked(reader, *entry, pseudonyms, format);
         const bool is_added = archive.Add(masked, true, wxString::FromUTF8(name.c_str()), {});
         masked.CheckError();
         if (!is_added) throw std::runtime_error("entry " + name + " cannot be written");
@@ -200,8 +244,7 @@ int Save(lua_State* L)
     Redaction& redaction = CheckRedaction(L);
     return PushSuccess(L, [&] {
         if (redaction.map_path.empty()) return;
-        redaction::WriteMapFile(redaction.map_path, redaction.pseudonyms->Text(),
-                                redaction.has_map);
+        redaction::WriteMapFile(redaction.map_path, *redaction.pseudonyms, redaction.has_map);
         redaction.has_map = true;
     });
 }

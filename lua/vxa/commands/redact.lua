@@ -9,7 +9,6 @@ local manifest = require "vxa.manifest"
 local new_file = require "vxa.output.new_file"
 local option = require "vxa.options"
 local printable = require "vxa.output.printable"
-local progress = require "vxa.output.progress"
 local session = require "vxa.session"
 
 local function define(command)
@@ -54,19 +53,11 @@ local function sort_entries(entries)
 end
 
 -- Returns true, or nil and a message.
-local function copy_entries(vxa, redaction, source, copied, archive)
-    local line, done, total = progress.new(vxa, "masking bytes"), 0, 0
-    for _, entry in ipairs(copied) do total = total + entry.bytes end
+local function copy_entries(redaction, source, copied, archive)
     for _, entry in ipairs(copied) do
-        line:show(done, total)
         local added, message = redaction:copy(source, entry.name, FORMATS[entry.name], archive)
-        if not added then
-            line:finish()
-            return nil, message
-        end
-        done = done + entry.bytes
+        if not added then return nil, message end
     end
-    line:finish()
     return true
 end
 
@@ -76,100 +67,102 @@ local function array(list)
     return setmetatable(list, { __jsontype = "array" })
 end
 
--- Returns the row of the copy's manifest for an entry: the old one with new sums.
-local function entry_row(row, written)
-    if not written then
-        row.state, row.bytes, row.sha256, row.milliseconds = "missing", json.null, json.null,
-            json.null
-        return row
-    end
-    row.bytes, row.sha256 = written.bytes, written.sha256
-    return row
+local function missing_row(name, reason)
+    return { name = name, state = "missing", reason = reason, bytes = json.null,
+             sha256 = json.null, milliseconds = json.null }
 end
 
-local function rows_by_name(rows)
+-- The rows of the copy's manifest, in the order of the entries; then those without an entry.
+local Rows = {}
+Rows.__index = Rows
+
+function Rows:add(row)
+    if self.seen[row.name] then return end
+    self.seen[row.name], self.list[#self.list + 1] = true, row
+end
+
+-- An entry of the copy has the row of the original with the sum of the masked bytes.
+function Rows:add_written(written, old)
+    local row = old[written.name] or { state = "ok", reason = json.null, milliseconds = json.null }
+    row.name, row.bytes, row.sha256 = written.name, written.bytes, written.sha256
+    self:add(row)
+end
+
+local function by_name(list)
     local found = {}
-    for _, row in ipairs(type(rows) == "table" and rows or {}) do
-        if type(row) == "table" and type(row.name) == "string" then
-            found[row.name] = found[row.name] or row
-        end
-    end
+    for _, row in ipairs(list) do found[row.name] = row end
     return found
 end
 
--- Entries that the package never had keep their rows. Names that are not known are masked.
-local function entry_rows(vxa_mask, old, archive_entries, left_out)
-    local rows, names = array {}, {}
-    local known = rows_by_name(old)
-    for _, written in ipairs(archive_entries) do
-        rows[#rows + 1] = entry_row(known[written.name] or { name = written.name, state = "ok",
-            reason = json.null, milliseconds = json.null }, written)
-        names[written.name] = true
+-- A manifest with more rows could not be read.
+local MOST_LEFT_OUT, LONGEST_NAME = 1000, 256
+
+-- `old`: the rows of the original's manifest.
+local function entry_rows(redaction, old, written, left_out)
+    local rows, old_rows = setmetatable({ list = array {}, seen = {} }, Rows), by_name(old)
+    for _, entry in ipairs(written) do rows:add_written(entry, old_rows) end
+    for i = 1, math.min(#left_out, MOST_LEFT_OUT) do
+        local name = redaction:mask(left_out[i].name:sub(1, LONGEST_NAME), "text")
+        rows:add(missing_row(name, "left out of the masked copy: " .. left_out[i].reason))
     end
-    for _, row in ipairs(type(old) == "table" and old or {}) do
-        if FORMATS[row.name] and not names[row.name] and row.bytes == json.null then
-            rows[#rows + 1], names[row.name] = row, true
-        end
+    for _, row in ipairs(old) do
+        local was_there = row.bytes ~= json.null
+        rows:add(was_there and missing_row(row.name, "the masked package did not have it") or row)
     end
-    for _, entry in ipairs(left_out) do
-        local row = entry_row { name = vxa_mask(entry.name) }
-        row.reason = "left out of the masked copy: " .. entry.reason
-        if not names[row.name] then rows[#rows + 1], names[row.name] = row, true end
-    end
-    return rows
+    return rows.list
 end
 
 -- Returns the manifest of the copy as text: that of the package, masked, or one with the entries
--- only.
-local function masked_manifest(vxa, redaction, raw, archive, left_out)
+-- only. Sums of the original would confirm guesses.
+local function masked_manifest(vxa, redaction, found, written)
     local content = {}
-    if raw then
-        local text = redaction:mask(manifest.encode(raw), "json")
+    if found.raw then
+        for _, row in ipairs(found.raw.entries or {}) do row.sha256 = json.null end
+        local text = redaction:mask(manifest.encode(found.raw), "json")
         content = select(2, vxa.parse_json(text, 1, json.null, { __jsontype = "object" }))
             or error("the masked manifest is not JSON")
     end
-    local function mask(name) return redaction:mask(name, "text") end
-    content.manifest = manifest.FORMAT
-    content.redacted = vxa.version
-    content.entries = entry_rows(mask, content.entries, archive:entries(), left_out)
+    content.manifest, content.redacted = manifest.FORMAT, vxa.version
+    local old = content.entries ~= json.null and content.entries or {}
+    content.entries = entry_rows(redaction, old, written, found.left_out)
     return manifest.encode(content)
 end
 
 -- ---- the command --------------------------------------------------------------------------
 
 -- Returns true, or nil and a message.
-local function fill(vxa, redaction, options, found, archive)
-    local done, message = copy_entries(vxa, redaction, options.source, found.copied, archive)
-    if not done then return nil, message end
-    return archive:add(manifest.NAME,
-        masked_manifest(vxa, redaction, found.raw, archive, found.left_out))
+local function fill(vxa, redaction, source, found, archive)
+    local copied, message = copy_entries(redaction, source, found.copied, archive)
+    if not copied then return nil, message end
+    local text = masked_manifest(vxa, redaction, found, archive:entries())
+    return archive:add(manifest.NAME, text)
 end
 
--- Returns the entries of the copy, or nil and a message.
-local function build(vxa, redaction, options, found, file)
+-- Returns the number of entries of the copy, or nil and a message.
+local function build(vxa, redaction, source, found, file)
     local archive, message = vxa.ZipOutputStream(file)
     if not archive then return nil, message end
-    local filled, closed, saved
-    filled, message = fill(vxa, redaction, options, found, archive)
-    closed, message = archive:close(), message
-    if not filled then return nil, message end
-    if not closed then return nil, select(2, archive:close()) end
+    local filled, why_not = fill(vxa, redaction, source, found, archive)
+    local closed
+    closed, message = archive:close()
+    if not filled then return nil, why_not end
+    if not closed then return nil, message end
+    local saved
     saved, message = redaction:save()
-    if not saved then return nil, message end
-    return archive:entries()
+    return saved and #archive:entries(), message
 end
 
 -- Returns what is in the package: {copied, left_out, manifest, raw}.
 local function inspect(vxa, path)
     local entries, message = vxa.zip_entries(path)
     if not entries then exit.fail(2, "%s", message) end
-    local found = {}
+    local found, has_manifest = {}, nil
     found.copied, found.left_out = sort_entries(entries)
-    local has_manifest
     found.manifest, found.raw, has_manifest = manifest.read(vxa, path, entries)
     if not found.manifest then
-        if has_manifest then table.insert(found.left_out, { name = manifest.NAME,
-                                                            reason = found.raw }) end
+        if has_manifest then
+            table.insert(found.left_out, { name = manifest.NAME, reason = found.raw })
+        end
         found.raw = nil
     end
     if #found.copied == 0 and not found.manifest then
@@ -178,9 +171,14 @@ local function inspect(vxa, path)
     return found
 end
 
+local MOST_COMPLAINTS = 20
+
 local function complain(left_out)
-    for _, entry in ipairs(left_out) do
-        console.complain(("%s is left out: %s"):format(entry.name, entry.reason))
+    for i = 1, math.min(#left_out, MOST_COMPLAINTS) do
+        console.complain(("%s is left out: %s"):format(left_out[i].name, left_out[i].reason))
+    end
+    if #left_out > MOST_COMPLAINTS then
+        console.complain(("%d more entries are left out"):format(#left_out - MOST_COMPLAINTS))
     end
 end
 
@@ -198,12 +196,12 @@ local function run(options)
     if not redaction then exit.fail(2, "%s", message) end
     local host = found.manifest and found.manifest.host
     if host and host.name then redaction:reserve(host.name) end
-    local entries = new_file.write(vxa, options.archive, options.force, "copy", function(file)
-        return build(vxa, redaction, options, found, file)
+    local count = new_file.write(vxa, options.archive, options.force, "copy", function(file)
+        return build(vxa, redaction, options.source, found, file)
     end)
     complain(found.left_out)
     console.line("%s: %s, masked", printable(options.archive),
-        format.count(#entries, "entry", "entries"))
+        format.count(count, "entry", "entries"))
     if options.map then
         console.line("%s undoes the masking: do not give it away", printable(options.map))
     end
