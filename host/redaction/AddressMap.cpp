@@ -73,6 +73,19 @@ AddressMap::AddressMap(const Key& key)
 {
 }
 
+void AddressMap::Pin(const Address& network, unsigned length)
+{
+    if (network.family == Family::kIpv4)
+        m_ipv4.Pin({network.bits, length});
+    else if (network.family == Family::kIpv6 && !HasIpv4(network.bits))
+        m_ipv6.Pin({network.bits, length});
+}
+
+bool AddressMap::IsPinned(const Address& network, unsigned length) const
+{
+    return (network.family == Family::kIpv4 ? m_ipv4 : m_ipv6).IsPinned({network.bits, length});
+}
+
 Address AddressMap::Mask(const Address& address) const
 {
     Address masked = address;

@@ -15,6 +15,11 @@ class AddressMap {
 public:
     explicit AddressMap(const Key& key);
 
+    // From now on the first and the last address of the network are masked as the first and last
+    // one of another. Does nothing for networks that are hardly more special than a class.
+    void Pin(const Address& network, unsigned length);
+    bool IsPinned(const Address& network, unsigned length) const;
+
     Address Mask(const Address& address) const;
 
 private:

@@ -49,16 +49,70 @@ std::uint64_t PrefixPermutation::Flips(const Bits& string, unsigned nibble) cons
     return SipHash(m_key, {message, 2 + std::size_t{bytes}});
 }
 
+// ---- pinned prefixes ------------------------------------------------------------------
+
+std::size_t PrefixPermutation::Hash::operator()(const Prefix& prefix) const
+{
+    char message[1 + sizeof(Bits)] = {static_cast<char>(prefix.length)};
+    std::copy(prefix.bits.begin(), prefix.bits.end(), message + 1);
+    return SipHash(key, {message, sizeof message});
+}
+
+bool PrefixPermutation::Pin(const Prefix& prefix)
+{
+    constexpr unsigned kMaskedBits = 8;
+    if (prefix.length < KeptBits(prefix.bits) + kMaskedBits || prefix.length >= m_width)
+        return false;
+    m_pins.insert(prefix);
+    m_pinnedLengths.set(prefix.length);
+    return true;
+}
+
+bool PrefixPermutation::IsPinned(const Prefix& prefix) const
+{
+    return m_pins.count(prefix) != 0;
+}
+
+bool PrefixPermutation::HasPin(const Bits& string, unsigned length) const
+{
+    if (!m_pinnedLengths.test(length)) return false;
+    Prefix prefix = {{}, length};
+    std::copy_n(string.begin(), (length + 7) / 8, prefix.bits.begin());
+    if (length % 8 != 0)
+        prefix.bits[length / 8] =
+            static_cast<std::uint8_t>(prefix.bits[length / 8] & ~(0xff >> length % 8));
+    return IsPinned(prefix);
+}
+
+// Whether the bit at `index` can be the last one of a pinned prefix.
+bool PrefixPermutation::LeadsToPin(Bits string, unsigned index) const
+{
+    if (!m_pinnedLengths.test(index + 1)) return false;
+    if (HasPin(string, index + 1)) return true;
+    FlipAt(string, index);
+    return HasPin(string, index + 1);
+}
+
+// ---- permuting --------------------------------------------------------------------------
+
 void PrefixPermutation::Apply(Bits& string, unsigned kept) const
 {
     const Bits original = string;
     kept = std::max(kept, KeptBits(original));
+    // Whether the bits so far are a pinned prefix and then only zeros, or only ones.
+    bool is_first = false, is_last = false;
     for (unsigned nibble = kept / 4; nibble < m_width / 4; ++nibble) {
         const std::uint64_t flips = Flips(original, nibble);
         unsigned node = 1;
         for (unsigned index = 4 * nibble; index < 4 * nibble + 4; ++index) {
-            if (index >= kept && flips >> node & 1) FlipAt(string, index);
-            node = 2 * node + BitAt(original, index);
+            if (HasPin(original, index)) is_first = is_last = true;
+            const unsigned bit = BitAt(original, index);
+            const bool must_flip = string == original && LeadsToPin(original, index);
+            if (index >= kept && !is_first && !is_last && (must_flip || flips >> node & 1))
+                FlipAt(string, index);
+            is_first = is_first && bit == 0;
+            is_last = is_last && bit == 1;
+            node = 2 * node + bit;
         }
     }
     if (string == original && kept < m_width) FlipAt(string, m_width - 1);

@@ -20,6 +20,8 @@ constexpr std::size_t kLongestName = 256;
 constexpr std::size_t kMostNameBytes = std::size_t{64} << 20;
 constexpr std::size_t kNameOverhead = 128;
 
+constexpr std::size_t kMostPinned = 200000;
+
 // How many addresses are collected until duplicates are removed.
 constexpr std::size_t kCollected = 65536;
 
@@ -86,6 +88,7 @@ Pseudonyms::Pseudonyms(bool keeps_addresses) : Pseudonyms(RandomKey(), keeps_add
 
 Pseudonyms::Pseudonyms(std::string_view text) : Pseudonyms(KeyOf(text), true)
 {
+    m_canPin = false;
     for (std::size_t number = 1; !text.empty(); ++number) {
         const std::string_view line = text.substr(0, text.find('\n'));
         text.remove_prefix(std::min(line.size() + 1, text.size()));
@@ -119,8 +122,10 @@ void Pseudonyms::ReadLine(std::string_view line)
         const char* const end = rest.data() + rest.size();
         if (std::from_chars(rest.data() + 1, end, length).ptr == end) rest = {};
     }
-    if (kind != "address" || !read || !rest.empty() || length > read.address.Width())
+    if ((kind != "address" && kind != "network") || !read || !rest.empty() ||
+        length > read.address.Width())
         throw std::runtime_error("neither an address nor a name");
+    if (kind == "network") m_addresses.Pin(read.address, length);
     Keep({read.address, length});
 }
 
@@ -149,6 +154,10 @@ Address Pseudonyms::Mask(const Address& address)
 Address Pseudonyms::MaskNetwork(const Address& network, unsigned length)
 {
     Keep({network, length});
+    if (m_collects && m_pinned < kMostPinned) {
+        m_addresses.Pin(network, length);
+        ++m_pinned;
+    }
     return FirstOfBlock(m_addresses.Mask(network), length);
 }
 
@@ -224,7 +233,8 @@ void Pseudonyms::Write(const std::function<void(std::string_view piece)>& write)
     };
     for (const Network& each : m_kept) {
         const Address masked = m_addresses.Mask(each.address);
-        AppendNetwork(text += "address ", each.address, each.length);
+        text += m_addresses.IsPinned(each.address, each.length) ? "network " : "address ";
+        AppendNetwork(text, each.address, each.length);
         AppendNetwork(text += ' ', FirstOfBlock(masked, each.length), each.length);
         end_line();
     }

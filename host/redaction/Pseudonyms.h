@@ -18,6 +18,12 @@ public:
     // As a map has them. Throws std::runtime_error with the number of the line that is wrong.
     explicit Pseudonyms(std::string_view map);
 
+    // While it collects, networks that are masked get pinned (PrefixPermutation.h), which changes
+    // the pseudonyms of others: so everything is masked once to collect, then again to be kept.
+    // With an existing map, nothing is pinned any more.
+    void CollectNetworks(bool on) { m_collects = on && m_canPin; }
+    bool CanPin() const { return m_canPin; }
+
     Address Mask(const Address& address);
     // Masks the leading `length` bits; the others are zero before and after.
     Address MaskNetwork(const Address& network, unsigned length);
@@ -62,6 +68,9 @@ private:
     Key m_key;
     AddressMap m_addresses;
     bool m_keepsAddresses;
+    bool m_canPin = true;
+    bool m_collects = false;
+    std::size_t m_pinned = 0;
     std::vector<Network> m_kept;  // the first m_compacted are sorted and unique
     std::size_t m_compacted = 0;
     std::unordered_map<std::string, Name, Hash> m_names;

@@ -185,19 +185,39 @@ private:
     std::exception_ptr m_error;
 };
 
-void CopyEntry(Pseudonyms& pseudonyms, Format format, const std::string& path,
-               const std::string& name, CZipOutputStream::Archive& archive)
+// Calls the function with the entry of that name, which it masks while it is read.
+template <typename Function>
+void ReadMasked(Redaction& redaction, const char* path, std::string_view name, Format format,
+                Function function)
 {
     ArchiveReader reader(path);
     for (auto entry = reader.Next(); entry; entry = reader.Next()) {
         if (entry->name != name) continue;
-        MaskedEntry masked(reader, *entry, pseudonyms, format);
-        const bool is_added = archive.Add(masked, true, wxString::FromUTF8(name.c_str()), {});
+        MaskedEntry masked(reader, *entry, *redaction.pseudonyms, format);
+        function(masked);
         masked.CheckError();
-        if (!is_added) throw std::runtime_error("entry " + name + " cannot be written");
         return;
     }
-    throw std::runtime_error(path + ": has no entry " + name);
+    throw std::runtime_error(std::string(path) + ": has no entry " + std::string(name));
+}
+
+// survey(path, name, format): finds the networks in an entry, before any is copied.
+int Survey(lua_State* L)
+{
+    Redaction& redaction = CheckRedaction(L);
+    const char* path = CheckPath(L, 2);
+    const std::string_view name = CheckBytes(L, 3);
+    const Format format = CheckFormat(L, 4);
+    return PushSuccess(L, [&] {
+        if (!redaction.pseudonyms->CanPin()) return;
+        redaction.pseudonyms->CollectNetworks(true);
+        ReadMasked(redaction, path, name, format, [](MaskedEntry& masked) {
+            std::vector<char> chunk(kChunkBytes);
+            while (masked.Read(chunk.data(), chunk.size()).LastRead() > 0) {
+            }
+        });
+        redaction.pseudonyms->CollectNetworks(false);
+    });
 }
 
 // copy(path, name, format, archive): adds the first entry of that name in the archive at the path
@@ -211,7 +231,13 @@ int CopyMasked(lua_State* L)
     auto& archive =
         CheckHostObject<CZipOutputStream>(L, 5, "SLB.wx.ZipOutputStream object expected");
     return PushSuccess(L, [&] {
-        CopyEntry(*redaction.pseudonyms, format, path, std::string(name), archive.archive());
+        ReadMasked(redaction, path, name, format, [&](MaskedEntry& masked) {
+            const std::string utf8(name);
+            const bool is_added =
+                archive.archive().Add(masked, true, wxString::FromUTF8(utf8.c_str()), {});
+            masked.CheckError();
+            if (!is_added) throw std::runtime_error("entry " + utf8 + " cannot be written");
+        });
     });
 }
 
@@ -256,7 +282,8 @@ int Destroy(lua_State* L)
 }
 
 constexpr luaL_Reg kMethods[] = {
-    {"copy", CopyMasked}, {"mask", Mask}, {"reserve", Reserve}, {"save", Save}, {nullptr, nullptr},
+    {"copy", CopyMasked}, {"mask", Mask},     {"reserve", Reserve},
+    {"save", Save},       {"survey", Survey}, {nullptr, nullptr},
 };
 
 }  // namespace

@@ -52,11 +52,15 @@ local function sort_entries(entries)
     return copied, left_out
 end
 
--- Returns true, or nil and a message.
+-- All entries are read twice: networks in any of them decide about the pseudonyms in all. Returns
+-- true, or nil and a message.
 local function copy_entries(redaction, source, copied, archive)
-    for _, entry in ipairs(copied) do
-        local added, message = redaction:copy(source, entry.name, FORMATS[entry.name], archive)
-        if not added then return nil, message end
+    for _, method in ipairs { "survey", "copy" } do
+        for _, entry in ipairs(copied) do
+            local done, message = redaction[method](redaction, source, entry.name,
+                FORMATS[entry.name], archive)
+            if not done then return nil, message end
+        end
     end
     return true
 end
@@ -72,7 +76,7 @@ local function missing_row(name, reason)
              sha256 = json.null, milliseconds = json.null }
 end
 
--- The rows of the copy's manifest, in the order of the entries; then those without an entry.
+-- The rows of the copy's manifest, each name once.
 local Rows = {}
 Rows.__index = Rows
 
@@ -82,9 +86,8 @@ function Rows:add(row)
 end
 
 -- An entry of the copy has the row of the original with the sum of the masked bytes.
-function Rows:add_written(written, old)
-    local row = old[written.name] or { state = "ok", reason = json.null, milliseconds = json.null }
-    row.name, row.bytes, row.sha256 = written.name, written.bytes, written.sha256
+function Rows:add_written(entry, row)
+    row.name, row.bytes, row.sha256 = entry.name, entry.bytes, entry.sha256
     self:add(row)
 end
 
@@ -99,15 +102,23 @@ local MOST_LEFT_OUT, LONGEST_NAME = 1000, 256
 
 -- `old`: the rows of the original's manifest.
 local function entry_rows(redaction, old, written, left_out)
-    local rows, old_rows = setmetatable({ list = array {}, seen = {} }, Rows), by_name(old)
-    for _, entry in ipairs(written) do rows:add_written(entry, old_rows) end
+    local rows, entries = setmetatable({ list = array {}, seen = {} }, Rows), by_name(written)
+    for _, row in ipairs(old) do
+        if entries[row.name] then
+            rows:add_written(entries[row.name], row)
+        elseif row.bytes == json.null or row.bytes == nil then
+            rows:add(row)
+        end
+    end
+    for _, entry in ipairs(written) do
+        rows:add_written(entry, { state = "ok", reason = json.null, milliseconds = json.null })
+    end
     for i = 1, math.min(#left_out, MOST_LEFT_OUT) do
         local name = redaction:mask(left_out[i].name:sub(1, LONGEST_NAME), "text")
         rows:add(missing_row(name, "left out of the masked copy: " .. left_out[i].reason))
     end
     for _, row in ipairs(old) do
-        local was_there = row.bytes ~= json.null
-        rows:add(was_there and missing_row(row.name, "the masked package did not have it") or row)
+        rows:add(missing_row(row.name, "the masked package did not have it"))
     end
     return rows.list
 end
@@ -156,11 +167,11 @@ end
 local function inspect(vxa, path)
     local entries, message = vxa.zip_entries(path)
     if not entries then exit.fail(2, "%s", message) end
-    local found, has_manifest = {}, nil
+    local found = {}
     found.copied, found.left_out = sort_entries(entries)
-    found.manifest, found.raw, has_manifest = manifest.read(vxa, path, entries)
+    found.manifest, found.raw, found.has_manifest = manifest.read(vxa, path, entries)
     if not found.manifest then
-        if has_manifest then
+        if found.has_manifest then
             table.insert(found.left_out, { name = manifest.NAME, reason = found.raw })
         end
         found.raw = nil

@@ -105,9 +105,9 @@ local manifest = plant [[{"manifest": 1, "host": {"name": "HOST", "kernel": "Lin
  {"name": "$W.txt", "state": "ok"}]}]]
 local rules = repeated(40, '{"table": {"family": "inet", "name": "$W"}}, {"set": {"name": "$W",'
     .. ' "elem": ["$A", {"prefix": {"addr": "$S", "len": 127}}, {"range": ["$A", "$A"]}]}},'
-    .. ' {"rule": {"table": "$W", "chain": "$W", "comment": "for $W at $A, [$S]:22 $H", "expr": [{"match":'
-    .. ' {"left": {"meta": {"key": "iifname"}}, "right": "$W"}}, {"jump": {"target": "$W"}},'
-    .. ' {"log": {"prefix": "$W: "}}, {"match": {"right": "@$W"}}]}}, ')
+    .. ' {"rule": {"table": "$W", "chain": "$W", "comment": "for $W at $A, [$S]:22 $H",'
+    .. ' "expr": [{"match": {"left": {"meta": {"key": "iifname"}}, "right": "$W"}},'
+    .. ' {"jump": {"target": "$W"}}, {"log": {"prefix": "$W: "}}, {"match": {"right": "@$W"}}]}}, ')
 local entries = {
     { "vxa_stats.txt", plant "# statistics: $W (engine sim)\n"
         .. repeated(40, "$W.rx_bytes 5\n$W 1\n") },
