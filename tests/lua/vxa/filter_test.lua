@@ -109,11 +109,13 @@ end
 -- The reason must name each metric with two numbers of which the first is beyond the second.
 local function check_reason(over)
     local reason, count = format.crossings(over), 0
-    for name, value, bound in reason:gmatch("(%S+) (%S+) %a[%a ]* the threshold of (%S+) ") do
+    local pattern = "(%S+) (%S+) (%l[%l ]*) the threshold of (%S+) "
+    for name, value, verb, bound in reason:gmatch(pattern) do
         count = count + 1
         local row, beyond = over[count], tonumber(value) - tonumber(bound)
-        equal({ name, beyond * (filter.metrics[name].below and -1 or 1) > 0
-            or math.abs(row.value - row.threshold) <= 1e-6 }, { row.name, true }, reason)
+        local sign = verb == "is below" and -1 or 1
+        equal({ name, sign < 0, beyond * sign > 0 or math.abs(row.value - row.threshold) <= 1e-6 },
+            { row.name, filter.metrics[row.name].below or false, true }, reason)
     end
     equal(count, #over, reason)
 end
@@ -373,15 +375,16 @@ for i, row in ipairs {
     { "0::/a/b\n", { ["a/b/cpu.max"] = "max 100000", ["a/cpu.max"] = "150000 100000",
                      ["cpu.max"] = "200000 100000", ["a/b/memory.max"] = "4096",
                      ["a/memory.max"] = "max" }, 1.5, 4096 },
-    { "0::/../c\n", { ["memory.max"] = "8192", ["c/memory.max"] = "1" }, nil, 8192 },
+    { "0::/../c\n", { ["memory.max"] = "8192", ["../c/memory.max"] = "1" }, nil, 8192 },
+    { "4:memory:/\n", { ["memory/memory.limit_in_bytes"] = "9223372036854771712" } },
     { "4:memory:/m\n2:cpu,cpuacct:/\n0::/\n", {
         ["memory/m/memory.limit_in_bytes"] = "9223372036854771712",
         ["memory/memory.limit_in_bytes"] = "1048576", ["cpu,cpuacct/cpu.cfs_quota_us"] = "-1",
         ["cpu,cpuacct/cpu.cfs_period_us"] = "100000", ["cpu.max"] = "50000 100000" },
       0.5, 1048576 },
 } do
-    os.execute(("cd %s && rm -rf pseudo groups && mkdir -p pseudo/self pseudo/pressure "
-        .. "groups/a/b groups/c groups/memory/m groups/cpu,cpuacct"):format(MACHINE))
+    os.execute(("cd %s && rm -rf pseudo groups && mkdir -p pseudo/self pseudo/pressure c "
+        .. "groups/a/b groups/memory/m groups/cpu,cpuacct"):format(MACHINE))
     testing.write(MACHINE .. "pseudo/self/cgroup", row[1])
     testing.write(MACHINE .. "pseudo/pressure/io", "some avg10=1.25 avg60=0 avg300=0 total=1\n")
     testing.write(MACHINE .. "pseudo/meminfo", "MemAvailable:   8 kB\n")
