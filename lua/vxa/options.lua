@@ -95,8 +95,8 @@ function options.add_cycles(command, what)
 end
 
 function options.add_state(command)
-    command:option("--state", "Keep the host document and its events in this directory.")
-        :argname("DIR"):convert(options.file_name("--state"))
+    command:option("--state", "Keep the host document, its events and the transitions of "
+        .. "a run in this directory."):argname("DIR"):convert(options.file_name("--state"))
 end
 
 return options

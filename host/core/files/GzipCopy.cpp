@@ -36,7 +36,6 @@ struct GzipCopy::State {
 
     std::size_t ReadChunk();
     void Deflate(int flush);
-    void Write(std::size_t length) const;
     void Finish();
 
     const File source;
@@ -57,22 +56,14 @@ std::size_t GzipCopy::State::ReadChunk()
     return static_cast<std::size_t>(got);
 }
 
-void GzipCopy::State::Write(std::size_t length) const
-{
-    for (std::size_t done = 0; done < length;) {
-        const ssize_t written = write(target.Descriptor(), &output[done], length - done);
-        if (written < 0 && errno != EINTR) ThrowErrno("cannot write " + target.Path());
-        if (written > 0) done += static_cast<std::size_t>(written);
-    }
-}
-
 void GzipCopy::State::Deflate(int flush)
 {
     do {
         stream.next_out = output.data();
         stream.avail_out = static_cast<uInt>(output.size());
         (void)deflate(&stream, flush);
-        Write(output.size() - stream.avail_out);
+        target.Write(
+            {reinterpret_cast<const char*>(output.data()), output.size() - stream.avail_out});
     } while (stream.avail_out == 0);
 }
 

@@ -68,7 +68,8 @@ void RotatedFile::State::Open()
     auto opened = std::make_unique<AppendFile>(path);
     const std::string begin = opened->Head(head.size());
     if (begin != head.substr(0, begin.size()))
-        throw std::runtime_error("cannot write " + path + ": it has other content");
+        throw std::runtime_error("cannot write " + path + ": it exists and does not begin with '" +
+                                 head + "'");
     (void)opened->CutPartialLine();
     file = std::move(opened);
 }

@@ -41,11 +41,7 @@ FileDescriptor MakeInput(std::string_view bytes)
 {
     FileDescriptor memory(memfd_create("input", MFD_CLOEXEC));
     if (!memory) Throw(errno, "cannot make a file in memory");
-    while (!bytes.empty()) {
-        const ssize_t written = write(memory.Get(), bytes.data(), bytes.size());
-        if (written < 0 && errno != EINTR) Throw(errno, "cannot write to a file in memory");
-        if (written > 0) bytes.remove_prefix(static_cast<std::size_t>(written));
-    }
+    WriteAll(memory.Get(), bytes, "a file in memory");
     (void)lseek(memory.Get(), 0, SEEK_SET);
     return memory;
 }

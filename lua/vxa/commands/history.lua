@@ -84,17 +84,13 @@ local function percent(sums)
     return ("%.2f %%"):format(math.floor(part * 10000) / 100)
 end
 
-local how_ended = {
-    left = "left", ongoing = "goes on", ["run ended"] = "with the run",
-    unknown = "unknown: the run broke off",
-}
-
 local function show_stretches(stretches)
     if #stretches == 0 then return console.line("no fail-open") end
     local rows = { { "fail-open entered", "lasted", "end", "cause" } }
     for i, stretch in ipairs(stretches) do
         rows[i + 1] = { local_time(stretch.entered), clock(stretch.seconds),
-                        how_ended[stretch.ended], format.crossings(stretch.causes) }
+                        stretch.ended == "unknown" and "unknown: unclean exit" or stretch.ended,
+                        format.crossings(stretch.causes) }
     end
     console.lines(format.columns(rows, { [2] = true }))
 end

@@ -9,7 +9,7 @@ local records = {}
 
 records.HEAD = '{"record":'  -- how each line begins
 
-local MOST_BYTES = 64 * 1048576  -- several times what a run lets them become
+local MOST_BYTES = 20 * 1048576  -- more than a run lets them become
 local LONGEST_LINE = 65536
 local ENOENT = 2  -- errno value
 

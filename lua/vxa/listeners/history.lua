@@ -78,7 +78,7 @@ function History:start()
                                  version = self.vxa.version, engine = self.monitored.engine,
                                  interval_s = self.options.interval })
     self:show_life(now)
-    self:note_clocks(now)
+    self.latest, self.latest_clock = self.vxa.time(), self.vxa.clock()
 end
 
 function History:reloaded(refusal)
@@ -86,20 +86,17 @@ function History:reloaded(refusal)
     self:write(self:add_policy { record = "policy", time = json_records.time(self.vxa.time()) })
 end
 
-function History:note_clocks(now)
-    self.latest, self.latest_clock = now, self.vxa.clock()
-end
-
 -- The machine slept, the process was stopped, or the clock was set: then the time in between is
 -- not known to have been monitored.
-function History:check_clocks(now)
-    local step = now - self.latest - (self.vxa.clock() - self.latest_clock)
-    local pause = now - self.latest - self.options.interval
-    if pause > JUMP_S + self.options.interval or step < -SLEWED_S then
+function History:check_clocks()
+    local now, clock = self.vxa.time(), self.vxa.clock()
+    local passed = now - self.latest
+    local set_back = clock - self.latest_clock - passed
+    if passed > 2 * self.options.interval + JUMP_S or set_back > SLEWED_S then
         self:write { record = "jump", time = json_records.time(now),
                      from = json_records.time(self.latest) }
     end
-    self:note_clocks(now)
+    self.latest, self.latest_clock = now, clock
 end
 
 function History:record_transition(result)
@@ -118,7 +115,7 @@ function History:record_transition(result)
 end
 
 function History:cycle(result)
-    self:check_clocks(result.time)
+    self:check_clocks()
     if result.transition then self:record_transition(result) end
     if result.transition or self.vxa.clock() - self.shown_at >= SIGN_OF_LIFE_S then
         self:show_life(result.time)
@@ -126,8 +123,8 @@ function History:cycle(result)
 end
 
 function History:finish(totals)
-    local now = self.vxa.time()
-    self:check_clocks(now)
+    self:check_clocks()
+    local now = self.latest
     local is_recorded = self:write {
         record = "ended", time = json_records.time(now), state = totals.state,
         seconds = json_records.duration(totals.seconds), interrupted = totals.interrupted,

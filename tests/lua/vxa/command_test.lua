@@ -114,7 +114,7 @@ for _, row in ipairs {
     { "plot other.zip -o a.jpg", 2, "ends in .svg or .png, not 'a.jpg'" },
     { "plot other.zip -o a.svg --since 2026-02-29", 2, "%-%-since must be a time such as" },
     { "run --log fifo", 2, "cannot write fifo: it is not a regular file" },
-    { "run --log other.zip", 2, "cannot write other.zip: it has other content" },
+    { "run --log other.zip", 2, "cannot write other.zip: it exists and does not begin with" },
     { "run --log-keep 2", 2, "%-%-log%-keep needs %-%-log" },
     { "run --log-size -1", 2, "%-%-log%-size must be a whole number from 0 to 1048576, not '%-1'" },
     { "run --hook ' '", 2, "%-%-hook: the command is empty" },

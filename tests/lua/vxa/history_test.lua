@@ -122,18 +122,47 @@ for seed = 1, 6 do
     equal(total, sum, "total of life " .. seed)
 end
 
+-- ---- a clock that is set --------------------------------------------------------------------
+
+local wall, monotonic = START, 0
+local stub = setmetatable({ time = function() return wall end,
+                            clock = function() return monotonic end }, { __index = vxa_module })
+os.execute("mkdir " .. SCRATCH .. "stepped")
+local listener = require("vxa.listeners.history").new({
+    vxa = stub, messages = { warn_once = function(_, message) error(message) end },
+    policy = { text = "", values = {}, source = "" }, monitor = { state = "Deactivated" },
+}, { state = SCRATCH .. "stepped", interval = 10 })
+listener:start()
+local function jumps()
+    return select(2, testing.read(SCRATCH .. "stepped/transitions.jsonl"):gsub('"jump"', ""))
+end
+-- Seconds that pass, how far the clock is set, and whether that is recorded.
+for _, step in ipairs { { 10, 0 }, { 75, 0.5 }, { 10, -0.9 }, { 90, 0, true }, { 10, 3600, true },
+                        { 10, -3600, true }, { 9, -2, true }, { 10, 0 } } do
+    wall, monotonic = wall + step[1] + step[2], monotonic + step[1]
+    local before = jumps()
+    listener:cycle { time = wall - 3 }
+    equal(jumps() > before, step[3] or false, ("%d s, set by %g s"):format(step[1], step[2]))
+end
+matches(testing.read(SCRATCH .. "stepped/running.json"), '"time":"2021%-03%-27T', "sign of life")
+
 -- ---- a life with log and hook ---------------------------------------------------------------
 
-testing.write(SCRATCH .. "p.json", '{"SYS_THR_RUNQ": {"value": 8}, "SYS_CONF_MIN_ACT_DURATION": 0}')
+for name, minutes in pairs { ["p.json"] = 0, ["long.json"] = 1 } do
+    local text = '{"SYS_THR_RUNQ": {"value": 8}, "SYS_CONF_MIN_ACT_DURATION": %d}'
+    testing.write(SCRATCH .. name, text:format(minutes))
+end
 local RUN = "VXI_ENGINE=sim VXI_SIM=scenario=busy:2/overloaded:%s "
-    .. ROOT .. "/bin/vxa run --policy p.json --state kept --interval %s --log r.log --log-keep 2 "
+    .. ROOT .. "/bin/vxa run --policy %s --state kept --interval %s --log r.log --log-keep 2 "
 
 -- The first run is killed in fail-open, while its hook hangs; the second ends.
 shell(RUN .. [[--hook 'echo $$ >pid; exec sleep 99' >/dev/null & pid=$!
-    until grep -qs entered kept/transitions.jsonl; do sleep 0.01; done; kill -9 $pid; wait
-    kill $(cat pid)]], "9", "0.05")
+    until grep -qs entered kept/transitions.jsonl && [ -s pid ]; do sleep 0.01; done
+    ]] .. ROOT .. [[/bin/vxa history --state kept >going; kill -9 $pid $(cat pid); wait]],
+    "9", "long.json", "0.05")
+matches(testing.read(SCRATCH .. "going"), "ongoing +rqpct ", "a run that goes on")
 local second, status = shell(RUN .. [[--cycles 6 --json --hook '
-    tee hooked | grep -q left && exit 7; exec sleep 9']], "1/idle:9", "0.5")
+    tee hooked | grep -q left && exit 7; exec sleep 9']], "1/idle:9", "p.json", "0.5")
 equal(status, 0, second)
 -- Each takes the time of the records at start and end itself.
 local function without_times(text)
@@ -146,7 +175,8 @@ local history = decode(shell("%s/bin/vxa history --state kept --json", ROOT))
 equal({ history[1].ended, history[2].ended, history[1].causes[1].name, history[2].left ~= nil,
         history[2].policy_sha256 }, { "unknown", "left", "rqpct", true,
         vxa_module.sha256(testing.read(SCRATCH .. "p.json")) }, "two runs")
-matches(shell("%s/bin/vxa history --state kept", ROOT), "unknown: the run broke off  rqpct ")
+matches(testing.read(SCRATCH .. "kept/transitions.jsonl"), '\n{"record":"lost",', "the first run")
+matches(shell("%s/bin/vxa history --state kept", ROOT), "unknown: unclean exit  rqpct ")
 
 -- The hook of the entry hangs: its limit and the next transition come at the same time. That of the
 -- end of fail-open fails.
