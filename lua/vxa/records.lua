@@ -11,13 +11,13 @@ local records = {}
 -- Reads the rest of a record by calling pass:read(), and returns pass:result(). Shows progress on a
 -- terminal and ends the command after a signal.
 function records.read(vxa, pass)
-    local shown = progress.new(vxa, "reading the record, percent")
+    local shown = progress.new(vxa, "reading the record")
     repeat
         local done, message = pass:read()
         if not done or vxa.interrupted() then shown:finish() end
         if not done then exit.fail(2, "%s", message) end
         exit.if_interrupted(vxa)
-        shown:show(done * 100, 100)
+        shown:show_share(done)
     until done == 1
     shown:finish()
     return pass:result()

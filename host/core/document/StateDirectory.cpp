@@ -140,7 +140,7 @@ try {
 
 void StateDirectory::AppendEvent(const std::string& line)
 {
-    m_events.Append(line, Flush::kYes);
+    m_events.Append(line, Host::Flush::kToDisk);
 }
 
 std::string StateDirectory::ReadEvents() const

@@ -87,7 +87,7 @@ std::uint64_t AppendFile::CutPartialLine()
 
 void AppendFile::Write(std::string_view record)
 {
-    m_state->file.Append(record, Flush::kNo);
+    m_state->file.Append(record, Flush::kNot);
 }
 
 void AppendFile::Sync()

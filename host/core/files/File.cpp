@@ -10,8 +10,6 @@
 #include <cstring>
 #include <system_error>
 
-#include "vxa_core/files.h"
-
 namespace VxaCore {
 
 namespace {
@@ -100,12 +98,12 @@ off_t File::Size() const
     return status.st_size;
 }
 
-void File::Append(std::string_view record, Flush flush)
+void File::Append(std::string_view record, Host::Flush flush)
 {
     const off_t size = Size();
     try {
         Write(record);
-        if (flush == Flush::kYes) Sync();
+        if (flush == Host::Flush::kToDisk) Sync();
     } catch (const std::system_error& error) {
         if (ftruncate(Descriptor(), size) == 0) throw;
         throw std::system_error(error.code(), std::string(error.what()) +

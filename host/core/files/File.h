@@ -9,6 +9,8 @@
 #include <string_view>
 #include <utility>
 
+#include "vxa_core/files.h"
+
 namespace VxaCore {
 
 // Throws std::system_error with the reason in errno after `what` and a colon.
@@ -40,9 +42,6 @@ private:
     int m_fd = -1;
 };
 
-// Whether to wait until what was written is on the disk.
-enum class Flush { kYes, kNo };
-
 class File {
 public:
     // Takes over an open descriptor; `path` is for messages only.
@@ -56,7 +55,7 @@ public:
     void Sync();
     void Truncate(off_t size);
     // Writes all of it at the end of a file opened with O_APPEND, or nothing.
-    void Append(std::string_view record, Flush flush);
+    void Append(std::string_view record, Host::Flush flush);
     off_t Size() const;
     // Throws also for a write error that the system reports only now.
     void Close();

@@ -14,11 +14,20 @@ function progress.new(vxa, what)
                           due = vxa.isatty(2) and vxa.clock() + FIRST_S or math.huge }, Progress)
 end
 
-function Progress:show(done, total)
+function Progress:update(text, ...)
     local now = self.vxa.clock()
     if now < self.due then return end
     self.is_shown, self.due = true, now + NEXT_S
-    io.stderr:write(("\r%s: %.0f of %.0f"):format(self.what, done, total))
+    io.stderr:write(("\r%s: " .. text):format(self.what, ...))
+end
+
+function Progress:show(done, total)
+    self:update("%.0f of %.0f", done, total)
+end
+
+-- `share`: from 0 to 1.
+function Progress:show_share(share)
+    self:update("%.0f %%", share * 100)
 end
 
 -- Removes the line.

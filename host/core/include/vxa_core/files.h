@@ -10,6 +10,9 @@
 
 namespace VxaCore::Host {
 
+// Whether a write waits until the disk has what was written.
+enum class Flush { kToDisk, kNot };
+
 // A file that cannot be used; the message begins with its path.
 class VXA_CORE_API FileError : public std::runtime_error {
 public:

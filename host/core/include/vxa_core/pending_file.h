@@ -8,15 +8,12 @@
 #include <string_view>
 
 #include "VxaCore/Export.h"
+#include "vxa_core/files.h"
 
 namespace VxaCore::Host {
 
 // What Publish does if a file has the name already.
 enum class IfExists { kReplace, kFail };
-
-// Whether Publish waits until the disk has the file. Without that, a power failure can bring back
-// the replaced file or, on some file systems, leave an empty one.
-enum class Flush { kToDisk, kNot };
 
 // A new file in the folder of `path`, readable by its owner only. Write it through its
 // descriptor, then name it `path` with Publish.
@@ -46,8 +43,9 @@ public:
     void Write(std::string_view bytes);
 
     // Flushes the content to the disk, names the file, and flushes the folder (if it can be
-    // read); with Flush::kNot, only names it. With kFail, a file that has the name is never
-    // replaced, even one that appeared a moment ago; with kReplace, only a regular file is.
+    // read). With Flush::kNot, only names it: a power failure can then bring back the replaced
+    // file or, on some file systems, leave an empty one. With kFail, a file that has the name is
+    // never replaced, even one that appeared a moment ago; with kReplace, only a regular file is.
     // Throws std::runtime_error with the path and the reason. Call it once.
     void Publish(IfExists if_exists, Flush flush = Flush::kToDisk);
 
