@@ -12,15 +12,15 @@ namespace vxa {
 // Each adds its functions to the module's table on top. [-0, +0, m]
 
 // objects/
-void OpenChildProcesses(lua_State* L);  // start_process and its methods
-void OpenRotatedFiles(lua_State* L);    // rotated_file and its methods
-void OpenDocuments(lua_State* L);       // Dom and its methods
 void OpenAppendFiles(lua_State* L);     // append_file and its methods, is_appended_to
 void OpenArchiveReaders(lua_State* L);  // zip_entries, zip_read, zip_reader
 void OpenArchiveWriters(lua_State* L);  // ZipOutputStream and its methods
 void OpenCharts(lua_State* L);          // chart and its methods
+void OpenChildProcesses(lua_State* L);  // start_process and its methods
+void OpenDocuments(lua_State* L);       // Dom and its methods
 void OpenDriverHandles(lua_State* L);   // open and the handle's methods, driver_failures
 void OpenReplays(lua_State* L);         // replay, tune and their methods
+void OpenRotatedFiles(lua_State* L);    // rotated_file and its methods
 void OpenTemporaryFiles(lua_State* L);  // temporary and its methods
 // functions/
 void OpenDigests(lua_State* L);          // sha256

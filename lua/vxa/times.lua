@@ -28,11 +28,19 @@ function times.utc(text)
     return os.date("!%Y-%m-%d %H:%M:%S", time) == padded and time or nil
 end
 
--- The same for a record's time, such as "2026-11-22T04:06:37.123Z".
+-- Returns the seconds that "Z" or an offset from UTC such as "+01:00" stands for, or nil.
+local function offset_s(zone)
+    if zone == "Z" then return 0 end
+    local sign, hours, minutes = zone:match("^([+-])(%d%d):(%d%d)$")
+    return sign and (sign == "-" and -1 or 1) * (hours * 3600 + minutes * 60)
+end
+
+-- The same for a time that another program wrote, such as "2026-11-22T04:06:37.123Z" or
+-- "2026-11-22T05:06:37.123+01:00".
 function times.of_record(text)
-    local whole, fraction = text:match("^(%d+%-%d+%-%d+T%d+:%d+:%d+)(%.?%d*)Z$")
-    local seconds = whole and times.utc(whole)
-    return seconds and seconds + (tonumber("0" .. fraction) or 0)
+    local whole, fraction, zone = text:match("^(%d+%-%d+%-%d+T%d+:%d+:%d+)(%.?%d*)(.*)$")
+    local seconds, offset = whole and times.utc(whole), zone and offset_s(zone)
+    return seconds and offset and seconds + (tonumber("0" .. fraction) or 0) - offset
 end
 
 -- Returns nil also for an hour that the local clock skips.

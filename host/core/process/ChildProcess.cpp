@@ -4,9 +4,7 @@
 #include <errno.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/eventfd.h>
-#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,7 +17,7 @@
 #include <system_error>
 #include <thread>
 
-#include "files/File.h"
+#include "process/Spawn.h"
 
 namespace VxaCore::Host {
 
@@ -32,80 +30,11 @@ constexpr auto kGrace = std::chrono::seconds(1);  // from SIGTERM to SIGKILL
 constexpr auto kGroupCheck = std::chrono::milliseconds(20);
 constexpr double kLongestS = 1e6;  // keeps the sum with the clock in range
 
-[[noreturn]] void Throw(int error_number, const char* what)
+pid_t StartShell(const std::string& command, std::string_view input)
 {
-    throw std::system_error(error_number, std::generic_category(), what);
-}
-
-FileDescriptor MakeInput(std::string_view bytes)
-{
-    FileDescriptor memory(memfd_create("input", MFD_CLOEXEC));
-    if (!memory) Throw(errno, "cannot make a file in memory");
-    WriteAll(memory.Get(), bytes, "a file in memory");
-    (void)lseek(memory.Get(), 0, SEEK_SET);
-    return memory;
-}
-
-// If the parent of this process ignores SIGCHLD, the kernel would drop the exit status.
-void KeepChildren()
-{
-    struct sigaction action = {};
-    if (sigaction(SIGCHLD, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) {
-        action.sa_handler = SIG_DFL;
-        (void)sigaction(SIGCHLD, &action, nullptr);
-    }
-}
-
-// What posix_spawn(3) does in the child.
-class SpawnSettings {
-public:
-    explicit SpawnSettings(int input)
-    {
-        sigset_t none, all;
-        sigemptyset(&none);
-        sigfillset(&all);
-        constexpr int kFlags =
-            POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK;
-        posix_spawnattr_init(&attributes);
-        posix_spawnattr_setflags(&attributes, kFlags);
-        posix_spawnattr_setsigdefault(&attributes, &all);
-        posix_spawnattr_setsigmask(&attributes, &none);
-        posix_spawn_file_actions_init(&actions);
-        Check(posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO));
-        Check(posix_spawn_file_actions_adddup2(&actions, STDERR_FILENO, STDOUT_FILENO));
-        Check(posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1));
-    }
-    ~SpawnSettings()
-    {
-        posix_spawn_file_actions_destroy(&actions);
-        posix_spawnattr_destroy(&attributes);
-    }
-    SpawnSettings(const SpawnSettings&) = delete;
-    SpawnSettings& operator=(const SpawnSettings&) = delete;
-
-    posix_spawnattr_t attributes;
-    posix_spawn_file_actions_t actions;
-
-private:
-    static void Check(int error_number)
-    {
-        if (error_number != 0) Throw(error_number, "cannot start a command");
-    }
-};
-
-pid_t Spawn(const std::string& command, std::string_view input)
-{
-    KeepChildren();
-    const FileDescriptor memory = MakeInput(input);
-    const SpawnSettings settings(memory.Get());
-    char name[] = "sh", option[] = "-c";
-    std::string text = command;
-    char* const arguments[] = {name, option, text.data(), nullptr};
-    pid_t pid = 0;
-    const int failure =
-        posix_spawn(&pid, "/bin/sh", &settings.actions, &settings.attributes, arguments, environ);
-    if (failure != 0) Throw(failure, "cannot start a command");
-    return pid;
+    const FileDescriptor memory = MemoryFile(input);
+    const char* const arguments[] = {"/bin/sh", "-c", command.c_str(), nullptr};
+    return Spawn(arguments, {memory.Get(), STDERR_FILENO, STDERR_FILENO}, ProcessGroup::kOwn);
 }
 
 // pidfd_open(2) has no wrapper in glibc 2.36.
@@ -157,13 +86,13 @@ struct ChildProcess::State {
 ChildProcess::State::State(const std::string& command, std::string_view input, double limit_s)
     : stop(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       started(Clock::now()),
-      pid(Spawn(command, input)),
+      pid(StartShell(command, input)),
       process(OpenProcess(pid)),
       limit(started + std::chrono::duration_cast<Clock::duration>(
                           Seconds(std::clamp(limit_s, 0.0, kLongestS))))
 {
     try {
-        if (!stop || !process) Throw(errno, "cannot watch a command");
+        if (!stop || !process) ThrowErrno("cannot watch a command");
         const SignalBlocker blocker;
         thread = std::thread(&State::Watch, this);
     } catch (...) {

@@ -4,6 +4,7 @@
 local exit = require "vxa.exit"
 local manifest = require "vxa.manifest"
 local package_entries = require "vxa.package_entries"
+local times = require "vxa.times"
 
 local archive = {}
 
@@ -19,28 +20,10 @@ function Archive:member(kind, ...)
     return type(value) == kind and value or nil
 end
 
--- Days since 1970-01-01 of a date of the Gregorian calendar.
-local function days(year, month, day)
-    if month <= 2 then year, month = year - 1, month + 12 end
-    local leap_days = math.floor(year / 4) - math.floor(year / 100) + math.floor(year / 400)
-    return 365 * year + leap_days + math.floor((153 * (month - 3) + 2) / 5) + day - 719469
-end
-
-local TIME = "^(%d%d%d%d)-(%d%d)-(%d%d)T(%d%d):(%d%d):(%d%d%.?%d*)([Z+-])(%d?%d?):?(%d?%d?)$"
-
--- Returns seconds since the epoch for "2026-11-22T05:06:37.123+01:00", nil for anything else.
-function archive.seconds(time)
-    local year, month, day, hour, minute, second, sign, hours, minutes = time:match(TIME)
-    if not year or (sign == "Z") ~= (hours == "") then return nil end
-    local offset = (tonumber(hours) or 0) * 3600 + (tonumber(minutes) or 0) * 60
-    return days(tonumber(year), tonumber(month), tonumber(day)) * 86400 + hour * 3600
-        + minute * 60 + second - (sign == "-" and -offset or offset)
-end
-
 -- When the package was made, in seconds since the epoch; nil if unknown.
 function Archive:time()
     local time = self:member("string", "end")
-    return time and archive.seconds(time)
+    return time and times.of_record(time)
 end
 
 -- Returns the manifest's state of an entry and the reason for it, nil if it has none.
