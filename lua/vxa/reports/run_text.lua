@@ -175,9 +175,6 @@ function Report:cycle(result)
     self:show_cycle(result)
     if result.transition then self:show_transition(result) end
     if result.held then self:show_held(result) end
-    if result.would_enter then
-        self:headline(">>", "would enter fail-open", ": " .. format.crossings(result.over))
-    end
     if #result.near > 0 then
         self:headline("--", "near fail-open", ": " .. format.nearly(result.near))
     end
