@@ -7,7 +7,7 @@ local format = require "vxa.output.format"
 local json_records = require "vxa.output.json_records"
 local option = require "vxa.options"
 local progress = require "vxa.output.progress"
-local records = require "vxa.history.records"
+local transitions = require "vxa.history.transitions"
 local session = require "vxa.session"
 local timeline = require "vxa.history.timeline"
 local times = require "vxa.times"
@@ -131,9 +131,9 @@ local function read_since(text, now)
 end
 
 local function read_records(vxa, directory, check)
-    local list, message = records.read(vxa, directory, check)
+    local list, message = transitions.read(vxa, directory, check)
     if not list then exit.fail(2, "%s", message) end
-    local path = records.path(directory)
+    local path = transitions.path(directory)
     if not list.has_file then
         exit.fail(2, "%s does not exist: no vxa run had --state %s", path, directory)
     elseif list.unreadable > 0 and #list == 0 then
@@ -158,8 +158,8 @@ local function run(options)
         if done then reading:show(done, total) end
     end
     local list = read_records(vxa, options.state, check)
-    local life = records.read_life(vxa, options.state)
-    local is_running = vxa.is_appended_to(records.path(options.state))
+    local life = transitions.read_life(vxa, options.state)
+    local is_running = vxa.is_appended_to(transitions.path(options.state))
     local history = timeline.build(list, life, is_running, since, now, check)
     reading:finish()
     if options.json then print_json(history) else print_text(history) end

@@ -3,8 +3,8 @@
 local compare_manifests = require "vxa.diff.manifests"
 local compare_rules = require "vxa.diff.rules"
 local format = require "vxa.output.format"
-local lines = require "vxa.packages.lines"
-local manifest = require "vxa.manifest"
+local lines = require "vxa.dumps.lines"
+local manifest = require "vxa.packages.manifest"
 local section = require "vxa.diff.section"
 local tables = require "vxa.diff.tables"
 
@@ -19,17 +19,17 @@ local RECORDS = { title = "records", parse = parse_records, compare = tables.rec
 -- `is_long`: has its own limit for the changes that are listed.
 local kinds = {
     ["vxa_stats.txt"] = { title = "counters", is_long = true, compare = tables.statistics,
-                          parse = require "vxa.packages.statistics" },
+                          parse = require "vxa.dumps.statistics" },
     ["vxa_variables.txt"] = { title = "variables", is_long = true, compare = tables.variables,
-                              parse = require "vxa.packages.variables" },
+                              parse = require "vxa.dumps.variables" },
     ["vxa_conn_track.txt"] = { title = "connections", compare = tables.connections,
-                               parse = require "vxa.packages.connections" },
+                               parse = require "vxa.dumps.connections" },
     ["vxa_blacklist.txt"] = { title = "blacklisted addresses", compare = tables.blacklist,
-                              parse = require "vxa.packages.blacklist" },
+                              parse = require "vxa.dumps.blacklist" },
     ["vxa_conn_states.txt"] = { title = "sockets by state", is_long = true,
-                                compare = tables.sockets, parse = require "vxa.packages.sockets" },
+                                compare = tables.sockets, parse = require "vxa.dumps.sockets" },
     ["vxa.tpf"] = { title = "rules; packets/bytes", compare = compare_rules,
-                    parse = require "vxa.packages.ruleset" },
+                    parse = require "vxa.dumps.ruleset" },
     ["state/transitions.jsonl"] = RECORDS, ["state/events.jsonl"] = RECORDS,
 }
 

@@ -1,6 +1,6 @@
 -- Finds the items of two packages that belong together.
 
-local index = require "vxa.packages.index"
+local index = require "vxa.diff.index"
 
 local pairing = {}
 

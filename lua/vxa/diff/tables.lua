@@ -1,7 +1,7 @@
 -- Compares the driver's tables except the rules. Each function gets a section and both parsed
--- entries, see lua/vxa/packages.
+-- entries, see lua/vxa/dumps.
 
-local index = require "vxa.packages.index"
+local index = require "vxa.diff.index"
 local pairing = require "vxa.diff.pairing"
 
 local tables = {}

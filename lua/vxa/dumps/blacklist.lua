@@ -1,6 +1,6 @@
 -- Parses vxa_blacklist.txt.
 
-local lines = require "vxa.packages.lines"
+local lines = require "vxa.dumps.lines"
 
 local ADDRESS = "^[%x:][%x:.]*$"
 

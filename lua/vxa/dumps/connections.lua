@@ -1,6 +1,6 @@
 -- Parses vxa_conn_track.txt.
 
-local lines = require "vxa.packages.lines"
+local lines = require "vxa.dumps.lines"
 
 local ENDPOINT, ENDPOINT6 = "^[%d.]+:%d+$", "^%[[%x:.]+%]:%d+$"
 

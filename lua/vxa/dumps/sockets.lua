@@ -1,6 +1,6 @@
 -- Parses vxa_conn_states.txt.
 
-local lines = require "vxa.packages.lines"
+local lines = require "vxa.dumps.lines"
 
 local function read(line)
     local name, digits = line:match("^(tcp[46] %S+) (%d+)$")

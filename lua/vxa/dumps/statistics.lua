@@ -1,6 +1,6 @@
 -- Parses vxa_stats.txt.
 
-local lines = require "vxa.packages.lines"
+local lines = require "vxa.dumps.lines"
 
 -- Items that are not counters, and so may fall and have no rate. The kernel's names, see
 -- Documentation/networking/snmp_counter.rst and the sources of /proc/net.

@@ -198,8 +198,8 @@ end
 --             days of which something is known
 -- total       the same for the whole time
 --
--- `life`: the result of records.read_life. `is_running`: whether a run is writing the records.
--- `check` as for records.read.
+-- `life`: the result of transitions.read_life. `is_running`: whether a run is writing the records.
+-- `check` as for transitions.read.
 function timeline.build(list, life, is_running, since, now, check)
     local self = setmetatable({ segments = {}, stretches = {} }, Builder)
     for _, record in ipairs(list) do

@@ -5,20 +5,20 @@ local json = require "dkjson"
 local filter = require "filter"
 local times = require "vxa.times"
 
-local records = {}
+local transitions = {}
 
-records.HEAD = '{"record":'  -- how each line begins
+transitions.HEAD = '{"record":'  -- how each line begins
 
 local MOST_BYTES = 20 * 1048576  -- more than a run lets them become
 local LONGEST_LINE = 65536
 local ENOENT = 2  -- errno value
 
-function records.path(directory)
+function transitions.path(directory)
     return directory .. "/transitions.jsonl"
 end
 
 -- The file that is replaced again and again while a run lives.
-function records.life_path(directory)
+function transitions.life_path(directory)
     return directory .. "/running.json"
 end
 
@@ -93,9 +93,9 @@ end
 -- that are not records as `unreadable`, the place of the first as `first_unreadable`, and whether
 -- there is a file as `has_file`; or nil and a message. `check(done, total)` is called from time to
 -- time and may raise an error.
-function records.read(vxa, directory, check)
+function transitions.read(vxa, directory, check)
     local list = { unreadable = 0 }
-    for _, path in ipairs { records.path(directory) .. ".1", records.path(directory) } do
+    for _, path in ipairs { transitions.path(directory) .. ".1", transitions.path(directory) } do
         local text, message, code = vxa.read_file(path, MOST_BYTES)
         if text then
             list.has_file = true
@@ -108,10 +108,10 @@ function records.read(vxa, directory, check)
 end
 
 -- Returns the last sign of life of a run that has not ended, or nil: {at=, started=, interval_s=}.
-function records.read_life(vxa, directory)
-    local text = vxa.read_file(records.life_path(directory), LONGEST_LINE)
+function transitions.read_life(vxa, directory)
+    local text = vxa.read_file(transitions.life_path(directory), LONGEST_LINE)
     local record = text and parse(vxa, (text:gsub("\n$", "")))
     return record and record.record == "running" and record or nil
 end
 
-return records
+return transitions

@@ -5,7 +5,7 @@ local console = require "vxa.output.console"
 local exit = require "vxa.exit"
 local json_records = require "vxa.output.json_records"
 local policy_source = require "vxa.policy_source"
-local records = require "vxa.history.records"
+local transitions = require "vxa.history.transitions"
 
 local function define() end
 
@@ -19,11 +19,11 @@ History.__index = History
 
 local function new(monitored, options)
     if not options.state then return nil end
-    local file, message = monitored.vxa.rotated_file(records.path(options.state), records.HEAD,
-        MOST_BYTES, 1, false)
+    local file, message = monitored.vxa.rotated_file(transitions.path(options.state),
+        transitions.HEAD, MOST_BYTES, 1, false)
     if not file then exit.fail(1, "%s", message) end
     return setmetatable({ monitored = monitored, vxa = monitored.vxa, options = options,
-                          file = file, life_path = records.life_path(options.state) }, History)
+                          file = file, life_path = transitions.life_path(options.state) }, History)
 end
 
 -- ---- writing ----------------------------------------------------------------------------
@@ -63,7 +63,7 @@ end
 
 -- A run that was killed could not record its end.
 function History:record_lost_run(now)
-    local last = records.read_life(self.vxa, self.options.state)
+    local last = transitions.read_life(self.vxa, self.options.state)
     if last then
         self:write { record = "lost", time = json_records.time(last.at),
                      found = json_records.time(now) }

@@ -2,8 +2,8 @@
 -- anywhere.
 
 local exit = require "vxa.exit"
-local manifest = require "vxa.manifest"
-local package_entries = require "vxa.package_entries"
+local manifest = require "vxa.packages.manifest"
+local package_entries = require "vxa.packages.entries"
 local times = require "vxa.times"
 
 local archive = {}

@@ -3,9 +3,9 @@
 -- The module adds all entries in one call that does not return failures. The archive knows how
 -- long each entry took, the driver handle which calls failed and why.
 
-local package_entries = require "vxa.package_entries"
+local package_entries = require "vxa.packages.entries"
 
-local package_problems = {}
+local problems = {}
 
 -- Returns descriptions of the failures of a driver call, each once.
 local function describe_failures(failures, call)
@@ -57,7 +57,7 @@ end
 -- Returns a row {name, is_of_driver, state, problems, written} for each entry of the driver.
 -- `written` has the archive's entries by name. `driver` has its `capabilities` by name, its failed
 -- calls as `failures`, and `open_error` if there is no handle.
-function package_problems.entries(written, driver)
+function problems.entries(written, driver)
     local rows = {}
     for _, entry in ipairs(package_entries) do
         if entry.call then rows[#rows + 1] = judge(entry, written[entry.name], driver) end
@@ -67,7 +67,7 @@ end
 
 -- Returns such rows for the failed calls that belong to no entry, such as switching rule profiling
 -- off.
-function package_problems.calls(failures)
+function problems.calls(failures)
     local rows, known = {}, { vxi_driver_available = true }
     for _, entry in ipairs(package_entries) do
         if entry.call then known[entry.call] = true end
@@ -82,4 +82,4 @@ function package_problems.calls(failures)
     return rows
 end
 
-return package_problems
+return problems

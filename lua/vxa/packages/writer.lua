@@ -5,16 +5,16 @@ local json = require "dkjson"
 
 local facts = require "vxa.machine.facts"
 local json_records = require "vxa.output.json_records"
-local manifest = require "vxa.manifest"
-local package_problems = require "vxa.package_problems"
+local manifest = require "vxa.packages.manifest"
+local package_problems = require "vxa.packages.problems"
 local policy_source = require "vxa.policy_source"
 local printable = require "vxa.output.printable"
 local session = require "vxa.session"
-local state_files = require "vxa.state_files"
+local state_files = require "vxa.packages.state_files"
 local step_log = require "vxa.output.step_log"
 local timestamps = require "vxa.output.timestamps"
 
-local package_writer = {}
+local writer = {}
 
 local Writer = {}
 Writer.__index = Writer
@@ -24,14 +24,14 @@ local array = json_records.array
 -- `attached`: {vxa, engine, dom, messages} of the session, with `document_error` if the document
 -- of the state directory could not be opened, and `is_document_in_use` if that is because another
 -- process has it open. `options`: those of the command.
-function package_writer.new(attached, options)
-    local writer = setmetatable({
+function writer.new(attached, options)
+    local self = setmetatable({
         vxa = attached.vxa, attached = attached, options = options,
         log = step_log.new(attached.vxa), started = attached.vxa.time(), unknown = array {},
         driver = { failures = {}, dropped = 0, capabilities = {} }, state = {},
     }, Writer)
-    writer.log:step("version %s, engine %s", attached.vxa.version, attached.engine)
-    return writer
+    self.log:step("version %s, engine %s", attached.vxa.version, attached.engine)
+    return self
 end
 
 -- Notes why a member of the manifest is null, and returns null.
@@ -283,4 +283,4 @@ function Writer:fill(file)
     return archive:close()
 end
 
-return package_writer
+return writer

@@ -268,7 +268,7 @@ end
 
 -- The example of docs/driver-diagnostics.md: it adds the entries that the command knows.
 local listed = "^true\n"
-for _, entry in ipairs(require "vxa.package_entries") do
+for _, entry in ipairs(require "vxa.packages.entries") do
     if entry.call then listed = listed .. entry.name:gsub("%.", "%%.") .. "\t%d+\n" end
 end
 local document = testing.read(ROOT .. "/docs/driver-diagnostics.md")

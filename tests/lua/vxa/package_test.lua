@@ -2,7 +2,7 @@
 -- that are not what they should be.
 
 local json = require "dkjson"
-local package_entries = require "vxa.package_entries"
+local package_entries = require "vxa.packages.entries"
 local testing = require "testing"
 local vxa = require "vxa"
 
