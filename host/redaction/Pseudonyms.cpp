@@ -147,17 +147,18 @@ void Pseudonyms::Compact()
 
 Address Pseudonyms::Mask(const Address& address)
 {
+    if (m_collects) return address;
     Keep({address, address.Width()});
     return m_addresses.Mask(address);
 }
 
 Address Pseudonyms::MaskNetwork(const Address& network, unsigned length)
 {
-    Keep({network, length});
-    if (m_collects && m_pinned < kMostPinned) {
-        m_addresses.Pin(network, length);
-        ++m_pinned;
+    if (m_collects) {
+        if (m_pinned++ < kMostPinned) m_addresses.Pin(network, length);
+        return network;
     }
+    Keep({network, length});
     return FirstOfBlock(m_addresses.Mask(network), length);
 }
 
@@ -182,6 +183,7 @@ std::string Pseudonyms::NewName(std::string_view name, const char* label)
 
 void Pseudonyms::AppendName(std::string& out, std::string_view name, const char* label)
 {
+    if (m_collects) return;
     const auto found = m_names.find(std::string(name));
     out += found != m_names.end() ? found->second.masked : NewName(name, label);
 }

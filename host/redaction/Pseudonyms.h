@@ -18,10 +18,11 @@ public:
     // As a map has them. Throws std::runtime_error with the number of the line that is wrong.
     explicit Pseudonyms(std::string_view map);
 
-    // While it collects, networks that are masked get pinned (PrefixPermutation.h), which changes
-    // the pseudonyms of others: so everything is masked once to collect, then again to be kept.
-    // With an existing map, nothing is pinned any more.
+    // While it collects, networks get pinned (PrefixPermutation.h), which changes the pseudonyms of
+    // others: so everything is read once to collect, when nothing is masked, then again. With an
+    // existing map, nothing is pinned any more.
     void CollectNetworks(bool on) { m_collects = on && m_canPin; }
+    bool IsCollecting() const { return m_collects; }
     bool CanPin() const { return m_canPin; }
 
     Address Mask(const Address& address);

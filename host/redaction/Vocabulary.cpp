@@ -2,10 +2,10 @@
 #include "redaction/Vocabulary.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <iterator>
-#include <string>
-#include <unordered_set>
+#include <vector>
 
 namespace vxa::redaction {
 
@@ -73,8 +73,6 @@ constexpr std::string_view kConventional[] = {"filter",     "nat",         "mang
                                               "security",   "input",       "output",  "forward",
                                               "prerouting", "postrouting", "ingress", "egress"};
 
-constexpr std::size_t kLongestWord = 48;
-
 char Lower(char c)
 {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c;
@@ -85,15 +83,14 @@ bool IsWordCharacter(char c)
     return (c >= '0' && c <= '9') || (Lower(c) >= 'a' && Lower(c) <= 'z') || c == '_' || c == '-';
 }
 
-// Returns false, and nothing in `lower`, for what no list contains.
-bool MakeLower(std::string_view word, std::string& lower)
+bool IsEqual(std::string_view a, std::string_view b)
 {
-    if (word.size() > kLongestWord) return false;
-    lower.resize(word.size());
-    std::transform(word.begin(), word.end(), lower.begin(), Lower);
-    return true;
+    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(),
+                                              [](char c, char d) { return Lower(c) == Lower(d); });
 }
 
+// A hash table that is never changed: nearly every word of a package is looked up. Who chooses the
+// words of a package does not choose those in the table, so a search ends soon.
 class Words {
 public:
     Words()
@@ -102,29 +99,44 @@ public:
         Add(kNftWords);
         Add(kSystemWords);
         constexpr int kMostErrors = 134;  // EHWPOISON is 133
-        char buffer[128];
-        for (int error = 1; error < kMostErrors; ++error)
-            Add(strerror_r(error, buffer, sizeof buffer));
+        for (int error = 1; error < kMostErrors; ++error) Add(strerrordesc_np(error));
     }
 
-    bool Has(const std::string& word) const { return m_words.count(word) != 0; }
+    bool Has(std::string_view word) const { return !m_slots[Find(word)].empty(); }
 
 private:
-    void Add(std::string_view text)
+    static constexpr std::size_t kSlots = 32768;
+    static constexpr std::size_t kMostWords = kSlots / 4;
+
+    // Returns the word's slot, or the empty one where it would be.
+    std::size_t Find(std::string_view word) const
     {
-        std::string word;
-        for (const char c : text) {
-            if (IsWordCharacter(c)) {
-                word += Lower(c);
-                continue;
-            }
-            if (!word.empty()) m_words.insert(word);
-            word.clear();
-        }
-        if (!word.empty()) m_words.insert(word);
+        std::uint32_t hash = 2166136261;  // FNV-1a
+        for (const char c : word) hash = (hash ^ static_cast<unsigned char>(Lower(c))) * 16777619;
+        std::size_t slot = (hash ^ hash >> 15) % kSlots;
+        while (!m_slots[slot].empty() && !IsEqual(m_slots[slot], word)) slot = (slot + 1) % kSlots;
+        return slot;
     }
 
-    std::unordered_set<std::string> m_words;
+    // The text must outlive the table.
+    void Add(const char* text)
+    {
+        if (!text) return;
+        const std::string_view rest = text;
+        for (std::size_t at = 0; at < rest.size();) {
+            std::size_t end = at;
+            while (end < rest.size() && IsWordCharacter(rest[end])) ++end;
+            if (end > at && m_count < kMostWords) {
+                std::string_view& slot = m_slots[Find(rest.substr(at, end - at))];
+                m_count += slot.empty();
+                slot = rest.substr(at, end - at);
+            }
+            at = end + 1;
+        }
+    }
+
+    std::vector<std::string_view> m_slots = std::vector<std::string_view>(kSlots);
+    std::size_t m_count = 0;
 };
 
 }  // namespace
@@ -132,15 +144,13 @@ private:
 bool IsPublicWord(std::string_view word)
 {
     static const Words kWords;
-    std::string lower;
-    return MakeLower(word, lower) && kWords.Has(lower);
+    return kWords.Has(word);
 }
 
 bool IsConventionalName(std::string_view name)
 {
-    std::string lower;
-    return MakeLower(name, lower) && std::find(std::begin(kConventional), std::end(kConventional),
-                                               lower) != std::end(kConventional);
+    return std::any_of(std::begin(kConventional), std::end(kConventional),
+                       [&](std::string_view each) { return IsEqual(each, name); });
 }
 
 }  // namespace vxa::redaction

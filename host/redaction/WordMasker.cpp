@@ -60,16 +60,19 @@ bool IsMantissa(std::string_view part, std::string_view rest)
            (part.back() | 0x20) == 'e' && CountDigits(part) == part.size() - 1;
 }
 
-// Numbers with a unit, with an exponent, and negative statuses as eight hexadecimal digits.
+// Digits with a unit or an exponent.
 bool IsNumber(std::string_view part)
 {
     constexpr std::string_view kUnits[] = {"s",  "ms", "us", "ns",  "min", "h",   "d",
                                            "kB", "MB", "GB", "KiB", "MiB", "GiB", "x"};
     const std::string_view unit = part.substr(CountDigits(part));
-    if (unit.size() < part.size() &&
-        std::find(std::begin(kUnits), std::end(kUnits), unit) != std::end(kUnits))
-        return true;
-    if (IsExponent(unit) && unit.size() < part.size()) return true;
+    return std::find(std::begin(kUnits), std::end(kUnits), unit) != std::end(kUnits) ||
+           IsExponent(unit);
+}
+
+// A negative status in hexadecimal digits: "fffffffb".
+bool IsStatus(std::string_view part)
+{
     return part.size() == 8 && part.substr(0, 4) == "ffff" &&
            std::all_of(part.begin(), part.end(), [](char c) { return HexValue(c) >= 0; });
 }
@@ -235,9 +238,11 @@ bool WordMasker::AppendNumber(std::string& out, std::string_view word)
 
 void WordMasker::AppendPart(std::string& out, std::string_view part, Place place)
 {
+    if (m_pseudonyms.IsCollecting()) return;
     const std::string name = part.find('\\') == part.npos ? std::string(part) : Unescape(part);
     const bool is_plain = CountDigits(part) == part.size() || !HasNameCharacters(part);
-    const bool is_public = IsPublicWord(part) || IsVersion(part) || IsNumber(part);
+    const bool is_public =
+        IsDigit(part[0]) ? IsNumber(part) || IsVersion(part) : IsPublicWord(part) || IsStatus(part);
     const bool is_kept =
         place.is_name ? IsConventionalName(part) : is_public && !m_pseudonyms.IsReserved(name);
     if (is_plain || is_kept)
@@ -270,7 +275,7 @@ std::size_t WordMasker::AppendPartAt(std::string& out, std::string_view word, st
 
 void WordMasker::Append(std::string& out, std::string_view word, Place place)
 {
-    if (word.find(".arpa") != word.npos) {
+    if (word.size() > 5 && word.find(".arpa") != word.npos) {
         m_pseudonyms.AppendName(out, word, place.label);
         return;
     }

@@ -97,7 +97,7 @@ int MakeRedaction(lua_State* L)
 // lua/vxa/output/progress.lua.
 class Progress {
 public:
-    Progress(const std::string& name, std::uint64_t total) : m_name(name), m_total(total) {}
+    Progress(const std::string& what, std::uint64_t total) : m_what(what), m_total(total) {}
     ~Progress()
     {
         if (m_isShown) Print("\r\033[K");
@@ -111,7 +111,7 @@ public:
         if (now < m_due || isatty(STDERR_FILENO) == 0) return;
         m_due = now + std::chrono::milliseconds(200);
         m_isShown = true;
-        Print("\rmasking " + m_name + ": " + std::to_string(done * 100 / m_total) + " %");
+        Print("\r" + m_what + ": " + std::to_string(done * 100 / m_total) + " %");
     }
 
 private:
@@ -119,7 +119,7 @@ private:
 
     static void Print(const std::string& text) { std::fputs(text.c_str(), stderr); }
 
-    std::string m_name;
+    std::string m_what;
     std::uint64_t m_total;
     Clock::time_point m_due = Clock::now() + std::chrono::seconds(2);
     bool m_isShown = false;
@@ -132,7 +132,8 @@ public:
                 Format format)
         : m_reader(reader),
           m_masker(pseudonyms, format),
-          m_progress(entry.name, entry.bytes),
+          m_progress((pseudonyms.IsCollecting() ? "reading " : "masking ") + entry.name,
+                     entry.bytes),
           m_chunk(kChunkBytes)
     {
     }
