@@ -89,8 +89,8 @@ private:
     bool m_isValue = false;      // a colon was read
     bool m_isReference = false;  // the string begins with "@"
     std::vector<Frame> m_frames;
-    std::size_t m_rawFrames =
-        0;                     // while there are as many, a statement is about bytes at an offset
+    // The number of frames within a statement about bytes at an offset; 0 outside of one.
+    std::size_t m_rawFrames = 0;
     std::size_t m_deeper = 0;  // frames beyond those that are kept
     std::string m_rangeEnd;    // what replaces the next word
 };
