@@ -47,7 +47,7 @@ int PushDriverError(lua_State* L, vxi_handle_ops_s* handle);
 
 // Returns the file if the argument is one that vxa.temporary made, else null; raises an argument
 // error if it is closed. TemporaryFiles.cpp [-0, +0, v]
-const VxaCore::Host::PendingFile* TestPendingFile(lua_State* L, int index);
+VxaCore::Host::PendingFile* TestPendingFile(lua_State* L, int index);
 
 // The handle's method `connections`, and what it needs in a new state. Connections.cpp
 int HandleConnections(lua_State* L);

@@ -51,29 +51,41 @@ int WaitFor(pid_t child, const std::string& name, const std::function<const char
     return status;
 }
 
-std::string Head(const FileDescriptor& file)
+std::string Read(const FileDescriptor& file, off_t from, std::size_t most_bytes)
 {
-    std::string bytes(kMostErrorBytes, '\0');
-    const ssize_t got = pread(file.Get(), bytes.data(), bytes.size(), 0);
-    bytes.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+    std::string bytes(most_bytes, '\0');
+    const ssize_t got = pread(file.Get(), bytes.data(), bytes.size(), from);
+    if (got < 0) ThrowErrno("cannot read a file in memory");
+    bytes.resize(static_cast<std::size_t>(got));
     return bytes;
+}
+
+void Copy(const FileDescriptor& from, PendingFile& to)
+{
+    constexpr std::size_t kPieceBytes = 65536;
+    off_t at = 0;
+    for (std::string piece; !(piece = Read(from, at, kPieceBytes)).empty();) {
+        to.Write(piece);
+        at += static_cast<off_t>(piece.size());
+    }
 }
 
 }  // namespace
 
-void RunProgram(const char* const* arguments, std::string_view input, int output,
+void RunProgram(const char* const* arguments, std::string_view input, PendingFile& output,
                 const std::function<const char*()>& reason_to_end)
 {
     const std::string name = arguments[0];
-    const FileDescriptor input_file = MemoryFile(input), errors = MemoryFile("");
+    const FileDescriptor input_file = MemoryFile(input), written = MemoryFile(""),
+                         errors = MemoryFile("");
     const pid_t child =
-        Spawn(arguments, {input_file.Get(), output, errors.Get()}, ProcessGroup::kOfParent);
+        Spawn(arguments, {input_file.Get(), written.Get(), errors.Get()}, ProcessGroup::kOfParent);
     const int status = WaitFor(child, name, reason_to_end);
-    if (status == 0) return;
+    if (status == 0) return Copy(written, output);
     const std::string what = WIFSIGNALED(status)
                                  ? " was ended by signal " + std::to_string(WTERMSIG(status))
                                  : " failed with status " + std::to_string(WEXITSTATUS(status));
-    const std::string message = Head(errors);
+    const std::string message = Read(errors, 0, kMostErrorBytes);
     throw std::runtime_error(name + what + (message.empty() ? "" : ": " + message));
 }
 

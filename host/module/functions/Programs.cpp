@@ -42,13 +42,12 @@ int RunProgram(lua_State* L)
 {
     const Arguments arguments = CheckArguments(L, 1);
     const std::string_view input = CheckBytes(L, 2);
-    const VxaCore::Host::PendingFile* const output = TestPendingFile(L, 3);
+    VxaCore::Host::PendingFile* const output = TestPendingFile(L, 3);
     luaL_argcheck(L, output, 3, "a file from vxa.temporary expected");
     bool is_missing = false;
     const auto run = [&] {
         try {
-            VxaCore::Host::RunProgram(arguments.data(), input, output->Descriptor(),
-                                      CaughtSignalName);
+            VxaCore::Host::RunProgram(arguments.data(), input, *output, CaughtSignalName);
         } catch (const std::system_error& error) {
             is_missing = error.code() == std::errc::no_such_file_or_directory;
             throw;

@@ -65,7 +65,7 @@ constexpr luaL_Reg kMethods[] = {
 
 }  // namespace
 
-const PendingFile* TestPendingFile(lua_State* L, int index)
+PendingFile* TestPendingFile(lua_State* L, int index)
 {
     return luaL_testudata(L, index, kType) ? CheckOpen(L, index).get() : nullptr;
 }
