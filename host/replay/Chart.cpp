@@ -138,7 +138,7 @@ void Chart::ReadPolicy()
 void Chart::EndRun()
 {
     if (m_previous && m_previous->activated)
-        AddFailOpen(m_previous->time_us, m_previous->time_us + m_intervalUs);
+        Shade(m_previous->time_us, m_previous->time_us + m_intervalUs);
     m_previous.reset();
     m_missing = ~0u;
     if (m_monitor) m_monitor->Restart();
@@ -161,8 +161,9 @@ void Chart::AddRow(const Row& row)
     const bool is_gap = m_previous && IsGap(m_previous->time_us, time_us);
     if (is_gap) m_missing = ~0u;
     const bool was_activated = m_previous && m_previous->activated;
+    if (m_previous && !is_gap) AddTime(time_us - m_previous->time_us);
     if (was_activated)
-        AddFailOpen(m_previous->time_us, is_gap ? m_previous->time_us + m_intervalUs : time_us);
+        Shade(m_previous->time_us, is_gap ? m_previous->time_us + m_intervalUs : time_us);
     if (activated && !was_activated) ++m_entries;
     AddValues(row, time_us);
     m_previous = {time_us, activated};
@@ -191,10 +192,16 @@ void Chart::AddValues(const Row& row, std::int64_t time_us)
     }
 }
 
-// Joins stretches that are closer to each other than a bin is wide: there are never many.
-void Chart::AddFailOpen(std::int64_t from_us, std::int64_t to_us)
+// Time between the previous row and the next one.
+void Chart::AddTime(std::int64_t us)
 {
-    m_failOpenUs += static_cast<std::uint64_t>(to_us - from_us);
+    m_countedUs += static_cast<std::uint64_t>(us);
+    if (m_previous->activated) m_failOpenUs += static_cast<std::uint64_t>(us);
+}
+
+// Joins stretches that are closer to each other than a bin is wide: there are never many.
+void Chart::Shade(std::int64_t from_us, std::int64_t to_us)
+{
     const bool is_close = !m_failOpen.empty() && from_us >= m_failOpen.back().from_us &&
                           from_us <= m_failOpen.back().to_us + m_bins.WidthUs();
     if (is_close)

@@ -85,7 +85,9 @@ public:
     const Period& Shown() const { return m_shown; }  // meaningless without rows
     const std::string& Heading() const { return m_heading; }
     std::uint64_t Entries() const { return m_entries; }
+    // Times in gaps and between runs are in neither.
     std::uint64_t FailOpenUs() const { return m_failOpenUs; }
+    std::uint64_t CountedUs() const { return m_countedUs; }
     const std::vector<Period>& FailOpen() const { return m_failOpen; }  // close ones are joined
     const std::vector<PolicyChange>& Policies() const { return m_policies; }
 
@@ -103,7 +105,8 @@ private:
     void AddPolicy(std::int64_t time_us);
     void AddRow(const Row& row);
     void AddValues(const Row& row, std::int64_t time_us);
-    void AddFailOpen(std::int64_t from_us, std::int64_t to_us);
+    void AddTime(std::int64_t us);
+    void Shade(std::int64_t from_us, std::int64_t to_us);
     void EndRun();
     bool IsGap(std::int64_t from_us, std::int64_t to_us) const;
     bool IsBroken(const BinnedValues& before, const BinnedValues& after) const;
@@ -121,7 +124,7 @@ private:
     std::optional<Previous> m_previous;
     std::uint32_t m_missing = ~0u;  // bits 1 << fc::Metric: without a value in the row before
     Bins m_bins;
-    std::uint64_t m_entries = 0, m_failOpenUs = 0;
+    std::uint64_t m_entries = 0, m_failOpenUs = 0, m_countedUs = 0;
     std::vector<Period> m_failOpen;
 };
 

@@ -117,6 +117,7 @@ int Result(lua_State* L)
     SetNumber(L, "rows", static_cast<lua_Number>(chart.Rows()));
     SetNumber(L, "entries", static_cast<lua_Number>(chart.Entries()));
     SetNumber(L, "fail_open_s", static_cast<double>(chart.FailOpenUs()) / 1e6);
+    SetNumber(L, "counted_s", static_cast<double>(chart.CountedUs()) / 1e6);
     SetString(L, "heading", chart.Heading());
     PushArray(L, chart.FailOpen(), PushPeriod);
     lua_setfield(L, -2, "fail_open");

@@ -166,10 +166,9 @@ end
 local function fail_open_text(chart, policy_name)
     local with_policy = policy_name and ", with the policy " .. shorten(policy_name) or ""
     if chart.entries == 0 then return "never in fail-open" .. with_policy end
-    local span = math.max(chart.to - chart.from, 1e-9)
     return ("fail-open (shaded) %s, %s, %s %% of the time%s"):format(
         format.count(chart.entries, "time"), format.long_duration(chart.fail_open_s),
-        format.number(math.min(100 * chart.fail_open_s / span, 100)), with_policy)
+        format.number(100 * chart.fail_open_s / math.max(chart.counted_s, 1e-9)), with_policy)
 end
 
 -- `row`: 1 or 2. `look`: alignment and the like.

@@ -114,7 +114,12 @@ for i, row in ipairs(long) do
     end
 end
 local policy = testing.read(SCRATCH .. "long.csv"):match("# policy (%b{})")
+local replayed = assert(require("vxa").replay(SCRATCH .. "long.csv", {}))
+repeat until assert(replayed:read()) == 1
+local record = replayed:result()
 for _, chart in ipairs { chart_of "long.csv", chart_of("long.csv", policy) } do
+    equal({ chart.fail_open_s, chart.counted_s }, { record.recorded.fail_open, record.counted },
+        "times")
     equal({ chart.rows, chart.entries, #chart.policies }, { #long, entries, 1 }, "long.csv")
     for name, metric in pairs(chart.metrics) do
         local lines = select(2, metric.lines:gsub("[^\n]+", ""))
