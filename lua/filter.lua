@@ -166,6 +166,8 @@ local function read_records(records)
     for _, record in ipairs(records) do
         if record.kind == "log" then
             report.status = filter.parse_status(record.message) or report.status
+            report.has_failed_count = report.has_failed_count
+                or record.message:find("^get_scan_metrics%(%) failed") ~= nil
         elseif record.kind == "trace" and record.category == "SysHealth.eng" then
             read_trace(record.message, report)
         end
@@ -287,6 +289,19 @@ local function list_over(result)
     end
 end
 
+-- Whether the driver's counters were not read although the policy needs them. During fail-open,
+-- when rates are off, only a log record shows that.
+function Monitor:lacks_counters(result, report)
+    if report.has_failed_count then return true end
+    local is_wanted = false
+    for i, metric in ipairs(filter.metrics) do
+        if metric.rate and result.metrics[i].enabled then return false end
+        is_wanted = is_wanted or metric.rate and self.settings[metric.setting] ~= nil
+    end
+    return is_wanted and result.before == filter.DEACTIVATED
+end
+
+-- Returns whether the driver's counters were read, as far as that is known.
 function Monitor:measure(result, records)
     local report = read_records(records)
     local status, has_counted = report.status, self.has_counted
@@ -305,6 +320,7 @@ function Monitor:measure(result, records)
         result.in_fail_open_s = status.in_fail_open_s
         result.port = status.port
     end
+    return not self:lacks_counters(result, report)
 end
 
 -- ---- from cycle to cycle ----------------------------------------------------------------
@@ -332,16 +348,19 @@ function Monitor:note_crossings(result)
 end
 
 -- Lists the metrics that have come near their thresholds, each once. One that is over is not
--- reported as near afterwards, and during fail-open none is.
-function Monitor:note_near(result)
+-- reported as near afterwards, and during fail-open none is. Doubtful rates show nothing.
+function Monitor:note_near(result, rates_are_doubtful)
     local enforces = result.before == filter.DEACTIVATED and self.state == filter.DEACTIVATED
-    for _, row in ipairs(result.metrics) do
-        local history, is_near = self:history_of(row), row.pressure and row.pressure > filter.NEAR
-        if row.pressure and row.pressure < filter.NO_LONGER_NEAR then history.near = false end
-        if is_near and enforces and not row.over and not history.near then
-            result.near[#result.near + 1] = row
+    for i, row in ipairs(result.metrics) do
+        if not (rates_are_doubtful and filter.metrics[i].rate) then
+            local history, pressure = self:history_of(row), row.pressure
+            local is_near = pressure and pressure > filter.NEAR
+            if pressure and pressure < filter.NO_LONGER_NEAR then history.near = false end
+            if is_near and enforces and not row.over and not history.near then
+                result.near[#result.near + 1] = row
+            end
+            history.near = history.near or row.over or is_near and enforces
         end
-        history.near = history.near or row.over or is_near and enforces
     end
 end
 
@@ -424,7 +443,7 @@ local function only_rates(over)
 end
 
 -- The module divides what the counters grew by since they were last read by the time since the
--- previous cycle. If that cycle could not sample, the growth of several intervals looks like a
+-- previous cycle. If that cycle did not read them, the growth of several intervals looks like a
 -- burst.
 function Monitor:enter(result, rates_are_doubtful)
     if rates_are_doubtful and only_rates(result.over) then
@@ -449,12 +468,21 @@ function Monitor:decide(result, rates_are_doubtful)
     end
 end
 
+local DEFAULT_MINUTES = 30
+
+-- Without the status line; the settings of the configuration file are not known here.
+function Monitor:configured_duration()
+    if self.policy == "" and not next(self.settings) then return nil end
+    return 60 * (self.settings.SYS_CONF_MIN_ACT_DURATION or DEFAULT_MINUTES)
+end
+
 -- Sets what there is to report about fail-open.
 function Monitor:describe_fail_open(result)
     if result.transition then result.causes = self.causes end
     self.min_duration_s = result.min_duration_s or self.min_duration_s
-    if self.state == filter.ACTIVATED and self.min_duration_s then
-        result.lasts_until = self.entered_at + self.min_duration_s
+    local min_duration_s = self.min_duration_s or self:configured_duration()
+    if self.state == filter.ACTIVATED and min_duration_s then
+        result.lasts_until = self.entered_at + min_duration_s
     end
 end
 
@@ -468,7 +496,8 @@ end
 --                     was entered
 -- lasts_until         in fail-open: the earliest time of its end; nil if not known
 -- held                true if fail-open was not entered because only rates are beyond their
---                     thresholds and the previous cycle could not sample; the next one decides
+--                     thresholds and the previous cycle did not read the driver's counters; the
+--                     next one decides
 -- would_enter         true if fail-open was not entered because of options.observe
 -- unpublished         why the document does not have the current state, if it does not
 -- policy_error        what is wrong with the policy (not JSON, or a member of the wrong type), in
@@ -488,8 +517,8 @@ end
 -- in_fail_open_s      how long fail-open has lasted
 -- port                the port that the driver counts, 0 for none
 function Monitor:cycle()
-    local before, rates_are_doubtful, time = self.state, self.missed_sample, self.clock()
-    self.missed_sample = true  -- also if the call raises an error
+    local before, rates_are_doubtful, time = self.state, self.missed_counters, self.clock()
+    self.missed_counters = true  -- also if the call raises an error
     local action = SLB.filter.CheckSystemHealthMetrics(self.dom, before, self.policy).action
     local records = self.records and self.records() or {}
     local result = { time = time, action = action, text = action_text(action, before),
@@ -497,16 +526,11 @@ function Monitor:cycle()
                      policy_error = self.policy_error, policy_warnings = self.policy_warnings }
     self.policy_error, self.policy_warnings = nil, nil
     result.measured = action == filter.NORMAL or action == filter.FAIL_OPEN
-    if result.measured then
-        self.missed_sample = false
-        self:measure(result, records)
-    else
-        self.missed_sample = action ~= filter.DISABLED or rates_are_doubtful
-    end
+    if result.measured then self.missed_counters = not self:measure(result, records) end
     self.has_run = true
     self:note_crossings(result)
     self:decide(result, rates_are_doubtful)
-    self:note_near(result)
+    self:note_near(result, rates_are_doubtful)
     self:describe_fail_open(result)
     result.state, result.unpublished = self.state, self.unpublished
     return result

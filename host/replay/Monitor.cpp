@@ -45,20 +45,28 @@ int Monitor::Cycle(const Row& row)
 {
     m_held = false;
     if (!m_policy.monitors) return fc::kActionDisabled;
-    if (!row.IsMeasured()) {
-        m_missedSample = m_missedSample || row.action != fc::kActionDisabled;
-        return row.action;
-    }
+    const bool rates_are_doubtful = std::exchange(m_missedCounters, MissesCounters(row));
+    if (!row.IsMeasured()) return row.action;
     m_over = MetricsOver(m_policy, row);
     const auto decision =
         fc::DecideFailOpen(m_state, row.time_us, m_policy.minimum_minutes, Count(m_over));
     m_state.activated_us = decision.activated_us;
-    ChangeState(decision.action, std::exchange(m_missedSample, false));
+    ChangeState(decision.action, rates_are_doubtful);
     return decision.action;
 }
 
-// The filter script's part. After a missed sample the rates are calculated from the growth of
-// several intervals, and fail-open is not entered because of them alone.
+// Whether the driver's counters were not read in this cycle. The first time that they are, there is
+// no rate either.
+bool Monitor::MissesCounters(const Row& row)
+{
+    const bool has_rates = (row.known & kRates) != 0;
+    m_hasHadRates = m_hasHadRates || has_rates;
+    return !row.IsMeasured() || (m_hasHadRates && !has_rates);
+}
+
+// The filter script's part. After a cycle that did not read the driver's counters, the rates are
+// calculated from the growth of several intervals, and fail-open is not entered because of them
+// alone.
 void Monitor::ChangeState(int action, bool rates_are_doubtful)
 {
     if (m_state.activated) {

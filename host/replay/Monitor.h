@@ -28,16 +28,18 @@ public:
 
     // The metrics beyond their thresholds in the last measured cycle.
     std::uint32_t Over() const { return m_over; }
-    // Whether the last cycle did not enter fail-open only because a sample was missed before it.
+    // Whether the last cycle did not enter fail-open only because its rates span several intervals.
     bool WasHeld() const { return m_held; }
 
 private:
+    bool MissesCounters(const Row& row);
     void ChangeState(int action, bool rates_are_doubtful);
 
     Policy m_policy;
     fc::FailOpenState m_state{};
     std::uint32_t m_over = 0;
-    bool m_missedSample = false;
+    bool m_hasHadRates = false;
+    bool m_missedCounters = false;
     bool m_held = false;
 };
 

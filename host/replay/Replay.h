@@ -29,7 +29,7 @@ struct Outcome {
     static constexpr std::size_t kMostStretches = 1000;
 
     std::uint64_t entries = 0;
-    std::uint64_t held = 0;  // entries that waited for the next cycle, after a missed sample
+    std::uint64_t held = 0;  // entries that waited: their rates span several intervals
     std::uint64_t enforced_us = 0;
     std::uint64_t fail_open_us = 0;
     std::uint64_t longest_us = 0;

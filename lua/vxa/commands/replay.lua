@@ -144,7 +144,7 @@ local function show_moments(outcome)
     local more = outcome.entries - #outcome.moments
     if more > 0 then console.line("and %s more", format.grouped(more)) end
     if outcome.held > 0 then
-        console.line("(%s waited one more cycle after a failed sample)",
+        console.line("(%s waited one more cycle: their rates span several intervals)",
             format.count(outcome.held, "entry", "entries"))
     end
 end

@@ -167,7 +167,7 @@ end
 function Report:show_held(result)
     self:headline("--", "fail-open waits for the next cycle", ": "
         .. format.crossings(result.over))
-    console.line("   these rates span several intervals, as the previous cycle could not sample")
+    console.line("   these rates span several intervals, as the previous cycle did not read the counters")
 end
 
 function Report:cycle(result)

@@ -240,7 +240,9 @@ private:
             const bool wait = m_missed && !m_activated && !IsOverWithoutRates(row);
             m_activated = row.action == fc::kActionFailOpen && !wait;
         }
-        m_missed = row.action == fc::kActionDisabled ? m_missed : !row.IsMeasured();
+        const bool has_rates = row.Knows(fc::kMetricEstablished);
+        m_hasHadRates = m_hasHadRates || has_rates;
+        m_missed = !row.IsMeasured() || (m_hasHadRates && !has_rates);
     }
 
     bool IsOverWithoutRates(const replay::Row& row) const
@@ -255,7 +257,7 @@ private:
     LuaHost m_lua;
     std::string m_policy;
     replay::Policy m_judged;
-    bool m_activated = false, m_missed = false;
+    bool m_activated = false, m_missed = false, m_hasHadRates = false;
 };
 
 char Code(int action, bool activated)

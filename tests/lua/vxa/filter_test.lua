@@ -98,7 +98,7 @@ local function check(row, value, is_on, is_few, enforces, is_exact)
             math.abs((row.value or 0) - (value or 0)) <= digits, not is_on or row.threshold },
         { over, before and before.since, is_on, is_few, value ~= nil, true,
           not is_on or threshold }, row.name)
-    if not value then return over, false end
+    if not value or missed and metric.rate then return over, false end
     local pressure = metric.below and threshold / row.value or row.value / threshold
     if pressure < 0.7 then before.near = false end
     local is_near = pressure > 0.8 and enforces and not before.near and not over
@@ -180,7 +180,7 @@ for cycle = 1, 4000 do
         equal(result.lasts_until, result.state == "Activated" and entered_at / 1e6 + minutes * 60
             or nil, "until")
     end
-    missed = fails and not is_off or is_off and missed
+    missed = unmeasured or driver_fails
     has_gap, held_once = unmeasured, held_once or held
 end
 equal(held_once, true, "held")
