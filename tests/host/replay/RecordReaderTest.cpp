@@ -102,9 +102,6 @@ TEST(RecordReader, NamesWhichFieldIsWrong)
         {0, 26, "2026-13-22 04:06:37.123456",
          "time is '2026-13-22 04:06:37.123456', expected "
          "YYYY-MM-DD hh:mm:ss.uuuuuu"},
-        {0, 26, "2026-11-22T04:06:37Z",
-         "time is '2026-11-22T04:06:37Z', expected "
-         "YYYY-MM-DD hh:mm:ss.uuuuuu"},
         {27, 1, "3", "action is '3', expected 0, 1, 2, 5, 6 or 7"},
         {29, 11, "On", "state is 'On', expected Activated or Deactivated"},
         {41, 3, "65536", "port is '65536', expected a number from 0 to 65535"},

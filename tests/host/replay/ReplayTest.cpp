@@ -1,9 +1,6 @@
 // Lives of the module as it is built, on a machine that this program plays, against the replay of
 // their record: every action of every policy must be the same.
 
-// With this macro the headers rename fopen and open, which are all defined here.
-#undef _FILE_OFFSET_BITS
-
 #include "Replay.h"
 
 #include <dlfcn.h>
@@ -295,62 +292,55 @@ std::vector<replay::Policy> AllPolicies()
     return policies;
 }
 
-class ReplayTest : public testing::Test {
-protected:
-    std::string Record() const { return m_folder.Path("record"); }
-    std::string Actions(std::size_t policy) const
-    {
-        return m_folder.Path("actions" + std::to_string(policy));
-    }
-
-    // Each life begins where the one before ended.
-    void LiveAll()
-    {
-        std::uint64_t now_us = 1767225600000000;
-        for (int life = 0; life < kLives; ++life) {
-            Machine machine(static_cast<unsigned int>(life), now_us);
-            Append(Record(), kHeading + (life == 0 ? kColumns : ""));
-            for (std::size_t policy = 0; policy < kPolicyCount; ++policy) {
-                if (fork() != 0) continue;
-                Live(machine, policy, Record(), Actions(policy));
-                _exit(0);
-            }
-            for (int i = 0; i < kCycles; ++i) machine.Advance();
-            now_us = machine.row.time_us;
-            int status = 0;
-            while (wait(&status) > 0) ASSERT_EQ(status, 0);
-        }
-    }
-
-    // What the recorded run did is what its policy does.
-    void CheckOutcomes() const
-    {
-        replay::Replay replayed(Record(), AllPolicies());
-        while (replayed.Read(1000)) continue;
-        const auto figures = [](const replay::Outcome& o) {
-            return std::tie(o.entries, o.fail_open_us, o.enforced_us, o.longest_us, o.causes);
-        };
-        EXPECT_EQ(figures(replayed.Recorded()), figures(replayed.Trackers()[0].GetOutcome()));
-        for (std::size_t i = 0; i < kPolicyCount; ++i) {
-            const replay::Outcome& outcome = replayed.Trackers()[i].GetOutcome();
-            EXPECT_EQ(outcome.enforced_us + outcome.fail_open_us, replayed.Summary().counted_us);
-            EXPECT_EQ(outcome.stretches.size(), std::min<std::size_t>(outcome.entries, 1000));
-            EXPECT_GT(outcome.longest_us, 0u);
-        }
-    }
-
-private:
-    ScratchDirectory m_folder;
-};
-
-TEST_F(ReplayTest, DecidesAsTheModule)
+std::string Actions(const ScratchDirectory& folder, std::size_t policy)
 {
-    LiveAll();
+    return folder.Path("actions" + std::to_string(policy));
+}
+
+// Each life begins where the one before ended.
+void LiveAll(const ScratchDirectory& folder)
+{
+    std::uint64_t now_us = 1767225600000000;
+    for (int life = 0; life < kLives; ++life) {
+        Machine machine(static_cast<unsigned int>(life), now_us);
+        Append(folder.Path("record"), kHeading + (life == 0 ? kColumns : ""));
+        for (std::size_t policy = 0; policy < kPolicyCount; ++policy) {
+            if (fork() != 0) continue;
+            Live(machine, policy, folder.Path("record"), Actions(folder, policy));
+            _exit(0);
+        }
+        for (int i = 0; i < kCycles; ++i) machine.Advance();
+        now_us = machine.row.time_us;
+        int status = 0;
+        while (wait(&status) > 0) ASSERT_EQ(status, 0);
+    }
+}
+
+// What the recorded run did is what its policy does.
+void CheckOutcomes(const std::string& record)
+{
+    replay::Replay replayed(record, AllPolicies());
+    while (replayed.Read(1000)) continue;
+    const auto figures = [](const replay::Outcome& o) {
+        return std::tie(o.entries, o.fail_open_us, o.enforced_us, o.longest_us, o.causes);
+    };
+    EXPECT_EQ(figures(replayed.Recorded()), figures(replayed.Trackers()[0].GetOutcome()));
+    for (const auto& tracker : replayed.Trackers()) {
+        const replay::Outcome& outcome = tracker.GetOutcome();
+        EXPECT_EQ(outcome.enforced_us + outcome.fail_open_us, replayed.Summary().counted_us);
+        EXPECT_EQ(outcome.stretches.size(), std::min<std::size_t>(outcome.entries, 1000));
+    }
+}
+
+TEST(Replay, DecidesAsTheModule)
+{
+    const ScratchDirectory folder;
+    LiveAll(folder);
     std::vector<replay::Monitor> monitors;
     std::vector<std::string> expected, found(kPolicyCount);
-    for (std::size_t i = 0; i < kPolicyCount; ++i) expected.push_back(ReadText(Actions(i)));
+    for (std::size_t i = 0; i < kPolicyCount; ++i) expected.push_back(ReadText(Actions(folder, i)));
     for (const auto& policy : AllPolicies()) monitors.emplace_back(policy);
-    replay::RecordReader reader(Record());
+    replay::RecordReader reader(folder.Path("record"));
     for (;;) {
         const auto event = reader.Next();
         if (event == replay::RecordReader::Event::kEnd) break;
@@ -367,11 +357,12 @@ TEST_F(ReplayTest, DecidesAsTheModule)
         EXPECT_EQ(differ.first - found[i].begin(), kLives * kCycles)
             << "policy " << i << ": " << *differ.first << " for " << *differ.second;
     }
-    CheckOutcomes();
+    CheckOutcomes(folder.Path("record"));
 }
 
 }  // namespace
 
+// The headers rename fopen and open to fopen64 and open64, here and in the module.
 #pragma GCC visibility push(default)
 extern "C" {
 
@@ -382,23 +373,19 @@ FILE* popen(const char* command, const char*)
 
 FILE* fopen(const char* path, const char* mode)
 {
-    static auto* const kNext = Libc<FILE*(const char*, const char*)>("fopen");
+    static auto* const kNext = Libc<FILE*(const char*, const char*)>("fopen64");
     return std::strcmp(path, "/proc/meminfo") == 0 ? Stream(s_files.meminfo) : kNext(path, mode);
 }
-
-FILE* fopen64(const char* path, const char* mode) __attribute__((alias("fopen")));
 
 // The settings in force are not logged.
 int open(const char* path, int flags, ...)
 {
-    static auto* const kNext = Libc<int(const char*, int, ...)>("open");
+    static auto* const kNext = Libc<int(const char*, int, ...)>("open64");
     std::va_list rest;
     va_start(rest, flags);
     const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(rest, mode_t) : 0;
     va_end(rest);
     return kNext(std::strncmp(path, "/var/opt/", 9) == 0 ? "/dev/null" : path, flags, mode);
 }
-
-int open64(const char* path, int flags, ...) __attribute__((alias("open")));
 
 }  // extern "C"

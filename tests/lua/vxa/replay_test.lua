@@ -42,16 +42,13 @@ shell "sed -i 's/interval 0.01 s/interval 10 s/' r.csv"
 local REPLAY = "replay r.csv --policy own.json --policy loose.json --policy no_port.json"
 local printed = decode((vxa(REPLAY .. " --json 2>/dev/null")))
 local summary, recorded, own, loose, no_port = table.unpack(printed)
-equal(summary.cycles, 120, "cycles")
-equal(summary.starts, 2, "starts")
+equal({ summary.cycles, summary.starts }, { 120, 2 }, "cycles and starts")
 equal(recorded.entries > 4 and recorded.fail_open_s > 0, true, "entered")
 for _, member in ipairs { "entries", "enforced_s", "fail_open_s", "longest_s" } do
     equal(own[member], recorded[member], member)
 end
-equal(json.encode(own.moments), json.encode(recorded.moments), "moments")
-equal(own.causes.rqpct, recorded.causes.rqpct, "causes")
-equal(loose.entries, 0, "loose")
-equal(loose.enforced_s, summary.seconds, "always enforced")
+equal({ own.moments, own.causes }, { recorded.moments, recorded.causes }, "moments and causes")
+equal({ loose.entries, loose.enforced_s }, { 0, summary.seconds }, "always enforced")
 equal(no_port.monitoring, false, "no port")
 
 local text = vxa(REPLAY)
@@ -60,9 +57,6 @@ matches(text, "\nas recorded +" .. recorded.entries .. " ", "recorded")
 matches(text, "\nloose.json +0 +0.0 min +0.0 min +100.00 %%\n", "loose")
 matches(text, "not monitoring: a connection threshold, but no port\n", "reason")
 matches(text, "\n%d[^\n]* rqpct [%d.]+ > 8, refusalpct [%d.]+ > 20\n", "moment")
-shell("sed -E '9,20s/^([^,]*,0,[^,]*,443,[^,]*),[^,]*/\\1,/' r.csv >gaps.csv")
-matches(vxa("replay gaps.csv --policy own.json"),
-    "\nrefusalpct was not recorded in %d+ of 120 cycles, and is not judged there\n", "missing")
 
 -- Exactly three intervals, a clock that is set back, and a little more than three intervals.
 local record = testing.read(SCRATCH .. "r.csv"):match("^.-,errors\n")
@@ -74,6 +68,8 @@ testing.write(SCRATCH .. "steps.csv", record)
 summary, recorded, own = table.unpack(decode((vxa "replay steps.csv --policy own.json --json")))
 equal({ summary.seconds, summary.gaps, summary.missing.frepct }, { 50, 2, 1 }, "gaps")
 equal({ own.entries, own.enforced_s, recorded.enforced_s }, { 0, 50, 50 }, "not judged")
+matches(vxa "replay steps.csv --policy own.json",
+    "\nfrepct was not recorded in 1 of 6 cycles, and is not judged there\n", "missing")
 
 -- ---- thresholds -----------------------------------------------------------------------------
 
@@ -166,9 +162,8 @@ end
 -- ---- the command ----------------------------------------------------------------------------
 
 local tuned = decode((vxa "tune long.csv --entries-per-week 300 --json -o found.json"))[2]
-equal(tuned.metrics[1].proposed, proposal.round(found.metrics.rqpct.tightest, filter.metrics[1]),
-    "proposed")
-equal(tuned.policy.SYS_THR_RUNQ.value, tuned.metrics[1].proposed, "policy")
+equal(tuned.policy.SYS_THR_RUNQ.value,
+    proposal.round(found.metrics.rqpct.tightest, filter.metrics[1]), "proposed")
 for i, metric in ipairs(tuned.metrics) do
     local kind, threshold = filter.metrics[i], metric.proposed
     equal(metric.second_half_entries, entries(rows, ROWS, kind, threshold)
@@ -180,23 +175,19 @@ equal(status, 0, "the policy is accepted")
 equal(decode((vxa "replay long.csv --policy found.json --json"))[3].entries, tuned.entries, "same")
 matches(vxa "tune long.csv --entries-per-week 300 --output found.json", "already exists", "kept")
 text = vxa "tune long.csv"
-matches(text, "\n{\n  \"SYS_CONF_CONN_REFUSAL_PORT\": 443,\n.*\n}\n$", "printed")
-matches(text, "\nmetric +p50 +p99 ", "table")
+matches(text, "\nmetric +p50 +p99 .*\n{\n  \"SYS_CONF_CONN_REFUSAL_PORT\": 443,\n.*\n}\n$",
+    "printed")
 
 -- ---- what is refused ------------------------------------------------------------------------
 
 shell "head -8000 long.csv >short.csv; head -4 long.csv >empty.csv; echo a,b >foreign.csv"
-shell "mkfifo fifo; truncate -s 1G sparse; sed 5s/443/x/ long.csv >damaged.csv"
+shell "mkfifo fifo; truncate -s 1G sparse"
 for _, case in ipairs {
     { "tune short.csv", "short.csv has samples of 22.0 hours; to find thresholds, at least 24" },
     { "tune empty.csv", "empty.csv has no cycles" },
-    { "replay foreign.csv", "foreign.csv: not a record of vxa run %-%-record" },
     { "tune foreign.csv", "foreign.csv: not a record of vxa run %-%-record" },
     { "replay fifo", "fifo: not a regular file" },
-    { "replay /dev/zero", "/dev/zero: not a regular file" },
-    { "tune .", "%.: Is a directory" },
     { "replay sparse", "sparse: not a record" },
-    { "replay damaged.csv", "damaged.csv: line 5: port is 'x', expected a number from 0 to 65535" },
     { "replay long.csv --policy none", "policy none: No such file" },
     { "tune long.csv --entries-per-week -1", "must be a number from 0 to 10000, not '%-1'" },
 } do
