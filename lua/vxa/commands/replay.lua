@@ -126,7 +126,9 @@ local function because(metrics)
     local list = {}
     for i, metric in ipairs(metrics) do
         local value, threshold = format.number(metric.value), format.number(metric.threshold)
-        if value == threshold then value = format.exact(metric.value) end
+        if value == threshold then
+            value, threshold = format.exact(metric.value), format.exact(metric.threshold)
+        end
         list[i] = ("%s %s %s %s"):format(metric.name, value,
             filter.metrics[metric.name].below and "<" or ">", threshold)
     end

@@ -5,6 +5,7 @@ local json = require "dkjson"
 local console = require "vxa.output.console"
 local filter = require "filter"
 local health_policy = require "health_policy"
+local json_text = require "vxa.output.json_text"
 
 local json_records = {}
 
@@ -31,7 +32,7 @@ local KEY_ORDER = {
     "difference", "per_second", "packets", "bytes_back", "added", "removed", "changes", "lost_in",
     "reason", "traffic", "notes", "host", "differences", "unchanged", "warnings",
     "file", "first", "last", "failed", "disabled", "starts", "gaps", "missing",
-    "enforced_s", "fail_open_s", "longest_s", "moments", "left", "restarted", "values",
+    "longest_s", "moments", "restarted", "values",
     "quantiles", "p50", "p99", "p99.9", "max", "p1", "p0.1", "min", "entries_per_week", "proposed",
     "first_half_end", "first_half_entries", "second_half_entries", "second_half_per_week",
     "confirmed", "note", "policy",
@@ -47,7 +48,7 @@ end
 
 -- Returns the record as a line.
 function json_records.line(record)
-    return json.encode(record, { keyorder = KEY_ORDER }) .. "\n"
+    return json_text.encode(record, { keyorder = KEY_ORDER }) .. "\n"
 end
 
 -- Passes the record's line to `write`, which defaults to standard output.

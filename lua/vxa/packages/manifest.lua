@@ -3,6 +3,8 @@
 
 local json = require "dkjson"
 
+local json_text = require "vxa.output.json_text"
+
 local manifest = { NAME = "manifest.json", FORMAT = 1 }
 
 -- Several times what a package needs. Names made to collide in Lua's string hash cost time that
@@ -22,12 +24,12 @@ local KEY_ORDER = {
 }
 
 function manifest.encode(content)
-    return json.encode(content, { indent = true, keyorder = KEY_ORDER }) .. "\n"
+    return json_text.encode(content, { indent = true, keyorder = KEY_ORDER }) .. "\n"
 end
 
 -- Returns a value for json.encode that is written like a manifest, but in one line.
 function manifest.in_one_line(content)
-    local function encode() return json.encode(content, { keyorder = KEY_ORDER }) end
+    local function encode() return json_text.encode(content, { keyorder = KEY_ORDER }) end
     return setmetatable({}, { __tojson = encode })
 end
 
