@@ -103,7 +103,10 @@ void RecordFollower::CountRow()
     if (m_summary.cycles++ == 0) m_summary.first_us = row.time_us;
     m_summary.last_us = row.time_us;
     if (row.port != 0) m_summary.port = row.port;
-    if (row.action == fc::kActionDisabled) ++m_summary.disabled;
+    if (row.action == fc::kActionDisabled)
+        ++m_summary.disabled;
+    else
+        m_summary.sampled_s += m_summary.interval_s;
     if (row.action > fc::kActionDisabled) ++m_summary.failed;
 }
 

@@ -74,6 +74,7 @@ struct RecordSummary {
     // not count.
     std::array<std::uint64_t, fc::kMetricCount> missing{};
     double interval_s = 0;          // of the last run
+    double sampled_s = 0;           // the intervals of the cycles that monitored, added up
     int port = 0;                   // the last one monitored
     std::string heading, settings;  // of the last run, as in the file
 };

@@ -78,8 +78,12 @@ bool ThresholdSearch::StaysWithin(double threshold) const
 
 // ---- the record ------------------------------------------------------------------------
 
-Tuner::Tuner(const std::string& path, double entries_per_week)
-    : m_record(path), m_entriesPerWeek(entries_per_week)
+Tuner::Tuner(const std::string& path, double entries_per_week,
+             std::optional<std::uint64_t> minimum_minutes)
+    : m_record(path),
+      m_entriesPerWeek(entries_per_week),
+      m_knowsMinutes(minimum_minutes.has_value()),
+      m_minimumMinutes(minimum_minutes.value_or(fc::kDefaultMinDurationMinutes))
 {
 }
 
@@ -122,7 +126,7 @@ bool Tuner::ReadRows(double until)
                 m_isRestart = true;
                 break;
             case RecordReader::Event::kPolicy:
-                m_minimumMinutes = m_record.RecordedPolicy().minimum_minutes;
+                TakePolicy();
                 break;
             case RecordReader::Event::kRow:
                 KeepRow();
@@ -138,12 +142,19 @@ bool Tuner::ReadRows(double until)
     return true;
 }
 
+void Tuner::TakePolicy()
+{
+    const std::uint64_t minutes = m_record.RecordedPolicy().minimum_minutes;
+    if (m_stage == Stage::kFirstHalf && !m_knowsMinutes) m_minimumMinutes = minutes;
+}
+
 void Tuner::KeepRow()
 {
     const Row& row = m_record.CurrentRow();
     for (std::size_t metric = 0; metric < fc::kMetricCount; ++metric) {
         const bool is_usable = row.Knows(metric) && std::isfinite(row.values[metric]);
         m_values[metric].push_back(is_usable ? row.values[metric] : kUnknown);
+        if (is_usable) m_results[metric].sampled_s += m_record.Summary().interval_s;
     }
     if (m_stage != Stage::kFirstHalf) return;
     m_cycles.push_back({row.time_us, row.action, m_isRestart});

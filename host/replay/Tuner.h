@@ -62,13 +62,16 @@ class Tuner {
 public:
     struct MetricResult {
         std::uint64_t count = 0;
+        double sampled_s = 0;  // the sum of the intervals of their cycles
         // From the good to the bad end: 50, 99, 99.9 and 100 % of the values are not worse.
         std::array<double, 4> quantiles{};
         std::optional<double> tightest;  // that the first half supports
     };
 
+    // Without `minimum_minutes`, fail-open lasts as long as the last policy of the first half says.
     // Throws FileError if the file cannot be opened.
-    Tuner(const std::string& path, double entries_per_week);
+    Tuner(const std::string& path, double entries_per_week,
+          std::optional<std::uint64_t> minimum_minutes = std::nullopt);
 
     // Works for some milliseconds, seldom longer than a tenth of a second. Returns false when all
     // is done. Throws as RecordReader::Next does.
@@ -77,13 +80,15 @@ public:
     double Progress() const;
     const RecordSummary& Summary() const { return m_record.Summary(); }
     const RecordSummary& FirstHalf() const { return m_firstHalf; }
-    std::uint64_t EntriesAllowed() const { return m_mostEntries; }  // in the first half
+    std::uint64_t EntriesAllowed() const { return m_mostEntries; }     // in the first half
+    std::uint64_t MinimumMinutes() const { return m_minimumMinutes; }  // of fail-open
     const MetricResult& Result(std::size_t metric) const { return m_results[metric]; }
 
 private:
     enum class Stage { kFirstHalf, kSearch, kSecondHalf, kQuantiles, kDone };
 
     bool ReadRows(double until);
+    void TakePolicy();
     void KeepRow();
     void EndFirstHalf();
     void Search();
@@ -92,7 +97,8 @@ private:
     RecordFollower m_record;
     RecordSummary m_firstHalf;
     double m_entriesPerWeek;
-    std::uint64_t m_minimumMinutes = fc::kDefaultMinDurationMinutes;
+    bool m_knowsMinutes;  // whatever the policies of the record say
+    std::uint64_t m_minimumMinutes;
     std::uint64_t m_mostEntries = 0;
     Stage m_stage = Stage::kFirstHalf;
     bool m_isRestart = false, m_hasEnded = false;

@@ -36,9 +36,9 @@ local SHORTEST_S = 0.9 * 86400
 
 -- Returns the threshold to propose, or false for none, or nil to keep the present one; and why it
 -- is not simply the tightest one.
-local function propose(metric, result, interval_s)
+local function propose(metric, result)
     local most = settings_by_key[metric.setting].max
-    if not result.tightest or result.count * interval_s < SHORTEST_S then
+    if not result.tightest or result.sampled < SHORTEST_S then
         return nil, "not enough values; unchanged"
     elseif result.tightest <= 0 then
         if metric.below then return false, "falls to 0; not judged" end
@@ -59,7 +59,7 @@ function proposal.make(found, present, entries)
     for key, value in pairs(present) do tuning.policy[key] = value end
     for i, metric in ipairs(filter.metrics) do
         local result = found.metrics[metric.name]
-        local threshold, note = propose(metric, result, found.interval)
+        local threshold, note = propose(metric, result)
         if threshold ~= nil then tuning.policy[metric.setting] = threshold or nil end
         tuning.rows[i] = { metric = metric, result = result, note = note,
                            present = present[metric.setting] or metric.default,
@@ -98,20 +98,23 @@ end
 
 -- Adds what the replay of the trials gave: to each row `present_rate`, entries per week with the
 -- present threshold, and `second`, those of the second half with the proposed one, {entries, rate,
--- kept}; to the tuning `whole`, the outcome of the proposed policy, and `confirmed`.
+-- kept}; to the tuning `whole`, the outcome of the proposed policy, and `confirmed`, nil if no
+-- threshold is proposed.
 function proposal.judge(tuning, replayed)
     local second_s = replayed.counted - tuning.found.first_half.counted
-    tuning.whole, tuning.confirmed = replayed.outcomes[#replayed.outcomes], true
+    tuning.whole = replayed.outcomes[#replayed.outcomes]
     tuning.whole.second_rate =
         rate(tuning.whole.entries - tuning.whole.first_entries, second_s)
     for i, row in ipairs(tuning.rows) do
         local present, proposed = replayed.outcomes[2 * i - 1], replayed.outcomes[2 * i]
-        if row.present then row.present_rate = rate(present.entries, replayed.counted) end
+        if row.present and row.result.count > 0 then
+            row.present_rate = rate(present.entries, replayed.counted)
+        end
         if row.proposed then
             local entries = proposed.entries - proposed.first_entries
             row.second = { entries = entries, rate = rate(entries, second_s),
                            kept = entries <= tuning.entries * second_s / WEEK_S }
-            tuning.confirmed = tuning.confirmed and row.second.kept
+            tuning.confirmed = tuning.confirmed ~= false and row.second.kept
         end
     end
 end

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -133,13 +134,17 @@ int MakeReplay(lua_State* L)
     });
 }
 
-// vxa.tune(path, entries_per_week)
+// vxa.tune(path, entries_per_week [, minimum_minutes])
 int MakeTuner(lua_State* L)
 {
     const char* path = CheckPath(L, 1);
     const lua_Number entries = luaL_checknumber(L, 2);
     luaL_argcheck(L, entries >= 0 && entries <= 1e9, 2, "a number from 0 to 1e9 expected");
-    return Push<Tuner>(L, [&] { return std::make_unique<Tuner>(path, entries); });
+    const lua_Number minutes = luaL_optnumber(L, 3, 0);
+    luaL_argcheck(L, minutes >= 0 && minutes <= 60, 3, "a number from 0 to 60 expected");
+    std::optional<std::uint64_t> minimum_minutes;
+    if (!lua_isnoneornil(L, 3)) minimum_minutes = static_cast<std::uint64_t>(minutes);
+    return Push<Tuner>(L, [&] { return std::make_unique<Tuner>(path, entries, minimum_minutes); });
 }
 
 // ---- results ---------------------------------------------------------------------------
@@ -223,6 +228,7 @@ void PushSummary(lua_State* L, const replay::RecordSummary& summary)  // [-0, +1
     SetSeconds(L, "first", summary.first_us);
     SetSeconds(L, "last", summary.last_us);
     SetNumber(L, "interval", summary.interval_s);
+    SetNumber(L, "sampled", summary.sampled_s);
     SetByMetric(L, "missing", summary.missing);
     SetString(L, "heading", summary.heading);
     SetString(L, "policy", summary.settings);
@@ -261,8 +267,9 @@ int ReplayResult(lua_State* L)
 
 void PushMetricResult(lua_State* L, const Tuner::MetricResult& result)  // [-0, +1, m]
 {
-    lua_createtable(L, 0, 3);
+    lua_createtable(L, 0, 4);
     SetCount(L, "count", result.count);
+    SetNumber(L, "sampled", result.sampled_s);
     PushArray(L, result.quantiles, lua_pushnumber);
     lua_setfield(L, -2, "quantiles");
     if (result.tightest) SetNumber(L, "tightest", *result.tightest);
@@ -277,6 +284,7 @@ int TunerResult(lua_State* L)
     PushSummary(L, tuner.FirstHalf());
     lua_setfield(L, -2, "first_half");
     SetCount(L, "allowed", tuner.EntriesAllowed());
+    SetCount(L, "minimum_minutes", tuner.MinimumMinutes());
     lua_createtable(L, 0, fc::kMetricCount);
     for (const auto& metric : replay::kMetrics) {
         PushMetricResult(L, tuner.Result(metric.metric));

@@ -32,14 +32,22 @@ local function define(command)
     option.add_json(command)
 end
 
+local DEFAULT_MINUTES = 30
+
+-- Without `minutes`, the minimum duration of fail-open is that of the record's first half.
+local function find(vxa, options, minutes)
+    local pass, message = vxa.tune(options.record, options.entries, minutes)
+    if not pass then exit.fail(2, "%s", message) end
+    return records.read(vxa, pass)
+end
+
 local SHORTEST_S = 86400
 
 local function check_length(path, found)
     if found.cycles == 0 then exit.fail(2, "%s has no cycles", path) end
-    local seconds = found.cycles * found.interval
-    if seconds >= SHORTEST_S then return end
+    if found.sampled >= SHORTEST_S then return end
     exit.fail(2, "%s has samples of %.1f hours; to find thresholds, at least 24 are needed", path,
-        seconds / 3600)
+        found.sampled / 3600)
 end
 
 -- The settings of the record's last policy. It was in force, so the module accepted it.
@@ -65,11 +73,12 @@ end
 local function run(options)
     local vxa = session.load_host()
     if options.output then new_file.check(vxa, options.output, options.force) end
-    local pass, message = vxa.tune(options.record, options.entries)
-    if not pass then exit.fail(2, "%s", message) end
-    local found = records.read(vxa, pass)
+    local found = find(vxa, options)
     check_length(options.record, found)
-    local tuning = proposal.make(found, present_settings(options.record, found), options.entries)
+    local present = present_settings(options.record, found)
+    local minutes = present.SYS_CONF_MIN_ACT_DURATION or DEFAULT_MINUTES
+    if minutes ~= found.minimum_minutes then found = find(vxa, options, minutes) end
+    local tuning = proposal.make(found, present, options.entries)
     try(vxa, options, tuning)
     write_policy(vxa, options, tuning)
     require(reports[options.json == true])(options, tuning)

@@ -37,7 +37,7 @@ return function(options, tuning)
     json_records.print {
         record = "tuning", entries_per_week = tuning.entries,
         first_half_end = json_records.time(tuning.found.first_half.last),
-        metrics = metrics, confirmed = tuning.confirmed,
+        metrics = metrics, confirmed = or_null(tuning.confirmed),
         policy = json_records.policy(tuning.policy),
         entries = whole.entries, first_half_entries = whole.first_entries,
         second_half_per_week = or_null(whole.second_rate),

@@ -45,7 +45,9 @@ end
 
 local function show_verdict(tuning)
     local whole = tuning.whole
-    if tuning.confirmed then
+    if tuning.confirmed == nil then
+        console.line("No threshold is proposed.")
+    elseif tuning.confirmed then
         console.line("The second half confirms the proposed thresholds.")
     else
         console.line("Not confirmed: in the second half, the metrics marked with ! entered "

@@ -30,7 +30,7 @@ end
 
 testing.write(SCRATCH .. "own.json", [[{"SYS_CONF_CONN_REFUSAL_PORT": 443,
     "SYS_CONF_MIN_ACT_DURATION": 0, "SYS_THR_CONN_REFUSAL_PCT": {"value": 20},
-    "SYS_THR_RUNQ": {"value": 8}, "SYS_THR_FREE_MEM": {"value": 1}}]])
+    "SYS_THR_RUNQ": {"value": 8.000000000000002}, "SYS_THR_FREE_MEM": {"value": 1}}]])
 testing.write(SCRATCH .. "loose.json", '{"SYS_THR_RUNQ": {"value": 200}, "TYPO": 1}')
 testing.write(SCRATCH .. "no_port.json", '{"SYS_THR_CONN_REFUSAL_PCT": {"value": 20}}')
 for _ = 1, 2 do
@@ -40,7 +40,9 @@ end
 -- So that no cycle of a slow machine is more than three intervals late.
 shell "sed -i 's/interval 0.01 s/interval 10 s/' r.csv"
 local REPLAY = "replay r.csv --policy own.json --policy loose.json --policy no_port.json"
-local printed = decode((vxa(REPLAY .. " --json 2>/dev/null")))
+local lines = vxa(REPLAY .. " --json 2>/dev/null")
+equal(select(2, lines:gsub('"fail_open_s":', "")), 4, "each member once")
+local printed = decode(lines)
 local summary, recorded, own, loose, no_port = table.unpack(printed)
 equal({ summary.cycles, summary.starts }, { 120, 2 }, "cycles and starts")
 equal(recorded.entries > 4 and recorded.fail_open_s > 0, true, "entered")
@@ -49,6 +51,7 @@ for _, member in ipairs { "entries", "enforced_s", "fail_open_s", "longest_s" } 
 end
 equal({ own.moments, own.causes }, { recorded.moments, recorded.causes }, "moments and causes")
 equal({ loose.entries, loose.enforced_s }, { 0, summary.seconds }, "always enforced")
+matches(lines, '"threshold":8.000000000000002}', "exact")
 equal(no_port.monitoring, false, "no port")
 
 local text = vxa(REPLAY)
@@ -181,9 +184,12 @@ matches(text, "\nmetric +p50 +p99 .*\n{\n  \"SYS_CONF_CONN_REFUSAL_PORT\": 443,\
 -- ---- what is refused ------------------------------------------------------------------------
 
 shell "head -8000 long.csv >short.csv; head -4 long.csv >empty.csv; echo a,b >foreign.csv"
+shell "cp short.csv slow.csv; head -2 long.csv | sed 's/interval 10/interval 90/' >>slow.csv"
+shell "tail -1 short.csv >>slow.csv"
 shell "mkfifo fifo; truncate -s 1G sparse"
 for _, case in ipairs {
     { "tune short.csv", "short.csv has samples of 22.0 hours; to find thresholds, at least 24" },
+    { "tune slow.csv", "slow.csv has samples of 22.0 hours" },
     { "tune empty.csv", "empty.csv has no cycles" },
     { "tune foreign.csv", "foreign.csv: not a record of vxa run %-%-record" },
     { "replay fifo", "fifo: not a regular file" },
