@@ -44,7 +44,7 @@ function records.summary(path, summary)
         failed = summary.failed, starts = summary.starts, gaps = summary.gaps,
         port = summary.port > 0 and summary.port or json_records.null,
         seconds = json_records.duration(summary.counted),
-        missing = json_records.settings(summary.missing),
+        missing = json_records.object(summary.missing),
     }
 end
 

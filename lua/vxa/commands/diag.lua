@@ -120,9 +120,8 @@ local function judge(writer)
     return 1
 end
 
-local function run(options)
-    new_file.check(session.load_host(), options.archive, options.force)
-    local attached = session.attach(options)
+-- Returns the writer of the package, with everything that it needs.
+local function prepare(attached, options)
     local vxa = attached.vxa
     simulation.show_processors(vxa)
     session.capture_logs(attached, options)
@@ -132,17 +131,29 @@ local function run(options)
     open_document(attached, options)
     writer:open_driver()
     profile_rules(vxa, writer.driver.handle, options.profile)
+    return writer
+end
 
+-- Returns the entries of the package, and the seconds that it took to write it.
+local function write(writer, options)
+    local vxa = writer.vxa
     local started = vxa.clock()
     local list = new_file.write(vxa, options.archive, options.force, "package", function(file)
         local filled, message = writer:fill(file)
         if not filled then return nil, message end
         return vxa.zip_entries(file)
     end)
-    local seconds = vxa.clock() - started
     if writer.driver.handle then writer.driver.handle:close() end
+    return list, vxa.clock() - started
+end
+
+local function run(options)
+    new_file.check(session.load_host(), options.archive, options.force)
+    local attached = session.attach(options)
+    local writer = prepare(attached, options)
+    local list, seconds = write(writer, options)
     attached.messages:show()
-    console.line("vxa %s, engine %s", vxa.version, attached.engine)
+    console.line("vxa %s, engine %s", attached.vxa.version, attached.engine)
     show_entries(writer.added)
     show_problems(with_failed_calls(writer.rows, writer.driver.failures))
     show_events(writer, not attached.document_error and options.state)

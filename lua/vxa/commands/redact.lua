@@ -5,6 +5,7 @@ local json = require "dkjson"
 local console = require "vxa.output.console"
 local exit = require "vxa.exit"
 local format = require "vxa.output.format"
+local json_records = require "vxa.output.json_records"
 local manifest = require "vxa.packages.manifest"
 local new_file = require "vxa.output.new_file"
 local option = require "vxa.options"
@@ -67,9 +68,7 @@ end
 
 -- ---- the manifest -------------------------------------------------------------------------
 
-local function array(list)
-    return setmetatable(list, { __jsontype = "array" })
-end
+local array = json_records.array
 
 local function missing_row(name, reason)
     return { name = name, state = "missing", reason = reason, bytes = json.null,
@@ -193,14 +192,18 @@ local function complain(left_out)
     end
 end
 
-local function run(options)
-    local vxa = session.load_host()
+local function check_names(options)
     if options.archive == options.source then
         exit.fail(2, "%s cannot be both the package and the copy", options.archive)
     end
     if options.map == options.archive or options.map == options.source then
         exit.fail(2, "--map %s is also the name of a package", options.map)
     end
+end
+
+local function run(options)
+    local vxa = session.load_host()
+    check_names(options)
     new_file.check(vxa, options.archive, options.force)
     local found = inspect(vxa, options.source)
     local redaction, message = vxa.redaction(options.map)

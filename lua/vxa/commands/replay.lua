@@ -186,7 +186,7 @@ local function show_json(path, result, outcomes)
             enforced_s = json_records.duration(outcome.enforced),
             fail_open_s = json_records.duration(outcome.fail_open),
             longest_s = json_records.duration(outcome.longest),
-            causes = json_records.settings(outcome.causes),
+            causes = json_records.object(outcome.causes),
             moments = json_moments(outcome.moments),
         }
     end

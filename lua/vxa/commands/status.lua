@@ -143,7 +143,7 @@ local function show_json(status, vxa)
     record.version = vxa.version
     record.monitoring = status.monitoring
     record.policy_source = status.policy.source
-    record.settings = json_records.settings(status.policy.values)
+    record.settings = json_records.object(status.policy.values)
     record.port = status.port or null
     record.direction = status.port and (status.outbound and "outbound" or "inbound") or null
     record.engine = status.engine

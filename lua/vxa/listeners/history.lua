@@ -54,7 +54,7 @@ function History:add_policy(record)
     local policy = self.monitored.policy
     record.policy_source = policy.source
     record.policy_sha256 = self.vxa.sha256(policy_source.effective_text(policy))
-    record.settings = json_records.settings(policy.values)
+    record.settings = json_records.object(policy.values)
     self.policy_sha256 = record.policy_sha256
     return record
 end

@@ -2,8 +2,7 @@
 --
 -- `unknown(member, reason)` is called for each member that cannot be had; the member is null then.
 
-local json = require "dkjson"
-
+local json_records = require "vxa.output.json_records"
 local printable = require "vxa.output.printable"
 
 local facts = {}
@@ -58,7 +57,7 @@ local MOST_STATUS_BYTES = 65536
 
 -- Returns the names of the bits of a hexadecimal number.
 local function capability_names(hexadecimal)
-    local names = setmetatable({}, { __jsontype = "array" })
+    local names = json_records.array {}
     local digits = hexadecimal:reverse()
     for i = 1, #digits do
         local digit = tonumber(digits:sub(i, i), 16)
@@ -83,38 +82,44 @@ end
 
 -- ---- all ----------------------------------------------------------------------------------
 
+-- Each gets `known(member, value, reason)`, which returns the value, or null with a note why.
+
 local LIBRARIES = { "fc.so", "libvxa_core.so", "libvxi.so", "vxa.so" }
+
+local function build_ids(vxa, known)
+    local ids = json_records.object {}
+    for _, name in ipairs(LIBRARIES) do
+        ids[name] = known("build_ids." .. name, vxa.build_id(name),
+            "the library was built without one")
+    end
+    return ids
+end
+
+local function host(vxa, known)
+    local system, release, reason = vxa.uname(), os_release(vxa)
+    local function released(member, name)
+        local value = release[name] and printable(release[name]:sub(1, LONGEST_VALUE))
+        return known("host." .. member, value, reason)
+    end
+    return {
+        name = printable(system.host),
+        kernel = printable(system.system .. " " .. system.release),
+        kernel_build = printable(system.version), architecture = printable(system.machine),
+        distribution = released("distribution", "PRETTY_NAME"),
+        distribution_id = released("distribution_id", "ID"),
+        distribution_version = released("distribution_version", "VERSION_ID"),
+    }
+end
 
 -- Returns the members `build_ids`, `host` and `user` of the manifest.
 function facts.collect(vxa, unknown)
     local function known(member, value, reason)
         if value then return value end
         unknown(member, printable(reason))
-        return json.null
-    end
-
-    local system = vxa.uname()
-    local release, reason = os_release(vxa)
-    local function released(member, name)
-        local value = release[name] and printable(release[name]:sub(1, LONGEST_VALUE))
-        return known("host." .. member, value, reason)
-    end
-
-    local build_ids = setmetatable({}, { __jsontype = "object" })
-    for _, name in ipairs(LIBRARIES) do
-        build_ids[name] = known("build_ids." .. name, vxa.build_id(name),
-            "the library was built without one")
+        return json_records.null
     end
     return {
-        build_ids = build_ids,
-        host = {
-            name = printable(system.host),
-            kernel = printable(system.system .. " " .. system.release),
-            kernel_build = printable(system.version), architecture = printable(system.machine),
-            distribution = released("distribution", "PRETTY_NAME"),
-            distribution_id = released("distribution_id", "ID"),
-            distribution_version = released("distribution_version", "VERSION_ID"),
-        },
+        build_ids = build_ids(vxa, known), host = host(vxa, known),
         user = { uid = vxa.euid(),
                  capabilities = known("user.capabilities", effective_capabilities(vxa)) },
     }

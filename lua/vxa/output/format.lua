@@ -102,7 +102,7 @@ end
 -- Which metrics are over, and since when. The module names at least one unless its messages are
 -- lost.
 function format.crossings(metrics)
-    return #metrics == 0 and "the module does not say why" or each(metrics, crossing)
+    return #metrics == 0 and "the module gives no reason" or each(metrics, crossing)
 end
 
 -- "rqpct 7 is at 88 % of the threshold of 8 processes"

@@ -128,7 +128,7 @@ end
 
 -- Returns a policy, as files have it, with these settings.
 function json_records.policy(values)
-    local policy = json_records.settings(values)
+    local policy = json_records.object(values)
     for _, setting in ipairs(health_policy.settings) do
         local value = policy[setting.key]
         if value and setting.threshold then policy[setting.key] = { value = value } end
@@ -136,8 +136,8 @@ function json_records.policy(values)
     return policy
 end
 
--- Returns a copy of the settings that becomes {} if it is empty.
-function json_records.settings(values)
+-- Returns a copy of a table, which becomes {} if it is empty.
+function json_records.object(values)
     local copy = setmetatable({}, { __jsontype = "object" })
     for key, value in pairs(values) do copy[key] = value end
     return copy

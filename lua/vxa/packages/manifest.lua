@@ -175,7 +175,7 @@ function Check:accepts(entry, row)
     elseif not row.bytes or not row.sha256 then
         self:complain(name, "the manifest has no sum of it: %s", row.state)
     elseif row.bytes ~= entry.bytes then
-        self:complain(name, "it has %.0f bytes, but the manifest says %.14g", entry.bytes,
+        self:complain(name, "it has %.0f bytes, but %.14g in the manifest", entry.bytes,
             row.bytes)
     elseif self.bytes + entry.bytes > MOST_VERIFIED_BYTES then
         self:complain(name, "not checked: the entries in front of it have %.0f bytes", self.bytes)

@@ -65,7 +65,7 @@ end
 -- Returns the policy of a record of `vxa run --state`, which may be anything.
 local function recorded_policy(record)
     local function text(value) return type(value) == "string" and printable(value) or json.null end
-    local settings = json_records.settings {}
+    local settings = json_records.object {}
     for key, value in pairs(type(record.settings) == "table" and record.settings or {}) do
         if type(value) == "number" then settings[key] = value end
     end
@@ -82,7 +82,7 @@ function Writer:policy_member()
     local warnings = array {}
     for i, warning in ipairs(chosen.warnings) do warnings[i] = printable(warning) end
     return { source = printable(chosen.source), warnings = warnings, recorded = json.null,
-             settings = json_records.settings(chosen.values) }
+             settings = json_records.object(chosen.values) }
 end
 
 function Writer:fail_open()

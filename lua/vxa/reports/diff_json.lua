@@ -46,13 +46,13 @@ local function print_change(entry, what, change)
 end
 
 local function print_entry(found)
-    local counts = json_records.settings(found.counts)
+    local counts = json_records.object(found.counts)
     local traffic = found.traffic
     json_records.print {
         record = "entry", entry = text(found.entry), changes = counts,
         lost_in = found.lost and found.lost.side or null,
         reason = text(found.lost and found.lost.reason or found.obstacle),
-        traffic = traffic and json_records.settings(traffic) or null,
+        traffic = traffic and json_records.object(traffic) or null,
         notes = texts(found.notes),
     }
 end

@@ -45,7 +45,7 @@ function Report:start()
     self:print {
         record = "start", time = self:now(), version = monitored.vxa.version,
         engine = monitored.engine, policy_source = monitored.policy.source,
-        settings = json_records.settings(monitored.policy.values),
+        settings = json_records.object(monitored.policy.values),
         interval_s = self.options.interval,
     }
 end
@@ -55,7 +55,7 @@ function Report:reloaded(refusal)
     local in_force = self.monitored.policy
     self:print {
         record = "policy", time = self:now(), policy_source = in_force.source,
-        settings = json_records.settings(in_force.values), error = refusal or json_records.null,
+        settings = json_records.object(in_force.values), error = refusal or json_records.null,
     }
 end
 

@@ -135,7 +135,7 @@ end
 for _, row in ipairs {
     { listing(), 0, "\nsums +1 entry matches the manifest\n" },
     { listing('"bytes":3,"sha256":"x"'), 1, "; 1 does not\nWRONG +a: its SHA%-256 is not" },
-    { listing('"bytes":1e999,' .. SUM), 1, "WRONG +a: it has 3 bytes, but the manifest says inf" },
+    { listing('"bytes":1e999,' .. SUM), 1, "WRONG +a: it has 3 bytes, but inf in the manifest" },
     { listing('"bytes":3'), 1, "WRONG +a: the manifest has no sum" },
     { listing(nil, "b"), 1, "WRONG +a: the manifest does not list it\n +b: the package does not" },
     { listing(nil, "manifest.json"), 1, "WRONG +manifest.json: the manifest lists itself" },
