@@ -14,6 +14,7 @@ namespace {
 
 // Far beyond any row; the errors of a cycle are a few hundred bytes.
 constexpr std::size_t kMostLineBytes = 262144;
+constexpr double kLongestIntervalS = 1e9;  // keeps times in microseconds in range
 constexpr std::string_view kRestart = "# vxa record ";
 constexpr char kColumns[] =
     "time,action,state,port,rqpct,refusalpct,estab,scanmb,frepct,delta_t,errors";
@@ -213,7 +214,8 @@ void RecordReader::ParseHeading()
     std::string_view rest = at == m_text.npos ? "" : m_text.substr(at + kInterval.size());
     const std::size_t unit = rest.find(kUnit);
     const bool ends_in_unit = unit != rest.npos && unit + kUnit.size() == rest.size();
-    if (!ends_in_unit || !Parse(rest.substr(0, unit), &m_intervalS) || !(m_intervalS > 0))
+    if (!ends_in_unit || !Parse(rest.substr(0, unit), &m_intervalS) ||
+        !(m_intervalS > 0 && m_intervalS <= kLongestIntervalS))
         Fail("the heading does not end in ', interval SECONDS s'");
 }
 

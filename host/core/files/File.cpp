@@ -193,7 +193,7 @@ std::optional<File> OpenRegularFile(const FileDescriptor& directory, const std::
     if (const char* reason = exists ? ReasonToRefuse(status) : nullptr) fail(reason);
     if (!file && cause == ENOENT && !(flags & O_CREAT)) return std::nullopt;
     if (!file || !exists) fail(ErrorText(cause));
-    AllowOwner(file.Get(), status);
+    if (flags & O_CREAT) AllowOwner(file.Get(), status);
     return File(std::move(file), path);
 }
 

@@ -72,9 +72,11 @@ void GzipCopy::State::Finish()
     Deflate(Z_FINISH);
     struct stat status;
     if (fstat(source.Descriptor(), &status) == 0) {
-        // Some file systems have no modes, and a user may have left the group.
-        (void)!fchown(target.Descriptor(), static_cast<uid_t>(-1), status.st_gid);
-        (void)fchmod(target.Descriptor(), status.st_mode & 0777);
+        // A user may have left the group: the copy's group is another one then.
+        const bool has_group =
+            fchown(target.Descriptor(), static_cast<uid_t>(-1), status.st_gid) == 0;
+        // Some file systems have no modes.
+        (void)fchmod(target.Descriptor(), status.st_mode & (has_group ? 0777 : 0700));
     }
     target.Publish(Host::IfExists::kReplace);
 }

@@ -11,7 +11,8 @@ namespace VxaCore {
 // Calls throw std::runtime_error with the path and the reason.
 class GzipCopy {
 public:
-    // `source` becomes `path`, with the same mode and, where allowed, the same group.
+    // `source` becomes `path`, with the same mode and group; where the group is not allowed, only
+    // its owner can access it.
     GzipCopy(File source, const std::string& path);
     ~GzipCopy();
     GzipCopy(const GzipCopy&) = delete;

@@ -1,6 +1,7 @@
 // Shell commands that run beside the process: vxa.start_process and its methods.
 #include <signal.h>
 
+#include <cmath>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -66,7 +67,9 @@ void PushResult(lua_State* L, const ChildProcess::Result& result)
 int Wait(lua_State* L)
 {
     const ChildProcess& process = CheckOpen(L);
-    const auto result = process.Wait(luaL_optnumber(L, 2, 0));
+    const lua_Number seconds = luaL_optnumber(L, 2, 0);
+    luaL_argcheck(L, !std::isnan(seconds), 2, "a number of seconds expected");
+    const auto result = process.Wait(seconds);
     if (!result) return 0;
     PushResult(L, *result);
     return 1;

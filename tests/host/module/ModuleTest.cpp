@@ -86,7 +86,20 @@ const std::string kScripts[] = {
     "vxa.parse_json('{\"a\":[1,\"b\"]}', 1, false, {}) vxa.hexdump(vxa.printable('\\0'))",
     "vxa.driver_failures() vxa.replace_file(dir, 'a', true) vxa.remove_file(dir)",
     "vxa.conf_line('A=1', 1) vxa.read_file('/etc/passwd', 1e6) vxa.read_file('/', 1)",
+    "local f = vxa.append_file(dir) f:write('a') f:cut_partial_line() f:head(9) f:size() f:close()",
+    "local f = vxa.rotated_file(dir, '', 1, 1, true) f:write('a') f:write('b') f:compress()",
+    "vxa.start_process(':', '', 1):wait(1) vxa.run_program({ 'false' }, '', vxa.temporary(dir))",
+    "for _, r in ipairs { vxa.chart(record), vxa.replay(record, { { a = 1 } }), "
+    "vxa.tune(record, 1) } do r:read() r:result() end vxa.chart('/no/a')",
+    "local r = vxa.redaction(dir) r:reserve('a') r:mask('::1 b', 'text') r:save()",
+    "local z = vxa.ZipOutputStream(dir) z:add('a', '::1') z:close() z = vxa.ZipOutputStream(record "
+    ".. 2) local r = vxa.redaction() r:survey(dir, 'a', 'json') r:copy(dir, 'a', 'json', z)",
 };
+
+const char kRecord[] =
+    "# vxa record 1\n# version 1, interval 1 s\n# policy {}\n"
+    "time,action,state,port,rqpct,refusalpct,estab,scanmb,frepct,delta_t,errors\n"
+    "2026-01-01 00:00:00.000000,1,Activated,,0.5,,,,50,,\n";
 
 // Runs each script with the first, the second, ... allocation failing, until none fails; returns
 // the number of runs. After each, every function is usable and every lock free.
@@ -101,7 +114,7 @@ int SweepAll()
         for (int failing = 0; !error.empty(); ++failing, ++failures) {
             State state;
             state.Run("dir, events = '" + s_scratch.Path(std::to_string(++run)) + "', '" +
-                      s_scratch.Path("events") + "'");
+                      s_scratch.Path("events") + "' record = events .. '/record.csv'");
             EXPECT_EQ(state.Run(load), "");
             EXPECT_EQ(luaL_loadstring(state.l, script.c_str()), LUA_OK) << script;
             error = state.CallFailing(0, failing);
@@ -119,6 +132,7 @@ TEST(Memory, RunningOutAnywhereLeaksNothing)
 {
     std::filesystem::create_directory(s_scratch.Path("events"));
     WriteText(s_scratch.Path("events/events.jsonl"), "{\"time\":1,\"id\":1,\"text\":\"x\"}\n");
+    WriteText(s_scratch.Path("events/record.csv"), kRecord);
     const std::filesystem::directory_iterator end;
     const auto descriptors =
         std::distance(std::filesystem::directory_iterator("/proc/self/fd"), end);

@@ -77,6 +77,8 @@ TEST(RecordReader, NamesWhatIsWrong)
         {"# vxa record 1", no_record},
         {std::string(1000000, '\0'), no_record},
         {"# vxa record 2\n", "f: line 1: record format '2' is not known"},
+        {"# vxa record 1\n# version 3, interval inf s\n",
+         "f: line 2: the heading does not end in ', interval SECONDS s'"},
         {"# vxa record 1\n# version 3, interval 10\n",
          "f: line 2: the heading does not end in ', interval SECONDS s'"},
         {"# vxa record 1\n\n",
