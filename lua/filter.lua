@@ -353,15 +353,18 @@ function Monitor:note_near(result, rates_are_doubtful)
     local enforces = result.before == filter.DEACTIVATED and self.state == filter.DEACTIVATED
     for i, row in ipairs(result.metrics) do
         if not (rates_are_doubtful and filter.metrics[i].rate) then
-            local history, pressure = self:history_of(row), row.pressure
-            local is_near = pressure and pressure > filter.NEAR
-            if pressure and pressure < filter.NO_LONGER_NEAR then history.near = false end
-            if is_near and enforces and not row.over and not history.near then
-                result.near[#result.near + 1] = row
-            end
-            history.near = history.near or row.over or is_near and enforces
+            self:note_row_near(result, row, enforces)
         end
     end
+end
+
+function Monitor:note_row_near(result, row, enforces)
+    local history, is_near = self:history_of(row), row.pressure and row.pressure > filter.NEAR
+    if row.pressure and row.pressure < filter.NO_LONGER_NEAR then history.near = false end
+    if is_near and enforces and not row.over and not history.near then
+        result.near[#result.near + 1] = row
+    end
+    history.near = history.near or row.over or is_near and enforces
 end
 
 -- ---- the monitor ------------------------------------------------------------------------

@@ -13,10 +13,10 @@ local DEFAULT_SIZE_MIB, DEFAULT_KEPT = 10, 5
 local function define(command)
     command:option("--log", "Append the JSON records of the run to this file."):argname("FILE")
         :convert(option.file_name("--log"))
-    command:option("--log-size", ("Start a new file for --log before it is larger (default %d; "
-        .. "0: never). Older ones are FILE.1.gz and so on."):format(DEFAULT_SIZE_MIB))
+    command:option("--log-size", ("With --log: start a new file when it would exceed this size "
+        .. "(default %d; 0: never). Older ones are FILE.1.gz and so on."):format(DEFAULT_SIZE_MIB))
         :argname("MIB"):convert(option.whole("--log-size", 0, 1048576))
-    command:option("--log-keep", ("Number of older files to keep (default %d).")
+    command:option("--log-keep", ("With --log: number of older files to keep (default %d).")
         :format(DEFAULT_KEPT)):argname("N"):convert(option.whole("--log-keep", 0, 1000))
 end
 

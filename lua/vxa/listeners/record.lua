@@ -13,7 +13,8 @@ local session = require "vxa.session"
 
 local function define(command)
     command:option("--record", "Append a row with all six metrics to this CSV file for each "
-        .. "cycle; vxa plot draws it."):argname("FILE"):convert(option.file_name("--record"))
+        .. "cycle, for vxa plot, replay and tune."):argname("FILE")
+        :convert(option.file_name("--record"))
 end
 
 local MARK = "# vxa record 1\n"

@@ -167,7 +167,8 @@ end
 function Report:show_held(result)
     self:headline("--", "fail-open waits for the next cycle", ": "
         .. format.crossings(result.over))
-    console.line("   these rates span several intervals, as the previous cycle did not read the counters")
+    console.line("   the previous cycle did not read the counters, so these rates span several "
+        .. "intervals")
 end
 
 function Report:cycle(result)
