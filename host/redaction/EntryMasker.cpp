@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <utility>
 
 #include "redaction/Escapes.h"
 
@@ -10,7 +11,8 @@ namespace vxa::redaction {
 
 namespace {
 
-// A longer word is masked in pieces; so is a longer run of spaces.
+// A longer word is masked in pieces, each like a name, because an address could be cut; a longer
+// run of spaces is taken in pieces, too.
 constexpr std::size_t kLongestWord = 65536;
 // How many bytes after a word can decide about it.
 constexpr std::size_t kLookahead = 256;
@@ -204,7 +206,7 @@ bool EntryMasker::Step(std::string& out)
 bool EntryMasker::IsWordAt(std::size_t at) const
 {
     const char c = m_text[at];
-    return IsWordCharacter(c) && (c != ':' || !IsJson() || m_inString);
+    return BeginsInWord(Rest(at)) && (c != ':' || !IsJson() || m_inString);
 }
 
 // ---- separators -------------------------------------------------------------------------
@@ -309,6 +311,7 @@ void EntryMasker::BeginRaw()
 {
     const auto is_expr = [](const Frame& frame) { return !frame.is_object && frame.key == "expr"; };
     const auto found = std::find_if(m_frames.begin(), m_frames.end(), is_expr);
+    m_rawBits = 0;
     m_rawFrames =
         found == m_frames.end() ? 1 : static_cast<std::size_t>(found - m_frames.begin()) + 2;
 }
@@ -340,7 +343,7 @@ EntryMasker::Word EntryMasker::ReadWord() const
         }
         std::string decoded;
         const std::size_t size = DecodeEscape(decoded, Rest(at));
-        if (!IsWordCharacter(decoded[0])) break;
+        if (!BeginsInWord(decoded)) break;
         word.decoded.append(m_text, word.copied + m_at, at - m_at - word.copied);
         word.decoded += decoded;
         at += size;
@@ -355,8 +358,7 @@ EntryMasker::Word EntryMasker::ReadWord() const
 bool EntryMasker::TakeWord(std::string& out)
 {
     const Word word = ReadWord();
-    if (!m_isLast && m_at + word.size + kLookahead > m_text.size() && word.size < kLongestWord)
-        return false;
+    if (!m_isLast && m_at + word.size + kLookahead > m_text.size()) return false;
     if (word.size == 0) {
         std::string decoded;
         const std::size_t size = DecodeEscape(decoded, Rest(m_at));
@@ -369,7 +371,12 @@ bool EntryMasker::TakeWord(std::string& out)
     ++m_lineWords;
     std::string& masked = m_masked;
     masked.clear();
-    AppendWord(masked, text, Rest(m_at + word.size));
+    const std::size_t end = m_at + word.size;
+    const bool is_cut = word.size >= kLongestWord && end < m_text.size() && IsWordAt(end);
+    if (std::exchange(m_wasCut, is_cut) || is_cut)
+        m_pseudonyms.AppendName(masked, text, "name");
+    else
+        AppendWord(masked, text, Rest(m_at + word.size));
     if (m_isKey && m_inString) AddToKey(text);
     const std::size_t before = out.size();
     if (word.is_escaped)
@@ -445,7 +452,10 @@ bool EntryMasker::IsHostName() const
 bool EntryMasker::AppendJsonWord(std::string& out, std::string_view word, std::string_view rest)
 {
     const std::string_view key = Key();
-    if (m_rawFrames > 0 && !m_inString) return m_words.AppendNumber(out, word);
+    if (m_rawFrames > 0 && !m_inString) {
+        if (key == "len") std::from_chars(word.data(), word.data() + word.size(), m_rawBits);
+        return key != "len" && key != "offset" && m_words.AppendNumber(out, word, m_rawBits);
+    }
     if (!m_inString || m_isKey) return false;
     if (m_format == Format::kRules)
         return key == "addr" ? AppendPrefix(out, word, rest)

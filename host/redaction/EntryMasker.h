@@ -76,6 +76,7 @@ private:
     std::size_t m_at = 0;
     bool m_isLast = false;
     std::string m_masked;
+    bool m_wasCut = false;        // the last word was a piece of a longer one
     std::ptrdiff_t m_longer = 0;  // by how much the line is longer than it was
 
     // Of a line of text.
@@ -91,6 +92,7 @@ private:
     std::vector<Frame> m_frames;
     // The number of frames within a statement about bytes at an offset; 0 outside of one.
     std::size_t m_rawFrames = 0;
+    unsigned m_rawBits = 0;    // how many are compared
     std::size_t m_deeper = 0;  // frames beyond those that are kept
     std::string m_rangeEnd;    // what replaces the next word
 };

@@ -45,6 +45,22 @@ Key ReadKey(std::string_view word)
     return key;
 }
 
+bool IsPseudonym(std::string_view text)
+{
+    return std::all_of(text.begin(), text.end(), [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-';
+    });
+}
+
+// The number that a pseudonym ends in; 0 if it has none.
+std::size_t NumberOf(std::string_view pseudonym)
+{
+    std::size_t number = 0;
+    const std::size_t digits = pseudonym.find_last_not_of("0123456789") + 1;
+    std::from_chars(pseudonym.data() + digits, pseudonym.data() + pseudonym.size(), number);
+    return number;
+}
+
 // The first two lines of a map are its heading and its key.
 Key KeyOf(std::string_view text)
 {
@@ -109,6 +125,9 @@ void Pseudonyms::ReadLine(std::string_view line)
     const std::string_view masked = TakeWord(line);
     if (masked.empty() || !line.empty()) throw std::runtime_error("expected KIND ORIGINAL MASKED");
     if (kind == "name") {
+        if (!IsPseudonym(masked))
+            throw std::runtime_error("the pseudonym is not one of this command");
+        m_lastNumber = std::max(m_lastNumber, NumberOf(masked));
         std::string name = Unescape(original);
         m_nameBytes += name.size() + kNameOverhead;
         if (!m_names.try_emplace(std::move(name), Name{std::string(masked)}).second)
@@ -175,7 +194,7 @@ std::string Pseudonyms::NewName(std::string_view name, const char* label)
         AppendNumber(masked += '-', SipHash(m_key, name), 16, 16);
         return masked;
     }
-    masked += std::to_string(m_names.size() + 1);
+    masked += std::to_string(++m_lastNumber);
     m_nameBytes += name.size() + kNameOverhead;
     m_names.try_emplace(std::string(name), Name{masked});
     return masked;

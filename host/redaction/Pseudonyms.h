@@ -76,7 +76,8 @@ private:
     std::size_t m_compacted = 0;
     std::unordered_map<std::string, Name, Hash> m_names;
     std::size_t m_nameBytes = 0;
-    std::size_t m_unlisted = 0;  // names without an entry in m_names
+    std::size_t m_unlisted = 0;    // names without an entry in m_names
+    std::size_t m_lastNumber = 0;  // of a pseudonym
 };
 
 }  // namespace vxa::redaction

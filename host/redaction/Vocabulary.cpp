@@ -49,6 +49,10 @@ constexpr const char* kNftWords = R"(
     prefixlen masq cgroupv2 wildcard transparent statistics in out not and or xor lshift rshift
     raw srcnat dstnat security first last bucket vid pcp dei cfi day_of_week loopback ipv4 ipv6
     ftp tftp sip irc pptp h323 ras q931 amanda snmp sane rtsp netbios-ns
+    nf_proto bitmask integer string ll_addr ether_type arp_op icmp_type icmpv6_type tcp_flag
+    dccp_pkttype mh_type iface_index iface_type realm uid gid ct_state ct_dir ct_status ct_label
+    ct_event pkt_type icmp_code icmpv6_code icmpx_code devgroup fib_addrtype boolean ifname
+    igmp_type cgroupsv2
     lo any all null true false)";
 
 // /etc/os-release, uname(2), paths and the names of capabilities(7).

@@ -26,6 +26,13 @@ bool IsNameCharacter(char c)
            byte < ' ' || byte >= 0x7f;
 }
 
+// Whether the text begins with a character of a name, or one that is written as "%41".
+bool IsInName(std::string_view text)
+{
+    return IsNameCharacter(text[0]) ||
+           (text[0] == '%' && text.size() > 2 && HexValue(text[1]) >= 0 && HexValue(text[2]) >= 0);
+}
+
 std::size_t CountDigits(std::string_view text)
 {
     const auto* const end = std::find_if_not(text.begin(), text.end(), IsDigit);
@@ -103,6 +110,19 @@ bool IsVersion(std::string_view part)
     return is_public && numbers < 4;
 }
 
+// ".arpa", in any case.
+bool HasReverseZone(std::string_view word)
+{
+    constexpr std::string_view kZone = ".arpa";
+    for (auto at = word.find('.'); at != word.npos; at = word.find('.', at + 1)) {
+        const std::string_view label = word.substr(at, kZone.size());
+        if (std::equal(label.begin(), label.end(), kZone.begin(), kZone.end(),
+                       [](char c, char zone) { return (c | 0x20) == (zone | 0x20); }))
+            return true;
+    }
+    return false;
+}
+
 bool HasNameCharacters(std::string_view part)
 {
     return std::any_of(part.begin(), part.end(), [](char c) { return c != '-' && c != '_'; });
@@ -110,10 +130,11 @@ bool HasNameCharacters(std::string_view part)
 
 }  // namespace
 
-bool IsWordCharacter(char c)
+bool BeginsInWord(std::string_view text)
 {
-    return IsNameCharacter(c) ? c != '\t' && c != '\n' && c != '\v' && c != '\f' && c != '\r'
-                              : c == '.' || c == ':' || c == '/' || c == '+';
+    const char c = text[0];
+    return IsInName(text) ? c != '\t' && c != '\n' && c != '\v' && c != '\f' && c != '\r'
+                          : c == '.' || c == ':' || c == '/' || c == '+';
 }
 
 // ---- addresses --------------------------------------------------------------------------
@@ -215,11 +236,13 @@ std::size_t WordMasker::AppendAddressAt(std::string& out, std::string_view word,
     return taken;
 }
 
-bool WordMasker::AppendNumber(std::string& out, std::string_view word)
+bool WordMasker::AppendNumber(std::string& out, std::string_view word, unsigned bits)
 {
     std::uint64_t number = 0;
     const auto read = std::from_chars(word.data(), word.data() + word.size(), number);
     if (read.ec != std::errc() || read.ptr != word.data() + word.size()) return false;
+    const unsigned shift = bits > 16 && bits < 32 && number >> bits == 0 ? 32 - bits : 0;
+    number <<= shift;
     Address address = {number >> 32 == 0   ? Family::kIpv4
                        : number >> 48 == 0 ? Family::kMac
                                            : Family::kEui64,
@@ -227,10 +250,10 @@ bool WordMasker::AppendNumber(std::string& out, std::string_view word)
     const unsigned bytes = address.Width() / 8;
     for (unsigned i = 0; i < bytes; ++i)
         address.bits[i] = static_cast<std::uint8_t>(number >> 8 * (bytes - 1 - i));
-    address = m_pseudonyms.Mask(address);
+    address = shift > 0 ? m_pseudonyms.MaskNetwork(address, bits) : m_pseudonyms.Mask(address);
     number = 0;
     for (unsigned i = 0; i < bytes; ++i) number = number << 8 | address.bits[i];
-    out += std::to_string(number);
+    out += std::to_string(number >> shift);
     return true;
 }
 
@@ -256,7 +279,7 @@ std::size_t WordMasker::AppendPartAt(std::string& out, std::string_view word, st
                                      Place place)
 {
     std::size_t end = at;
-    while (end < word.size() && IsNameCharacter(word[end])) ++end;
+    while (end < word.size() && IsInName(word.substr(end))) ++end;
     std::size_t digits = end;
     while (digits > at && IsDigit(word[digits - 1])) --digits;
     if (digits > at && digits < end && ReadIpv4(word.substr(digits))) end = digits;
@@ -275,7 +298,7 @@ std::size_t WordMasker::AppendPartAt(std::string& out, std::string_view word, st
 
 void WordMasker::Append(std::string& out, std::string_view word, Place place)
 {
-    if (word.size() > 5 && word.find(".arpa") != word.npos) {
+    if (HasReverseZone(word)) {
         m_pseudonyms.AppendName(out, word, place.label);
         return;
     }
@@ -285,7 +308,7 @@ void WordMasker::Append(std::string& out, std::string_view word, Place place)
         at += time;
         if (at == word.size()) return;
         std::size_t taken = AppendAddressAt(out, word, at);
-        if (taken == 0 && IsNameCharacter(word[at])) taken = AppendPartAt(out, word, at, place);
+        if (taken == 0 && IsInName(word.substr(at))) taken = AppendPartAt(out, word, at, place);
         if (taken == 0) out += word[at];
         at += std::max<std::size_t>(taken, 1);
     }

@@ -14,8 +14,9 @@ struct Place {
     bool is_name = false;        // whatever is there is a name; otherwise public words stay
 };
 
-// Whether the character can be part of a word.
-bool IsWordCharacter(char c);
+// Whether the text begins with what can be part of a word: a character, or one that is written as
+// "%41".
+bool BeginsInWord(std::string_view text);
 
 class WordMasker {
 public:
@@ -37,8 +38,9 @@ public:
                      std::string_view word_last);
 
     // Appends a number that can be the bytes of an address, masked as the IPv4 or MAC address
-    // that it would be; false if the word is not such a number.
-    bool AppendNumber(std::string& out, std::string_view word);
+    // that it would be; false if the word is not such a number. If it has 17 to 31 bits, it is
+    // masked as the network that it would be.
+    bool AppendNumber(std::string& out, std::string_view word, unsigned bits);
 
 private:
     struct Ends {

@@ -237,6 +237,7 @@ TEST(Redaction, MasksNamesByTheirPlace)
         {Format::kJson, R"({"time_zone":"CET","build_ids":{"vxa.so":"0a0b"},"alice":"0a0b"})",
          R"({"time_zone":"CET","build_ids":{"vxa.so":"0a0b"},"name1":"name2"})"},
         {Format::kText, "8.b.d.0.1.0.0.2.ip6.arpa 0.b.d.8", "name1 0.b.d.8"},
+        {Format::kText, "0.2.1.10.IN-ADDR.ARPA 10%2e1%2E2%2e3 %31%30 5 %", "name1 name2 name3 5 %"},
         {Format::kRules,
          R"({"table": {"name": "state"}}, {"chain": {"table": "state", "name": "log"}},)"
          R"({"rule": {"comment": "drop state for Bob", "expr": [{"match": {"right": "@log"}}]}})",
@@ -252,21 +253,25 @@ TEST(Redaction, NetworksAndRangesStaySuch)
     const auto mask = [&](const std::string& text, Format format = Format::kText) {
         return Mask(pseudonyms, text, format);
     };
+    const auto number_of = [](const std::string& text) { return ntohl(inet_addr(text.c_str())); };
     const std::string network = mask("203.0.113.16/28"), range = mask("203.0.113.16-203.0.113.31");
     const std::string first = network.substr(0, network.find('/'));
     const std::string last = range.substr(range.find('-') + 1);
     EXPECT_EQ(first + "-" + last, range);
-    EXPECT_EQ(ntohl(inet_addr(first.c_str())) + 15, ntohl(inet_addr(last.c_str())));
+    EXPECT_EQ(number_of(first) + 15, number_of(last));
     EXPECT_EQ(R"({"range": [")" + first + R"(", ")" + last + R"("]})",
               mask(R"({"range": ["203.0.113.16", "203.0.113.31"]})", Format::kRules));
     EXPECT_EQ(R"({"prefix": {"addr": ")" + first + R"(", "len": 28}})",
               mask(R"({"prefix": {"addr": "203.0.113.16", "len": 28}})", Format::kRules));
     const std::string other = mask("10.1.2.3-10.1.2.77");
-    EXPECT_LT(ntohl(inet_addr(other.substr(0, other.find('-')).c_str())),
-              ntohl(inet_addr(other.substr(other.find('-') + 1).c_str())));
+    EXPECT_LT(number_of(other.substr(0, other.find('-'))),
+              number_of(other.substr(other.find('-') + 1)));
+    const std::string bits = R"({"expr": [{"payload": {"base": "nh", "len": 28}, "right": )";
+    EXPECT_EQ(bits + std::to_string(number_of(first) >> 4),
+              mask(bits + "212862737", Format::kRules));
     // Bytes compared at an offset are the address that they would be.
     const std::string address = mask("203.0.113.77");
-    const std::string number = std::to_string(ntohl(inet_addr(address.c_str())));
+    const std::string number = std::to_string(number_of(address));
     const std::string raw =
         R"({"expr": [{"match": {"left": {"&": [{"payload": {"base": "nh"}}, 1]}, )";
     EXPECT_EQ(raw + R"("right": )" + number + R"(}}, {"counter": {"bytes": 3405803853}}]})",
@@ -285,7 +290,7 @@ TEST(Redaction, RefusesDamagedMaps)
     const std::string key = map.substr(0, map.find('\n', map.find("key ")) + 1);
     for (const std::string& damaged :
          {std::string(), std::string("PK"), map.substr(0, 60), key + "name alice",
-          key + "name a b\nname a c", key + "address 10.1.2 1.2.3.4",
+          key + "name a b\nname a c", key + "name a \"b", key + "address 10.1.2 1.2.3.4",
           key + "address 10.0.0.0/33 1.2.3.4", key + "address 10.0.0.0/8x 1.2.3.4"})
         EXPECT_THROW(Pseudonyms{damaged}, std::runtime_error) << damaged;
 }
