@@ -93,7 +93,8 @@ end
 -- to be written first.
 local function open(monitored, options)
     local path = options.record
-    local file = check(monitored.vxa.append_file(path))
+    local file, message = monitored.vxa.append_file(path)
+    if not file then exit.fail(2, "%s", message) end
     check_mark(check(file:head(HEAD_BYTES)), path)
     local removed = check(file:cut_partial_line())
     if removed > 0 then

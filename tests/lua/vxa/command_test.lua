@@ -106,7 +106,7 @@ for _, row in ipairs {
     { "diag a.zip", 1, "cannot write a.zip: File too large",
       "VXI_SIM=flows=3000 env --ignore-signal=XFSZ prlimit --fsize=8192" },
     { "run --record other.zip", 2, "other.zip exists and is not a record of vxa" },
-    { "run --record fifo", 1, "cannot write fifo: it is not a regular file" },
+    { "run --record fifo", 2, "cannot write fifo: it is not a regular file" },
     { "run --observe", 2, "%-%-observe needs %-%-record or %-%-metrics" },
     { "run --observe --record r --policy runq.json", 2, "leave out %-%-policy" },
     { "plot fifo -o a.svg", 2, "fifo: not a regular file" },
