@@ -200,11 +200,15 @@ std::string Pseudonyms::NewName(std::string_view name, const char* label)
     return masked;
 }
 
+std::string Pseudonyms::MaskName(std::string_view name, const char* label)
+{
+    const auto found = m_names.find(std::string(name));
+    return found != m_names.end() ? found->second.masked : NewName(name, label);
+}
+
 void Pseudonyms::AppendName(std::string& out, std::string_view name, const char* label)
 {
-    if (m_collects) return;
-    const auto found = m_names.find(std::string(name));
-    out += found != m_names.end() ? found->second.masked : NewName(name, label);
+    if (!m_collects) out += MaskName(name, label);
 }
 
 void Pseudonyms::ReserveHost(std::string_view name)
@@ -215,8 +219,7 @@ void Pseudonyms::ReserveHost(std::string_view name)
         name.remove_prefix(std::min(part.size() + 1, name.size()));
         const bool is_top = has_domain && name.empty();
         if (part.empty() || part == "localhost" || (is_top && IsPublicWord(part))) continue;
-        std::string masked;
-        AppendName(masked, part, "host");
+        (void)MaskName(part, "host");
         const auto found = m_names.find(part);
         if (found != m_names.end()) found->second.is_reserved = true;
     }

@@ -64,6 +64,7 @@ private:
     void Compact();
     void ReadLine(std::string_view line);
     std::string Head() const;
+    std::string MaskName(std::string_view name, const char* label);
     std::string NewName(std::string_view name, const char* label);
 
     Key m_key;

@@ -202,6 +202,21 @@ void ReadMasked(Redaction& redaction, const char* path, std::string_view name, F
     throw std::runtime_error(std::string(path) + ": has no entry " + std::string(name));
 }
 
+// Collects networks while it lives. Nothing is masked meanwhile, so it must not outlive a failure.
+class Collection {
+public:
+    explicit Collection(Pseudonyms& pseudonyms) : m_pseudonyms(pseudonyms)
+    {
+        m_pseudonyms.CollectNetworks(true);
+    }
+    ~Collection() { m_pseudonyms.CollectNetworks(false); }
+    Collection(const Collection&) = delete;
+    Collection& operator=(const Collection&) = delete;
+
+private:
+    Pseudonyms& m_pseudonyms;
+};
+
 // survey(path, name, format): finds the networks in an entry, before any is copied.
 int Survey(lua_State* L)
 {
@@ -211,13 +226,12 @@ int Survey(lua_State* L)
     const Format format = CheckFormat(L, 4);
     return PushSuccess(L, [&] {
         if (!redaction.pseudonyms->CanPin()) return;
-        redaction.pseudonyms->CollectNetworks(true);
+        const Collection collection(*redaction.pseudonyms);
         ReadMasked(redaction, path, name, format, [](MaskedEntry& masked) {
             std::vector<char> chunk(kChunkBytes);
             while (masked.Read(chunk.data(), chunk.size()).LastRead() > 0) {
             }
         });
-        redaction.pseudonyms->CollectNetworks(false);
     });
 }
 

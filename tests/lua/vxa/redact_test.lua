@@ -223,4 +223,8 @@ for _, row in ipairs {
     equal(vxa.file_kind(SCRATCH .. "n.zip"), "none", row[1])
 end
 
+local redaction = vxa.redaction()
+equal(redaction:survey(SCRATCH .. "no.zip", "a", "text"), nil, "survey of nothing")
+equal(redaction:mask("secret", "text"), "name1", "masking after a failed survey")
+
 testing.finish()
