@@ -19,6 +19,7 @@ void OpenCharts(lua_State* L);          // chart and its methods
 void OpenChildProcesses(lua_State* L);  // start_process and its methods
 void OpenDocuments(lua_State* L);       // Dom and its methods
 void OpenDriverHandles(lua_State* L);   // open and the handle's methods, driver_failures
+void OpenRedactions(lua_State* L);      // redaction and its methods
 void OpenReplays(lua_State* L);         // replay, tune and their methods
 void OpenRotatedFiles(lua_State* L);    // rotated_file and its methods
 void OpenTemporaryFiles(lua_State* L);  // temporary and its methods
@@ -29,7 +30,6 @@ void OpenFiles(lua_State* L);            // mkdir, file_kind, read_file, replace
 void OpenJsonValues(lua_State* L);       // parse_json
 void OpenLogs(lua_State* L);             // trace, verbose, log_to, capture, captured
 void OpenPrograms(lua_State* L);         // run_program
-void OpenRedaction(lua_State* L);        // redaction and its methods
 void OpenSignals(lua_State* L);          // sleep, catch_signals, interrupted, reloads
 void OpenSimulatedMemory(lua_State* L);  // simulate_memory
 void OpenSystem(lua_State* L);           // clock, time, setenv, isatty, uname, build_id, ...

@@ -56,7 +56,7 @@ int OpenModule(lua_State* L)
     OpenJsonValues(L);
     OpenLogs(L);
     OpenPrograms(L);
-    OpenRedaction(L);
+    OpenRedactions(L);
     OpenSignals(L);
     OpenSimulatedMemory(L);
     OpenSystem(L);

@@ -8,10 +8,10 @@
 
 namespace vxa::redaction {
 
-// Returns the text of the file, nullopt if there is none. What a map says becomes the masking, and
-// whoever can read it can undo that: so it must be a regular file of the caller's, with one link,
-// that is not a symbolic link and that nobody else can access. Throws std::runtime_error with the
-// path and the reason.
+// Returns the content of the file, nullopt if there is none. Anyone who can write a map decides
+// about the masking, and anyone who can read it can undo that. So it must be a regular file that
+// the caller owns, with one link, not a symbolic link, and no other user may have access. Throws
+// std::runtime_error with the path and the reason.
 std::optional<std::string> ReadMapFile(const std::string& path);
 
 // Writes the map to the file with mode 0600, whole or not at all. With `replace` it replaces a

@@ -79,7 +79,7 @@ struct RecordSummary {
     std::string heading, settings;  // of the last run, as in the file
 };
 
-// Follows the rows of a record: its runs, and the time that each row stands for.
+// Follows the rows of a record: its runs, and the time from one row to the next.
 class RecordFollower {
 public:
     explicit RecordFollower(const std::string& path) : m_reader(path) {}

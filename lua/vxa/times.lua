@@ -28,7 +28,7 @@ function times.utc(text)
     return os.date("!%Y-%m-%d %H:%M:%S", time) == padded and time or nil
 end
 
--- Returns the seconds that "Z" or an offset from UTC such as "+01:00" stands for, or nil.
+-- Returns the seconds that "Z" or an offset from UTC such as "+01:00" means, or nil.
 local function offset_s(zone)
     if zone == "Z" then return 0 end
     local sign, hours, minutes = zone:match("^([+-])(%d%d):(%d%d)$")

@@ -16,7 +16,7 @@ local function set_of(...)
     return set
 end
 
--- Members that change although nobody has changed the ruleset, by what contains them.
+-- Members that change without a change of the ruleset, by what contains them.
 local volatile = { counter = set_of("packets", "bytes"), quota = set_of("used", "used_unit"),
                    last = set_of("used"), elem = set_of "expires" }
 

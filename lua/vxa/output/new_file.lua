@@ -21,8 +21,8 @@ end
 
 -- Calls `build` with a file from vxa.temporary and publishes it if that returns a true value, which
 -- is then returned. On any error (`build` raises one or returns nil and a message, or a signal
--- arrives) nothing is left behind. `what` is not written then. Do not write to the standard
--- streams meanwhile: on EPIPE the command ends at once.
+-- arrives) nothing is left behind. `what` is the noun for the message about a signal. `build` must
+-- not write to the standard streams: on EPIPE the command ends at once.
 function new_file.write(vxa, path, force, what, build)
     local file, message = vxa.temporary(path)
     if not file then exit.fail(1, "%s", message) end

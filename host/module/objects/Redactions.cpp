@@ -303,7 +303,7 @@ constexpr luaL_Reg kMethods[] = {
 
 }  // namespace
 
-void OpenRedaction(lua_State* L)
+void OpenRedactions(lua_State* L)
 {
     RegisterHolder<std::string>(L);
     RegisterClass(L, kType, kMethods, Destroy);
