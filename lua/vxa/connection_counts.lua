@@ -5,6 +5,7 @@
 --
 -- holds at every moment, also after a run was killed: then all of them have the values last saved.
 
+local complete_lines = require "vxa.complete_lines"
 local filter = require "filter"
 
 local connection_counts = {}
@@ -155,7 +156,7 @@ end
 -- Returns the counts of the text, or nil if it is not a complete file of this format.
 local function decode(text)
     local counts, lines = new(), {}
-    for line in text:gmatch("([^\n]*)\n") do lines[#lines + 1] = line end
+    for line in complete_lines(text) do lines[#lines + 1] = line end
     if lines[1] ~= HEADING or lines[#lines] ~= ENDING then return nil end
     for i = 2, #lines - 1 do
         local word, rest = lines[i]:match("^(%l+) (.*)$")

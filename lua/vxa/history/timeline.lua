@@ -61,7 +61,7 @@ end
 
 function handlers.left(self, record)
     self:close(record.at)
-    self:end_stretch(record.at, "left", tonumber(record.seconds))
+    self:end_stretch(record.at, "left", record.seconds)
     self:open(record.at, "enforced")
 end
 

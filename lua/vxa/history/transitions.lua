@@ -2,6 +2,7 @@
 
 local json = require "dkjson"
 
+local complete_lines = require "vxa.complete_lines"
 local filter = require "filter"
 local times = require "vxa.times"
 
@@ -50,6 +51,12 @@ local time_members = { "from", "found", "started", "fail_open_until" }
 local kinds = { started = {}, policy = {}, entered = {}, left = {}, ended = {}, lost = {},
                 jump = { "from" }, running = { "started" } }
 
+local MOST_SECONDS = 1e10  -- centuries
+
+local function is_duration(value)
+    return type(value) == "number" and value >= 0 and value <= MOST_SECONDS
+end
+
 -- Returns the record of a line with its times in seconds (`at` is that of `time`), or nil if it is
 -- not one.
 local function parse(vxa, line)
@@ -66,6 +73,7 @@ local function parse(vxa, line)
     for _, name in ipairs(needed) do
         if not record[name] then return nil end
     end
+    if not is_duration(record.seconds) then record.seconds = nil end
     if type(record.policy_sha256) ~= "string" then record.policy_sha256 = nil end
     if record.record == "entered" then record.causes = valid_causes(record.causes, record.at) end
     return record
@@ -76,7 +84,7 @@ end
 -- Adds the records of a file. A last line without line feed is being written or was cut short.
 local function read_lines(vxa, path, text, list, check)
     local number = 0
-    for line, next_at in text:gmatch("([^\n]*)\n()") do
+    for line, next_at in complete_lines(text) do
         number = number + 1
         if number % 1000 == 0 then check(next_at - 1, #text) end
         local record = parse(vxa, line)

@@ -9,6 +9,7 @@ local json_text = require "vxa.output.json_text"
 
 local json_records = {}
 
+-- Each once: dkjson would write a member as often as its name is here.
 local KEY_ORDER = {
     "record", "time", "day", "since", "until",
     "version", "engine", "monitoring", "policy_source", "settings",
@@ -38,6 +39,12 @@ local KEY_ORDER = {
     "confirmed", "note", "policy",
 }
 for _, setting in ipairs(health_policy.settings) do KEY_ORDER[#KEY_ORDER + 1] = setting.key end
+
+local listed = {}
+for _, name in ipairs(KEY_ORDER) do
+    assert(not listed[name], name)
+    listed[name] = true
+end
 
 json_records.null = json.null
 

@@ -3,6 +3,7 @@
 
 local json = require "dkjson"
 
+local complete_lines = require "vxa.complete_lines"
 local printable = require "vxa.output.printable"
 
 local state_files = { FAIL_OPEN_KEY = "vxp.filter.FailOpenState" }
@@ -107,7 +108,7 @@ local kinds = { started = "policy", policy = "policy", entered = "transition", l
 -- and `policy`, the record of the policy in force if the run has not ended.
 function state_files.summary(vxa, entries)
     local last = {}
-    for line in (entries[1].text or ""):gmatch("([^\n]*)\n") do
+    for line in complete_lines(entries[1].text or "") do
         local kind = kinds[line:match('^{"record":"(%l+)"')]
         if kind then last[kind] = line end
         if kind == "end" then last.policy = nil end
