@@ -14,6 +14,7 @@ namespace {
 constexpr std::int64_t kFirstWidthUs = 1000;
 constexpr std::int64_t kIntervalsInGap = 3;
 constexpr std::size_t kMostPolicies = 1000;
+constexpr std::size_t kMostPeriods = 2 * Bins::kCount;
 // Beyond any real value: the interval after the clock was set back.
 constexpr double kMostShown = 1e12;
 
@@ -199,15 +200,26 @@ void Chart::AddTime(std::int64_t us)
     if (m_previous->activated) m_failOpenUs += static_cast<std::uint64_t>(us);
 }
 
-// Joins stretches that are closer to each other than a bin is wide: there are never many.
+// Joins periods that are closer to each other than a bin is wide. In the order of time, that leaves
+// hardly more than there are bins; a clock that was set back breaks the order.
 void Chart::Shade(std::int64_t from_us, std::int64_t to_us)
 {
-    const bool is_close = !m_failOpen.empty() && from_us >= m_failOpen.back().from_us &&
-                          from_us <= m_failOpen.back().to_us + m_bins.WidthUs();
+    AddPeriod({from_us, to_us});
+    if (m_failOpen.size() <= kMostPeriods) return;
+    std::vector<Period> all = std::exchange(m_failOpen, {});
+    std::sort(all.begin(), all.end(),
+              [](const Period& a, const Period& b) { return a.from_us < b.from_us; });
+    for (const Period& period : all) AddPeriod(period);
+}
+
+void Chart::AddPeriod(const Period& period)
+{
+    const bool is_close = !m_failOpen.empty() && period.from_us >= m_failOpen.back().from_us &&
+                          period.from_us <= m_failOpen.back().to_us + m_bins.WidthUs();
     if (is_close)
-        m_failOpen.back().to_us = std::max(m_failOpen.back().to_us, to_us);
+        m_failOpen.back().to_us = std::max(m_failOpen.back().to_us, period.to_us);
     else
-        m_failOpen.push_back({from_us, to_us});
+        m_failOpen.push_back(period);
 }
 
 // ---- lines -----------------------------------------------------------------------------

@@ -107,6 +107,7 @@ private:
     void AddValues(const Row& row, std::int64_t time_us);
     void AddTime(std::int64_t us);
     void Shade(std::int64_t from_us, std::int64_t to_us);
+    void AddPeriod(const Period& period);
     void EndRun();
     bool IsGap(std::int64_t from_us, std::int64_t to_us) const;
     bool IsBroken(const BinnedValues& before, const BinnedValues& after) const;

@@ -140,9 +140,9 @@ Replay::Replay(const std::string& path, const std::vector<Policy>& policies,
     m_trackers.resize(policies.size());
 }
 
-bool Replay::Read(std::size_t rows)
+bool Replay::Read(std::size_t events)
 {
-    while (rows > 0) {
+    for (; events > 0; --events) {
         switch (m_record.Next()) {
             case RecordReader::Event::kRestart:
                 Restart();
@@ -152,7 +152,6 @@ bool Replay::Read(std::size_t rows)
                 break;
             case RecordReader::Event::kRow:
                 ReplayRow();
-                --rows;
                 break;
             case RecordReader::Event::kEnd:
                 return false;

@@ -110,9 +110,9 @@ public:
     Replay(const std::string& path, const std::vector<Policy>& policies,
            std::uint64_t first_cycles = 0);
 
-    // Reads on, at most `rows` rows. Returns false at the end of the record. Throws as
-    // RecordReader::Next does.
-    bool Read(std::size_t rows);
+    // Reads on, at most as many events (RecordReader::Event). Returns false at the end of the
+    // record. Throws as RecordReader::Next does.
+    bool Read(std::size_t events);
 
     double Progress() const { return m_record.Progress(); }
     const RecordSummary& Summary() const { return m_record.Summary(); }

@@ -10,7 +10,7 @@ namespace replay {
 
 namespace {
 
-constexpr int kRowsPerStep = 10000;
+constexpr int kEventsPerStep = 10000;
 constexpr double kUnknown = std::numeric_limits<double>::quiet_NaN();
 
 bool IsLower(const MetricNames& metric)
@@ -119,7 +119,7 @@ bool Tuner::Step()
 // Reads on. Returns false at this share of the file, or its end.
 bool Tuner::ReadRows(double until)
 {
-    for (int rows = 0; rows < kRowsPerStep;) {
+    for (int events = 0; events < kEventsPerStep; ++events) {
         if (m_hasEnded || m_record.Progress() >= until) return false;
         switch (m_record.Next()) {
             case RecordReader::Event::kRestart:
@@ -130,7 +130,6 @@ bool Tuner::ReadRows(double until)
                 break;
             case RecordReader::Event::kRow:
                 KeepRow();
-                ++rows;
                 break;
             case RecordReader::Event::kEnd:
                 m_hasEnded = true;

@@ -34,8 +34,8 @@ constexpr char kType<Replay>[] = "vxa_replay_t*";
 template <>
 constexpr char kType<Tuner>[] = "vxa_tuner_t*";
 
-// Rows that one call reads: some milliseconds.
-constexpr std::size_t kRowsPerCall = 10000;
+// What one call reads: some milliseconds.
+constexpr std::size_t kEventsPerCall = 10000;
 constexpr lua_Number kUsPerSecond = 1e6;
 
 // Returns argument 1; else raises an argument error. [-0, +0, v]
@@ -239,7 +239,7 @@ void PushSummary(lua_State* L, const replay::RecordSummary& summary)  // [-0, +1
 // read(): how much is done, 1 at the end; or nil and a message.
 int ReadReplay(lua_State* L)
 {
-    return Continue<Replay>(L, [](Replay& replay) { return replay.Read(kRowsPerCall); });
+    return Continue<Replay>(L, [](Replay& replay) { return replay.Read(kEventsPerCall); });
 }
 
 int ReadTuner(lua_State* L)
