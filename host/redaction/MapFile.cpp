@@ -28,6 +28,7 @@ const char* ReasonToRefuse(const struct stat& status)
     if (!S_ISREG(status.st_mode)) return "is not a regular file";
     if (status.st_uid != geteuid()) return "belongs to another user";
     if (status.st_nlink != 1) return "has more than one link";
+    if (status.st_size > static_cast<off_t>(kLargestMap)) return "is larger than 1 GiB";
     if (status.st_mode & (S_IRWXG | S_IRWXO)) return "can be accessed by other users (chmod 600)";
     return nullptr;
 }

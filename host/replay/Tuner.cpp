@@ -53,6 +53,11 @@ std::optional<double> ThresholdSearch::Tightest() const
     return m_candidates.empty() ? std::nullopt : std::optional(m_candidates[m_low]);
 }
 
+std::optional<double> ThresholdSearch::Loosest() const
+{
+    return m_candidates.empty() ? std::nullopt : std::optional(m_candidates.back());
+}
+
 // Whether fail-open is entered no more often than allowed.
 bool ThresholdSearch::StaysWithin(double threshold) const
 {
@@ -178,6 +183,7 @@ void Tuner::Search()
                                                      m_mostEntries);
     if (m_search->Step()) return;
     m_results[m_metric].tightest = m_search->Tightest();
+    m_results[m_metric].loosest = m_search->Loosest();
     m_search.reset();
     if (++m_metric < fc::kMetricCount) return;
     m_metric = 0;

@@ -45,6 +45,8 @@ public:
 
     // Without one there are no values.
     std::optional<double> Tightest() const;
+    // The threshold that no value is beyond.
+    std::optional<double> Loosest() const;
 
 private:
     bool StaysWithin(double threshold) const;
@@ -66,6 +68,7 @@ public:
         // From the good to the bad end: 50, 99, 99.9 and 100 % of the values are not worse.
         std::array<double, 4> quantiles{};
         std::optional<double> tightest;  // that the first half supports
+        std::optional<double> loosest;   // the worst value of the first half
     };
 
     // Without `minimum_minutes`, fail-open lasts as long as the last policy of the first half says.

@@ -42,6 +42,7 @@ local function propose(metric, result)
         return nil, "not enough values; unchanged"
     elseif result.tightest <= 0 then
         if metric.below then return false, "falls to 0; not judged" end
+        if result.loosest > 0 then return finest[metric.name] end
         return nil, "always 0 in the first half; unchanged"
     end
     local rounded = proposal.round(result.tightest, metric)

@@ -1,10 +1,12 @@
-// Files that may belong to other users: vxa.mkdir, vxa.file_kind, vxa.read_file, vxa.read_tail,
-// vxa.replace_file, vxa.remove_file; and the lines of the settings file: vxa.conf_line.
+// Files that may belong to other users: vxa.mkdir, vxa.file_kind, vxa.same_file, vxa.read_file,
+// vxa.read_tail, vxa.replace_file, vxa.remove_file; and the lines of the settings file:
+// vxa.conf_line.
 #include <errno.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -32,6 +34,22 @@ int FileKind(lua_State* L)
     const char* kind = nullptr;
     if (!SucceedsOrPushError(L, [&] { kind = VxaCore::Host::FileKind(path); })) return 2;
     lua_pushstring(L, kind);
+    return 1;
+}
+
+// Without links and dots; of a file that does not exist, the name that it would have.
+std::filesystem::path FullName(const char* path)
+{
+    return std::filesystem::weakly_canonical(std::filesystem::absolute(path));
+}
+
+int IsSameFile(lua_State* L)
+{
+    const char* path = CheckPath(L, 1);
+    const char* other = CheckPath(L, 2);
+    bool is_same = false;
+    if (!SucceedsOrPushError(L, [&] { is_same = FullName(path) == FullName(other); })) return 2;
+    lua_pushboolean(L, is_same ? 1 : 0);
     return 1;
 }
 
@@ -147,10 +165,9 @@ int ConfLine(lua_State* L)
 }
 
 constexpr luaL_Reg kFunctions[] = {
-    {"mkdir", MakeDirectory},      {"file_kind", FileKind},
-    {"read_file", ReadFile},       {"read_tail", ReadTail},
-    {"replace_file", ReplaceFile}, {"remove_file", RemoveFile},
-    {"conf_line", ConfLine},       {nullptr, nullptr},
+    {"mkdir", MakeDirectory},    {"file_kind", FileKind}, {"same_file", IsSameFile},
+    {"read_file", ReadFile},     {"read_tail", ReadTail}, {"replace_file", ReplaceFile},
+    {"remove_file", RemoveFile}, {"conf_line", ConfLine}, {nullptr, nullptr},
 };
 
 }  // namespace

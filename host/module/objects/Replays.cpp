@@ -267,12 +267,13 @@ int ReplayResult(lua_State* L)
 
 void PushMetricResult(lua_State* L, const Tuner::MetricResult& result)  // [-0, +1, m]
 {
-    lua_createtable(L, 0, 4);
+    lua_createtable(L, 0, 5);
     SetCount(L, "count", result.count);
     SetNumber(L, "sampled", result.sampled_s);
     PushArray(L, result.quantiles, lua_pushnumber);
     lua_setfield(L, -2, "quantiles");
     if (result.tightest) SetNumber(L, "tightest", *result.tightest);
+    if (result.loosest) SetNumber(L, "loosest", *result.loosest);
 }
 
 // tuner:result(): the record's summary, that of its first half as "first", what was found by

@@ -58,7 +58,7 @@ end
 
 local function run(options)
     local vxa = session.load_host()
-    new_file.check(vxa, options.picture, options.force)
+    new_file.check(vxa, options.picture, options.force, options.record)
     local policy = options.policy and policy_source.read(vxa, options.policy)
     local chart = read_chart(vxa, options, policy)
     if not next(chart.metrics) then exit.fail(2, "%s has no values to draw", options.record) end

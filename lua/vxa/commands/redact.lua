@@ -192,19 +192,18 @@ local function complain(left_out)
     end
 end
 
-local function check_names(options)
-    if options.archive == options.source then
-        exit.fail(2, "%s cannot be both the package and the copy", options.archive)
-    end
-    if options.map == options.archive or options.map == options.source then
-        exit.fail(2, "--map %s is also the name of a package", options.map)
+local function check_names(vxa, options)
+    new_file.check(vxa, options.archive, options.force, options.source)
+    for _, package in ipairs { options.archive, options.source } do
+        if options.map and vxa.same_file(options.map, package) then
+            exit.fail(2, "--map %s is also the name of a package", options.map)
+        end
     end
 end
 
 local function run(options)
     local vxa = session.load_host()
-    check_names(options)
-    new_file.check(vxa, options.archive, options.force)
+    check_names(vxa, options)
     local found = inspect(vxa, options.source)
     local redaction, message = vxa.redaction(options.map)
     if not redaction then exit.fail(2, "%s", message) end

@@ -72,7 +72,9 @@ end
 
 local function run(options)
     local vxa = session.load_host()
-    if options.output then new_file.check(vxa, options.output, options.force) end
+    if options.output then
+        new_file.check(vxa, options.output, options.force, options.record)
+    end
     local found = find(vxa, options)
     check_length(options.record, found)
     local present = present_settings(options.record, found)

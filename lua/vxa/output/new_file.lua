@@ -8,8 +8,11 @@ local not_replaced = { directory = "a directory", link = "a symbolic link",
                        other = "not a regular file" }
 
 -- Fails unless the file may be written. Only a regular file may be replaced: renaming over a device
--- would remove it for everyone.
-function new_file.check(vxa, path, force)
+-- would remove it for everyone. `source`: a file that is read to make it, which is not replaced.
+function new_file.check(vxa, path, force, source)
+    if source and vxa.same_file(path, source) then
+        exit.fail(2, "%s is the file that is read and is not replaced", path)
+    end
     local kind, message = vxa.file_kind(path)
     if not kind then exit.fail(1, "cannot write %s", message) end
     if kind == "none" then return end

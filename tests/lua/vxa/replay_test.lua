@@ -177,6 +177,8 @@ local _, status = vxa "run --policy found.json --cycles 1"
 equal(status, 0, "the policy is accepted")
 equal(decode((vxa "replay long.csv --policy found.json --json"))[3].entries, tuned.entries, "same")
 matches(vxa "tune long.csv --entries-per-week 300 --output found.json", "already exists", "kept")
+tuned = decode((vxa "tune long.csv --entries-per-week 10000 --json"))[2]
+equal(tuned.metrics[2].proposed, 1, "0 is rounded up")
 text = vxa "tune long.csv"
 matches(text, "\nmetric +p50 +p99 .*\n{\n  \"SYS_CONF_CONN_REFUSAL_PORT\": 443,\n.*\n}\n$",
     "printed")
