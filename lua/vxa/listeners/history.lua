@@ -10,6 +10,7 @@ local transitions = require "vxa.history.transitions"
 local function define() end
 
 local MOST_BYTES = 16 * 1048576  -- tens of thousands of transitions
+local MOST_UNWRITTEN = 262144    -- bytes of records that wait for room on the disk
 local SIGN_OF_LIFE_S = 30        -- a file is replaced so often; what it says is older by a cycle
 local JUMP_S = 60                -- pauses up to this are the machine's load
 local SLEWED_S = 1               -- the clock may be corrected by this between two cycles
@@ -23,7 +24,8 @@ local function new(monitored, options)
         transitions.HEAD, MOST_BYTES, 1, false)
     if not file then exit.fail(1, "%s", message) end
     return setmetatable({ monitored = monitored, vxa = monitored.vxa, options = options,
-                          file = file, life_path = transitions.life_path(options.state) }, History)
+                          file = file, unwritten = "",
+                          life_path = transitions.life_path(options.state) }, History)
 end
 
 -- ---- writing ----------------------------------------------------------------------------
@@ -32,12 +34,23 @@ function History:warn(message)
     if message then self.monitored.messages:warn_once(message) end
 end
 
--- Each record is on the disk before the next cycle. Returns whether it is written.
-function History:write(record)
-    local written, message = self.file:write(json_records.line(record))
+-- Without the beginning of a fail-open, its time would count as enforced: what cannot be written
+-- is tried again at each cycle. Returns whether all is written.
+function History:write_pending()
+    if self.unwritten == "" then return true end
+    local written, message = self.file:write(self.unwritten)
     self:warn(message)
-    if written then self:warn(select(2, self.file:sync())) end
-    return written
+    if not written then return false end
+    self.unwritten = ""
+    self:warn(select(2, self.file:sync()))
+    return true
+end
+
+-- Each record is on the disk before the next cycle. Returns whether it and all before it are.
+function History:write(record)
+    local line = json_records.line(record)
+    if #self.unwritten + #line <= MOST_UNWRITTEN then self.unwritten = self.unwritten .. line end
+    return self:write_pending()
 end
 
 -- Replaces the file from which the next start learns until when this run is known to have lived.
@@ -115,6 +128,7 @@ function History:record_transition(result)
 end
 
 function History:cycle(result)
+    self:write_pending()
     self:check_clocks()
     if result.transition then self:record_transition(result) end
     if result.transition or self.vxa.clock() - self.shown_at >= SIGN_OF_LIFE_S then
