@@ -48,7 +48,11 @@ std::size_t TimeLength(std::string_view text)
     for (std::size_t i = 0; i < kPattern.size(); ++i)
         if (kPattern[i] == 'd' ? !IsDigit(text[i]) : text[i] != kPattern[i]) return 0;
     std::size_t length = kPattern.size();
-    if (text.substr(length, 1) == ".") length += 1 + CountDigits(text.substr(length + 1));
+    if (text.substr(length, 1) == ".") {
+        const std::size_t end = length + 1 + CountDigits(text.substr(length + 1));
+        // Otherwise an address may follow.
+        if (text.substr(end, 1) != "." && text.substr(end, 1) != ":") length = end;
+    }
     if (text.substr(length, 1) == "Z") ++length;
     return length;
 }
@@ -108,6 +112,19 @@ bool IsVersion(std::string_view part)
         is_public = is_public && (is_number || IsPublicWord(piece));
     });
     return is_public && numbers < 4;
+}
+
+// Returns the length of five or more numbers with dots between them that the text begins with, 0
+// if there are none. Which four of them are an address is not known.
+std::size_t RowLength(std::string_view text)
+{
+    std::size_t length = 0, numbers = 0;
+    for (std::size_t digits; (digits = CountDigits(text.substr(length))) > 0; ++numbers) {
+        length += digits;
+        if (text.substr(length, 1) != ".") return numbers >= 4 ? length : 0;
+        ++length;
+    }
+    return numbers > 4 ? length - 1 : 0;
 }
 
 // ".arpa", in any case.
@@ -259,6 +276,23 @@ bool WordMasker::AppendNumber(std::string& out, std::string_view word, unsigned 
 
 // ---- names ------------------------------------------------------------------------------
 
+namespace {
+
+// Returns where an address begins within a part: right after letters or a hyphen ("ip10.1.2.3",
+// "mac-52:54:00:12:34:56"); its end if nowhere.
+std::size_t FindAddress(std::string_view word, std::size_t at, std::size_t end)
+{
+    for (std::size_t begin = at + 1; begin < end; ++begin) {
+        const char before = word[begin - 1];
+        const bool is_start =
+            before == '-' || before == '_' || (IsDigit(word[begin]) && !IsDigit(before));
+        if (is_start && ReadAddress(word.substr(begin))) return begin;
+    }
+    return end;
+}
+
+}  // namespace
+
 void WordMasker::AppendPart(std::string& out, std::string_view part, Place place)
 {
     if (m_pseudonyms.IsCollecting()) return;
@@ -274,15 +308,12 @@ void WordMasker::AppendPart(std::string& out, std::string_view part, Place place
         m_pseudonyms.AppendName(out, name, place.label);
 }
 
-// An address right after letters ("ip10.1.2.3") is not part of the name.
 std::size_t WordMasker::AppendPartAt(std::string& out, std::string_view word, std::size_t at,
                                      Place place)
 {
     std::size_t end = at;
     while (end < word.size() && IsInName(word.substr(end))) ++end;
-    std::size_t digits = end;
-    while (digits > at && IsDigit(word[digits - 1])) --digits;
-    if (digits > at && digits < end && ReadIpv4(word.substr(digits))) end = digits;
+    end = FindAddress(word, at, end);
     // Hyphens at the ends belong to the text.
     const std::string_view part = word.substr(at, end - at);
     const std::size_t begin = std::min(part.find_first_not_of('-'), part.size());
@@ -307,7 +338,11 @@ void WordMasker::Append(std::string& out, std::string_view word, Place place)
         out += word.substr(at, time);
         at += time;
         if (at == word.size()) return;
-        std::size_t taken = AppendAddressAt(out, word, at);
+        std::size_t taken = RowLength(word.substr(at));
+        if (taken > 0)
+            m_pseudonyms.AppendName(out, word.substr(at, taken), place.label);
+        else
+            taken = AppendAddressAt(out, word, at);
         if (taken == 0 && IsInName(word.substr(at))) taken = AppendPartAt(out, word, at, place);
         if (taken == 0) out += word[at];
         at += std::max<std::size_t>(taken, 1);

@@ -237,6 +237,8 @@ TEST(Redaction, MasksNamesByTheirPlace)
         {Format::kJson, R"({"time_zone":"CET","build_ids":{"vxa.so":"0a0b"},"alice":"0a0b"})",
          R"({"time_zone":"CET","build_ids":{"vxa.so":"0a0b"},"name1":"name2"})"},
         {Format::kText, "8.b.d.0.1.0.0.2.ip6.arpa 0.b.d.8", "name1 0.b.d.8"},
+        {Format::kText, "0.10.1.2.3 2026-11-22T05:06:37.10 mac-00:00:00:00:00:00",
+         "name1 2026-11-22T05:06:37.10 name2-00:00:00:00:00:00"},
         {Format::kText, "0.2.1.10.IN-ADDR.ARPA 10%2e1%2E2%2e3 %31%30 5 %", "name1 name2 name3 5 %"},
         {Format::kRules,
          R"({"table": {"name": "state"}}, {"chain": {"table": "state", "name": "log"}},)"
