@@ -64,7 +64,7 @@ struct PendingFile::State {
     bool Has(const std::string& some_name) const;
 
 private:
-    // These return false if the name is taken, and throw std::system_error.
+    // These return false if the name is taken, and throw other failures.
     bool CreatePart(const std::string& part_name);
     bool Link(const std::string& new_name) const;
     bool RenamePart() const;
@@ -179,7 +179,8 @@ bool PendingFile::State::ReplaceExisting()
 {
     struct stat status;
     const bool exists = fstatat(folder.Get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
-    if (exists && !S_ISREG(status.st_mode)) return false;
+    if (exists && !S_ISREG(status.st_mode))
+        throw std::runtime_error("cannot replace " + path + ": it is not a regular file");
     if (part.empty() && !TakePart(&State::LinkPart)) return false;
     if (renameat(folder.Get(), part.c_str(), folder.Get(), name.c_str()) != 0) ThrowCannotName();
     return true;

@@ -194,7 +194,7 @@ check(shell("cd %s; echo old >m; cp -p m n; mkfifo p; ln -s n l; mkdir d", scrat
 same(vxa.replace_file(scratch .. "/m", "new\n", true), true, "replace_file")
 check(shell("cd %s; umask 077; echo new | cmp - m; test $(stat -c %%a m) = 644", scratch), "m")
 for _, name in ipairs { "l", "p", "d" } do
-    refused("File exists", vxa.replace_file(scratch .. "/" .. name, ""))
+    refused("it is not a regular file", vxa.replace_file(scratch .. "/" .. name, ""))
     refused("is not a regular file", vxa.remove_file(scratch .. "/" .. name))
 end
 for _ = 1, 2 do same(vxa.remove_file(scratch .. "/m"), true, "remove_file") end
