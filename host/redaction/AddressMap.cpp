@@ -73,12 +73,11 @@ AddressMap::AddressMap(const Key& key)
 {
 }
 
-void AddressMap::Pin(const Address& network, unsigned length)
+bool AddressMap::Pin(const Address& network, unsigned length)
 {
-    if (network.family == Family::kIpv4)
-        m_ipv4.Pin({network.bits, length});
-    else if (network.family == Family::kIpv6 && !HasIpv4(network.bits))
-        m_ipv6.Pin({network.bits, length});
+    if (network.family == Family::kIpv4) return m_ipv4.Pin({network.bits, length});
+    return network.family == Family::kIpv6 && !HasIpv4(network.bits) &&
+           m_ipv6.Pin({network.bits, length});
 }
 
 bool AddressMap::IsPinned(const Address& network, unsigned length) const

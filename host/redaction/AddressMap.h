@@ -16,8 +16,8 @@ public:
     explicit AddressMap(const Key& key);
 
     // From now on the first and the last address of the network are masked as the first and last
-    // one of another. Does nothing for networks that are hardly more special than a class.
-    void Pin(const Address& network, unsigned length);
+    // one of another. Returns false for one that is, or is hardly more special than a class.
+    bool Pin(const Address& network, unsigned length);
     bool IsPinned(const Address& network, unsigned length) const;
 
     Address Mask(const Address& address) const;

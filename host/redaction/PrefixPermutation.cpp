@@ -63,9 +63,8 @@ bool PrefixPermutation::Pin(const Prefix& prefix)
     constexpr unsigned kMaskedBits = 8;
     if (prefix.length < KeptBits(prefix.bits) + kMaskedBits || prefix.length >= m_width)
         return false;
-    m_pins.insert(prefix);
     m_pinnedLengths.set(prefix.length);
-    return true;
+    return m_pins.insert(prefix).second;
 }
 
 bool PrefixPermutation::IsPinned(const Prefix& prefix) const

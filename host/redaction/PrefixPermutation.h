@@ -50,9 +50,9 @@ public:
     {
     }
 
-    // Pins a prefix, before any string is permuted. Returns false, and does nothing, if hardly
-    // more than a class is left of it: many strings that begin like its first or last one would
-    // keep most of their bits.
+    // Pins a prefix, before any string is permuted. Returns false, and does nothing, if it is
+    // pinned, or hardly more than a class is left of it: many strings that begin like its first or
+    // last one would keep most of their bits.
     bool Pin(const Prefix& prefix);
     bool IsPinned(const Prefix& prefix) const;
 

@@ -174,7 +174,7 @@ Address Pseudonyms::Mask(const Address& address)
 Address Pseudonyms::MaskNetwork(const Address& network, unsigned length)
 {
     if (m_collects) {
-        if (m_pinned++ < kMostPinned) m_addresses.Pin(network, length);
+        if (m_pinned < kMostPinned && m_addresses.Pin(network, length)) ++m_pinned;
         return network;
     }
     Keep({network, length});

@@ -2,6 +2,7 @@
 #include "Replay.h"
 
 #include <algorithm>
+#include <cmath>
 #include <map>
 #include <memory>
 #include <optional>
@@ -88,6 +89,7 @@ void AddPolicy(lua_State* L, PolicyList* policies)
                       "settings are numbers by their keys");
         const char* const key = lua_tostring(L, -2);
         const lua_Number number = lua_tonumber(L, -1);
+        luaL_argcheck(L, !std::isnan(number), 2, "a setting is not a number");
         CallOrRaise(L, [&] { policies->back()[key] = number; });
     }
 }
