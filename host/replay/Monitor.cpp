@@ -61,7 +61,7 @@ bool Monitor::MissesCounters(const Row& row)
 {
     const bool has_rates = (row.known & kRates) != 0;
     m_hasHadRates = m_hasHadRates || has_rates;
-    return !row.IsMeasured() || (m_hasHadRates && !has_rates);
+    return !row.IsMeasured() || row.count_failed || (m_hasHadRates && !has_rates);
 }
 
 // The filter script's part. After a cycle that did not read the driver's counters, the rates are

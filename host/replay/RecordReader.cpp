@@ -296,6 +296,7 @@ void RecordReader::ParseRow()
     if (m_text.substr(0, 1) != "\"" && m_text.find(',') != m_text.npos)
         Fail("has more fields than there are columns");
     m_row.errors = m_text;
+    m_row.count_failed = m_text.find("get_scan_metrics() failed") != m_text.npos;
 }
 
 }  // namespace replay

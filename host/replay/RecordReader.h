@@ -24,6 +24,7 @@ struct Row {
     int port;               // 0: none monitored
     std::array<double, fc::kMetricCount> values;
     std::uint32_t known;      // bit 1 << fc::Metric: the value is known; otherwise it is 0
+    bool count_failed;        // the errors say that the driver could not count connections
     std::string_view errors;  // as in the file, perhaps quoted; valid until the next call of Next
 
     bool Knows(std::size_t metric) const { return (known >> metric & 1) != 0; }

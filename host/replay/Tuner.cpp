@@ -71,6 +71,7 @@ bool ThresholdSearch::StaysWithin(double threshold) const
         if (cycle.is_restart) monitor.Restart();
         row.time_us = cycle.time_us;
         row.action = cycle.action;
+        row.count_failed = cycle.count_failed;
         row.values[m_metric.metric] = *value;
         row.known = std::isnan(*value++) ? 0 : policy.judged;
         const bool was_activated = monitor.IsActivated();
@@ -161,7 +162,7 @@ void Tuner::KeepRow()
         if (is_usable) m_results[metric].sampled_s += m_record.Summary().interval_s;
     }
     if (m_stage != Stage::kFirstHalf) return;
-    m_cycles.push_back({row.time_us, row.action, m_isRestart});
+    m_cycles.push_back({row.time_us, row.action, m_isRestart, row.count_failed});
     m_isRestart = false;
 }
 

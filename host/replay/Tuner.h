@@ -28,6 +28,7 @@ struct Cycle {
     std::uint64_t time_us;
     int action;
     bool is_restart;  // the first of a run
+    bool count_failed;
 };
 
 // Searches the tightest threshold of one metric with which fail-open is entered at most a number

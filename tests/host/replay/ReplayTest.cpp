@@ -77,7 +77,7 @@ public:
     {
         const std::uint64_t step_us = Step();
         m_nowUs += step_us;
-        row = {m_nowUs, 0, false, 443, {}, 0, {}};
+        row = {m_nowUs, 0, false, 443, {}, 0, false, {}};
         fault = Chance(30) ? static_cast<Fault>(m_random() % 7) : Fault::kNone;
         const unsigned int cpus = 1 + m_random() % 8;
         if (m_hasRun) Know(fc::kMetricInterval, static_cast<double>(step_us) / 1000000.0);
