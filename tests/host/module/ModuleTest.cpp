@@ -74,8 +74,8 @@ const std::string kScripts[] = {
     "vxa.Dom('/proc/nothing/here') vxa.ZipOutputStream('/nonexistent/a') vxa.log_to('/none/a')",
     "local d = vxa.Dom(events) local e = d:events() d:close()",
     "local z = vxa.ZipOutputStream(dir) z:close() z:entries() vxa.zip_entries(dir)",
-    "local z = vxa.ZipOutputStream(dir) z:add('a', 'b') z:add('a', '') z:close() z:entries() "
-    "local r = vxa.zip_reader(dir) r:next() r:sha256() r:sha256() r:next()",
+    ("local z = vxa.ZipOutputStream(dir) z:add('a', 'b') z:add('a', '') z:close() z:entries() "
+     "local r = vxa.zip_reader(dir) r:next() r:sha256() r:sha256() r:next()"),
     "vxa.uname() vxa.build_id('vxa.so') vxa.read_tail('/etc/passwd', 9) vxa.read_tail('/no/a', 1)",
     "assert(vxa.ZipOutputStream(dir .. '.zip')) vxa.zip_read('/nonexistent/a', 'b')",
     "vxa.temporary(dir):publish() vxa.file_kind('/dev/null/x') vxa.mkdir(dir .. '/a/b')",
@@ -89,11 +89,12 @@ const std::string kScripts[] = {
     "local f = vxa.append_file(dir) f:write('a') f:cut_partial_line() f:head(9) f:size() f:close()",
     "local f = vxa.rotated_file(dir, '', 1, 1, true) f:write('a') f:write('b') f:compress()",
     "vxa.start_process(':', '', 1):wait(1) vxa.run_program({ 'false' }, '', vxa.temporary(dir))",
-    "for _, r in ipairs { vxa.chart(record), vxa.replay(record, { { a = 1 } }), "
-    "vxa.tune(record, 1) } do r:read() r:result() end vxa.chart('/no/a')",
+    ("for _, r in ipairs { vxa.chart(record), vxa.replay(record, { { a = 1 } }), "
+     "vxa.tune(record, 1) } do r:read() r:result() end vxa.chart('/no/a')"),
     "local r = vxa.redaction(dir) r:reserve('a') r:mask('::1 b', 'text') r:save()",
-    "local z = vxa.ZipOutputStream(dir) z:add('a', '::1') z:close() z = vxa.ZipOutputStream(record "
-    ".. 2) local r = vxa.redaction() r:survey(dir, 'a', 'json') r:copy(dir, 'a', 'json', z)",
+    ("local z = vxa.ZipOutputStream(dir) z:add('a', '::1') z:close() "
+     "z = vxa.ZipOutputStream(record .. 2) local r = vxa.redaction() r:survey(dir, 'a', 'json') "
+     "r:copy(dir, 'a', 'json', z)"),
 };
 
 const char kRecord[] =
