@@ -7,7 +7,7 @@ set(TEST_SUPPORT_DIR ${CMAKE_CURRENT_LIST_DIR})
 # crash on them.
 set(SANITIZER_ENVIRONMENT
     "LSAN_OPTIONS=suppressions=${TEST_SUPPORT_DIR}/lsan.supp:print_suppressions=0:intercept_tls_get_addr=0"
-    "TSAN_OPTIONS=halt_on_error=1")
+    "TSAN_OPTIONS=halt_on_error=1:suppressions=${TEST_SUPPORT_DIR}/tsan.supp")
 # The same for gtest_discover_tests, which passes on one value for a property.
 list(GET SANITIZER_ENVIRONMENT 0 lsan_options)
 set(SANITIZER_PROPERTIES ENVIRONMENT ${lsan_options}

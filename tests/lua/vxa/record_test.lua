@@ -128,9 +128,12 @@ for _, chart in ipairs { chart_of "long.csv", chart_of("long.csv", policy) } do
     end
 end
 
--- A break for the restart, and none for anything else.
+-- A break for the restart, and none for anything else: cycles that come late on a busy machine are
+-- no gaps with a long interval.
+testing.write(SCRATCH .. "calm.csv",
+    (testing.read(SCRATCH .. "r.csv"):gsub("interval 0%.05 s", "interval 60 s")))
 for _, name in ipairs { "rqpct", "estab" } do
-    equal(select(2, chart_of("r.csv").metrics[name].lines:gsub("\n\n", "")), 1, name .. " breaks")
+    equal(select(2, chart_of("calm.csv").metrics[name].lines:gsub("\n\n", "")), 1, name)
 end
 
 -- What is written in pictures. The host's name is what gnuplot must not interpret.
@@ -155,7 +158,7 @@ for _, row in ipairs {
     matches(written, row[3], row[1])
 end
 equal(testing.read(SCRATCH .. "pwned"), nil, "a shell")
-vxa("", "plot r.csv -o p.png")
+matches(vxa("", "plot r.csv -o p.png"), "^p.png: ", "p.png")
 equal(testing.read(SCRATCH .. "p.png"):sub(2, 4), "PNG", "p.png")
 
 testing.finish()
