@@ -1,20 +1,12 @@
 -- vxa diff: finds what was planted between two packages of the simulated machine, and nothing else.
 
 local json = require "dkjson"
+local scratch = require "scratch"
 local testing = require "testing"
 local vxa = require "vxa"
 
 local equal, matches = testing.equal, testing.matches
-local SCRATCH = os.getenv "FAKE_MACHINE" .. "/diff/"
-os.execute("mkdir " .. SCRATCH)
-
--- Runs vxa in the scratch directory; returns its output with errors, and the exit status.
-local function run(arguments, environment)
-    local pipe = io.popen(("cd %s; env VXI_ENGINE=sim %s %s/bin/vxa %s 2>&1"):format(SCRATCH,
-        environment or "", os.getenv "VXA_ROOT", arguments))
-    local text = pipe:read("*a")
-    return text, select(3, pipe:close())
-end
+local run, SCRATCH = scratch.vxa, scratch.path
 
 -- ---- packages -----------------------------------------------------------------------------
 

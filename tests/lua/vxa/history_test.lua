@@ -1,18 +1,16 @@
 -- What runs leave behind: history, logs and hooks.
 
 local json = require "dkjson"
+local scratch = require "scratch"
 local testing = require "testing"
 local vxa_module = require "vxa"
 
 local equal, matches = testing.equal, testing.matches
-local ROOT, SCRATCH = os.getenv "VXA_ROOT", os.getenv "FAKE_MACHINE" .. "/work/"
-os.execute("mkdir -p " .. SCRATCH .. "lived")
+local ROOT, SCRATCH = os.getenv "VXA_ROOT", scratch.path
+os.execute("mkdir " .. SCRATCH .. "lived")
 
--- Returns standard output and error of commands, and the exit status.
 local function shell(...)
-    local pipe = io.popen(("cd %s; { %s ;} 2>&1"):format(SCRATCH, string.format(...)))
-    local text = pipe:read("*a")
-    return text, select(3, pipe:close())
+    return scratch.shell(string.format(...))
 end
 
 local function decode(text)

@@ -3,20 +3,12 @@
 
 local json = require "dkjson"
 local package_entries = require "vxa.packages.entries"
+local scratch = require "scratch"
 local testing = require "testing"
 local vxa = require "vxa"
 
 local equal, matches = testing.equal, testing.matches
-local SCRATCH = os.getenv "FAKE_MACHINE" .. "/work/"
-os.execute("mkdir " .. SCRATCH)
-
--- Runs vxa in the scratch directory; returns its output and exit status.
-local function command(arguments, environment)
-    local pipe = io.popen(("cd %s; env VXI_ENGINE=sim %s %s/bin/vxa %s 2>&1"):format(SCRATCH,
-        environment or "", os.getenv "VXA_ROOT", arguments))
-    local text = pipe:read("*a")
-    return text, select(3, pipe:close())
-end
+local command, SCRATCH = scratch.vxa, scratch.path
 
 local function show(name)
     local text, status = command("show --json " .. name)

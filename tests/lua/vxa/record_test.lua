@@ -2,18 +2,12 @@
 
 local filter = require "filter"
 local json = require "dkjson"
+local scratch = require "scratch"
 local testing = require "testing"
 
 local equal, matches = testing.equal, testing.matches
-local ROOT, SCRATCH = os.getenv "VXA_ROOT", os.getenv "FAKE_MACHINE" .. "/work/"
-os.execute("mkdir " .. SCRATCH)
-
-local function vxa(environment, arguments, after)
-    local pipe = io.popen(("cd %s; VXI_ENGINE=sim %s %s/bin/vxa %s 2>&1 %s"):format(SCRATCH,
-        environment, ROOT, arguments, after or ""))
-    local text = pipe:read("*a")
-    return text, select(3, pipe:close())
-end
+local vxa = scratch.vxa
+local ROOT, SCRATCH = os.getenv "VXA_ROOT", scratch.path
 
 -- Returns the rows, fields by column, and the number of headings above each.
 local function read_record(name)
@@ -39,11 +33,11 @@ end
 
 testing.write(SCRATCH .. "r.csv", "")
 local RUN = "run --json --interval 0.05 --port 443 --record r.csv "
-local first = vxa("VXI_SIM=scenario=busy:4/overloaded:3/idle,interval_s=1",
-    RUN .. [[--cycles 400 & pid=$!
-        until [ $(wc -l <r.csv) -ge 14 ]; do sleep 0.02; done; kill -9 $pid; wait]])
-vxa("", "--version", "; printf '2026-11-22 04:06:3' >>r.csv")
-local second = vxa("VXI_SIM=scenario=busy", RUN .. "--cycles 4")
+local first = vxa(RUN .. [[--cycles 400 & pid=$!
+    until [ $(wc -l <r.csv) -ge 14 ]; do sleep 0.02; done; kill -9 $pid; wait]],
+    "VXI_SIM=scenario=busy:4/overloaded:3/idle,interval_s=1")
+scratch.shell "printf '2026-11-22 04:06:3' >>r.csv"
+local second = vxa(RUN .. "--cycles 4", "VXI_SIM=scenario=busy")
 matches(second, "vxa: r.csv: removed its last line, which was incomplete %(18 bytes%)\n", "torn")
 
 local cycles = {}
@@ -81,8 +75,8 @@ equal({ rows[4].state, rows[5].state, rows[10].state, rows[#rows].state },
 
 -- ---- only observing -------------------------------------------------------------------------
 
-matches(vxa("VXI_SIM=cpus=100,scenario=overloaded VXI_FAULT=vxi_get_scan_metrics=-5:a",
-    "run --observe --port 443 --record o.csv --interval 0.01 --cycles 3"),
+matches(vxa("run --observe --port 443 --record o.csv --interval 0.01 --cycles 3",
+    "VXI_SIM=cpus=100,scenario=overloaded VXI_FAULT=vxi_get_scan_metrics=-5:a"),
     "\npolicy: none %(%-%-observe: .* observed +5%d%d[.%d]* .*\n3 cycles in .* 3 measured, .* 0 "
     .. "times; ended enforcing\n$", "observing")
 for _, row in ipairs(read_record "o.csv") do
@@ -145,7 +139,7 @@ for _, row in ipairs {
     { "o.csv", 3, "^[^.]-rqpct: .*\nthreshold 200\n.*\nnever in fail%-open\n" },
     { "it\\'s.csv", 6, "\na';system%('touch pwned'%);`touch pwned`&lt;b>&amp;\n" },
 } do
-    matches(vxa("", "plot " .. row[1] .. " --force -o p.svg"), "^p.svg: %d+ rows in ", row[1])
+    matches(vxa("plot " .. row[1] .. " --force -o p.svg"), "^p.svg: %d+ rows in ", row[1])
     local written = ""
     for text in (testing.read(SCRATCH .. "p.svg") or ""):gmatch "<text>(.-)</text>" do
         written = written .. "\n" .. text
@@ -158,7 +152,7 @@ for _, row in ipairs {
     matches(written, row[3], row[1])
 end
 equal(testing.read(SCRATCH .. "pwned"), nil, "a shell")
-matches(vxa("", "plot r.csv -o p.png"), "^p.png: ", "p.png")
+matches(vxa "plot r.csv -o p.png", "^p.png: ", "p.png")
 equal(testing.read(SCRATCH .. "p.png"):sub(2, 4), "PNG", "p.png")
 
 testing.finish()

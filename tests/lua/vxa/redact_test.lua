@@ -2,19 +2,16 @@
 -- manifest and its bytes.
 
 local json = require "dkjson"
+local scratch = require "scratch"
 local testing = require "testing"
 local vxa = require "vxa"
 
 local equal, matches = testing.equal, testing.matches
-local SCRATCH = os.getenv "FAKE_MACHINE" .. "/work/"
-os.execute("mkdir " .. SCRATCH)
+local SCRATCH = scratch.path
 
--- Runs vxa as the real user, whose files maps must be; returns its output and exit status.
+-- As the real user, whose files maps must be.
 local function command(arguments)
-    local pipe = io.popen(("cd %s; env -u FAKE_MACHINE %s/bin/vxa %s 2>&1"):format(SCRATCH,
-        os.getenv "VXA_ROOT", arguments))
-    local text = pipe:read("*a")
-    return text, select(3, pipe:close())
+    return scratch.shell("env -u FAKE_MACHINE $VXA_ROOT/bin/vxa " .. arguments)
 end
 
 local function read_all(name)

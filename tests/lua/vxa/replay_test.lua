@@ -3,22 +3,13 @@
 local filter = require "filter"
 local json = require "dkjson"
 local proposal = require "vxa.proposal"
+local scratch = require "scratch"
 local testing = require "testing"
 local vxa_module = require "vxa"
 
 local equal, matches = testing.equal, testing.matches
-local ROOT, SCRATCH = os.getenv "VXA_ROOT", os.getenv "FAKE_MACHINE" .. "/work/"
-os.execute("mkdir " .. SCRATCH)
-
-local function shell(command)
-    local pipe = io.popen(("cd %s; { %s; } 2>&1"):format(SCRATCH, command))
-    local text = pipe:read("*a")
-    return text, select(3, pipe:close())
-end
-
-local function vxa(arguments, environment)
-    return shell(("%s VXI_ENGINE=sim %s/bin/vxa %s"):format(environment or "", ROOT, arguments))
-end
+local shell, vxa = scratch.shell, scratch.vxa
+local ROOT, SCRATCH = os.getenv "VXA_ROOT", scratch.path
 
 local function decode(text)
     local records = {}
