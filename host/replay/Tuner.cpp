@@ -159,7 +159,11 @@ void Tuner::KeepRow()
     for (std::size_t metric = 0; metric < fc::kMetricCount; ++metric) {
         const bool is_usable = row.Knows(metric) && std::isfinite(row.values[metric]);
         m_values[metric].push_back(is_usable ? row.values[metric] : kUnknown);
-        if (is_usable) m_results[metric].sampled_s += m_record.Summary().interval_s;
+        if (!is_usable) continue;
+        MetricResult& result = m_results[metric];
+        result.sampled_s += m_record.Summary().interval_s;
+        ++result.count;
+        if (m_stage == Stage::kFirstHalf) ++result.first_half_count;
     }
     if (m_stage != Stage::kFirstHalf) return;
     m_cycles.push_back({row.time_us, row.action, m_isRestart, row.count_failed});
@@ -223,7 +227,6 @@ void Tuner::FindQuantiles()
     values.erase(
         std::remove_if(values.begin(), values.end(), [](double v) { return std::isnan(v); }),
         values.end());
-    result.count = values.size();
     if (!values.empty())
         result.quantiles = IsLower(kMetrics[m_metric]) ? Quantiles(values, std::greater<>())
                                                        : Quantiles(values, std::less<>());

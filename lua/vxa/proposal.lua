@@ -99,8 +99,8 @@ end
 
 -- Adds what the replay of the trials gave: to each row `present_rate`, entries per week with the
 -- present threshold, and `second`, those of the second half with the proposed one, {entries, rate,
--- kept}; to the tuning `whole`, the outcome of the proposed policy, and `confirmed`, nil if no
--- threshold is proposed.
+-- kept}, if it has values; to the tuning `whole`, the outcome of the proposed policy, and
+-- `confirmed`, nil if no proposed threshold could be tried.
 function proposal.judge(tuning, replayed)
     local second_s = replayed.counted - tuning.found.first_half.counted
     tuning.whole = replayed.outcomes[#replayed.outcomes]
@@ -111,7 +111,9 @@ function proposal.judge(tuning, replayed)
         if row.present and row.result.count > 0 then
             row.present_rate = rate(present.entries, replayed.counted)
         end
-        if row.proposed then
+        if row.proposed and row.result.count == row.result.first_half_count then
+            row.note = "no values in the second half"
+        elseif row.proposed then
             local entries = proposed.entries - proposed.first_entries
             row.second = { entries = entries, rate = rate(entries, second_s),
                            kept = entries <= tuning.entries * second_s / WEEK_S }

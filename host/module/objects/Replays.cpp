@@ -269,8 +269,9 @@ int ReplayResult(lua_State* L)
 
 void PushMetricResult(lua_State* L, const Tuner::MetricResult& result)  // [-0, +1, m]
 {
-    lua_createtable(L, 0, 5);
+    lua_createtable(L, 0, 6);
     SetCount(L, "count", result.count);
+    SetCount(L, "first_half_count", result.first_half_count);
     SetNumber(L, "sampled", result.sampled_s);
     PushArray(L, result.quantiles, lua_pushnumber);
     lua_setfield(L, -2, "quantiles");

@@ -46,9 +46,9 @@ end
 local function show_verdict(tuning)
     local whole = tuning.whole
     if tuning.confirmed == nil then
-        console.line("No threshold is proposed.")
+        console.line("No proposed threshold could be tried on the second half.")
     elseif tuning.confirmed then
-        console.line("The second half confirms the proposed thresholds.")
+        console.line("The second half confirms the proposed thresholds that it has values for.")
     else
         console.line("Not confirmed: in the second half, the metrics marked with ! entered "
             .. "fail-open more often.")
