@@ -65,7 +65,7 @@ class Tuner {
 public:
     struct MetricResult {
         std::uint64_t count = 0, first_half_count = 0;  // of values
-        double sampled_s = 0;  // the sum of the intervals of their cycles
+        double sampled_s = 0;                           // the sum of the intervals of their cycles
         // From the good to the bad end: 50, 99, 99.9 and 100 % of the values are not worse.
         std::array<double, 4> quantiles{};
         std::optional<double> tightest;  // that the first half supports
