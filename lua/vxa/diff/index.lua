@@ -4,6 +4,8 @@
 -- lstring.c), so a table of such keys can take minutes to fill. Here no table has keys longer than
 -- PIECE: longer ones are looked up piece by piece.
 
+local subtable = require "vxa.subtable"
+
 local index = {}
 
 local Index = {}
@@ -15,15 +17,6 @@ function index.new()
     return setmetatable({ by_length = {} }, Index)
 end
 
-local function branch(tree, key)
-    local found = tree[key]
-    if not found then
-        found = {}
-        tree[key] = found
-    end
-    return found
-end
-
 -- Where the last piece of a key begins.
 local function last_piece(key)
     return #key - (#key - 1) % PIECE
@@ -31,11 +24,11 @@ end
 
 -- Returns the table that has, or with `make` is to have, the last piece of the key.
 local function leaf(self, key, make)
-    local node = make and branch(self.by_length, #key) or self.by_length[#key]
+    local node = make and subtable(self.by_length, #key) or self.by_length[#key]
     for at = 1, last_piece(key) - 1, PIECE do
         if not node then return nil end
         local piece = key:sub(at, at + PIECE - 1)
-        node = make and branch(node, piece) or node[piece]
+        node = make and subtable(node, piece) or node[piece]
     end
     return node
 end

@@ -13,6 +13,7 @@ local format = require "vxa.output.format"
 local listing = require "vxa.rules.listing"
 local printable = require "vxa.output.printable"
 local rule_line = require("vxa.rules.line").rule
+local subtable = require "vxa.subtable"
 
 local profile = {}
 
@@ -30,20 +31,8 @@ local function plain(value)
     return printable(type(value) == "table" and json.encode(value) or tostring(value))
 end
 
--- Returns the subtable `name`, making it if needed. Nested tables replace concatenated keys:
--- Lua 5.2 hashes only some characters of a long string (lstring.c), so keys that differ in a few
--- digits would collide.
-local function child(tree, name)
-    local found = tree[name]
-    if not found then
-        found = {}
-        tree[name] = found
-    end
-    return found
-end
-
 local function table_of(tree, object)
-    return child(child(tree, plain(object.family)), plain(object.table))
+    return subtable(subtable(tree, plain(object.family)), plain(object.table))
 end
 
 -- ---- reading ----------------------------------------------------------------------------
@@ -51,7 +40,7 @@ end
 -- Chains of different tables may have the same name.
 local function chain_of(ruleset, object)
     local name = plain(object.chain or object.name)
-    local chain = child(table_of(ruleset.tree, object), name)
+    local chain = subtable(table_of(ruleset.tree, object), name)
     if not chain.rules then
         chain.rules, chain.family, chain.table = {}, plain(object.family), plain(object.table)
         chain.title = ("%s %s %s"):format(chain.family, chain.table, name)
