@@ -15,7 +15,7 @@ local session = require "vxa.session"
 local function define(command)
     command:description("Copy a diagnostic package, with addresses and names replaced by "
         .. "pseudonyms, so that it can be given to others. What stays: numbers, ports, times, "
-        .. "and the relations between addresses; docs/package.md has the details.")
+        .. "and the relations between addresses; vxa-redact(1) has the details.")
     command:argument("IN.zip", "The package."):target("source")
         :convert(option.file_name("IN.zip"))
     command:argument("OUT.zip", "The copy to write."):target("archive")

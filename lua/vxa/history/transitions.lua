@@ -1,4 +1,5 @@
--- The files in which `vxa run --state` keeps its transitions. docs/history.md describes them.
+-- The files in which `vxa run --state` keeps its transitions; docs/commands/history.md describes
+-- them.
 
 local json = require "dkjson"
 

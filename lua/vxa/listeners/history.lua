@@ -1,5 +1,5 @@
 -- vxa run --state: keeps the transitions of the run, and from when to when it ran, for
--- `vxa history`. docs/history.md describes the files.
+-- `vxa history`. docs/commands/history.md describes the files.
 
 local console = require "vxa.output.console"
 local exit = require "vxa.exit"
