@@ -108,11 +108,19 @@ std::string_view FindBuildId(std::string_view notes)
     return {};
 }
 
+// libvxi.so.1 is a version of libvxi.so.
+bool IsVersionOf(std::string_view loaded, std::string_view file_name)
+{
+    const std::string_view version = loaded.substr(std::min(file_name.size(), loaded.size()));
+    return loaded.substr(0, file_name.size()) == file_name &&
+           (version.empty() || version.front() == '.');
+}
+
 int SearchLibrary(dl_phdr_info* library, std::size_t, void* data)
 {
     auto& search = *static_cast<BuildIdSearch*>(data);
     const std::string_view path = library->dlpi_name;
-    if (path.substr(path.rfind('/') + 1) != search.file_name) return 0;
+    if (!IsVersionOf(path.substr(path.rfind('/') + 1), search.file_name)) return 0;
     for (int i = 0; i < library->dlpi_phnum && search.id.empty(); ++i) {
         const auto& segment = library->dlpi_phdr[i];
         if (segment.p_type != PT_NOTE) continue;
@@ -124,8 +132,8 @@ int SearchLibrary(dl_phdr_info* library, std::size_t, void* data)
     return 1;
 }
 
-// build_id(file_name): that of a loaded library in hexadecimal; nil if it has none or is not
-// loaded.
+// build_id(file_name): that of a loaded library, named with or without its version, in
+// hexadecimal; nil if it has none or is not loaded.
 int BuildId(lua_State* L)
 {
     BuildIdSearch search{CheckBytes(L, 1), {}};

@@ -17,8 +17,8 @@ end
 
 -- From now on uptime and nproc are those of the simulated machine.
 local function replace_commands(vxa)
-    local root = package.path:match("^(.-)/lua/%?%.lua;")
-    vxa.setenv("PATH", root .. "/share/simulated:" .. os.getenv("PATH"))
+    local layout = require "vxa.layout"  -- bin/vxa defines it
+    vxa.setenv("PATH", layout.shared .. "/simulated:" .. os.getenv("PATH"))
 end
 
 -- For commands that run no cycle. Does nothing if the engine is not simulated.

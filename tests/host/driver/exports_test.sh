@@ -11,4 +11,4 @@ exported=$("$nm" -D --defined-only "$library" | awk '{ print $3 }' | sort)
 
 [ "$(wc -w <<<"$declared")" -ge 20 ] || { echo "headers not understood: $declared"; exit 1; }
 diff <(echo "$declared") <(echo "$exported") || { echo "< declared, > exported"; exit 1; }
-readelf -d "$library" | grep -q 'soname: \[libvxi.so\]' || { echo "wrong soname"; exit 1; }
+readelf -d "$library" | grep -q 'soname: \[libvxi.so.1\]' || { echo "wrong soname"; exit 1; }

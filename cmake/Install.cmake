@@ -1,0 +1,135 @@
+# What `cmake --install` puts where, in components for packages: module, libraries, command,
+# development and documentation.
+include(CMakePackageConfigHelpers)
+
+# Lua's own folders.
+set(lua_modules ${CMAKE_INSTALL_LIBDIR}/lua/5.2)
+set(lua_scripts ${CMAKE_INSTALL_DATADIR}/lua/5.2)
+set(command_files ${CMAKE_INSTALL_DATADIR}/vxa)
+
+# path_from(BASE PATH VARIABLE): the relative path between two folders of the installation.
+function(path_from base path variable)
+    foreach(folder base path)
+        get_filename_component(${folder} "${${folder}}" ABSOLUTE BASE_DIR "${CMAKE_INSTALL_PREFIX}")
+    endforeach()
+    file(RELATIVE_PATH relative "${base}" "${path}")
+    string(REGEX REPLACE "/$" "" relative "${relative}")
+    set(${variable} "${relative}" PARENT_SCOPE)
+endfunction()
+
+# ---- the product --------------------------------------------------------------------------
+
+install(TARGETS fc LIBRARY DESTINATION ${lua_modules} COMPONENT module)
+install(FILES lua/filter.lua lua/health_policy.lua lua/strict_json.lua
+    DESTINATION ${lua_scripts} COMPONENT module)
+# The modules find the libraries wherever the installation is moved.
+set_target_properties(fc PROPERTIES INSTALL_RPATH "$ORIGIN/../.." INSTALL_RPATH_USE_LINK_PATH ON)
+
+# ---- its documentation --------------------------------------------------------------------
+
+# install_document(FILE [NAME]): all documents are installed in one folder, so links lose the
+# folders of this tree.
+function(install_document file)
+    get_filename_component(name ${file} NAME)
+    if(ARGC GREATER 1)
+        set(name ${ARGV1})
+    endif()
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${file})
+    file(READ ${file} text)
+    string(REGEX REPLACE "\\]\\((\\.\\./)*host/driver/engines/([a-z]+)/README\\.md"
+        "](engine-\\2.md" text "${text}")
+    string(REGEX REPLACE "\\]\\((\\.\\./|docs/)+" "](" text "${text}")
+    file(CONFIGURE OUTPUT ${CMAKE_BINARY_DIR}/install/${name} CONTENT "@text@" @ONLY)
+    install(FILES ${CMAKE_BINARY_DIR}/install/${name} DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/fc
+        COMPONENT documentation)
+endfunction()
+
+file(GLOB documents RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS docs/*.md)
+foreach(document README.md CHANGELOG.md CONTRIBUTING.md ${documents})
+    install_document(${document})
+endforeach()
+foreach(engine linux sim fault)
+    install_document(host/driver/engines/${engine}/README.md engine-${engine}.md)
+endforeach()
+
+# What follows replaces the agent: a build against its libraries does not have it.
+if(FC_VXI_LIBRARY OR FC_VXA_CORE_LIBRARY)
+    return()
+endif()
+
+# ---- libraries ----------------------------------------------------------------------------
+
+install(TARGETS vxi vxa_core EXPORT fc
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        COMPONENT libraries NAMELINK_COMPONENT development
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/fc)
+
+# ---- the command --------------------------------------------------------------------------
+
+install(TARGETS vxa LIBRARY DESTINATION ${lua_modules} COMPONENT command)
+set_target_properties(vxa PROPERTIES INSTALL_RPATH "$ORIGIN/../.." INSTALL_RPATH_USE_LINK_PATH ON)
+install(DIRECTORY lua/vxa DESTINATION ${command_files}/lua COMPONENT command)
+install(DIRECTORY share/simulated DESTINATION ${command_files} COMPONENT command
+    USE_SOURCE_PERMISSIONS)
+install(DIRECTORY share/prometheus DESTINATION ${command_files} COMPONENT command
+    PATTERN tests EXCLUDE)
+
+# The command finds everything else relative to its own place.
+foreach(folder lua_modules lua_scripts command_files)
+    path_from(${CMAKE_INSTALL_BINDIR}/.. ${${folder}} from_${folder})
+endforeach()
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS bin/vxa)
+file(READ bin/vxa in_tree)
+string(REGEX REPLACE "\nlocal LAYOUT = {[^}]*}" "
+local LAYOUT = {
+    command = \"${from_command_files}/lua\", scripts = \"${from_lua_scripts}\",
+    modules = \"${from_lua_modules}\", shared = \"${from_command_files}\",
+}" installed "${in_tree}")
+if(installed STREQUAL in_tree)
+    message(FATAL_ERROR "bin/vxa does not define LAYOUT")
+endif()
+file(CONFIGURE OUTPUT ${CMAKE_BINARY_DIR}/install/vxa CONTENT "@installed@" @ONLY)
+install(PROGRAMS ${CMAKE_BINARY_DIR}/install/vxa DESTINATION ${CMAKE_INSTALL_BINDIR}
+    COMPONENT command)
+
+# ---- for programs that use the libraries --------------------------------------------------
+
+install(DIRECTORY imports/vxi imports/VxaCore host/driver/include/vxi host/core/include/vxa_core
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/fc COMPONENT development
+    FILES_MATCHING PATTERN *.h
+    # Needs cJSON, for the libraries of this tree only.
+    PATTERN json.h EXCLUDE)
+if(NOT FC_SLB3_INCLUDE_DIR)
+    install(DIRECTORY imports/slb3/SLB3 DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/fc
+        COMPONENT development FILES_MATCHING PATTERN *.h)
+endif()
+
+# Headers of vxa_core include those of wxWidgets and Lua. Only the program links with Lua, which
+# a module must not.
+target_include_directories(vxa_core SYSTEM INTERFACE
+    "$<INSTALL_INTERFACE:${wx_include_dirs};${lua_INCLUDE_DIRS}>")
+target_compile_options(vxa_core INTERFACE "$<INSTALL_INTERFACE:${wx_flags}>")
+target_link_libraries(vxa_core INTERFACE "$<INSTALL_INTERFACE:${wx_libs}>")
+install(EXPORT fc NAMESPACE fc:: FILE fc-targets.cmake
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/fc COMPONENT development)
+configure_package_config_file(cmake/install/fc-config.cmake.in
+    ${CMAKE_BINARY_DIR}/install/fc-config.cmake
+    INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/fc)
+write_basic_package_version_file(${CMAKE_BINARY_DIR}/install/fc-config-version.cmake
+    COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_BINARY_DIR}/install/fc-config.cmake
+    ${CMAKE_BINARY_DIR}/install/fc-config-version.cmake
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/fc COMPONENT development)
+
+path_from(${CMAKE_INSTALL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX} pc_prefix)
+path_from(${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_LIBDIR} pc_libdir)
+path_from(${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_INCLUDEDIR} pc_includedir)
+list(TRANSFORM wx_include_dirs PREPEND "-I" OUTPUT_VARIABLE pc_wx_flags)
+list(APPEND pc_wx_flags ${wx_flags})
+list(JOIN pc_wx_flags " " pc_wx_flags)
+list(JOIN wx_libs " " pc_wx_libs)
+foreach(library vxi vxa_core)
+    configure_file(cmake/install/${library}.pc.in ${CMAKE_BINARY_DIR}/install/${library}.pc @ONLY)
+    install(FILES ${CMAKE_BINARY_DIR}/install/${library}.pc
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+endforeach()
