@@ -626,6 +626,7 @@ function Feedback:reset(published)
 end
 
 local ROWS_BETWEEN_CHECKS = 1000
+local EINTR = 4
 
 -- Returns the flows as a tree, their number, and an array of those that were not in the previous
 -- sample; nil if interrupted.
@@ -644,11 +645,11 @@ end
 -- Feeds one observation for each flow that was not in the previous sample. A flow that lasts is
 -- counted once. A flow that starts and ends between two samples is missed unless the driver still
 -- remembers it; one that ends and starts again with the same ports in between counts as the same.
--- Returns the number of flows and of new ones; or, with nothing fed, nil and "interrupted" if
--- options.interrupted ended the sample.
+-- Returns the number of flows and of new ones; or, with nothing fed, nil, "interrupted" and 4
+-- (EINTR) if options.interrupted ended the sample.
 function Feedback:sample(flows)
     local present, total, new = self:compare(flows)
-    if not present then return nil, "interrupted" end
+    if not present then return nil, "interrupted", EINTR end
     for _, flow in ipairs(new) do self:feed(flow, self:is_outbound(flow), 1) end
     self.present = present
     return total, #new

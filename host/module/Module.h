@@ -42,8 +42,9 @@ const char* CaughtSignalName();
 // [-0, +0, v]
 vxi_handle_ops_s* CheckHandle(lua_State* L);
 
-// Pushes nil and the message of the handle's last failed call. DriverHandles.cpp [-0, +2, m]
-int PushDriverError(lua_State* L, vxi_handle_ops_s* handle);
+// Pushes nil, the message of the handle's last failed call, and the status that it returned.
+// DriverHandles.cpp [-0, +3, m]
+int PushDriverError(lua_State* L, vxi_handle_ops_s* handle, int status);
 
 // Returns the file if the argument is one that vxa.temporary made, else null; raises an argument
 // error if it is closed. TemporaryFiles.cpp [-0, +0, v]

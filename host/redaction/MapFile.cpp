@@ -48,7 +48,8 @@ std::optional<std::string> ReadMapFile(const std::string& path)
 {
     const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (fd < 0 && errno == ENOENT) return std::nullopt;
-    if (fd < 0 && errno == ELOOP) throw std::runtime_error(path + " is a symbolic link");
+    if (fd < 0 && errno == ELOOP)
+        throw VxaCore::Host::FileError(ELOOP, path + " is a symbolic link");
     if (fd < 0) ThrowErrno("cannot read " + path);
     struct stat status;
     const bool is_known = fstat(fd, &status) == 0;

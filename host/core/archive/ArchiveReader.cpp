@@ -42,7 +42,7 @@ public:
         m_count = m_zip.GetTotalEntries();
         if (m_zip.GetLastError() != wxSTREAM_NO_ERROR) Fail(kNotAnArchive);
         if (m_count < 0 || static_cast<std::size_t>(m_count) > kMostEntries)
-            Fail("has more than " + std::to_string(kMostEntries) + " entries");
+            Fail("has more than " + std::to_string(kMostEntries) + " entries", EFBIG);
     }
 
     // Returns null after the last entry.
@@ -65,9 +65,9 @@ public:
     std::size_t ReadPiece(const wxZipEntry& entry, std::uint64_t most_bytes, std::uint64_t& bytes,
                           char* buffer, std::size_t size);
 
-    [[noreturn]] void Fail(const std::string& reason) const
+    [[noreturn]] void Fail(const std::string& reason, int error_number = EINVAL) const
     {
-        throw std::runtime_error(m_path + ": " + reason);
+        throw FileError(error_number, m_path + ": " + reason);
     }
 
 private:
@@ -109,7 +109,7 @@ void Reader::CheckReadable(const wxZipEntry& entry, const std::string& what,
         Fail(what + " uses an unknown compression method (" + std::to_string(entry.GetMethod()) +
              ")");
     if (entry.GetSize() < 0 || static_cast<std::uint64_t>(entry.GetSize()) > most_bytes)
-        Fail(what + " has more than " + std::to_string(most_bytes) + " bytes");
+        Fail(what + " has more than " + std::to_string(most_bytes) + " bytes", EFBIG);
 }
 
 std::size_t Reader::ReadPiece(const wxZipEntry& entry, std::uint64_t most_bytes,
@@ -186,7 +186,7 @@ std::string ReadArchiveEntry(const std::string& path, const std::string& name,
         reader.Read(*entry, most_bytes, [&](std::string_view piece) { bytes += piece; });
         return bytes;
     }
-    reader.Fail("has no entry " + name);
+    reader.Fail("has no entry " + name, ENOENT);
 }
 
 struct ArchiveReader::State {

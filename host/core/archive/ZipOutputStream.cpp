@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <chrono>
 #include <optional>
-#include <stdexcept>
 #include <vector>
 
 #include <wx/mstream.h>
@@ -53,8 +52,8 @@ public:
         });
     }
 
-    // The first failure with the path and the reason; empty if there was none.
-    const std::string& Error() const { return m_error; }
+    // The first failure with the path and the reason, if there was one.
+    const std::optional<Host::FileError>& Error() const { return m_error; }
 
 protected:
     std::size_t OnSysWrite(const void* bytes, std::size_t size) override
@@ -67,7 +66,7 @@ protected:
             else
                 m_buffer.insert(m_buffer.end(), first, first + size);
         });
-        if (m_error.empty()) return size;
+        if (!m_error) return size;
         m_lasterror = wxSTREAM_WRITE_ERROR;
         return 0;
     }
@@ -77,11 +76,11 @@ private:
     template <typename Function>
     void Try(Function function)
     {
-        if (!m_error.empty()) return;
+        if (m_error) return;
         try {
             function();
         } catch (const std::exception& error) {
-            m_error = error.what();
+            m_error.emplace(Host::ErrorNumber(error), error.what());
         }
     }
 
@@ -93,7 +92,7 @@ private:
 
     File m_file;
     std::vector<char> m_buffer;
-    std::string m_error;
+    std::optional<Host::FileError> m_error;
 };
 
 // wxWidgets' zip writer, made fit for a lack of memory. By itself it crashes when its compressor
@@ -220,15 +219,15 @@ struct CZipOutputStream::Archive::State {
         if (!descriptor) ThrowErrno("cannot write " + path);
         return descriptor;
     }
-    void KeepError(const std::string& error)
+    void KeepError(const Host::FileError& error)
     {
-        if (first_error.empty()) first_error = error;
+        if (!first_error) first_error = error;
         last_error = error;
     }
     void KeepWriteError()
     {
-        const std::string& reason = writer->file.Error();
-        KeepError(reason.empty() ? "cannot write " + path + ": zip writer failed" : reason);
+        const Host::FileError unknown(EIO, "cannot write " + path + ": zip writer failed");
+        KeepError(writer->file.Error().value_or(unknown));
     }
     // After an exception the zip writer may be in the middle of an entry.
     template <typename Function>
@@ -248,7 +247,7 @@ struct CZipOutputStream::Archive::State {
 
     const std::string path;
     std::optional<Writer> writer;  // empty once closed
-    std::string first_error, last_error;
+    std::optional<Host::FileError> first_error, last_error;
     bool is_broken = false;  // no more entries: the file cannot be written, or memory ran out
     std::vector<Host::AddedEntry> entries;
     std::chrono::steady_clock::time_point last_end = std::chrono::steady_clock::now();
@@ -256,17 +255,19 @@ struct CZipOutputStream::Archive::State {
 
 void CZipOutputStream::Archive::State::CheckNew(const std::string& name, std::size_t size) const
 {
-    const auto fail = [&](const std::string& reason) {
-        throw std::runtime_error(path + ": entry '" + Host::Printable(name.substr(0, 256), false) +
-                                 "' is not added: " + reason);
+    const auto fail = [&](int error_number, const std::string& reason) {
+        throw Host::FileError(error_number, path + ": entry '" +
+                                                Host::Printable(name.substr(0, 256), false) +
+                                                "' is not added: " + reason);
     };
     const auto has_name = [&](const Host::AddedEntry& entry) { return entry.name == name; };
-    if (const char* reason = ReasonToRefuse(name)) fail(reason);
-    if (std::any_of(entries.begin(), entries.end(), has_name)) fail("there is one of that name");
+    if (const char* reason = ReasonToRefuse(name)) fail(EINVAL, reason);
+    if (std::any_of(entries.begin(), entries.end(), has_name))
+        fail(EEXIST, "there is one of that name");
     if (size > kMostEntryBytes)
-        fail("it has more than " + std::to_string(kMostEntryBytes) + " bytes");
+        fail(EFBIG, "it has more than " + std::to_string(kMostEntryBytes) + " bytes");
     if (entries.size() >= kMostEntries)
-        fail("there are " + std::to_string(kMostEntries) + " entries");
+        fail(ENOSPC, "there are " + std::to_string(kMostEntries) + " entries");
 }
 
 bool CZipOutputStream::Archive::State::Add(wxInputStream& in, bool text, const wxString& name,
@@ -286,16 +287,16 @@ bool CZipOutputStream::Archive::State::Add(wxInputStream& in, bool text, const w
 bool CZipOutputStream::Archive::State::Write(wxInputStream& in, std::unique_ptr<wxZipEntry> entry,
                                              Host::AddedEntry& added)
 {
-    if (!writer) KeepError("the archive is closed");
+    if (!writer) KeepError({EBADF, "the archive is closed"});
     if (!writer || is_broken) return false;
     wxZipOutputStream& zip = *writer->zip;
     const bool is_copied = zip.PutNextEntry(entry.release()) && writer->Copy(in, added);
     const bool is_ended = zip.CloseEntry() && zip.IsOk();
-    is_broken = !is_ended || !writer->file.Error().empty();
+    is_broken = !is_ended || writer->file.Error();
     if (is_broken)
         KeepWriteError();
     else if (!is_copied)
-        KeepError(path + ": entry " + added.name + " is incomplete: its input failed");
+        KeepError({EIO, path + ": entry " + added.name + " is incomplete: its input failed"});
     return is_copied && !is_broken;
 }
 
@@ -304,7 +305,7 @@ void CZipOutputStream::Archive::State::Close()
     if (!writer) return;
     const bool is_complete = !is_broken && writer->CloseZip();
     writer->file.Finish();
-    if (!is_complete || !writer->file.Error().empty()) KeepWriteError();
+    if (!is_complete || writer->file.Error()) KeepWriteError();
     writer.reset();
 }
 
@@ -344,7 +345,7 @@ void CZipOutputStream::Archive::AddBytes(const std::string& name, std::string_vi
     m_state->CheckNew(name, bytes.size());
     wxMemoryInputStream in(bytes.data(), bytes.size());
     if (!Add(in, Host::IsPlainUtf8(bytes), FromUtf8(name), wxString()))
-        throw std::runtime_error(m_state->last_error);
+        throw Host::FileError(*m_state->last_error);
 }
 
 const std::vector<Host::AddedEntry>& CZipOutputStream::Archive::Entries() const
@@ -355,7 +356,7 @@ const std::vector<Host::AddedEntry>& CZipOutputStream::Archive::Entries() const
 void CZipOutputStream::Archive::Close()
 {
     m_state->BreakIfThrown([&] { m_state->Close(); });
-    if (!m_state->first_error.empty()) throw std::runtime_error(m_state->first_error);
+    if (m_state->first_error) throw Host::FileError(*m_state->first_error);
 }
 
 CZipOutputStream::CZipOutputStream(std::unique_ptr<Archive> archive) : m_archive(std::move(archive))

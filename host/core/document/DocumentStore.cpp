@@ -1,9 +1,12 @@
 // Host documents in memory and in state directories.
+#include <errno.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstring>
 #include <deque>
+#include <exception>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
@@ -11,6 +14,7 @@
 #include "document/StateDirectory.h"
 #include "text/Json.h"
 #include "vxa_core/document.h"
+#include "vxa_core/files.h"
 #include "vxa_core/text.h"
 
 namespace VxaCore {
@@ -31,7 +35,7 @@ struct CDom::Store::State {
     std::deque<Event> events;   // without a directory all of them, else those not yet stored
     bool is_unwritten = false;  // the document has changed since it was last stored
     bool is_closed = false;
-    std::string close_error;  // what Close throws; empty if everything is stored
+    std::exception_ptr close_error;  // what Close throws; null if everything is stored
 };
 
 namespace {
@@ -182,20 +186,20 @@ EventList ParseEvents(const std::string& text)
     return list;
 }
 
-// Calls the function; keeps the message of the first failure.
+// Calls the function; keeps the first failure.
 template <typename Function>
-void KeepError(std::string& first_error, Function function)
+void KeepError(std::exception_ptr& first_error, Function function)
 try {
     function();
-} catch (const std::runtime_error& error) {
-    if (first_error.empty()) first_error = error.what();
+} catch (const std::runtime_error&) {
+    if (!first_error) first_error = std::current_exception();
 }
 
 }  // namespace
 
 void CDom::Store::State::CheckOpen() const
 {
-    if (is_closed) throw std::runtime_error("the document is closed");
+    if (is_closed) throw Host::FileError(EBADF, "the document is closed");
 }
 
 void CDom::Store::State::StoreDocument()
@@ -276,7 +280,7 @@ void CDom::Store::Close()
         m_state->is_closed = true;
         m_state->directory.reset();
     }
-    if (!m_state->close_error.empty()) throw std::runtime_error(m_state->close_error);
+    if (m_state->close_error) std::rethrow_exception(m_state->close_error);
 }
 
 }  // namespace VxaCore

@@ -52,10 +52,11 @@ FileDescriptor OpenStateDirectory(const std::string& path)
 try {
     const FileDescriptor found = OpenDirectory(path, IfMissing::kMake);
     FileDescriptor directory(openat(found.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!directory) throw std::runtime_error(ErrorText(errno));
+    if (!directory) throw Host::FileError(errno, ErrorText(errno));
     return directory;
 } catch (const std::runtime_error& error) {
-    throw std::runtime_error("state directory " + path + ": " + error.what());
+    throw Host::FileError(Host::ErrorNumber(error),
+                          "state directory " + path + ": " + error.what());
 }
 
 }  // namespace
@@ -83,7 +84,8 @@ File StateDirectory::Lock() const
     File lock = Open(kLock, O_RDWR | O_CREAT).value();
     if (flock(lock.Descriptor(), LOCK_EX | LOCK_NB) == 0) return lock;
     if (errno != EWOULDBLOCK) ThrowErrno("cannot lock " + m_path + "/" + kLock);
-    throw std::runtime_error("state directory " + m_path + " is in use by " + DescribeHolder(lock));
+    throw Host::FileError(EWOULDBLOCK,
+                          "state directory " + m_path + " is in use by " + DescribeHolder(lock));
 }
 
 void StateDirectory::WriteProcessId()

@@ -28,7 +28,7 @@ void Lock(const File& file, const std::string& path)
         if (errno != EWOULDBLOCK) ThrowErrno("cannot lock " + path);
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    throw std::runtime_error("cannot write " + path + ": another process is writing it");
+    throw FileError(EWOULDBLOCK, "cannot write " + path + ": another process is writing it");
 }
 
 }  // namespace
@@ -60,7 +60,7 @@ File AppendFile::State::Open() const
         Lock(opened, path);
         if (opened.IsNamed(directory, name)) return opened;
     }
-    throw std::runtime_error("cannot write " + path + ": it keeps being replaced");
+    throw FileError(EAGAIN, "cannot write " + path + ": it keeps being replaced");
 }
 
 AppendFile::AppendFile(const std::string& path) : m_state(std::make_unique<State>(path)) {}

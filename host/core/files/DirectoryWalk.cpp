@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <stdexcept>
 
 #include <linux/magic.h>
 
@@ -33,8 +32,8 @@ public:
 
     FileDescriptor Open(const std::string& path)
     {
-        if (path.empty()) throw std::runtime_error(ErrorText(ENOENT));
-        if (path.size() >= PATH_MAX) throw std::runtime_error(ErrorText(ENAMETOOLONG));
+        if (path.empty()) throw Host::FileError(ENOENT, ErrorText(ENOENT));
+        if (path.size() >= PATH_MAX) throw Host::FileError(ENAMETOOLONG, ErrorText(ENAMETOOLONG));
         std::string rest = path;
         GoToStart(rest);
         while (!rest.empty()) EnterNext(rest);
@@ -81,7 +80,7 @@ void DirectoryWalk::EnterNext(std::string& rest)
     else if (S_ISDIR(status.st_mode))
         Enter(std::move(next), name);
     else
-        throw std::runtime_error(PathOf(name) + " is not a directory");
+        throw Host::FileError(ENOTDIR, PathOf(name) + " is not a directory");
 }
 
 void DirectoryWalk::Enter(FileDescriptor next, const std::string& name)
@@ -123,9 +122,10 @@ void DirectoryWalk::Follow(int link, const struct stat& status, const std::strin
                            std::string& rest)
 {
     if (status.st_uid != 0 && status.st_uid != geteuid())
-        throw std::runtime_error(PathOf(name) + " is a symbolic link that another user (uid " +
-                                 std::to_string(status.st_uid) + ") made");
-    if (++m_links > kMostLinks) throw std::runtime_error(PathOf(name) + ": " + ErrorText(ELOOP));
+        throw Host::FileError(EACCES, PathOf(name) + " is a symbolic link that another user (uid " +
+                                          std::to_string(status.st_uid) + ") made");
+    if (++m_links > kMostLinks)
+        throw Host::FileError(ELOOP, PathOf(name) + ": " + ErrorText(ELOOP));
     struct statfs system;
     if (fstatfs(link, &system) == 0 && system.f_type == PROC_SUPER_MAGIC) {
         // The target of a link such as /proc/PID/cwd need not have a path that leads there.

@@ -18,13 +18,20 @@ namespace {
 constexpr std::size_t kMostBytes = 64 << 20;
 constexpr std::size_t kChunkBytes = 16384;
 
-// Why a file is refused, or null. If others may write to the directory, a hard link would make
-// any file of its file system one of this directory's.
-const char* ReasonToRefuse(const struct stat& status)
+// Why a file is refused; null and 0 if it is not.
+struct Refusal {
+    const char* reason;
+    int error_number;
+};
+
+// If others may write to the directory, a hard link would make any file of its file system one of
+// this directory's.
+Refusal ReasonToRefuse(const struct stat& status)
 {
-    if (S_ISLNK(status.st_mode)) return "it is a symbolic link";
-    if (!S_ISREG(status.st_mode)) return "it is not a regular file";
-    return status.st_nlink > 1 ? "it has more than one hard link" : nullptr;
+    if (S_ISLNK(status.st_mode)) return {"it is a symbolic link", ELOOP};
+    if (!S_ISREG(status.st_mode)) return {"it is not a regular file", EINVAL};
+    if (status.st_nlink > 1) return {"it has more than one hard link", EMLINK};
+    return {nullptr, 0};
 }
 
 // The next process must be able to open what this one made, whatever the umask. Some file
@@ -161,26 +168,26 @@ void File::RequireOwner() const
     struct stat status;
     if (fstat(Descriptor(), &status) != 0) Throw("read");
     if (status.st_uid != 0 && status.st_uid != geteuid())
-        throw std::runtime_error("cannot write " + m_path + ": another user (uid " +
-                                 std::to_string(status.st_uid) + ") owns it");
+        throw Host::FileError(EPERM, "cannot write " + m_path + ": another user (uid " +
+                                         std::to_string(status.st_uid) + ") owns it");
 }
 
 FileDescriptor OpenDirectoryOf(const std::string& path)
 try {
     const std::size_t slash = path.rfind('/');
-    if (slash + 1 == path.size()) throw std::runtime_error(ErrorText(EISDIR));
+    if (slash + 1 == path.size()) throw Host::FileError(EISDIR, ErrorText(EISDIR));
     return OpenDirectory(slash == path.npos ? "." : path.substr(0, slash + 1), IfMissing::kFail);
 } catch (const std::runtime_error& error) {
-    throw std::runtime_error("cannot write " + path + ": " + error.what());
+    throw Host::FileError(Host::ErrorNumber(error), "cannot write " + path + ": " + error.what());
 }
 
 std::optional<File> OpenRegularFile(const FileDescriptor& directory, const std::string& name,
                                     const std::string& path, int flags, mode_t mode)
 {
-    const auto fail = [&](const std::string& reason) {
+    const auto fail = [&](int error_number, const std::string& reason) {
         const bool is_read = (flags & O_ACCMODE) == O_RDONLY;
-        throw std::runtime_error((is_read ? "cannot read " : "cannot write ") + path + ": " +
-                                 reason);
+        throw Host::FileError(error_number,
+                              (is_read ? "cannot read " : "cannot write ") + path + ": " + reason);
     };
     constexpr int kCareful = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
     FileDescriptor file(openat(directory.Get(), name.c_str(), flags | kCareful, mode));
@@ -190,14 +197,24 @@ std::optional<File> OpenRegularFile(const FileDescriptor& directory, const std::
     const bool exists =
         file ? fstat(file.Get(), &status) == 0
              : fstatat(directory.Get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
-    if (const char* reason = exists ? ReasonToRefuse(status) : nullptr) fail(reason);
+    const Refusal refusal = exists ? ReasonToRefuse(status) : Refusal{nullptr, 0};
+    if (refusal.reason) fail(refusal.error_number, refusal.reason);
     if (!file && cause == ENOENT && !(flags & O_CREAT)) return std::nullopt;
-    if (!file || !exists) fail(ErrorText(cause));
+    if (!file || !exists) fail(cause, ErrorText(cause));
     if (flags & O_CREAT) AllowOwner(file.Get(), status);
     return File(std::move(file), path);
 }
 
 namespace Host {
+
+int ErrorNumber(const std::exception& error) noexcept
+{
+    if (const auto* file_error = dynamic_cast<const FileError*>(&error))
+        return file_error->ErrorNumber();
+    if (const auto* system_error = dynamic_cast<const std::system_error*>(&error))
+        return system_error->code().value();
+    return dynamic_cast<const std::bad_alloc*>(&error) ? ENOMEM : EINVAL;
+}
 
 const char* FileKind(const std::string& path)
 {

@@ -42,8 +42,8 @@ int WaitFor(pid_t child, const std::string& name, const std::function<const char
         if (reason || Clock::now() > deadline) {
             kill(child, SIGKILL);
             Reap(child);
-            throw std::runtime_error(name +
-                                     " was ended: " + (reason ? reason : "it took too long"));
+            throw FileError(reason ? EINTR : ETIMEDOUT,
+                            name + " was ended: " + (reason ? reason : "it took too long"));
         }
         poll(nullptr, 0, kWaitMs);
     }

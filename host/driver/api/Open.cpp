@@ -1,4 +1,5 @@
 // Opens and closes handles, and explains why none can be opened.
+#include <cerrno>
 #include <memory>
 #include <string>
 
@@ -16,6 +17,7 @@ namespace {
 // Plain arrays, so that a thread that ends has nothing to destroy.
 thread_local char open_error[512];
 thread_local char environment_error[512];
+thread_local int open_status = 0;
 
 // Throws an Error that names the chosen engine.
 [[noreturn]] void RefuseToOpen(const Engine& engine, const Error& cause)
@@ -45,6 +47,15 @@ std::unique_ptr<vxi_handle_ops_s> OpenHandle()
     return handle;
 }
 
+// Returns the status for an exception that OpenHandle has thrown.
+int StatusOf(const std::exception& error)
+{
+    if (const auto* cause = dynamic_cast<const Error*>(&error)) {
+        return cause->Status();
+    }
+    return dynamic_cast<const std::bad_alloc*>(&error) ? -ENOMEM : -EIO;
+}
+
 void CheckEnvironment()
 {
     const Engine& engine = ChosenEngine();
@@ -59,11 +70,13 @@ void CheckEnvironment()
 vxi_handle_ops_s* vxi_open(void)
 {
     BoundedText message(open_error);
+    open_status = 0;
     try {
         return OpenHandle().release();
     } catch (const std::exception& error) {
         CountFailure(Call::kOpen);
         message.Escaped(error.what());
+        open_status = StatusOf(error);
         return nullptr;
     }
 }
@@ -71,6 +84,11 @@ vxi_handle_ops_s* vxi_open(void)
 const char* vxi_open_error(void)
 {
     return open_error;
+}
+
+int vxi_open_status(void)
+{
+    return open_status;
 }
 
 const char* vxi_check_environment(void)

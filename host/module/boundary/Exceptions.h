@@ -14,13 +14,16 @@
 
 #include <lua.hpp>
 
+#include "vxa_core/files.h"
+
 namespace vxa {
 
-// The message of an exception, copied so that nothing is left to destroy when Lua raises. Has
-// room for the longest path and a reason; a longer message is cut in the middle, because reasons
-// are at the end.
+// What an exception reports, copied so that nothing is left to destroy when Lua raises. Has room
+// for the longest path and a reason; a longer message is cut in the middle, because reasons are at
+// the end.
 struct ErrorMessage {
     char text[4608] = "";
+    int number = 0;  // as VxaCore::Host::ErrorNumber returns it
 
     void Set(std::string_view message)
     {
@@ -45,27 +48,40 @@ bool Succeeds(Function&& function, ErrorMessage& message)
         return true;
     } catch (const std::exception& error) {
         message.Set(error.what());
+        message.number = VxaCore::Host::ErrorNumber(error);
         return false;
     }
 }
 
-// Returns false with nil and the message pushed if the function throws. [-0, +(0|2), m]
+// A function that fails returns nil, a message and a number, as Lua's io library does.
+constexpr int kErrorResults = 3;
+
+// Pushes these results: the number is an errno value, or a status of the driver library, which is
+// negative. [-0, +3, m]
+inline int PushError(lua_State* L, const char* message, int number)
+{
+    lua_pushnil(L);
+    lua_pushstring(L, message);
+    lua_pushinteger(L, number);
+    return kErrorResults;
+}
+
+// Returns false with these results pushed if the function throws. [-0, +(0|3), m]
 template <typename Function>
 bool SucceedsOrPushError(lua_State* L, Function&& function)
 {
     ErrorMessage message;
     if (Succeeds(function, message)) return true;
-    lua_pushnil(L);
-    lua_pushstring(L, message.text);
+    PushError(L, message.text, message.number);
     return false;
 }
 
-// Pushes true, or nil and the message if the function throws; returns the number of results.
-// [-0, +(1|2), m]
+// Pushes true, or the results of a failure if the function throws; returns their number.
+// [-0, +(1|3), m]
 template <typename Function>
 int PushSuccess(lua_State* L, Function&& function)
 {
-    if (!SucceedsOrPushError(L, function)) return 2;
+    if (!SucceedsOrPushError(L, function)) return kErrorResults;
     lua_pushboolean(L, 1);
     return 1;
 }

@@ -1,5 +1,8 @@
 // Choosing libvxi's engine, scripted faults, the simulated machine, and the latest counters.
+#include <errno.h>
+
 #include "Module.h"
+#include "boundary/Exceptions.h"
 #include "boundary/Values.h"
 #include "vxi/engine.h"
 
@@ -10,11 +13,8 @@ namespace {
 int Engine(lua_State* L)
 {
     const char* name = luaL_optstring(L, 1, nullptr);
-    if (name && vxi_engine_select(name) != 0) {
-        lua_pushnil(L);
-        lua_pushstring(L, vxi_unknown_engine(name));
-        return 2;
-    }
+    const int status = name ? vxi_engine_select(name) : 0;
+    if (status != 0) return PushError(L, vxi_unknown_engine(name), status);
     lua_pushstring(L, vxi_engine_name());
     return 1;
 }
@@ -30,8 +30,8 @@ int Engines(lua_State* L)
     return 1;
 }
 
-// Passes argument 1 to a function of libvxi that parses settings. Pushes true, or nil and where
-// they cannot be parsed. [-0, +(1|2), v]
+// Passes argument 1 to a function of libvxi that parses settings. Pushes true, or the results of a
+// failure with where they cannot be parsed. [-0, +(1|3), v]
 int Configure(lua_State* L, const char* what, int (*apply)(const char*, unsigned*))
 {
     const char* text = luaL_optstring(L, 1, "");
@@ -44,7 +44,8 @@ int Configure(lua_State* L, const char* what, int (*apply)(const char*, unsigned
     lua_pushnil(L);
     lua_pushfstring(L, "%s: cannot be read from character %d on: '%s'", what,
                     static_cast<int>(position) + 1, text + position);
-    return 2;
+    lua_pushinteger(L, status);
+    return kErrorResults;
 }
 
 int Fault(lua_State* L)
@@ -64,9 +65,7 @@ int CheckEnvironment(lua_State* L)
         lua_pushboolean(L, 1);
         return 1;
     }
-    lua_pushnil(L);
-    lua_pushstring(L, error);
-    return 2;
+    return PushError(L, error, -EINVAL);
 }
 
 // For machines without a monitored port, where nothing else advances the simulation.

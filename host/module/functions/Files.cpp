@@ -1,13 +1,10 @@
 // Files that may belong to other users: vxa.mkdir, vxa.file_kind, vxa.same_file, vxa.read_file,
 // vxa.read_tail, vxa.replace_file, vxa.remove_file; and the lines of the settings file:
 // vxa.conf_line.
-#include <errno.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -32,7 +29,8 @@ int FileKind(lua_State* L)
 {
     const char* path = CheckPath(L, 1);
     const char* kind = nullptr;
-    if (!SucceedsOrPushError(L, [&] { kind = VxaCore::Host::FileKind(path); })) return 2;
+    if (!SucceedsOrPushError(L, [&] { kind = VxaCore::Host::FileKind(path); }))
+        return kErrorResults;
     lua_pushstring(L, kind);
     return 1;
 }
@@ -48,7 +46,8 @@ int IsSameFile(lua_State* L)
     const char* path = CheckPath(L, 1);
     const char* other = CheckPath(L, 2);
     bool is_same = false;
-    if (!SucceedsOrPushError(L, [&] { is_same = FullName(path) == FullName(other); })) return 2;
+    if (!SucceedsOrPushError(L, [&] { is_same = FullName(path) == FullName(other); }))
+        return kErrorResults;
     lua_pushboolean(L, is_same ? 1 : 0);
     return 1;
 }
@@ -62,36 +61,14 @@ std::size_t CheckMostBytes(lua_State* L, int index)
     return static_cast<std::size_t>(most_bytes);
 }
 
-// Returns whether the function succeeds; if it throws, with nil, the message and the error number
-// pushed. [-0, +(0|3), m]
-template <typename Function>
-bool ReadsOrPushError(lua_State* L, Function function)
-{
-    int error_number = ENOMEM;
-    const auto read = [&] {
-        try {
-            function();
-        } catch (const VxaCore::Host::FileError& error) {
-            error_number = error.ErrorNumber();
-            throw;
-        } catch (const std::runtime_error&) {
-            error_number = EINVAL;
-            throw;
-        }
-    };
-    if (SucceedsOrPushError(L, read)) return true;
-    lua_pushnumber(L, error_number);
-    return false;
-}
-
-// read_file(path, most_bytes): the bytes; or nil, the message and the error number.
+// read_file(path, most_bytes)
 int ReadFile(lua_State* L)
 {
     const char* path = CheckPath(L, 1);
     const std::size_t most_bytes = CheckMostBytes(L, 2);
     auto* bytes = NewHolder<std::string>(L);
     const auto read = [&] { *bytes = VxaCore::Host::ReadFile(path, most_bytes); };
-    if (!ReadsOrPushError(L, read)) return 3;
+    if (!SucceedsOrPushError(L, read)) return kErrorResults;
     PushAndFree(L, *bytes);
     return 1;
 }
@@ -103,12 +80,12 @@ int ReadTail(lua_State* L)
     const std::size_t most_bytes = CheckMostBytes(L, 2);
     auto* bytes = NewHolder<std::string>(L);
     std::uint64_t skipped = 0;
-    const bool is_read = ReadsOrPushError(L, [&] {
+    const bool is_read = SucceedsOrPushError(L, [&] {
         VxaCore::Host::FileTail tail = VxaCore::Host::ReadTail(path, most_bytes);
         skipped = tail.skipped;
         *bytes = std::move(tail.bytes);
     });
-    if (!is_read) return 3;
+    if (!is_read) return kErrorResults;
     PushAndFree(L, *bytes);
     lua_pushnumber(L, static_cast<lua_Number>(skipped));
     return 2;

@@ -2,7 +2,6 @@
 #include <array>
 #include <cstring>
 #include <string_view>
-#include <system_error>
 
 #include "Module.h"
 #include "boundary/Exceptions.h"
@@ -36,29 +35,15 @@ Arguments CheckArguments(lua_State* L, int index)
     return arguments;
 }
 
-// run_program(arguments, input, output): true; or nil, the message and whether the program is
-// missing.
+// run_program(arguments, input, output)
 int RunProgram(lua_State* L)
 {
     const Arguments arguments = CheckArguments(L, 1);
     const std::string_view input = CheckBytes(L, 2);
     VxaCore::Host::PendingFile* const output = TestPendingFile(L, 3);
     luaL_argcheck(L, output, 3, "a file from vxa.temporary expected");
-    bool is_missing = false;
-    const auto run = [&] {
-        try {
-            VxaCore::Host::RunProgram(arguments.data(), input, *output, CaughtSignalName);
-        } catch (const std::system_error& error) {
-            is_missing = error.code() == std::errc::no_such_file_or_directory;
-            throw;
-        }
-    };
-    if (!SucceedsOrPushError(L, run)) {
-        lua_pushboolean(L, is_missing);
-        return 3;
-    }
-    lua_pushboolean(L, 1);
-    return 1;
+    return PushSuccess(
+        L, [&] { VxaCore::Host::RunProgram(arguments.data(), input, *output, CaughtSignalName); });
 }
 
 constexpr luaL_Reg kFunctions[] = {

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "Module.h"
+#include "boundary/Exceptions.h"
 
 namespace vxa {
 
@@ -58,7 +59,7 @@ bool WriteMeminfo(unsigned long long total_kb, unsigned long long free_kb)
     return pwrite(s_meminfo, text, static_cast<std::size_t>(length), 0) == length;
 }
 
-// simulate_memory(total_kb, free_kb): true, or nil and a message.
+// simulate_memory(total_kb, free_kb)
 int SimulateMemory(lua_State* L)
 {
     const lua_Number total_kb = luaL_checknumber(L, 1);
@@ -70,9 +71,11 @@ int SimulateMemory(lua_State* L)
         lua_pushboolean(L, 1);
         return 1;
     }
+    const int cause = errno;
     lua_pushnil(L);
-    lua_pushfstring(L, "%s cannot be covered: %s", kMeminfo, std::strerror(errno));
-    return 2;
+    lua_pushfstring(L, "%s cannot be covered: %s", kMeminfo, std::strerror(cause));
+    lua_pushinteger(L, cause);
+    return kErrorResults;
 }
 
 constexpr luaL_Reg kFunctions[] = {

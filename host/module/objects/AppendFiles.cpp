@@ -30,7 +30,9 @@ int OpenAppendFile(lua_State* L)
     const char* path = CheckPath(L, 1);
     auto* file = new (lua_newuserdata(L, sizeof(FileHolder))) FileHolder();
     luaL_setmetatable(L, kType);
-    return SucceedsOrPushError(L, [&] { *file = std::make_unique<AppendFile>(path); }) ? 1 : 2;
+    return SucceedsOrPushError(L, [&] { *file = std::make_unique<AppendFile>(path); })
+               ? 1
+               : kErrorResults;
 }
 
 int Head(lua_State* L)
@@ -41,7 +43,7 @@ int Head(lua_State* L)
                   "a number of bytes up to 1048576 expected");
     auto* bytes = NewHolder<std::string>(L);
     const auto read = [&] { *bytes = file.Head(static_cast<std::size_t>(most_bytes)); };
-    if (!SucceedsOrPushError(L, read)) return 2;
+    if (!SucceedsOrPushError(L, read)) return kErrorResults;
     PushAndFree(L, *bytes);
     return 1;
 }
@@ -51,7 +53,7 @@ template <typename Function>
 int PushCount(lua_State* L, Function&& function)
 {
     std::uint64_t count = 0;
-    if (!SucceedsOrPushError(L, [&] { count = function(); })) return 2;
+    if (!SucceedsOrPushError(L, [&] { count = function(); })) return kErrorResults;
     lua_pushnumber(L, static_cast<lua_Number>(count));
     return 1;
 }
@@ -92,7 +94,8 @@ int IsAppendedTo(lua_State* L)
 {
     const char* path = CheckPath(L, 1);
     bool is_locked = false;
-    if (!SucceedsOrPushError(L, [&] { is_locked = VxaCore::Host::IsAppendedTo(path); })) return 2;
+    if (!SucceedsOrPushError(L, [&] { is_locked = VxaCore::Host::IsAppendedTo(path); }))
+        return kErrorResults;
     lua_pushboolean(L, is_locked);
     return 1;
 }

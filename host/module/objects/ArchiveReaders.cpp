@@ -36,7 +36,7 @@ int ZipEntries(lua_State* L)
     const char* path = file ? nullptr : CheckPath(L, 1);
     auto* list = NewHolder<EntryList>(L);
     if (!SucceedsOrPushError(L, [&] { *list = file ? ListArchive(*file) : ListArchive(path); }))
-        return 2;
+        return kErrorResults;
     PushArray(L, *list, PushEntry);
     return 1;
 }
@@ -53,7 +53,7 @@ int ZipRead(lua_State* L)
         *bytes = VxaCore::Host::ReadArchiveEntry(path, std::string(name),
                                                  static_cast<std::uint64_t>(most_bytes));
     });
-    if (!is_read) return 2;
+    if (!is_read) return kErrorResults;
     PushAndFree(L, *bytes);
     return 1;
 }
@@ -78,7 +78,7 @@ int MakeReader(lua_State* L)
     auto* reader = new (lua_newuserdata(L, sizeof(ReaderHolder))) ReaderHolder();
     luaL_setmetatable(L, kReaderType);
     const auto open = [&] { *reader = std::make_unique<VxaCore::Host::ArchiveReader>(path); };
-    return SucceedsOrPushError(L, open) ? 1 : 2;
+    return SucceedsOrPushError(L, open) ? 1 : kErrorResults;
 }
 
 // The next entry; false after the last; or nil and a message.
@@ -86,7 +86,7 @@ int ReaderNext(lua_State* L)
 {
     ReaderHolder& reader = CheckReader(L);
     auto* entry = NewHolder<NextEntry>(L);
-    if (!SucceedsOrPushError(L, [&] { *entry = reader->Next(); })) return 2;
+    if (!SucceedsOrPushError(L, [&] { *entry = reader->Next(); })) return kErrorResults;
     if (*entry)
         PushEntry(L, **entry);
     else
@@ -99,7 +99,8 @@ int ReaderSha256(lua_State* L)
     ReaderHolder& reader = CheckReader(L);
     auto* digest = NewHolder<std::string>(L);
     const auto most_bytes = static_cast<std::uint64_t>(kMostEntryBytes);
-    if (!SucceedsOrPushError(L, [&] { *digest = reader->Sha256(most_bytes); })) return 2;
+    if (!SucceedsOrPushError(L, [&] { *digest = reader->Sha256(most_bytes); }))
+        return kErrorResults;
     PushAndFree(L, *digest);
     return 1;
 }

@@ -26,7 +26,7 @@ int MakeArchive(lua_State* L)
     auto* owner = PushHostObject<CZipOutputStream>(L);
     const bool is_made = SucceedsOrPushError(
         L, [&] { owner->Construct(file ? Archive::Create(*file) : Archive::Create(path)); });
-    return is_made ? 1 : 2;
+    return is_made ? 1 : kErrorResults;
 }
 
 void PushEntry(lua_State* L, const AddedEntry& entry)

@@ -53,14 +53,14 @@ int MakeChart(lua_State* L)
         options.until_us = until_us;
         *chart = std::make_unique<Chart>(path, options);
     };
-    return SucceedsOrPushError(L, open) ? 1 : 2;
+    return SucceedsOrPushError(L, open) ? 1 : kErrorResults;
 }
 
 int Read(lua_State* L)
 {
     Chart& chart = CheckChart(L);
     bool is_more = false;
-    if (!SucceedsOrPushError(L, [&] { is_more = chart.Read(kRowsAtOnce); })) return 2;
+    if (!SucceedsOrPushError(L, [&] { is_more = chart.Read(kRowsAtOnce); })) return kErrorResults;
     lua_pushnumber(L, is_more ? std::min(chart.Progress(), 0.999) : 1);
     return 1;
 }

@@ -42,7 +42,7 @@ int StartProcess(lua_State* L)
     const auto start = [&] {
         *process = std::make_unique<ChildProcess>(std::string(command), input, limit_s);
     };
-    return SucceedsOrPushError(L, start) ? 1 : 2;
+    return SucceedsOrPushError(L, start) ? 1 : kErrorResults;
 }
 
 void PushResult(lua_State* L, const ChildProcess::Result& result)

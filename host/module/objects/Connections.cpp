@@ -1,5 +1,6 @@
 // The method connections() of driver handles: the flow table as rows.
 #include <arpa/inet.h>
+#include <errno.h>
 
 #include <algorithm>
 #include <cstring>
@@ -230,11 +231,12 @@ bool AppendFlows(lua_State* L, Section& section, bool is_tcp)
     return true;
 }
 
-int PushInterrupted(lua_State* L)  // [-0, +2, m]
+int PushInterrupted(lua_State* L)  // [-0, +3, m]
 {
     lua_pushnil(L);
     lua_pushfstring(L, "interrupted by %s", CaughtSignalName());
-    return 2;
+    lua_pushinteger(L, EINTR);
+    return kErrorResults;
 }
 
 }  // namespace
@@ -251,9 +253,9 @@ int HandleConnections(lua_State* L)
     luaL_checkstack(L, kRowIndex + LUA_MINSTACK, nullptr);
     auto* table = NewHolder<FlowTable>(L);
     int status = 0;
-    if (!SucceedsOrPushError(L, [&] { status = ReadFlows(handle, *table); })) return 2;
+    if (!SucceedsOrPushError(L, [&] { status = ReadFlows(handle, *table); })) return kErrorResults;
     if (CaughtSignalName()) return PushInterrupted(L);
-    if (status != 0) return PushDriverError(L, handle);
+    if (status != 0) return PushDriverError(L, handle, status);
     const unsigned total = table->udp.Header()->total + table->tcp.Header()->total;
     for (const char* name : kNames) lua_pushstring(L, name);
     lua_createtable(L, table->udp.Header()->entry_ct + table->tcp.Header()->entry_ct, 0);

@@ -1,4 +1,6 @@
 // Host documents: vxa.Dom and its methods.
+#include <errno.h>
+
 #include <cmath>
 #include <variant>
 
@@ -31,7 +33,7 @@ int MakeDocument(lua_State* L)
     const bool is_made = SucceedsOrPushError(L, [&] {
         owner->Construct(directory ? CDom::Store::InDirectory(directory) : CDom::Store::InMemory());
     });
-    return is_made ? 1 : 2;
+    return is_made ? 1 : kErrorResults;
 }
 
 std::string_view CheckText(lua_State* L, int index)
@@ -42,7 +44,7 @@ std::string_view CheckText(lua_State* L, int index)
     return text;
 }
 
-// Pushes the results of get. [-0, +(1|2), m]
+// Pushes the results of get. [-0, +(1|3), m]
 struct PushValue {
     lua_State* l;
     int operator()(std::monostate) const { return lua_pushnil(l), 1; }
@@ -54,9 +56,7 @@ struct PushValue {
     }
     int operator()(const VxaCore::Host::NestedValue&) const
     {
-        lua_pushnil(l);
-        lua_pushliteral(l, "the value is a list or an object, which scripts cannot read");
-        return 2;
+        return PushError(l, "the value is a list or an object, which scripts cannot read", EINVAL);
     }
 };
 
@@ -125,7 +125,7 @@ int DocumentEvents(lua_State* L)
 {
     CDom& document = CheckDocument(L);
     auto* list = NewHolder<EventList>(L);
-    if (!SucceedsOrPushError(L, [&] { *list = document.store().Events(); })) return 2;
+    if (!SucceedsOrPushError(L, [&] { *list = document.store().Events(); })) return kErrorResults;
     PushArray(L, list->events, PushEvent);
     lua_pushnumber(L, static_cast<lua_Number>(list->unreadable));
     return 2;

@@ -3,6 +3,7 @@
 #include <climits>
 
 #include "Module.h"
+#include "boundary/Exceptions.h"
 #include "boundary/Values.h"
 #include "vxi/engine.h"
 
@@ -32,9 +33,7 @@ int Open(lua_State* L)
     luaL_setmetatable(L, kHandleType);
     block->handle = vxi_open();
     if (block->handle) return 1;
-    lua_pushnil(L);
-    lua_pushstring(L, vxi_open_error());
-    return 2;
+    return PushError(L, vxi_open_error(), vxi_open_status());
 }
 
 int Close(lua_State* L)
@@ -73,7 +72,7 @@ int Capabilities(lua_State* L)
     vxi_handle_ops_s* handle = CheckHandle(L);
     vxi_capability_s rows[kCapabilityRows] = {};
     const int count = vxi_capabilities(handle, rows, kCapabilityRows);
-    if (count < 0) return PushDriverError(L, handle);
+    if (count < 0) return PushDriverError(L, handle, count);
     lua_newtable(L);
     // A scripted failure can return any count without filling a row.
     for (int i = 0; i < count && i < static_cast<int>(kCapabilityRows) && rows[i].name; ++i) {
@@ -126,7 +125,8 @@ int SetVariable(lua_State* L)
 {
     vxi_handle_ops_s* handle = CheckHandle(L);
     const unsigned number = CheckUnsigned(L, 2);
-    if (vxi_set_var(handle, number, CheckUnsigned(L, 3)) != 0) return PushDriverError(L, handle);
+    const int status = vxi_set_var(handle, number, CheckUnsigned(L, 3));
+    if (status != 0) return PushDriverError(L, handle, status);
     lua_pushboolean(L, 1);
     return 1;
 }
@@ -157,13 +157,11 @@ vxi_handle_ops_s* CheckHandle(lua_State* L)
     return handle;
 }
 
-int PushDriverError(lua_State* L, vxi_handle_ops_s* handle)
+int PushDriverError(lua_State* L, vxi_handle_ops_s* handle, int status)
 {
     char text[kErrorBytes] = "";
     vxi_get_error(handle, text, sizeof text);
-    lua_pushnil(L);
-    lua_pushstring(L, text);
-    return 2;
+    return PushError(L, text, status);
 }
 
 void OpenDriverHandles(lua_State* L)

@@ -1,4 +1,5 @@
 // Masking diagnostic packages: vxa.redaction and its methods.
+#include <errno.h>
 #include <unistd.h>
 #include <wx/stream.h>
 
@@ -31,6 +32,7 @@ using redaction::Pseudonyms;
 using VxaCore::CZipOutputStream;
 using VxaCore::Host::ArchiveEntry;
 using VxaCore::Host::ArchiveReader;
+using VxaCore::Host::FileError;
 
 constexpr char kType[] = "vxa_redaction_t*";
 constexpr std::uint64_t kMostEntryBytes = std::uint64_t{256} << 20;
@@ -88,7 +90,7 @@ int MakeRedaction(lua_State* L)
             made->pseudonyms.emplace(false);
         *held = std::move(made);
     };
-    return SucceedsOrPushError(L, make) ? 1 : 2;
+    return SucceedsOrPushError(L, make) ? 1 : kErrorResults;
 }
 
 // ---- copying an entry -------------------------------------------------------------------
@@ -165,7 +167,7 @@ private:
     void Refill()
     {
         if (const char* const signal = CaughtSignalName())
-            throw std::runtime_error(std::string("interrupted by ") + signal);
+            throw FileError(EINTR, std::string("interrupted by ") + signal);
         const std::size_t got = m_reader.Read(m_chunk.data(), m_chunk.size(), kMostEntryBytes);
         m_isEnd = got == 0;
         m_read += got;
@@ -199,7 +201,7 @@ void ReadMasked(Redaction& redaction, const char* path, std::string_view name, F
         masked.CheckError();
         return;
     }
-    throw std::runtime_error(std::string(path) + ": has no entry " + std::string(name));
+    throw FileError(ENOENT, std::string(path) + ": has no entry " + std::string(name));
 }
 
 // Collects networks while it lives. Nothing is masked meanwhile, so it must not outlive a failure.
@@ -251,7 +253,7 @@ int CopyMasked(lua_State* L)
             const bool is_added =
                 archive.archive().Add(masked, true, wxString::FromUTF8(utf8.c_str()), {});
             masked.CheckError();
-            if (!is_added) throw std::runtime_error("entry " + utf8 + " cannot be written");
+            if (!is_added) throw FileError(EIO, "entry " + utf8 + " cannot be written");
         });
     });
 }

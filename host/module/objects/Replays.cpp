@@ -54,7 +54,7 @@ int Push(lua_State* L, Make make)
 {
     auto* held = new (lua_newuserdata(L, sizeof(std::unique_ptr<T>))) std::unique_ptr<T>();
     luaL_setmetatable(L, kType<T>);
-    return SucceedsOrPushError(L, [&] { *held = make(); }) ? 1 : 2;
+    return SucceedsOrPushError(L, [&] { *held = make(); }) ? 1 : kErrorResults;
 }
 
 template <typename T>
@@ -72,7 +72,7 @@ int Continue(lua_State* L, Work work)
     constexpr lua_Number kMostBeforeEnd = 0.999;  // the file may still grow
     T& object = Check<T>(L);
     bool has_more = false;
-    if (!SucceedsOrPushError(L, [&] { has_more = work(object); })) return 2;
+    if (!SucceedsOrPushError(L, [&] { has_more = work(object); })) return kErrorResults;
     lua_pushnumber(L, has_more ? std::min(object.Progress(), kMostBeforeEnd) : 1);
     return 1;
 }

@@ -46,7 +46,7 @@ int OpenRotatedFile(lua_State* L)
     const auto open = [&] {
         *file = std::make_unique<RotatedFile>(path, std::string(head), limits);
     };
-    return SucceedsOrPushError(L, open) ? 1 : 2;
+    return SucceedsOrPushError(L, open) ? 1 : kErrorResults;
 }
 
 // file:write(bytes): true, and why it could not be rotated; or nil and the message
@@ -55,7 +55,7 @@ int Write(lua_State* L)
     RotatedFile& file = CheckOpen(L);
     const std::string_view record = CheckBytes(L, 2);
     auto* failure = NewHolder<std::string>(L);
-    if (!SucceedsOrPushError(L, [&] { *failure = file.Write(record); })) return 2;
+    if (!SucceedsOrPushError(L, [&] { *failure = file.Write(record); })) return kErrorResults;
     lua_pushboolean(L, 1);
     if (failure->empty()) return 1;
     PushAndFree(L, *failure);
@@ -73,7 +73,7 @@ int Compress(lua_State* L)
 {
     RotatedFile& file = CheckOpen(L);
     bool has_more = false;
-    if (!SucceedsOrPushError(L, [&] { has_more = file.Compress(); })) return 2;
+    if (!SucceedsOrPushError(L, [&] { has_more = file.Compress(); })) return kErrorResults;
     lua_pushboolean(L, has_more);
     return 1;
 }

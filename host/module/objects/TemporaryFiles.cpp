@@ -29,7 +29,9 @@ int MakeTemporary(lua_State* L)
     const char* path = CheckPath(L, 1);
     auto* file = new (lua_newuserdata(L, sizeof(FileHolder))) FileHolder();
     luaL_setmetatable(L, kType);
-    return SucceedsOrPushError(L, [&] { *file = std::make_unique<PendingFile>(path); }) ? 1 : 2;
+    return SucceedsOrPushError(L, [&] { *file = std::make_unique<PendingFile>(path); })
+               ? 1
+               : kErrorResults;
 }
 
 int Write(lua_State* L)

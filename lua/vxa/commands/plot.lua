@@ -42,11 +42,13 @@ end
 
 -- ---- drawing ----------------------------------------------------------------------------
 
+local ENOENT = 2  -- errno value
+
 local function draw(vxa, script, file)
     -- Without the user's settings, which could change every picture.
-    local drawn, message, is_missing = vxa.run_program({ "gnuplot", "--default-settings" }, script,
+    local drawn, message, code = vxa.run_program({ "gnuplot", "--default-settings" }, script,
         file)
-    if is_missing then message = "gnuplot is missing; install the package gnuplot-nox" end
+    if code == ENOENT then message = "gnuplot is missing; install the package gnuplot-nox" end
     return drawn, message
 end
 

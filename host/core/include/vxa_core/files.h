@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <stdexcept>
 #include <string>
 
@@ -13,7 +14,8 @@ namespace VxaCore::Host {
 // Whether a write waits until the disk has what was written.
 enum class Flush { kToDisk, kNot };
 
-// A file that cannot be used; the message begins with its path.
+// A failure with the errno value that fits it: that of the system call, or, where this library
+// refuses what the system would accept, the value that a system call would return for it.
 class VXA_CORE_API FileError : public std::runtime_error {
 public:
     FileError(int error_number, const std::string& message)
@@ -26,6 +28,10 @@ public:
 private:
     int m_errorNumber;
 };
+
+// Returns the errno value of a FileError or std::system_error, ENOMEM for std::bad_alloc, and
+// EINVAL for other failures: most of those are about a content that is not as it should be.
+VXA_CORE_API int ErrorNumber(const std::exception& error) noexcept;
 
 // Makes a directory and its parents with mode 0755 whatever the umask; leaves existing ones as
 // they are. Follows a symbolic link in the path only if root or the caller owns it. Throws

@@ -35,6 +35,10 @@ VXI_API const char* vxi_unknown_engine(const char* name);
 /* Why this thread's last vxi_open returned null; empty if it did not. */
 VXI_API const char* vxi_open_error(void);
 
+/* The status for which this thread's last vxi_open returned null, as a call on a handle would have
+ * returned it; 0 if it did not return null. */
+VXI_API int vxi_open_status(void);
+
 /* Checks the environment variables that the next vxi_open depends on: VXI_ENGINE until
  * vxi_engine_select has chosen an engine, VXI_FAULT until vxi_fault_script has replaced it, and
  * what the chosen engine reads (VXI_SIM until vxi_sim_configure has replaced it). Returns an
