@@ -45,6 +45,11 @@ bool IsHexadecimal(std::string_view text)
     return std::all_of(text.begin(), text.end(), [](char c) { return HexValue(c) >= 0; });
 }
 
+bool IsSha256(std::string_view text)
+{
+    return text.size() == 64 && IsHexadecimal(text);
+}
+
 // An abbreviation of a time zone, such as CET or +03.
 bool IsZone(std::string_view text)
 {
@@ -461,8 +466,13 @@ bool EntryMasker::AppendJsonWord(std::string& out, std::string_view word, std::s
         return key == "addr" ? AppendPrefix(out, word, rest)
                              : key == "range" && AppendRange(out, word, rest);
     if (IsHostName()) m_pseudonyms.ReserveHost(word);
-    const bool is_public =
-        (Key(1) == "build_ids" && IsHexadecimal(word)) || (key == "time_zone" && IsZone(word));
+    if (key == "kernel") {
+        m_words.AppendRelease(out, word);
+        return true;
+    }
+    const bool is_public = (Key(1) == "build_ids" && IsHexadecimal(word)) ||
+                           (key == "policy_sha256" && IsSha256(word)) ||
+                           (key == "time_zone" && IsZone(word));
     if (is_public) out += word;
     return is_public;
 }

@@ -61,7 +61,7 @@ constexpr const char* kSystemWords = R"(
     opensuse suse leap tumbleweed sles arch alpine amazon oracle gentoo nixos lts bookworm
     bullseye trixie forky sid buster focal jammy noble bionic server linux-gnu smp preempt
     preempt_dynamic preempt_rt dynamic rt generic cloud lowlatency aws azure gcp kvm amd64 arm64
-    x86_64 x86 i386 i686 aarch64 armv7l riscv64 ppc64le s390x el7 el8 el9 el10 deb11 deb12 deb13
+    x86_64 x86 i386 i686 aarch64 armv7l riscv64 ppc64le s390x el el7 el8 el9 el10 deb11 deb12 deb13
     utc gmt jan feb mar apr may jun jul aug sep oct nov dec mon tue wed thu fri sat sun
     etc var lib run opt usr bin sbin tmp home srv mnt proc sys dev conf csv json jsonl txt log zip
     gz tpf so prom www com org net local localhost localdomain root nobody

@@ -349,4 +349,36 @@ void WordMasker::Append(std::string& out, std::string_view word, Place place)
     }
 }
 
+// ---- releases ---------------------------------------------------------------------------
+
+// "-18-cloud-amd64", "+deb13-amd64", "-301.fc40.x86_64"; not "-52-54-00-12-34-56".
+bool WordMasker::IsPublicSuffix(std::string_view suffix) const
+{
+    unsigned numbers = 0;
+    for (std::size_t at = 0; at < suffix.size();) {
+        const std::size_t end = std::min(suffix.find_first_of("-+.", at), suffix.size());
+        const std::string_view piece = suffix.substr(at, end - at);
+        // "fc40", "el8_10"
+        const std::string_view word = piece.substr(0, piece.find_last_not_of("0123456789_") + 1);
+        if (!IsPublicWord(piece) && !word.empty() && !IsPublicWord(word)) return false;
+        if (m_pseudonyms.IsReserved(piece)) return false;
+        numbers += !piece.empty() && word.empty();
+        at = end + 1;
+    }
+    return numbers < 4;
+}
+
+void WordMasker::AppendRelease(std::string& out, std::string_view release)
+{
+    const std::size_t end = std::min(release.find_first_not_of("0123456789."), release.size());
+    const std::string_view suffix = release.substr(end);
+    const bool has_suffix = !suffix.empty() && (suffix[0] == '-' || suffix[0] == '+');
+    if (!has_suffix || release.find('.') > end) return Append(out, release, {});
+    Append(out, release.substr(0, end), {});  // 10.1.2.3 is not a release
+    if (IsPublicSuffix(suffix))
+        out += suffix;
+    else
+        Append(out, suffix, {});
+}
+
 }  // namespace vxa::redaction

@@ -28,6 +28,10 @@ public:
     // is masked as a whole.
     void Append(std::string& out, std::string_view word, Place place);
 
+    // Appends the release of a kernel ("6.1.0-18-amd64"). Its number stays; what follows it stays
+    // if all of it is numbers and public words, because the builder of a kernel can add any name.
+    void AppendRelease(std::string& out, std::string_view release);
+
     // Appends the first address of the network whose prefix has `length` bits; false if the word
     // is not the address of such a network.
     bool AppendNetwork(std::string& out, std::string_view word, unsigned length);
@@ -52,6 +56,7 @@ private:
     std::size_t AppendAddressAt(std::string& out, std::string_view word, std::size_t at);
     std::size_t AppendPartAt(std::string& out, std::string_view word, std::size_t at, Place place);
     void AppendPart(std::string& out, std::string_view part, Place place);
+    bool IsPublicSuffix(std::string_view suffix) const;
 
     Pseudonyms& m_pseudonyms;
 };

@@ -33,7 +33,7 @@ local function build_parser()
         :description("Plays the filter script of a host security agent: monitors this machine's "
             .. "health and decides when a network filter should stop enforcing, reports "
             .. "connections, and packages the driver's tables.")
-        :epilog("Exit status: 0 success; 1 the run failed; 2 wrong arguments or policy.")
+        :epilog("Exit status: 0 success; 1 the run failed; 2 wrong arguments or files.")
         :help_max_width(80):usage_max_width(80):command_target("command")
     parser:flag("--version", "Show the version and exit.")
     parser:require_command(false)

@@ -71,13 +71,10 @@ public:
     }
 
 private:
-    // Opening or reading a pipe or device could block.
     static FileDescriptor Open(const std::string& path)
     {
-        FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
         struct stat status;
-        if (!file || fstat(file.Get(), &status) != 0) ThrowErrno("cannot read " + path);
-        if (!S_ISREG(status.st_mode)) throw std::runtime_error(path + " is not a file");
+        FileDescriptor file = OpenInput(path, status);
         // wxWidgets reads a file that is too short for any record as an empty archive.
         if (status.st_size < kSmallestArchive)
             throw std::runtime_error(path + ": " + kNotAnArchive);

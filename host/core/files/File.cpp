@@ -205,6 +205,18 @@ std::optional<File> OpenRegularFile(const FileDescriptor& directory, const std::
     return File(std::move(file), path);
 }
 
+FileDescriptor OpenInput(const std::string& path, struct stat& status)
+{
+    const auto fail = [&](int cause, const std::string& reason) {
+        throw Host::FileError(cause, path + ": " + reason);
+    };
+    FileDescriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!file || fstat(file.Get(), &status) != 0) fail(errno, ErrorText(errno));
+    if (S_ISDIR(status.st_mode)) fail(EISDIR, ErrorText(EISDIR));
+    if (!S_ISREG(status.st_mode)) fail(EINVAL, "not a regular file");
+    return file;
+}
+
 namespace Host {
 
 int ErrorNumber(const std::exception& error) noexcept
@@ -235,16 +247,11 @@ const char* FileKind(const std::string& path)
     }
 }
 
-InputFile::InputFile(const std::string& path)
-    : m_path(path), m_fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC))
+InputFile::InputFile(const std::string& path) : m_path(path)
 {
-    FileDescriptor closed_on_failure(m_fd);
     struct stat status;
-    if (m_fd < 0 || fstat(m_fd, &status) != 0) Fail(errno);
-    if (S_ISDIR(status.st_mode)) Fail(EISDIR);
-    if (!S_ISREG(status.st_mode)) throw FileError(EINVAL, path + ": not a regular file");
+    m_fd = OpenInput(path, status).Release();
     m_size = static_cast<std::uint64_t>(status.st_size);
-    closed_on_failure.Release();
 }
 
 InputFile::~InputFile()

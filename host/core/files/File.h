@@ -1,7 +1,7 @@
 // Open files. Operations that fail throw std::system_error with the file's path and the reason.
 #pragma once
 
-#include <sys/types.h>
+#include <sys/stat.h>
 
 #include <cstdint>
 #include <optional>
@@ -88,6 +88,11 @@ FileDescriptor OpenDirectory(const std::string& path, IfMissing if_missing);
 // Opens the directory of a file, which must exist, as OpenDirectory does. Throws
 // std::runtime_error with the path and the reason.
 FileDescriptor OpenDirectoryOf(const std::string& path);
+
+// Opens a regular file for reading; links are followed, the writer of a FIFO is not waited for.
+// Sets `status`. Throws Host::FileError with the path and the reason, with EINVAL for a file of
+// another kind.
+FileDescriptor OpenInput(const std::string& path, struct stat& status);
 
 // Opens `path`, whose name in `directory` is `name`, if it is a regular file with one link; does
 // not follow links, nor wait for the other end of a FIFO. With O_CREAT, `mode` is for a new file;

@@ -122,6 +122,16 @@ local function entry_rows(redaction, old, written, left_out)
     return rows.list
 end
 
+-- Adds how the original differs from its manifest to `rows`, those of an earlier masking.
+local function add_problems(redaction, problems, rows)
+    for i = 1, math.min(#problems, MOST_LEFT_OUT) do
+        local name = problems[i].name:sub(1, LONGEST_NAME)
+        rows[#rows + 1] = { name = FORMATS[name] and name or redaction:mask(name, "text"),
+                            problem = redaction:mask(problems[i].problem, "text") }
+    end
+    return array(rows)
+end
+
 -- Returns the manifest of the copy as text: that of the package, masked, or one with the entries
 -- only. Sums of the original would confirm guesses.
 local function masked_manifest(vxa, redaction, found, written)
@@ -135,6 +145,8 @@ local function masked_manifest(vxa, redaction, found, written)
     content.manifest, content.redacted = manifest.FORMAT, vxa.version
     local old = content.entries ~= json.null and content.entries or {}
     content.entries = entry_rows(redaction, old, written, found.left_out)
+    local earlier = content.original_problems ~= json.null and content.original_problems or {}
+    content.original_problems = add_problems(redaction, found.problems, earlier)
     return manifest.encode(content)
 end
 
@@ -162,14 +174,17 @@ local function build(vxa, redaction, source, found, file)
     return saved and #archive:entries(), message
 end
 
--- Returns what is in the package: {copied, left_out, manifest, raw}.
+-- Returns what is in the package, {copied, left_out, manifest, raw}, and how it differs from its
+-- manifest: `problems`, as manifest.verify returns them.
 local function inspect(vxa, path)
     local entries, message = vxa.zip_entries(path)
     if not entries then exit.fail(2, "%s", message) end
-    local found = {}
+    local found = { problems = {} }
     found.copied, found.left_out = sort_entries(entries)
     found.manifest, found.raw, found.has_manifest = manifest.read(vxa, path, entries)
-    if not found.manifest then
+    if found.manifest then
+        found.problems = manifest.verify(vxa, path, found.manifest, #entries).problems
+    else
         if found.has_manifest then
             table.insert(found.left_out, { name = manifest.NAME, reason = found.raw })
         end
@@ -183,13 +198,25 @@ end
 
 local MOST_COMPLAINTS = 20
 
-local function complain(left_out)
-    for i = 1, math.min(#left_out, MOST_COMPLAINTS) do
-        console.complain(("%s is left out: %s"):format(left_out[i].name, left_out[i].reason))
+-- `describe(row)` returns the message for a row; `others` is what more rows are.
+local function complain(rows, describe, others)
+    for i = 1, math.min(#rows, MOST_COMPLAINTS) do console.complain(describe(rows[i])) end
+    if #rows > MOST_COMPLAINTS then
+        console.complain(("%d more %s"):format(#rows - MOST_COMPLAINTS, others))
     end
-    if #left_out > MOST_COMPLAINTS then
-        console.complain(("%d more entries are left out"):format(#left_out - MOST_COMPLAINTS))
-    end
+end
+
+-- Returns the exit status: 1 if the package is not what its manifest describes, as for vxa show.
+local function judge(found, path)
+    complain(found.left_out, function(row)
+        return ("%s is left out: %s"):format(row.name, row.reason)
+    end, "entries are left out")
+    complain(found.problems, function(row)
+        return ("%s is not what its manifest describes: %s: %s"):format(path, row.name,
+            row.problem)
+    end, "such entries")
+    local is_unusable = found.has_manifest and not found.manifest
+    return (is_unusable or #found.problems > 0) and 1 or 0
 end
 
 local function check_names(vxa, options)
@@ -212,13 +239,13 @@ local function run(options)
     local count = new_file.write(vxa, options.archive, options.force, "copy", function(file)
         return build(vxa, redaction, options.source, found, file)
     end)
-    complain(found.left_out)
+    local status = judge(found, options.source)
     console.line("%s: %s, masked", printable(options.archive),
         format.count(count, "entry", "entries"))
     if options.map then
         console.line("%s undoes the masking: do not give it away", printable(options.map))
     end
-    return 0
+    return status
 end
 
 return { define = define, run = run }

@@ -9,7 +9,6 @@ local option = require "vxa.options"
 local package_entries = require "vxa.packages.entries"
 local package_text = require "vxa.reports.package_text"
 local printable = require "vxa.output.printable"
-local progress = require "vxa.output.progress"
 local rule_profile = require "vxa.rules.profile"
 local session = require "vxa.session"
 
@@ -45,25 +44,18 @@ local function show_listing(entries, path)
         format.size(bytes))
 end
 
-local function verify(vxa, path, content, count)
-    local line, done = progress.new(vxa, "checking entries"), 0
-    local matching, problems = manifest.verify(vxa, path, content, function()
-        exit.if_interrupted(vxa)
-        done = done + 1
-        line:show(done, count)
-    end)
-    line:finish()
-    return { matching = matching, problems = problems }
+local function list_entries(vxa, path)
+    local entries, message = vxa.zip_entries(path)
+    return entries or exit.fail(2, "%s", message)
 end
 
 -- Returns the package's {entries, manifest, raw, reason, has_manifest, verified}.
 local function inspect(vxa, path)
-    local entries, message = vxa.zip_entries(path)
-    if not entries then exit.fail(1, "%s", message) end
+    local entries = list_entries(vxa, path)
     local found = { entries = entries }
     found.manifest, found.raw, found.has_manifest = manifest.read(vxa, path, entries)
     if found.manifest then
-        found.verified = verify(vxa, path, found.manifest, #entries)
+        found.verified = manifest.verify(vxa, path, found.manifest, #entries)
     else
         found.reason = found.raw
     end
@@ -161,7 +153,15 @@ local function write_readable(vxa, name, bytes)
     return (is_binary(vxa, bytes) and write_hexadecimal or write_text)(vxa, bytes)
 end
 
+local function require_entry(vxa, options)
+    for _, entry in ipairs(list_entries(vxa, options.archive)) do
+        if entry.name == options.entry then return end
+    end
+    exit.fail(2, "%s: has no entry %s", options.archive, options.entry)
+end
+
 local function show(vxa, options)
+    require_entry(vxa, options)
     local bytes, message = vxa.zip_read(options.archive, options.entry)
     if not bytes then exit.fail(1, "%s", message) end
     if options.raw then return console.write(bytes) end

@@ -45,7 +45,7 @@ end
 -- Returns {path, list, entries: by name, manifest, no_manifest: why there is none}.
 function archive.open(vxa, path)
     local list, message = vxa.zip_entries(path)
-    if not list then exit.fail(1, "%s", message) end
+    if not list then exit.fail(2, "%s", message) end
     local package = setmetatable({ path = path, list = {}, entries = {} }, Archive)
     for _, entry in ipairs(list) do
         if not package.entries[entry.name] then
@@ -54,7 +54,7 @@ function archive.open(vxa, path)
         end
     end
     if not is_package(package.entries) then
-        exit.fail(1, "%s is not a diagnostic package: it has none of the entries of one", path)
+        exit.fail(2, "%s is not a diagnostic package: it has none of the entries of one", path)
     end
     local reason, is_there
     package.manifest, reason, is_there = manifest.read(vxa, path, list)

@@ -3,7 +3,9 @@
 
 local json = require "dkjson"
 
+local exit = require "vxa.exit"
 local json_text = require "vxa.output.json_text"
+local progress = require "vxa.output.progress"
 
 local manifest = { NAME = "manifest.json", FORMAT = 1 }
 
@@ -18,9 +20,9 @@ local KEY_ORDER = {
     "name", "kernel", "kernel_build", "architecture", "distribution", "distribution_id",
     "distribution_version", "uid", "engine", "profile_s", "available", "detail", "capabilities",
     "policy", "source", "recorded", "settings", "warnings", "state", "directory", "in_use",
-    "fail_open", "last_transition", "last_cycle", "events", "time", "id", "text", "failed_calls",
-    "call", "status", "message", "failed_calls_dropped", "entries", "unknown", "member", "reason",
-    "bytes", "sha256", "milliseconds",
+    "fail_open", "run_ended", "last_transition", "last_cycle", "events", "time", "id", "text",
+    "failed_calls", "call", "status", "message", "failed_calls_dropped", "entries", "unknown",
+    "member", "reason", "bytes", "sha256", "milliseconds", "original_problems", "problem",
 }
 
 function manifest.encode(content)
@@ -50,13 +52,14 @@ local SHAPE = {
     policy = { source = "string", recorded = "string", settings = "object",
                warnings = array "string!" },
     state = { directory = "string", in_use = "boolean", fail_open = "string",
-              last_transition = "object", last_cycle = "object" },
+              run_ended = "string", last_transition = "object", last_cycle = "object" },
     events = array { time = "string", id = "number!", text = "string!" },
     failed_calls = array { call = "string!", status = "number", message = "string!" },
     failed_calls_dropped = "number",
     entries = array { name = "string!", state = "string!", reason = "string", bytes = "number",
                       sha256 = "string", milliseconds = "number" },
     unknown = array { member = "string!", reason = "string!" },
+    original_problems = array { name = "string!", problem = "string!" },
 }
 
 -- The metatable of objects; arrays have none.
@@ -201,33 +204,45 @@ function Check:entry(reader, entry)
     end
 end
 
--- Compares the entries of a package with its manifest. `progress` is called after each. Returns
--- the number of entries that match, and an array of {name, problem}.
-function manifest.verify(vxa, path, content, progress)
-    local reader, message = vxa.zip_reader(path)
-    if not reader then return 0, { { name = path, problem = message } } end
-    local found = setmetatable({ path = path, rows = {}, seen = {}, problems = {}, bytes = 0,
-                                 matching = 0 }, Check)
-    found:expect(content.entries)
-    local entry
-    entry, message = reader:next()
+function Check:entries(reader, after_each)
+    local entry, message = reader:next()
     while entry do
         if entry.name == manifest.NAME then
-            found.seen[entry.name] = true
+            self.seen[entry.name] = true
         else
-            found:entry(reader, entry)
+            self:entry(reader, entry)
         end
-        progress()
+        after_each()
         entry, message = reader:next()
     end
-    if message then found:complain(path, message) end
+    if message then self:complain(self.path, message) end
+end
+
+-- Compares the entries of a package, `count` in all, with its manifest. Shows progress on a
+-- terminal and ends the command after a signal. Returns {matching=, problems=}: the number of
+-- entries that match, and an array of {name, problem}.
+function manifest.verify(vxa, path, content, count)
+    local reader, message = vxa.zip_reader(path)
+    if not reader then
+        return { matching = 0, problems = { { name = path, problem = message } } }
+    end
+    local found = setmetatable({ path = path, rows = {}, seen = {}, problems = {}, bytes = 0,
+                                 matching = 0 }, Check)
+    local line, done = progress.new(vxa, "checking entries"), 0
+    found:expect(content.entries)
+    found:entries(reader, function()
+        exit.if_interrupted(vxa)
+        done = done + 1
+        line:show(done, count)
+    end)
+    line:finish()
     reader:close()
     for _, row in ipairs(content.entries) do
         if row.bytes and not found.seen[row.name] then
             found:complain(row.name, "the package does not have it, but the manifest has its sum")
         end
     end
-    return found.matching, found.problems
+    return { matching = found.matching, problems = found.problems }
 end
 
 return manifest

@@ -102,20 +102,24 @@ function state_files.last_cycle(vxa, directory)
 end
 
 local kinds = { started = "policy", policy = "policy", entered = "transition", left = "transition",
-                ended = "end", lost = "end" }
+                ended = "ended", lost = "ended" }
 
--- Returns what the records of the transitions say: `transition`, the last one as it was written,
--- and `policy`, the record of the policy in force if the run has not ended.
+-- Returns what the records of the transitions say: `transition`, the last one as it was written;
+-- `policy`, the record of the policy of the last run; and `run_ended`, when that run ended, nil if
+-- it did not record that.
 function state_files.summary(vxa, entries)
     local last = {}
     for line in complete_lines(entries[1].text or "") do
-        local kind = kinds[line:match('^{"record":"(%l+)"')]
+        local name = line:match('^{"record":"(%l+)"')
+        local kind = kinds[name]
         if kind then last[kind] = line end
-        if kind == "end" then last.policy = nil end
+        if name == "started" then last.ended = nil end
     end
+    local ended = last.ended and parse(vxa, last.ended)
     return {
         transition = last.transition and parse(vxa, last.transition) and quote(last.transition),
         policy = last.policy and parse(vxa, last.policy),
+        run_ended = ended and type(ended.time) == "string" and ended.time or nil,
     }
 end
 

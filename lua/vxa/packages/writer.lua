@@ -73,7 +73,7 @@ local function recorded_policy(record)
              recorded = text(record.time), warnings = array {} }
 end
 
--- A run that lives knows best what is in force.
+-- The run that keeps the directory has recorded what is in force, or was when it ended.
 function Writer:policy_member()
     local options, chosen = self.options, self.policy
     local record = self.state.policy
@@ -103,6 +103,7 @@ function Writer:state_member()
     return {
         directory = printable(directory), in_use = self.attached.is_document_in_use == true,
         fail_open = known("fail_open", self:fail_open()),
+        run_ended = self.state.run_ended or json.null,
         last_transition = known("last_transition", self.state.transition,
             self.state_entries[1].reason or "no transition was recorded"),
         last_cycle = known("last_cycle", state_files.last_cycle(self.vxa, directory)),

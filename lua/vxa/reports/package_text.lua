@@ -96,6 +96,13 @@ local function engine_line(content)
         #lacking > 0 and "not available: " .. table.concat(lacking, ", ") or nil)
 end
 
+-- `policy`: one that has been recorded by a run.
+local function time_in_force(policy, state)
+    local ended = state and state.run_ended
+    return ("in force %s %s%s"):format(ended and "from" or "since", policy.recorded,
+        ended and " until the run ended" or "")
+end
+
 local function policy_line(content)
     local policy = content.policy
     if not policy then return why_unknown(content, "policy") end
@@ -104,7 +111,7 @@ local function policy_line(content)
     local warnings = #(policy.warnings or {})
     return join(", ", policy.source, format.count(count, "setting"),
         warnings > 0 and format.count(warnings, "warning") or nil,
-        policy.recorded and "in force since " .. policy.recorded or nil)
+        policy.recorded and time_in_force(policy, content.state) or nil)
 end
 
 local state_names = { Activated = "fail-open", Deactivated = "enforcing" }
@@ -127,19 +134,31 @@ local function transition_part(state)
     local transition = state.last_transition
     if not transition or type(transition.time) ~= "string" then return nil end
     local is_current = state.fail_open == "Activated" and transition.record == "entered"
-    local till = is_current and transition.fail_open_until
+    local till = is_current and state.in_use and not state.run_ended
+        and transition.fail_open_until
     local change = type(transition.record) == "string" and transition.record .. " at " or "at "
     return join("; ", join(": ", (is_current and "" or "last transition: ") .. change
         .. transition.time, causes(transition)),
         type(till) == "string" and "lasts at least until " .. till or nil)
 end
 
+-- What the filter did or, if its run has ended, did last.
+local function state_part(state)
+    local name = state_names[state.fail_open] or state.fail_open
+    if not name then return nil end
+    if state.run_ended then
+        return ("the run ended at %s, %s until then"):format(state.run_ended, name)
+    end
+    if state.in_use then return name end
+    return state.last_cycle and name .. ", by a run that did not record its end"
+        or name .. " when the last run ended"
+end
+
 local function state_line(content)
     local state = content.state
     if not state then return why_unknown(content, "state") end
     local cycle = state.last_cycle and state.last_cycle.time
-    return join("; ", state_names[state.fail_open] or state.fail_open,
-        transition_part(state),
+    return join("; ", state_part(state), transition_part(state),
         type(cycle) == "string" and "last seen running at " .. cycle or nil)
 end
 
@@ -175,6 +194,12 @@ local function unknown_rows(content)
     return lines
 end
 
+local function problem_lines(problems)
+    local lines = {}
+    for i, row in ipairs(problems) do lines[i] = row.name .. ": " .. row.problem end
+    return lines
+end
+
 -- `verified`: {matching=, problems=}.
 function package_text.manifest(content, verified)
     show_line("host", host_line(content))
@@ -186,12 +211,12 @@ function package_text.manifest(content, verified)
     show_line("failures", failures_line(content))
     show_list("lacking", problem_rows(content))
     show_list("not known", unknown_rows(content))
+    show_list("original", problem_lines(content.original_problems or {}))
     package_text.verification(verified)
 end
 
 function package_text.verification(verified)
-    local wrong = {}
-    for i, row in ipairs(verified.problems) do wrong[i] = row.name .. ": " .. row.problem end
+    local wrong = problem_lines(verified.problems)
     show_line("sums", ("%s the manifest%s"):format(
         verified.matching == 1 and "1 entry matches"
             or ("%d entries match"):format(verified.matching),

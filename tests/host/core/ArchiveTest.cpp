@@ -106,7 +106,7 @@ TEST(Archive, IsReadBackAndDamageIsFound)
         EXPECT_EQ(Error(path), kNotAnArchive) << bytes.size();
     }
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-    EXPECT_EQ(Error(pipe), " is not a file");
+    EXPECT_EQ(Error(pipe), ": not a regular file");
     EXPECT_THROW(CZipOutputStream::Archive::Create(pipe), std::runtime_error);
 }
 

@@ -123,8 +123,8 @@ for _, row in ipairs {
     { "history --state folder --since 2026-02-29", 2, "%-%-since must be a date .* not '2026" },
     { "history --state folder --since 2999-01-01", 2, "%-%-since 2999%-01%-01 is in the future" },
     { "show --raw p.zip", 2, "%-%-raw needs an entry" },
-    { "show other.zip", 1, "other.zip: not? .*zip archive" },
-    { "show p.zip vxa_none.txt", 1, "p.zip: has no entry vxa_none.txt" },
+    { "show other.zip", 2, "other.zip: not? .*zip archive" },
+    { "show p.zip vxa_none.txt", 2, "p.zip: has no entry vxa_none.txt" },
 } do
     local out, status, err = vxa(row[1], row[4])
     equal({ status, out, (shell "ls -AR") }, { row[2], "", before }, "vxa " .. row[1] .. err)

@@ -215,12 +215,12 @@ for _, row in ipairs {
     { "same.zip large.zip", 0, "vxa_stats.txt %(counters%): differs; too large to compare" },
     { "same.zip many.zip", 0, "differs; has more than 300000 items [^\n]* in the newer package\n" },
     { "older.zip newer.zip --limit 0", 0, "\n  and 3 more changed\n" },
-    { "same.zip cut.zip", 1, "^vxa: [^\n]*zip archive[^\n]*\n$" },
-    { "same.zip other.zip", 1, "^vxa: other.zip is not a diagnostic package[^\n]*\n$" },
-    { "file same.zip", 1, "^vxa: file: not a zip archive[^\n]*\n$" },
-    { "same.zip folder", 1, "^vxa: [^\n]*folder[^\n]*\n$" },
-    { "fifo same.zip", 1, "^vxa: fifo is not a file\n$" },
-    { "same.zip /dev/zero", 1, "^vxa: /dev/zero is not a file\n$" },
+    { "same.zip cut.zip", 2, "^vxa: [^\n]*zip archive[^\n]*\n$" },
+    { "same.zip other.zip", 2, "^vxa: other.zip is not a diagnostic package[^\n]*\n$" },
+    { "file same.zip", 2, "^vxa: file: not a zip archive[^\n]*\n$" },
+    { "same.zip folder", 2, "^vxa: [^\n]*folder[^\n]*\n$" },
+    { "fifo same.zip", 2, "^vxa: fifo: not a regular file\n$" },
+    { "same.zip /dev/zero", 2, "^vxa: /dev/zero: not a regular file\n$" },
     { "same.zip", 2, "missing argument 'B.zip'" },
 } do
     local text, status = run("diff " .. row[1])

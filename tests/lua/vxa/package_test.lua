@@ -97,6 +97,11 @@ os.remove(conf)
 command "diag p.zip --force --port 443"
 equal(show("p.zip").manifest.policy.settings.SYS_CONF_CONN_REFUSAL_PORT, 443, "port")
 kept:close()
+os.execute("echo '" .. '\n{"record":"ended","time":"T4"}' .. "' >>" .. SCRATCH
+    .. "kept/transitions.jsonl")
+command "diag p.zip --force --state kept"
+matches(command "show p.zip", "\npolicy +P, 1 setting, in force from T1 until the run ended\n"
+    .. "state +the run ended at T4, fail%-open until then\n")
 
 -- ---- archive:add --------------------------------------------------------------------------
 
