@@ -116,7 +116,7 @@ local function judge(writer)
     for _, row in ipairs(writer.rows) do
         if row.is_of_driver and row.written and row.written.bytes > 0 then return 0 end
     end
-    console.complain("the driver returned nothing")
+    console.complain("the driver returned nothing: the package has none of its tables")
     return 1
 end
 

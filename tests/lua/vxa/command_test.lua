@@ -242,7 +242,7 @@ for _, row in ipairs {
     { "diag p.zip --force", "VXI_FAULT=vxi_driver_available=0,vxi_get_profile_stats=-1:gone",
       "\nmissing  vxa_stats.txt       the driver is not available\n.*  vxa_variables.*_conn_track.*"
       .. "_blacklist.*\nempty    vxa.tpf +vxi_get_profile_stats failed with %-1: .*: gone\n",
-      "^vxa: the driver returned nothing\n$", 1 },
+      "^vxa: the driver returned nothing: .*\n$", 1 },
     { "show p.zip vxa.tpf", "", "^%(vxa.tpf is empty%)\n$" },
     { "diag p.zip --force", "VXI_FAULT=vxi_get_varv=-10017,vxi_get_var=-5",
       "  vxa_variables.txt  the driver does not have all.*\nfailed   vxi_get_var +.* with %-5" },

@@ -38,7 +38,7 @@ std::uint32_t NftBatch::Add(std::uint16_t type, std::uint16_t flags, std::string
                             FunctionRef<void(nlmsghdr*)> fill)
 {
     if (m_buffer.size() - m_used < kMessageSizeMax) {
-        throw std::length_error("nf_tables batch");
+        throw std::length_error("internal error: the nf_tables batch is full");
     }
     m_labels.push_back(std::move(label));
     m_lastMessage = PutNftRequest(m_buffer.data() + m_used, type, flags);
