@@ -38,13 +38,14 @@ function(install_document file)
     file(READ ${file} text)
     string(REGEX REPLACE "\\]\\((\\.\\./)*host/driver/engines/([a-z]+)/README\\.md"
         "](engine-\\2.md" text "${text}")
-    string(REGEX REPLACE "\\]\\((\\.\\./|docs/)+" "](" text "${text}")
+    string(REGEX REPLACE "\\]\\((\\.\\./|docs/|commands/)+" "](" text "${text}")
     file(CONFIGURE OUTPUT ${CMAKE_BINARY_DIR}/install/${name} CONTENT "@text@" @ONLY)
     install(FILES ${CMAKE_BINARY_DIR}/install/${name} DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/fc
         COMPONENT documentation)
 endfunction()
 
-file(GLOB documents RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS docs/*.md)
+file(GLOB documents RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS
+    docs/*.md docs/commands/*.md)
 foreach(document README.md CHANGELOG.md CONTRIBUTING.md ${documents})
     install_document(${document})
 endforeach()

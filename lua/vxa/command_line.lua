@@ -28,7 +28,8 @@ local function replace_help(parser)
     end
 end
 
-local function build_parser()
+-- Returns the parser, for a run of the command and for what is generated from its options.
+function command_line.parser()
     local parser = argparse("vxa")
         :description("Plays the filter script of a host security agent: monitors this machine's "
             .. "health and decides when a network filter should stop enforcing, reports "
@@ -69,7 +70,7 @@ end
 
 -- Returns the options as a table, or nil and what is wrong. Help ends the process.
 function command_line.parse(arguments)
-    local parser = build_parser()
+    local parser = command_line.parser()
     local ok, parsed = parser:pparse(attach_negative_numbers(with_help_option(arguments)))
     if not ok then return nil, (parsed:gsub("\nDid you mean", "; did you mean")) end
     if parsed.outbound and not parsed.port then return nil, "--outbound needs --port" end

@@ -72,7 +72,7 @@ end
 
 function options.add_policy(command)
     command:option("--policy", ("Health policy, a JSON file. Default: %s if it exists, otherwise "
-        .. "a built-in policy."):format(policy_source.CONF_PATH)):argname("FILE")
+        .. "a built-in policy."):format(policy_source.CONF_PATH)):argname("FILE.json")
         :convert(options.file_name("--policy"))
     command:option("--port", "Monitor the connections of this port. Where connections are "
         .. "redirected (DNAT), this is the port they are redirected to; traffic forwarded to "

@@ -23,7 +23,7 @@ local function define(command)
         :target("picture"):convert(picture_name):count(1)
     command:flag("--force", "Replace an existing file.")
     command:option("--policy", "Draw the thresholds of this policy, and when it would have been in "
-        .. "fail-open, instead of what is in the record."):argname("FILE")
+        .. "fail-open, instead of what is in the record."):argname("FILE.json")
         :convert(option.file_name("--policy"))
     command:option("--since", "Leave out what is earlier, such as '2026-11-22 04:00' (UTC).")
         :argname("TIME"):convert(option.time("--since"))

@@ -15,8 +15,8 @@ local function define(command)
     command:description("Show when a recorded run was in fail-open, and when it would have been "
         .. "with other policies.")
     option.add_record(command)
-    command:option("--policy", "A health policy, a JSON file. May be repeated."):argname("FILE")
-        :convert(option.file_name("--policy")):count("*"):target("policies")
+    command:option("--policy", "A health policy, a JSON file. May be repeated.")
+        :argname("FILE.json"):convert(option.file_name("--policy")):count("*"):target("policies")
     option.add_lenient(command)
     option.add_json(command)
 end

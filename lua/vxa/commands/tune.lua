@@ -26,7 +26,7 @@ local function define(command)
     option.add_record(command)
     command:option("--entries-per-week", "How often a metric alone may enter fail-open "
         .. "(default 1)."):argname("N"):convert(entries_per_week):default(1):target("entries")
-    command:option("-o --output", "Write the policy to this file."):argname("FILE")
+    command:option("-o --output", "Write the policy to this file."):argname("FILE.json")
         :convert(option.file_name("--output"))
     command:flag("--force", "Replace an existing file.")
     option.add_json(command)

@@ -21,7 +21,7 @@ end
 local function define(command)
     command:option("--metrics", "Keep the run's metrics for Prometheus in this file, for the "
         .. "textfile collector of its node exporter. The name must end in .prom.")
-        :argname("FILE"):convert(file_name)
+        :argname("FILE.prom"):convert(file_name)
     command:flag("--metrics-services", "With --metrics: also count connections by service.")
 end
 

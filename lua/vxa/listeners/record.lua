@@ -13,7 +13,7 @@ local session = require "vxa.session"
 
 local function define(command)
     command:option("--record", "Append a row with all six metrics to this CSV file for each "
-        .. "cycle, for vxa plot, replay and tune."):argname("FILE")
+        .. "cycle, for vxa plot, replay and tune."):argname("FILE.csv")
         :convert(option.file_name("--record"))
 end
 
