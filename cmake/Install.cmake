@@ -7,6 +7,10 @@ set(lua_modules ${CMAKE_INSTALL_LIBDIR}/lua/5.2)
 set(lua_scripts ${CMAKE_INSTALL_DATADIR}/lua/5.2)
 set(command_files ${CMAKE_INSTALL_DATADIR}/vxa)
 
+# Whatever the umask and the permissions in this tree are.
+set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE
+    GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+
 # path_from(BASE PATH VARIABLE): the relative path between two folders of the installation.
 function(path_from base path variable)
     foreach(folder base path)
@@ -70,10 +74,9 @@ install(TARGETS vxi vxa_core EXPORT fc
 install(TARGETS vxa LIBRARY DESTINATION ${lua_modules} COMPONENT command)
 set_target_properties(vxa PROPERTIES INSTALL_RPATH "$ORIGIN/../.." INSTALL_RPATH_USE_LINK_PATH ON)
 install(DIRECTORY lua/vxa DESTINATION ${command_files}/lua COMPONENT command)
-install(DIRECTORY share/simulated DESTINATION ${command_files} COMPONENT command
-    USE_SOURCE_PERMISSIONS)
-install(DIRECTORY share/prometheus DESTINATION ${command_files} COMPONENT command
-    PATTERN tests EXCLUDE)
+install(PROGRAMS share/simulated/nproc share/simulated/uptime
+    DESTINATION ${command_files}/simulated COMPONENT command)
+install(DIRECTORY share/prometheus DESTINATION ${command_files} COMPONENT command)
 
 # The command finds everything else relative to its own place.
 foreach(folder lua_modules lua_scripts command_files)

@@ -19,7 +19,7 @@ local function load_module(name)
     if cause:find("^module '" .. name .. "' not found") then
         cause = ("no %s.so in %s"):format(name, package.cpath:gsub("/%?%.so$", ""))
     end
-    exit.fail(1, "cannot load module '%s': %s (build it with ./dev build, or set VXA_LIB to its "
+    exit.fail(1, "cannot load module '%s': %s (not built or not installed; VXA_LIB can name its "
         .. "directory)", name, cause)
 end
 
