@@ -32,8 +32,9 @@ void OpenLogs(lua_State* L);             // trace, verbose, log_to, capture, cap
 void OpenPrograms(lua_State* L);         // run_program
 void OpenSignals(lua_State* L);          // sleep, catch_signals, interrupted, reloads
 void OpenSimulatedMemory(lua_State* L);  // simulate_memory
-void OpenSystem(lua_State* L);           // clock, time, setenv, isatty, uname, build_id, ...
+void OpenSystem(lua_State* L);           // clock, time, setenv, isatty, uname, ...
 void OpenTerminalText(lua_State* L);     // printable, hexdump
+void OpenVersions(lua_State* L);         // versions, build_id
 
 // Returns the name of the latest signal that catch_signals caught, or null. Signals.cpp
 const char* CaughtSignalName();

@@ -61,6 +61,7 @@ int OpenModule(lua_State* L)
     OpenSimulatedMemory(L);
     OpenSystem(L);
     OpenTerminalText(L);
+    OpenVersions(L);
     lua_pushliteral(L, VXA_VERSION);
     lua_setfield(L, -2, "version");
     return 1;
