@@ -36,6 +36,10 @@ void OpenSystem(lua_State* L);           // clock, time, setenv, isatty, uname, 
 void OpenTerminalText(lua_State* L);     // printable, hexdump
 void OpenVersions(lua_State* L);         // versions, build_id
 
+// Raises an error if a library has another binary interface than this module was built for; it
+// names both versions and the library's file. Versions.cpp [-0, +0, v]
+void CheckLibraryVersions(lua_State* L);
+
 // Returns the name of the latest signal that catch_signals caught, or null. Signals.cpp
 const char* CaughtSignalName();
 

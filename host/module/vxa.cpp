@@ -73,6 +73,7 @@ int OpenModule(lua_State* L)
 
 extern "C" __attribute__((visibility("default"))) int luaopen_vxa(lua_State* L)
 {
+    vxa::CheckLibraryVersions(L);
     // Once per process: another state may be on another thread.
     static const bool kHasLocale = vxa::SetLocale();
     static const bool kHasStreams = vxa::OccupyStandardDescriptors();

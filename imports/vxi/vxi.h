@@ -35,6 +35,19 @@ enum { VXI_E_UNKNOWN_VARIABLE = -10017 };
  * private to the library. */
 typedef struct vxi_handle_ops_s vxi_handle_ops_s;
 
+/* ---- version ----------------------------------------------------------- */
+
+/* Version of the binary interface of the headers in vxi/, and the number in the soname. It
+ * changes when a program that was built with the former headers could fail: a call is removed,
+ * or its parameters, results or meaning change; a record has another size, layout or meaning; a
+ * constant has another value. Additional calls and constants do not change it. */
+#define VXI_ABI_VERSION 1
+
+/* Returns the version that the library was built with, which its users compare with theirs
+ * before any other call. A library without this function has version 1: users that accept such
+ * a library refer to it as a weak symbol. */
+VXI_API unsigned int vxi_abi_version(void);
+
 /* ---- handles ----------------------------------------------------------- */
 
 /* Opens the process's engine. Returns null if it cannot be opened at all. An

@@ -36,7 +36,7 @@ function command_line.parser()
             .. "connections, and packages the driver's tables.")
         :epilog("Exit status: 0 success; 1 the run failed; 2 wrong arguments or files.")
         :help_max_width(80):usage_max_width(80):command_target("command")
-    parser:flag("--version", "Show the version and exit.")
+    parser:flag("--version", "Show the version and each library's build, and exit.")
     parser:require_command(false)
     for _, name in ipairs(COMMANDS) do
         require("vxa.commands." .. name).define(parser:command(name))

@@ -3,19 +3,26 @@
 local command_line = require "vxa.command_line"
 local console = require "vxa.output.console"
 local exit = require "vxa.exit"
+local printable = require "vxa.output.printable"
 local session = require "vxa.session"
 
-local function version_line()
+-- The command, then the files that the process has loaded, whichever installation they are from.
+local function show_versions()
     local vxa = session.load_host()
-    return ("vxa %s (%s, engines %s)"):format(vxa.version, _VERSION,
+    console.line("vxa %s (%s, engines %s)", vxa.version, _VERSION,
         table.concat(vxa.engines(), ", "))
+    session.load_filter()
+    for _, file in ipairs(vxa.versions()) do
+        console.line("%-14s  %-8s  %-40s  %s", file.name, printable(file.version or "-"),
+            file.build_id or "-", printable(file.path))
+    end
 end
 
 local function perform(arguments)
     local parsed, message = command_line.parse(arguments)
     if not parsed then exit.fail(2, "%s", message) end
     if parsed.version then
-        console.line(version_line())
+        show_versions()
         return 0
     end
     return require("vxa.commands." .. parsed.command).run(parsed)

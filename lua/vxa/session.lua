@@ -32,6 +32,11 @@ function session.load_host()
     return vxa
 end
 
+-- Loads the filter module. Needs the host module.
+function session.load_filter()
+    load_module "fc"
+end
+
 local function select_engine(vxa, option)
     local name = option or os.getenv("VXI_ENGINE")
     if name == "" then name = nil end
@@ -46,7 +51,7 @@ function session.attach(options)
     local engine = select_engine(vxa, options.engine)
     local valid, message = vxa.check_environment()
     if not valid then exit.fail(2, "%s", message) end
-    load_module "fc"
+    session.load_filter()
     return { vxa = vxa, engine = engine }
 end
 

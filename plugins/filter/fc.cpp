@@ -9,6 +9,7 @@
 #include "ConnMetrics/ConnMetrics.h"
 #include "Diagnostics/Bundle.h"
 #include "Export.h"
+#include "LibraryVersions.h"
 #include "LuaArgs.h"
 #include "LuaBoundary.h"
 #include "SLB3/slb.h"
@@ -98,6 +99,7 @@ int AddDriverDiagnostics(lua_State* L)
 
 int luaopen_fc(lua_State* L)
 {
+    fc::CheckLibraryVersions(L);
     SetUpExceptions();
     fc::Guarded(L, InstallProfilerHooksOnce);
     SLB3::Namespace(L, "SLB.filter")

@@ -1,4 +1,4 @@
-// An engine: a name and a full table of operations.
+// An engine: a version, a name and a full table of operations.
 //
 // The public calls check their arguments and then call the table without null checks: an engine
 // that lacks an operation inherits it from DefaultOperations. An operation returns 0 or a
@@ -28,6 +28,7 @@ struct Operations {
 };
 
 struct Engine {
+    unsigned int abi_version;  // VXI_ABI_VERSION when the engine was compiled; always first
     const char* name;
     Operations operations;
     // Throws an Error while the engine's own environment variable cannot be used: vxi_open fails

@@ -27,10 +27,17 @@ const Engine* FindEngine(const char* name)
     return nullptr;
 }
 
+// Null also if the table of the engine's operations may differ from what dispatch calls.
+const Engine* FindUsableEngine(const char* name)
+{
+    const Engine* const engine = FindEngine(name);
+    return engine && engine->abi_version == VXI_ABI_VERSION ? engine : nullptr;
+}
+
 struct Registry {
     const char* names[std::size(kEngines) + 1] = {};
     std::string requested;              // by the environment
-    std::atomic<const Engine*> chosen;  // null while the environment names an unknown engine
+    std::atomic<const Engine*> chosen;  // null while the environment names an unusable engine
 
     Registry();
 };
@@ -42,7 +49,7 @@ Registry::Registry()
     }
     const char* const name = std::getenv("VXI_ENGINE");
     requested = name && *name ? name : names[0];
-    chosen = FindEngine(requested.c_str());
+    chosen = FindUsableEngine(requested.c_str());
 }
 
 Registry& ProcessRegistry()
@@ -52,8 +59,14 @@ Registry& ProcessRegistry()
     return instance;
 }
 
-std::string UnknownEngine(const std::string& name)
+// Why FindUsableEngine returns null.
+std::string UnusableEngine(const std::string& name)
 {
+    if (const Engine* const engine = FindEngine(name.c_str())) {
+        return "engine " + name + " was compiled for version " +
+               std::to_string(engine->abi_version) + " of the interface, not for version " +
+               std::to_string(VXI_ABI_VERSION);
+    }
     std::string message = "unknown engine '" + name + "'; known are:";
     const char* separator = " ";
     for (const Engine* engine : kEngines) {
@@ -70,12 +83,17 @@ const Engine& ChosenEngine()
     const Registry& registry = ProcessRegistry();
     const Engine* const chosen = registry.chosen.load(std::memory_order_acquire);
     if (!chosen) {
-        throw Error(-EINVAL, "VXI_ENGINE: " + UnknownEngine(registry.requested));
+        throw Error(-EINVAL, "VXI_ENGINE: " + UnusableEngine(registry.requested));
     }
     return *chosen;
 }
 
 }  // namespace vxi
+
+unsigned int vxi_abi_version(void)
+{
+    return VXI_ABI_VERSION;
+}
 
 const char* vxi_engine_name(void)
 {
@@ -92,7 +110,7 @@ int vxi_engine_is_simulated(void)
 
 int vxi_engine_select(const char* name)
 {
-    const vxi::Engine* const found = name ? vxi::FindEngine(name) : nullptr;
+    const vxi::Engine* const found = name ? vxi::FindUsableEngine(name) : nullptr;
     if (!found) {
         return -EINVAL;
     }
@@ -111,7 +129,7 @@ const char* vxi_unknown_engine(const char* name)
     static thread_local char message[256];
     vxi::BoundedText text(message);
     try {
-        text.Escaped(vxi::UnknownEngine(name ? name : ""));
+        text.Escaped(vxi::UnusableEngine(name ? name : ""));
     } catch (const std::bad_alloc&) {
         text.Plain("unknown engine");
     }

@@ -8,7 +8,9 @@
 #include <string_view>
 
 #include "Module.h"
+#include "VxaCore/Version.h"
 #include "boundary/Values.h"
+#include "vxi/vxi.h"
 
 namespace vxa {
 
@@ -166,6 +168,16 @@ int BuildId(lua_State* L)
     return 1;
 }
 
+// [-0, +0, v]
+void CheckVersion(lua_State* L, const char* name, unsigned int expected, unsigned int found)
+{
+    if (found == expected) return;
+    const Libraries libraries = FindLibraries(name);
+    luaL_error(L, "vxa was built for version %d of the interface of %s, not for version %d: %s",
+               static_cast<int>(expected), name, static_cast<int>(found),
+               libraries.count > 0 ? libraries.rows[0].path : "unknown file");
+}
+
 constexpr luaL_Reg kFunctions[] = {
     {"versions", Versions},
     {"build_id", BuildId},
@@ -173,6 +185,12 @@ constexpr luaL_Reg kFunctions[] = {
 };
 
 }  // namespace
+
+void CheckLibraryVersions(lua_State* L)
+{
+    CheckVersion(L, "libvxi", VXI_ABI_VERSION, vxi_abi_version());
+    CheckVersion(L, "libvxa_core", VxaCore::kAbiVersion, VxaCore::AbiVersion());
+}
 
 void OpenVersions(lua_State* L)
 {

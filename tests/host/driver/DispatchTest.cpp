@@ -210,7 +210,8 @@ int (*get_states)();  // of the engine below
 struct PartialOperations : vxi::DefaultOperations {
     static int GetConnStates(Handle, vxa_get_conn_states_s*) { return get_states(); }
 };
-constexpr vxi::Engine kPartial = {"made", vxi::MakeOperations<PartialOperations>(), nullptr};
+constexpr vxi::Engine kPartial = {VXI_ABI_VERSION, "made", vxi::MakeOperations<PartialOperations>(),
+                                  nullptr};
 
 // Whatever an engine lacks or throws, the caller gets a status and a message about it.
 TEST(PartialEngine, NothingIsMissingAndNothingEscapes)

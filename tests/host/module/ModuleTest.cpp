@@ -76,7 +76,7 @@ const std::string kScripts[] = {
     "local z = vxa.ZipOutputStream(dir) z:close() z:entries() vxa.zip_entries(dir)",
     ("local z = vxa.ZipOutputStream(dir) z:add('a', 'b') z:add('a', '') z:close() z:entries() "
      "local r = vxa.zip_reader(dir) r:next() r:sha256() r:sha256() r:next()"),
-    "vxa.uname() vxa.build_id('vxa.so') vxa.read_tail('/etc/passwd', 9) vxa.read_tail('/no/a', 1)",
+    "vxa.uname() vxa.versions() vxa.read_tail('/etc/passwd', 9) vxa.read_tail('/no/a', 1)",
     "assert(vxa.ZipOutputStream(dir .. '.zip')) vxa.zip_read('/nonexistent/a', 'b')",
     "vxa.temporary(dir):publish() vxa.file_kind('/dev/null/x') vxa.mkdir(dir .. '/a/b')",
     "local h = assert(vxa.open()) h:set_variable(62, 1) h:connections() h:failures()",

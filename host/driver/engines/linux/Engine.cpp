@@ -2,4 +2,5 @@
 #include "engines/linux/Operations.h"
 
 // Handles share the process's monitor, which starts when it is first used.
-const vxi::Engine vxi::kLinuxEngine = {"linux", MakeOperations<LinuxOperations>(), nullptr};
+const vxi::Engine vxi::kLinuxEngine = {VXI_ABI_VERSION, "linux", MakeOperations<LinuxOperations>(),
+                                       nullptr};

@@ -290,8 +290,9 @@ struct SimOperations : DefaultOperations {
 
 }  // namespace vxi::sim
 
-const vxi::Engine vxi::kSimEngine = {sim::kEngineName, MakeOperations<sim::SimOperations>(),
-                                     sim::CheckEnvironment, true};
+const vxi::Engine vxi::kSimEngine = {VXI_ABI_VERSION, sim::kEngineName,
+                                     MakeOperations<sim::SimOperations>(), sim::CheckEnvironment,
+                                     true};
 
 int vxi_sim_configure(const char* settings, unsigned int* position)
 {

@@ -20,7 +20,7 @@ extern "C" {
 VXI_API const char* vxi_engine_name(void);
 
 /* Chooses the engine for handles opened from now on; open handles keep theirs. Returns -EINVAL
- * for an unknown name. */
+ * for an unknown name, and for an engine that was compiled for another VXI_ABI_VERSION. */
 VXI_API int vxi_engine_select(const char* name);
 
 /* The engines' names, null-terminated; lives for the process. */
@@ -28,6 +28,7 @@ VXI_API const char* const* vxi_engine_list(void);
 
 /* The error message for a name that vxi_engine_select refuses:
  *   unknown engine 'name'; known are: linux, sim
+ *   engine sim was compiled for version 2 of the interface, not for version 1
  * Pure ASCII; the string belongs to the calling thread and lives until its next call of this
  * function. */
 VXI_API const char* vxi_unknown_engine(const char* name);

@@ -1,0 +1,7 @@
+// The version of the library's binary interface.
+#include "VxaCore/Version.h"
+
+unsigned int VxaCore::AbiVersion()
+{
+    return kAbiVersion;
+}
