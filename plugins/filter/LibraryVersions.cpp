@@ -37,8 +37,7 @@ void CheckVersion(lua_State* L, const char* name, unsigned int expected, unsigne
     Dl_info library{};
     dladdr(version ? reinterpret_cast<const void*>(version) : function, &library);
     luaL_error(L, "fc was built for version %d of the interface of %s, not for version %d: %s",
-               static_cast<int>(expected), name, static_cast<int>(found),
-               library.dli_fname ? library.dli_fname : "unknown file");
+               static_cast<int>(expected), name, static_cast<int>(found), library.dli_fname);
 }
 
 }  // namespace

@@ -172,10 +172,9 @@ int BuildId(lua_State* L)
 void CheckVersion(lua_State* L, const char* name, unsigned int expected, unsigned int found)
 {
     if (found == expected) return;
-    const Libraries libraries = FindLibraries(name);
     luaL_error(L, "vxa was built for version %d of the interface of %s, not for version %d: %s",
                static_cast<int>(expected), name, static_cast<int>(found),
-               libraries.count > 0 ? libraries.rows[0].path : "unknown file");
+               FindLibraries(name).rows[0].path);
 }
 
 constexpr luaL_Reg kFunctions[] = {

@@ -28,6 +28,17 @@ local scratch = os.tmpname()
 os.remove(scratch)
 assert(vxa.mkdir(scratch))
 
+-- ---- versions --------------------------------------------------------------------------
+
+local versions = vxa.versions()
+for i, name in ipairs { "fc.so", "vxa.so", "libvxi.so", "libvxa_core.so" } do
+    local row = table.remove(versions, 1)
+    same({ row.name, row.version, row.build_id, row.path:match("[^/]*/[^/.]*.so") },
+        { name, vxa.version, vxa.build_id(name), "lib/" .. name }, "row " .. i)
+    check(row.build_id:find("^%x+$"), "build ID")
+end
+same(#versions, 0, "other libraries")
+
 -- ---- wrong arguments -------------------------------------------------------------------
 
 local document, archive = vxa.Dom(), vxa.ZipOutputStream(scratch .. "/left.zip")

@@ -161,6 +161,7 @@ local RUN = "run --interval 0.01 --cycles "
 -- Arguments, environment, pattern or patterns of standard output, of standard error (default: it is
 -- empty), exit status (default: 0), hook.
 for _, row in ipairs {
+    { "--version", "", "^vxa [%d.]+ %(Lua 5.2, .*\nlibvxi.so +[%d.]+ +%x+ +/" },
     { "help connections", "", "^Usage: vxa connections.*61 seconds" },
     { RUN .. 2, "", "engine sim.*\npolicy: built%-in default %(no %-%-policy, no /etc/vx_filter."
       .. "conf%)\ntime +action +rqpct +frepct +delta_t\n +>16 +<0.1 +>45\n%d%d%d%d%-%d%d%-%d%d "

@@ -25,7 +25,6 @@ namespace vxi {
 
 namespace {
 
-constexpr std::uint32_t kAbi = 1;
 constexpr std::uint32_t kEngineKind = 1;  // a simulated one is 2
 constexpr std::uint32_t kAbsent = VXA_FILTER_VARIABLE_ABSENT;
 constexpr unsigned kTraceLevelMax = 3;
@@ -100,7 +99,7 @@ std::uint32_t OwnValue(vxi_handle_ops_s* handle, std::uint32_t number)
 {
     switch (number) {
         case kVariableAbi:
-            return kAbi;
+            return VXI_ABI_VERSION;
         case kVariableEngineKind:
             return kEngineKind;
         case kVariableKernelVersion:
