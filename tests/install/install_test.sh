@@ -16,7 +16,8 @@ expect() {
 
 first="$scratch/a folder/fc" prefix="$scratch/moved here/fc"
 umask 077
-DESTDIR=$scratch/stage "$cmake" --install "$build" --prefix "$first" --strip >"$scratch/log" || exit 1
+export DESTDIR=$scratch/stage
+"$cmake" --install "$build" --prefix "$first" --strip >"$scratch/log" || exit 1
 files() { "$root/cmake/install/files" "$@"; }
 mkdir -p "$first/bin" && touch "$first/bin/vxa"
 expect "a file of others" "did not install it: .*/a folder/fc/bin/vxa$" \
@@ -29,7 +30,8 @@ expect "a version without a file" "" files install "$scratch/stage$first" "$firs
 mv "$scratch/a folder" "$scratch/moved here"
 
 unstripped=$scratch/unstripped
-DESTDIR=$unstripped "$cmake" --install "$build" >"$scratch/log" || exit 1
+export DESTDIR=$unstripped
+"$cmake" --install "$build" >"$scratch/log" || exit 1
 for folder in "$root" "$build"; do
     pattern="(^|[^[:alnum:]_./}-])${folder//[^[:alnum:]\/]/.}(/|$)"
     expect "files with the path $folder" '^$' eval '
