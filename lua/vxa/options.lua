@@ -84,7 +84,7 @@ function options.add_policy(command)
 end
 
 function options.add_json(command)
-    command:flag("--json", "Print one JSON object per line.")
+    return command:flag("--json", "Print one JSON object per line.")
 end
 
 function options.add_cycles(command, what)

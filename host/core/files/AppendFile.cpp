@@ -3,6 +3,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <stdio.h>
 #include <sys/file.h>
 
 #include <algorithm>
@@ -103,6 +104,14 @@ std::uint64_t AppendFile::Size() const
 bool AppendFile::HasName() const
 {
     return m_state->file.IsNamed(m_state->directory, m_state->name);
+}
+
+void AppendFile::Rename(const std::string& suffix)
+{
+    const int directory = m_state->directory.Get();
+    const std::string new_name = m_state->name + suffix;
+    if (renameat(directory, m_state->name.c_str(), directory, new_name.c_str()) != 0)
+        ThrowErrno("cannot rename " + m_state->path + " to " + m_state->path + suffix);
 }
 
 bool IsAppendedTo(const std::string& path)

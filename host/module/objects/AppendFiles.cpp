@@ -1,4 +1,5 @@
 // Files that grow by whole records: vxa.append_file and its methods.
+#include <cstring>
 #include <memory>
 
 #include "Module.h"
@@ -89,6 +90,14 @@ int HasName(lua_State* L)
     return 1;
 }
 
+int Rename(lua_State* L)
+{
+    AppendFile& file = CheckOpen(L);
+    const char* suffix = luaL_checkstring(L, 2);
+    luaL_argcheck(L, std::strchr(suffix, '/') == nullptr, 2, "a suffix without '/' expected");
+    return PushSuccess(L, [&] { file.Rename(suffix); });
+}
+
 // is_appended_to(path)
 int IsAppendedTo(lua_State* L)
 {
@@ -108,10 +117,11 @@ int Close(lua_State* L)
 }
 
 constexpr luaL_Reg kMethods[] = {
-    {"head", Head},   {"cut_partial_line", CutPartialLine},
-    {"write", Write}, {"sync", Sync},
-    {"size", Size},   {"has_name", HasName},
-    {"close", Close}, {nullptr, nullptr},
+    {"head", Head},     {"cut_partial_line", CutPartialLine},
+    {"write", Write},   {"sync", Sync},
+    {"size", Size},     {"has_name", HasName},
+    {"rename", Rename}, {"close", Close},
+    {nullptr, nullptr},
 };
 
 }  // namespace

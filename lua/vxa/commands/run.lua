@@ -35,7 +35,8 @@ local function define(command)
     command:description("Run health check cycles and print a line for each.")
     option.add_policy(command)
     option.add_driver(command)
-    option.add_json(command)
+    command:mutex(option.add_json(command), command:flag("--quiet", "Leave out the lines of "
+        .. "cycles and connection reports."))
     option.add_cycles(command, "cycle")
     option.add_state(command)
     for _, name in ipairs(LISTENERS) do require("vxa.listeners." .. name).define(command) end

@@ -10,11 +10,15 @@ local option = require "vxa.options"
 local policy_source = require "vxa.policy_source"
 local printable = require "vxa.output.printable"
 local session = require "vxa.session"
+local times = require "vxa.times"
 
 local function define(command)
     command:option("--record", "Append a row with all six metrics to this CSV file for each "
         .. "cycle, for vxa plot, replay and tune."):argname("FILE.csv")
         :convert(option.file_name("--record"))
+    command:option("--record-days", "With --record: rename the file FILE.1, in place of an older "
+        .. "one, when it has N days, and start a new one. Default: never."):argname("N")
+        :convert(option.whole("--record-days", 1, 36500))
 end
 
 local MARK = "# vxa record 1\n"
@@ -89,8 +93,14 @@ local function has_columns(head, path)
     exit.fail(2, "%s is a record with other columns; it is left as it is", path)
 end
 
+-- Returns the time of the first row, or nil if there is none.
+local function first_time(head)
+    local time = ("\n" .. head):match("\n(%d+%-%d+%-%d+ %d+:%d+:%d+)[^\n]*\n")
+    return time and times.utc(time)
+end
+
 -- Opens the file, cuts off a row that a killed run left incomplete, and returns it with what has
--- to be written first.
+-- to be written first and the time of its first row.
 local function open(monitored, options)
     local path = options.record
     local file, message = monitored.vxa.append_file(path)
@@ -101,8 +111,9 @@ local function open(monitored, options)
         console.complain(("%s: removed its last line, which was incomplete (%s)")
             :format(path, format.count(removed, "byte")))
     end
-    local columns = has_columns(check(file:head(HEAD_BYTES)), path) and "" or COLUMNS
-    return file, heading(monitored, options.interval) .. columns
+    local head = check(file:head(HEAD_BYTES))
+    local columns = has_columns(head, path) and "" or COLUMNS
+    return file, heading(monitored, options.interval) .. columns, first_time(head)
 end
 
 -- ---- the listener -----------------------------------------------------------------------
@@ -111,10 +122,14 @@ local Recorder = {}
 Recorder.__index = Recorder
 
 local function new(monitored, options)
-    if not options.record then return nil end
-    local file, first = open(monitored, options)
+    if not options.record then
+        if options.record_days then exit.fail(2, "--record-days needs --record") end
+        return nil
+    end
+    local file, first, since = open(monitored, options)
     return setmetatable({ monitored = monitored, options = options, file = file, pending = first,
-                          lost = 0, measurements = measurements.new(monitored.vxa) }, Recorder)
+                          since = since, lost = 0,
+                          measurements = measurements.new(monitored.vxa) }, Recorder)
 end
 
 function Recorder:start()
@@ -126,13 +141,22 @@ function Recorder:reloaded(refusal)
     if not refusal then self.pending = self.pending .. policy_line(self.monitored) end
 end
 
+-- Renames a file that has its days; write() starts the next one.
+function Recorder:end_old_file(time)
+    self.since = self.since or time
+    local days = self.options.record_days
+    if not days or time - self.since < days * 86400 or not self.file:has_name() then return end
+    local renamed, message = self.file:rename ".1"
+    if not renamed then self.monitored.messages:warn_once(message) end
+end
+
 -- A file that was renamed or deleted is followed by a new one.
 function Recorder:follow_name()
     if self.file:has_name() then return true end
-    local ok, file, first = pcall(open, self.monitored, self.options)
+    local ok, file, first, since = pcall(open, self.monitored, self.options)
     if not ok then return nil, type(file) == "table" and file.message or tostring(file) end
     self.file:close()
-    self.file, self.pending = file, first
+    self.file, self.pending, self.since = file, first, since
     return true
 end
 
@@ -163,6 +187,7 @@ function Recorder:cycle(result, errors)
         fields[#fields + 1] = number_field(values[metric.name])
     end
     fields[#fields + 1] = errors_field(errors)
+    self:end_old_file(time_us / 1e6)
     self:write(table.concat(fields, ",") .. "\n")
 end
 

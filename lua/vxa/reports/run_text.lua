@@ -172,8 +172,10 @@ function Report:show_held(result)
 end
 
 function Report:cycle(result)
-    self:show_heading(result.metrics)
-    self:show_cycle(result)
+    if not self.options.quiet then
+        self:show_heading(result.metrics)
+        self:show_cycle(result)
+    end
     if result.transition then self:show_transition(result) end
     if result.held then self:show_held(result) end
     if #result.near > 0 then
@@ -186,13 +188,14 @@ end
 local ROWS_SHOWN = 5
 
 function Report:connections(report)
+    if self.options.quiet then return end
     console.line("%s== connections%s: %s", self.colours.bold, self.colours.off,
         connections_text.summary(report))
     connections_text.rows(report.rows, ROWS_SHOWN)
     connections_text.refused(report)
 end
 
-function Report:finish(totals)
+function Report:show_connections_left(totals)
     if totals.unpublished then
         console.line("== connections: %s", connections_text.summary(totals.unpublished))
         console.line("   not published yet: the next report is due at %s",
@@ -200,6 +203,10 @@ function Report:finish(totals)
         connections_text.refused(totals.unpublished)
     end
     connections_text.balance(totals.connections)
+end
+
+function Report:finish(totals)
+    if not self.options.quiet then self:show_connections_left(totals) end
     console.line("%s in %s, %d measured, fail-open entered %s; %s",
         format.count(totals.cycles, "cycle"), format.duration(totals.seconds), totals.measured,
         format.count(totals.entered, "time"), totals.state == filter.ACTIVATED

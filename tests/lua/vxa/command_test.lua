@@ -107,6 +107,7 @@ for _, row in ipairs {
       "VXI_SIM=flows=3000 env --ignore-signal=XFSZ prlimit --fsize=8192" },
     { "run --record other.zip", 2, "other.zip exists and is not a record of vxa" },
     { "run --record fifo", 2, "cannot write fifo: it is not a regular file" },
+    { "run --record-days 1", 2, "%-%-record%-days needs %-%-record" },
     { "run --observe", 2, "%-%-observe needs %-%-record or %-%-metrics" },
     { "run --observe --record r --policy runq.json", 2, "leave out %-%-policy" },
     { "plot fifo -o a.svg", 2, "fifo: not a regular file" },

@@ -73,6 +73,27 @@ end
 equal({ rows[4].state, rows[5].state, rows[10].state, rows[#rows].state },
     { "Deactivated", "Activated", "Activated", "Deactivated" }, "an overload")
 
+-- ---- a record of bounded size ---------------------------------------------------------------
+
+-- The age of the first row, arguments, rows in k.csv.1 (nil if it is unchanged) and k.csv
+-- afterwards, what is done before, what is reported.
+local kept = testing.read(SCRATCH .. "r.csv")
+for _, case in ipairs {
+    { 86300, "--record-days 1", nil, #rows + 3 },
+    { 86410, "", nil, #rows + 3 },
+    { 86410, "--record-days 1", #rows, 3 },
+    { 86410, "--record-days 1", nil, #rows + 3, "rm k.csv.1; mkdir k.csv.1",
+      "vxa: cannot rename k.csv to k.csv.1: Is a directory\n" },
+} do
+    local age, arguments, older, newer, commands, message = table.unpack(case, 1, 6)
+    local name, began = age .. " s " .. arguments, os.date("!%Y-%m-%d %H:%M:%S", os.time() - age)
+    testing.write(SCRATCH .. "k.csv", (kept:gsub("\n%d+%-%d+%-%d+ %d+:%d+:%d+", "\n" .. began, 1)))
+    scratch.shell("rm -rf k.csv.1; echo old >k.csv.1; " .. (commands or ""))
+    matches(vxa("run --quiet --interval 0.01 --cycles 3 --record k.csv " .. arguments),
+        "^vxa 1[^\n]*\npolicy[^\n]*\n" .. (message or "") .. "3 cycles in [^\n]*\n$", name)
+    equal({ older and #read_record "k.csv.1", #read_record "k.csv" }, { older, newer }, name)
+end
+
 -- ---- only observing -------------------------------------------------------------------------
 
 matches(vxa("run --observe --port 443 --record o.csv --interval 0.01 --cycles 3",

@@ -38,6 +38,8 @@ public:
     std::uint64_t Size() const;
     // Whether the path still leads to this file: it may have been renamed or deleted.
     bool HasName() const;
+    // Renames PATH to PATH plus the suffix, in place of a file of that name.
+    void Rename(const std::string& suffix);
 
 private:
     struct State;
