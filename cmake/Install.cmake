@@ -96,6 +96,13 @@ file(CONFIGURE OUTPUT ${CMAKE_BINARY_DIR}/install/vxa CONTENT "@installed@" @ONL
 install(PROGRAMS ${CMAKE_BINARY_DIR}/install/vxa DESTINATION ${CMAKE_INSTALL_BINDIR}
     COMPONENT command)
 
+# It names the command by its absolute path, which is known when it is installed.
+install(CODE "set(installed_vxa \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}/vxa\")
+configure_file(\"${PROJECT_SOURCE_DIR}/share/systemd/vxa.service.in\"
+    \"${CMAKE_BINARY_DIR}/install/vxa.service\" @ONLY)" COMPONENT command)
+install(FILES ${CMAKE_BINARY_DIR}/install/vxa.service DESTINATION lib/systemd/system
+    COMPONENT command)
+
 # ---- for programs that use the libraries --------------------------------------------------
 
 install(DIRECTORY imports/vxi imports/VxaCore host/driver/include/vxi host/core/include/vxa_core

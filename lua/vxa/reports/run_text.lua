@@ -25,7 +25,8 @@ function Report:start()
     local options, colours = self.options, self.colours
     console.line("%svxa %s%s, engine %s, a cycle every %s%s", colours.bold,
         self.monitored.vxa.version, colours.off, self.monitored.engine,
-        format.duration(options.interval), options.cycles and "" or "; press Ctrl-C to stop")
+        format.duration(options.interval),
+        (options.cycles or options.quiet) and "" or "; press Ctrl-C to stop")
     console.line("policy: %s", printable(self.monitored.policy.source))
 end
 
