@@ -150,6 +150,8 @@ bool RecordReader::ReadLine()
     m_begin += m_text.size() + 1;
     m_bytesParsed += m_text.size() + 1;
     ++m_line;
+    // Spreadsheets save CRLF. No field of a row ends in CR.
+    if (!m_text.empty() && m_text.back() == '\r') m_text.remove_suffix(1);
     return true;
 }
 

@@ -34,13 +34,12 @@ function options.seconds(name)
     end
 end
 
--- "2026-11-22", "2026-11-22 04:00", "2026-11-22T04:00:30".
-function options.time(name)
+local function time(name)
     return function(text)
-        local time = times.utc(text)
-        if time then return time end
-        return nil, ("%s must be a time such as '2026-11-22 04:00' (UTC), not '%s'")
-            :format(name, text)
+        local seconds = times.parse(text, os.time())
+        if seconds then return seconds end
+        return nil, ("%s must be a date (2026-11-22), a time (2026-11-22T04:06; in UTC with Z at "
+            .. "its end) or a duration (7d, 12h, 30m), not '%s'"):format(name, text)
     end
 end
 
@@ -83,6 +82,13 @@ function options.add_policy(command)
     command:flag("--outbound", "The port is on remote servers. Default: on this machine.")
 end
 
+-- `meaning`: the words in front of "local date ... or time".
+function options.add_time(command, name, meaning)
+    command:option(name, meaning .. " local date (2026-11-22) or time (2026-11-22T04:06; in UTC "
+        .. "with Z at its end), or this long ago (7d, 12h, 30m)."):argname("TIME")
+        :convert(time(name))
+end
+
 function options.add_json(command)
     return command:flag("--json", "Print one JSON object per line.")
 end
@@ -94,9 +100,9 @@ function options.add_cycles(command, what)
         :convert(options.whole("--cycles", 1, 1000000000))
 end
 
-function options.add_state(command)
-    command:option("--state", "Keep the host document, its events and the transitions of "
-        .. "a run in this directory."):argname("DIR"):convert(options.file_name("--state"))
+function options.add_state(command, description)
+    return command:option("--state", description):argname("DIR")
+        :convert(options.file_name("--state"))
 end
 
 return options

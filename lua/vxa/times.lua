@@ -53,12 +53,12 @@ end
 
 local unit_s = { s = 1, m = 60, h = 3600, d = 86400, w = 7 * 86400 }
 
--- Returns the time that a user means: as for times.utc, in UTC with "Z" at its end, otherwise in
--- local time; or "90s", "30m", "12h", "7d", "2w" before `now`; nil for anything else.
+-- Returns the time that a user means: as for times.utc, in UTC with "Z" or "UTC" at its end,
+-- otherwise in local time; or "90s", "30m", "12h", "7d", "2w" before `now`; nil for anything else.
 function times.parse(text, now)
     local number, unit = text:match("^(%d+)([smhdw])$")
     if number then return now - tonumber(number) * unit_s[unit] end
-    local in_utc = text:match("^(.*)Z$")
+    local in_utc = text:match("^(.*)Z$") or text:match("^(.-) ?UTC$")
     if in_utc then return times.utc(in_utc) end
     return local_time(text)
 end

@@ -213,7 +213,7 @@ void PushOutcome(lua_State* L, const Outcome& outcome)  // [-0, +1, m]
     SetSeconds(L, "longest", outcome.longest_us);
     SetByMetric(L, "causes", outcome.causes);
     PushArray(L, outcome.stretches, PushStretch);
-    lua_setfield(L, -2, "moments");
+    lua_setfield(L, -2, "stretches");
 }
 
 void PushSummary(lua_State* L, const replay::RecordSummary& summary)  // [-0, +1, m]

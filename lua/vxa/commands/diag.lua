@@ -20,7 +20,8 @@ local function define(command)
         .. "the package."):argname("SECONDS"):convert(option.seconds("--profile"))
     option.add_policy(command)
     option.add_driver(command)
-    option.add_state(command)
+    option.add_state(command, "Include the transitions and events of this directory of vxa run, "
+        .. "and keep the events of the package there.")
 end
 
 -- ---- output -----------------------------------------------------------------------------

@@ -10,15 +10,12 @@ local progress = require "vxa.output.progress"
 local transitions = require "vxa.history.transitions"
 local session = require "vxa.session"
 local timeline = require "vxa.history.timeline"
-local times = require "vxa.times"
 
 local function define(command)
     command:description("Show the transitions that vxa run --state kept, and for each day the "
         .. "share of time in which the filter enforced.")
-    command:option("--state", "The directory that vxa run has as --state."):argname("DIR")
-        :convert(option.file_name("--state"))
-    command:option("--since", "Begin at this local date (2026-11-22) or time (2026-11-22T04:06), "
-        .. "or this long ago (7d, 12h, 30m)."):argname("TIME")
+    option.add_state(command, "The directory that vxa run has as --state."):count(1)
+    option.add_time(command, "--since", "Begin at this")
     option.add_json(command)
 end
 
@@ -119,17 +116,6 @@ end
 
 -- ---- the command ------------------------------------------------------------------------
 
-local function read_since(text, now)
-    if not text then return nil end
-    local since = times.parse(text, now)
-    if not since then
-        exit.fail(2, "--since must be a date (2026-11-22), a time (2026-11-22T04:06) or a duration "
-            .. "(7d, 12h, 30m), not '%s'", text)
-    end
-    if since > now then exit.fail(2, "--since %s is in the future", text) end
-    return since
-end
-
 local function read_records(vxa, directory, check)
     local list, message = transitions.read(vxa, directory, check)
     if not list then exit.fail(2, "%s", message) end
@@ -146,12 +132,11 @@ local function read_records(vxa, directory, check)
 end
 
 local function run(options)
-    if not options.state then
-        exit.fail(2, "--state DIR is missing: the directory that vxa run has as --state")
-    end
     local vxa = session.load_host()
-    local now = vxa.time()
-    local since = read_since(options.since, now)
+    local now, since = vxa.time(), options.since
+    if since and since > now then
+        exit.fail(2, "--since %s is in the future", local_time(since))
+    end
     local reading = progress.new(vxa, "reading")
     local function check(done, total)
         exit.if_interrupted(vxa)

@@ -25,10 +25,8 @@ local function define(command)
     command:option("--policy", "Draw the thresholds of this policy, and when it would have been in "
         .. "fail-open, instead of what is in the record."):argname("FILE.json")
         :convert(option.file_name("--policy"))
-    command:option("--since", "Leave out what is earlier, such as '2026-11-22 04:00' (UTC).")
-        :argname("TIME"):convert(option.time("--since"))
-    command:option("--until", "Leave out what is later."):argname("TIME")
-        :convert(option.time("--until"))
+    option.add_time(command, "--since", "Leave out what is before this")
+    option.add_time(command, "--until", "Leave out what is after this")
 end
 
 -- ---- reading ----------------------------------------------------------------------------

@@ -116,9 +116,9 @@ local function show_totals(outcomes)
     console.lines(format.columns(rows, { [2] = true, [3] = true, [4] = true, [5] = true }))
 end
 
-local function end_of(moment)
-    if not moment.left then return "still in fail-open" end
-    return records.time(moment.left) .. (moment.restarted and " (run ended)" or "")
+local function end_of(stretch)
+    if not stretch.left then return "still in fail-open" end
+    return records.time(stretch.left) .. (stretch.restarted and " (run ended)" or "")
 end
 
 -- "rqpct 12.3 > 12"
@@ -135,15 +135,15 @@ local function because(metrics)
     return #list > 0 and table.concat(list, ", ") or "not known"
 end
 
-local function show_moments(outcome)
+local function show_stretches(outcome)
     local rows = { { "entered", "left", "because" } }
-    for i, moment in ipairs(outcome.moments) do
-        rows[i + 1] = { records.time(moment.entered), end_of(moment), because(moment.over) }
+    for i, stretch in ipairs(outcome.stretches) do
+        rows[i + 1] = { records.time(stretch.entered), end_of(stretch), because(stretch.over) }
     end
     console.line("")
     console.line("%s, times in UTC:", outcome.title)
     console.lines(format.columns(rows, {}))
-    local more = outcome.entries - #outcome.moments
+    local more = outcome.entries - #outcome.stretches
     if more > 0 then console.line("and %s more", format.grouped(more)) end
     if outcome.held > 0 then
         console.line("(%s waited one more cycle: their rates span several intervals)",
@@ -156,7 +156,7 @@ local function show_text(path, result, outcomes, policies)
     show_missing(result, policies)
     show_totals(outcomes)
     for _, outcome in ipairs(outcomes) do
-        if outcome.entries > 0 then show_moments(outcome) end
+        if outcome.entries > 0 then show_stretches(outcome) end
     end
 end
 
@@ -166,12 +166,12 @@ local function json_time(seconds)
     return seconds and json_records.time(seconds) or json_records.null
 end
 
-local function json_moments(moments)
+local function json_stretches(stretches)
     local list = json_records.array {}
-    for i, moment in ipairs(moments) do
-        list[i] = { entered = json_time(moment.entered), left = json_time(moment.left),
-                    restarted = moment.restarted, over = json_records.array(moment.over),
-                    in_fail_open_s = json_records.duration(moment.lasted) }
+    for i, stretch in ipairs(stretches) do
+        list[i] = { entered = json_time(stretch.entered), left = json_time(stretch.left),
+                    restarted = stretch.restarted, over = json_records.array(stretch.over),
+                    in_fail_open_s = json_records.duration(stretch.lasted) }
     end
     return list
 end
@@ -187,7 +187,7 @@ local function show_json(path, result, outcomes)
             fail_open_s = json_records.duration(outcome.fail_open),
             longest_s = json_records.duration(outcome.longest),
             causes = json_records.object(outcome.causes),
-            moments = json_moments(outcome.moments),
+            stretches = json_stretches(outcome.stretches),
         }
     end
 end

@@ -38,7 +38,8 @@ local function define(command)
     command:mutex(option.add_json(command), command:flag("--quiet", "Leave out the lines of "
         .. "cycles and connection reports."))
     option.add_cycles(command, "cycle")
-    option.add_state(command)
+    option.add_state(command, "Keep the host document, its events and the transitions of the run "
+        .. "in this directory.")
     for _, name in ipairs(LISTENERS) do require("vxa.listeners." .. name).define(command) end
 end
 
@@ -200,7 +201,22 @@ local function run_cycles(monitored, options, listeners, totals)
     end
 end
 
+-- With one name for two files, each would find the other's lines in its own.
+local function check_names(options)
+    local vxa, seen = session.load_host(), {}
+    for _, name in ipairs { "policy", "record", "metrics", "log" } do
+        local path = options[name]
+        for _, other in ipairs(path and seen or {}) do
+            if vxa.same_file(path, options[other]) then
+                exit.fail(2, "--%s and --%s are the same file: %s", other, name, path)
+            end
+        end
+        if path then seen[#seen + 1] = name end
+    end
+end
+
 local function run(options)
+    check_names(options)
     local monitored = session.start_monitoring(options)
     local vxa = monitored.vxa
     monitored.feedback = connection_feedback.new(monitored, options.state)

@@ -11,7 +11,7 @@ local function define() end
 
 local MOST_BYTES = 16 * 1048576  -- tens of thousands of transitions
 local MOST_UNWRITTEN = 262144    -- bytes of records that wait for room on the disk
-local SIGN_OF_LIFE_S = 30        -- a file is replaced so often; what it says is older by a cycle
+local SIGN_OF_LIFE_S = 0.5       -- a file is replaced at each cycle, but not more often than this
 local JUMP_S = 60                -- pauses up to this are the machine's load
 local SLEWED_S = 1               -- the clock may be corrected by this between two cycles
 

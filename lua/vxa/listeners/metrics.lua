@@ -180,7 +180,9 @@ end
 
 Metrics.start = Metrics.saved
 
+-- What another run has written is for that to remove.
 function Metrics:finish()
+    if self:is_shared() then return end
     local removed, message = self.vxa.remove_file(self.path)
     if not removed then self.monitored.messages:warn_once(message) end
 end
@@ -260,6 +262,8 @@ function Metrics:connection_families()
             counts.reported),
         single("counter", "connections_refused_total",
             "Connections that the module had no room for.", counts.refused),
+        single("gauge", "connections_pending",
+            "New connections that the module publishes with the next report.", counts.pending),
         single("counter", "reports_total", "Published connection reports.", counts.reports),
     }
     if self.has_services then
@@ -269,11 +273,23 @@ function Metrics:connection_families()
     return families
 end
 
+-- Whether another run has replaced the file since this one last did.
+function Metrics:is_shared()
+    local found = self.written and self.vxa.read_file(self.path, MOST_BYTES)
+    return found and found ~= self.written
+end
+
 -- Returns true, or nil and a message.
 function Metrics:write()
+    if self:is_shared() then
+        self.monitored.messages:warn_once(("%s: another process writes it too; each run needs its "
+            .. "own metrics file"):format(self.path))
+    end
     local text = prometheus.text(self:run_families()) .. prometheus.text(self:fail_open_families())
         .. prometheus.text(self:health_families()) .. prometheus.text(self:connection_families())
-    return self.vxa.replace_file(self.path, text, true)
+    local written, message = self.vxa.replace_file(self.path, text, true)
+    self.written = written and text or self.written
+    return written, message
 end
 
 return { define = define, new = new }

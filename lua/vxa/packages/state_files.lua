@@ -91,7 +91,7 @@ function state_files.fail_open(vxa, directory)
     return nil, path .. " does not have it"
 end
 
--- The record that a run replaces every half minute, or nil and why there is none.
+-- The record that a run replaces at each cycle, or nil and why there is none.
 function state_files.last_cycle(vxa, directory)
     local path = directory .. "/running.json"
     local text, message, code = vxa.read_tail(path, LONGEST_LINE)

@@ -40,11 +40,13 @@ equal(recorded.entries > 4 and recorded.fail_open_s > 0, true, "entered")
 for _, member in ipairs { "entries", "enforced_s", "fail_open_s", "longest_s" } do
     equal(own[member], recorded[member], member)
 end
-equal({ own.moments, own.causes }, { recorded.moments, recorded.causes }, "moments and causes")
+equal({ own.stretches, own.causes }, { recorded.stretches, recorded.causes }, "what was recorded")
 equal({ loose.entries, loose.enforced_s }, { 0, summary.seconds }, "always enforced")
 matches(lines, '"threshold":8.000000000000002}', "exact")
 equal(no_port.monitoring, false, "no port")
 
+shell "sed 's/$/\\r/' r.csv >crlf.csv"
+equal(vxa("replay crlf.csv --json"):match("\n.*"), vxa("replay r.csv --json"):match("\n.*"), "CRLF")
 local text = vxa(REPLAY)
 matches(text, "warning: loose.json: 'TYPO' is not a setting", "warning")
 matches(text, "\nas recorded +" .. recorded.entries .. " ", "recorded")

@@ -62,8 +62,8 @@ run_vxa() {
         --policy policy.json --metrics "$file" --metrics-services
     vxa=${pids[-1]}
 }
-# Once two cycles have counted the port; the series over 56 is for other services.
-is_complete() { [ "$(grep -c '^[^#]' "$file")" -eq 57 ]; }
+# Once two cycles have counted the port; the series over 57 is for other services.
+is_complete() { [ "$(grep -c '^[^#]' "$file")" -eq 58 ]; }
 are_visible() {
     promtool query series --match='{__name__=~"vxa_.+"}' "http://$(address server)" |
         grep -o '__name__="[a-z_]*' | sort -u | wc -l | grep -qx "$names"
