@@ -2,6 +2,7 @@
 
 local argparse = require "argparse"
 local console = require "vxa.output.console"
+local session = require "vxa.session"
 
 local command_line = {}
 
@@ -15,6 +16,7 @@ local COMMANDS = { "run", "status", "connections", "history", "diag", "show", "d
 -- Prints the help and ends the process, as argparse does, since the rest of the line may be
 -- incomplete. argparse itself ignores write errors.
 local function show_help(command)
+    pcall(session.load_host)  -- ignores SIGPIPE, but the help needs no module
     local ok, err = pcall(console.write, command:get_help() .. "\n")
     if ok then os.exit(0, true) end
     if type(err) ~= "table" then error(err, 0) end

@@ -34,9 +34,12 @@ end
 
 local SHORTEST_S = 0.9 * 86400
 
+-- A threshold just above the interval is exceeded by the first cycle that is a little late.
+local LEAST_INTERVALS = 2
+
 -- Returns the threshold to propose, or false for none, or nil to keep the present one; and why it
 -- is not simply the tightest one.
-local function propose(metric, result)
+local function propose(metric, result, interval_s)
     local most = settings_by_key[metric.setting].max
     if not result.tightest or result.sampled < SHORTEST_S then
         return nil, "not enough values; unchanged"
@@ -45,7 +48,8 @@ local function propose(metric, result)
         if result.loosest > 0 then return finest[metric.name] end
         return nil, "always 0 in the first half; unchanged"
     end
-    local rounded = proposal.round(result.tightest, metric)
+    local least = metric.name == "delta_t" and math.min(LEAST_INTERVALS * interval_s, most) or 0
+    local rounded = math.max(proposal.round(result.tightest, metric), least)
     if metric.below or rounded <= most then return math.min(rounded, most) end
     local bound = ("exceeds the bound of %.14g too often"):format(most)
     if metric.default then return most, bound end
@@ -60,7 +64,7 @@ function proposal.make(found, present, entries)
     for key, value in pairs(present) do tuning.policy[key] = value end
     for i, metric in ipairs(filter.metrics) do
         local result = found.metrics[metric.name]
-        local threshold, note = propose(metric, result)
+        local threshold, note = propose(metric, result, found.interval)
         if threshold ~= nil then tuning.policy[metric.setting] = threshold or nil end
         tuning.rows[i] = { metric = metric, result = result, note = note,
                            present = present[metric.setting] or metric.default,

@@ -17,7 +17,8 @@ local function load_module(name)
     if exit.is_interrupt(result) then exit.after_signal("SIGINT") end
     local cause = tostring(result)
     if cause:find("^module '" .. name .. "' not found") then
-        cause = ("no %s.so in %s"):format(name, package.cpath:gsub("/%?%.so$", ""))
+        local layout = require "vxa.layout"  -- bin/vxa defines it
+        cause = ("no %s.so in %s"):format(name, layout.modules)
     end
     exit.fail(1, "cannot load module '%s': %s (not built or not installed; VXA_LIB can name its "
         .. "directory)", name, cause)
@@ -52,6 +53,8 @@ function session.attach(options)
     local valid, message = vxa.check_environment()
     if not valid then exit.fail(2, "%s", message) end
     session.load_filter()
+    local missing = vxa.simulated_machine() and {} or environment.missing_commands(vxa)
+    for _, lacking in ipairs(missing) do console.complain(lacking) end
     return { vxa = vxa, engine = engine }
 end
 

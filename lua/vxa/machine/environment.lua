@@ -14,13 +14,37 @@ local unwanted = { "OMP_NUM_THREADS", "OMP_THREAD_LIMIT", "LC_NUMERIC", "LC_TIME
 function environment.scrub(vxa)
     for _, name in ipairs(unwanted) do vxa.setenv(name, nil) end
     vxa.setenv("LC_ALL", "C.UTF-8")
-    -- Root must not run commands from a directory of the caller's choice.
-    if vxa.euid() == 0 or (os.getenv("PATH") or "") == "" then
-        vxa.setenv("PATH", STANDARD_PATH)
-    end
+    -- Root must not run commands from a directory of the caller's choice. For others, the module
+    -- finds its commands also if PATH lacks them.
+    local path = os.getenv("PATH") or ""
+    local is_used = vxa.euid() ~= 0 and path ~= ""
+    vxa.setenv("PATH", is_used and path .. ":" .. STANDARD_PATH or STANDARD_PATH)
     -- UTF-8 so that names and keys outside ASCII survive, with the point as decimal mark.
     os.setlocale("C.UTF-8")
     os.setlocale("C", "numeric")
+end
+
+-- The commands that the module runs through a shell, and Debian's packages that have them.
+local NEEDED = { { "nproc", "coreutils" }, { "uptime", "procps" } }
+
+local function is_found(vxa, command)
+    for directory in os.getenv("PATH"):gmatch("[^:]+") do
+        local kind = vxa.file_kind(directory .. "/" .. command)
+        if kind == "file" or kind == "link" then return true end
+    end
+    return false
+end
+
+-- Returns an array of messages about commands that are missing.
+function environment.missing_commands(vxa)
+    local messages = {}
+    for _, row in ipairs(NEEDED) do
+        if not is_found(vxa, row[1]) then
+            messages[#messages + 1] = ("%s is not in PATH: the load cannot be sampled; install "
+                .. "the package %s"):format(row[1], row[2])
+        end
+    end
+    return messages
 end
 
 return environment

@@ -1,13 +1,16 @@
 // The dumps: exact lines for given records, and what hostile records and names cannot do.
 #include <arpa/inet.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <random>
+#include <set>
 
 #include "Fixture.h"
 #include "dumps/Address.h"
 #include "records/PublishedNames.h"
 #include "records/TableOrigin.h"
+#include "records/Variables.h"
 
 namespace {
 
@@ -133,6 +136,27 @@ TEST(Text, Variables)
     EXPECT_EQ("", TextOf<vxa_dump_conntrack_s>(tb_dump_all_conn_track, nullptr));
     tb_dump_conn_states(nullptr, Pointer(vxa_get_conn_states_s()));
     tb_dump_conn_states(Pointer(tb_dump_s()), Pointer(vxa_get_conn_states_s()));
+}
+
+// A misspelt name would be shown as "absent".
+TEST(Text, VariablesAreSettingsOfThisKernel)
+{
+    const auto exists = [](std::string name) {
+        std::replace(name.begin(), name.end(), '.', '/');
+        return access(("/proc/sys/" + name).c_str(), F_OK) == 0;
+    };
+    if (!exists("net.core.optmem_max")) GTEST_SKIP() << "not in the first network namespace";
+    const bool tracks = exists("net.netfilter.nf_conntrack_max");
+    const bool has_ipv6 = exists("net.ipv6.bindv6only");
+    const std::set<std::string> newer_than_6_1 = {"net.ipv4.tcp_shrink_window",
+                                                  "net.ipv4.tcp_syn_linear_timeouts"};
+    for (std::uint32_t i = vxi::kVariableFirstSetting; i < VXA_FILTER_VARIABLE_COUNT; ++i) {
+        const std::string name = vxi::VariableName(i);
+        const bool may_lack = name.find("vxi.") == 0 || newer_than_6_1.count(name) > 0 ||
+                              (!tracks && name.find("net.netfilter.") == 0) ||
+                              (!has_ipv6 && name.find("net.ipv6.") == 0);
+        EXPECT_TRUE(may_lack || exists(name)) << name;
+    }
 }
 
 TEST(Address, LikeTheLibraryOnRandomOnes)

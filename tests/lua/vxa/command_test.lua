@@ -139,6 +139,10 @@ for _, name in ipairs { "argparse", "dkjson" } do
         '../it is' status 2>&1]], name), "^vxa: Lua module '" .. name .. "' is missing; .*lua%-")
 end
 
+-- Characters with a meaning in Lua's search paths.
+matches(shell([[mkdir '../a;b?c'; cp -r %s/bin %s/lua '../a;b?c'; '../a;b?c/bin/vxa' help]], ROOT,
+    ROOT), "^Usage: vxa ", "folder")
+
 -- ---- what is printed ----------------------------------------------------------------------
 
 -- The module publishes once in 61 seconds: with this hook, what is not published yet is reported.
