@@ -50,6 +50,13 @@ function options.file_name(option)
     end
 end
 
+-- ---- names of values ----------------------------------------------------------------------
+
+options.ENGINES = { "linux", "sim" }
+
+options.TRACE_CATEGORIES = { "filter", "diagnostics", "VXI", "SysHealth.eng", "SysHealth.scan",
+                             "SysHealth.conf", "SysHealth.metr" }
+
 -- ---- options ----------------------------------------------------------------------------
 
 function options.add_driver(command)

@@ -5,6 +5,7 @@ local environment = require "vxa.machine.environment"
 local exit = require "vxa.exit"
 local filter = require "filter"
 local messages = require "vxa.messages"
+local option = require "vxa.options"
 local policy_source = require "vxa.policy_source"
 local resources = require "vxa.machine.resources"
 local simulation = require "vxa.machine.simulation"
@@ -38,8 +39,8 @@ function session.load_filter()
     load_module "fc"
 end
 
-local function select_engine(vxa, option)
-    local name = option or os.getenv("VXI_ENGINE")
+local function select_engine(vxa, name)
+    name = name or os.getenv("VXI_ENGINE")
     if name == "" then name = nil end
     local selected, message = vxa.engine(name)
     return selected or exit.fail(2, "%s", message)
@@ -60,9 +61,6 @@ end
 
 -- ---- logs -------------------------------------------------------------------------------
 
-local TRACE_CATEGORIES = { "filter", "diagnostics", "VXI", "SysHealth.eng", "SysHealth.scan",
-                           "SysHealth.conf", "SysHealth.metr" }
-
 local function glob_to_pattern(glob)
     return "^" .. glob:gsub("[%^%$%(%)%%%.%[%]%+%-%?]", "%%%0"):gsub("%*", ".*") .. "$"
 end
@@ -73,12 +71,12 @@ local function switch_traces(vxa, globs)
     local shown = {}
     for _, glob in ipairs(globs) do
         local pattern, known = glob_to_pattern(glob), false
-        for _, category in ipairs(TRACE_CATEGORIES) do
+        for _, category in ipairs(option.TRACE_CATEGORIES) do
             if category:match(pattern) then known, shown[category] = true, true end
         end
         if not known then
             exit.fail(2, "unknown trace category '%s'; known categories: %s", glob,
-                table.concat(TRACE_CATEGORIES, ", "))
+                table.concat(option.TRACE_CATEGORIES, ", "))
         end
         vxa.trace(glob, true)
     end

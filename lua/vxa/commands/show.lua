@@ -19,6 +19,7 @@ local function define(command)
         :convert(option.file_name("OUT.zip"))
     command:argument("ENTRY", "The entry to print."):target("entry"):args("?")
     command:flag("--raw", "Write the entry's bytes unchanged.")
+    command:flag("--names", "Print only the names of the entries, one per line.")
     option.add_json(command)
 end
 
@@ -47,6 +48,12 @@ end
 local function list_entries(vxa, path)
     local entries, message = vxa.zip_entries(path)
     return entries or exit.fail(2, "%s", message)
+end
+
+local function show_names(entries)
+    local lines = {}
+    for i, entry in ipairs(entries) do lines[i] = printable(entry.name) .. "\n" end
+    console.write(table.concat(lines))
 end
 
 -- Returns the package's {entries, manifest, raw, reason, has_manifest, verified}.
@@ -172,9 +179,16 @@ end
 local function run(options)
     if options.raw and not options.entry then exit.fail(2, "--raw needs an entry") end
     if options.json and options.entry then exit.fail(2, "--json does not print entries") end
+    if options.names and (options.json or options.entry) then
+        exit.fail(2, "--names takes neither an entry nor --json")
+    end
     local vxa = session.load_host()
     if options.raw and vxa.isatty(1) then
         exit.fail(2, "--raw does not write to a terminal; redirect it to a file or a command")
+    end
+    if options.names then
+        show_names(list_entries(vxa, options.archive))
+        return 0
     end
     if not options.entry then return show_package(vxa, options) end
     show(vxa, options)

@@ -1,0 +1,62 @@
+-- Writes the completion for bash: build.lua ROOT FILE.
+
+local root, file = table.unpack(arg)
+package.path = ("ROOT/share/man/?.lua;ROOT/lua/?.lua;"):gsub("ROOT", root) .. package.path
+
+local commands = require "commands"
+local options = require "vxa.options"
+
+-- The values of placeholders that are not files, directories or numbers.
+local VALUES = { NAME = options.ENGINES, CATEGORY = options.TRACE_CATEGORIES }
+
+local function plain(word)
+    return word:find("^[%w._-]+$") and word or error("not a plain word: " .. word)
+end
+
+local function words(list)
+    local plain_words = {}
+    for i, word in ipairs(list) do plain_words[i] = plain(word) end
+    return table.concat(plain_words, " ")
+end
+
+local function option_words(list)
+    local all = {}
+    for _, option in ipairs(list) do
+        for _, name in ipairs(option.names) do
+            all[#all + 1] = plain(name) .. (option.value and "=" .. plain(option.value) or "")
+        end
+    end
+    return table.concat(all, " ")
+end
+
+local function argument_names(command)
+    local names = {}
+    for i, argument in ipairs(command.arguments) do names[i] = argument.name end
+    return words(names)
+end
+
+local function row(name, command, arguments)
+    return ("        %s) options=(%s) arguments=(%s) ;;"):format(name,
+        option_words(command.options), arguments)
+end
+
+local names, rows, values = {}, {}, {}
+local all = commands()
+for i, command in ipairs(all) do
+    names[i], rows[i] = command.name, row(plain(command.name), command, argument_names(command))
+end
+table.insert(rows, row("help", { options = {} }, "COMMAND"))
+table.insert(rows, row("*", all.main, ""))
+VALUES.COMMAND = names
+for placeholder, list in pairs(VALUES) do
+    values[#values + 1] = ("        %s) _vxa_words %s ;;"):format(placeholder, words(list))
+end
+table.sort(values)
+
+local template = assert(io.open(root .. "/share/bash-completion/vxa.in"))
+local text = template:read("*a"):gsub("@(%u+)@", {
+    COMMANDS = table.concat(rows, "\n"), VALUES = table.concat(values, "\n"), NAMES = words(names),
+})
+local output = assert(io.open(file, "w"))
+assert(output:write(text))
+assert(output:close())
