@@ -31,11 +31,17 @@ local function matches(text, ...)
 end
 
 local function expect_in(list, others, place)
+    assert(#list > 0, place)
     local known = {}
     for _, name in ipairs(others) do known[name] = true end
     for _, name in ipairs(list) do
         if not known[name] then complain("%s: %s", place, name) end
     end
+end
+
+local function expect_same(names, listed, place)
+    expect_in(names, listed, place .. ": missing")
+    expect_in(listed, names, place .. ": not in the sources")
 end
 
 -- ---- documents --------------------------------------------------------------------------
@@ -62,17 +68,16 @@ end
 
 -- Compares the sources' names with what a pattern captures in the first cells of a table's rows.
 local function compare(names, document, heading, title, cells, pattern)
-    local listed = matches(rows(section(document, heading), title, cells), pattern)
-    assert(#names > 0 and #listed > 0, heading)
-    expect_in(names, listed, ("%s, %s: missing"):format(document, heading))
-    expect_in(listed, names, ("%s, %s: not in the sources"):format(document, heading))
+    expect_same(names, matches(rows(section(document, heading), title, cells), pattern),
+        document .. ", " .. heading)
 end
 
 -- ---- names and numbers ------------------------------------------------------------------
 
-local REFERENCE, HEALTH = "docs/reference.md", "plugins/filter/SystemHealth/"
-local driver, commands = read "host/driver", read "lua/vxa bin"
+local HEALTH, REFERENCE = "plugins/filter/SystemHealth/", "docs/reference.md"
+local driver, commands, reference = read "host/driver", read "lua/vxa bin", read(REFERENCE)
 local records, diagnostics = read "imports/vxi/records.h", read "plugins/filter/Diagnostics"
+local engines = read [[host/driver/engines -regex '.*/\(Statistics\|Tables\)[.]cpp']]
 
 compare(matches(read(HEALTH .. "FailOpen.h"), "kAction%a+ = (%d+)"),
     REFERENCE, "Actions", "Action", 1, "%d+")
@@ -87,37 +92,40 @@ compare(matches(read "plugins/filter/ConnMetrics/Row.cpp", '"(cf_[%l_]+)", (0x%x
     "docs/connection-feedback.md", "Three calls", "Bit", 4, "(0x%x+) | `(cf_[%l_]+)`")
 compare(matches(driver, "%-(E%u+)", "(VXI_E_[%u_]+)"),
     REFERENCE, "Statuses", "Status", 3, "`([EV][%u_]+)`")
-compare(matches(records, "(VXA_FLOW_[%u_]+) = (%d+)"),
-    REFERENCE, "Flags of flows", "Name", 2, "`([%u_]+)` | (%d+)")
-compare(matches(records, "(VXA_BLACKLIST_[%u_]+) = (%d+)"),
-    REFERENCE, "Flags of the blacklist", "Name", 2, "`([%u_]+)` | (%d+)")
-compare(matches(records, "(VXI_SCAN_[%u_]+) = (%d+), *[/\n]"),
-    REFERENCE, "Scan counters", "Name", 2, "`([%u_]+)` | (%d+)")
+for heading, prefix in pairs { ["Flags of flows"] = "VXA_FLOW", ["Scan counters"] = "VXI_SCAN",
+                               ["Flags of the blacklist"] = "VXA_BLACKLIST" } do
+    compare(matches(records, "\n    (" .. prefix .. "_[%u_]+) = (%d+)"),
+        REFERENCE, heading, "Name", 2, "`([%u_]+)` | (%d+)")
+end
 compare(matches(read "host/driver/dumps", '[{ ]"(%u[%u_]+%d?)"'),
     REFERENCE, "TCP states", "State", 1, "`([%u_%d]+)`")
 compare(matches(read "host/driver/records/Variables.cpp", '"(vxi%.[%l_]+)"'),
     REFERENCE, "Variables of the library", "Name", 1, "`([%l_.]+)`")
-compare(matches(read [[host/driver/engines -regex '.*/\(Statistics\|Tables\)[.]cpp']],
-    '"(%l+%.[%l_%d]+)"'), REFERENCE, "Counters of the library", "Name", 1, "`([%l_%d.]+)`")
+compare(matches(engines, '"(%l+%.[%l_%d]+)"'),
+    REFERENCE, "Counters of the library", "Name", 1, "`([%l_%d.]+)`")
 compare(matches(read "host/driver/api/operations.def", "\n%u+%(%u%w+, ([%l_]+)"),
     "host/driver/engines/fault/README.md", "Grammar", "Part", 2, "`vxi_([%l_]+)`")
 compare(matches(commands .. driver, 'getenv%("([%u_]+)"%)'),
     "docs/command.md", "Environment", "Variable", 1, "`([%u_]+)`")
+
 local statuses = matches(commands, "exit%.fail%((%d)", "return (0)\n")
-for number in commands:gmatch "SIG%u+ = (%d+)" do
-    statuses[#statuses + 1] = ("%d"):format(128 + number)
-end
+for number in commands:gmatch "SIG%u+ = (%d+)" do table.insert(statuses, 128 + number .. "") end
 compare(statuses, "docs/command.md", "Exit status", "Status", 1, "%d+")
 for name in commands:match("local COMMANDS = (%b{})"):gmatch "%l+" do
     section(("docs/commands/%s.md"):format(name), "Exit status")
 end
 
+local categories = matches(read "plugins/filter", 's_Trace%a*%(L"([^"]+)"', 'String%(L"(VXI)"')
+expect_same(categories, matches(commands:match "TRACE_CATEGORIES = (%b{})", '"([^"]+)"'),
+    "lua/vxa/session.lua, categories")
+expect_same(categories, matches(reference, "\n### Traces of (%S+)"), REFERENCE .. ", traces")
+
 -- Series of Prometheus. The name of a health metric's is composed of its row in BASE.
 local exporter = read "lua/vxa/listeners/metrics.lua"
 local series = matches(exporter, '"gauge", "([%l_]+)"', '"counter",%s*"([%l_]+)"')
-for name in exporter:gmatch '"summary", "([%l_]+)"' do series[#series + 1] = name .. "_sum" end
+for name in exporter:gmatch '"summary", "([%l_]+)"' do table.insert(series, name .. "_sum") end
 for stem, unit in exporter:gmatch '{ "([%l_]+)", "([%l_]+)", %d' do
-    series[#series + 1] = ("health_%s_%s"):format(stem, unit)
+    table.insert(series, ("health_%s_%s"):format(stem, unit))
 end
 compare(series, "docs/fleet.md", "Metrics", "Metric", 1, "| `vxa_([%l_]+)")
 
@@ -127,11 +135,10 @@ local described = read "docs/commands docs/package.md docs/connection-feedback.m
 expect_in(matches(order, '"([^"]+)"'), matches(described, '[`"]([%w_.]+)[`"]'),
     "docs/commands: no record has the member")
 for _, name in ipairs { "run", "history", "diff", "replay", "tune" } do
-    local document = ("docs/commands/%s.md"):format(name)
-    local text = section(document, "JSON")
+    local text = section(("docs/commands/%s.md"):format(name), "JSON")
     expect_in(matches(rows(text, "Record", 2), "`(%l[%w_]*%w)`"),
         matches(rows(text, "Record", 1) .. order .. "`frepct`", '[`"]([%w_.]+)[`"]'),
-        document .. ": not a member")
+        name .. ".md: not a member")
 end
 
 -- ---- messages ---------------------------------------------------------------------------
@@ -139,59 +146,75 @@ end
 -- For read(): C++ and Lua, without other files.
 local CODE = [[ -regex '.*\(vxa\|[.]\(cpp\|h\|lua\)\)']]
 
+-- Literals in C++ that look like messages and are not, as patterns: arguments of commands, what
+-- files have, JSON, and what Lua writes after "bad argument".
+local OTHERS = { "^%A*$", "\\", '"', "^vmstat", "^proc/", "^SIG$", "^Mem%a+:", "^list ruleset",
+                 "^ct %l", "^[%l%d].*expected$", "^vxa re[cd]", "KIND ORIGINAL MASKED key",
+                 "^names without", "^get_scan_metrics%(%) failed$" }
+
 -- Returns a message with \1 in place of what varies, without blanks and punctuation at its ends.
 local function plain(message, placeholder)
     return (message:gsub(placeholder, "\1"):gsub("^[%s%p\1]+", ""):gsub("[%s%p\1]+$", ""))
 end
 
--- Returns the string literals in C++ or Lua code; adjacent and concatenated ones are one.
+local function is_message(literal, message)
+    for _, pattern in ipairs(OTHERS) do
+        if message:find(pattern) then return false end
+    end
+    return message:find " " or literal:find "%(%)" or literal:find "%%"
+end
+
+-- Returns the string literals in C++ or Lua code, adjacent and concatenated ones as one: all, and
+-- those that are messages.
 local function literals(code)
-    local found = {}
+    local all, messages = {}, {}
     code = code:gsub("//[^\n]*", ""):gsub("/%*.-%*/", ""):gsub("%-%-[ -][^\n]*", "")
         :gsub("\n#[^\n]*", ""):gsub("static_assert%b()", ""):gsub("\\\\", ""):gsub('\\"', "\2")
         :gsub("'\2?\"?'", ""):gsub('"%s+"', ""):gsub('"%s*%.%.%s*"', "")
     for literal in code:gmatch '"([^"\n]*)"' do
         literal = literal:gsub("\2", '"'):gsub("\\n", " "):gsub("%%%%", "%%")
-        found[#found + 1] = plain(literal, "%%[-+#0-9.*]*[hlzjt]*%a")
+        local message = plain(literal, "%%[-+#0-9.*]*[hlzjt]*%a")
+        table.insert(all, message)
+        if is_message(literal, message) then table.insert(messages, message) end
     end
-    return found
+    return all, messages
 end
 
--- Patterns of literals of several words that are not messages: arguments of commands, what files
--- have, JSON, and what Lua writes after "bad argument".
-local OTHERS = { "^%A*$", "^[^ (]*$", "\\", "^vmstat", "^Mem%a+:", "^list ruleset", '"', "^ct %l",
-                 "expected$", "^vxa re[cd]", "KIND ORIGINAL MASKED key", "^names without" }
-
-local function is_message(literal)
-    for _, pattern in ipairs(OTHERS) do
-        if literal:find(pattern) then return false end
+-- Returns whether the text has the message as a line, or in a line between what varies.
+local function has(text, message)
+    local first, last = text:find(message, 1, true)
+    while first do
+        if text:find("^[%s%p]*[\1\n]", last + 1)
+            and text:sub(math.max(first - 9, 1), first - 1):find "[\1\n][%s%p]*$" then
+            return true
+        end
+        first, last = text:find(message, first + 1, true)
     end
-    return true
+    return false
 end
 
--- `others`: a text that has more messages.
+-- Looks for the messages in the code spans of a text, or anywhere in `others`.
 local function expect_messages(code, document, place, others)
-    local listed = { others }
+    local spans = "\n"
     for span in document:gsub("\\|", "|"):gmatch "`([^`\n]+)`" do
-        listed[#listed + 1] = plain(span, "<[^<>]*>")
+        spans = spans .. span:gsub("<[^<>]*>", "\1") .. "\n"
     end
-    listed = table.concat(listed, "\n")
-    for _, literal in ipairs(literals(code)) do
-        if is_message(literal) and not listed:find(literal, 1, true) then
-            complain("%s: no message '%s'", place, literal)
+    for _, message in ipairs(select(2, literals(code))) do
+        if not has(spans, message) and not (others and others:find(message, 1, true)) then
+            complain("%s: no message '%s'", place, message)
         end
     end
 end
 
 local LUA_CALLS = { 'warnings,%s*%(?("[^"\n]*")', "fail(%b())", "complain(%b())", "warn_once(%b())",
-                    "warnings:add(%b())", "list:add(%b())", "self:add(%b())" }
-local dumps = read("docs/diagnostic-texts.md"):gsub("\n", " ")
-local reference = read(REFERENCE)
-expect_messages(read("plugins/filter imports/slb3/SLB3 host" .. CODE), reference, REFERENCE, dumps)
-expect_messages(table.concat(matches(read "lua ! -path '*/plot/*'", table.unpack(LUA_CALLS)), ";"),
-    reference, REFERENCE)
+                    "warnings:add(%b())", "list:add(%b())", "self:add(%b())", "error(%b())",
+                    'otherwise =%s+("[^"\n]*")' }
+expect_messages(read("plugins/filter imports/slb3/SLB3 host" .. CODE), reference, REFERENCE,
+    read("docs/diagnostic-texts.md"):gsub("\n", " "))
+expect_messages(table.concat(matches(read "lua bin ! -path '*/plot/*'", table.unpack(LUA_CALLS)),
+    ";"), reference, REFERENCE)
 
--- Traces and log messages, each in the table of its category.
+-- Each trace and log message in the table of its category.
 local module = read("plugins/filter" .. CODE)
 for heading, pattern in pairs {
     ["Traces of SysHealth.eng"] = "Trace%(s_TraceEngine.-%);",
@@ -201,16 +224,17 @@ for heading, pattern in pairs {
     ["Traces of diagnostics"] = "TraceAt%(.-%);",
     ["Errors of the health monitor"] = "Log[EV]%l+%(.-%);",
 } do
-    local statements = table.concat(matches(module, pattern), ";")
-    expect_messages(statements, section(REFERENCE, heading), heading)
+    expect_messages(table.concat(matches(module, pattern), ";"), section(REFERENCE, heading),
+        heading)
 end
 
 -- Each message in a table is in the sources.
-local known = table.concat(literals(read("plugins host lua bin imports" .. CODE)), "\n")
+local known = "\n" .. table.concat(literals(read("plugins host lua bin imports" .. CODE)), "\n")
+    .. "\n"
 for _, title in ipairs { "Message", "Detail" } do
     for _, row in ipairs(matches(rows(reference, title, 1), "`([^`\n]+)`")) do
         for piece in row:gsub("<[^<>]*>", "\1"):gmatch "[^\1]+" do
-            if piece:find "%a%a" and not known:find(plain(piece, "\1"), 1, true) then
+            if piece:find "%a%a" and not has(known, plain(piece, "\1")) then
                 complain("%s: no source has '%s' of '%s'", REFERENCE, piece, row)
             end
         end

@@ -67,7 +67,7 @@ std::string UnusableEngine(const std::string& name)
                std::to_string(engine->abi_version) + " of the interface, not for version " +
                std::to_string(VXI_ABI_VERSION);
     }
-    std::string message = "unknown engine '" + name + "'; known are:";
+    std::string message = "unknown engine '" + name + "'; known engines:";
     const char* separator = " ";
     for (const Engine* engine : kEngines) {
         message.append(separator).append(engine->name);

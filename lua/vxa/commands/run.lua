@@ -236,7 +236,7 @@ local function run(options)
     finish(listeners, totals)
     session.close_document(monitored)
     if totals.cycles > 0 and totals.measured + totals.disabled == 0 then
-        console.complain("no cycle could sample this machine")
+        console.complain("no cycle could sample this machine; --trace SysHealth.eng shows why")
         return 1
     end
     return 0

@@ -163,7 +163,8 @@ local function run(options)
     monitored.messages:show()
     session.close_document(monitored)
     if status.result.measured or status.result.action == filter.DISABLED then return 0 end
-    console.complain("the cycle failed: " .. status.result.text)
+    console.complain(("the cycle failed: %s; --trace SysHealth.eng shows why")
+        :format(status.result.text))
     return 1
 end
 

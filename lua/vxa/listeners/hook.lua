@@ -54,7 +54,8 @@ function Hook:is_over(run, wait_s)
 end
 
 function Hook.complain(_, run)
-    console.complain(("hook at fail-open %s: %s"):format(run.transition, describe(run)))
+    console.complain(("the hook for fail-open '%s' failed: %s"):format(run.transition,
+        describe(run)))
 end
 
 -- Forgets the runs that are reported. Closing one waits for the commands that an ended shell

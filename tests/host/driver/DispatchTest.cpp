@@ -190,7 +190,7 @@ TEST(EnvironmentDeathTest, BadVariablesKeepHandlesFromOpening)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const char* const output =
-        "^.nil. .*(VXI_(ENGINE: unknown engine '.xc3.xa4'; known are: linux, sim|SIM cannot be "
+        "^.nil. .*(VXI_(ENGINE: unknown engine '.xc3.xa4'; known engines: linux, sim|SIM cannot be "
         "read at character 6: .*4096|FAULT .* one of vxi_open, .*vxi_capabilities)[|]){2}$";
     for (std::string variable : {"VXI_ENGINE=\xc3\xa4", "VXI_SIM=cpus=0", "VXI_FAULT=x=1"}) {
         EXPECT_EXIT(

@@ -83,7 +83,7 @@ for _, row in ipairs {
     { "run --interval -1", 2, "%-%-interval must be a number of seconds above 0.*not '%-1'" },
     { "run --interval 1e9", 2, "not '1e9'" },
     { "diag a.zip --profile 0", 2, "%-%-profile must be a number of seconds above 0" },
-    { "run", 2, "unknown engine 'none'; known are: .*linux.*sim", "VXI_ENGINE=none" },
+    { "run", 2, "unknown engine 'none'; known engines: .*linux.*sim", "VXI_ENGINE=none" },
     { "run", 2, "VXI_SIM cannot be read at character 6: expected a number", "VXI_SIM=cpus=x" },
     { "run --metrics a.txt", 2, "%-%-metrics must be a file name that ends in .prom, not 'a.txt'" },
     { "run --metrics-services", 2, "%-%-metrics%-services needs %-%-metrics" },
@@ -199,7 +199,7 @@ for _, row in ipairs {
     { RUN .. "1 --port 443 --trace '*'", "", {},
       "^trace VXI .*\ntrace SysHealth.conf .*\ntrace SysHealth.scan " },
     { RUN .. "2 --engine linux", "FAKE_CPUS=", "no load figures +uptime or nproc.*\n2 cycles .* 0 "
-      .. "measured", "^vxa: no cycle could sample this machine\n$", 1 },
+      .. "measured", "^vxa: no cycle could sample this machine; ", 1 },
     { RUN .. "100000 --metrics a.prom | head -n 1; ls *.prom", "",
       "^vxa [^\n]*\nfifo.prom\nother.prom\n$" },
     { RUN .. 1, "VXI_SIM=flows=9", "normal .*\n== connections: 9 new connections to %d services .*"

@@ -198,8 +198,9 @@ equal(hooks, { { "entered", "SIGTERM", true }, { "left", 7, false } }, "hooks")
 local given = json.decode(testing.read(SCRATCH .. "hooked"))
 equal({ given.record, given.transition, cycles[given.cycle + 1].time },
     { "cycle", "left", given.time }, "a hook's input")
-for _, line in ipairs { "left: exit status 7 after ", "entered: SIGTERM after .*: %l+" } do
-    matches(second, "vxa: hook at fail%-open " .. line)
+for _, line in ipairs { "'left' failed: exit status 7 after ",
+                      "'entered' failed: SIGTERM after .*: %l+" } do
+    matches(second, "vxa: the hook for fail%-open " .. line)
 end
 
 -- What ignores SIGTERM, with what it started.

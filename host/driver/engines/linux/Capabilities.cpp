@@ -85,7 +85,7 @@ std::string StatisticsSource()
 std::string VariablesSource()
 {
     const bool readable = access("/proc/sys/net/ipv4", R_OK | X_OK) == 0;
-    return readable ? "/proc/sys/net" : "the engine's own alone: /proc/sys/net is not readable";
+    return readable ? "/proc/sys/net" : "only the engine's own: /proc/sys/net is not readable";
 }
 
 std::string BlacklistSource()

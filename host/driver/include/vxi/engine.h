@@ -27,7 +27,7 @@ VXI_API int vxi_engine_select(const char* name);
 VXI_API const char* const* vxi_engine_list(void);
 
 /* The error message for a name that vxi_engine_select refuses:
- *   unknown engine 'name'; known are: linux, sim
+ *   unknown engine 'name'; known engines: linux, sim
  *   engine sim was compiled for version 2 of the interface, not for version 1
  * Pure ASCII; the string belongs to the calling thread and lives until its next call of this
  * function. */
