@@ -7,6 +7,8 @@
 --     local settings, warnings = health_policy.check(text)
 --     if not settings then log("policy refused: " .. warnings) end
 --
+-- For an editor or a build, `inspect` returns every finding with its place.
+--
 -- Needs only strict_json.lua.
 
 local strict_json = require "strict_json"
@@ -39,33 +41,93 @@ health_policy.settings = {
 local by_lower_key = {}
 for _, setting in ipairs(health_policy.settings) do by_lower_key[setting.key:lower()] = setting end
 
--- ---- lists of complaints ----------------------------------------------------------------
-
--- A policy can have a hundred thousand members, so a list ends with "and N more".
-local MOST_COMPLAINTS = 20
-
-local Complaints = {}
-Complaints.__index = Complaints
-
-function health_policy.complaints()
-    return setmetatable({ count = 0 }, Complaints)
+-- Returns the setting with this name in a policy, or nil.
+function health_policy.find(name)
+    return by_lower_key[name:lower()]
 end
 
-function Complaints:has_room()
-    return self.count < MOST_COMPLAINTS
+-- ---- findings ---------------------------------------------------------------------------
+
+-- A finding is a table:
+--
+-- severity     "error": the module ignores it or reads something else than is written;
+--              "warning": it is read, but probably not as meant
+-- at           its position in the text; place() adds `line` and `column`, which counts characters
+-- key          the name of the setting or member; nil if it is about something else
+-- lead         the beginning of its sentence, which names the key, or ""
+-- message      the rest of the sentence
+-- effect       what the module does then, or ""
+-- hint         the reason, or what to write instead, or ""
+-- suggestion   the name that was probably meant, or nil
+-- detail       true for what inspect() finds and check() does not
+-- wrong_type   true if check() refuses it unless it is lenient
+
+-- A text can have a hundred thousand members, so check() ends its list with "and N more".
+local MOST_WARNINGS = 20
+local MOST_FINDINGS = 200
+
+local Findings = {}
+Findings.__index = Findings
+
+-- Returns an empty list, which keeps the first `most` findings and counts the others; without
+-- details unless `detailed`.
+function health_policy.findings(detailed)
+    return setmetatable({ most = detailed and MOST_FINDINGS or MOST_WARNINGS, detailed = detailed,
+                          error = 0, warning = 0, wrong_types = 0 }, Findings)
 end
 
-function Complaints:add(format, ...)
-    if self:has_room() then self[#self + 1] = format:format(...) end
-    self.count = self.count + 1
+function Findings:count()
+    return self.error + self.warning
 end
 
--- Ends the list and returns it as a plain array.
-function Complaints:close()
-    local rest = self.count - MOST_COMPLAINTS
-    if rest > 0 then self[#self + 1] = ("and %d more"):format(rest) end
-    self.count = nil
-    return setmetatable(self, nil)
+function Findings:has_room()
+    return #self < self.most
+end
+
+local DEFAULTS = { __index = { severity = "error", lead = "", effect = "", hint = "" } }
+
+function Findings:add(finding)
+    if finding.detail and not self.detailed then return end
+    setmetatable(finding, DEFAULTS)
+    self[finding.severity] = self[finding.severity] + 1
+    if finding.wrong_type then
+        self.wrong_types = self.wrong_types + 1
+        self.first_wrong_type = self.first_wrong_type or finding
+    end
+    if self:has_room() then self[#self + 1] = finding end
+end
+
+-- Returns a finding's sentence, as check() has it. It ends with the suggestion.
+function health_policy.sentence(finding)
+    local meant = finding.suggestion
+    return finding.lead .. finding.message .. finding.effect
+        .. (meant and (" (did you mean '%s'?)"):format(meant) or "")
+end
+
+-- Returns the sentences as an array; with `numbered`, after the numbers of their lines.
+function Findings:sentences(numbered)
+    local sentences = {}
+    for i, finding in ipairs(self) do
+        sentences[i] = (numbered and ("line %d: "):format(finding.line) or "")
+            .. health_policy.sentence(finding)
+    end
+    local rest = self:count() - #self
+    if rest > 0 then sentences[#sentences + 1] = ("and %d more"):format(rest) end
+    return sentences
+end
+
+-- Sorts the findings by position, those without one last, and adds their lines and columns.
+function Findings:place(text)
+    for i, finding in ipairs(self) do finding.order = i end
+    table.sort(self, function(a, b)
+        local first, second = a.at or math.huge, b.at or math.huge
+        if first == second then return a.order < b.order end
+        return first < second
+    end)
+    local place = strict_json.places(text)
+    for _, finding in ipairs(self) do
+        if finding.at then finding.line, finding.column = place(finding.at) end
+    end
 end
 
 -- ---- names ------------------------------------------------------------------------------
@@ -96,33 +158,37 @@ local function most_similar(name)
     local best, best_distance
     for _, setting in ipairs(health_policy.settings) do
         for _, candidate in ipairs { setting.key, setting.conf } do
-            local changes = distance(name:upper(), candidate)
             local most = math.min(math.max(#name, #candidate) / 4, (best_distance or 100) - 1)
-            if changes <= most then best, best_distance = setting, changes end
+            -- At least as many changes as the lengths differ by.
+            local changes = math.abs(#name - #candidate) <= most
+                and distance(name:upper(), candidate)
+            if changes and changes <= most then best, best_distance = setting, changes end
         end
     end
     return best
 end
 
--- Adds a warning about an unknown name and suggests a setting. `field` is how settings are named
--- at this place: "key" in a policy, "conf" in the configuration file.
-function Complaints:add_unknown(place, name, field)
+-- Adds a finding about an unknown name and suggests a setting. `field` is how settings are named
+-- in this text: "key" in a policy, "conf" in the configuration file.
+function Findings:add_unknown(name, at, field, hint)
     local similar = self:has_room() and #name <= LONGEST_SHOWN and most_similar(name)
-    self:add("%s'%s' is not a setting; it is ignored%s", place, shorten(name),
-        similar and (" (did you mean '%s'?)"):format(similar[field]) or "")
+    self:add { at = at, key = shorten(name), lead = ("'%s' "):format(shorten(name)),
+               message = "is not a setting; it is ignored", hint = hint,
+               suggestion = similar and similar[field] or nil }
 end
 
 -- ---- members ----------------------------------------------------------------------------
 
--- Returns the first member "value", which the module takes, and whether there are several.
+-- Returns the first member "value", which the module takes, and the next one.
 local function value_of(threshold)
-    local found, again = nil, false
+    local found
     for _, member in ipairs(threshold.members or {}) do
         if member.key:lower() == "value" then
-            found, again = found or member.value, found ~= nil
+            if found then return found.value, member end
+            found = member
         end
     end
-    return found, again
+    return found and found.value
 end
 
 local function as_number(value)
@@ -156,71 +222,118 @@ function health_policy.in_bounds(setting, number)
     return number >= 0 and number <= setting.max
 end
 
+-- Returns the reason for which a number is out of bounds, as far as it is not plain.
+function health_policy.why_out_of_bounds(number)
+    if number ~= number then return "'nan' is not a value" end
+    if number == math.huge then return "infinite, or too large a number" end
+    if number < 0 then return "a value is not negative" end
+    if number == 0 then return "to switch a setting off, leave it out" end
+end
+
 -- Returns what the module makes of a number within bounds: plain numbers lose their fraction.
-function health_policy.effective(setting, number, warnings, name)
+function health_policy.effective(setting, number, findings, name, at)
     if setting.threshold or number == math.floor(number) then return number end
-    warnings:add("%s: %.14g counts as %d", name, number, math.floor(number))
+    findings:add { at = at, key = name, lead = name .. ": ",
+                   message = ("%.14g counts as %d"):format(number, math.floor(number)) }
     return math.floor(number)
 end
 
--- Returns the number that the module takes for this setting, or nil. A member of the wrong type
--- is an error if `errors` is given, otherwise a warning that says what the module makes of it.
-local function check_member(setting, value, errors, warnings)
-    local source, again = value, false
-    if setting.threshold then source, again = value_of(value) end
-    if not source or source.type ~= "number" then
-        local effect = setting.threshold and "; it is ignored" or "; it counts as 0"
-        local list = errors or warnings
-        list:add("%s must be %s, not %s%s", setting.key, expected(setting, value),
-            describe_member(value), errors and "" or effect)
-        return not setting.threshold and 0 or nil
-    end
-    if again then warnings:add("%s has its value repeated; the first counts", setting.key) end
-    if health_policy.in_bounds(setting, source.value) then
-        return health_policy.effective(setting, source.value, warnings, setting.key)
-    end
-    warnings:add("%s: %.14g is out of bounds (%s to %d); it is ignored", setting.key, source.value,
-        setting.threshold and "above 0" or "0", setting.max)
-end
-
-local function check_members(members, lenient)
-    local settings, seen, warnings = {}, {}, health_policy.complaints()
-    local errors = not lenient and health_policy.complaints() or nil
-    for _, member in ipairs(members) do
-        local setting = by_lower_key[member.key:lower()]
-        if not setting then
-            warnings:add_unknown("", member.key, "key")
-        elseif seen[setting] then
-            warnings:add("'%s' is repeated; the first counts", member.key)
-        else
-            seen[setting] = true
-            settings[setting.key] = check_member(setting, member.value, errors, warnings)
+-- The module looks for nothing but "value" in a threshold.
+local function check_other_members(key, threshold, findings)
+    for _, member in ipairs(findings.detailed and threshold.members or {}) do
+        local name = member.key:lower()
+        if name ~= "value" then
+            findings:add { detail = true, at = member.at, key = key .. "." .. shorten(member.key),
+                           message = "is not read: a threshold has nothing but \"value\"",
+                           suggestion = distance(name, "value") <= 2 and "value" or nil }
         end
     end
-    if lenient or errors.count == 0 then return settings, warnings:close() end
-    local rest = errors.count > 1 and (" (and %d more)"):format(errors.count - 1) or ""
-    return nil, errors[1] .. rest
+end
+
+local function add_wrong_type(setting, value, findings)
+    findings:add { wrong_type = true, at = value.at, key = setting.key, lead = setting.key .. " ",
+                   message = ("must be %s, not %s"):format(expected(setting, value),
+                       describe_member(value)),
+                   effect = setting.threshold and "; it is ignored" or "; it counts as 0" }
+end
+
+-- Returns the number that the module takes for this setting, or nil.
+local function check_member(setting, value, findings)
+    local source, again = value, nil
+    if setting.threshold then
+        check_other_members(setting.key, value, findings)
+        source, again = value_of(value)
+    end
+    if not source or source.type ~= "number" then
+        add_wrong_type(setting, value, findings)
+        return not setting.threshold and 0 or nil
+    end
+    if again then
+        findings:add { at = again.at, key = setting.key, lead = setting.key .. " ",
+                       message = "has its value repeated; the first counts" }
+    end
+    if health_policy.in_bounds(setting, source.value) then
+        return health_policy.effective(setting, source.value, findings, setting.key, source.at)
+    end
+    findings:add { at = source.at, key = setting.key, lead = setting.key .. ": ",
+                   message = ("%.14g is out of bounds (%s to %d); it is ignored"):format(
+                       source.value, setting.threshold and "above 0" or "0", setting.max),
+                   hint = health_policy.why_out_of_bounds(source.value) }
+end
+
+-- Returns a hint for a member with an unknown name.
+local function why_unknown(member)
+    if member.key:find("^%s") or member.key:find("%s$") then
+        return "the blanks belong to the name"
+    end
+    for _, inner in ipairs(member.value.members or {}) do
+        if health_policy.find(inner.key) then
+            return ("'%s' in it belongs to the top level of the policy"):format(shorten(inner.key))
+        end
+    end
+end
+
+-- Returns the settings, and the positions of their names by key.
+local function check_members(members, findings)
+    local settings, positions = {}, {}
+    for _, member in ipairs(members) do
+        local setting = health_policy.find(member.key)
+        if not setting then
+            findings:add_unknown(member.key, member.at, "key", why_unknown(member))
+        elseif positions[setting.key] then
+            findings:add { at = member.at, key = setting.key,
+                           lead = ("'%s' "):format(member.key),
+                           message = "is repeated; the first counts" }
+        else
+            positions[setting.key] = member.at
+            settings[setting.key] = check_member(setting, member.value, findings)
+        end
+    end
+    return settings, positions
 end
 
 -- ---- the whole policy -------------------------------------------------------------------
 
--- Recognizes the syntax of /etc/vx_filter.conf: returns a message, line and column, or nothing.
+-- Recognizes the syntax of /etc/vx_filter.conf: returns a message, line, column and position, or
+-- nothing.
 local function find_conf_syntax(text)
     local at, name = ("\n" .. text):match("\n[ \t]*()([%w_]+)[ \t]*=")
     if not at or not (name:find("^SYSTEM_") or name:find("^SYS_")) then return end
-    return "a policy is JSON; NAME=NUMBER is the syntax of /etc/vx_filter.conf",
-        strict_json.place(text, at - 1)
+    local line, column = strict_json.place(text, at - 1)
+    return "a policy is JSON; NAME=NUMBER is the syntax of /etc/vx_filter.conf", line, column,
+        at - 1
 end
 
-local function parse(text)
-    local policy, message, line, column = strict_json.parse(text)
-    if policy then
-        if policy.type == "object" then return policy end
-        message, line, column = "a policy is a JSON object: {...}", 1, 1
-    elseif find_conf_syntax(text) then
-        message, line, column = find_conf_syntax(text)
+-- Returns the members; or nil, a message, line, column and position.
+local function parse(text, tolerate)
+    local policy, message, line, column, at = strict_json.parse(text, tolerate)
+    if not policy then
+        local found, other_line, other_column, other_at = find_conf_syntax(text)
+        if found then return nil, found, other_line, other_column, other_at end
+        return nil, message, line, column, at
     end
-    return nil, ("line %d, column %d: %s"):format(line, column, message)
+    if policy.type == "object" then return policy.members end
+    return nil, "a policy is a JSON object: {...}", 1, 1, 1
 end
 
 -- Returns the settings that will be in force, numbers by their keys, and an array of warnings,
@@ -228,9 +341,36 @@ end
 -- the policy is not JSON or a member has the wrong type. The module reads a plain number of the
 -- wrong type as 0 and ignores such a threshold; with `lenient`, so does this, with a warning.
 function health_policy.check(text, lenient)
-    local policy, message = parse(text)
-    if not policy then return nil, message end
-    return check_members(policy.members, lenient)
+    local members, message, line, column = parse(text)
+    if not members then return nil, ("line %d, column %d: %s"):format(line, column, message) end
+    local findings = health_policy.findings()
+    local settings = check_members(members, findings)
+    if lenient or findings.wrong_types == 0 then return settings, findings:sentences() end
+    local first, rest = findings.first_wrong_type, findings.wrong_types - 1
+    return nil, first.lead .. first.message .. (rest > 0 and (" (and %d more)"):format(rest) or "")
+end
+
+-- Returns what the module reads, even from a text that check() refuses: the settings, nil if it
+-- ignores the whole text; the list of findings, in the order of the text (at most 200; `error` and
+-- `warning` are the numbers of all); and the positions of the settings by key.
+function health_policy.inspect(text)
+    local findings = health_policy.findings(true)
+    local members, message, _, _, at = parse(text, function(place, deviation)
+        findings:add { detail = true, at = place, message = deviation,
+                       effect = "; the module accepts it, vxa refuses it" }
+    end)
+    local settings, positions
+    if members then
+        settings, positions = check_members(members, findings)
+    elseif text == "" then
+        findings:add { at = 1, message = "the text is empty: for an empty policy the module reads "
+            .. "/etc/vx_filter.conf" }
+    else
+        findings:add { at = at, message = message,
+                       effect = "; the module ignores the whole policy" }
+    end
+    findings:place(text)
+    return settings, findings, positions
 end
 
 return health_policy

@@ -8,8 +8,8 @@ local command_line = {}
 
 -- In the order of the help. lua/vxa/commands has a file for each, with two functions:
 -- `define(command)` adds description and options, `run(options)` returns the exit status.
-local COMMANDS = { "run", "status", "connections", "history", "diag", "show", "diff", "redact",
-                   "plot", "replay", "tune" }
+local COMMANDS = { "run", "status", "check", "connections", "history", "diag", "show", "diff",
+                   "redact", "plot", "replay", "tune" }
 
 -- ---- the parser -------------------------------------------------------------------------
 

@@ -59,8 +59,12 @@ options.TRACE_CATEGORIES = { "filter", "diagnostics", "VXI", "SysHealth.eng", "S
 
 -- ---- options ----------------------------------------------------------------------------
 
-function options.add_driver(command)
+function options.add_engine(command)
     command:option("--engine", "Packet filter engine: linux (default) or sim."):argname("NAME")
+end
+
+function options.add_driver(command)
+    options.add_engine(command)
     command:option("--trace", "Show the module's messages of a trace category, such as "
         .. "SysHealth.eng or 'SysHealth.*'. May be repeated.")
         :argname("CATEGORY"):count("*"):target("traces")

@@ -1,5 +1,6 @@
 -- Chooses the health policy of a run: --policy, the configuration file or the built-in default.
 
+local conf_text = require "vxa.check.conf_text"
 local console = require "vxa.output.console"
 local exit = require "vxa.exit"
 local format = require "vxa.output.format"
@@ -8,7 +9,7 @@ local health_policy = require "health_policy"
 local policy_source = {}
 
 policy_source.CONF_PATH = "/etc/vx_filter.conf"
-local MOST_BYTES = 1048576
+policy_source.MOST_BYTES = 1048576
 
 -- Returns a policy in JSON, from which the module reads the same numbers.
 function policy_source.to_json(values)
@@ -37,7 +38,7 @@ end
 
 -- Returns the policy of a JSON file, as policy_source.choose does.
 function policy_source.read(vxa, path, lenient)
-    local text, message = vxa.read_file(path, MOST_BYTES)
+    local text, message = vxa.read_file(path, policy_source.MOST_BYTES)
     if not text then exit.fail(2, "policy %s", message) end
     local values, warnings = health_policy.check(text, lenient)
     if not values then
@@ -49,53 +50,12 @@ end
 
 -- ---- configuration file -----------------------------------------------------------------
 
-local by_conf_name = {}
-for _, setting in ipairs(health_policy.settings) do by_conf_name[setting.conf] = setting end
-
--- Unlike in a policy, zero is out of bounds for every setting.
-local function read_setting(setting, number, values, warnings, place)
-    if not number then
-        warnings:add("%s%s has no number; the line is ignored", place, setting.conf)
-    elseif number > 0 and number <= setting.max then
-        values[setting.key] = health_policy.effective(setting, number, warnings,
-            place .. setting.conf)
-    else
-        warnings:add("%s%s %.14g is out of bounds (above 0 to %d); the line is ignored", place,
-            setting.conf, number, setting.max)
-    end
-end
-
--- Warns about a line that the module ignores although its author meant to set something.
-local function check_other_line(line, warnings, place)
-    local name = line:match("^%s*([%w_]+)%s*=")
-    if line:find('^%s*{?%s*"[%w_]+"%s*:') then
-        warnings:add("%sJSON is for --policy; this file has lines NAME=NUMBER", place)
-    elseif name and by_conf_name[name:upper()] then
-        warnings:add("%s%s= must start the line, in capitals and without spaces; it is ignored",
-            place, name:upper())
-    elseif name then
-        warnings:add_unknown(place, name, "conf")
-    end
-end
-
 -- The module itself reads the file, at every cycle; these are the settings it finds now.
 local function from_conf_text(vxa, text)
-    local values, warnings = {}, health_policy.complaints()
-    local at, line_number = 1, 1
-    while at <= #text do
-        local line, number, next_at = vxa.conf_line(text, at)
-        local setting = by_conf_name[line:match("^([%u_]+)=")]
-        local place = ("line %d: "):format(line_number)
-        if setting then
-            read_setting(setting, number, values, warnings, place)
-        else
-            check_other_line(line, warnings, place)
-        end
-        if text:byte(next_at - 1) == 10 then line_number = line_number + 1 end
-        at = next_at
-    end
+    local findings = health_policy.findings()
+    local values = conf_text.read(vxa, text, findings)
     return { text = "", source = policy_source.CONF_PATH, values = values,
-             warnings = warnings:close() }
+             warnings = findings:sentences(true) }
 end
 
 -- ---- default ----------------------------------------------------------------------------
@@ -110,7 +70,7 @@ local FREE_MEMORY_PCT = 0.1
 local DEFAULT_SOURCE = "built-in default (no --policy, no " .. policy_source.CONF_PATH .. ")"
 
 local function built_in(cpus)
-    local longest_queue = by_conf_name.SYSTEM_RUNQ_PCT_THRESHOLD.max
+    local longest_queue = health_policy.find("SYS_THR_RUNQ").max
     local values = {
         SYS_THR_RUNQ = math.min(longest_queue, PROCESSES_PER_CPU * math.max(cpus, 1)),
         SYS_THR_FREE_MEM = FREE_MEMORY_PCT,
@@ -182,7 +142,8 @@ end
 local ENOENT = 2  -- errno value
 
 local function without_policy_file(vxa, cpus)
-    local text, message, code = vxa.read_file(policy_source.CONF_PATH, MOST_BYTES)
+    local text, message, code = vxa.read_file(policy_source.CONF_PATH,
+        policy_source.MOST_BYTES)
     if text then return from_conf_text(vxa, text) end
     if code ~= ENOENT then exit.fail(2, "configuration %s", message) end
     return built_in(cpus())

@@ -7,9 +7,6 @@ local proposal = {}
 
 local WEEK_S = 7 * 86400
 
-local settings_by_key = {}
-for _, setting in ipairs(health_policy.settings) do settings_by_key[setting.key] = setting end
-
 -- ---- thresholds -------------------------------------------------------------------------
 
 -- Steps between proposed thresholds; smaller differences mean nothing on a quiet machine.
@@ -40,7 +37,7 @@ local LEAST_INTERVALS = 2
 -- Returns the threshold to propose, or false for none, or nil to keep the present one; and why it
 -- is not simply the tightest one.
 local function propose(metric, result, interval_s)
-    local most = settings_by_key[metric.setting].max
+    local most = health_policy.find(metric.setting).max
     if not result.tightest or result.sampled < SHORTEST_S then
         return nil, "not enough values; unchanged"
     elseif result.tightest <= 0 then

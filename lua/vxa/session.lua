@@ -46,17 +46,23 @@ local function select_engine(vxa, name)
     return selected or exit.fail(2, "%s", message)
 end
 
--- What every command that uses the driver needs: returns {vxa, engine}, with the module `fc`
--- loaded.
-function session.attach(options)
+-- What every command that uses the driver needs: returns {vxa, engine}.
+function session.attach_driver(options)
     local vxa = session.load_host()
     local engine = select_engine(vxa, options.engine)
     local valid, message = vxa.check_environment()
     if not valid then exit.fail(2, "%s", message) end
+    return { vxa = vxa, engine = engine }
+end
+
+-- The same with the module `fc` loaded.
+function session.attach(options)
+    local attached = session.attach_driver(options)
     session.load_filter()
+    local vxa = attached.vxa
     local missing = vxa.simulated_machine() and {} or environment.missing_commands(vxa)
     for _, lacking in ipairs(missing) do console.complain(lacking) end
-    return { vxa = vxa, engine = engine }
+    return attached
 end
 
 -- ---- logs -------------------------------------------------------------------------------

@@ -247,6 +247,20 @@ const char* FileKind(const std::string& path)
     }
 }
 
+FileStatus GetFileStatus(const std::string& path)
+{
+    const FileDescriptor file(open(path.c_str(), O_PATH | O_CLOEXEC));
+    struct stat status;
+    if (file.Get() < 0 || fstat(file.Get(), &status) != 0)
+        throw FileError(errno, path + ": " + ErrorText(errno));
+    const char* kind = "device";
+    if (S_ISREG(status.st_mode)) kind = "file";
+    if (S_ISDIR(status.st_mode)) kind = "directory";
+    if (S_ISFIFO(status.st_mode)) kind = "FIFO";
+    if (S_ISSOCK(status.st_mode)) kind = "socket";
+    return {kind, status.st_uid, status.st_mode & 07777U};
+}
+
 InputFile::InputFile(const std::string& path) : m_path(path)
 {
     struct stat status;

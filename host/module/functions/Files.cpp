@@ -1,6 +1,6 @@
-// Files that may belong to other users: vxa.mkdir, vxa.file_kind, vxa.same_file, vxa.read_file,
-// vxa.read_tail, vxa.replace_file, vxa.remove_file; and the lines of the settings file:
-// vxa.conf_line.
+// Files that may belong to other users: vxa.mkdir, vxa.file_kind, vxa.file_status, vxa.same_file,
+// vxa.read_file, vxa.read_tail, vxa.replace_file, vxa.remove_file; and the lines of the settings
+// file: vxa.conf_line.
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -32,6 +32,19 @@ int FileKind(lua_State* L)
     if (!SucceedsOrPushError(L, [&] { kind = VxaCore::Host::FileKind(path); }))
         return kErrorResults;
     lua_pushstring(L, kind);
+    return 1;
+}
+
+int FileStatus(lua_State* L)
+{
+    const char* path = CheckPath(L, 1);
+    VxaCore::Host::FileStatus status{};
+    if (!SucceedsOrPushError(L, [&] { status = VxaCore::Host::GetFileStatus(path); }))
+        return kErrorResults;
+    lua_createtable(L, 0, 3);
+    SetString(L, "kind", status.kind);
+    SetNumber(L, "owner", status.owner);
+    SetNumber(L, "mode", status.mode);
     return 1;
 }
 
@@ -118,7 +131,8 @@ std::string_view FirstLine(std::string_view rest)
 }
 
 // conf_line(text, at): the line that begins at the offset `at` (from 1) up to its first NUL, the
-// number after its first "=" (nil if there is none), and the offset of the next line.
+// number after its first "=" (nil if there is none), the offset of the next line, and the position
+// in the line after the number.
 int ConfLine(lua_State* L)
 {
     const std::string_view text = CheckBytes(L, 1);
@@ -133,18 +147,23 @@ int ConfLine(lua_State* L)
     const char* value = std::strchr(line, '=');
     char* end = nullptr;
     const float number = value ? std::strtof(value + 1, &end) : 0;
-    if (value && end != value + 1)
+    const bool has_number = value && end != value + 1;
+    if (has_number)
         lua_pushnumber(L, number);
     else
         lua_pushnil(L);
     lua_pushnumber(L, static_cast<lua_Number>(begin + taken.size() + 1));
-    return 3;
+    if (!has_number) return 3;
+    lua_pushnumber(L, static_cast<lua_Number>(end - line + 1));
+    return 4;
 }
 
 constexpr luaL_Reg kFunctions[] = {
-    {"mkdir", MakeDirectory},    {"file_kind", FileKind}, {"same_file", IsSameFile},
-    {"read_file", ReadFile},     {"read_tail", ReadTail}, {"replace_file", ReplaceFile},
-    {"remove_file", RemoveFile}, {"conf_line", ConfLine}, {nullptr, nullptr},
+    {"mkdir", MakeDirectory},      {"file_kind", FileKind},
+    {"file_status", FileStatus},   {"same_file", IsSameFile},
+    {"read_file", ReadFile},       {"read_tail", ReadTail},
+    {"replace_file", ReplaceFile}, {"remove_file", RemoveFile},
+    {"conf_line", ConfLine},       {nullptr, nullptr},
 };
 
 }  // namespace

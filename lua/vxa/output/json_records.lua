@@ -34,6 +34,7 @@ local KEY_ORDER = {
     "removed", "changes", "lost_in", "reason", "traffic", "notes", "host", "differences",
     "unchanged", "warnings",
     "file", "first", "last", "failed", "disabled", "starts", "gaps", "missing",
+    "format", "line", "column", "key", "severity", "message", "suggestion",
     "longest_s", "stretches", "restarted", "values",
     "quantiles", "p50", "p99", "p99.9", "max", "p1", "p0.1", "min", "entries_per_week", "proposed",
     "first_half_end", "first_half_entries", "second_half_entries", "second_half_per_week",

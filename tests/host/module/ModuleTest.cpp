@@ -85,7 +85,7 @@ const std::string kScripts[] = {
     "vxa.capture(true) vxa.captured() vxa.capture(false) vxa.open():capabilities()",
     "vxa.parse_json('{\"a\":[1,\"b\"]}', 1, false, {}) vxa.hexdump(vxa.printable('\\0'))",
     "vxa.driver_failures() vxa.replace_file(dir, 'a', true) vxa.remove_file(dir)",
-    "vxa.conf_line('A=1', 1) vxa.read_file('/etc/passwd', 1e6) vxa.read_file('/', 1)",
+    "vxa.conf_line('A=1', 1) vxa.file_status('/') vxa.file_status('/no') vxa.read_file('/etc/passwd', 1e6) vxa.read_file('/', 1)",
     "local f = vxa.append_file(dir) f:write('a') f:cut_partial_line() f:head(9) f:size() f:close()",
     "local f = vxa.rotated_file(dir, '', 1, 1, true) f:write('a') f:write('b') f:compress()",
     "vxa.start_process(':', '', 1):wait(1) vxa.run_program({ 'false' }, '', vxa.temporary(dir))",

@@ -42,6 +42,15 @@ VXA_CORE_API void MakeDirectories(const std::string& path);
 // FileError.
 VXA_CORE_API const char* FileKind(const std::string& path);
 
+struct FileStatus {
+    const char* kind;  // "file", "directory", "FIFO", "socket" or "device"
+    unsigned owner;    // user ID
+    unsigned mode;     // permission bits
+};
+
+// Follows links. Throws FileError.
+VXA_CORE_API FileStatus GetFileStatus(const std::string& path);
+
 // A regular file, read from its start; links are followed. Does not wait for the writer of a FIFO
 // and reads nothing from devices.
 class VXA_CORE_API InputFile {
