@@ -45,7 +45,7 @@ foreach(import vxi vxa_core)
     string(TOUPPER FC_${import}_LIBRARY given)
     if(${given})
         add_library(${import} SHARED IMPORTED)
-        set_target_properties(${import} PROPERTIES IMPORTED_LOCATION ${${given}})
+        set_target_properties(${import} PROPERTIES IMPORTED_LOCATION "${${given}}")
     endif()
 endforeach()
 
