@@ -2,8 +2,6 @@
 
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(cjson REQUIRED IMPORTED_TARGET libcjson)
-pkg_check_modules(nettle REQUIRED IMPORTED_TARGET nettle)
-pkg_check_modules(zlib REQUIRED IMPORTED_TARGET zlib)
 
 # Headers only: modules loaded by Lua must take its API from the interpreter that
 # loads them. A second copy of Lua in the process would break both.

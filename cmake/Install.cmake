@@ -48,13 +48,17 @@ function(install_document file)
         COMPONENT documentation)
 endfunction()
 
+# A part of the tree, such as an agent's build needs, may not have them.
 file(GLOB documents RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS
-    docs/*.md docs/commands/*.md)
-foreach(document README.md CHANGELOG.md CONTRIBUTING.md ${documents})
+    README.md CHANGELOG.md CONTRIBUTING.md docs/*.md docs/commands/*.md)
+foreach(document ${documents})
     install_document(${document})
 endforeach()
-foreach(engine linux sim fault)
-    install_document(host/driver/engines/${engine}/README.md engine-${engine}.md)
+file(GLOB documents RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS
+    host/driver/engines/*/README.md)
+foreach(document ${documents})
+    string(REGEX REPLACE ".*/(.*)/README" "engine-\\1" name ${document})
+    install_document(${document} ${name})
 endforeach()
 
 # What follows replaces the agent: a build against its libraries does not have it.
