@@ -148,7 +148,7 @@ local CODE = [[ -regex '.*\(vxa\|[.]\(cpp\|h\|lua\)\)']]
 
 -- Literals in C++ that look like messages and are not, as patterns: arguments of commands, what
 -- files have, JSON, and what Lua writes after "bad argument".
-local OTHERS = { "^%A*$", "\\", '"', "^vmstat", "^proc/", "^SIG$", "^Mem%a+:", "^list ruleset",
+local OTHERS = { "^%A*$", "\\", '"', "^vmstat", "^proc/", "^SIG$", "^UTC$", "^Mem%a+:", "^list ruleset",
                  "^ct %l", "^[%l%d].*expected$", "^vxa re[cd]", "KIND ORIGINAL MASKED key",
                  "^names without", "^get_scan_metrics%(%) failed$" }
 
