@@ -24,8 +24,8 @@ local function names_page(text, page)
     return text:gsub("[`]", ""):gsub(" ", "-") == page.name or page.path:match("[^/]*$") == text
 end
 
-local function has_heading(page, text)
-    return (page.text:lower():find("\n##+ " .. text:lower():gsub("%p", "%%%0") .. "\n"))
+local function has_section(page, text)
+    return (page.text:lower():find("\n## " .. text:lower():gsub("%p", "%%%0") .. "\n"))
 end
 
 -- Returns what replaces a link; `before` and `after` are the characters around it.
@@ -34,7 +34,7 @@ local function replace_link(page, pages, before, text, target, after)
     local other = path ~= "" and pages[resolve(page.path, path)] or page
     if path ~= "" and other == page then return before .. text .. after end
     if other == page then
-        return before .. (has_heading(page, text) and text:upper() or text) .. after
+        return before .. (has_section(page, text) and text:upper() or text) .. after
     end
     page.related[other] = true
     local reference = markdown.reference(other)

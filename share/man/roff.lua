@@ -17,11 +17,6 @@ local function verbatim(text)
     return (text:gsub("[-'`^~]", VERBATIM))
 end
 
--- The same, without hyphenation of the words.
-local function unbroken(text)
-    return ((" " .. verbatim(text)):gsub("%s%f[%a]", "%0\\%%"):sub(2))
-end
-
 -- Returns the number of columns that a line takes.
 local function width(text)
     local shown = text:gsub("\\f%(..", ""):gsub("\\f.", ""):gsub("\\%(..", "x"):gsub("\\[&%%]", "")
@@ -36,12 +31,22 @@ local function longest_word(text)
     return longest
 end
 
--- Code is bold, as typed words are on man pages. References to pages have a plain hyphen.
+-- The sequence that keeps the word after it from being hyphenated; within a word it would allow it.
+local UNBROKEN = "\\%"
+
+local function bold(space, opening, text)
+    local start = space ~= "" and UNBROKEN or ""
+    return space .. start .. opening .. "\\fB"
+        .. verbatim(text):gsub("%s%f[%a]", "%0" .. UNBROKEN:gsub("%%", "%%%%")) .. "\\fR"
+end
+
+-- Code is bold, as typed words are on man pages, and so are the names of pages in references.
 local function finish_prose(text)
-    return (text:gsub("\\fC(.-)\\fR", function(code) return "\\fB" .. unbroken(code) .. "\\fR" end)
-        :gsub("\\fB([%w._-]+)\\fR%((%d%l*)%)", function(name, section)
-            return ("\\fB%s\\fR(%s)"):format(unbroken(name), section)
-        end))
+    text = (" " .. text):gsub("(%s?)([(\"]*)\\fC(.-)\\fR", bold)
+        :gsub("(%s?)([(\"]*)\\fB([%w._-]+)\\fR(%(%d%l*%))", function(space, opening, name, section)
+            return bold(space, opening, name) .. section
+        end)
+    return text:sub(2)
 end
 
 -- ---- tables -----------------------------------------------------------------------------
