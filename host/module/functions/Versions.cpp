@@ -3,7 +3,9 @@
 
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string_view>
 
@@ -130,7 +132,9 @@ void PushLibrary(lua_State* L, const char* name, const Library& library)
 {
     lua_createtable(L, 0, 4);
     SetString(L, "name", name);
-    SetString(L, "path", library.path);
+    // Without the module's folder, from which the loader may have found it.
+    char path[PATH_MAX];
+    SetString(L, "path", realpath(library.path, path) ? path : library.path);
     const std::string_view version = JsonString(library.metadata, R"("version":")");
     if (!version.empty()) {
         lua_pushlstring(L, version.data(), version.size());
