@@ -148,9 +148,9 @@ local CODE = [[ -regex '.*\(vxa\|[.]\(cpp\|h\|lua\)\)']]
 
 -- Literals in C++ that look like messages and are not, as patterns: arguments of commands, what
 -- files have, JSON, and what Lua writes after "bad argument".
-local OTHERS = { "^%A*$", "\\", '"', "^vmstat", "^proc/", "^SIG$", "^UTC$", "^Mem%a+:", "^list ruleset",
-                 "^ct %l", "^[%l%d].*expected$", "^vxa re[cd]", "KIND ORIGINAL MASKED key",
-                 "^names without", "^get_scan_metrics%(%) failed$" }
+local OTHERS = { "^%A*$", "\\", '"', "^vmstat", "^proc/", "^SIG$", "^UTC$", "^Mem%a+:",
+                 "^list ruleset", "^ct %l", "^[%l%d].*expected$", "^vxa re[cd]",
+                 "KIND ORIGINAL MASKED key", "^names without", "^get_scan_metrics%(%) failed$" }
 
 -- Returns a message with \1 in place of what varies, without blanks and punctuation at its ends.
 local function plain(message, placeholder)
