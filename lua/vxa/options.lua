@@ -53,6 +53,7 @@ end
 -- ---- names of values ----------------------------------------------------------------------
 
 options.ENGINES = { "linux", "sim" }
+options.POLICY_FORMATS = { "policy", "conf" }
 
 options.TRACE_CATEGORIES = { "filter", "diagnostics", "VXI", "SysHealth.eng", "SysHealth.scan",
                              "SysHealth.conf", "SysHealth.metr" }
@@ -80,17 +81,25 @@ function options.add_lenient(command)
         .. "warn about them.")
 end
 
-function options.add_policy(command)
+function options.add_policy_file(command)
     command:option("--policy", ("Health policy, a JSON file. Default: %s if it exists, otherwise "
         .. "a built-in policy."):format(policy_source.CONF_PATH)):argname("FILE.json")
         :convert(options.file_name("--policy"))
+end
+
+function options.add_port(command)
     command:option("--port", "Monitor the connections of this port. Where connections are "
         .. "redirected (DNAT), this is the port they are redirected to; traffic forwarded to "
         .. "containers is not counted. Overrides the policy's port, and adds connection "
         .. "thresholds if the policy has none."):argname("N")
         :convert(options.whole("--port", 1, 65535))
-    options.add_lenient(command)
     command:flag("--outbound", "The port is on remote servers. Default: on this machine.")
+end
+
+function options.add_policy(command)
+    options.add_policy_file(command)
+    options.add_lenient(command)
+    options.add_port(command)
 end
 
 -- `meaning`: the words in front of "local date ... or time".

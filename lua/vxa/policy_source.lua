@@ -69,7 +69,8 @@ local FREE_MEMORY_PCT = 0.1
 
 local DEFAULT_SOURCE = "built-in default (no --policy, no " .. policy_source.CONF_PATH .. ")"
 
-local function built_in(cpus)
+-- Returns the default policy for a machine with so many processors.
+function policy_source.built_in(cpus)
     local longest_queue = health_policy.find("SYS_THR_RUNQ").max
     local values = {
         SYS_THR_RUNQ = math.min(longest_queue, PROCESSES_PER_CPU * math.max(cpus, 1)),
@@ -124,12 +125,18 @@ local function insert_at_front(text, additions)
     return additions:sub(1, -2) .. (rest:sub(1, 1) == "}" and "" or ",") .. rest
 end
 
-local function with_port(chosen, port, outbound)
+-- Returns the settings that --port puts in front of those of a policy.
+function policy_source.port_settings(values, port, outbound)
     local additions = { SYS_CONF_CONN_REFUSAL_PORT = port,
                         SYS_CONF_CONN_REFUSAL_OUTBOUND = outbound and 1 or 0 }
-    if not has_port_threshold(chosen.values) then
+    if not has_port_threshold(values) then
         for key, value in pairs(port_defaults) do additions[key] = value end
     end
+    return additions
+end
+
+local function with_port(chosen, port, outbound)
+    local additions = policy_source.port_settings(chosen.values, port, outbound)
     local text = policy_source.effective_text(chosen)
     for key, value in pairs(additions) do chosen.values[key] = value end
     chosen.text = insert_at_front(text, policy_source.to_json(additions))
@@ -146,7 +153,7 @@ local function without_policy_file(vxa, cpus)
         policy_source.MOST_BYTES)
     if text then return from_conf_text(vxa, text) end
     if code ~= ENOENT then exit.fail(2, "configuration %s", message) end
-    return built_in(cpus())
+    return policy_source.built_in(cpus())
 end
 
 -- Returns {text, source, values, warnings}: options.policy, else the configuration file, else

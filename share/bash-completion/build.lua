@@ -7,7 +7,8 @@ local commands = require "commands"
 local options = require "vxa.options"
 
 -- The values of placeholders that are not files, directories or numbers.
-local VALUES = { NAME = options.ENGINES, CATEGORY = options.TRACE_CATEGORIES }
+local VALUES = { NAME = options.ENGINES, CATEGORY = options.TRACE_CATEGORIES,
+                 FORMAT = options.POLICY_FORMATS }
 
 local function plain(word)
     return word:find("^[%w._-]+$") and word or error("not a plain word: " .. word)

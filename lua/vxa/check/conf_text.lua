@@ -55,6 +55,11 @@ local AFTER_NUMBER = {
     { "^%s*[\"']", "warning", "write the number alone" },
 }
 
+-- A number in single precision.
+local function shown(number)
+    return (number == math.floor(number) and "%.0f" or "%.7g"):format(number)
+end
+
 -- Returns the first row whose pattern matches, else an empty one.
 local function hint_for(rows, text)
     for _, row in ipairs(rows) do
@@ -95,12 +100,12 @@ function Reader:check_notation(setting, number, written, rest, at)
                    lead = setting.conf .. ": ", message = message, hint = hint }
     end
     if rest:find("%S") then
-        add(after[2] or "error", ("%s is read as %.14g"):format(quote(written .. rest), number),
+        add(after[2] or "error", ("%s is read as %s"):format(quote(written .. rest), shown(number)),
             after[3] or "the rest of the line is ignored")
     elseif written:find("[xX]") then
-        add("warning", ("%s is hexadecimal, %.14g"):format(quote(written), number))
+        add("warning", ("%s is hexadecimal, %s"):format(quote(written), shown(number)))
     elseif (tonumber(written) or number) > setting.max then
-        add("warning", ("%s is read as %.14g"):format(quote(written), number),
+        add("warning", ("%s is read as %s"):format(quote(written), shown(number)),
             "the module reads numbers in single precision")
     end
 end
@@ -112,7 +117,8 @@ function Reader:check_repeated(setting, value)
     local line = self.lines[setting.key]
     self:add { detail = true, severity = earlier == value and "warning" or "error",
                key = setting.conf, lead = setting.conf .. " ",
-               message = ("is set again; %.14g of line %d no longer counts"):format(earlier, line) }
+               message = ("is set again; %s of line %d no longer counts"):format(shown(earlier),
+                   line) }
 end
 
 -- Unlike in a policy, zero is out of bounds for every setting.

@@ -59,7 +59,7 @@ function inspection.of_text(vxa, text, format, file)
         settings, findings, positions = inspect_conf(vxa, text)
     end
     return { file = file, text = text, format = format, readable = settings ~= nil,
-             settings = settings or {}, positions = positions, findings = findings }
+             settings = settings or {}, positions = positions or {}, findings = findings }
 end
 
 -- ---- files --------------------------------------------------------------------------------
@@ -71,7 +71,7 @@ local function unreadable(file, format, message)
              findings = findings }
 end
 
-local EFBIG = 27  -- errno value
+local ENOENT, EFBIG = 2, 27  -- errno values
 
 -- Returns why a file cannot be read, and what the module does then.
 local function explain(vxa, path, message, code)
@@ -99,6 +99,28 @@ function inspection.of_file(vxa, path, format)
     local is_conf = path == policy_source.CONF_PATH and "conf"
     return inspection.of_text(vxa, text, format or is_conf or inspection.format_of(text, path),
         path)
+end
+
+-- ---- the policy of vxa run ----------------------------------------------------------------
+
+-- Inspects the policy that vxa run would use with these options. `cpus`: for the default policy.
+function inspection.in_use(vxa, options, cpus)
+    local subject
+    if options.policy then
+        subject = inspection.of_file(vxa, options.policy, "policy")
+    elseif select(3, vxa.file_status(policy_source.CONF_PATH)) ~= ENOENT then
+        subject = inspection.of_file(vxa, policy_source.CONF_PATH, "conf")
+    else
+        subject = inspection.of_text(vxa, policy_source.built_in(cpus).text, "policy",
+            "built-in default")
+        subject.positions = {}
+    end
+    if not options.port or not subject.readable then return subject end
+    local additions = policy_source.port_settings(subject.settings, options.port, options.outbound)
+    for key, value in pairs(additions) do
+        subject.settings[key], subject.positions[key] = value, nil
+    end
+    return subject
 end
 
 return inspection

@@ -35,7 +35,7 @@ local function most_tasks(vxa)
 end
 
 local function of_simulation(simulated)
-    return { load = simulated.run_queue_length, cpus = simulated.cpu_count,
+    return { simulated = true, load = simulated.run_queue_length, cpus = simulated.cpu_count,
              total_kb = simulated.memory_total_kb, free_kb = simulated.memory_free_kb }
 end
 
@@ -69,6 +69,7 @@ end
 
 -- Returns a table, each member nil if unknown: `load`, `cpus`, `total_kb`, `free_kb` (memory),
 -- `uptime_path`, `nproc_path`, `huge_pages_kb`, `kept_free_kb` (by the kernel), `most_tasks`,
+-- `simulated`,
 -- `engine`, `capabilities`, `driver_error`, and `cannot_count`: why connections are not counted.
 function machine.measure(vxa, engine)
     local simulated = vxa.simulated_machine()

@@ -115,10 +115,7 @@ local function show_capabilities(status)
 end
 
 local function show_line(title, text)
-    local indent = "            "
-    local lines = format.wrap(printable(text), WIDTH - #indent)
-    lines[1] = title .. indent:sub(#title + 1) .. (lines[1] or "")
-    console.line("%s", table.concat(lines, "\n" .. indent))
+    console.line("%s", format.titled(title, printable(text)))
 end
 
 local function show_text(status)

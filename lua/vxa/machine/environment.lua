@@ -27,8 +27,9 @@ end
 -- The commands that the module runs through a shell, and Debian's packages that have them.
 local NEEDED = { { "nproc", "coreutils" }, { "uptime", "procps" } }
 
-local function is_found(vxa, command)
-    for directory in os.getenv("PATH"):gmatch("[^:]+") do
+-- Whether a directory of this PATH has the command.
+function environment.has_command(vxa, path, command)
+    for directory in path:gmatch("[^:]+") do
         local kind = vxa.file_kind(directory .. "/" .. command)
         if kind == "file" or kind == "link" then return true end
     end
@@ -39,7 +40,7 @@ end
 function environment.missing_commands(vxa)
     local messages = {}
     for _, row in ipairs(NEEDED) do
-        if not is_found(vxa, row[1]) then
+        if not environment.has_command(vxa, os.getenv("PATH"), row[1]) then
             messages[#messages + 1] = ("%s is not in PATH: the load cannot be sampled; install "
                 .. "the package %s"):format(row[1], row[2])
         end

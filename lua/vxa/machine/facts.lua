@@ -111,6 +111,11 @@ local function host(vxa, known)
     }
 end
 
+-- Returns the user as the manifest has it; without `capabilities` if they are unknown.
+function facts.user(vxa)
+    return { uid = vxa.euid(), capabilities = effective_capabilities(vxa) }
+end
+
 -- Returns the members `build_ids`, `host` and `user` of the manifest.
 function facts.collect(vxa, unknown)
     local function known(member, value, reason)

@@ -142,6 +142,25 @@ function format.wrap(text, width)
     return lines
 end
 
+local TITLE_WIDTH = 12
+
+-- Returns a title and a text in at most 80 columns; the text's lines are below each other.
+function format.titled(title, text)
+    local indent = (" "):rep(TITLE_WIDTH)
+    local lines = format.wrap(text, 80 - TITLE_WIDTH)
+    lines[1] = title .. indent:sub(#title + 1) .. (lines[1] or "")
+    return table.concat(lines, "\n" .. indent)
+end
+
+-- The user that a manifest or a report describes. Two capabilities decide what the tables show:
+-- rules and sets need one, other users' sockets need the other.
+function format.user(user)
+    local text = ("user ID %.14g"):format(user.uid)
+    if not user.capabilities then return text end
+    local has_it = table.concat(user.capabilities, " "):find("%f[%w]cap_net_admin%f[^%w_]")
+    return ("%s %s cap_net_admin"):format(text, has_it and "with" or "without")
+end
+
 -- ---- columns ----------------------------------------------------------------------------
 
 -- In characters: bytes of UTF-8 that do not continue a character.

@@ -34,6 +34,7 @@ local KEY_ORDER = {
     "removed", "changes", "lost_in", "reason", "traffic", "notes", "host", "differences",
     "unchanged", "warnings",
     "file", "first", "last", "failed", "disabled", "starts", "gaps", "missing",
+    "load", "cpus", "memory_bytes", "memory_free_bytes", "user", "uid",
     "format", "line", "column", "key", "severity", "message", "suggestion",
     "longest_s", "stretches", "restarted", "values",
     "quantiles", "p50", "p99", "p99.9", "max", "p1", "p0.1", "min", "entries_per_week", "proposed",
@@ -101,7 +102,8 @@ function json_records.metrics(metrics)
     return rows
 end
 
-local function machine(values)
+-- Returns the member of that name: what resources.read returned.
+function json_records.machine(values)
     return values and {
         cpu_pressure = or_null(values.cpu_pressure),
         memory_pressure = or_null(values.memory_pressure),
@@ -131,7 +133,7 @@ function json_records.cycle(result, errors)
         in_fail_open_s = is_open and result.in_fail_open_s or json.null,
         fail_open_until = json_records.time_or_null(result.lasts_until),
         port = or_null(result.port),
-        machine = machine(result.machine), errors = json_records.array(errors),
+        machine = json_records.machine(result.machine), errors = json_records.array(errors),
     }
 end
 

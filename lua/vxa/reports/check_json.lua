@@ -1,13 +1,29 @@
 -- The findings of vxa check as JSON records.
 
+local facts = require "vxa.machine.facts"
 local check_text = require "vxa.reports.check_text"
 local json_records = require "vxa.output.json_records"
+local resources = require "vxa.machine.resources"
 
 local check_json = {}
 
 local function or_null(value)
     if value == nil then return json_records.null end
     return value
+end
+
+local function bytes(kb)
+    return kb and kb * 1024 or json_records.null
+end
+
+function check_json.show_machine(vxa, measured)
+    json_records.print {
+        record = "machine", engine = measured.engine,
+        capabilities = json_records.array(measured.capabilities), load = or_null(measured.load),
+        cpus = or_null(measured.cpus), memory_bytes = bytes(measured.total_kb),
+        memory_free_bytes = bytes(measured.free_kb), user = facts.user(vxa),
+        machine = json_records.machine(resources.read(vxa)),
+    }
 end
 
 function check_json.show_subject(subject, monitors)

@@ -1,8 +1,10 @@
 -- The findings of vxa check: a line for each, as compilers print them.
 
 local console = require "vxa.output.console"
+local facts = require "vxa.machine.facts"
 local format = require "vxa.output.format"
 local printable = require "vxa.output.printable"
+local resources = require "vxa.machine.resources"
 
 local check_text = {}
 
@@ -31,6 +33,43 @@ function check_text.show_subject(subject, monitors)
         format.count(count, "valid setting"),
         monitors and "the module monitors" or "the module does not monitor")
 end
+
+-- ---- this machine -------------------------------------------------------------------------
+
+local function show_line(title, text, ...)
+    console.line("%s", format.titled(title, printable(text:format(...))))
+end
+
+local function show_value(title, value, path)
+    show_line(title, "%s%s", value and format.number(value) or "unknown",
+        path and ", from " .. path or "")
+end
+
+local function available_tables(measured)
+    local names = {}
+    for _, row in ipairs(measured.capabilities) do
+        if row.available then names[#names + 1] = row.name end
+    end
+    return #names > 0 and table.concat(names, ", ") or "no tables"
+end
+
+function check_text.show_machine(vxa, measured)
+    show_line("user", "%s", format.user(facts.user(vxa)))
+    show_line("engine", "%s: %s", measured.engine, available_tables(measured))
+    for _, row in ipairs(measured.capabilities) do
+        if row.name == "conntrack" then show_line("conntrack", "%s", row.detail) end
+    end
+    show_value("load", measured.load, measured.uptime_path)
+    show_value("processors", measured.cpus, measured.nproc_path)
+    local total, free = measured.total_kb, measured.free_kb
+    show_line("memory", "%s", total and free and ("%s, %s %% free"):format(
+        format.size(total * 1024), format.number(100 * free / total)) or "unknown")
+    local machine = resources.read(vxa)
+    if machine then show_line("machine", "%s (not judged)", format.machine(machine)) end
+    show_line("clock", "%s", os.date("!%Y-%m-%d %H:%M:%S UTC"))
+end
+
+-- ---- the end --------------------------------------------------------------------------------
 
 function check_text.finish(errors, warnings)
     console.line("%s, %s", format.count(errors, "error"), format.count(warnings, "warning"))

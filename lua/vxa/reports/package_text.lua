@@ -63,28 +63,12 @@ local function time_line(content)
     return join(" ", content.start, finish, content.time_zone and "(" .. content.time_zone .. ")")
 end
 
-local function has(list, item)
-    for _, other in ipairs(list) do
-        if other == item then return true end
-    end
-    return false
-end
-
--- Two capabilities decide what the tables show: rules and sets need one, other users' sockets need
--- the other.
-local function user_part(user)
-    if not user or not user.uid then return nil end
-    local text = ("user ID %.14g"):format(user.uid)
-    if not user.capabilities then return text end
-    return ("%s %s cap_net_admin"):format(text,
-        has(user.capabilities, "cap_net_admin") and "with" or "without")
-end
-
 local function maker_line(content)
     local build = content.build_ids and content.build_ids["vxa.so"]
     return join(", ", "vxa " .. (content.version or "of an unknown version")
         .. (type(build) == "string" and (" (build %s)"):format(build:sub(1, 12)) or ""),
-        user_part(content.user), content.redacted and "masked by vxa redact")
+        content.user and content.user.uid and format.user(content.user),
+        content.redacted and "masked by vxa redact")
 end
 
 local function engine_line(content)

@@ -6,7 +6,7 @@ local health_policy = require "health_policy"
 local inspection = require "vxa.check.inspection"
 local json = require "dkjson"
 local testing = require "testing"
-local vxa = require "vxa"
+local host = require "vxa"
 require "fc"
 
 local equal, matches = testing.equal, testing.matches
@@ -15,9 +15,9 @@ local CONF, SCRATCH = MACHINE .. "/etc/vx_filter.conf", MACHINE .. "/"
 local LOG = MACHINE .. "/var/opt/vx_agent/diag/vx_filter_json.log"
 local DISABLED = 2
 
-vxa.capture(true)
-vxa.setenv("FAKE_OUTPUTS", MACHINE)  -- uptime and nproc without processes
-local dom = vxa.Dom()
+host.capture(true)
+host.setenv("FAKE_OUTPUTS", MACHINE)  -- uptime and nproc without processes
+local dom = host.Dom()
 
 -- Returns the settings that the module has in force, and whether it monitors.
 local function read_by_module(format, text)
@@ -40,7 +40,7 @@ end
 
 -- The findings in one string, and the inspection.
 local function found_in(format, text, ...)
-    local subject = inspection.of_text(vxa, text, format, "f")
+    local subject = inspection.of_text(host, text, format, "f")
     if subject.readable then effects.judge(subject, ...) end
     local lines = {}
     for i, finding in ipairs(subject.findings) do
@@ -175,17 +175,25 @@ for _, row in ipairs {
     matches(found_in("policy", POLICY:format(row[1]), 10, row[2]), row[3], row[3])
 end
 
-vxa.setenv("FAKE_OUTPUTS", nil)
+host.setenv("FAKE_OUTPUTS", nil)
 
 -- ---- the command --------------------------------------------------------------------------
 
 local function write(name, text) testing.write(SCRATCH .. name, text) end
 write("good.json", '{"SYS_THR_RUNQ": {"value": 8}}')
-write("warned", "# settings\n" .. RUNQ .. "=8 # eight\n")
+write("warned", "# settings\n" .. RUNQ .. "=8 # text\n")
 write("bad", RUNQ .. "=8\n" .. ("x=1\n"):rep(300))
 write("archive", "PK\3\4")
 write("large", ("#"):rep(1048577))
 os.execute(("cd %s; mkfifo fifo; mkdir folder; ln -s none broken"):format(MACHINE))
+
+-- Returns the output and the exit status.
+local function vxa(arguments, environment)
+    local pipe = io.popen(("cd %s; VXI_ENGINE=sim env %s %s/bin/vxa check %s 2>err"):format(
+        MACHINE, environment, ROOT, arguments))
+    local output = pipe:read("*a")
+    return output, select(3, pipe:close())
+end
 
 -- Arguments, exit status, pattern of the output.
 for _, row in ipairs {
@@ -205,13 +213,41 @@ for _, row in ipairs {
     { "none", 2, "^none: error: cannot be read: No such file or directory\n" },
     { "broken", 2, "No such file" }, { "large", 2, "1048576 bytes; vxa does not read it, the" },
     { "archive", 2, "this is a zip archive, not a policy" },
-    { "warned --format xml", 2, "^$" },
+    { "warned --format xml", 2, "^$" }, { "good.json --port 80", 2, "^$" },
 } do
-    local pipe = io.popen(("cd %s; VXI_ENGINE=sim %s/bin/vxa check --elsewhere %s 2>err"):format(
-        MACHINE, ROOT, row[1]))
-    local output = pipe:read("*a"):gsub("# eight", "# text")
-    equal(select(3, pipe:close()), row[2], row[1])
+    local output, status = vxa("--elsewhere " .. row[1], "")
+    equal(status, row[2], row[1])
     matches(output, row[3], row[1])
 end
+
+-- This machine. Arguments, environment, exit status, patterns of the output.
+for _, row in ipairs {
+    { "", "VXI_SIM=cpus=2", 1, { "^user +user ID 0 .*\nengine +sim: scan%-metrics, ",
+      "\nprocessors +2\n", "\nbuilt%-in default: policy, 2 valid settings; the module monitors\n",
+      "VXI_ENGINE: 'sim'", "VXI_SIM: 'cpus=2'", "VXA_LIB: '", "LD_PRELOAD: '",
+      "\n0 errors, 4 warnings\n$" } },
+    { "--json", "VXI_SIM=cpus=2", 1, '^{"record":"machine","engine":"sim",.*"cpus":2,.*\n{"record":'
+      .. '"check".*"file":"environment","line":null,"column":null,"key":"VXI_ENGINE"' },
+    { "", "VXI_SIM=cpus=x", 2, "environment: error: VXI_SIM: VXI_SIM cannot be read at" },
+    { "", "VXI_FAULT=vxi_open=-1", 2, "engine sim: error: does not answer: " },
+    { "", "VXI_FAULT=vxi_capabilities=7", 1, "0 errors" },
+    { "--engine linux", "PATH=.:$PATH OMP_NUM_THREADS=3", 2, { "OMP_NUM_THREADS: '3' changes",
+      "'.' in it is relative", "local/bin/nproc: error: prints no number" } },
+    { "--state warned --interval 60", "PATH=/none", 2, { "INVL: cycles are 60 s apart",
+      "PATH: no directory in it has uptime", "warned: error: is a file, not a directory" } },
+    { "--policy bad --port 80", "env --ignore-signal=HUP", 2, { "bad:1:1: error: a policy is JSON",
+      "SIGHUP: is ignored" } },
+    { "--policy good.json --port 80", "", 1, "good.json: policy, 6 valid settings" },
+} do
+    write("nproc.out", "none\n")
+    local output, status = vxa(row[1], row[2])
+    equal(status, row[3], row[1])
+    matches(output, row[4], row[1])
+end
+
+testing.write(CONF, RUNQ .. "=x\n")
+os.execute("chmod 666 " .. CONF)
+matches(vxa("", ""), { "\n/etc/vx_filter.conf:1:27: error: " .. RUNQ .. ": has no number",
+    "/etc/vx_filter.conf: warning: every user can change when" })
 
 testing.finish()
