@@ -222,6 +222,11 @@ function health_policy.in_bounds(setting, number)
     return number >= 0 and number <= setting.max
 end
 
+-- Returns the values that a setting can have: "above 0 to 200".
+function health_policy.range(setting)
+    return ("%s to %d"):format(setting.threshold and "above 0" or "0", setting.max)
+end
+
 -- Returns the reason for which a number is out of bounds, as far as it is not plain.
 function health_policy.why_out_of_bounds(number)
     if number ~= number then return "'nan' is not a value" end
@@ -254,7 +259,8 @@ local function add_wrong_type(setting, value, findings)
     findings:add { wrong_type = true, at = value.at, key = setting.key, lead = setting.key .. " ",
                    message = ("must be %s, not %s"):format(expected(setting, value),
                        describe_member(value)),
-                   effect = setting.threshold and "; it is ignored" or "; it counts as 0" }
+                   effect = setting.threshold and "; it is ignored" or "; it counts as 0",
+                   hint = "allowed: " .. health_policy.range(setting) }
 end
 
 -- Returns the number that the module takes for this setting, or nil.
@@ -276,8 +282,8 @@ local function check_member(setting, value, findings)
         return health_policy.effective(setting, source.value, findings, setting.key, source.at)
     end
     findings:add { at = source.at, key = setting.key, lead = setting.key .. ": ",
-                   message = ("%.14g is out of bounds (%s to %d); it is ignored"):format(
-                       source.value, setting.threshold and "above 0" or "0", setting.max),
+                   message = ("%.14g is out of bounds (%s); it is ignored"):format(
+                       source.value, health_policy.range(setting)),
                    hint = health_policy.why_out_of_bounds(source.value) }
 end
 

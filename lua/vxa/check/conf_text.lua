@@ -126,10 +126,11 @@ function Reader:read_setting(setting, number, after_number)
     local value = self.line:sub(#setting.conf + 2)
     local at = self.at + #setting.conf + 1
     if not number then
+        local reason = hint_for(NO_NUMBER, value:lower())[2]
+            or ("%s is not a number"):format(quote(value))
         self:add { at = at, key = setting.conf, lead = setting.conf .. " ",
                    message = "has no number; the line is ignored",
-                   hint = hint_for(NO_NUMBER, value:lower())[2]
-                       or ("%s is not a number"):format(quote(value)) }
+                   hint = ("%s; allowed: above 0 to %d"):format(reason, setting.max) }
         return
     end
     local written = self.line:sub(#setting.conf + 2, after_number - 1):match("^%s*(.*)")

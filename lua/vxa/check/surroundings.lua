@@ -170,9 +170,10 @@ end
 local EARLIEST = 1704067200  -- 2024-01-01
 
 local function check_clock(self)
+    local now = os.date("!%Y-%m-%d %H:%M:%S UTC")
     if self.vxa.time() < EARLIEST then
         self:add("warning", "clock", nil, "it is not set (%s): setting it later ends fail-open or "
-            .. "counts as a long interval", os.date("!%Y-%m-%d %H:%M:%S UTC"))
+            .. "counts as a long interval", now)
     end
 end
 
@@ -183,8 +184,8 @@ local function check_log_directory(self)
     local path = messages.LOG_DIRECTORY
     local status, message, code = self.vxa.file_status(path)
     if status and status.kind ~= "directory" or not status and code ~= ENOENT then
-        self:add("warning", path, nil, "the settings in force are not logged: %s",
-            message or "it is a " .. status.kind)
+        local reason = message or "it is a " .. status.kind
+        self:add("warning", path, nil, "the settings in force are not logged: %s", reason)
     end
 end
 

@@ -71,7 +71,8 @@ local VALUES = {
     { "8 # text", "warning .*comments on lines of" }, { "50%", "warning .*units are not" },
     { "5min", "warning .*units are not" }, { "8;" .. PCT .. "=5", "each setting has its own" },
     { "", "1:27 error .* has no number; the line is ignoredthe val" }, { "=8", "one '='" },
-    { '"8"', "without quotes" }, { "high", "'high' is not a number" }, { "yes", "write 1" },
+    { '"8"', "without quotes" }, { "yes", "write 1" },
+    { "high", "'high' is not a number; allowed: above 0 to 200" },
     { "off", "leave the line out" }, { "\194\1608", "outside ASCII in front of the number" },
     { '{"value": 8}', "JSON is for policies" }, { "$N", "no variables" }, { ">8", "number alone" },
     { "8\0009", "NUL byte; the module does not" }, { (" "):rep(1000) .. "8", "value is missing" },
@@ -133,7 +134,7 @@ local TEXTS = {
     { "policy", "{" .. T .. ":{\"value\":8,\"value\":9}}", "1:28 .*value repeated; the first" },
     { "policy", "{" .. T .. ":{\"value\":8},\"sys_thr_runq\":{}}", "1:29 .* is repeated; the" },
     { "policy", "{" .. T .. ":{\"value\":1e999}}", "inf is out of bounds.*infinite" },
-    { "policy", "{\"SYS_CONF_CONN_REFUSAL_PORT\":\"443\"}", "must be 443, not \"443\"; it counts" },
+    { "policy", "{\"SYS_CONF_CONN_REFUSAL_PORT\":\"443\"}", "must be 443, not \"443\"; it count" },
     { "policy", "{\"SYS_CONF_UNLOAD_DRIVER\":0.9}", "0.9 counts as 0\n?" },
     { "policy", "{\" SYS_THR_RUNQ\":{\"value\":8}}", "blanks belong to the name.* SYS_THR_RUNQ" },
     { "policy", "{\"p\":{" .. T .. ":{\"value\":8}}}", "'SYS_THR_RUNQ' in it belongs to the top" },
@@ -154,6 +155,15 @@ for _, row in ipairs(TEXTS) do
     local settings, monitors = read_by_module(format, text)
     equal(rounded(subject.settings), rounded(settings), text)
     equal(effects.monitors(subject.settings), monitors, text)
+end
+
+-- What is not a regular file has no settings.
+for _, command in ipairs { "mkdir %s", "mkfifo %s", "ln -s /dev/zero %s" } do
+    os.execute(command:format(CONF))
+    equal(SLB.filter.CheckSystemHealthMetrics(dom, "Deactivated", "").action, DISABLED, command)
+    local subject = inspection.of_file(host, CONF, "conf")
+    equal({ subject.readable, subject.settings, subject.findings.error }, { false, {}, 1 }, command)
+    os.remove(CONF)
 end
 
 -- ---- what this machine can show -----------------------------------------------------------
