@@ -79,10 +79,11 @@ function json_records.duration(seconds)
 end
 
 -- Returns a value for JSON: null for nil.
-local function or_null(value)
+function json_records.or_null(value)
     if value == nil then return json.null end
     return value
 end
+local or_null = json_records.or_null
 
 -- Returns null for nil.
 function json_records.time_or_null(seconds)

@@ -3,14 +3,12 @@
 local facts = require "vxa.machine.facts"
 local check_text = require "vxa.reports.check_text"
 local json_records = require "vxa.output.json_records"
+local printable = require "vxa.output.printable"
 local resources = require "vxa.machine.resources"
 
 local check_json = {}
 
-local function or_null(value)
-    if value == nil then return json_records.null end
-    return value
-end
+local or_null = json_records.or_null
 
 local function bytes(kb)
     return kb and kb * 1024 or json_records.null
@@ -27,16 +25,18 @@ function check_json.show_machine(vxa, measured)
 end
 
 function check_json.show_subject(subject, monitors)
-    json_records.print { record = "check", file = subject.file, format = or_null(subject.format),
-                         monitoring = monitors,
+    json_records.print { record = "check", file = printable(subject.file),
+                         format = or_null(subject.format), monitoring = monitors,
                          settings = json_records.object(subject.settings) }
 end
 
 function check_json.show(file, finding)
+    local message = check_text.message(finding)
     json_records.print {
-        record = "finding", file = file, line = or_null(finding.line),
-        column = or_null(finding.column), key = or_null(finding.key), severity = finding.severity,
-        message = check_text.message(finding), suggestion = or_null(finding.suggestion),
+        record = "finding", file = printable(file), line = or_null(finding.line),
+        column = or_null(finding.column), key = or_null(finding.key and printable(finding.key)),
+        severity = finding.severity, message = printable(message),
+        suggestion = or_null(finding.suggestion),
     }
 end
 

@@ -3,10 +3,7 @@
 local json_records = require "vxa.output.json_records"
 local records = require "vxa.records"
 
-local function or_null(value)
-    if value == nil then return json_records.null end
-    return value
-end
+local or_null = json_records.or_null
 
 local NAMES = { [false] = { "p50", "p99", "p99.9", "max" },
                 [true] = { "p50", "p1", "p0.1", "min" } }

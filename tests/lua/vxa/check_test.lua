@@ -193,6 +193,7 @@ local function write(name, text) testing.write(SCRATCH .. name, text) end
 write("good.json", '{"SYS_THR_RUNQ": {"value": 8}}')
 write("warned", "# settings\n" .. RUNQ .. "=8 # text\n")
 write("bad", RUNQ .. "=8\n" .. ("x=1\n"):rep(300))
+write("hostile", "{\"\255x\": 1}")
 write("archive", "PK\3\4")
 write("large", ("#"):rep(1048577))
 os.execute(("cd %s; mkfifo fifo; mkdir folder; ln -s none broken"):format(MACHINE))
@@ -218,6 +219,7 @@ for _, row in ipairs {
       .. '"column":1,"key":null,"severity":"error","message":"a policy is JSON;'
       .. '[^\n]*","suggestion":null}\n'
       .. '{"record":"end","errors":1,"warnings":0}\n$' },
+    { "hostile --json", 2, '"key":"\\\\xffx"' },
     { "fifo", 2, "^fifo: error: is a FIFO, not a file; the module finds no settings in it\n" },
     { "folder", 2, "is a directory" }, { "/dev/zero", 2, "is a device" },
     { "none", 2, "^none: error: cannot be read: No such file or directory\n" },
