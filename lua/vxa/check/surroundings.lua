@@ -15,9 +15,9 @@ function surroundings.remember()
     os.setlocale("", "numeric")
     local has_comma = ("%.1f"):format(0.5) == "0,5"
     os.setlocale("C", "numeric")
-    local before = { PATH = "", has_comma = has_comma }
+    local before = { has_comma = has_comma }
     for _, name in ipairs { "PATH", "OMP_NUM_THREADS", "OMP_THREAD_LIMIT" } do
-        before[name] = os.getenv(name) or before[name]
+        before[name] = os.getenv(name)
     end
     return before
 end
@@ -76,8 +76,10 @@ end
 
 -- ---- PATH ---------------------------------------------------------------------------------
 
--- An agent runs both commands through the shell in the environment that it was started in.
+-- An agent runs both commands through the shell in the environment that it was started in. Without
+-- PATH, the shell uses the standard directories.
 local function check_path(self, before)
+    if not before.PATH then return end
     for _, name in ipairs { "uptime", "nproc" } do
         if not environment.has_command(self.vxa, before.PATH, name) then
             self:add("warning", "environment", "PATH", "no directory in it has %s: an agent with "

@@ -237,7 +237,7 @@ for _, row in ipairs {
     { "", "VXI_SIM=cpus=2", 1, { "^user +user ID 0 .*\nengine +sim: scan%-metrics, ",
       "\nprocessors +2\n", "\nbuilt%-in default: policy, 2 valid settings; the module monitors\n",
       "VXI_ENGINE: 'sim'", "VXI_SIM: 'cpus=2'", "VXA_LIB: '", "LD_PRELOAD: '",
-      "\n0 errors, 4 warnings\n$" } },
+      "\n0 errors, %d warnings\n$" } },
     { "--json", "VXI_SIM=cpus=2", 1, '^{"record":"machine","engine":"sim",.*"cpus":2,.*\n{"record":'
       .. '"check".*"file":"environment","line":null,"column":null,"key":"VXI_ENGINE"' },
     { "", "VXI_SIM=cpus=x", 2, "environment: error: VXI_SIM: VXI_SIM cannot be read at" },
