@@ -6,9 +6,22 @@ package.path = ("ROOT/share/man/?.lua;ROOT/lua/?.lua;"):gsub("ROOT", root) .. pa
 local commands = require "commands"
 local options = require "vxa.options"
 
--- The values of placeholders that are not files, directories or numbers.
+-- Placeholders: what they offer, if not files; those with a suffix offer files.
 local VALUES = { NAME = options.ENGINES, CATEGORY = options.TRACE_CATEGORIES,
                  FORMAT = options.POLICY_FORMATS }
+local FILES, NUMBERS = { "FILE", "DIR", "CMD", "ENTRY" }, { "N", "MIB", "SECONDS", "TIME" }
+
+local known = {}
+for name in pairs(VALUES) do known[name] = true end
+for _, list in ipairs { FILES, NUMBERS } do
+    for _, name in ipairs(list) do known[name] = true end
+end
+
+-- Returns the placeholder; one that is not known would silently offer nothing.
+local function placeholder(name)
+    if known[name] or name:find("^%u+%.%l+$") then return name end
+    error(("what does the completion offer for %s? Add it to %s"):format(name, arg[0]), 0)
+end
 
 local function plain(word)
     return word:find("^[%w._-]+$") and word or error("not a plain word: " .. word)
@@ -24,7 +37,7 @@ local function option_words(list)
     local all = {}
     for _, option in ipairs(list) do
         for _, name in ipairs(option.names) do
-            all[#all + 1] = plain(name) .. (option.value and "=" .. plain(option.value) or "")
+            all[#all + 1] = plain(name) .. (option.value and "=" .. placeholder(option.value) or "")
         end
     end
     return table.concat(all, " ")
@@ -32,8 +45,10 @@ end
 
 local function argument_names(command)
     local names = {}
-    for i, argument in ipairs(command.arguments) do names[i] = argument.name end
-    return words(names)
+    for i, argument in ipairs(command.arguments) do
+        names[i] = placeholder(argument.name)
+    end
+    return table.concat(names, " ")
 end
 
 local function row(name, command, arguments)
@@ -49,8 +64,8 @@ end
 table.insert(rows, row("help", { options = {} }, "COMMAND"))
 table.insert(rows, row("*", all.main, ""))
 VALUES.COMMAND = names
-for placeholder, list in pairs(VALUES) do
-    values[#values + 1] = ("        %s) _vxa_words %s ;;"):format(placeholder, words(list))
+for name, list in pairs(VALUES) do
+    values[#values + 1] = ("        %s) _vxa_words %s ;;"):format(name, words(list))
 end
 table.sort(values)
 

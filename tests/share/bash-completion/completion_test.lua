@@ -45,7 +45,7 @@ local cases = {
     { "vxa run --log run", "run.svg" },
     { "vxa run --engine ", table.concat(vxa.engines(), "|") }, { "vxa run --engine=s", "sim" },
     { "vxa run --engine sim --trace d", "diagnostics" },
-    { "vxa plot r", "record.csv" }, { "vxa plot --force -o run", "run.svg" },
+    { "vxa check --format ", "conf|policy" }, { "vxa plot r", "record.csv" }, { "vxa plot --force -o run", "run.svg" },
     { "vxa plot record.csv ", "" },
     { "vxa show ", "bin|" .. ZIPS }, { "vxa diff hostile.zip f", "fifo.zip|folder" },
     { "vxa show hostile.zip ", ALL_ENTRIES },
