@@ -21,7 +21,8 @@ end
 
 -- The text is the page's own name, such as "`vxa run`" or "policy.md".
 local function names_page(text, page)
-    return text:gsub("`", ""):gsub("^/etc/", ""):gsub(" ", "-") == page.name or page.path:match("[^/]*$") == text
+    return text:gsub("`", ""):gsub("^/etc/", ""):gsub(" ", "-") == page.name
+        or page.path:match("[^/]*$") == text
 end
 
 local function has_section(page, text)

@@ -86,8 +86,9 @@ if pages_folder then
         local shown = output_of(
             "preconv -e UTF-8 %s | groff -ww -t -man -Tutf8 -rLL=78n -P-cbou", file)
         testing.equal(shown:find(" +%- .*\nDESCRIPTION\n") ~= nil, true, file)
-        for _, markup in ipairs { "%]%(", "```", "%*%*", "<!%-%-", "%-%-%-|", "<standard input>" } do
-            testing.equal(shown:match("[^\n]*" .. markup .. "[^\n]*"), nil, file)
+        -- Markdown that is left, and warnings.
+        for _, fault in ipairs { "%]%(", "```", "%*%*", "<!%-%-", "%-%-%-|", "<standard input>" } do
+            testing.equal(shown:match("[^\n]*" .. fault .. "[^\n]*"), nil, file)
         end
         for line in shown:gmatch("[^\n]+") do
             local _, continuations = line:gsub("[\128-\191]", "")
