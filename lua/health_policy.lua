@@ -69,8 +69,8 @@ local MOST_FINDINGS = 200
 local Findings = {}
 Findings.__index = Findings
 
--- Returns an empty list, which keeps the first `most` findings and counts the others; without
--- details unless `detailed`.
+-- Returns an empty list, which keeps the first findings and counts the others; without details
+-- unless `detailed`.
 function health_policy.findings(detailed)
     return setmetatable({ most = detailed and MOST_FINDINGS or MOST_WARNINGS, detailed = detailed,
                           error = 0, warning = 0, wrong_types = 0 }, Findings)
@@ -82,6 +82,11 @@ end
 
 function Findings:has_room()
     return #self < self.most
+end
+
+-- Makes room for more findings, however many there are.
+function Findings:make_room(count)
+    self.most = math.max(self.most, #self + count)
 end
 
 local DEFAULTS = { __index = { severity = "error", lead = "", effect = "", hint = "" } }
@@ -368,12 +373,11 @@ function health_policy.inspect(text)
     local settings, positions
     if members then
         settings, positions = check_members(members, findings)
-    elseif text == "" then
-        findings:add { at = 1, message = "the text is empty: for an empty policy the module reads "
-            .. "/etc/vx_filter.conf" }
     else
-        findings:add { at = at, message = message,
-                       effect = "; the module ignores the whole policy" }
+        findings = health_policy.findings(true)
+        findings:add(text == "" and { at = 1, message = "the text is empty: for an empty policy "
+            .. "the module reads /etc/vx_filter.conf" }
+            or { at = at, message = message, effect = "; the module ignores the whole policy" })
     end
     findings:place(text)
     return settings, findings, positions

@@ -136,10 +136,13 @@ function Judge:check_counting(machine)
     end
 end
 
+local MOST_FINDINGS = 20
+
 -- Adds findings to an inspection. `machine`: what machine.measure returns, or nil for a policy for
 -- other machines.
 function effects.judge(subject, interval_s, machine)
     local self = setmetatable({ subject = subject, values = subject.settings }, Judge)
+    subject.findings:make_room(MOST_FINDINGS)
     self:check_completeness()
     self:check_port()
     self:check_plain_settings()

@@ -136,6 +136,9 @@ end
 local function check_configuration(self)
     local path = policy_source.CONF_PATH
     local status = self.vxa.file_status(path)
+    if not status and self.vxa.file_kind(path) == "link" then
+        self:add("warning", path, nil, "is a link to nothing: the module finds no settings")
+    end
     if not status or status.kind ~= "file" then return end
     local root = 0
     if writers(status, root) then

@@ -43,10 +43,14 @@ end
 
 -- Shows the findings, and the number of those that are not listed.
 local function show_findings(report, file, findings)
-    for _, finding in ipairs(findings) do report.show(finding.file or file, finding) end
+    local errors = findings.error
+    for _, finding in ipairs(findings) do
+        if finding.severity == "error" then errors = errors - 1 end
+        report.show(finding.file or file, finding)
+    end
     local rest = findings:count() - #findings
     if rest > 0 then
-        report.show(file, { severity = "error", hint = "", effect = "",
+        report.show(file, { severity = errors > 0 and "error" or "warning", hint = "", effect = "",
                             message = ("and %d more"):format(rest) })
     end
 end

@@ -192,7 +192,7 @@ host.setenv("FAKE_OUTPUTS", nil)
 local function write(name, text) testing.write(SCRATCH .. name, text) end
 write("good.json", '{"SYS_THR_RUNQ": {"value": 8}}')
 write("warned", "# settings\n" .. RUNQ .. "=8 # text\n")
-write("bad", RUNQ .. "=8\n" .. ("x=1\n"):rep(300))
+write("bad", PCT .. "=8\n" .. ("x=1\n"):rep(300))
 write("hostile", "{\"\255x\": 1}")
 write("archive", "PK\3\4")
 write("large", ("#"):rep(1048577))
@@ -211,8 +211,8 @@ for _, row in ipairs {
     { "good.json", 0, "^good.json: policy, 1 valid setting; the module monitors\n0 errors, 0" },
     { "warned", 1, "^warned: conf[^\n]*\nwarned:2:27: warning: " .. RUNQ .. ": '8 # text' is read "
       .. "as 8 %(write [^\n]*\n0 errors, 1 warning\n$" },
-    { "bad", 2, "\nbad:201:1: error: x: is not a setting; it is ignored\nbad: error: and 100 more\n"
-      .. "300 errors, 0 warnings\n$" },
+    { "bad", 2, { "^bad: conf[^\n]*\nbad:1:1: error: " .. PCT .. ": needs a port", "\nbad:201:1: "
+      .. "error: x: is not a setting; it is ignored\nbad: error: and 100 more\n301 errors" } },
     { "good.json --format conf", 2, "good.json:1:1: error: JSON is for %-%-policy" },
     { "warned --format policy --json", 2, '^{"record":"check","monitoring":false,"settings":{},'
       .. '"file":"warned","format":"policy"}\n{"record":"finding","file":"warned","line":2,'
