@@ -52,7 +52,9 @@ end
 function Messages:take()
     local dropped
     self.records, dropped = self.vxa.captured()
-    if dropped > 0 then self:warn_once("a cycle wrote more than 10000 log records; the oldest are lost") end
+    if dropped > 0 then
+        self:warn_once("a cycle wrote more than 10000 log records; the oldest are lost")
+    end
     return self.records
 end
 
