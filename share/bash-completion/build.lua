@@ -1,7 +1,7 @@
 -- Writes the completion for bash: build.lua ROOT FILE.
 
 local root, file = table.unpack(arg)
-package.path = ("ROOT/share/man/?.lua;ROOT/lua/?.lua;"):gsub("ROOT", root) .. package.path
+package.path = ("%s/share/man/?.lua;%s/lua/?.lua;%s"):format(root, root, package.path)
 
 local commands = require "commands"
 local options = require "vxa.options"

@@ -17,12 +17,17 @@ local function verbatim(text)
     return (text:gsub("[-'`^~]", VERBATIM))
 end
 
+-- Returns a line as it is shown, but for characters with a name.
+local function shown(text)
+    return (text:gsub("\\f%(..", ""):gsub("\\f.", ""):gsub("\\%(dq", '"'):gsub("\\%(..", "?")
+        :gsub("\\[&%%]", ""):gsub("\\(.)", "%1"))
+end
+
 -- Returns the number of columns that a line takes.
 local function width(text)
-    local shown = text:gsub("\\f%(..", ""):gsub("\\f.", ""):gsub("\\%(..", "x"):gsub("\\[&%%]", "")
-        :gsub("\\(.)", "%1")
-    local _, continuations = shown:gsub("[\128-\191]", "")
-    return #shown - continuations
+    local line = shown(text)
+    local _, continuations = line:gsub("[\128-\191]", "")
+    return #line - continuations
 end
 
 local function longest_word(text)
@@ -163,8 +168,7 @@ local function finish_example(out, lines, place)
     end
     if widest > TERMINAL_WIDTH then
         error(("%s: the example with the line '%s' is wider than %d columns"):format(
-            place.document,
-            widest_line, TERMINAL_WIDTH), 0)
+            place.document, shown(widest_line), TERMINAL_WIDTH), 0)
     end
     local is_wide = widest > TERMINAL_WIDTH - INDENT
     if is_wide then out[#out + 1] = (".in %dn"):format(TERMINAL_WIDTH - widest) end
@@ -240,6 +244,8 @@ end
 function roff.finish(text, document)
     -- Items of lists keep the space between them, which lowdown takes back with negative spaces.
     text = text:gsub("\n%.if n \\\n%.sp %-1v?\n%.if t \\\n%.sp %-0%.25v?", "")
+    -- Terminals without UTF-8 would not show it.
+    text = text:gsub("…", "...")
     return without_empty_paragraphs("\n" .. finish_blocks(text, document) .. "\n"):sub(2)
 end
 

@@ -2,8 +2,8 @@
 -- settings; pages are shown without faults.
 
 local root, pages_folder = table.unpack(arg)
-package.path = ("ROOT/share/man/?.lua;ROOT/lua/?.lua;ROOT/tests/support/?.lua;"):gsub("ROOT", root)
-    .. package.path
+package.path = ("%s/share/man/?.lua;%s/lua/?.lua;%s/tests/support/?.lua;%s"):format(root, root,
+    root, package.path)
 
 local commands = require "commands"
 local document = require "document"
