@@ -29,6 +29,7 @@ namespace VxaCore {
 namespace fc {
 namespace {
 
+// `version` is null if the library lacks it; `function` is one that it has, to find its file.
 void CheckVersion(lua_State* L, const char* name, unsigned int expected, unsigned int (*version)(),
                   const void* function)
 {

@@ -132,7 +132,7 @@ void PushLibrary(lua_State* L, const char* name, const Library& library)
 {
     lua_createtable(L, 0, 4);
     SetString(L, "name", name);
-    // Without the module's folder, from which the loader may have found it.
+    // The loader's may go through a module's folder: lib/lua/5.2/../../libvxi.so.1.
     char path[PATH_MAX];
     SetString(L, "path", realpath(library.path, path) ? path : library.path);
     const std::string_view version = JsonString(library.metadata, R"("version":")");
