@@ -100,8 +100,11 @@ file(CONFIGURE OUTPUT ${CMAKE_BINARY_DIR}/install/vxa CONTENT "@installed@" @ONL
 install(PROGRAMS ${CMAKE_BINARY_DIR}/install/vxa DESTINATION ${CMAKE_INSTALL_BINDIR}
     COMPONENT command)
 
-# It names the command by its absolute path, which is known when it is installed.
-install(CODE "set(installed_vxa \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}/vxa\")
+# It names the command by its absolute path, which is known when it is installed. There, systemd
+# takes %% for a percent sign.
+install(CODE "set(installed_vxa \"${CMAKE_INSTALL_BINDIR}/vxa\")
+cmake_path(ABSOLUTE_PATH installed_vxa BASE_DIRECTORY \"\${CMAKE_INSTALL_PREFIX}\")
+string(REPLACE % %% installed_vxa \"\${installed_vxa}\")
 configure_file(\"${PROJECT_SOURCE_DIR}/share/systemd/vxa.service.in\"
     \"${CMAKE_BINARY_DIR}/install/vxa.service\" @ONLY)" COMPONENT command)
 install(FILES ${CMAKE_BINARY_DIR}/install/vxa.service DESTINATION lib/systemd/system
