@@ -7,7 +7,7 @@ set(lua_modules ${CMAKE_INSTALL_LIBDIR}/lua/5.2)
 set(lua_scripts ${CMAKE_INSTALL_DATADIR}/lua/5.2)
 set(command_files ${CMAKE_INSTALL_DATADIR}/vxa)
 
-# Whatever the umask and the permissions in this tree are.
+# Whatever the permissions in this tree are; less under a stricter umask.
 set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE
     GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 

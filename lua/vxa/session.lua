@@ -21,6 +21,10 @@ local function load_module(name)
         local layout = require "vxa.layout"  -- bin/vxa defines it
         cause = ("no %s.so in %s"):format(name, layout.modules)
     end
+    if cause:find("undefined symbol", 1, true) then
+        exit.fail(1, "cannot load module '%s': %s (the loader found another version of a library; "
+            .. "ldd shows which)", name, cause)
+    end
     exit.fail(1, "cannot load module '%s': %s (not built or not installed; VXA_LIB can name its "
         .. "directory)", name, cause)
 end

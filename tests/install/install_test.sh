@@ -14,20 +14,26 @@ expect() {
     exit 1
 }
 
-first="$scratch/a folder/fc" prefix="$scratch/moved here/fc"
+first="$scratch/a %S folder/fc" prefix="$scratch/moved here/fc"
 umask 077
 export DESTDIR=$scratch/stage
 "$cmake" --install "$build" --prefix "$first" --strip >"$scratch/log" || exit 1
 files() { "$root/cmake/install/files" "$@"; }
 mkdir -p "$first/bin" && touch "$first/bin/vxa"
-expect "a file of others" "did not install it: .*/a folder/fc/bin/vxa$" \
+expect "a file of others" "did not install it: .*/a %S folder/fc/bin/vxa$" \
     eval '! files install "$scratch/stage$first" "$first"'
-rm -r "$scratch/a folder"
+rm -r "$scratch/a %S folder"
+mkdir -m 775 "$scratch/shared"
+[ "$(id -u)" -ne 0 ] || { chgrp 65534 "$scratch/shared" &&
+    expect "a folder of a group" "other users can: .*/shared$" \
+        eval '! files install "$scratch/stage$first" "$scratch/shared"'; }
 expect "the first installation" "" files install "$scratch/stage$first" "$first"
 rm "$scratch/stage$first/include/fc/vxi/engine.h"
 expect "a version without a file" "" files install "$scratch/stage$first" "$first"
 [ ! -e "$first/include/fc/vxi/engine.h" ] || { echo "a file of the old version is left"; exit 1; }
-mv "$scratch/a folder" "$scratch/moved here"
+expect "the service" '^ExecStart="/.*/a %%S folder/fc/bin/vxa" ' \
+    cat "$first/lib/systemd/system/vxa.service"
+mv "$scratch/a %S folder" "$scratch/moved here"
 
 unstripped=$scratch/unstripped
 export DESTDIR=$unstripped
