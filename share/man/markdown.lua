@@ -5,10 +5,6 @@ local document = require "document"
 
 local markdown = {}
 
-function markdown.reference(page)
-    return ("**%s**(%s)"):format(page.name, page.section)
-end
-
 -- ---- links ------------------------------------------------------------------------------
 
 -- Returns the path of a link's target in the tree.
@@ -29,26 +25,29 @@ local function has_section(page, text)
     return (page.text:lower():find("\n## " .. text:lower():gsub("%p", "%%%0") .. "\n"))
 end
 
--- Returns what replaces a link; `before` and `after` are the characters around it.
-local function replace_link(page, pages, before, text, target, after)
-    local path = target:match("^[^#]*")
-    local other = path ~= "" and pages[resolve(page.path, path)] or page
-    if path ~= "" and other == page then return before .. text .. after end
-    if other == page then
-        return before .. (has_section(page, text) and text:upper() or text) .. after
-    end
+-- Returns what replaces a link to a section of its own page.
+local function own_section(page, text)
+    return has_section(page, text) and text:upper() or text
+end
+
+-- Returns what replaces a link. A link to a document that is not a page becomes its text.
+local function replace_link(page, other, text, is_parenthesis)
+    if not other then return text end
     page.related[other] = true
-    local reference = markdown.reference(other)
-    if names_page(text, other) then return before .. reference .. after end
-    if before == "(" and after == ")" then return ("(%s: %s)"):format(text, reference) end
-    return ("%s%s (%s)%s"):format(before, text, reference, after)
+    local reference = ("**%s**(%s)"):format(other.name, other.section)
+    if names_page(text, other) then return reference end
+    return (is_parenthesis and "%s: %s" or "%s (%s)"):format(text, reference)
 end
 
 local function replace_links(page, pages, prose)
-    return (prose:gsub("(.)%[([^%[%]]+)%]%(([^()%s]+)%)(.?)", function(before, text, target, after)
+    local function replace(before, text, target, after)
+        local path = target:match("^[^#]*")
+        if path == "" then return own_section(page, text) end
         if target:find("^%a+:") then return nil end
-        return replace_link(page, pages, before, text, target, after)
-    end))
+        return replace_link(page, pages[resolve(page.path, path)], text,
+            prose:sub(before - 1, before - 1) .. prose:sub(after, after) == "()")
+    end
+    return (prose:gsub("()%[([^%[%]]+)%]%(([^()%s]+)%)()", replace))
 end
 
 -- ---- rows of other documents -------------------------------------------------------------

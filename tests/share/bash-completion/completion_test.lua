@@ -15,7 +15,7 @@ end
 local scratch = os.getenv "FAKE_MACHINE" .. "/work/"
 -- Without the limit of time, which a busy machine could exceed.
 os.execute(([[mkdir -p %sbin %sfolder; cd %s; ln -s %s/bin/vxa bin/vxa; mkfifo fifo.zip
-    printf '#!/bin/sh\nshift\nexec "$@"\n' >bin/timeout; chmod +x bin/timeout
+    printf '#!/bin/sh\nshift\nexec "$@"\n' >bin/timeout; chmod +x bin/timeout; ln bin/timeout bin/own-hook
     touch policy.json record.csv vxa.prom run.svg; truncate -s 1G sparse.zip]])
     :format(scratch, scratch, scratch, root))
 
@@ -42,7 +42,7 @@ local cases = {
     { "vxa run --policy ", "bin|folder|policy.json" }, { "vxa run --policy=pol", "policy.json" },
     { "vxa run --record r", "record.csv" }, { "vxa run --metrics=", "bin|folder|vxa.prom" },
     { "vxa run --state ", "bin|folder" }, { "vxa run --port ", "" },
-    { "vxa run --log run", "run.svg" },
+    { "vxa run --log run", "run.svg" }, { "vxa run --hook own-", "own-hook" },
     { "vxa run --engine ", table.concat(vxa.engines(), "|") }, { "vxa run --engine=s", "sim" },
     { "vxa run --engine sim --trace d", "diagnostics" },
     { "vxa check --format ", "conf|policy" },

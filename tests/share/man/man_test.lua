@@ -8,6 +8,7 @@ package.path = ("%s/share/man/?.lua;%s/lua/?.lua;%s/tests/support/?.lua;%s"):for
 local commands = require "commands"
 local document = require "document"
 local health_policy = require "health_policy"
+local markdown = require "markdown"
 local testing = require "testing"
 
 local pages = require "pages"(root)
@@ -52,7 +53,10 @@ for i, command in ipairs(commands_of_parser) do
     local path = "docs/commands/" .. command.name .. ".md"
     if pages[path] then check_command(command, pages[path]) end
 end
-for _, page in ipairs(pages) do described[page.command or ""] = true end
+for _, page in ipairs(pages) do
+    described[page.command or ""] = true
+    testing.equal(markdown.of(page, pages):match "%[[^%[%]]*%]%([^)]*%.md[^)]*%)", nil, page.path)
+end
 for i, name in ipairs(listed) do testing.equal(described[name], true, "page of " .. i) end
 testing.equal(listed, parsed, "the list of commands")
 check_command(commands_of_parser.main, pages["docs/command.md"])
