@@ -41,6 +41,11 @@ function Judge:warn(key, format, ...)
     self:add("warning", key, format, ...)
 end
 
+-- Whether the setting is in the inspected text. The built-in default is the same for all machines.
+function Judge:is_chosen(key)
+    return self.subject.positions[key] ~= nil
+end
+
 -- ---- by the settings alone ----------------------------------------------------------------
 
 function Judge:check_completeness()
@@ -122,7 +127,8 @@ function Judge:check_free_memory(machine)
     elseif percent(machine.free_kb) < threshold then
         self:warn(key, "%.3g %% of the memory is free now (caches do not count as free): the next "
             .. "cycle enters fail-open", percent(machine.free_kb))
-    elseif machine.kept_free_kb and percent(machine.kept_free_kb / 4) > threshold then
+    elseif self:is_chosen(key) and machine.kept_free_kb
+        and percent(machine.kept_free_kb / 4) > threshold then
         self:warn(key, "this machine hardly falls below %.3g %%: the kernel keeps a quarter of "
             .. "vm.min_free_kbytes even from urgent requests", percent(machine.kept_free_kb / 4))
     end
