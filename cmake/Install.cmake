@@ -81,6 +81,7 @@ install(DIRECTORY lua/vxa DESTINATION ${command_files}/lua COMPONENT command)
 install(PROGRAMS share/simulated/nproc share/simulated/uptime
     DESTINATION ${command_files}/simulated COMPONENT command)
 install(DIRECTORY share/prometheus DESTINATION ${command_files} COMPONENT command)
+install(DIRECTORY share/examples DESTINATION ${command_files} COMPONENT command)
 
 # The command finds everything else relative to its own place.
 foreach(folder lua_modules lua_scripts command_files)
@@ -117,6 +118,7 @@ install(DIRECTORY imports/vxi imports/VxaCore host/driver/include/vxi host/core/
     FILES_MATCHING PATTERN *.h
     # Needs cJSON, for the libraries of this tree only.
     PATTERN json.h EXCLUDE)
+install(DIRECTORY share/stubs DESTINATION ${command_files} COMPONENT development)
 if(NOT FC_SLB3_INCLUDE_DIR)
     install(DIRECTORY imports/slb3/SLB3 DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/fc
         COMPONENT development FILES_MATCHING PATTERN *.h)

@@ -26,12 +26,14 @@ void OpenTemporaryFiles(lua_State* L);  // temporary and its methods
 // functions/
 void OpenDigests(lua_State* L);          // sha256
 void OpenEngines(lua_State* L);          // engine, engines, fault, simulate, ...
+void OpenFileSizeLimit(lua_State* L);    // limit_file_size
 void OpenFiles(lua_State* L);            // mkdir, file_kind, read_file, replace_file, ...
 void OpenJsonValues(lua_State* L);       // parse_json
 void OpenLogs(lua_State* L);             // trace, verbose, log_to, capture, captured
 void OpenPrograms(lua_State* L);         // run_program
 void OpenSignals(lua_State* L);          // sleep, catch_signals, interrupted, reloads
 void OpenSimulatedMemory(lua_State* L);  // simulate_memory
+void OpenSimulatedTime(lua_State* L);    // simulate_time
 void OpenSystem(lua_State* L);           // clock, time, setenv, isatty, uname, ...
 void OpenTerminalText(lua_State* L);     // printable, hexdump
 void OpenVersions(lua_State* L);         // versions, build_id

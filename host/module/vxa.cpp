@@ -52,6 +52,7 @@ int OpenModule(lua_State* L)
     OpenTemporaryFiles(L);
     OpenDigests(L);
     OpenEngines(L);
+    OpenFileSizeLimit(L);
     OpenFiles(L);
     OpenJsonValues(L);
     OpenLogs(L);
@@ -59,6 +60,7 @@ int OpenModule(lua_State* L)
     OpenRedactions(L);
     OpenSignals(L);
     OpenSimulatedMemory(L);
+    OpenSimulatedTime(L);
     OpenSystem(L);
     OpenTerminalText(L);
     OpenVersions(L);

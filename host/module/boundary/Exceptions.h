@@ -9,6 +9,7 @@
 #pragma once
 
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <string_view>
 
@@ -63,6 +64,15 @@ inline int PushError(lua_State* L, const char* message, int number)
     lua_pushnil(L);
     lua_pushstring(L, message);
     lua_pushinteger(L, number);
+    return kErrorResults;
+}
+
+// Pushes them for a system call that failed: the message ends with the reason. [-0, +3, m]
+inline int PushSystemError(lua_State* L, const char* message, int error_number)
+{
+    lua_pushnil(L);
+    lua_pushfstring(L, "%s: %s", message, std::strerror(error_number));
+    lua_pushinteger(L, error_number);
     return kErrorResults;
 }
 

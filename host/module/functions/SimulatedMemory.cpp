@@ -8,7 +8,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 #include "Module.h"
 #include "boundary/Exceptions.h"
@@ -71,11 +70,7 @@ int SimulateMemory(lua_State* L)
         lua_pushboolean(L, 1);
         return 1;
     }
-    const int cause = errno;
-    lua_pushnil(L);
-    lua_pushfstring(L, "%s cannot be covered: %s", kMeminfo, std::strerror(cause));
-    lua_pushinteger(L, cause);
-    return kErrorResults;
+    return PushSystemError(L, "/proc/meminfo cannot be covered", errno);
 }
 
 constexpr luaL_Reg kFunctions[] = {

@@ -68,17 +68,14 @@ local values = { on = true, off = false, number = 0.1, big = 2 ^ 53 + 2, Case = 
 kept:set("gone", 1)
 for key, value in pairs(values) do same(kept:set(key, value), true, key) end
 same(kept:set("gone", nil), true, "removal")
-refused("is in use by this process", vxa.Dom(state))
 local holder = io.popen(("%s -e \"print(select(2, require('vxa').Dom('%s')))\""):format(LUA, state))
 check(holder:read("*a"):find("is in use by process %d+ %(lua"), "holder of the lock")
 same({ kept:close(), kept:close() }, { true, true }, "closed twice")
-refused("the document is closed", kept:events())
 
 -- An unfinished record is removed; other lines that are not events stay.
 local whole = 'nonsense\n{"time":1.25,"id":1001,"text":"GET_STATS"}\n{"id":3}\n'
 t.write(state .. "/events.jsonl", whole .. '{"tim')
 same(vxa.log_to(log), true, "log_to")
-refused("cannot write log file /nonexistent/log", vxa.log_to("/nonexistent/log"))
 vxa.capture(true)
 vxa.fault "vxi_get_stats=-5"
 SLB.filter.AddDriverDiagnostics(kept, handle, archive)  -- the event can only be logged
@@ -187,7 +184,6 @@ for i, entry in ipairs(assert(vxa.zip_entries(scratch .. "/left.zip"))) do
     seconds = seconds + added[i].seconds
 end
 check(#added == 4 and seconds > 0 and seconds < 60, "entries of the archive")
-refused("No space left on device", vxa.ZipOutputStream("/dev/full"):close())
 
 local made, again = vxa.temporary(scratch .. "/z"), vxa.temporary(scratch .. "/z")
 assert(vxa.ZipOutputStream(made)):close()
@@ -195,11 +191,9 @@ same(#vxa.zip_entries(made), 0, "entries of a file without a name")
 same(made:publish(), true, "publish")
 refused("File exists", again:publish())
 t.raises("(the file is closed)", vxa.ZipOutputStream, again)
-refused("cannot write /: Is a directory", vxa.temporary("/"))
 local folder = scratch .. "/made/b/"
 check(shell("umask 077; %s -e \"require('vxa').mkdir('%s')\"; test $(stat -c %%a %s) = 755", LUA,
     folder, folder), "mode of a directory")
-refused(log .. " is not a directory", vxa.mkdir(log .. "/x"))
 
 check(shell("cd %s; echo old >m; cp -p m n; mkfifo p; ln -s n l; mkdir d", scratch), "more files")
 same(vxa.replace_file(scratch .. "/m", "new\n", true), true, "replace_file")
@@ -218,7 +212,6 @@ for name, reason in pairs { fifo = "a regular file", link = "link", hard = "hard
     refused(reason, vxa.append_file(scratch .. "/" .. name))
 end
 local growing = assert(vxa.append_file(grows))
-refused("another process is writing it", vxa.append_file(grows))
 check(growing:write("whole\npart") and growing:sync(), "write")
 same({ growing:cut_partial_line(), growing:size(), growing:head(3) }, { 4, 6, "who" }, "grows")
 check(growing:has_name() and os.remove(grows) and not growing:has_name(), "has_name")
@@ -228,11 +221,6 @@ same(vxa.sha256("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff6
 
 -- ---- engines, handles, bytes ---------------------------------------------------------------
 
-refused("vxi_set_var", handle:set_variable(0, 1))
-same(vxa.fault("vxi_get_conntrack=-5,vxi_open=-1"), true, "fault")
-refused("engine sim: vxi_get_conntrack", handle:connections())
-refused("engine sim", vxa.open())
-vxa.fault()
 handle:close()
 handle:close()
 t.raises("(vxi handle already closed)", handle.available, handle)
