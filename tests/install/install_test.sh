@@ -23,10 +23,16 @@ mkdir -p "$first/bin" && touch "$first/bin/vxa"
 expect "a file of others" "did not install it: .*/a %S folder/fc/bin/vxa$" \
     eval '! files install "$scratch/stage$first" "$first"'
 rm -r "$scratch/a %S folder"
-mkdir -m 775 "$scratch/shared"
-[ "$(id -u)" -ne 0 ] || { chgrp 65534 "$scratch/shared" &&
+if [ "$(id -u)" -eq 0 ]; then
+    mkdir -p -m 775 "$scratch/shared" "$scratch/theirs/ours"
+    chgrp 65534 "$scratch/shared" && chown 65534 "$scratch/theirs"
+    ln -s theirs/ours "$scratch/link"
     expect "a folder of a group" "other users can: .*/shared$" \
-        eval '! files install "$scratch/stage$first" "$scratch/shared"'; }
+        eval '! files install "$scratch/stage$first" "$scratch/shared"'
+    expect "a link" "other users can: .*/theirs$" \
+        eval '! files install "$scratch/stage$first" "$scratch/link/fc"'
+    rm "$scratch/link"
+fi
 expect "the first installation" "" files install "$scratch/stage$first" "$first"
 rm "$scratch/stage$first/include/fc/vxi/engine.h"
 expect "a version without a file" "" files install "$scratch/stage$first" "$first"
@@ -40,8 +46,8 @@ export DESTDIR=$unstripped
 "$cmake" --install "$build" >"$scratch/log" || exit 1
 for folder in "$root" "$build"; do
     pattern="(^|[^[:alnum:]_./}-])${folder//[^[:alnum:]\/]/.}(/|$)"
-    expect "files with the path $folder" '^$' eval '
-        ! grep -rlE "$pattern" --exclude=*.md "$unstripped"'
+    ! grep -rlE "$pattern" --exclude='*.md' "$unstripped" ||
+        { echo "these files have the path $folder"; exit 1; }
 done
 
 users=("env -i")
@@ -79,8 +85,8 @@ target_link_libraries(driver fc::vxi)
 add_executable(core core.cpp)
 target_link_libraries(core fc::vxa_core)
 EOF
-expect "CMake" "Built target core" eval '
-    "$cmake" -B build -D CMAKE_PREFIX_PATH="$prefix" && "$cmake" --build build'
+expect "CMake" "Linking CXX executable core" eval '
+    "$cmake" -G Ninja -B build -D CMAKE_PREFIX_PATH="$prefix" && "$cmake" --build build'
 expect "the program" "available: 1" env VXI_ENGINE=sim build/driver
 export PKG_CONFIG_PATH=$libraries/pkgconfig
 expect "pkg-config" "available: 1" eval '
