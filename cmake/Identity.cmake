@@ -21,6 +21,7 @@ function(set_versions target header name)
     if(NOT line MATCHES ${definition})
         message(FATAL_ERROR "${header} does not define ${name}")
     endif()
-    set_target_properties(${target} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${CMAKE_MATCH_2})
+    set_target_properties(${target} PROPERTIES
+        VERSION ${PROJECT_VERSION} SOVERSION ${CMAKE_MATCH_2})
     set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${header})
 endfunction()

@@ -251,7 +251,7 @@ FileStatus GetFileStatus(const std::string& path)
 {
     const FileDescriptor file(open(path.c_str(), O_PATH | O_CLOEXEC));
     struct stat status;
-    if (file.Get() < 0 || fstat(file.Get(), &status) != 0)
+    if (!file || fstat(file.Get(), &status) != 0)
         throw FileError(errno, path + ": " + ErrorText(errno));
     const char* kind = "device";
     if (S_ISREG(status.st_mode)) kind = "file";

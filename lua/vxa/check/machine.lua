@@ -69,8 +69,8 @@ end
 
 -- Returns a table, each member nil if unknown: `load`, `cpus`, `total_kb`, `free_kb` (memory),
 -- `uptime_path`, `nproc_path`, `huge_pages_kb`, `kept_free_kb` (by the kernel), `most_tasks`,
--- `simulated`,
--- `engine`, `capabilities`, `driver_error`, and `cannot_count`: why connections are not counted.
+-- `simulated`, `engine`, `capabilities`, `driver_error`, and `cannot_count`: why connections are
+-- not counted.
 function machine.measure(vxa, engine)
     local simulated = vxa.simulated_machine()
     local found = simulated and of_simulation(simulated) or of_this_machine(vxa)
