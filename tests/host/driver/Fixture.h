@@ -89,7 +89,7 @@ inline constexpr Call kCalls[] = {
 };
 
 // A sink that accepts what one call may bring: whole lines of ASCII, at most 1023 characters.
-inline void Print(tb_dump_s* dump, const char* format, ...)
+[[gnu::format(printf, 2, 3)]] inline void Print(tb_dump_s* dump, const char* format, ...)
 {
     char call[1024];
     va_list arguments;
