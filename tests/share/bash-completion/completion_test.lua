@@ -15,7 +15,8 @@ end
 local scratch = os.getenv "FAKE_MACHINE" .. "/work/"
 -- Without the limit of time, which a busy machine could exceed.
 os.execute(([[mkdir -p %sbin %sfolder; cd %s; ln -s %s/bin/vxa bin/vxa; mkfifo fifo.zip
-    printf '#!/bin/sh\nshift\nexec "$@"\n' >bin/timeout; chmod +x bin/timeout; ln bin/timeout bin/own-hook
+    printf '#!/bin/sh\nshift\nexec "$@"\n' >bin/timeout
+    chmod +x bin/timeout; ln bin/timeout bin/own-hook
     touch policy.json record.csv vxa.prom run.svg; truncate -s 1G sparse.zip]])
     :format(scratch, scratch, scratch, root))
 
