@@ -24,7 +24,7 @@ expect "a file of others" "did not install it: .*/a %S folder/fc/bin/vxa$" \
     eval '! files install "$scratch/stage$first" "$first"'
 rm -r "$scratch/a %S folder"
 if [ "$(id -u)" -eq 0 ]; then
-    mkdir -p -m 775 "$scratch/shared" "$scratch/theirs/ours"
+    mkdir -m 775 "$scratch/shared" && mkdir -p "$scratch/theirs/ours"
     chgrp 65534 "$scratch/shared" && chown 65534 "$scratch/theirs"
     ln -s theirs/ours "$scratch/link"
     expect "a folder of a group" "other users can: .*/shared$" \
