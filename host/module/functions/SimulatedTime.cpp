@@ -196,16 +196,23 @@ int ReplaceImports(dl_phdr_info*, std::size_t, void*)
 
 #endif
 
-// Returns 0 or an errno value.
-int TakeClock()
+// Whether the C library has the functions to replace.
+bool FindFunctions()
 {
     s_clock_gettime =
         reinterpret_cast<decltype(s_clock_gettime)>(dlsym(RTLD_DEFAULT, "clock_gettime"));
     s_gettimeofday =
         reinterpret_cast<decltype(s_gettimeofday)>(dlsym(RTLD_DEFAULT, "gettimeofday"));
     s_time = reinterpret_cast<decltype(s_time)>(dlsym(RTLD_DEFAULT, "time"));
-    if (!s_clock_gettime || !s_gettimeofday || !s_time) return ENOSYS;
-    return dl_iterate_phdr(ReplaceImports, nullptr);
+    return s_clock_gettime && s_gettimeofday && s_time;
+}
+
+// Returns 0 or an errno value.
+int TakeClock()
+{
+    // Once: afterwards, other threads may be in the replacements.
+    static const bool kIsFound = FindFunctions();
+    return kIsFound ? dl_iterate_phdr(ReplaceImports, nullptr) : ENOSYS;
 }
 
 // simulate_time([seconds])
