@@ -17,7 +17,7 @@ local scratch = os.getenv "FAKE_MACHINE" .. "/work/"
 os.execute(([[mkdir -p %sbin %sfolder; cd %s; ln -s %s/bin/vxa bin/vxa; mkfifo fifo.zip
     printf '#!/bin/sh\nshift\nexec "$@"\n' >bin/timeout
     chmod +x bin/timeout; ln bin/timeout bin/own-hook
-    touch policy.json record.csv vxa.prom run.svg; truncate -s 1G sparse.zip]])
+    touch c:d.zip policy.json record.csv vxa.prom run.svg; truncate -s 1G sparse.zip]])
     :format(scratch, scratch, scratch, root))
 
 -- ---- a package of a stranger ------------------------------------------------------------
@@ -37,7 +37,7 @@ testing.write(scratch .. "my package.zip", (testing.read(scratch .. "hostile.zip
 -- ---- lines and what is offered ----------------------------------------------------------
 
 local ALL_ENTRIES = "diag.log|state/a.jsonl|state/b.jsonl"
-local ZIPS = "fifo.zip|folder|hostile.zip|my package.zip|sparse.zip"
+local ZIPS = "c:d.zip|fifo.zip|folder|hostile.zip|my package.zip|sparse.zip"
 local cases = {
     { "vxa ru", "run" }, { "vxa help st", "status" }, { "vxa nothing --js", "" },
     { "vxa run --policy ", "bin|folder|policy.json" }, { "vxa run --policy=pol", "policy.json" },
@@ -53,6 +53,7 @@ local cases = {
     { "vxa show hostile.zip ", ALL_ENTRIES },
     { "vxa show --raw hostile.zip st", "state/a.jsonl|state/b.jsonl" },
     { "vxa show my\\ package.zip ", ALL_ENTRIES }, { "vxa show './hostile.zip' d", "diag.log" },
+    { "vxa show c:", "d.zip" }, { "vxa show -- hostile.zip d", "diag.log" }, { "vxa run -- -", "" },
     { "vxa show hostile.zip diag.log ", "" }, { "vxa show fifo.zip ", "" },
     { "vxa show sparse.zip ", "" }, { "vxa show missing.zip ", "" }, { "vxa show folder ", "" },
     { "vxa show $(touch\\ hit) ", "" }, { "vxa show `touch\\ hit`.zip ", "" },
