@@ -80,8 +80,15 @@ function Findings:count()
     return self.error + self.warning
 end
 
-function Findings:has_room()
-    return #self < self.most
+-- An error has room in a full list that has a warning, which it displaces.
+function Findings:has_room(severity)
+    return #self < self.most or severity == "error" and self.error < self.most
+end
+
+local function remove_last_warning(findings)
+    local last = #findings
+    while findings[last].severity ~= "warning" do last = last - 1 end
+    table.remove(findings, last)
 end
 
 -- Makes room for more findings, however many there are.
@@ -94,12 +101,15 @@ local DEFAULTS = { __index = { severity = "error", lead = "", effect = "", hint 
 function Findings:add(finding)
     if finding.detail and not self.detailed then return end
     setmetatable(finding, DEFAULTS)
+    local is_listed = self:has_room(finding.severity)
     self[finding.severity] = self[finding.severity] + 1
     if finding.wrong_type then
         self.wrong_types = self.wrong_types + 1
         self.first_wrong_type = self.first_wrong_type or finding
     end
-    if self:has_room() then self[#self + 1] = finding end
+    if not is_listed then return end
+    if #self == self.most then remove_last_warning(self) end
+    self[#self + 1] = finding
 end
 
 -- Returns a finding's sentence, as check() has it. It ends with the suggestion.
@@ -176,7 +186,7 @@ end
 -- Adds a finding about an unknown name and suggests a setting. `field` is how settings are named
 -- in this text: "key" in a policy, "conf" in the configuration file.
 function Findings:add_unknown(name, at, field, hint)
-    local similar = self:has_room() and #name <= LONGEST_SHOWN and most_similar(name)
+    local similar = self:has_room("error") and #name <= LONGEST_SHOWN and most_similar(name)
     self:add { at = at, key = shorten(name), lead = ("'%s' "):format(shorten(name)),
                message = "is not a setting; it is ignored", hint = hint,
                suggestion = similar and similar[field] or nil }
@@ -362,8 +372,9 @@ function health_policy.check(text, lenient)
 end
 
 -- Returns what the module reads, even from a text that check() refuses: the settings, nil if it
--- ignores the whole text; the list of findings, in the order of the text (at most 200; `error` and
--- `warning` are the numbers of all); and the positions of the settings by key.
+-- ignores the whole text; the list of findings, in the order of the text (at most 200, errors
+-- rather than warnings; `error` and `warning` are the numbers of all); and the positions of the
+-- settings by key.
 function health_policy.inspect(text)
     local findings = health_policy.findings(true)
     local members, message, _, _, at = parse(text, function(place, deviation)

@@ -121,6 +121,12 @@ function Reader:check_repeated(setting, value)
                    line) }
 end
 
+-- Returns the number as it was written, before it lost digits in single precision, unless the module
+-- takes it for a whole or an infinite number.
+local function unrounded(number, written)
+    return number % 1 ~= 0 and number < math.huge and tonumber(written) or number
+end
+
 -- Unlike in a policy, zero is out of bounds for every setting.
 function Reader:read_setting(setting, number, after_number)
     local value = self.line:sub(#setting.conf + 2)
@@ -135,8 +141,10 @@ function Reader:read_setting(setting, number, after_number)
     end
     local written = self.line:sub(#setting.conf + 2, after_number - 1):match("^%s*(.*)")
     local rest = self.line:sub(after_number)
+    local exact = unrounded(number, written)
     if number > 0 and number <= setting.max then
-        local effective = health_policy.effective(setting, number, self.findings, setting.conf, at)
+        local effective = health_policy.effective(setting, setting.threshold and number or exact,
+            self.findings, setting.conf, at)
         self:check_repeated(setting, effective)
         self:check_notation(setting, number, written, rest, at)
         self.values[setting.key], self.positions[setting.key] = effective, self.at
@@ -144,7 +152,7 @@ function Reader:read_setting(setting, number, after_number)
     else
         self:add { at = at, key = setting.conf, lead = setting.conf .. " ",
                    message = ("%.14g is out of bounds (above 0 to %d); the line is ignored")
-                       :format(number, setting.max),
+                       :format(exact, setting.max),
                    hint = why_out_of_bounds(number, written, rest) }
     end
 end

@@ -73,9 +73,14 @@ end
 
 local ENOENT, EFBIG = 2, 27  -- errno values
 
+-- Returns a system's message about a path without the path.
+function inspection.reason(path, message)
+    return message:sub(1, #path + 2) == path .. ": " and message:sub(#path + 3) or message
+end
+
 -- Returns why a file cannot be read, and what the module does then.
 local function explain(vxa, path, message, code)
-    if message:sub(1, #path + 2) == path .. ": " then message = message:sub(#path + 3) end
+    message = inspection.reason(path, message)
     local status = vxa.file_status(path)
     if status and status.kind ~= "file" then
         return ("is a %s, not a file; the module finds no settings in it"):format(status.kind)

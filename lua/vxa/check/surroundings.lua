@@ -3,6 +3,7 @@
 
 local environment = require "vxa.machine.environment"
 local health_policy = require "health_policy"
+local inspection = require "vxa.check.inspection"
 local messages = require "vxa.messages"
 local policy_source = require "vxa.policy_source"
 
@@ -56,6 +57,17 @@ local function check_removed_variables(self, before)
     end
 end
 
+local function check_engine_name(self)
+    local name, known = os.getenv "VXI_ENGINE" or "", self.vxa.engines()
+    for _, engine in ipairs(known) do
+        if engine == name then return end
+    end
+    if name ~= "" then
+        self:add("error", "environment", "VXI_ENGINE", "unknown engine '%s'; known engines: %s",
+            name, table.concat(known, ", "))
+    end
+end
+
 local function check_variables(self, before)
     for _, row in ipairs(VARIABLES) do
         local value = os.getenv(row[1]) or ""
@@ -63,6 +75,7 @@ local function check_variables(self, before)
             self:add("warning", "environment", row[1], "'%s': %s", value, row[2])
         end
     end
+    check_engine_name(self)
     local valid, message = self.vxa.check_environment()
     if not valid then
         self:add("error", "environment", message:match("^VXI_%u+"), "%s", message)
@@ -151,7 +164,9 @@ local function check_state(self, path)
     if not path then return end
     local status, message, code = self.vxa.file_status(path)
     if not status then
-        if code ~= ENOENT then self:add("error", path, nil, "cannot be used: %s", message) end
+        if code ~= ENOENT then
+            self:add("error", path, nil, "cannot be used: %s", inspection.reason(path, message))
+        end
     elseif status.kind ~= "directory" then
         self:add("error", path, nil, "is a %s, not a directory", status.kind)
     elseif writers(status, self.vxa.euid()) then
