@@ -16,17 +16,15 @@ local function load_module(name)
     local ok, result = pcall(require, name)
     if ok then return result end
     if exit.is_interrupt(result) then exit.after_signal("SIGINT") end
-    local cause = tostring(result)
+    local cause, hint = tostring(result), ""
     if cause:find("^module '" .. name .. "' not found") then
         local layout = require "vxa.layout"  -- bin/vxa defines it
         cause = ("no %s.so in %s"):format(name, layout.modules)
+        hint = " (not built or not installed; VXA_LIB can name its directory)"
+    elseif cause:find("undefined symbol", 1, true) then
+        hint = " (the loader found another version of a library; ldd shows which)"
     end
-    if cause:find("undefined symbol", 1, true) then
-        exit.fail(1, "cannot load module '%s': %s (the loader found another version of a library; "
-            .. "ldd shows which)", name, cause)
-    end
-    exit.fail(1, "cannot load module '%s': %s (not built or not installed; VXA_LIB can name its "
-        .. "directory)", name, cause)
+    exit.fail(1, "cannot load module '%s': %s%s", name, cause, hint)
 end
 
 -- Loads the host module in an environment that is safe for it. Do this first. From then on
