@@ -75,7 +75,7 @@ local function missing_row(name, reason)
              sha256 = json.null, milliseconds = json.null }
 end
 
--- The rows of the copy's manifest, each name once.
+-- The rows of the copy's manifest, each name once and without its own.
 local Rows = {}
 Rows.__index = Rows
 
@@ -101,7 +101,8 @@ local MOST_LEFT_OUT, LONGEST_NAME = 1000, 256
 
 -- `old`: the rows of the original's manifest.
 local function entry_rows(redaction, old, written, left_out)
-    local rows, entries = setmetatable({ list = array {}, seen = {} }, Rows), by_name(written)
+    local rows = setmetatable({ list = array {}, seen = { [manifest.NAME] = true } }, Rows)
+    local entries = by_name(written)
     for _, row in ipairs(old) do
         if entries[row.name] then
             rows:add_written(entries[row.name], row)
@@ -186,7 +187,7 @@ local function inspect(vxa, path)
         found.problems = manifest.verify(vxa, path, found.manifest, #entries).problems
     else
         if found.has_manifest then
-            table.insert(found.left_out, { name = manifest.NAME, reason = found.raw })
+            found.problems = { { name = manifest.NAME, problem = "cannot be used: " .. found.raw } }
         end
         found.raw = nil
     end
@@ -212,11 +213,10 @@ local function judge(found, path)
         return ("%s is left out: %s"):format(row.name, row.reason)
     end, "entries are left out")
     complain(found.problems, function(row)
-        return ("%s is not what its manifest describes: %s: %s"):format(path, row.name,
-            row.problem)
+        local what = row.name == manifest.NAME and "" or " is not what its manifest describes"
+        return ("%s%s: %s: %s"):format(path, what, row.name, row.problem)
     end, "such entries")
-    local is_unusable = found.has_manifest and not found.manifest
-    return (is_unusable or #found.problems > 0) and 1 or 0
+    return #found.problems > 0 and 1 or 0
 end
 
 local function check_names(vxa, options)

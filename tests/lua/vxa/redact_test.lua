@@ -196,6 +196,13 @@ equal(json.decode((command "show --json bare.out")).verified.problems, {}, "its 
 
 -- ---- wrong calls --------------------------------------------------------------------------
 
+archive = vxa.ZipOutputStream(SCRATCH .. "torn.zip")
+archive:add("diag.log", "x\n")
+archive:add("manifest.json", "{")
+archive:close()
+matches(command "redact torn.zip torn-masked.zip", "torn.zip: manifest.json: cannot be used: ")
+matches(command "show torn-masked.zip", "original +manifest.json: .*sums +1 entry matches")
+
 archive = vxa.ZipOutputStream(SCRATCH .. "foreign.zip")
 archive:add("a", "b")
 archive:close()
