@@ -33,7 +33,6 @@ void OpenLogs(lua_State* L);             // trace, verbose, log_to, capture, cap
 void OpenPrograms(lua_State* L);         // run_program
 void OpenSignals(lua_State* L);          // sleep, catch_signals, interrupted, reloads
 void OpenSimulatedMemory(lua_State* L);  // simulate_memory
-void OpenSimulatedTime(lua_State* L);    // simulate_time
 void OpenSystem(lua_State* L);           // clock, time, setenv, isatty, uname, ...
 void OpenTerminalText(lua_State* L);     // printable, hexdump
 void OpenVersions(lua_State* L);         // versions, build_id

@@ -60,7 +60,6 @@ int OpenModule(lua_State* L)
     OpenRedactions(L);
     OpenSignals(L);
     OpenSimulatedMemory(L);
-    OpenSimulatedTime(L);
     OpenSystem(L);
     OpenTerminalText(L);
     OpenVersions(L);

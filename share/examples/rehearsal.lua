@@ -5,8 +5,18 @@
 --
 -- The script and the module fc are those that an agent runs. Simulated are the machine and its
 -- driver (the engine "sim"), time (a tick is twenty seconds, but nothing waits) and the failures.
--- Run it as an ordinary user: as root, the module would write its log of the settings in force.
--- Nothing is left behind. Copy it, and add what your own script must do.
+-- Time needs Debian's package faketime. Run it as an ordinary user: as root, the module would write
+-- its log of the settings in force. Nothing is left behind. Copy it, and add what your own script
+-- must do.
+
+-- Runs this script again with a clock that stands at the environment variable FAKETIME, in seconds
+-- since the epoch.
+if not os.getenv "FAKETIME" then
+    local _, _, status = os.execute("FAKETIME_NO_CACHE=1 FAKETIME_FMT=%s exec faketime "
+        .. "--exclude-monotonic -f " .. os.time() .. " lua5.2 '"
+        .. arg[0]:gsub("'", "'\\''") .. "'")
+    os.exit(status)
+end
 
 local folder = arg[0]:match("^(.*/)") or ""
 local vxa = require "vxa"
@@ -69,7 +79,7 @@ local now = os.time()
 local function run(count)
     for _ = 1, count do
         now, ticks = now + SECONDS_PER_TICK, ticks + 1
-        assert(vxa.simulate_time(now))
+        vxa.setenv("FAKETIME", ("%d"):format(now))
         local machine = vxa.simulated_machine()
         vxa.setenv("VXA_SIMULATED_LOAD", ("%.2f"):format(machine.run_queue_length))
         vxa.setenv("VXA_SIMULATED_CPUS", ("%d"):format(machine.cpu_count))
@@ -160,7 +170,6 @@ assert(vxa.simulate(("interval_s=%d,scenario=%s"):format(SECONDS_PER_TICK,
     table.concat(phases, "/"))))
 
 local started = vxa.clock()
-assert(vxa.simulate_time(now))
 script.start(agent)
 assert(script.set_policy(POLICY))
 for _, situation in ipairs(situations) do

@@ -629,13 +629,6 @@ function vxa.simulated_machine() end
 ---@return integer? number
 function vxa.simulate_memory(total_kb, free_kb) end
 
----Makes the system's clock stand at this time for the libraries of this process.
----@param seconds? number since the epoch; nil: the system's clock again
----@return true? simulated
----@return string? message
----@return integer? number
-function vxa.simulate_time(seconds) end
-
 ---Makes writes beyond this size of a file fail with "File too large".
 ---@param bytes? integer nil: the limit of before
 ---@return true? limited

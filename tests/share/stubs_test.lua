@@ -198,7 +198,7 @@ local POLICY = [[{ "SYS_CONF_CONN_REFUSAL_PORT": 443, "SYS_CONF_MIN_ACT_DURATION
 local function cycle(load, script)
     uptime(load)
     now = now + 20
-    call("vxa.simulate_time", now)
+    call("vxa.setenv", "FAKETIME", ("%d"):format(now))
     call("vxa.fault", script)
     return call("filter.Monitor:cycle", monitor)
 end
@@ -215,7 +215,7 @@ options.observe, options.policy, options.settings = true, nil, { SYS_THR_RUNQ = 
 monitor = call("filter.new", options)
 call("filter.Monitor:set_policy", monitor, POLICY, options.settings)
 cycle(9)
-call "vxa.simulate_time"
+call("vxa.setenv", "FAKETIME", "+0")
 call_all {
     { "vxa.latest_scan" }, { "SLB.filter.GetSysHealthMetrics" },
     { "SLB.filter.GetSysHealthEnabled" }, { "SLB.filter.GetScanMetricPort" },
@@ -236,9 +236,9 @@ call("SLB.filter.AddToConnMetrics", "key",
 call_all {
     { "filter.Feedback:sample", feedback, { flow } }, { "filter.Feedback:due", feedback },
     { "filter.Feedback:rest", feedback, true }, { "filter.Feedback:pending", feedback },
-    { "vxa.simulate_time", os.time() + 100 }, { "SLB.filter.UpdateConnMetrics" },
+    { "vxa.setenv", "FAKETIME", "+100" }, { "SLB.filter.UpdateConnMetrics" },
     { "SLB.filter.GetConnMetrics" }, { "filter.Feedback:report", feedback },
-    { "filter.Feedback:restore", feedback, {} }, { "vxa.simulate_time" },
+    { "filter.Feedback:restore", feedback, {} }, { "vxa.setenv", "FAKETIME", "+0" },
 }
 
 -- ---- policies ---------------------------------------------------------------------------

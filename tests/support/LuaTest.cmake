@@ -13,12 +13,12 @@ list(GET SANITIZER_ENVIRONMENT 0 lsan_options)
 set(SANITIZER_PROPERTIES ENVIRONMENT ${lsan_options}
     ENVIRONMENT_MODIFICATION "TSAN_OPTIONS=set:halt_on_error=1")
 
-# add_lua_test(NAME SCRIPT [RECORDER] [ENVIRONMENT VARIABLE=VALUE...]): the script under stock
-# lua5.2, on the built libraries and a fake machine; RECORDER: with the recording driver in the
-# place of libvxi.
+# add_lua_test(NAME SCRIPT [RECORDER] [PRELOAD LIBRARY...] [ENVIRONMENT VARIABLE=VALUE...]): the
+# script under stock lua5.2, on the built libraries and a fake machine; RECORDER: with the recording
+# driver in the place of libvxi.
 function(add_lua_test name script)
-    cmake_parse_arguments(PARSE_ARGV 2 arg "RECORDER" "" "ENVIRONMENT")
-    set(preload ${SANITIZER_PRELOAD} $<TARGET_FILE:fixed_paths>)
+    cmake_parse_arguments(PARSE_ARGV 2 arg "RECORDER" "" "PRELOAD;ENVIRONMENT")
+    set(preload ${SANITIZER_PRELOAD} $<TARGET_FILE:fixed_paths> ${arg_PRELOAD})
     if(arg_RECORDER)
         list(APPEND preload $<TARGET_FILE:recorder>)
     endif()
