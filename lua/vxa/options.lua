@@ -38,6 +38,9 @@ local function time(name)
     return function(text)
         local seconds = times.parse(text, os.time())
         if seconds then return seconds end
+        if times.parse(text .. "Z") then
+            return nil, ("%s %s does not exist: the local clock skips it"):format(name, text)
+        end
         return nil, ("%s must be a date (2026-11-22), a time (2026-11-22T04:06; in UTC with Z at "
             .. "its end) or a duration (7d, 12h, 30m), not '%s'"):format(name, text)
     end

@@ -123,6 +123,8 @@ for _, row in ipairs {
     { "history", 2, "missing option '%-%-state'" },
     { "history --state folder", 2, "folder/transitions.jsonl does not exist" },
     { "history --state folder --since 2026-02-29", 2, "%-%-since must be a date .* not '2026" },
+    { "plot a.csv -o a.svg --since 2026-03-29T02:30", 2, "T02:30 does not exist: the local clock",
+      "TZ=CET-1CEST,M3.5.0,M10.5.0/3" },
     { "history --state folder --since 2999-01-01", 2, "%-%-since 2999%-01%-01 00:00:00 is in" },
     { "show --raw p.zip", 2, "%-%-raw needs an entry" },
     { "show other.zip", 2, "other.zip: not? .*zip archive" },
