@@ -121,8 +121,8 @@ function Reader:check_repeated(setting, value)
                    line) }
 end
 
--- Returns the number as it was written, before it lost digits in single precision, unless the module
--- takes it for a whole or an infinite number.
+-- Returns the number as it was written, before it lost digits in single precision, unless the
+-- module takes it for a whole or an infinite number.
 local function unrounded(number, written)
     return number % 1 ~= 0 and number < math.huge and tonumber(written) or number
 end
