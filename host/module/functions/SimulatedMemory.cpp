@@ -33,7 +33,9 @@ bool BindOverMeminfo(int file)
 bool CoverMeminfo()
 {
     if (s_meminfo >= 0) return true;
-    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+    // Only mounts in /proc must stay private; in a chroot, "/" is often not a mount point.
+    if (unshare(CLONE_NEWNS) != 0 ||
+        mount("none", "/proc", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
         return false;
     char name[] = "/tmp/vxa-meminfo-XXXXXX";
     const int file = mkostemp(name, O_CLOEXEC);
