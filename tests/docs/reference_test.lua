@@ -214,6 +214,14 @@ expect_messages(read("plugins/filter imports/slb3/SLB3 host" .. CODE), reference
 expect_messages(table.concat(matches(read "lua bin ! -path '*/plot/*'", table.unpack(LUA_CALLS)),
     ";"), reference, REFERENCE)
 
+-- No call has findings as its argument; fewer words can also be a name or a part of a finding.
+local findings = read "lua/health_policy.lua lua/strict_json.lua lua/vxa/check"
+for _, message in ipairs(select(2, literals(findings))) do
+    if message:find "%a+ %a+ %a+ %a+ %a+" then
+        expect_messages(('"%s"'):format(message), reference, REFERENCE)
+    end
+end
+
 -- Each trace and log message in the table of its category.
 local module = read("plugins/filter" .. CODE)
 for heading, pattern in pairs {
