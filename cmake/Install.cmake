@@ -54,6 +54,8 @@ file(GLOB documents RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS
 foreach(document ${documents})
     install_document(${document})
 endforeach()
+file(GLOB pictures CONFIGURE_DEPENDS docs/*.png)
+install(FILES ${pictures} DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/fc COMPONENT documentation)
 file(GLOB documents RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS
     host/driver/engines/*/README.md)
 foreach(document ${documents})

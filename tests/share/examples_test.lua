@@ -42,4 +42,7 @@ t.matches(output, { "enter fail%-open %(rqpct 0, threshold 0.1%)", "stay fail%-o
 t.matches(scratch.shell("unzip -l p.zip"), { "vxa_stats.txt", "script.txt" }, "package")
 t.matches(run(examples, "agent.lua 2>&1"), "^usage: ", "usage")
 
+t.matches(scratch.shell(("$VXA_ROOT/bin/vxa replay %soverload.csv --policy %soverload.json")
+    :format(examples, examples)), "/overload.json +3 .- rqpct 3, refusalpct 1\n", "record")
+
 t.finish()
