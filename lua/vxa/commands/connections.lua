@@ -7,7 +7,8 @@ local option = require "vxa.options"
 local session = require "vxa.session"
 
 local function define(command)
-    command:description("Feed this machine's connections to the module and show its reports.")
+    command:description("Feed this machine's connections to the module and show its reports, "
+        .. "until Ctrl-C.")
     command:epilog(("The module publishes at most once every %d seconds, so the first report "
         .. "comes %d seconds after the start. Until Ctrl-C or --cycles, each sample prints a line "
         .. "with the number of new connections. Connections that were not published by then are "

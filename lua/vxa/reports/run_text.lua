@@ -79,7 +79,7 @@ function Report:row(time, action, cell)
     return (table.concat(cells, " "):gsub(" +$", ""))
 end
 
--- The names of the metrics, and their thresholds below.
+-- The names of the metrics, and below them the thresholds, unless nothing is judged.
 function Report:show_heading(metrics)
     if not self:needs_heading(metrics) then return end
     self:set_columns(metrics)
@@ -88,7 +88,7 @@ function Report:show_heading(metrics)
     local function name(i) return filter.metrics[i].name end
     local function threshold(i) return bound(i, self.thresholds[i]) end
     console.line("%s%s%s", colours.bold, self:row("time", "action", name), colours.off)
-    if next(self.thresholds) then
+    if next(self.thresholds) and not self.options.observe then
         console.line("%s%s%s", colours.bold, self:row("", "", threshold), colours.off)
     end
 end
