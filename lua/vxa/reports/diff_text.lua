@@ -17,7 +17,8 @@ local function origin(package)
     add("", "end")
     add("vxa ", "version")
     add("engine ", "engine")
-    add("", "state", "fail_open")
+    local has_ended = package:member("string", "state", "run_ended") ~= nil
+    add(has_ended and "run ended while " or "", "state", "fail_open")
     return #parts > 0 and ": " .. table.concat(parts, ", ") or ""
 end
 
