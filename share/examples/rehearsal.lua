@@ -5,15 +5,16 @@
 --
 -- The script and the module fc are those that an agent runs. Simulated are the machine and its
 -- driver (the engine "sim"), time (a tick is twenty seconds, but nothing waits) and the failures.
--- Time needs Debian's package faketime. Run it as an ordinary user: as root, the module would write
--- its log of the settings in force. Nothing is left behind. Copy it, and add what your own script
--- must do.
+-- Time needs Debian's package libfaketime. Run it as an ordinary user: as root, the module would
+-- write its log of the settings in force. Nothing is left behind. Copy it, and add what your own
+-- script must do.
 
--- Runs this script again with a clock that stands at the environment variable FAKETIME, in seconds
--- since the epoch.
+-- Runs this script again with libfaketime, whose clock stands at the environment variable FAKETIME,
+-- in seconds since the epoch. The loader replaces $LIB by the folder of the system's libraries.
 if not os.getenv "FAKETIME" then
-    local _, _, status = os.execute("FAKETIME_NO_CACHE=1 FAKETIME_FMT=%s exec faketime "
-        .. "--exclude-monotonic -f " .. os.time() .. " lua5.2 '"
+    local _, _, status = os.execute("FAKETIME=" .. os.time() .. " FAKETIME_NO_CACHE=1 "
+        .. "FAKETIME_FMT=%s FAKETIME_DONT_FAKE_MONOTONIC=1 "
+        .. "LD_PRELOAD='/usr/$LIB/faketime/libfaketime.so.1' exec lua5.2 '"
         .. arg[0]:gsub("'", "'\\''") .. "'")
     os.exit(status)
 end
@@ -80,6 +81,7 @@ local function run(count)
     for _ = 1, count do
         now, ticks = now + SECONDS_PER_TICK, ticks + 1
         vxa.setenv("FAKETIME", ("%d"):format(now))
+        assert(os.time() == now, "the clock cannot be set: install Debian's package libfaketime")
         local machine = vxa.simulated_machine()
         vxa.setenv("VXA_SIMULATED_LOAD", ("%.2f"):format(machine.run_queue_length))
         vxa.setenv("VXA_SIMULATED_CPUS", ("%d"):format(machine.cpu_count))
