@@ -57,6 +57,8 @@ endfunction()
 # The host modules of a preset, loaded by Lua as NAME.so from its lib folder.
 function(add_lua_module name)
     add_library(${name} MODULE ${ARGN})
-    set_target_properties(${name} PROPERTIES PREFIX "")
+    # Installed modules find the libraries wherever the installation is moved.
+    set_target_properties(${name} PROPERTIES PREFIX ""
+        INSTALL_RPATH "$ORIGIN/../.." INSTALL_RPATH_USE_LINK_PATH ON)
     target_link_libraries(${name} PRIVATE lua_headers)
 endfunction()

@@ -26,8 +26,6 @@ endfunction()
 install(TARGETS fc LIBRARY DESTINATION ${lua_modules} COMPONENT module)
 install(FILES lua/filter.lua lua/health_policy.lua lua/strict_json.lua
     DESTINATION ${lua_scripts} COMPONENT module)
-# The modules find the libraries wherever the installation is moved.
-set_target_properties(fc PROPERTIES INSTALL_RPATH "$ORIGIN/../.." INSTALL_RPATH_USE_LINK_PATH ON)
 
 # ---- its documentation --------------------------------------------------------------------
 
@@ -78,7 +76,6 @@ install(TARGETS vxi vxa_core EXPORT fc
 # ---- the command --------------------------------------------------------------------------
 
 install(TARGETS vxa LIBRARY DESTINATION ${lua_modules} COMPONENT command)
-set_target_properties(vxa PROPERTIES INSTALL_RPATH "$ORIGIN/../.." INSTALL_RPATH_USE_LINK_PATH ON)
 install(DIRECTORY lua/vxa DESTINATION ${command_files}/lua COMPONENT command)
 install(PROGRAMS share/simulated/nproc share/simulated/uptime
     DESTINATION ${command_files}/simulated COMPONENT command)

@@ -204,4 +204,14 @@ function session.close_document(attached)
     if not closed then exit.fail(1, "cannot save the host document: %s", message) end
 end
 
+-- Returns what the engine delivers on this machine, and the driver's message if that is unknown.
+function session.capabilities(vxa)
+    local handle, message = vxa.open()
+    if not handle then return {}, message end
+    local rows
+    rows, message = handle:capabilities()
+    handle:close()
+    return rows or {}, message
+end
+
 return session

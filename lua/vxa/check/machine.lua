@@ -1,12 +1,14 @@
 -- What this machine shows of the metrics at the moment, and the limits of what it can show.
 
+local resources = require "vxa.machine.resources"
+local session = require "vxa.session"
+
 local machine = {}
 
-local PROC = "/proc/"
 local MOST_BYTES = 65536
 
 local function number_in(vxa, path)
-    return tonumber(vxa.read_file(PROC .. path, MOST_BYTES) or "")
+    return tonumber(vxa.read_file(resources.PROC .. "/" .. path, MOST_BYTES) or "")
 end
 
 -- Returns the output of a command of the module's, which runs it through the shell as well, and
@@ -42,8 +44,7 @@ end
 local function of_this_machine(vxa)
     local uptime, uptime_path = run "uptime"
     local nproc, nproc_path = run "nproc"
-    local meminfo = vxa.read_file(PROC .. "meminfo", MOST_BYTES) or ""
-    local function kb(name) return tonumber(meminfo:match(name .. ": *(%d+) kB")) end
+    local kb = resources.meminfo(vxa)
     return {
         uptime_path = uptime_path, load = uptime and load_in(uptime),
         nproc_path = nproc_path, cpus = nproc and tonumber(nproc:match("^%s*(%d+)")),
@@ -54,14 +55,8 @@ end
 
 -- Adds what the engine says about its tables.
 local function add_capabilities(vxa, found)
-    local handle, message = vxa.open()
-    local rows
-    if handle then
-        rows, message = handle:capabilities()
-        handle:close()
-    end
-    found.capabilities, found.driver_error = rows or {}, message
-    found.cannot_count = message
+    found.capabilities, found.driver_error = session.capabilities(vxa)
+    found.cannot_count = found.driver_error
     for _, row in ipairs(found.capabilities) do
         if row.name == "scan-metrics" and not row.available then found.cannot_count = row.detail end
     end

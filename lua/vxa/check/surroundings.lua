@@ -16,10 +16,8 @@ function surroundings.remember()
     os.setlocale("", "numeric")
     local has_comma = ("%.1f"):format(0.5) == "0,5"
     os.setlocale("C", "numeric")
-    local before = { has_comma = has_comma }
-    for _, name in ipairs { "PATH", "OMP_NUM_THREADS", "OMP_THREAD_LIMIT" } do
-        before[name] = os.getenv(name)
-    end
+    local before = { has_comma = has_comma, PATH = os.getenv("PATH") }
+    for _, name in ipairs(environment.NPROC_VARIABLES) do before[name] = os.getenv(name) end
     return before
 end
 
@@ -44,7 +42,7 @@ local VARIABLES = {
 
 -- What vxa removes for itself.
 local function check_removed_variables(self, before)
-    for _, name in ipairs { "OMP_NUM_THREADS", "OMP_THREAD_LIMIT" } do
+    for _, name in ipairs(environment.NPROC_VARIABLES) do
         if before[name] then
             self:add("warning", "environment", name, "'%s' changes what nproc prints; vxa removes "
                 .. "it, an agent has to", before[name])

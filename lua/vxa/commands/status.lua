@@ -19,20 +19,11 @@ local function define(command)
     option.add_json(command)
 end
 
-local function capabilities(vxa)
-    local handle, message = vxa.open()
-    if not handle then return {}, message end
-    local rows
-    rows, message = handle:capabilities()
-    handle:close()
-    return rows or {}, message
-end
-
 -- Returns everything that is shown, as text or as JSON.
 local function inspect(monitored)
     local result = session.run_cycle(monitored)
     local has_port, port = SLB.filter.GetScanMetricPort()
-    local rows, driver_error = capabilities(monitored.vxa)
+    local rows, driver_error = session.capabilities(monitored.vxa)
     return {
         result = result, monitoring = SLB.filter.GetSysHealthEnabled(),
         port = has_port and port or nil, policy = monitored.policy,

@@ -6,13 +6,17 @@ local environment = {}
 local STANDARD_PATH = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
 
 -- nproc prints OMP_NUM_THREADS instead of the number of processors, and at most
--- OMP_THREAD_LIMIT. In a locale with a decimal comma uptime prints "0,52", which the module
--- does not read as a number.
-local unwanted = { "OMP_NUM_THREADS", "OMP_THREAD_LIMIT", "LC_NUMERIC", "LC_TIME", "LANGUAGE",
-                   "POSIXLY_CORRECT" }
+-- OMP_THREAD_LIMIT.
+environment.NPROC_VARIABLES = { "OMP_NUM_THREADS", "OMP_THREAD_LIMIT" }
+
+-- In a locale with a decimal comma uptime prints "0,52", which the module does not read as a
+-- number.
+local FORMAT_VARIABLES = { "LC_NUMERIC", "LC_TIME", "LANGUAGE", "POSIXLY_CORRECT" }
 
 function environment.scrub(vxa)
-    for _, name in ipairs(unwanted) do vxa.setenv(name, nil) end
+    for _, names in ipairs { environment.NPROC_VARIABLES, FORMAT_VARIABLES } do
+        for _, name in ipairs(names) do vxa.setenv(name, nil) end
+    end
     vxa.setenv("LC_ALL", "C.UTF-8")
     -- Root must not run commands from a directory of the caller's choice. For others, the module
     -- finds its commands also if PATH lacks them.

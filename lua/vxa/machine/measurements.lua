@@ -5,6 +5,7 @@
 -- status line is exact: the same divisions give the same values to the last bit. Load and memory
 -- that the module does not trace are sampled here, from the same sources.
 
+local resources = require "vxa.machine.resources"
 local session = require "vxa.session"
 local simulation = require "vxa.machine.simulation"
 
@@ -57,8 +58,8 @@ local function load_now(vxa)
 end
 
 local function memory_now(vxa)
-    local text = vxa.read_file("/proc/meminfo", MOST_BYTES) or ""
-    return text:match("MemTotal: +(%d+) kB"), text:match("MemFree: +(%d+) kB")
+    local kb = resources.meminfo(vxa)
+    return kb "MemTotal", kb "MemFree"
 end
 
 local function run_queue(vxa, records)

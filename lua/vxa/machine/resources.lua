@@ -16,9 +16,14 @@ local function stalled(vxa, resource)
     return text and tonumber(text:match("some avg10=(%S+)"))
 end
 
+-- Returns a function that returns the kB of a name in /proc/meminfo, or nil.
+function resources.meminfo(vxa)
+    local text = vxa.read_file(resources.PROC .. "/meminfo", MOST_BYTES) or ""
+    return function(name) return tonumber(text:match(name .. ": *(%d+) kB")) end
+end
+
 local function available_bytes(vxa)
-    local text = vxa.read_file(resources.PROC .. "/meminfo", MOST_BYTES)
-    local kb = text and tonumber(text:match("MemAvailable: *(%d+) kB"))
+    local kb = resources.meminfo(vxa) "MemAvailable"
     return kb and kb * 1024
 end
 
