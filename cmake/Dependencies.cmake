@@ -57,8 +57,10 @@ endfunction()
 # The host modules of a preset, loaded by Lua as NAME.so from its lib folder.
 function(add_lua_module name)
     add_library(${name} MODULE ${ARGN})
-    # Installed modules find the libraries wherever the installation is moved.
-    set_target_properties(${name} PROPERTIES PREFIX ""
-        INSTALL_RPATH "$ORIGIN/../.." INSTALL_RPATH_USE_LINK_PATH ON)
+    # Modules find the libraries beside them in the build, and wherever the installation is moved.
+    # A RUNPATH to be replaced at installation would end in an empty part until then, for which
+    # the loader takes the current folder.
+    set_target_properties(${name} PROPERTIES PREFIX "" BUILD_WITH_INSTALL_RPATH ON
+        INSTALL_RPATH "$ORIGIN;$ORIGIN/../.." INSTALL_RPATH_USE_LINK_PATH ON)
     target_link_libraries(${name} PRIVATE lua_headers)
 endfunction()

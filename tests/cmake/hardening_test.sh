@@ -13,6 +13,7 @@ for module in "$@"; do
     [ "$fortified" = 0 ] || has "fortified function" ' __v?snprintf_chk' "$symbols"
     has "immediate binding" 'Flags:.* NOW' "$headers"
     has "read-only relocations" ' GNU_RELRO ' "$headers"
+    ! grep -E 'RUNPATH.*(\[:|::|:\])' <<<"$headers" || status=1  # the loader would search "."
     has "stack without execution" ' GNU_STACK .* RW ' "$headers"
     [ "$(uname -m)" = x86_64 ] || continue
     code=$(objdump -d --no-show-raw-insn "$module")
